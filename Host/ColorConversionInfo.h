@@ -1,0 +1,69 @@
+#pragma once
+
+// What a colour conversion is to do, and the numbers that follow from it: plain values with derived
+// getters. Luminances are in cd/m2. Light of 1.0 is SDR white in SDR spaces and 100 cd/m2 in PQ and
+// display-referred HLG light, which is why reference white appears in the scale.
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "Host/Color.h"
+
+namespace Norvex::Proc {
+
+// Which light the conversion works in between decoding and encoding.
+enum class LinearizationMode : std::uint32_t {
+    SceneReferred = 0, // inverse of the camera's transfer functions (ITU-R BT.709 OETF, HLG OETF)
+    DisplayReferredHDR = 1, // light of the display, for output to an HDR display
+    DisplayReferred = 2,    // light of the display
+};
+
+// The derived numbers given outright, for comparisons with other converters.
+struct RawConversionParams {
+    float pqTonemapA = 0.0F;
+    float pqTonemapB = 0.0F;
+    float displayPeakLuminance = 1000.0F; // cd/m2, > 0
+    float hlgOOTFGamma = 1.2F;            // > 0
+    float linearScale = 1.0F;
+
+    friend bool operator==(const RawConversionParams&, const RawConversionParams&) = default;
+};
+
+struct NORVEX_HOST_API ColorConversionInfo {
+    Conf::RGBColorSpace source;
+    Conf::RGBColorSpace target;
+    LinearizationMode mode = LinearizationMode::DisplayReferred;
+    float linearScale = 1.0F;
+    float sourcePeakLuminance = 1000.0F;    // peak of the mastering display, > 0
+    float targetPeakLuminance = 1000.0F;    // peak of the target display, > 0
+    float referenceWhite = 203.0F;          // HDR reference white, ITU-R BT.2408-7, 2.1; > 0
+    std::optional<RawConversionParams> raw; // when set, all getters answer from here
+
+    // Factor on linear light: linearScale x (100 / referenceWhite when the source is PQ or HLG)
+    // x (referenceWhite / 100 when the target is PQ or HLG). So SDR white becomes referenceWhite in
+    // PQ and back.
+    float GetLinearScale() const;
+
+    // {A, B} of the tone curve (1 + A m) / (1 + B m) on the channel maximum m (1.0 = 100 cd/m2).
+    // (0, 0) unless the source is PQ and its peak exceeds the target's; else, with L = source peak
+    // / 100 and D = target peak / 100, A = D / L^2 and B = 1 / D: the identity at black, and L goes
+    // to D. An SDR target's peak is its white, which stands for referenceWhite; SDR is every target
+    // but PQ, HLG, and linear light in mode DisplayReferredHDR.
+    std::pair<float, float> GetPQTonemapCoefs() const;
+
+    // Peak of the display that the HLG signal is shown on (source HLG: the target's peak, which is
+    // the display it is decoded for) or made for (target HLG).
+    float GetHLGDisplayPeakLuminance() const;
+
+    // System gamma for that peak: ITU-R BT.2100-2, table 5, note 5f: 1.2 + 0.42 log10(peak / 1000)
+    // from 400 to 2000 cd/m2; outside, ITU-R BT.2390-8, 6.2: 1.2 x 1.111^log2(peak / 1000).
+    float GetHLGOOTFGamma() const;
+};
+
+struct NORVEX_HOST_API ColorAlphaConversionInfo : ColorConversionInfo {
+    AlphaType sourceAlpha = AlphaType::NonPremultiplied;
+    AlphaType targetAlpha = AlphaType::NonPremultiplied;
+};
+
+} // namespace Norvex::Proc

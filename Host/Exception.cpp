@@ -1,0 +1,11 @@
+#include "Host/Exception.h"
+
+namespace Norvex {
+
+Exception::~Exception() noexcept = default;
+
+const char* Exception::what() const noexcept {
+    return "Norvex exception";
+}
+
+} // namespace Norvex

@@ -1,0 +1,41 @@
+#pragma once
+
+// Read access to the Windows registry. Failures are empty results, never exceptions: whoever reads
+// the registry has to live without the value. One RegKey is used by one thread at a time.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Platform/Direct3D.h"
+#include "Platform/Export.h"
+
+namespace Norvex::Core {
+
+class NORVEX_HOST_API RegKey {
+public:
+    RegKey() = default;
+    RegKey(RegKey&& other) noexcept;
+    RegKey& operator=(RegKey&& other) noexcept;
+    ~RegKey();
+
+    // Opens the subkey `path` of `parent` with `access` (KEY_READ, ...), closing what was open.
+    // False on failure.
+    bool Open(HKEY parent, const std::wstring& path, REGSAM access);
+    bool Open(const RegKey& parent, const std::wstring& path, REGSAM access);
+    void Close();
+    bool IsOpen() const { return m_key != nullptr; }
+
+    // The name of subkey `index` (from 0); empty at the end and on failure.
+    std::optional<std::wstring> EnumKey(std::uint32_t index) const;
+    // The REG_SZ or REG_EXPAND_SZ value (not expanded), up to its terminating zero; empty when
+    // missing or of another type.
+    std::optional<std::wstring> QueryString(const std::wstring& name) const;
+    // The REG_QWORD value; empty when missing or of another type.
+    std::optional<std::uint64_t> QueryQword(const std::wstring& name) const;
+
+private:
+    HKEY m_key = nullptr;
+};
+
+} // namespace Norvex::Core

@@ -1,0 +1,101 @@
+#pragma once
+
+// CComPtr, the owning reference to a COM interface. ATL's own where the toolchain has ATL; elsewhere this
+// stand-in with the same name, members and semantics, as far as the library and its hosts use them.
+// Not thread-safe, like ATL's: one CComPtr object is used by one thread at a time.
+
+#include "Platform/Direct3D.h"
+
+#if defined(_MSC_VER) && __has_include(<atlbase.h>)
+
+#include <atlbase.h>
+
+#else
+
+#include <cassert>
+#include <utility>
+
+#include <combaseapi.h>
+
+template <class T>
+class CComPtr {
+public:
+    CComPtr() noexcept = default;
+    CComPtr(std::nullptr_t) noexcept {}
+    CComPtr(T* other) noexcept : p(other) { AddRefIfSet(); }
+    CComPtr(const CComPtr& other) noexcept : CComPtr(other.p) {}
+    CComPtr(CComPtr&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
+    template <class U>
+    CComPtr(const CComPtr<U>& other) noexcept : CComPtr(static_cast<T*>(other.p)) {}
+    ~CComPtr() { Release(); }
+
+    CComPtr& operator=(T* other) noexcept {
+        CComPtr(other).Swap(*this);
+        return *this;
+    }
+    CComPtr& operator=(const CComPtr& other) noexcept { return *this = other.p; }
+    CComPtr& operator=(CComPtr&& other) noexcept {
+        CComPtr(std::move(other)).Swap(*this);
+        return *this;
+    }
+
+    operator T*() const noexcept { return p; }
+    T& operator*() const noexcept { return *p; }
+    T* operator->() const noexcept { return p; }
+    bool operator!() const noexcept { return p == nullptr; }
+
+    // The address to receive an interface through; the pointer must be empty, or its reference would leak.
+    T** operator&() noexcept {
+        assert(p == nullptr);
+        return &p;
+    }
+
+    void Release() noexcept {
+        if (T* held = std::exchange(p, nullptr)) {
+            held->Release();
+        }
+    }
+    void Attach(T* other) noexcept {
+        Release();
+        p = other;
+    }
+    T* Detach() noexcept { return std::exchange(p, nullptr); }
+
+    HRESULT CopyTo(T** out) const noexcept {
+        if (out == nullptr) {
+            return E_POINTER;
+        }
+        AddRefIfSet();
+        *out = p;
+        return S_OK;
+    }
+    template <class Q>
+    HRESULT QueryInterface(Q** out) const noexcept {
+        return p->QueryInterface(__uuidof(Q), reinterpret_cast<void**>(out));
+    }
+    bool IsEqualObject(IUnknown* other) const noexcept {
+        if (p == nullptr || other == nullptr) {
+            return p == nullptr && other == nullptr;
+        }
+        CComPtr<IUnknown> mine;
+        CComPtr<IUnknown> theirs;
+        p->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&mine));
+        other->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&theirs));
+        return mine.p == theirs.p;
+    }
+    HRESULT CoCreateInstance(REFCLSID classId, IUnknown* outer = nullptr, DWORD context = CLSCTX_ALL) noexcept {
+        return ::CoCreateInstance(classId, outer, context, __uuidof(T), reinterpret_cast<void**>(&p));
+    }
+    void Swap(CComPtr& other) noexcept { std::swap(p, other.p); }
+
+    T* p = nullptr;
+
+private:
+    void AddRefIfSet() const noexcept {
+        if (p != nullptr) {
+            p->AddRef();
+        }
+    }
+};
+
+#endif

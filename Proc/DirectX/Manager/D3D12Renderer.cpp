@@ -1,0 +1,255 @@
+#include "Proc/DirectX/Manager/D3D12Renderer.h"
+
+#include "FillShaders.h"
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/Throw.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+struct QuadVertex {
+    float x, y, w;
+    float u, v;
+};
+
+// Covers clip space; a triangle strip.
+constexpr QuadVertex kQuad[] = {
+    {-1, -1, 1, 0, 1},
+    {-1, 1, 1, 0, 0},
+    {1, -1, 1, 1, 1},
+    {1, 1, 1, 1, 0},
+};
+
+D3D12_RASTERIZER_DESC MakeRasterizer() {
+    D3D12_RASTERIZER_DESC desc = {};
+    desc.FillMode = D3D12_FILL_MODE_SOLID;
+    desc.CullMode = D3D12_CULL_MODE_BACK;
+    desc.DepthClipEnable = TRUE;
+    desc.ConservativeRaster = D3D12_CONSERVATIVE_RASTERIZATION_MODE_OFF;
+    return desc;
+}
+
+D3D12_DEPTH_STENCIL_DESC MakeDepthStencil() {
+    const D3D12_DEPTH_STENCILOP_DESC keep = {D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP,
+                                             D3D12_COMPARISON_FUNC_ALWAYS};
+    D3D12_DEPTH_STENCIL_DESC desc = {};
+    desc.DepthWriteMask = D3D12_DEPTH_WRITE_MASK_ALL;
+    desc.DepthFunc = D3D12_COMPARISON_FUNC_LESS;
+    desc.StencilReadMask = D3D12_DEFAULT_STENCIL_READ_MASK;
+    desc.StencilWriteMask = D3D12_DEFAULT_STENCIL_WRITE_MASK;
+    desc.FrontFace = keep;
+    desc.BackFace = keep;
+    return desc;
+}
+
+D3D12_STATIC_SAMPLER_DESC MakeLinearSampler() {
+    D3D12_STATIC_SAMPLER_DESC desc = {};
+    desc.Filter = D3D12_FILTER_MIN_MAG_MIP_LINEAR;
+    desc.AddressU = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.AddressV = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.AddressW = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.MaxAnisotropy = 1;
+    desc.ComparisonFunc = D3D12_COMPARISON_FUNC_NEVER;
+    desc.BorderColor = D3D12_STATIC_BORDER_COLOR_TRANSPARENT_BLACK;
+    desc.MaxLOD = D3D12_FLOAT32_MAX;
+    desc.ShaderVisibility = D3D12_SHADER_VISIBILITY_PIXEL;
+    return desc;
+}
+
+void CheckTarget(const D12Descriptor& target, const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(target.GetType() == D12Descriptor::RenderTarget,
+                                    "The texture is expected to be the render target view", location);
+}
+
+// The user's transform translates in pixels; a clip unit is half the rectangle.
+AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect) {
+    transform.rows[3][0] *= 2.0F / static_cast<float>(rect.right - rect.left);
+    transform.rows[3][1] *= 2.0F / static_cast<float>(rect.bottom - rect.top);
+    return transform;
+}
+
+} // namespace
+
+D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
+                                 const std::string& pixelShader)
+    : m_device(device) {
+    m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
+    m_desc.pixelShader = D12Shader::CreatePixel("PSMain", pixelShader);
+    m_desc.rasterizer = MakeRasterizer();
+    m_desc.depthStencil = MakeDepthStencil();
+    m_desc.inputLayout = {
+        {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
+        {"TEXCOORD", 0, DXGI_FORMAT_R32G32_FLOAT, 0, D3D12_APPEND_ALIGNED_ELEMENT,
+         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
+    };
+    m_desc.primitiveTopologyType = D3D12_PRIMITIVE_TOPOLOGY_TYPE_TRIANGLE;
+    m_blendState.targets = {D12RenderTargetBlend{}};
+}
+
+const CComPtr<ID3D12PipelineState>& D12QuadPipeline::MakePipelineState(D12ShaderParameters& parameters,
+                                                                       const D12Descriptor& target) {
+    const std::vector<DXGI_FORMAT> formats = {target.GetFormat()};
+    const bool changed = parameters.SerializeRootSignature();
+    const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
+                      m_desc.renderTargetFormats == formats;
+    if (!fits) {
+        m_desc.rootSignature = parameters.GetRootSignature();
+        m_desc.blend = m_blendState;
+        m_desc.renderTargetFormats = formats;
+        m_pipelineState.Release();
+        m_pipelineState = m_device->CreateGraphicsPipelineState(m_desc);
+    }
+    return m_pipelineState;
+}
+
+void D12QuadPipeline::EnsureQuad(D12GraphicsCommandList& commandList) {
+    if (m_vertexBuffer == nullptr) {
+        m_vertexBuffer = commandList.CreateVertexBuffer(kQuad, sizeof(QuadVertex), std::size(kQuad));
+    }
+}
+
+void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList, const boost::intrusive_ptr<D12Descriptor>& target,
+                               const Rect2DT<long>& rect) const {
+    const Size2DT<long> size = target->GetSize();
+    D3D12_VIEWPORT viewport = {};
+    viewport.TopLeftX = static_cast<float>(rect.left);
+    viewport.TopLeftY = static_cast<float>(rect.top);
+    viewport.Width = static_cast<float>(rect.right - rect.left);
+    viewport.Height = static_cast<float>(rect.bottom - rect.top);
+    viewport.MaxDepth = 1.0F;
+    commandList.OMSetRenderTarget(target, nullptr);
+    commandList.RSSetViewports({viewport});
+    commandList.RSSetScissorRects({RECT{0, 0, size.width, size.height}});
+    commandList.IASetVertexBuffer(m_vertexBuffer);
+    commandList.IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
+    commandList.Draw(m_vertexBuffer);
+    commandList.Close();
+}
+
+D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
+    : m_device(device), m_parameters(device->CreateShaderParameters()),
+      m_color(m_parameters->AddContants(4, 0, 0, D3D12_SHADER_VISIBILITY_ALL)),
+      m_pipeline(device, std::string(Shaders::kFillVertex), std::string(Shaders::kFillPixel)) {
+    m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
+}
+
+D12FillDraw::~D12FillDraw() = default;
+
+void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const Proc::ColorF& color,
+                         const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect) {
+    CheckTarget(*target, std::source_location::current());
+    const auto commandList = allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
+    m_pipeline.EnsureQuad(*commandList);
+    m_color->SetData(&color, sizeof(color));
+    m_parameters->SetToCommandList(commandList);
+    m_pipeline.DrawQuad(*commandList, target, rect);
+}
+
+D12ImageDraw::D12ImageDraw(const boost::intrusive_ptr<D12Device>& device)
+    : m_device(device), m_parameters(device->CreateShaderParameters()),
+      m_paramsView(m_parameters->AddConstantBufferView(0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
+                                                       D3D12_SHADER_VISIBILITY_ALL)),
+      m_textureTable(m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL)),
+      m_pipeline(device, D3ImageRenderer::GetVertexShader(), D3ImageRenderer::GetPixelShader()) {
+    m_parameters->AddSampler(MakeLinearSampler());
+    m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
+}
+
+D12ImageDraw::~D12ImageDraw() = default;
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                          const std::optional<Rect2DT<long>>& rect) {
+    const Rect2DT<long> area = rect.value_or(target->GetRect());
+    AffineTransform transform;
+    {
+        const std::lock_guard guard(m_mutex);
+        transform = MakeTransform(source, {area.right - area.left, area.bottom - area.top});
+    }
+    Encode(allocator, source, target, transform, conversion, rect);
+}
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
+                          const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                          const std::optional<Rect2DT<long>>& rect) {
+    ThrowUnless<DirectX12Exception>(source->GetType() == D12Descriptor::ShaderResource,
+                                    "The texture is expected to be the shader resource view");
+    CheckTarget(*target, std::source_location::current());
+    const Rect2DT<long> area = rect.value_or(target->GetRect());
+    const AffineTransform clipTransform = ToClipUnits(transform, area);
+
+    const std::lock_guard guard(m_mutex);
+    SetParameters(clipTransform, source, conversion);
+    const auto commandList = allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
+    m_pipeline.EnsureQuad(*commandList);
+    m_parameters->SetToCommandList(commandList);
+    m_pipeline.DrawQuad(*commandList, target, area);
+}
+
+void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,
+                                 const boost::intrusive_ptr<D12Descriptor>& source,
+                                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const std::vector<std::uint8_t> bytes = D3ImageRenderer::MakeParamsBuffer(clipTransform, conversion);
+    D12BufferDesc desc;
+    desc.heapType = D3D12_HEAP_TYPE_UPLOAD;
+    desc.size = bytes.size();
+    desc.initialState = D3D12_RESOURCE_STATE_GENERIC_READ;
+    desc.initialData = bytes.data();
+    const auto buffer = m_device->CreateBuffer(desc);
+    buffer->SetName(L"Matrix Buffer");
+    m_paramsView->SetBuffer(buffer);
+    m_textureTable->SetView(0, 0, source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+}
+
+D12BlendState D12ImageDraw::GetBlendState() const {
+    const std::lock_guard guard(m_mutex);
+    return m_pipeline.GetBlendState();
+}
+
+void D12ImageDraw::SetBlendState(const D12BlendState& blendState) {
+    const std::lock_guard guard(m_mutex);
+    m_pipeline.SetBlendState(blendState);
+}
+
+AffineTransform D12ImageDraw::GetTransform() const {
+    const std::lock_guard guard(m_mutex);
+    return m_userTransform.value_or(AffineTransform{});
+}
+
+void D12ImageDraw::SetTransform(const AffineTransform& transform) {
+    const std::lock_guard guard(m_mutex);
+    m_userTransform = transform;
+}
+
+AffineTransform D12ImageDraw::MakeTransform(const boost::intrusive_ptr<D12Descriptor>& /*source*/,
+                                            const Size2DT<long>& /*targetSize*/) {
+    return m_userTransform.value_or(AffineTransform{});
+}
+
+D12ImageRenderer::D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device) : D12ImageDraw(device) {}
+
+D12ImageRenderer::~D12ImageRenderer() = default;
+
+AffineTransform D12ImageRenderer::MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                                const Size2DT<long>& targetSize) {
+    const Size2DT<long> sourceSize = source->GetSize();
+    const bool isCurrent =
+        m_userTransform.has_value() && sourceSize == m_lastSourceSize && targetSize == m_lastTargetSize;
+    if (!isCurrent) {
+        m_lastSourceSize = sourceSize;
+        m_lastTargetSize = targetSize;
+        UpdateTransform(sourceSize, targetSize);
+    }
+    return m_userTransform.value_or(AffineTransform{});
+}
+
+void D12ImageRenderer::SetTransform(const std::optional<AffineTransform>& transform) {
+    m_userTransform = transform;
+}
+
+} // namespace Norvex::DX

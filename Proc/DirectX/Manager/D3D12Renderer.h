@@ -1,0 +1,134 @@
+#pragma once
+
+// Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour conversion, draw an image fitted by
+// view state. Each Encode records one closed command list on the caller's allocator; the caller submits it. The target is in the
+// render-target state, the source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
+// Throws DirectX12Exception. View state and shaders: D3ImageRenderer.h.
+
+#include <mutex>
+#include <optional>
+
+#include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
+
+namespace Norvex::DX {
+
+// What both draws share: the full-screen quad and the one pipeline state for the last used target format, both made on first
+// use. A target of another format rebuilds the pipeline state.
+class D12QuadPipeline {
+public:
+    D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
+                    const std::string& pixelShader);
+
+    // The pipeline state for the target's format and the current blend state and root signature.
+    const CComPtr<ID3D12PipelineState>& MakePipelineState(D12ShaderParameters& parameters,
+                                                          const D12Descriptor& target);
+    // Sets target, viewport (rect) and scissor (whole target), and draws the quad.
+    void DrawQuad(D12GraphicsCommandList& commandList, const boost::intrusive_ptr<D12Descriptor>& target,
+                  const Rect2DT<long>& rect) const;
+    // Makes the quad on the first call.
+    void EnsureQuad(D12GraphicsCommandList& commandList);
+
+    const D12BlendState& GetBlendState() const { return m_blendState; }
+    void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
+
+private:
+    boost::intrusive_ptr<D12Device> m_device;
+    D12GraphicsPipelineDesc m_desc;
+    D12BlendState m_blendState;
+    boost::intrusive_ptr<D12VertexBuffer> m_vertexBuffer;
+    CComPtr<ID3D12PipelineState> m_pipelineState;
+};
+
+class NORVEX_DX_API D12FillDraw : public RefCountImpl {
+public:
+    // Compiles the shaders.
+    explicit D12FillDraw(const boost::intrusive_ptr<D12Device>& device);
+    ~D12FillDraw() override;
+
+    // Fills rect (pixels; parts outside the target are cut off) with the colour in the target's own encoding.
+    // "The texture is expected to be the render target view".
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const Proc::ColorF& color,
+                const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect);
+
+    const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // Default: replace (ONE, ZERO, all channels).
+    const D12BlendState& GetBlendState() const { return m_pipeline.GetBlendState(); }
+    void SetBlendState(const D12BlendState& blendState) { m_pipeline.SetBlendState(blendState); }
+
+private:
+    boost::intrusive_ptr<D12Device> m_device;
+    boost::intrusive_ptr<D12ShaderParameters> m_parameters;
+    boost::intrusive_ptr<D12RootConstants> m_color;
+    D12QuadPipeline m_pipeline;
+};
+
+class NORVEX_DX_API D12ImageDraw : public virtual RefCountImpl {
+public:
+    // Compiles the shaders.
+    explicit D12ImageDraw(const boost::intrusive_ptr<D12Device>& device);
+    ~D12ImageDraw() override;
+
+    // Draws the source over rect (pixels; default: the whole target) with the user transform. Without conversion the colours are
+    // sampled and written as they are. "The texture is expected to be the shader resource view", "The texture is
+    // expected to be the render target view".
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const boost::intrusive_ptr<D12Descriptor>& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
+    // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its translation is in pixels of rect.
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const boost::intrusive_ptr<D12Descriptor>& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                const AffineTransform& transform, const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
+
+    const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // Default: replace (ONE, ZERO, all channels).
+    D12BlendState GetBlendState() const;
+    void SetBlendState(const D12BlendState& blendState);
+    // The user transform; identity when none is set.
+    AffineTransform GetTransform() const;
+    void SetTransform(const AffineTransform& transform);
+
+protected:
+    // The transform of a draw into a rectangle of targetSize; called under the mutex.
+    virtual AffineTransform MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                          const Size2DT<long>& targetSize);
+
+    mutable std::mutex m_mutex; // guards everything below and one Encode
+    std::optional<AffineTransform> m_userTransform;
+
+private:
+    void SetParameters(const AffineTransform& clipTransform, const boost::intrusive_ptr<D12Descriptor>& source,
+                       const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+
+    boost::intrusive_ptr<D12Device> m_device;
+    boost::intrusive_ptr<D12ShaderParameters> m_parameters;
+    boost::intrusive_ptr<D12ConstantBufferView> m_paramsView;
+    boost::intrusive_ptr<D12ViewTable> m_textureTable;
+    D12QuadPipeline m_pipeline;
+};
+
+// An image draw whose transform follows from fit mode, scale, rotation and translation (D3ImageRenderer.h). Encode is for any
+// thread, the view state for one thread at a time, and not during an Encode.
+class NORVEX_DX_API D12ImageRenderer : public D12ImageDraw, public D3ImageRenderer {
+public:
+    explicit D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device);
+    ~D12ImageRenderer() override;
+
+    using D12ImageDraw::SetTransform;
+
+protected:
+    AffineTransform MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                  const Size2DT<long>& targetSize) override;
+    void SetTransform(const std::optional<AffineTransform>& transform) override;
+
+private:
+    Size2DT<long> m_lastSourceSize;
+    Size2DT<long> m_lastTargetSize;
+};
+
+} // namespace Norvex::DX

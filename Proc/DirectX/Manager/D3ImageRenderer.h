@@ -1,0 +1,104 @@
+#pragma once
+
+// What the image drawers of both Direct3D generations share: the shader texts, the bytes of their
+// constant buffer, and the view state of an image renderer (how the picture lies on the target).
+// Drawers derive from it and draw with the transform that it delivers. The texts and
+// MakeParamsBuffer are for any thread, the view state for one thread at a time. Throws nothing of
+// its own. Next: CommonTypes.h (AffineTransform), Host/ColorConversionInfo.h, Shaders/.
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
+
+namespace Norvex::DX {
+
+// How the size of the picture follows from the target's.
+enum class RenderFitMode : std::uint32_t {
+    Free = 0, // as the scale says: at 1.0 one source pixel covers one target pixel
+    Fill = 1, // as small as covers the whole target; what hangs over is cut off
+    Fit = 2,  // as large as lies wholly inside the target
+};
+
+// Geometry. The picture's centre lies on the target's centre; the picture is scaled, then rotated,
+// then translated. Rotation is in radians, counter-clockwise as seen on the screen; translation in
+// target pixels, right and down positive. Rotation happens in pixels, so the aspect ratio holds at
+// every angle. Both fitting modes regard the rotated picture before translation, so a translated
+// picture may leave the target.
+//
+// In numbers, for a source of w x h and a target of W x H pixels, scale s, angle r, clip space with
+// y up:
+//     clip = (x, y) * Scale(s w / 2, s h / 2) * Rotation(r) * Scale(2 / W, 2 / H)
+// for the quad corners (x, y) = (-1 or 1, -1 or 1), and the fourth row holds (translation x,
+// -translation y) in pixels, which the drawers multiply by (2 / W, 2 / H). With a size of zero
+// there is nothing to fit: the scale is 1, the picture's edges lie on the target's.
+class NORVEX_DX_API D3ImageRenderer : public virtual RefCountImpl {
+public:
+    D3ImageRenderer() = default;
+    ~D3ImageRenderer() override;
+
+    // HLSL, entry "VSMain", shader model 4.0. Reads the transform, the first 64 bytes of the
+    // parameters (b0).
+    static std::string GetVertexShader();
+    // HLSL, entry "PSMain", shader model 4.0. Parameters b0, texture t0, sampler s0. Finite samples
+    // give no NaN, and no infinity as long as the values of the formulas are in the range of float.
+    static std::string GetPixelShader();
+    // The constant buffer of both shaders, 256 bytes. The transform's translation is in clip units.
+    // Without conversion the sample is drawn as it is.
+    static std::vector<std::uint8_t>
+    MakeParamsBuffer(const AffineTransform& transform,
+                     const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+
+    // A fitting mode resets the stored scale to 1.0.
+    void SetFitMode(RenderFitMode mode);
+    RenderFitMode GetFitMode() const { return m_fitMode; }
+
+    // Target pixels per source pixel, > 0 (else ignored). Changes to RenderFitMode::Free.
+    void SetScale(float scale);
+    // Zooms in by the factor 1 + delta, or out by 1 / (1 - delta) for a negative delta: equal steps
+    // cancel.
+    void ScaleByDelta(float delta);
+    // Zooms by a factor > 0 (else ignored) from the effective scale.
+    void ScaleByMult(float factor);
+    // Target pixels per source pixel: the stored scale in the free mode; in the fitting modes the
+    // scale that fits the sizes of the last draw at the present angle, 1.0 before the first.
+    // Fit: 1 / the larger side of the box around the unit square taken through
+    // Scale(w, h) * Rotation(r) * Scale(1 / W, 1 / H): the box around the picture fits the target.
+    // Fill: the larger side of the box around the unit square taken the other way, through
+    // Scale(W, H) * Rotation(-r) * Scale(1 / w, 1 / h): the box that the target fills, seen from
+    // the picture, fits the picture.
+    float GetEffectiveScale() const;
+
+    void SetRotation(float radians);
+    float GetRotation() const { return m_rotation; }
+
+    void SetTranslation(float x, float y);
+    void TranslateBy(float dx, float dy);
+    std::array<float, 2> GetTranslation() const { return {m_translationX, m_translationY}; }
+
+protected:
+    // Computes the transform for these sizes (pixels), hands it to SetTransform and remembers the
+    // sizes.
+    void UpdateTransform(const Size2DT<long>& source, const Size2DT<long>& target);
+
+    // The drawer stores the transform; empty: the view has changed, so call UpdateTransform before
+    // the next draw.
+    virtual void SetTransform(const std::optional<AffineTransform>& transform) = 0;
+
+private:
+    RenderFitMode m_fitMode = RenderFitMode::Fit;
+    float m_translationX = 0.0F;
+    float m_translationY = 0.0F;
+    float m_scale = 1.0F;
+    float m_rotation = 0.0F;
+    Size2DT<long> m_sourceSize;
+    Size2DT<long> m_targetSize;
+};
+
+} // namespace Norvex::DX

@@ -1,0 +1,100 @@
+// One sample of an image, converted between colour spaces and alpha types as the constant buffer
+// says. A conversion that is not supported shows as pure red (source), green (primaries) or blue
+// (target).
+
+cbuffer ParamsBuffer: register( b0 )
+{
+    matrix transform;
+    uint sourceColorSpace;
+    uint targetColorSpace;
+    uint sourceAlphaType;
+    uint targetAlphaType;
+    bool displayLinear;
+    float linearScale;
+    float pqTonemapA;
+    float pqTonemapB;
+    float displayPeakLuminance;
+    float hlgOOTFGamma;
+};
+
+Texture2D shaderTexture: register( t0 );
+SamplerState sampleType: register( s0 );
+
+struct PSInput
+{
+    float4 position: SV_POSITION;
+    float2 uv: TEXCOORD0;
+};
+
+float3 Linearize( float3 color )
+{
+    if ( sourceColorSpace == sRGB )
+        color = srgb_to_linear( color, displayLinear );
+    else if ( sourceColorSpace == Rec709 || sourceColorSpace == Rec2020 )
+        color = rec709_to_linear( color, displayLinear );
+    else if ( sourceColorSpace == Rec2020PQ )
+        color = rec2100PQ_to_rec2020_linear( color, displayLinear, pqTonemapA, pqTonemapB );
+    else if ( sourceColorSpace == Rec2020HLG )
+        color = rec2020HLG_to_rec2020_linear( color, displayLinear, displayPeakLuminance,
+                                              hlgOOTFGamma );
+    else
+        color = float3( 1.0, 0.0, 0.0 );
+    return color;
+}
+
+float3 ConvertPrimaries( float3 color )
+{
+    uint sourcePrimaries = sourceColorSpace >> 8;
+    uint targetPrimaries = targetColorSpace >> 8;
+    if ( sourcePrimaries != targetPrimaries )
+    {
+        if ( sourcePrimaries == BT709 && targetPrimaries == BT2020 )
+            color = bt709_to_bt2020( color );
+        else if ( sourcePrimaries == BT2020 && targetPrimaries == BT709 )
+            color = bt2020_to_bt709( color );
+        else
+            color = float3( 0.0, 1.0, 0.0 );
+    }
+    return color;
+}
+
+float3 Encode( float3 color )
+{
+    if ( targetColorSpace == sRGB )
+        color = linear_to_srgb( color, displayLinear );
+    else if ( targetColorSpace == Rec709 || targetColorSpace == Rec2020 )
+        color = linear_to_rec709( color, displayLinear );
+    else if ( targetColorSpace == Rec2020PQ )
+        color = rec2020_linear_to_rec2100PQ( color, displayLinear );
+    else if ( targetColorSpace == Rec2020HLG )
+        color = rec2020_linear_to_rec2020HLG( color, displayLinear, displayPeakLuminance,
+                                              hlgOOTFGamma );
+    else if ( targetColorSpace != Rec709Linear )
+        color = float3( 0.0, 0.0, 1.0 );
+    return color;
+}
+
+float4 ConvertColorSpace( float4 color )
+{
+    if ( sourceAlphaType == AlphaTypePremultiplied )
+        color = unpremultiply( color );
+    else if ( sourceAlphaType == AlphaTypeAlphaIsOne )
+        color.a = 1.0;
+
+    if ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
+        color.rgb = Encode( ConvertPrimaries( Linearize( color.rgb ) ) * linearScale );
+
+    if ( targetAlphaType != AlphaTypeNonPremultiplied )
+        color = premultiply( color );
+    if ( targetAlphaType == AlphaTypeAlphaIsOne )
+        color.a = 1.0;
+    return color;
+}
+
+float4 PSMain( PSInput input ): SV_TARGET
+{
+    float4 color = shaderTexture.Sample( sampleType, input.uv );
+    if ( sourceColorSpace != 0 && targetColorSpace != 0 )
+        color = ConvertColorSpace( color );
+    return color;
+}

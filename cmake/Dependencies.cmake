@@ -1,0 +1,40 @@
+# Third-party packages, by the target names that vcpkg gives them:
+#   glog::glog  fmt::fmt-header-only  PNG::PNG  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
+#   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids
+#
+# Cross builds find glog, libpng and GoogleTest in NORVEX_SDK. Header-only packages come from the system's include folder,
+# through NORVEX_SDK/system-headers, a folder of links to just those packages: /usr/include itself holds the headers of
+# another operating system.
+
+find_package(glog CONFIG REQUIRED)
+find_package(GTest CONFIG REQUIRED)
+
+if(NOT CMAKE_CROSSCOMPILING)
+    find_package(PNG REQUIRED)
+    find_package(fmt CONFIG REQUIRED)
+    find_package(Boost REQUIRED)
+    find_package(CLI11 CONFIG REQUIRED)
+    find_package(nlohmann_json CONFIG REQUIRED)
+    find_package(directx-headers CONFIG REQUIRED)
+    return()
+endif()
+
+set(ZLIB_USE_STATIC_LIBS ON)
+find_package(PNG REQUIRED)
+
+function(norvex_header_only_package name)
+    add_library(${name} INTERFACE IMPORTED)
+    target_include_directories(${name} SYSTEM INTERFACE "${NORVEX_SDK}/system-headers")
+endfunction()
+
+norvex_header_only_package(fmt::fmt-header-only)
+target_compile_definitions(fmt::fmt-header-only INTERFACE FMT_HEADER_ONLY=1)
+norvex_header_only_package(Boost::headers)
+norvex_header_only_package(CLI11::CLI11)
+norvex_header_only_package(nlohmann_json::nlohmann_json)
+norvex_header_only_package(Microsoft::DirectX-Headers)
+# DirectX-Headers asks for a newer <rpcndr.h> than MinGW's and for more lines than GCC keeps columns of.
+target_compile_definitions(Microsoft::DirectX-Headers INTERFACE __REQUIRED_RPCNDR_H_VERSION__=475)
+target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
+add_library(Microsoft::DirectX-Guids INTERFACE IMPORTED)
+target_link_libraries(Microsoft::DirectX-Guids INTERFACE dxguid uuid)

@@ -1,0 +1,46 @@
+# norvex_platform: language level, definitions, include folder and debug information, for every target of the project.
+# norvex_precompile(<target>): gives it the precompiled headers; the Direct3D headers cost seconds in every source.
+# norvex_copy_runtime(): puts the compiler's and the dependencies' DLLs beside the programs.
+
+add_library(norvex_platform INTERFACE)
+target_compile_features(norvex_platform INTERFACE cxx_std_20)
+target_include_directories(norvex_platform INTERFACE "${CMAKE_SOURCE_DIR}")
+target_compile_definitions(norvex_platform INTERFACE NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE _WIN32_WINNT=0x0A00
+    GLOG_NO_ABBREVIATED_SEVERITIES) # the Windows headers have a macro ERROR of their own
+target_link_libraries(norvex_platform INTERFACE Boost::headers fmt::fmt-header-only)
+
+if(NOT MSVC)
+    # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's debugger reads.
+    target_compile_options(norvex_platform INTERFACE "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -g -gdwarf-4)
+else()
+    target_compile_options(norvex_platform INTERFACE "/d1trimfile:${CMAKE_SOURCE_DIR}/")
+endif()
+
+function(norvex_precompile target)
+    if(NORVEX_PCH)
+        target_link_libraries(${target} PRIVATE Microsoft::DirectX-Headers)
+        target_precompile_headers(${target} REUSE_FROM norvex_precompiled)
+    endif()
+endfunction()
+
+if(NORVEX_PCH)
+    file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "// The precompiled headers need a target, and a target needs a source.\n")
+    add_library(norvex_precompiled OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")
+    target_link_libraries(norvex_precompiled PRIVATE norvex_platform norvex_warnings Microsoft::DirectX-Headers)
+    target_precompile_headers(norvex_precompiled PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
+endif()
+
+function(norvex_copy_runtime)
+    foreach(name IN ITEMS libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
+        execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${name}
+            OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+        file(COPY_FILE "${file}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}" ONLY_IF_DIFFERENT)
+    endforeach()
+    file(COPY_FILE "${NORVEX_SDK}/bin/libglog.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libglog.dll" ONLY_IF_DIFFERENT)
+endfunction()
+
+# On Windows itself the package manager's toolchain file does this for each program.
+if(MINGW AND CMAKE_CROSSCOMPILING)
+    file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+    norvex_copy_runtime()
+endif()

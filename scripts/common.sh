@@ -1,0 +1,68 @@
+# Sourced by ./dev: messages, the cache folder, and running a step once.
+#
+# The cache is a user's, shared by all clones. What a step makes lies there under a name that ends in a hash of all that
+# the step depends on; it is made beside and renamed, so that an interrupted run leaves nothing half-made in place.
+
+: "${NORVEXDX_CACHE:=${XDG_CACHE_HOME:-$HOME/.cache}/norvexdx}"
+mkdir -p "$NORVEXDX_CACHE"
+NORVEXDX_CACHE=$(readlink -f "$NORVEXDX_CACHE")
+cache=$NORVEXDX_CACHE
+
+# Messages go to stderr: stdout belongs to the program that ./dev tool runs.
+say() { printf '[%3d s] %s\n' "$SECONDS" "$*" >&2; }
+
+fail() {
+    say "$@"
+    exit 1
+}
+
+# hash_of FILE-OR-TEXT...: ten characters that change when a file's content or a text does
+hash_of() {
+    local item
+    for item; do
+        if [ -f "$item" ]; then cat "$item"; else printf '%s\n' "$item"; fi
+    done | sha256sum | cut -c1-10
+}
+
+# quietly LOG COMMAND...: the command's output goes to the log, and to the terminal only when it fails. Not for use in a
+# condition: bash would then run on after a failure inside the command, where that is a function.
+quietly() {
+    local log=$1 status
+    shift
+    set +e
+    (
+        set -e
+        "$@"
+    ) >"$log" 2>&1 </dev/null
+    status=$?
+    set -e
+    if [ "$status" -ne 0 ]; then
+        tail -n 40 "$log" >&2
+        say "That failed; the whole output is in $log"
+    fi
+    return "$status"
+}
+
+# locked FILE COMMAND...: runs the command while no other ./dev holds the same lock
+locked() {
+    local file=$1 descriptor
+    shift
+    exec {descriptor}>"$file"
+    if ! flock --nonblock "$descriptor"; then
+        say "Waiting for another ./dev (lock $file)"
+        flock "$descriptor"
+    fi
+    "$@"
+    exec {descriptor}>&-
+}
+
+# make_once TARGET MESSAGE COMMAND...: runs the command with a fresh folder name as last argument and gives that folder
+# the name TARGET; nothing to do where TARGET is there
+make_once() {
+    local target=$1 message=$2
+    shift 2
+    [ ! -e "$target" ] || return 0
+    say "$message"
+    rm -rf --one-file-system "$target.tmp"
+    quietly "$target.log" "$@" "$target.tmp" && mv -T "$target.tmp" "$target"
+}

@@ -1,0 +1,21 @@
+# Sourced by ./dev: clang-format and clang-tidy, unpacked beside the Debian 13 system on their first use.
+
+kLintPackages=(clang-format clang-tidy)
+
+# An apt that knows what the system has downloads what else the tools need.
+download_lint_tools() {
+    local target=$1 apt package
+    apt=$(mktemp -d)
+    debian_apt "$apt" "$root/var/lib/dpkg/status"
+    APT_CONFIG=$apt/apt.conf apt-get install --yes --download-only -o Debug::NoLocking=1 "${kLintPackages[@]}"
+    mkdir -p "$target"
+    for package in "$apt"/cache/archives/*.deb; do
+        dpkg-deb -x "$package" "$target"
+    done
+    rm -rf "$apt"
+}
+
+ensure_lint_tools() {
+    lintTools=$cache/lint-tools-$(hash_of "${kLintPackages[*]}" "$rootKey")
+    locked "$cache/lock" make_once "$lintTools" "Downloading clang-format and clang-tidy" download_lint_tools
+}

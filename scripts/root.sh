@@ -1,0 +1,153 @@
+# Sourced by ./dev: the Debian 13 system that everything is built and run in, and running a command there.
+#
+# Where the machine is Debian 13 itself, that is the machine; elsewhere it is a folder that bubblewrap enters.
+
+kRootPackages=(
+    # compiling, for Windows and, for the sanitizers, for the machine itself
+    g++-mingw-w64-x86-64-posix g++ cmake ninja-build
+    # libraries
+    directx-headers-dev googletest libboost-dev libcli11-dev libfmt-dev libz-mingw-w64-dev nlohmann-json3-dev
+    # running: Windows programs, a display, software drivers and their validation
+    wine64 xvfb libgl1 libgl1-mesa-dri libglx-mesa0 libvulkan1 mesa-vulkan-drivers vulkan-validationlayers
+)
+kSuite=trixie
+
+os_release() { sed -n "s/^$1=\"\?\([^\"]*\)\"\?$/\1/p" /etc/os-release; }
+
+# Sets native (empty or 1) and root (the folder; empty when native).
+find_root() {
+    local id codename
+    id=$(os_release ID)
+    codename=$(os_release VERSION_CODENAME)
+    [ "$id" = debian ] || fail "This needs a Debian 12 or 13 machine; this one calls itself ${id:-nothing}."
+    [ "$(uname -m)" = x86_64 ] || fail "This needs a 64-bit x86 machine."
+    native=''
+    root=''
+    if [ "$codename" = "$kSuite" ] && [ -z "${NORVEXDX_FORCE_ROOT:-}" ]; then
+        native=1
+        rootKey=native
+    else
+        rootKey=$(hash_of "${kRootPackages[*]}" "$kSuite" "$(declare -f make_root)")
+        root=$cache/root-$rootKey
+    fi
+}
+
+missing_packages() {
+    local package
+    for package; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || echo "$package"
+    done
+}
+
+as_root() {
+    [ "$(id -u)" -eq 0 ] || fail "This must be done as root: $*"
+    "$@"
+}
+
+# install_here PACKAGE...: on the machine itself, what of them is missing
+install_here() {
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    [ ${#missing[@]} -gt 0 ] || return 0
+    say "Installing on this machine: ${missing[*]}"
+    quietly "$cache/apt-update.log" as_root apt-get update
+    quietly "$cache/apt-install.log" as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install --yes --no-install-recommends "${missing[@]}"
+}
+
+# The address that the machine's own apt takes Debian from.
+mirror() {
+    local codename found
+    codename=$(os_release VERSION_CODENAME)
+    found=$(apt-get indextargets --no-release-info --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
+        awk -v own="$codename" '$3 == "main" && ($2 == own || $2 ~ /^(old)?stable$/) && !found++ { print $1 }')
+    [ -n "$found" ] || fail "apt on this machine names no source for Debian $codename main."
+    echo "$found"
+}
+
+make_root() {
+    local target=$1 packages mirror
+    mirror=$(mirror)
+    packages=$(IFS=, && echo "${kRootPackages[*]}")
+    apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
+    as_root mmdebstrap --variant=minbase --mode=root --include="$packages" --aptopt="$target.apt.conf" \
+        --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
+        --dpkgopt='path-exclude=/usr/share/man/*' --dpkgopt='path-exclude=/usr/share/locale/*' \
+        --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-include=/usr/share/doc/*/copyright' \
+        "$kSuite" "$target" "deb $mirror $kSuite main"
+    rm -f "$target.apt.conf"
+    mkdir -p "$target/opt/packages"
+}
+
+ensure_root() {
+    if [ -n "$native" ]; then
+        install_here "${kRootPackages[@]}"
+    else
+        [ -d "$root" ] || install_here mmdebstrap
+        command -v bwrap >/dev/null || install_here bubblewrap
+        make_once "$root" "Making a Debian 13 system of 2.3 GB (about a minute)" make_root
+    fi
+}
+
+# Arguments of bwrap that show the machine's own folders, but not its system, at their own places.
+shown_folders() {
+    local folder
+    for folder in /*/; do
+        folder=${folder%/}
+        case $folder in
+        /bin | /boot | /dev | /etc | /lib | /lib32 | /lib64 | /libx32 | /lost+found | /proc | /run | /sbin | /sys | /usr | /var) ;;
+        *) printf '%s\0' --bind "$folder" "$folder" ;;
+        esac
+    done
+    for folder in "$project" "$cache" "$PWD"; do
+        case $folder in
+        /run/* | /var/*) printf '%s\0' --bind "$folder" "$folder" ;;
+        esac
+    done
+}
+
+check_folders() {
+    local folder
+    [ -z "$native" ] || return 0
+    for folder in "$project" "$cache" "$PWD"; do
+        case $folder in
+        /bin | /boot | /dev | /etc | /lib | /lib32 | /lib64 | /libx32 | /proc | /run | /sbin | /sys | /usr | /var | \
+            /bin/* | /boot/* | /dev/* | /etc/* | /lib/* | /lib32/* | /lib64/* | /libx32/* | /proc/* | /sbin/* | /sys/* | /usr/*)
+            fail "$folder belongs to this machine's system, which the programs do not see: use another folder." ;;
+        esac
+    done
+}
+
+# The environment inside: little of the user's, so that results do not depend on it.
+root_environment() {
+    printf '%s\0' "HOME=$cache/home" PATH=/usr/bin:/usr/sbin:/usr/lib/wine LC_ALL=C.UTF-8 "TERM=${TERM:-dumb}" \
+        "NORVEXDX_CACHE=$cache" "NORVEX_SDK=${sdk:-}" "NORVEX_WINE_PREFIX=${winePrefix:-}"
+    [ -z "${microsoftCompiler:-}" ] || printf '%s\0' "NORVEX_TEST_D3DCOMPILER_FILE=$microsoftCompiler" \
+        "NORVEX_TEST_D3DCOMPILER=Z:${microsoftCompiler//\//\\}"
+    local name
+    for name in $(compgen -e); do
+        case $name in
+        COLUMNS | LINES | CTEST_* | GTEST_* | LP_NUM_THREADS | NORVEX_RUN_TIMEOUT | VKD3D_* | VK_* | WINEDEBUG | \
+            WINEDLLOVERRIDES) printf '%s\0' "$name=${!name}" ;;
+        esac
+    done
+}
+
+# in_root COMMAND...: runs it in the Debian 13 system, in the current folder
+in_root() {
+    local environment folders
+    mapfile -d '' -t environment < <(root_environment)
+    mkdir -p "$cache/home" "$cache/shaders"
+    if [ -n "$native" ]; then
+        env -i "${environment[@]}" "$@"
+        return
+    fi
+    mapfile -d '' -t folders < <(shown_folders)
+    # Its own X sockets; the folder is made beforehand, because the mount would make it with the wrong mode.
+    [ -d /tmp/.X11-unix ] || mkdir -m 1777 /tmp/.X11-unix
+    bwrap --ro-bind "$root/usr" /usr --symlink usr/bin /bin --symlink usr/sbin /sbin \
+        --symlink usr/lib /lib --symlink usr/lib64 /lib64 --ro-bind "$root/etc" /etc \
+        --tmpfs /run --tmpfs /var --dir /var/tmp "${folders[@]}" --dev /dev --proc /proc \
+        --perms 1777 --tmpfs /tmp/.X11-unix --unshare-pid --unshare-net --die-with-parent \
+        -- env -i "${environment[@]}" "$@"
+}

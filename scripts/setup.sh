@@ -1,0 +1,73 @@
+# Sourced by ./dev: what must be there before building and running, and the build itself.
+
+# Names of everything that the set-up makes, from what it depends on.
+find_setup() {
+    local scripts=$project/scripts
+    find_root
+    check_folders
+    downloads=$cache/downloads-$(hash_of "${kSourceHashes[*]}" "$kPhotoPackage" "$kPhotoFile")
+    sdk=$cache/third-party-$(hash_of "$scripts/third-party.sh" "$project/cmake/mingw-toolchain.cmake" \
+        "${kSourceHashes[*]}" "$rootKey")
+    winePrefix=$cache/wine-prefix-$(hash_of "$scripts/wine-prefix.sh" "$scripts/wine-environment.sh" "$rootKey")
+    photo=$downloads/photo.jpg
+    compilerFolder=$cache/d3dcompiler-$(hash_of "$kCompilerHash")
+    microsoftCompiler=
+    [ ! -d "$compilerFolder" ] || microsoftCompiler=$compilerFolder/d3dcompiler_47.dll
+}
+
+ensure_compiler() {
+    [ -z "$microsoftCompiler" ] || return 0
+    if ! command -v npm >/dev/null; then
+        say "There is no npm on this machine: the tests do without Microsoft's HLSL compiler."
+    elif (make_once "$compilerFolder" "Downloading Microsoft's HLSL compiler, 50 MB" download_compiler); then
+        microsoftCompiler=$compilerFolder/d3dcompiler_47.dll
+    else
+        say "The tests do without Microsoft's HLSL compiler."
+    fi
+}
+
+# The order keeps both the network and the processors busy: downloads go on beside the making of the root, the Wine
+# prefix beside the cross-building.
+setup_steps() {
+    local download prefix
+    make_once "$downloads" "Downloading sources and a photograph, 14 MB" download &
+    download=$!
+    ensure_root
+    wait "$download"
+    make_once "$winePrefix" "Making the Wine prefix" in_root "$project/scripts/wine-prefix.sh" &
+    prefix=$!
+    make_once "$sdk" "Cross-building glog, libpng and GoogleTest" \
+        in_root "$project/scripts/third-party.sh" "$downloads"
+    wait "$prefix"
+}
+
+is_set_up() {
+    [ -d "$downloads" ] && [ -d "$sdk" ] && [ -d "$winePrefix" ] && { [ -n "$native" ] || [ -d "$root" ]; }
+}
+
+ensure_setup() {
+    find_setup
+    is_set_up || locked "$cache/lock" setup_steps
+}
+
+# build TARGET...: configures where that is due, then builds; none: everything
+build() {
+    mkdir -p "$buildFolder"
+    locked "$buildFolder/.lock" build_steps "$@"
+}
+
+build_steps() {
+    local key
+    key=$(hash_of "$sdk" "$microsoftCompiler" "$project/CMakePresets.json")
+    if [ ! -e "$buildFolder/build.ninja" ] || [ "$(cat "$buildFolder/.key" 2>/dev/null)" != "$key" ]; then
+        say "Configuring build/$preset"
+        quietly "$buildFolder/configure.log" in_root cmake --fresh -S "$project" --preset "$preset" -B "$buildFolder" \
+            "${configureArguments[@]}"
+        echo "$key" >"$buildFolder/.key"
+    fi
+    if [ -n "$buildLog" ]; then
+        quietly "$buildLog" in_root ninja -C "$buildFolder" "$@"
+    else
+        in_root ninja -C "$buildFolder" "$@" >&2
+    fi
+}
