@@ -9,6 +9,7 @@ namespace Norvex::DX {
 namespace {
 
 constexpr unsigned kWindows10 = 10;
+constexpr unsigned long kErrorDelayLoadFailed = 1285; // Win32: a delay-loaded function is missing
 
 template <class Function>
 void Resolve(HMODULE module, const char* name, Function& function) {
@@ -40,6 +41,8 @@ void FreeIfLoaded(HMODULE module) {
 }
 
 } // namespace
+
+const long API::E_DELAY_LOAD_FAILED = HRESULT_FROM_WIN32(kErrorDelayLoadFailed);
 
 API& API::GetInstance() {
     static API instance;

@@ -15,7 +15,7 @@ namespace Norvex::DX {
 class NORVEX_DX_API API {
 public:
     // The answer of every forwarding call whose entry point is missing (Win32 error 1285 as a result code).
-    static constexpr long E_DELAY_LOAD_FAILED = static_cast<long>(0x80070505);
+    static const long E_DELAY_LOAD_FAILED;
     // The Direct3D 12 SDK version that a host executable exporting D3D12SDKVersion must declare; another aborts the process.
     static constexpr unsigned kRequiredSDKVersion = 614;
 

@@ -37,7 +37,8 @@ std::optional<D3D12_RESOURCE_STATES> InitialStateOf(D3D12_HEAP_TYPE heapType) {
 class MappedGuard {
 public:
     MappedGuard(ID3D12Resource* resource, D3D12_RANGE written)
-        : m_resource(resource), m_written(written) {}
+        : m_resource(resource),
+          m_written(written) {}
     ~MappedGuard() { m_resource->Unmap(0, &m_written); }
     MappedGuard(const MappedGuard&) = delete;
     MappedGuard& operator=(const MappedGuard&) = delete;
@@ -52,7 +53,9 @@ constexpr D3D12_RANGE kNothing = {0, 0};
 } // namespace
 
 D12BufferPool::D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType)
-    : m_device(device), m_heapType(heapType), m_purgeTimer([this] { PurgeBuffers(); }) {}
+    : m_device(device),
+      m_heapType(heapType),
+      m_purgeTimer([this] { PurgeBuffers(); }) {}
 
 D12BufferPool::~D12BufferPool() = default;
 
@@ -140,10 +143,14 @@ void D12BufferPool::Clear() {
 
 D12Buffer::D12Buffer(const CComPtr<ID3D12Resource>& resource,
                      const boost::intrusive_ptr<D12BufferPool>& pool)
-    : m_resource(resource), m_desc(Platform::GetDesc(resource)), m_pool(pool) {}
+    : m_resource(resource),
+      m_desc(Platform::GetDesc(resource)),
+      m_pool(pool) {}
 
 D12Buffer::D12Buffer(const D12Buffer& other)
-    : RefCountImpl(other), m_resource(other.m_resource), m_desc(other.m_desc),
+    : RefCountImpl(other),
+      m_resource(other.m_resource),
+      m_desc(other.m_desc),
       m_pool(other.m_pool),
       m_original(other.m_original ? other.m_original.get() : const_cast<D12Buffer*>(&other)) {}
 
@@ -154,7 +161,7 @@ D12Buffer::~D12Buffer() {
     try {
         m_pool->ReuseBuffer(this);
     } catch (const std::bad_alloc&) {
-        // Out of memory: the resource is released instead of pooled.
+        m_resource.Release(); // out of memory: freed instead of pooled
     }
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 
-// Pooled committed buffers of one heap type. Sizes are rounded up to powers of two; a buffer whose last reference dies goes
-// back to the pool, stays reusable for 2 s and is then freed by a timer that runs every 2 s while there are free buffers.
-// The pool lives as long as any of its buffers. Pools: any thread. A buffer: one thread at a time. Throws DirectX12Exception.
+// Pooled committed buffers of one heap type. Sizes are rounded up to powers of two; a buffer whose
+// last reference dies goes back to the pool, stays reusable for 2 s and is then freed by a timer
+// that runs every 2 s while there are free buffers. The pool lives as long as any of its buffers.
+// Pools: any thread. A buffer: one thread at a time. Throws DirectX12Exception.
 
 #include <array>
 #include <chrono>
@@ -31,10 +32,10 @@ public:
     D12BufferPool(const D12BufferPool&) = delete;
     D12BufferPool& operator=(const D12BufferPool&) = delete;
 
-    // A buffer of the smallest power of two strictly greater than size (256 gives 512): the last one returned of that size,
-    // else a new one, in state common (default heap), generic read (upload) or copy destination (readback).
-    // "Buffer size requested equal to zero", "Buffer size requested is too large" (2^63 and above), "Invalid heap type",
-    // "Failed to create buffer".
+    // A buffer of the smallest power of two strictly greater than size (256 gives 512): the last
+    // one returned of that size, else a new one, in state common (default heap), generic read
+    // (upload) or copy destination (readback). "Buffer size requested equal to zero", "Buffer size
+    // requested is too large" (2^63 and above), "Invalid heap type", "Failed to create buffer".
     boost::intrusive_ptr<D12Buffer> CreateBuffer(std::uint64_t size);
     // Frees every free buffer and stops the timer.
     void Clear();
@@ -58,9 +59,10 @@ private:
 
     CComPtr<ID3D12Device> m_device;
     D3D12_HEAP_TYPE m_heapType;
-    std::mutex m_lock; // guards the free list, the size classes, start and stop of the timer
+    std::mutex m_lock;   // guards the free list, the size classes, start and stop of the timer
     FreeList m_freeList; // oldest first
-    std::array<std::vector<FreeList::iterator>, 64> m_sizeClasses; // by leading zero bits of the size
+    std::array<std::vector<FreeList::iterator>, 64>
+        m_sizeClasses;                // by leading zero bits of the size
     Core::WaitableTimer m_purgeTimer; // last: its callback uses all of the above
 };
 
@@ -76,26 +78,32 @@ public:
     // The rounded size in bytes.
     std::uint64_t GetSize() const { return m_desc.Width; }
 
-    // Maps, calls back with the start of the buffer (not offset by begin), unmaps. [begin, end) is the byte range that the
-    // callback reads or writes. The GPU must be done with it. An empty callback raises std::bad_function_call.
-    // "This buffer is not readable", "Failed to map readback buffer".
-    void Read(std::uint64_t begin, std::uint64_t end, const std::function<void(const std::uint8_t*)>& callback);
+    // Maps, calls back with the start of the buffer (not offset by begin), unmaps. [begin, end) is
+    // the byte range that the callback reads or writes. The GPU must be done with it. An empty
+    // callback raises std::bad_function_call. "This buffer is not readable", "Failed to map
+    // readback buffer".
+    void Read(std::uint64_t begin, std::uint64_t end,
+              const std::function<void(const std::uint8_t*)>& callback);
     // "This buffer is not writeable", "Failed to map upload buffer".
-    void Write(std::uint64_t begin, std::uint64_t end, const std::function<void(std::uint8_t*)>& callback);
+    void Write(std::uint64_t begin, std::uint64_t end,
+               const std::function<void(std::uint8_t*)>& callback);
 
     // A transition of the whole buffer; borrows the resource.
-    D3D12_RESOURCE_BARRIER Transition(bitflags<D3D12_RESOURCE_STATES> before, bitflags<D3D12_RESOURCE_STATES> after,
+    D3D12_RESOURCE_BARRIER Transition(bitflags<D3D12_RESOURCE_STATES> before,
+                                      bitflags<D3D12_RESOURCE_STATES> after,
                                       D3D12_RESOURCE_BARRIER_FLAGS flags) const;
 
 private:
     friend class D12BufferPool;
 
-    D12Buffer(const CComPtr<ID3D12Resource>& resource, const boost::intrusive_ptr<D12BufferPool>& pool);
+    D12Buffer(const CComPtr<ID3D12Resource>& resource,
+              const boost::intrusive_ptr<D12BufferPool>& pool);
 
     CComPtr<ID3D12Resource> m_resource;
     D3D12_RESOURCE_DESC m_desc;
     boost::intrusive_ptr<D12BufferPool> m_pool;
-    boost::intrusive_ptr<D12Buffer> m_original; // in a copy: the handle that will return the resource
+    boost::intrusive_ptr<D12Buffer>
+        m_original; // in a copy: the handle that will return the resource
 };
 
 } // namespace Norvex::DX

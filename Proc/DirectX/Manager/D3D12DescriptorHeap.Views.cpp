@@ -1,5 +1,7 @@
 // Views of whole resources, described from the resources themselves.
 
+#include <cstring>
+
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -16,19 +18,21 @@ bool IsArray(const D3D12_RESOURCE_DESC& resource) {
 }
 
 // Buffers have operations of their own.
-[[noreturn]] void ThrowNotATexture(
-    const D3D12_RESOURCE_DESC& resource,
-    const std::source_location& location = std::source_location::current()) {
+[[noreturn]] void
+ThrowNotATexture(const D3D12_RESOURCE_DESC& resource,
+                 const std::source_location& location = std::source_location::current()) {
     Throw<DirectX12Exception>(resource.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER
                                   ? "Unsupported resource"
                                   : "Unknown resource",
                               location);
 }
 
-// All zero but the format. T() zeroes the whole of the union in a description; T{} only its first member.
+// All zero but the format. Initialisers leave the padding of a union's first member, where others
+// have fields, as it is.
 template <class ViewDesc>
 ViewDesc MakeViewDesc(DXGI_FORMAT format) {
-    auto view = ViewDesc();
+    ViewDesc view;
+    std::memset(&view, 0, sizeof(view));
     view.Format = format;
     return view;
 }
@@ -93,17 +97,19 @@ void DescribeTexture2D(const D3D12_RESOURCE_DESC& resource, unsigned mipSlice,
 
 } // namespace
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateConstantBufferView(
-    const CComPtr<ID3D12Resource>& resource) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
-    // A constant buffer view does not need shader-resource access; the check is wanted all the same.
+    // A constant buffer view does not need shader-resource access; the check is wanted all the
+    // same.
     ThrowUnless<DirectX12Exception>(IsReadableBuffer(desc), "Unsupported resource");
     return CreateConstantBufferView(
         resource, {resource->GetGPUVirtualAddress(), static_cast<unsigned>(desc.Width)});
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateBufferShaderResourceView(
-    const CComPtr<ID3D12Resource>& resource, unsigned stride) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateBufferShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                                                     unsigned stride) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
     ThrowUnless<DirectX12Exception>(IsReadableBuffer(desc), "Unsupported resource");
     auto view = MakeViewDesc<D3D12_SHADER_RESOURCE_VIEW_DESC>(DXGI_FORMAT_UNKNOWN);
@@ -118,10 +124,10 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateBufferUnorderedA
     const CComPtr<ID3D12Resource>& resource, unsigned stride, D3D12_BUFFER_UAV_FLAGS flags,
     unsigned counterOffset, const CComPtr<ID3D12Resource>& counter) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
-    ThrowUnless<DirectX12Exception>(
-        desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER &&
-            (desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS) != 0,
-        "Unsupported resource");
+    ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER &&
+                                        (desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS) !=
+                                            0,
+                                    "Unsupported resource");
     auto view = MakeViewDesc<D3D12_UNORDERED_ACCESS_VIEW_DESC>(DXGI_FORMAT_UNKNOWN);
     view.ViewDimension = D3D12_UAV_DIMENSION_BUFFER;
     view.Buffer.NumElements = ElementCount(desc, stride);
@@ -131,8 +137,9 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateBufferUnorderedA
     return CreateUnorderedAccessView(resource, counter, view);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateTextureShaderResourceView(
-    const CComPtr<ID3D12Resource>& resource, bool cube) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                                                      bool cube) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_DENY_SHADER_RESOURCE) == 0,
                                     "Resource created without support for SRV");
@@ -157,8 +164,9 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateTextureShaderRes
     return CreateShaderResourceView(resource, view);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateRenderTargetView(
-    const CComPtr<ID3D12Resource>& resource, unsigned mipSlice) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
+                                             unsigned mipSlice) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET) != 0,
                                     "Resource created without support for RTV");
@@ -182,8 +190,9 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateRenderTargetView
     return CreateRenderTargetView(resource, view);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateTextureUnorderedAccessView(
-    const CComPtr<ID3D12Resource>& resource, unsigned mipSlice) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateTextureUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
+                                                       unsigned mipSlice) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS) != 0,
                                     "Resource created without support for UAV");

@@ -31,9 +31,12 @@ const Desc* PointerTo(const std::optional<Desc>& desc) {
 D12DescriptorHeap::D12DescriptorHeap(const CComPtr<ID3D12Device>& device,
                                      CComPtr<ID3D12DescriptorHeap> heap,
                                      boost::intrusive_ptr<D12DescriptorHeapPool> pool)
-    : m_device(device), m_heap(std::move(heap)), m_desc(Platform::GetDesc(m_heap)),
+    : m_device(device),
+      m_heap(std::move(heap)),
+      m_desc(Platform::GetDesc(m_heap)),
       m_increment(device->GetDescriptorHandleIncrementSize(m_desc.Type)),
-      m_cpuStart(Platform::GetCPUStart(m_heap)), m_pool(std::move(pool)) {}
+      m_cpuStart(Platform::GetCPUStart(m_heap)),
+      m_pool(std::move(pool)) {}
 
 D12DescriptorHeap::~D12DescriptorHeap() {
     if (!m_pool) {
@@ -42,7 +45,7 @@ D12DescriptorHeap::~D12DescriptorHeap() {
     try {
         m_pool->ReuseHeap(this);
     } catch (const std::bad_alloc&) {
-        // Out of memory: the heap is released instead of recycled.
+        m_heap.Release(); // out of memory: freed instead of recycled
     }
 }
 
@@ -50,8 +53,7 @@ D12DescriptorHeap::~D12DescriptorHeap() {
 void D12DescriptorHeap::ReuseDescriptor(D12Descriptor*) {}
 
 D3D12_CPU_DESCRIPTOR_HANDLE D12DescriptorHeap::GetCPUHandle(unsigned index) const {
-    ThrowUnless<DirectX12Exception>(index < m_desc.NumDescriptors,
-                                    "Descriptor index out of range");
+    ThrowUnless<DirectX12Exception>(index < m_desc.NumDescriptors, "Descriptor index out of range");
     return {m_cpuStart.ptr + SIZE_T{index} * m_increment};
 }
 
@@ -62,13 +64,13 @@ D12DescriptorGPUHeap::D12DescriptorGPUHeap(const CComPtr<ID3D12Device>& device,
       m_gpuStart(Platform::GetGPUStart(m_heap)) {}
 
 D3D12_GPU_DESCRIPTOR_HANDLE D12DescriptorGPUHeap::GetGPUHandle(unsigned index) const {
-    ThrowUnless<DirectX12Exception>(index < m_desc.NumDescriptors,
-                                    "Descriptor index out of range");
+    ThrowUnless<DirectX12Exception>(index < m_desc.NumDescriptors, "Descriptor index out of range");
     return {m_gpuStart.ptr + UINT64{index} * m_increment};
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorGPUHeap::CopyDescriptor(
-    unsigned index, const boost::intrusive_ptr<D12Descriptor>& source) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorGPUHeap::CopyDescriptor(unsigned index,
+                                     const boost::intrusive_ptr<D12Descriptor>& source) {
     ThrowUnless<DirectX12Exception>(GetType() == source->GetHeapType(),
                                     "Descriptor heap types are different");
     boost::intrusive_ptr<D12Descriptor> copy(new D12Descriptor(
@@ -101,16 +103,17 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::AllocateDescriptor(
     }
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateConstantBufferView(
-    const CComPtr<ID3D12Resource>& resource, const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource,
+                                               const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc) {
     ThrowUnless<DirectX12Exception>(
         desc.SizeInBytes % kConstantBufferAlignment == 0,
         "Constant Buffer View requires SizeInBytes be a multiple of 256");
     ThrowUnless<DirectX12Exception>(GetType() == D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV,
                                     "Invalid heap type");
-    auto descriptor = AllocateDescriptor(
-        {resource}, D12Descriptor::ConstantBuffer, FormatOf(resource),
-        "There is no free space in the heap to create a constant buffer view");
+    auto descriptor =
+        AllocateDescriptor({resource}, D12Descriptor::ConstantBuffer, FormatOf(resource),
+                           "There is no free space in the heap to create a constant buffer view");
     m_device->CreateConstantBufferView(&desc, descriptor->GetCPUHandle());
     return descriptor;
 }
@@ -120,9 +123,9 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateShaderResourceVi
     const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc) {
     ThrowUnless<DirectX12Exception>(GetType() == D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV,
                                     "Invalid heap type");
-    auto descriptor = AllocateDescriptor(
-        {resource}, D12Descriptor::ShaderResource, FormatOf(resource, desc),
-        "There is no free space in the heap to create a shader resource view");
+    auto descriptor =
+        AllocateDescriptor({resource}, D12Descriptor::ShaderResource, FormatOf(resource, desc),
+                           "There is no free space in the heap to create a shader resource view");
     m_device->CreateShaderResourceView(resource, PointerTo(desc), descriptor->GetCPUHandle());
     return descriptor;
 }
@@ -144,13 +147,12 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateUnorderedAccessV
     return descriptor;
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateSampler(
-    const D3D12_SAMPLER_DESC& desc) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorCPUHeap::CreateSampler(const D3D12_SAMPLER_DESC& desc) {
     ThrowUnless<DirectX12Exception>(GetType() == D3D12_DESCRIPTOR_HEAP_TYPE_SAMPLER,
                                     "Invalid heap type");
-    auto descriptor =
-        AllocateDescriptor({}, D12Descriptor::Sampler, DXGI_FORMAT_UNKNOWN,
-                           "There is no free space in the heap to create a sampler");
+    auto descriptor = AllocateDescriptor({}, D12Descriptor::Sampler, DXGI_FORMAT_UNKNOWN,
+                                         "There is no free space in the heap to create a sampler");
     m_device->CreateSampler(&desc, descriptor->GetCPUHandle());
     return descriptor;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
-// Descriptor heaps and their pool. Ownership: descriptor -> heap -> pool -> device. A CPU heap hands out slots and makes views
-// in them; a GPU (shader-visible) heap receives copies before drawing, at indices that its user chooses. The pool recycles the
-// Direct3D heaps of dead wrappers and keeps one shared CPU heap a type for one-off views.
-// Pool and CPU heaps: any thread. A GPU heap: one thread at a time. Throws DirectX12Exception.
+// Descriptor heaps and their pool. Ownership: descriptor -> heap -> pool -> device. A CPU heap
+// hands out slots and makes views in them; a GPU (shader-visible) heap receives copies before
+// drawing, at indices that its user chooses. The pool recycles the Direct3D heaps of dead wrappers
+// and keeps one shared CPU heap a type for one-off views. Pool and CPU heaps: any thread. A GPU
+// heap: one thread at a time. Throws DirectX12Exception.
 
 #include <map>
 #include <optional>
@@ -42,7 +43,8 @@ protected:
     D3D12_DESCRIPTOR_HEAP_DESC m_desc;
     std::uint32_t m_increment;
     D3D12_CPU_DESCRIPTOR_HANDLE m_cpuStart;
-    boost::intrusive_ptr<D12DescriptorHeapPool> m_pool; // null while the pool holds this as a shared heap
+    boost::intrusive_ptr<D12DescriptorHeapPool>
+        m_pool; // null while the pool holds this as a shared heap
 };
 
 class NORVEX_DX_API D12DescriptorCPUHeap : public D12DescriptorHeap {
@@ -50,39 +52,47 @@ public:
     void ReuseDescriptor(D12Descriptor* descriptor) override;
     bool HasFree() const { return m_slots.HasFree(); }
 
-    // Views by description; without one Direct3D derives it. The resource is not null unless said. Each: "Invalid heap type" when
-    // this heap is not of the view's type, "There is no free space in the heap to create a ..." when it is full.
-    // The size must be a multiple of 256: "Constant Buffer View requires SizeInBytes be a multiple of 256".
-    boost::intrusive_ptr<D12Descriptor> CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource,
-                                                                 const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc);
-    boost::intrusive_ptr<D12Descriptor> CreateShaderResourceView(
-        const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
+    // Views by description; without one Direct3D derives it. The resource is not null unless said.
+    // Each: "Invalid heap type" when this heap is not of the view's type, "There is no free space
+    // in the heap to create a ..." when it is full. The size must be a multiple of 256: "Constant
+    // Buffer View requires SizeInBytes be a multiple of 256".
+    boost::intrusive_ptr<D12Descriptor>
+    CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource,
+                             const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                             const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
     // counter may be null.
-    boost::intrusive_ptr<D12Descriptor> CreateUnorderedAccessView(
-        const CComPtr<ID3D12Resource>& resource, const CComPtr<ID3D12Resource>& counter,
-        const std::optional<D3D12_UNORDERED_ACCESS_VIEW_DESC>& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
+                              const CComPtr<ID3D12Resource>& counter,
+                              const std::optional<D3D12_UNORDERED_ACCESS_VIEW_DESC>& desc);
     boost::intrusive_ptr<D12Descriptor> CreateSampler(const D3D12_SAMPLER_DESC& desc);
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(
-        const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
-    boost::intrusive_ptr<D12Descriptor> CreateDepthStencilView(
-        const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_DEPTH_STENCIL_VIEW_DESC>& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
+                           const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateDepthStencilView(const CComPtr<ID3D12Resource>& resource,
+                           const std::optional<D3D12_DEPTH_STENCIL_VIEW_DESC>& desc);
 
-    // Views of the whole resource, described from the resource itself. "Unsupported resource", "Unknown resource", "Resource
-    // created without support for SRV" (RTV, UAV), and what the operations above throw. stride: bytes of one element, 0 counts bytes.
-    boost::intrusive_ptr<D12Descriptor> CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource);
-    boost::intrusive_ptr<D12Descriptor> CreateBufferShaderResourceView(const CComPtr<ID3D12Resource>& resource,
-                                                                       unsigned stride);
-    boost::intrusive_ptr<D12Descriptor> CreateBufferUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
-                                                                        unsigned stride, D3D12_BUFFER_UAV_FLAGS flags,
-                                                                        unsigned counterOffset,
-                                                                        const CComPtr<ID3D12Resource>& counter);
+    // Views of the whole resource, described from the resource itself. "Unsupported resource",
+    // "Unknown resource", "Resource created without support for SRV" (RTV, UAV), and what the
+    // operations above throw. stride: bytes of one element, 0 counts bytes.
+    boost::intrusive_ptr<D12Descriptor>
+    CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateBufferShaderResourceView(const CComPtr<ID3D12Resource>& resource, unsigned stride);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateBufferUnorderedAccessView(const CComPtr<ID3D12Resource>& resource, unsigned stride,
+                                    D3D12_BUFFER_UAV_FLAGS flags, unsigned counterOffset,
+                                    const CComPtr<ID3D12Resource>& counter);
     // cube: a 2-D array of six (or a multiple) is a cube (array of cubes).
-    boost::intrusive_ptr<D12Descriptor> CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource,
-                                                                        bool cube);
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
-                                                               unsigned mipSlice);
-    boost::intrusive_ptr<D12Descriptor> CreateTextureUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
-                                                                         unsigned mipSlice);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource, bool cube);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource, unsigned mipSlice);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateTextureUnorderedAccessView(const CComPtr<ID3D12Resource>& resource, unsigned mipSlice);
 
 private:
     friend class D12DescriptorHeapPool;
@@ -90,11 +100,11 @@ private:
     D12DescriptorCPUHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12DescriptorHeap> heap,
                          boost::intrusive_ptr<D12DescriptorHeapPool> pool);
 
-    boost::intrusive_ptr<D12Descriptor> AllocateDescriptor(std::vector<CComPtr<ID3D12Resource>> resources,
-                                                           D12Descriptor::DescriptorType type, DXGI_FORMAT format,
-                                                           const char* noSpaceSentence,
-                                                           const std::source_location& location =
-                                                               std::source_location::current());
+    boost::intrusive_ptr<D12Descriptor>
+    AllocateDescriptor(std::vector<CComPtr<ID3D12Resource>> resources,
+                       D12Descriptor::DescriptorType type, DXGI_FORMAT format,
+                       const char* noSpaceSentence,
+                       const std::source_location& location = std::source_location::current());
 
     SlotBitmap m_slots;
 };
@@ -103,10 +113,10 @@ class NORVEX_DX_API D12DescriptorGPUHeap : public D12DescriptorHeap {
 public:
     // "Descriptor index out of range".
     D3D12_GPU_DESCRIPTOR_HANDLE GetGPUHandle(unsigned index) const;
-    // Copies into slot `index`, replacing what is there; the result keeps the source's resources alive, not its slot.
-    // "Descriptor heap types are different", "Descriptor index out of range".
-    boost::intrusive_ptr<D12Descriptor> CopyDescriptor(unsigned index,
-                                                       const boost::intrusive_ptr<D12Descriptor>& source);
+    // Copies into slot `index`, replacing what is there; the result keeps the source's resources
+    // alive, not its slot. "Descriptor heap types are different", "Descriptor index out of range".
+    boost::intrusive_ptr<D12Descriptor>
+    CopyDescriptor(unsigned index, const boost::intrusive_ptr<D12Descriptor>& source);
 
 private:
     friend class D12DescriptorHeapPool;
@@ -124,34 +134,44 @@ public:
     D12DescriptorHeapPool(const D12DescriptorHeapPool&) = delete;
     D12DescriptorHeapPool& operator=(const D12DescriptorHeapPool&) = delete;
 
-    // Heaps of at least `count` descriptors, recycled where a dead one is large enough. "Failed to create descriptor heap".
-    boost::intrusive_ptr<D12DescriptorCPUHeap> CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count);
+    // Heaps of at least `count` descriptors, recycled where a dead one is large enough. "Failed to
+    // create descriptor heap".
+    boost::intrusive_ptr<D12DescriptorCPUHeap> CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type,
+                                                             unsigned count);
     // "Invalid heap type for GPU descriptor heap" unless views (CBV_SRV_UAV) or samplers.
-    boost::intrusive_ptr<D12DescriptorGPUHeap> CreateGPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count);
+    boost::intrusive_ptr<D12DescriptorGPUHeap> CreateGPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type,
+                                                             unsigned count);
 
-    // One-off views in the shared heaps, which are replaced when full. Errors as of D12DescriptorCPUHeap.
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource);
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(
-        const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
-    boost::intrusive_ptr<D12Descriptor> CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
+    // One-off views in the shared heaps, which are replaced when full. Errors as of
+    // D12DescriptorCPUHeap.
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
+                           const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 
 private:
     friend class D12DescriptorHeap;
 
     using FreeHeaps = std::multimap<std::uint32_t, CComPtr<ID3D12DescriptorHeap>>; // by capacity
 
-    CComPtr<ID3D12DescriptorHeap> CreateHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, D3D12_DESCRIPTOR_HEAP_FLAGS flags,
-                                             unsigned count);
+    CComPtr<ID3D12DescriptorHeap> CreateHeap(D3D12_DESCRIPTOR_HEAP_TYPE type,
+                                             D3D12_DESCRIPTOR_HEAP_FLAGS flags, unsigned count);
     CComPtr<ID3D12DescriptorHeap> TakeFreeHeap(std::uint32_t key, unsigned count);
-    const boost::intrusive_ptr<D12DescriptorCPUHeap>& GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE type);
+    const boost::intrusive_ptr<D12DescriptorCPUHeap>&
+    GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE type);
     void ReuseHeap(D12DescriptorHeap* heap);
 
     CComPtr<ID3D12Device> m_device;
     std::mutex m_freeHeapsMutex;
     std::unordered_map<std::uint32_t, FreeHeaps> m_freeHeaps; // by flags and type
-    // Held over the whole making of a shared view; the other two locks (free heaps, slots) are taken inside it.
+    // Held over the whole making of a shared view; the other two locks (free heaps, slots) are
+    // taken inside it.
     std::mutex m_sharedMutex;
-    std::unordered_map<D3D12_DESCRIPTOR_HEAP_TYPE, boost::intrusive_ptr<D12DescriptorCPUHeap>> m_sharedHeaps;
+    std::unordered_map<D3D12_DESCRIPTOR_HEAP_TYPE, boost::intrusive_ptr<D12DescriptorCPUHeap>>
+        m_sharedHeaps;
 };
 
 } // namespace Norvex::DX

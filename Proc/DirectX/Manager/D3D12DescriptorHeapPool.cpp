@@ -31,15 +31,15 @@ D12DescriptorHeapPool::D12DescriptorHeapPool(const CComPtr<ID3D12Device>& device
 
 D12DescriptorHeapPool::~D12DescriptorHeapPool() = default;
 
-boost::intrusive_ptr<D12DescriptorCPUHeap> D12DescriptorHeapPool::CreateCPUHeap(
-    D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count) {
+boost::intrusive_ptr<D12DescriptorCPUHeap>
+D12DescriptorHeapPool::CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count) {
     auto heap = CreateHeap(type, D3D12_DESCRIPTOR_HEAP_FLAG_NONE, count);
     return boost::intrusive_ptr<D12DescriptorCPUHeap>(
         new D12DescriptorCPUHeap(m_device, std::move(heap), this));
 }
 
-boost::intrusive_ptr<D12DescriptorGPUHeap> D12DescriptorHeapPool::CreateGPUHeap(
-    D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count) {
+boost::intrusive_ptr<D12DescriptorGPUHeap>
+D12DescriptorHeapPool::CreateGPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count) {
     ThrowUnless<DirectX12Exception>(type == D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV ||
                                         type == D3D12_DESCRIPTOR_HEAP_TYPE_SAMPLER,
                                     "Invalid heap type for GPU descriptor heap");
@@ -48,8 +48,8 @@ boost::intrusive_ptr<D12DescriptorGPUHeap> D12DescriptorHeapPool::CreateGPUHeap(
         new D12DescriptorGPUHeap(m_device, std::move(heap), this));
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorHeapPool::CreateRenderTargetView(
-    const CComPtr<ID3D12Resource>& resource) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorHeapPool::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource) {
     const std::scoped_lock lock(m_sharedMutex);
     return GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE_RTV)->CreateRenderTargetView(resource, 0);
 }
@@ -61,8 +61,8 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorHeapPool::CreateRenderTargetVie
     return GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE_RTV)->CreateRenderTargetView(resource, desc);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12DescriptorHeapPool::CreateTextureShaderResourceView(
-    const CComPtr<ID3D12Resource>& resource) {
+boost::intrusive_ptr<D12Descriptor>
+D12DescriptorHeapPool::CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource) {
     const std::scoped_lock lock(m_sharedMutex);
     return GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV)
         ->CreateTextureShaderResourceView(resource, false);
@@ -98,8 +98,8 @@ CComPtr<ID3D12DescriptorHeap> D12DescriptorHeapPool::TakeFreeHeap(std::uint32_t 
     return heap;
 }
 
-const boost::intrusive_ptr<D12DescriptorCPUHeap>& D12DescriptorHeapPool::GetSharedHeap(
-    D3D12_DESCRIPTOR_HEAP_TYPE type) {
+const boost::intrusive_ptr<D12DescriptorCPUHeap>&
+D12DescriptorHeapPool::GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE type) {
     auto& shared = m_sharedHeaps[type];
     if (shared && shared->HasFree()) {
         return shared;

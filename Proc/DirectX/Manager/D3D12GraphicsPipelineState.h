@@ -1,7 +1,8 @@
 #pragma once
 
-// The library's description of a graphics pipeline and its conversion to Direct3D 12's. Plain values; a converted
-// description points into the one it came from, which must outlive it. Throws DirectX12Exception without a result code.
+// The library's description of a graphics pipeline and its conversion to Direct3D 12's. Plain
+// values; a converted description points into the one it came from, which must outlive it. Throws
+// DirectX12Exception without a result code.
 
 #include <cstdint>
 #include <memory>
@@ -35,7 +36,8 @@ struct NORVEX_DX_API D12BlendState {
     // Not together with targets.
     bool logicOpEnable = false;
 
-    // "It's not valid for logic operation and blend to both be enabled", "The number of blend states exceeds the allowed limit".
+    // "It's not valid for logic operation and blend to both be enabled", "The number of blend
+    // states exceeds the allowed limit".
     D3D12_BLEND_DESC ToDesc() const;
 
     friend bool operator==(const D12BlendState&, const D12BlendState&) = default;
@@ -54,8 +56,9 @@ struct NORVEX_DX_API D12GraphicsPipelineDesc {
     std::vector<DXGI_FORMAT> renderTargetFormats; // at most 8
     DXGI_SAMPLE_DESC sampleDesc = {1, 0};
 
-    // All samples written, no depth-stencil format (pipelines of this library draw without one), node 0. "The number of render
-    // targets exceeds the allowed limit", and what the blend state throws.
+    // All samples written, no depth-stencil format (pipelines of this library draw without one),
+    // node 0. "The number of render targets exceeds the allowed limit", and what the blend state
+    // throws.
     D3D12_GRAPHICS_PIPELINE_STATE_DESC ToDesc() const;
 };
 

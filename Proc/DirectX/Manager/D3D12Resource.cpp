@@ -12,17 +12,26 @@ namespace Norvex::DX {
 D12Descriptor::D12Descriptor(std::vector<CComPtr<ID3D12Resource>> resources, DescriptorType type,
                              DXGI_FORMAT format, std::uint32_t index,
                              boost::intrusive_ptr<D12DescriptorHeap> heap)
-    : m_resources(std::move(resources)), m_type(type), m_format(format), m_index(index),
-      m_heap(std::move(heap)), m_cpuHandle(m_heap->GetCPUHandle(index)) {
+    : m_resources(std::move(resources)),
+      m_type(type),
+      m_format(format),
+      m_index(index),
+      m_heap(std::move(heap)),
+      m_cpuHandle(m_heap->GetCPUHandle(index)) {
     if (!m_resources.empty()) {
         m_resourceDesc = Platform::GetDesc(m_resources[0]);
     }
 }
 
 D12Descriptor::D12Descriptor(const D12Descriptor& other)
-    : RefCountImpl(other), m_resources(other.m_resources), m_type(other.m_type),
-      m_format(other.m_format), m_resourceDesc(other.m_resourceDesc), m_index(other.m_index),
-      m_heap(other.m_heap), m_cpuHandle(other.m_cpuHandle),
+    : RefCountImpl(other),
+      m_resources(other.m_resources),
+      m_type(other.m_type),
+      m_format(other.m_format),
+      m_resourceDesc(other.m_resourceDesc),
+      m_index(other.m_index),
+      m_heap(other.m_heap),
+      m_cpuHandle(other.m_cpuHandle),
       m_original(other.m_original ? other.m_original.get() : const_cast<D12Descriptor*>(&other)) {}
 
 D12Descriptor::~D12Descriptor() {
@@ -55,17 +64,19 @@ D3D12_RESOURCE_BARRIER D12Descriptor::Transition(bitflags<D3D12_RESOURCE_STATES>
 
 D12VertexBuffer::D12VertexBuffer(const CComPtr<ID3D12Resource>& resource, unsigned stride,
                                  unsigned count)
-    : m_resource(resource), m_count(count),
+    : m_resource(resource),
+      m_count(count),
       m_view{resource->GetGPUVirtualAddress(), stride * count, stride} {}
 
-boost::intrusive_ptr<D12VertexBuffer> D12VertexBuffer::Create(
-    const CComPtr<ID3D12Resource>& resource, unsigned stride, unsigned count) {
+boost::intrusive_ptr<D12VertexBuffer>
+D12VertexBuffer::Create(const CComPtr<ID3D12Resource>& resource, unsigned stride, unsigned count) {
     return boost::intrusive_ptr<D12VertexBuffer>(new D12VertexBuffer(resource, stride, count));
 }
 
 D12IndexBuffer::D12IndexBuffer(const CComPtr<ID3D12Resource>& resource, DXGI_FORMAT format,
                                unsigned count, unsigned sizeInBytes)
-    : m_resource(resource), m_count(count),
+    : m_resource(resource),
+      m_count(count),
       m_view{resource->GetGPUVirtualAddress(), sizeInBytes, format} {}
 
 boost::intrusive_ptr<D12IndexBuffer> D12IndexBuffer::Create(const CComPtr<ID3D12Resource>& resource,

@@ -1,8 +1,9 @@
 #pragma once
 
-// Descriptors and the input-assembler buffers. A D12Descriptor is one view or sampler in one slot of a heap; it keeps its
-// resources and its heap alive and frees the slot when it dies. Made by the heaps of D3D12DescriptorHeap.h.
-// Immutable after construction, any thread. Throws DirectX12Exception.
+// Descriptors and the input-assembler buffers. A D12Descriptor is one view or sampler in one slot
+// of a heap; it keeps its resources and its heap alive and frees the slot when it dies. Made by the
+// heaps of D3D12DescriptorHeap.h. Immutable after construction, any thread. Throws
+// DirectX12Exception.
 
 #include <cstdint>
 #include <vector>
@@ -48,16 +49,19 @@ public:
     Rect2DT<long> GetRect() const;
     Size2DT<long> GetSize() const;
 
-    // A transition of the first resource, which the barrier borrows. "There are no resources available".
-    D3D12_RESOURCE_BARRIER Transition(bitflags<D3D12_RESOURCE_STATES> before, bitflags<D3D12_RESOURCE_STATES> after,
-                                      unsigned subresource, D3D12_RESOURCE_BARRIER_FLAGS flags) const;
+    // A transition of the first resource, which the barrier borrows. "There are no resources
+    // available".
+    D3D12_RESOURCE_BARRIER Transition(bitflags<D3D12_RESOURCE_STATES> before,
+                                      bitflags<D3D12_RESOURCE_STATES> after, unsigned subresource,
+                                      D3D12_RESOURCE_BARRIER_FLAGS flags) const;
 
 private:
     friend class D12DescriptorCPUHeap;
     friend class D12DescriptorGPUHeap;
 
-    D12Descriptor(std::vector<CComPtr<ID3D12Resource>> resources, DescriptorType type, DXGI_FORMAT format,
-                  std::uint32_t index, boost::intrusive_ptr<D12DescriptorHeap> heap);
+    D12Descriptor(std::vector<CComPtr<ID3D12Resource>> resources, DescriptorType type,
+                  DXGI_FORMAT format, std::uint32_t index,
+                  boost::intrusive_ptr<D12DescriptorHeap> heap);
 
     std::vector<CComPtr<ID3D12Resource>> m_resources;
     DescriptorType m_type;
@@ -72,8 +76,8 @@ private:
 class NORVEX_DX_API D12VertexBuffer : public RefCountImpl {
 public:
     // stride: bytes of one vertex; count: vertices in the buffer.
-    static boost::intrusive_ptr<D12VertexBuffer> Create(const CComPtr<ID3D12Resource>& resource, unsigned stride,
-                                                        unsigned count);
+    static boost::intrusive_ptr<D12VertexBuffer> Create(const CComPtr<ID3D12Resource>& resource,
+                                                        unsigned stride, unsigned count);
 
     const CComPtr<ID3D12Resource>& GetBuffer() const { return m_resource; }
     unsigned GetCount() const { return m_count; }
@@ -91,8 +95,9 @@ private:
 class NORVEX_DX_API D12IndexBuffer : public RefCountImpl {
 public:
     // format: DXGI_FORMAT_R16_UINT or DXGI_FORMAT_R32_UINT; count: indices in the buffer.
-    static boost::intrusive_ptr<D12IndexBuffer> Create(const CComPtr<ID3D12Resource>& resource, DXGI_FORMAT format,
-                                                       unsigned count, unsigned sizeInBytes);
+    static boost::intrusive_ptr<D12IndexBuffer> Create(const CComPtr<ID3D12Resource>& resource,
+                                                       DXGI_FORMAT format, unsigned count,
+                                                       unsigned sizeInBytes);
 
     const CComPtr<ID3D12Resource>& GetBuffer() const { return m_resource; }
     unsigned GetCount() const { return m_count; }
@@ -100,7 +105,8 @@ public:
     const D3D12_INDEX_BUFFER_VIEW& GetView() const { return m_view; }
 
 private:
-    D12IndexBuffer(const CComPtr<ID3D12Resource>& resource, DXGI_FORMAT format, unsigned count, unsigned sizeInBytes);
+    D12IndexBuffer(const CComPtr<ID3D12Resource>& resource, DXGI_FORMAT format, unsigned count,
+                   unsigned sizeInBytes);
 
     CComPtr<ID3D12Resource> m_resource;
     unsigned m_count;

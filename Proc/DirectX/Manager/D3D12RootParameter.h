@@ -1,10 +1,10 @@
 #pragma once
 
-// Root parameters: what D12ShaderParameters hands out to be filled before each draw. Held by their D12ShaderParameters and by the
-// caller. Not thread-safe: one recording thread at a time. Throws DirectX12Exception.
+// Root parameters: what D12ShaderParameters hands out to be filled before each draw. Held by their
+// D12ShaderParameters and by the caller. Not thread-safe: one recording thread at a time. Throws
+// DirectX12Exception.
 
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
@@ -46,10 +46,13 @@ protected:
 
 class NORVEX_DX_API D12RootConstants : public D12RootParameter {
 public:
-    static constexpr unsigned s_32bitSize = 4; // bytes of one value
+    // Bytes of one value.
+    static constexpr unsigned s_32bitSize = 4; // NOLINT(readability-identifier-naming): API name
 
-    static boost::intrusive_ptr<D12RootConstants> Init(unsigned num32BitValues, unsigned shaderRegister,
-                                                       unsigned registerSpace, D3D12_SHADER_VISIBILITY visibility);
+    static boost::intrusive_ptr<D12RootConstants> Init(unsigned num32BitValues,
+                                                       unsigned shaderRegister,
+                                                       unsigned registerSpace,
+                                                       D3D12_SHADER_VISIBILITY visibility);
 
     // Padded with zeros to whole 32-bit values. The length is not compared with num32BitValues.
     void SetData(std::vector<unsigned char>&& data);
@@ -68,7 +71,8 @@ private:
     std::vector<unsigned char> m_data;
 };
 
-// A buffer bound by its address. Set the buffer before every bind, which consumes it and keeps it alive with the list.
+// A buffer bound by its address. Set the buffer before every bind, which consumes it and keeps it
+// alive with the list.
 class NORVEX_DX_API D12InlineDescriptor : public D12RootParameter {
 public:
     void SetBuffer(const CComPtr<ID3D12Resource>& buffer) { m_buffer = buffer; }
@@ -77,8 +81,8 @@ public:
     void CheckBindable() const override;
 
 protected:
-    D12InlineDescriptor(unsigned shaderRegister, unsigned registerSpace, D3D12_ROOT_DESCRIPTOR_FLAGS flags,
-                        D3D12_SHADER_VISIBILITY visibility);
+    D12InlineDescriptor(unsigned shaderRegister, unsigned registerSpace,
+                        D3D12_ROOT_DESCRIPTOR_FLAGS flags, D3D12_SHADER_VISIBILITY visibility);
 
     D3D12_ROOT_PARAMETER1 SerializeAs(D3D12_ROOT_PARAMETER_TYPE type) const;
     using RootSetter = void (D12GraphicsCommandList::*)(unsigned, D3D12_GPU_VIRTUAL_ADDRESS);
@@ -93,7 +97,8 @@ private:
 
 class NORVEX_DX_API D12ConstantBufferView : public D12InlineDescriptor {
 public:
-    static boost::intrusive_ptr<D12ConstantBufferView> Init(unsigned shaderRegister, unsigned registerSpace,
+    static boost::intrusive_ptr<D12ConstantBufferView> Init(unsigned shaderRegister,
+                                                            unsigned registerSpace,
                                                             D3D12_ROOT_DESCRIPTOR_FLAGS flags,
                                                             D3D12_SHADER_VISIBILITY visibility);
 
@@ -106,7 +111,8 @@ private:
 
 class NORVEX_DX_API D12ShaderResourceView : public D12InlineDescriptor {
 public:
-    static boost::intrusive_ptr<D12ShaderResourceView> Init(unsigned shaderRegister, unsigned registerSpace,
+    static boost::intrusive_ptr<D12ShaderResourceView> Init(unsigned shaderRegister,
+                                                            unsigned registerSpace,
                                                             D3D12_ROOT_DESCRIPTOR_FLAGS flags,
                                                             D3D12_SHADER_VISIBILITY visibility);
 
@@ -119,7 +125,8 @@ private:
 
 class NORVEX_DX_API D12UnorderedAccessView : public D12InlineDescriptor {
 public:
-    static boost::intrusive_ptr<D12UnorderedAccessView> Init(unsigned shaderRegister, unsigned registerSpace,
+    static boost::intrusive_ptr<D12UnorderedAccessView> Init(unsigned shaderRegister,
+                                                             unsigned registerSpace,
                                                              D3D12_ROOT_DESCRIPTOR_FLAGS flags,
                                                              D3D12_SHADER_VISIBILITY visibility);
 
@@ -128,67 +135,6 @@ public:
 
 private:
     using D12InlineDescriptor::D12InlineDescriptor;
-};
-
-// Descriptors copied into a shader-visible heap at each bind, which consumes them; registers and types stay.
-class NORVEX_DX_API D12DescriptorTable : public D12RootParameter {
-public:
-    bool NeedSerialize() const override { return m_needSerialize; }
-    // Neighbouring entries of one kind become one range. "Table not fully initialized" when an entry was never set.
-    D3D12_ROOT_PARAMETER1 Serialize() override;
-    // "Table not fully initialized" for a table of size 0.
-    void CheckBindable() const override;
-
-protected:
-    D12DescriptorTable(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
-
-    // "Table index out of range".
-    void SetDescriptor(unsigned index, const D3D12_DESCRIPTOR_RANGE1& range,
-                       const boost::intrusive_ptr<D12Descriptor>& descriptor);
-    // Copies the entries to `offset` and on in the heap, advances it, sets the table. "Table not fully initialized".
-    void Commit(CommitContext& context, const boost::intrusive_ptr<D12DescriptorGPUHeap>& heap,
-                std::uint32_t& offset);
-
-    CComPtr<ID3D12Device> m_device;
-    std::uint32_t m_size;
-
-private:
-    std::vector<boost::intrusive_ptr<D12Descriptor>> m_descriptors; // null: not set since the last bind
-    bool m_needSerialize = true;
-    std::vector<std::optional<D3D12_DESCRIPTOR_RANGE1>> m_ranges;
-    std::vector<D3D12_DESCRIPTOR_RANGE1> m_mergedRanges; // what the serialised parameter points to
-};
-
-class NORVEX_DX_API D12ViewTable : public D12DescriptorTable {
-public:
-    static boost::intrusive_ptr<D12ViewTable> Init(const CComPtr<ID3D12Device>& device, unsigned size,
-                                                   D3D12_SHADER_VISIBILITY visibility);
-
-    // A constant-buffer, shader-resource or unordered-access view. "Invalid descriptor type", "Table index out of range".
-    void SetView(unsigned index, unsigned shaderRegister, const boost::intrusive_ptr<D12Descriptor>& descriptor,
-                 unsigned registerSpace, D3D12_DESCRIPTOR_RANGE_FLAGS flags);
-
-    void CountDescriptors(CommitContext& context) override;
-    void SetToCommandList(CommitContext& context) override;
-
-private:
-    using D12DescriptorTable::D12DescriptorTable;
-};
-
-class NORVEX_DX_API D12SamplerTable : public D12DescriptorTable {
-public:
-    static boost::intrusive_ptr<D12SamplerTable> Init(const CComPtr<ID3D12Device>& device, unsigned size,
-                                                      D3D12_SHADER_VISIBILITY visibility);
-
-    // A sampler, in register space 0. "Invalid descriptor type", "Table index out of range".
-    void SetSampler(unsigned index, unsigned shaderRegister, const boost::intrusive_ptr<D12Descriptor>& descriptor,
-                    D3D12_DESCRIPTOR_RANGE_FLAGS flags);
-
-    void CountDescriptors(CommitContext& context) override;
-    void SetToCommandList(CommitContext& context) override;
-
-private:
-    using D12DescriptorTable::D12DescriptorTable;
 };
 
 } // namespace Norvex::DX

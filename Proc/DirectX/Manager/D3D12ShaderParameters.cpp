@@ -24,50 +24,55 @@ std::string TextOf(ID3D10Blob* blob) {
 D12ShaderParameters::D12ShaderParameters(const CComPtr<ID3D12Device>& device,
                                          const boost::intrusive_ptr<D12DescriptorHeapPool>& pool,
                                          D3D_ROOT_SIGNATURE_VERSION version)
-    : m_device(device), m_pool(pool), m_version(version) {}
+    : m_device(device),
+      m_pool(pool),
+      m_version(version) {}
 
 D12ShaderParameters::~D12ShaderParameters() = default;
 
 template <class Parameter>
-boost::intrusive_ptr<Parameter> D12ShaderParameters::Append(
-    boost::intrusive_ptr<Parameter> parameter) {
+boost::intrusive_ptr<Parameter>
+D12ShaderParameters::Append(boost::intrusive_ptr<Parameter> parameter) {
     m_parameters.push_back(parameter);
     m_dirty = true;
     return parameter;
 }
 
-boost::intrusive_ptr<D12RootConstants> D12ShaderParameters::AddContants(
-    unsigned num32BitValues, unsigned shaderRegister, unsigned registerSpace,
-    D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12RootConstants>
+D12ShaderParameters::AddContants(unsigned num32BitValues, unsigned shaderRegister,
+                                 unsigned registerSpace, D3D12_SHADER_VISIBILITY visibility) {
     return Append(
         D12RootConstants::Init(num32BitValues, shaderRegister, registerSpace, visibility));
 }
 
-boost::intrusive_ptr<D12ConstantBufferView> D12ShaderParameters::AddConstantBufferView(
-    unsigned shaderRegister, unsigned registerSpace, D3D12_ROOT_DESCRIPTOR_FLAGS flags,
-    D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12ConstantBufferView>
+D12ShaderParameters::AddConstantBufferView(unsigned shaderRegister, unsigned registerSpace,
+                                           D3D12_ROOT_DESCRIPTOR_FLAGS flags,
+                                           D3D12_SHADER_VISIBILITY visibility) {
     return Append(D12ConstantBufferView::Init(shaderRegister, registerSpace, flags, visibility));
 }
 
-boost::intrusive_ptr<D12ShaderResourceView> D12ShaderParameters::AddShaderResourceView(
-    unsigned shaderRegister, unsigned registerSpace, D3D12_ROOT_DESCRIPTOR_FLAGS flags,
-    D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12ShaderResourceView>
+D12ShaderParameters::AddShaderResourceView(unsigned shaderRegister, unsigned registerSpace,
+                                           D3D12_ROOT_DESCRIPTOR_FLAGS flags,
+                                           D3D12_SHADER_VISIBILITY visibility) {
     return Append(D12ShaderResourceView::Init(shaderRegister, registerSpace, flags, visibility));
 }
 
-boost::intrusive_ptr<D12UnorderedAccessView> D12ShaderParameters::AddUnorderedAccessView(
-    unsigned shaderRegister, unsigned registerSpace, D3D12_ROOT_DESCRIPTOR_FLAGS flags,
-    D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12UnorderedAccessView>
+D12ShaderParameters::AddUnorderedAccessView(unsigned shaderRegister, unsigned registerSpace,
+                                            D3D12_ROOT_DESCRIPTOR_FLAGS flags,
+                                            D3D12_SHADER_VISIBILITY visibility) {
     return Append(D12UnorderedAccessView::Init(shaderRegister, registerSpace, flags, visibility));
 }
 
-boost::intrusive_ptr<D12ViewTable> D12ShaderParameters::AddViewTable(
-    unsigned size, D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12ViewTable>
+D12ShaderParameters::AddViewTable(unsigned size, D3D12_SHADER_VISIBILITY visibility) {
     return Append(D12ViewTable::Init(m_device, size, visibility));
 }
 
-boost::intrusive_ptr<D12SamplerTable> D12ShaderParameters::AddSamplerTable(
-    unsigned size, D3D12_SHADER_VISIBILITY visibility) {
+boost::intrusive_ptr<D12SamplerTable>
+D12ShaderParameters::AddSamplerTable(unsigned size, D3D12_SHADER_VISIBILITY visibility) {
     return Append(D12SamplerTable::Init(m_device, size, visibility));
 }
 
@@ -109,8 +114,8 @@ bool D12ShaderParameters::SerializeRootSignature() {
     return true;
 }
 
-CComPtr<ID3D12RootSignature> D12ShaderParameters::CreateRootSignature(
-    const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc) const {
+CComPtr<ID3D12RootSignature>
+D12ShaderParameters::CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc) const {
     CComPtr<ID3D10Blob> blob;
     CComPtr<ID3D10Blob> errors;
     const long result = API::GetInstance().SerializeRootSignature(&desc, m_version, blob, errors);
@@ -119,10 +124,10 @@ CComPtr<ID3D12RootSignature> D12ShaderParameters::CreateRootSignature(
             result, "Failed to serialize root signature: " + TextOf(errors), m_device);
     }
     CComPtr<ID3D12RootSignature> rootSignature;
-    ThrowIfFailed<DirectX12Exception>(
-        m_device->CreateRootSignature(0, blob->GetBufferPointer(), blob->GetBufferSize(),
-                                      IID_PPV_ARGS(&rootSignature)),
-        "Failed to create root signature", m_device);
+    ThrowIfFailed<DirectX12Exception>(m_device->CreateRootSignature(0, blob->GetBufferPointer(),
+                                                                    blob->GetBufferSize(),
+                                                                    IID_PPV_ARGS(&rootSignature)),
+                                      "Failed to create root signature", m_device);
     return rootSignature;
 }
 

@@ -66,9 +66,9 @@ CComPtr<ID3D10Blob> CompileShader(const std::string& entryPoint, const std::stri
     constexpr unsigned kFlags = D3DCOMPILE_ENABLE_STRICTNESS | D3DCOMPILE_OPTIMIZATION_LEVEL3;
     CComPtr<ID3D10Blob> code;
     CComPtr<ID3D10Blob> errors;
-    const long result = API::GetInstance().Compile2(
-        source.data(), source.size(), nullptr, nullptr, nullptr, entryPoint.c_str(), target.c_str(),
-        kFlags, 0, 0, nullptr, 0, code, errors);
+    const long result = API::GetInstance().Compile2(source.data(), source.size(), nullptr, nullptr,
+                                                    nullptr, entryPoint.c_str(), target.c_str(),
+                                                    kFlags, 0, 0, nullptr, 0, code, errors);
     if (FAILED(result)) {
         ThrowResult<E>(result, "Failed to compile shader" + DescribeFailure(entryPoint, errors));
     }
@@ -78,7 +78,8 @@ CComPtr<ID3D10Blob> CompileShader(const std::string& entryPoint, const std::stri
 } // namespace
 
 D3ShaderBytecode::D3ShaderBytecode(std::string name, CComPtr<ID3D10Blob> blob)
-    : m_name(std::move(name)), m_blob(std::move(blob)) {}
+    : m_name(std::move(name)),
+      m_blob(std::move(blob)) {}
 
 bool D3ShaderBytecode::IsCompilerLoaded() {
     return API::GetInstance().IsCompilerLoaded();

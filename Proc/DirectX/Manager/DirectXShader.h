@@ -1,8 +1,9 @@
 #pragma once
 
-// Shaders compiled at run time from HLSL text. There is no cache: every construction compiles. Shader objects are
-// immutable, held in std::shared_ptr, any thread. The target is the one of the generation's lowest feature level, whatever the
-// device offers: vs_5_0 and ps_5_0 for Direct3D 12. Direct3D 12 takes bytecode as it is.
+// Shaders compiled at run time from HLSL text. There is no cache: every construction compiles.
+// Shader objects are immutable, held in std::shared_ptr, any thread. The target is the one of the
+// generation's lowest feature level, whatever the device offers: vs_5_0 and ps_5_0 for Direct3D 12.
+// Direct3D 12 takes bytecode as it is.
 
 #include <memory>
 #include <string>
@@ -31,11 +32,14 @@ private:
 
 class NORVEX_DX_API D12Shader : public D3ShaderBytecode {
 public:
-    // Compiles. Throws DirectX12Exception "Failed to compile shader" with the entry point and the compiler's text.
+    // Compiles. Throws DirectX12Exception "Failed to compile shader" with the entry point and the
+    // compiler's text.
     D12Shader(const std::string& entryPoint, const std::string& source, const std::string& target);
 
-    static std::shared_ptr<D12Shader> CreateVertex(const std::string& entryPoint, const std::string& source);
-    static std::shared_ptr<D12Shader> CreatePixel(const std::string& entryPoint, const std::string& source);
+    static std::shared_ptr<D12Shader> CreateVertex(const std::string& entryPoint,
+                                                   const std::string& source);
+    static std::shared_ptr<D12Shader> CreatePixel(const std::string& entryPoint,
+                                                  const std::string& source);
 
     // Points into this object's bytecode.
     D3D12_SHADER_BYTECODE GetShader() const;

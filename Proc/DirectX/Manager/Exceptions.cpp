@@ -118,9 +118,9 @@ namespace DX {
 
 namespace {
 
-// error_info is looked up by the type it was attached as: HResult, not its base.
+// Attaching an HResult stores it as its base, and so it is looked up.
 const HResultValue* FindResult(const DirectXException& exception) {
-    return boost::get_error_info<HResult>(exception);
+    return boost::get_error_info<boost::error_info<TagHResult, HResultValue>>(exception);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
-// Hands out the slots of a heap, lowest free index first. Thread-safe; every operation is atomic on its own.
+// Hands out the slots of a heap, lowest free index first. Thread-safe; every operation is atomic on
+// its own.
 
 #include <cstdint>
 #include <mutex>

@@ -74,6 +74,11 @@ float3 Encode( float3 color )
     return color;
 }
 
+// Colours far outside 0 to 1 are kept where their arithmetic stays finite: light where a sum of three products does, the
+// result where a target of 16-bit floats holds it.
+static const float MAX_LIGHT = 1e37;
+static const float MAX_RESULT = 65504.0;
+
 float4 ConvertColorSpace( float4 color )
 {
     if ( sourceAlphaType == AlphaTypePremultiplied )
@@ -82,7 +87,11 @@ float4 ConvertColorSpace( float4 color )
         color.a = 1.0;
 
     if ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
-        color.rgb = Encode( ConvertPrimaries( Linearize( color.rgb ) ) * linearScale );
+    {
+        float3 light = clamp( Linearize( color.rgb ), -MAX_LIGHT, MAX_LIGHT );
+        color.rgb = Encode( ConvertPrimaries( light ) * linearScale );
+    }
+    color.rgb = clamp( color.rgb, -MAX_RESULT, MAX_RESULT );
 
     if ( targetAlphaType != AlphaTypeNonPremultiplied )
         color = premultiply( color );

@@ -1,0 +1,83 @@
+#pragma once
+
+// Root parameters that are tables of views or of samplers. Fill every entry before each bind, which
+// copies them into a shader-visible heap. Not thread-safe: one recording thread at a time. Throws
+// DirectX12Exception.
+
+#include <optional>
+#include <vector>
+
+#include "Proc/DirectX/Manager/D3D12RootParameter.h"
+
+namespace Norvex::DX {
+
+// Descriptors copied into a shader-visible heap at each bind, which consumes them; registers and
+// types stay.
+class NORVEX_DX_API D12DescriptorTable : public D12RootParameter {
+public:
+    bool NeedSerialize() const override { return m_needSerialize; }
+    // Neighbouring entries of one kind become one range. "Table not fully initialized" when an
+    // entry was never set.
+    D3D12_ROOT_PARAMETER1 Serialize() override;
+    // "Table not fully initialized" for a table of size 0.
+    void CheckBindable() const override;
+
+protected:
+    D12DescriptorTable(const CComPtr<ID3D12Device>& device, unsigned size,
+                       D3D12_SHADER_VISIBILITY visibility);
+
+    // "Table index out of range".
+    void SetDescriptor(unsigned index, const D3D12_DESCRIPTOR_RANGE1& range,
+                       const boost::intrusive_ptr<D12Descriptor>& descriptor);
+    // Copies the entries to `offset` and on in the heap, advances it, sets the table. "Table not
+    // fully initialized".
+    void Commit(CommitContext& context, const boost::intrusive_ptr<D12DescriptorGPUHeap>& heap,
+                std::uint32_t& offset);
+
+    CComPtr<ID3D12Device> m_device;
+    std::uint32_t m_size;
+
+private:
+    std::vector<boost::intrusive_ptr<D12Descriptor>>
+        m_descriptors; // null: not set since the last bind
+    bool m_needSerialize = true;
+    std::vector<std::optional<D3D12_DESCRIPTOR_RANGE1>> m_ranges;
+    std::vector<D3D12_DESCRIPTOR_RANGE1> m_mergedRanges; // what the serialised parameter points to
+};
+
+class NORVEX_DX_API D12ViewTable : public D12DescriptorTable {
+public:
+    static boost::intrusive_ptr<D12ViewTable>
+    Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
+
+    // A constant-buffer, shader-resource or unordered-access view. "Invalid descriptor type",
+    // "Table index out of range".
+    void SetView(unsigned index, unsigned shaderRegister,
+                 const boost::intrusive_ptr<D12Descriptor>& descriptor, unsigned registerSpace,
+                 D3D12_DESCRIPTOR_RANGE_FLAGS flags);
+
+    void CountDescriptors(CommitContext& context) override;
+    void SetToCommandList(CommitContext& context) override;
+
+private:
+    using D12DescriptorTable::D12DescriptorTable;
+};
+
+class NORVEX_DX_API D12SamplerTable : public D12DescriptorTable {
+public:
+    static boost::intrusive_ptr<D12SamplerTable>
+    Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
+
+    // A sampler, in register space 0. "Invalid descriptor type", "Table index out of range".
+    void SetSampler(unsigned index, unsigned shaderRegister,
+                    const boost::intrusive_ptr<D12Descriptor>& descriptor,
+                    D3D12_DESCRIPTOR_RANGE_FLAGS flags);
+
+    void CountDescriptors(CommitContext& context) override;
+    void SetToCommandList(CommitContext& context) override;
+
+private:
+    using D12DescriptorTable::D12DescriptorTable;
+};
+
+} // namespace Norvex::DX
