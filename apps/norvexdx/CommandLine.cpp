@@ -1,0 +1,280 @@
+#include "apps/norvexdx/CommandLine.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+
+#include "apps/norvexdx/Failure.h"
+
+namespace Norvex::App {
+
+namespace {
+
+constexpr const char* kConvertNotes = R"(
+One input becomes the file OUT. Many inputs, or an OUT that is a folder, become OUT/<input's
+name>.png; an input that fails is told, the others go on.
+
+Without --from and --to colours stay as they are. The spaces: srgb, rec709, rec709-linear (target
+only), rec2020, rec2020-pq, rec2020-hlg; rec2020-linear only to itself. Without --size the output
+has the size of the input, and each pixel maps to its own. JPEG files are turned upright as the
+camera noted. Pictures that shrink to less than half are first reduced by halves, so that fine
+patterns do not alias.
+
+Where the picture does not cover the output, it is transparent black, or the --background, which
+is also seen through the picture's own transparency. A picture is premultiplied in its file only
+with --target-alpha premultiplied; PNG viewers expect straight.
+
+Examples:
+  norvexdx convert photo.jpg hdr.png --from srgb --to rec2020-pq --depth 16
+  norvexdx convert hdr.png photo.png --from rec2020-pq --to srgb --source-peak 203 --depth 8
+  norvexdx convert photo.jpg turned.png --rotate 30 --size 1280x720 --background 202020FF
+  norvexdx convert one.jpg two.jpg three.tif thumbnails --size 320x240 --json)";
+
+template <class Value>
+using Parser = std::optional<Value> (*)(std::string_view);
+
+// Adds an option whose text becomes a value; `expected` completes "... is not".
+template <class Target, class Value>
+CLI::Option* AddValue(CLI::App& app, const std::string& name, Target& target, Parser<Value> parse,
+                      const std::string& expected, const std::string& type,
+                      const std::string& help) {
+    const auto set = [&target, name, parse, expected](const std::string& text) {
+        const std::optional<Value> value = parse(text);
+        if (!value) {
+            throw CLI::ValidationError(name, "\"" + text + "\" is not " + expected);
+        }
+        target = *value;
+    };
+    return app.add_option_function<std::string>(name, set, help)->type_name(type);
+}
+
+std::optional<float> ParseDegrees(std::string_view text) {
+    const auto value = ParseNumber(text);
+    constexpr double kMaxDegrees = 360000.0; // beyond, single precision no longer holds the angle
+    return value && std::abs(*value) <= kMaxDegrees ? std::optional(static_cast<float>(*value))
+                                                    : std::nullopt;
+}
+
+// A count that stays small enough to compute with.
+std::optional<unsigned> ParseCount(std::string_view text) {
+    constexpr unsigned kMaxCount = 1024;
+    const auto value = ParseIndex(text);
+    return value && *value <= kMaxCount ? value : std::nullopt;
+}
+
+std::optional<unsigned> ParsePositiveCount(std::string_view text) {
+    const auto value = ParseCount(text);
+    return value && *value > 0 ? value : std::nullopt;
+}
+
+template <class Options>
+void AddDeviceOptions(CLI::App& app, Options& options) {
+    app.add_option("--api")
+        ->description("the Direct3D to draw with")
+        ->type_name("API")
+        ->default_str("d3d12")
+        ->check(CLI::IsMember({"d3d12"}));
+    AddValue(app, "--adapter", options.adapter, &ParseIndex, "an adapter's number", "N",
+             "the adapter to draw on, as numbered by `norvexdx info` (0)");
+}
+
+template <class Options>
+void AddJsonFlag(CLI::App& app, Options& options) {
+    app.add_flag("--json", options.json, "print a report as JSON");
+}
+
+void AddColorOptions(CLI::App& app, ConvertOptions& options) {
+    constexpr const char* kGroup = "Colour";
+    const std::string spaces = "a colour space (" + GetColorSpaceNames() + ")";
+    const auto add = [&](CLI::Option* option) { option->group(kGroup); };
+    add(AddValue(app, "--from", options.from, &ParseColorSpace, spaces, "SPACE",
+                 "the colour space of the input"));
+    add(AddValue(app, "--to", options.to, &ParseColorSpace, spaces, "SPACE",
+                 "the colour space of the output"));
+    add(AddValue(app, "--mode", options.mode, &ParseMode, "scene, hdr or display", "MODE",
+                 "the light to convert in: scene, or that of an hdr or other display "
+                 "(hdr for rec2020-pq and rec2020-hlg targets, else display)"));
+    const std::string nits = "a luminance from 1 to 10000 cd/m2";
+    add(AddValue(app, "--source-peak", options.sourcePeak, &ParseNits, nits, "NITS",
+                 "peak of the display that a PQ input was mastered on (1000)"));
+    add(AddValue(app, "--target-peak", options.targetPeak, &ParseNits, nits, "NITS",
+                 "peak of the display that the output, or an HLG input, is for (1000)"));
+    add(AddValue(app, "--reference-white", options.referenceWhite, &ParseNits, nits, "NITS",
+                 "luminance of SDR white in PQ and HLG (203)"));
+    add(AddValue(app, "--linear-scale", options.linearScale, &ParsePositive,
+                 "a number greater than 0", "F", "factor on linear light (1)"));
+    add(AddValue(app, "--raw-params", options.raw, &ParseRawParams,
+                 "five numbers TONEMAPA,TONEMAPB,PEAK,GAMMA,SCALE, peak and gamma greater than 0",
+                 "A,B,PEAK,GAMMA,SCALE",
+                 "what the shader gets instead of what follows from the options above"));
+    const std::string alphas = "straight, one or premultiplied";
+    add(AddValue(app, "--source-alpha", options.sourceAlpha, &ParseAlphaType, alphas, "ALPHA",
+                 "the input's alpha: straight, one (ignored) or premultiplied (straight)"));
+    add(AddValue(app, "--target-alpha", options.targetAlpha, &ParseAlphaType, alphas, "ALPHA",
+                 "the output's alpha; one: over black, opaque (straight)"));
+}
+
+void AddGeometryOptions(CLI::App& app, ConvertOptions& options) {
+    constexpr const char* kGroup = "Geometry";
+    const auto add = [&](CLI::Option* option) { option->group(kGroup); };
+    add(AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+                 "size of the output (the input's)"));
+    add(AddValue(app, "--fit", options.fit, &ParseFitMode, "free, fill or fit", "MODE",
+                 "fit: the whole picture inside; fill: covers all; free: as --scale says (fit)"));
+    add(AddValue(app, "--scale", options.scale, &ParsePositive, "a number greater than 0", "F",
+                 "output pixels per input pixel; makes --fit free"));
+    add(AddValue(app, "--rotate", options.rotationDegrees, &ParseDegrees, "an angle in degrees",
+                 "DEGREES", "counter-clockwise, about the picture's centre"));
+    add(AddValue(app, "--translate", options.translation, &ParsePoint, "X,Y in pixels", "X,Y",
+                 "pixels to the right and down, after the rotation"));
+    add(AddValue(app, "--rect", options.rect, &ParseRect,
+                 "LEFT,TOP,RIGHT,BOTTOM in pixels, right and bottom beyond left and top", "L,T,R,B",
+                 "the part of the output to draw into (all of it)"));
+}
+
+void AddConvert(CLI::App& parent, ConvertOptions& options) {
+    CLI::App& app = *parent.add_subcommand("convert", "convert pictures: colours, alpha, geometry");
+    app.add_option("files", options.files,
+                   "inputs (JPEG, PNG, TIFF), then the output (PNG) or a folder")
+        ->required()
+        ->expected(1, -1) // that it takes two is said in clearer words
+        ->type_name("IN... OUT");
+    AddColorOptions(app, options);
+    AddGeometryOptions(app, options);
+    AddValue(app, "--background", options.background, &ParseColor,
+             "a colour RRGGBBAA or RRGGBB in hexadecimal", "RRGGBBAA",
+             "what the picture is drawn over, in the output's colour space");
+    AddValue(app, "--depth", options.depth, &ParseDepth, "8 or 16", "BITS",
+             "bits a channel of the output (the input's)");
+    AddDeviceOptions(app, options);
+    AddJsonFlag(app, options);
+    app.footer(kConvertNotes);
+}
+
+void AddFill(CLI::App& parent, FillOptions& options) {
+    CLI::App& app = *parent.add_subcommand("fill", "draw a rectangle of one colour");
+    app.add_option("output", options.output, "the picture to write")->required()->type_name("OUT");
+    const std::string color = "a colour RRGGBBAA or RRGGBB in hexadecimal";
+    AddValue(app, "--color", options.color, &ParseColor, color, "RRGGBBAA", "the colour")
+        ->required();
+    AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+             "size of the output")
+        ->required();
+    AddValue(app, "--rect", options.rect, &ParseRect,
+             "LEFT,TOP,RIGHT,BOTTOM in pixels, right and bottom beyond left and top", "L,T,R,B",
+             "the part to fill (all of it)");
+    AddValue(app, "--background", options.background, &ParseColor, color, "RRGGBBAA",
+             "the colour of the rest (transparent black)");
+    AddValue(app, "--depth", options.depth, &ParseDepth, "8 or 16", "BITS", "bits a channel (8)");
+    AddDeviceOptions(app, options);
+    AddJsonFlag(app, options);
+    app.footer(
+        "\nExample:\n  norvexdx fill box.png --size 640x480 --color FF8000FF --rect 20,20,200,100");
+}
+
+void AddSheet(CLI::App& parent, SheetOptions& options) {
+    CLI::App& app =
+        *parent.add_subcommand("sheet", "draw many pictures into one, as a contact sheet");
+    app.add_option("output", options.output, "the picture to write")->required()->type_name("OUT");
+    app.add_option("inputs", options.inputs, "the pictures, from left to right")
+        ->required()
+        ->type_name("IN...");
+    AddValue(app, "--columns", options.columns, &ParsePositiveCount, "a number from 1 to 1024", "N",
+             "pictures in a row (as square as possible)");
+    AddValue(app, "--cell", options.cell, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+             "size of each picture's place (320x240)");
+    AddValue(app, "--gap", options.gap, &ParseCount, "a number from 0 to 1024", "PIXELS",
+             "space between and around the pictures (8)");
+    AddValue(app, "--background", options.background, &ParseColor, "a colour RRGGBB in hexadecimal",
+             "RRGGBB", "the colour between them (202020)");
+    AddDeviceOptions(app, options);
+    AddJsonFlag(app, options);
+    app.footer("\nPictures that say in their file that they are PQ or HLG are converted to sRGB."
+               "\n\nExample:\n  norvexdx sheet sheet.png photo.jpg hdr.png hlg.png --columns 3");
+}
+
+// What the parser answers to --help, --version and errors.
+ShowText GetShownText(const CLI::App& app, const CLI::ParseError& error) {
+    std::ostringstream out;
+    std::ostringstream err;
+    app.exit(error, out, err);
+    return {out.str()};
+}
+
+std::string MakeUsageLine(const CLI::App& app, const std::string& problem) {
+    std::string line = problem;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    const auto commands = app.get_subcommands();
+    const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
+    return line + " (see norvexdx" + command + " --help)";
+}
+
+// The parser itself would only miss a command.
+void CheckCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
+    if (arguments.empty() || arguments.front().starts_with('-')) {
+        return;
+    }
+    const auto isNamed = [&](const CLI::App* command) {
+        return command->check_name(arguments.front());
+    };
+    if (app.get_subcommands(isNamed).empty()) {
+        throw Failure("there is no command \"" + arguments.front() + "\" (see norvexdx --help)",
+                      ExitCode::WrongUsage);
+    }
+}
+
+} // namespace
+
+CommandLine ParseCommandLine(std::vector<std::string> arguments) {
+    CLI::App app(
+        "Draws and converts pictures with Direct3D 12: colour spaces, alpha types, geometry.",
+        "norvexdx");
+    // Options begin with '-' only: a path may begin with '/'.
+    app.allow_windows_style_options(false);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "norvexdx " NORVEXDX_VERSION);
+    CommandLine result;
+    app.add_flag("--verbose", result.isVerbose, "show the library's log");
+    app.fallthrough(); // --verbose may stand behind the command
+    app.footer("\nExamples:\n  norvexdx info\n"
+               "  norvexdx convert photo.jpg hdr.png --from srgb --to rec2020-pq --depth 16\n"
+               "  norvexdx convert --help");
+
+    InfoOptions info;
+    ConvertOptions convert;
+    FillOptions fill;
+    SheetOptions sheet;
+    CLI::App& infoApp = *app.add_subcommand("info", "tell adapters, outputs, devices and formats");
+    AddJsonFlag(infoApp, info);
+    AddConvert(app, convert);
+    AddFill(app, fill);
+    AddSheet(app, sheet);
+
+    CheckCommand(app, arguments);
+    try {
+        std::reverse(arguments.begin(), arguments.end()); // as the parser wants them
+        app.parse(std::move(arguments));
+    } catch (const CLI::Success& success) {
+        result.command = GetShownText(app, success);
+        return result;
+    } catch (const CLI::ParseError& error) {
+        throw Failure(MakeUsageLine(app, error.what()), ExitCode::WrongUsage);
+    }
+    if (app.got_subcommand("convert")) {
+        if (convert.files.size() < 2) {
+            throw Failure(MakeUsageLine(app, "convert needs an input and an output"),
+                          ExitCode::WrongUsage);
+        }
+        result.command = std::move(convert);
+    } else if (app.got_subcommand("fill")) {
+        result.command = std::move(fill);
+    } else if (app.got_subcommand("sheet")) {
+        result.command = std::move(sheet);
+    } else {
+        result.command = info;
+    }
+    return result;
+}
+
+} // namespace Norvex::App

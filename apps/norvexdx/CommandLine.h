@@ -1,0 +1,31 @@
+#pragma once
+
+// The command line: names, help texts, and the options of the command that was asked for. Called
+// once, from the main thread. Next: Arguments.h (values), ConvertPlan.h (what convert's options
+// mean together).
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "apps/norvexdx/ConvertPlan.h"
+#include "apps/norvexdx/FillCommand.h"
+#include "apps/norvexdx/InfoCommand.h"
+#include "apps/norvexdx/SheetCommand.h"
+
+namespace Norvex::App {
+
+// Help or the version, asked for.
+struct ShowText {
+    std::string text;
+};
+
+struct CommandLine {
+    std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions> command;
+    bool isVerbose = false;
+};
+
+// arguments: in UTF-8, without the program's name. Throws Failure (wrong usage).
+CommandLine ParseCommandLine(std::vector<std::string> arguments);
+
+} // namespace Norvex::App

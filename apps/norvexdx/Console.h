@@ -1,0 +1,20 @@
+#pragma once
+
+// Text to the user in UTF-8: right on a Windows console whatever its code page, plain bytes with
+// bare line feeds when redirected. Any thread; one call's text stays together. Printing to standard
+// error never fails.
+
+#include <string_view>
+
+namespace Norvex::App::Console {
+
+// To standard output. Throws Failure when it cannot be written (a full disk behind a redirection).
+void Print(std::string_view text);
+// To standard error.
+void PrintError(std::string_view text);
+// "norvexdx: <line>" to standard error.
+void PrintFailure(std::string_view line);
+
+bool IsErrorTerminal();
+
+} // namespace Norvex::App::Console

@@ -1,0 +1,188 @@
+#include "apps/norvexdx/InfoCommand.h"
+
+#include <fmt/format.h>
+
+#include "Host/Strings.h"
+#include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+#include "apps/norvexdx/Console.h"
+#include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/ReportParts.h"
+#include "apps/norvexdx/Texture.h"
+
+namespace Norvex::App {
+
+namespace {
+
+constexpr DXGI_FORMAT kPictureFormats[] = {
+    DXGI_FORMAT_R8G8B8A8_UNORM,     DXGI_FORMAT_B8G8R8A8_UNORM,     DXGI_FORMAT_R10G10B10A2_UNORM,
+    DXGI_FORMAT_R16G16B16A16_UNORM, DXGI_FORMAT_R16G16B16A16_FLOAT, DXGI_FORMAT_R32G32B32A32_FLOAT,
+};
+
+const char* GetColorSpaceName(DXGI_COLOR_SPACE_TYPE space) {
+    switch (space) {
+    case DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709:
+        return "sRGB";
+    case DXGI_COLOR_SPACE_RGB_FULL_G10_NONE_P709:
+        return "scRGB";
+    case DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020:
+        return "HDR10";
+    case DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P2020:
+        return "Rec. 2020, gamma 2.2";
+    default:
+        return "another";
+    }
+}
+
+// Name and rectangle of any output; colour space and luminances where the system tells them.
+Json MakeOutputJson(IDXGIOutput* output) {
+    DXGI_OUTPUT_DESC desc = {};
+    if (FAILED(output->GetDesc(&desc))) {
+        return {{"error", "the output does not describe itself"}};
+    }
+    const RECT& rect = desc.DesktopCoordinates;
+    Json json = {{"name", Core::Utf8FromWstring(desc.DeviceName)},
+                 {"rect", {rect.left, rect.top, rect.right, rect.bottom}}};
+    CComPtr<IDXGIOutput6> output6;
+    DXGI_OUTPUT_DESC1 desc1 = {};
+    if (SUCCEEDED(
+            output->QueryInterface(__uuidof(IDXGIOutput6), reinterpret_cast<void**>(&output6))) &&
+        SUCCEEDED(output6->GetDesc1(&desc1))) {
+        json["colorSpace"] = GetColorSpaceName(desc1.ColorSpace);
+        json["dxgiColorSpace"] = static_cast<int>(desc1.ColorSpace);
+        json["bitsPerColor"] = desc1.BitsPerColor;
+        json["minLuminance"] = desc1.MinLuminance;
+        json["maxLuminance"] = desc1.MaxLuminance;
+        json["maxFullFrameLuminance"] = desc1.MaxFullFrameLuminance;
+    }
+    return json;
+}
+
+Json MakeOutputsJson(IDXGIAdapter1* adapter) {
+    Json json = Json::array();
+    for (UINT i = 0;; ++i) {
+        CComPtr<IDXGIOutput> output;
+        if (FAILED(adapter->EnumOutputs(i, &output))) {
+            return json;
+        }
+        json.push_back(MakeOutputJson(output));
+    }
+}
+
+Json MakeFormatsJson(const DX::D12Device& device) {
+    Json json;
+    for (const DXGI_FORMAT format : kPictureFormats) {
+        const auto support = device.CheckFormatSupport(format).first;
+        const auto has = [&](D3D12_FORMAT_SUPPORT1 flag) { return (support & flag) == flag; };
+        json[GetFormatName(format)] = {{"drawFrom", has(D3D12_FORMAT_SUPPORT1_SHADER_SAMPLE)},
+                                       {"drawTo", has(D3D12_FORMAT_SUPPORT1_RENDER_TARGET)},
+                                       {"blend", has(D3D12_FORMAT_SUPPORT1_BLENDABLE)}};
+    }
+    return json;
+}
+
+Json MakeD12Json(const DX::DXGIAdapter& adapter) {
+    try {
+        const auto device = DX::D12Device::Create(adapter);
+        Json json = MakeDeviceJson(*device);
+        json["formats"] = MakeFormatsJson(*device);
+        return json;
+    } catch (...) {
+        return {{"error", DescribeFailure(std::current_exception()).line}};
+    }
+}
+
+Json MakeInfoJson() {
+    const auto factory = DX::DXGIFactory::Create();
+    std::vector<DX::DXGIAdapter> adapters;
+    factory->EnumerateAdapters(adapters, false);
+    Json json;
+    json["program"] = NORVEXDX_VERSION;
+    json["dxgi"] = fmt::format("1.{}", static_cast<int>(factory->GetVersion()) + 1);
+    json["direct3D12"] = DX::D12Device::IsAvailable();
+    json["hlslCompiler"] = DX::D3ShaderBytecode::IsCompilerLoaded();
+    json["adapters"] = Json::array();
+    for (unsigned i = 0; i < adapters.size(); ++i) {
+        Json adapter = MakeAdapterJson(i, *adapters[i].GetDescription());
+        adapter["outputs"] = MakeOutputsJson(adapters[i].Get());
+        adapter["device"] = MakeD12Json(adapters[i]);
+        json["adapters"].push_back(std::move(adapter));
+    }
+    return json;
+}
+
+std::string GetText(const Json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+std::string MakeOutputText(const Json& output) {
+    if (output.contains("error")) {
+        return "  output: " + GetText(output["error"]) + "\n";
+    }
+    std::string text = "  output " + GetText(output["name"]) + " at " + GetText(output["rect"]);
+    if (output.contains("colorSpace")) {
+        text +=
+            fmt::format(": {} (DXGI {}), {} bits, {} to {} cd/m2, full frame {} cd/m2",
+                        GetText(output["colorSpace"]), GetText(output["dxgiColorSpace"]),
+                        GetText(output["bitsPerColor"]), GetText(output["minLuminance"]),
+                        GetText(output["maxLuminance"]), GetText(output["maxFullFrameLuminance"]));
+    }
+    return text + "\n";
+}
+
+std::string MakeDeviceText(const Json& device) {
+    if (device.contains("error")) {
+        return "  Direct3D 12: " + GetText(device["error"]) + "\n";
+    }
+    const Json& sdkVersion = device["sdkVersion"];
+    std::string text =
+        fmt::format("  Direct3D 12: level {}, root signature {}, SDK {}\n",
+                    GetText(device["featureLevel"]), GetText(device["rootSignatureVersion"]),
+                    sdkVersion.is_null() ? "of the system" : GetText(sdkVersion));
+    for (const auto& [name, uses] : device["formats"].items()) {
+        text += fmt::format("    {:<20}", name);
+        for (const auto& [use, isSupported] : uses.items()) {
+            text += isSupported.get<bool>() ? "  " + use : "";
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+std::string MakeAdapterText(const Json& adapter) {
+    constexpr double kMiB = 1 << 20;
+    std::string text =
+        fmt::format("adapter {}: {}\n  {}, vendor {:04x}, device {:04x}, driver {}, LUID {}{}\n"
+                    "  memory: {:.0f} MiB video, {:.0f} MiB system, {:.0f} MiB shared\n",
+                    GetText(adapter["index"]), GetText(adapter["name"]),
+                    GetText(adapter["vendors"][0]), adapter["vendorId"].get<unsigned>(),
+                    adapter["deviceId"].get<unsigned>(), GetText(adapter["driverVersion"]),
+                    GetText(adapter["luid"]), adapter["isSoftware"].get<bool>() ? ", software" : "",
+                    adapter["dedicatedVideoMemory"].get<double>() / kMiB,
+                    adapter["dedicatedSystemMemory"].get<double>() / kMiB,
+                    adapter["sharedSystemMemory"].get<double>() / kMiB);
+    for (const Json& output : adapter["outputs"]) {
+        text += MakeOutputText(output);
+    }
+    return text + MakeDeviceText(adapter["device"]);
+}
+
+std::string MakeInfoText(const Json& info) {
+    const auto yesNo = [](const Json& value) { return value.get<bool>() ? "yes" : "no"; };
+    std::string text = fmt::format("norvexdx {}, DXGI {}, Direct3D 12: {}, HLSL compiler: {}\n",
+                                   GetText(info["program"]), GetText(info["dxgi"]),
+                                   yesNo(info["direct3D12"]), yesNo(info["hlslCompiler"]));
+    for (const Json& adapter : info["adapters"]) {
+        text += MakeAdapterText(adapter);
+    }
+    return text;
+}
+
+} // namespace
+
+void RunInfo(const InfoOptions& options) {
+    const Json info = MakeInfoJson();
+    Console::Print(options.json ? DumpJson(info) : MakeInfoText(info));
+}
+
+} // namespace Norvex::App

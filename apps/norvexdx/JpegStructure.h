@@ -1,0 +1,20 @@
+#pragma once
+
+// What is read from a JPEG file's markers (ITU-T T.81, annex B), apart from its pixels: decoders
+// fill up a file that was cut short with grey and report success. Pure functions, any thread.
+
+#include <cstdint>
+#include <span>
+
+namespace Norvex::App {
+
+struct JpegStructure {
+    bool isComplete = false;  // the markers lead to the end-of-image marker
+    unsigned orientation = 1; // EXIF's, 1 to 8
+};
+
+bool IsJpeg(std::span<const std::uint8_t> file);
+// Of a file that IsJpeg.
+JpegStructure ReadJpegStructure(std::span<const std::uint8_t> file);
+
+} // namespace Norvex::App

@@ -1,0 +1,109 @@
+#include "apps/norvexdx/Report.h"
+
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "apps/norvexdx/ReportParts.h"
+#include "apps/norvexdx/Texture.h"
+
+namespace Norvex::App {
+
+namespace {
+
+template <class T>
+T ReadField(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    T value{};
+    std::memcpy(&value, bytes.data() + offset, sizeof(T));
+    return value;
+}
+
+// The layout of the shader's parameter block; see D3ImageRenderer::MakeParamsBuffer.
+Json MakeParametersJson(const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const auto bytes = DX::D3ImageRenderer::MakeParamsBuffer({}, conversion);
+    const auto integer = [&](std::size_t offset) {
+        return ReadField<std::uint32_t>(bytes, offset);
+    };
+    const auto number = [&](std::size_t offset) { return ReadField<float>(bytes, offset); };
+    return {{"sourceColorSpace", integer(64)},    {"targetColorSpace", integer(68)},
+            {"sourceAlphaType", integer(72)},     {"targetAlphaType", integer(76)},
+            {"displayLinear", integer(80) != 0},  {"linearScale", number(84)},
+            {"pqTonemapA", number(88)},           {"pqTonemapB", number(92)},
+            {"displayPeakLuminance", number(96)}, {"hlgOOTFGamma", number(100)}};
+}
+
+Json MakePictureJson(const PictureReport& picture) {
+    Json json;
+    if (!picture.input.empty()) {
+        json["input"] = picture.input;
+        json["sourceFormat"] = GetFormatName(picture.sourceFormat);
+        json["transform"] = picture.transform.rows;
+    }
+    json["output"] = picture.output;
+    json["width"] = picture.width;
+    json["height"] = picture.height;
+    json["targetFormat"] = GetFormatName(picture.targetFormat);
+    Json& times = json["timesMs"];
+    if (!picture.input.empty()) {
+        times["decode"] = picture.times.decode;
+        times["upload"] = picture.times.upload;
+    }
+    times["draw"] = picture.times.draw;
+    times["readback"] = picture.times.readback;
+    times["encode"] = picture.times.encode;
+    return json;
+}
+
+Json MakeRunJson(const RunReport& run) {
+    Json json;
+    json["adapter"] =
+        MakeAdapterJson(run.graphics.adapterIndex, *run.graphics.device->GetDescription());
+    json["device"] = MakeDeviceJson(*run.graphics.device);
+    json["timesMs"] = {{"deviceCreation", run.graphics.creationMs},
+                       {"shaderCompilation", run.shaderCompilationMs}};
+    return json;
+}
+
+} // namespace
+
+std::string MakeConvertJson(const RunReport& run,
+                            const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                            const std::vector<PictureReport>& pictures) {
+    Json json = MakeRunJson(run);
+    json["parameters"] = MakeParametersJson(conversion);
+    json["pictures"] = Json::array();
+    for (const PictureReport& picture : pictures) {
+        json["pictures"].push_back(MakePictureJson(picture));
+    }
+    return DumpJson(json);
+}
+
+std::string MakeConvertText(const RunReport& run, const std::vector<PictureReport>& pictures) {
+    if (pictures.empty()) {
+        return {};
+    }
+    std::string text = fmt::format("Direct3D 12 on {}: device {:.0f} ms, shaders {:.1f} ms\n",
+                                   run.graphics.device->GetAdapterName(), run.graphics.creationMs,
+                                   run.shaderCompilationMs);
+    for (const PictureReport& picture : pictures) {
+        const PictureTimes& times = picture.times;
+        const std::string reading =
+            picture.input.empty()
+                ? std::string()
+                : fmt::format("decode {:.1f}, upload {:.1f}, ", times.decode, times.upload);
+        text += fmt::format("{}: {} x {}, {}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
+                            picture.output, picture.width, picture.height,
+                            GetFormatName(picture.targetFormat), reading, times.draw,
+                            times.readback, times.encode);
+    }
+    return text;
+}
+
+std::string MakeDrawJson(const RunReport& run, const PictureReport& picture) {
+    Json json = MakeRunJson(run);
+    json["pictures"] = Json::array({MakePictureJson(picture)});
+    return DumpJson(json);
+}
+
+} // namespace Norvex::App
