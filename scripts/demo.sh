@@ -26,14 +26,14 @@ picture() {
 for input; do
     name=$(basename "${input%.*}")
     pictures=("$input")
-    echo "$input"
+    printf '%s\n  %-34s %11s   %s\n' "$input" picture "draw" "drawn with"
     picture "$name-pq" "$input" --from srgb --to rec2020-pq --depth 16
-    picture "$name-pq-back" "$out/$name-pq.png" --from rec2020-pq --to srgb
+    picture "$name-pq-back" "$out/$name-pq.png" --from rec2020-pq --to srgb --source-peak 203 --depth 8
     picture "$name-hlg" "$input" --from srgb --to rec2020-hlg --depth 16
     picture "$name-rotated" "$input" --from srgb --to srgb --size 1280x1280 --fit fit --rotate 30 --background 202020ff
     picture "$name-premultiplied" "$input" --from srgb --to srgb --size 1280x720 --fit fit --rotate -10 \
         --target-alpha premultiplied --background 00000000
-    "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}"
-    echo "  $name-sheet.png                    the source and all of these, side by side"
+    "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}" >/dev/null
+    printf '  %-34s               %s\n' "$name-sheet.png" "the source and all of these, side by side"
 done
 echo "The pictures are in $out"

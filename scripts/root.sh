@@ -32,10 +32,13 @@ find_root() {
     fi
 }
 
+# is_installed PACKAGE [DPKG-OPTION...]
+is_installed() { [ "$(dpkg-query "${@:2}" -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]; }
+
 missing_packages() {
     local package
     for package; do
-        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || echo "$package"
+        is_installed "$package" || echo "$package"
     done
 }
 
@@ -66,7 +69,7 @@ mirror() {
 }
 
 make_root() {
-    local target=$1 packages mirror
+    local target=$1 package packages mirror
     mirror=$(mirror)
     packages=$(IFS=, && echo "${kRootPackages[*]}")
     apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
@@ -76,7 +79,10 @@ make_root() {
         --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-include=/usr/share/doc/*/copyright' \
         "$kSuite" "$target" "deb $mirror $kSuite main"
     rm -f "$target.apt.conf"
-    mkdir -p "$target/opt/packages"
+    # An interrupted mmdebstrap ends as if all were well.
+    for package in "${kRootPackages[@]}"; do
+        is_installed "$package" --admindir "$target/var/lib/dpkg" || fail "The package $package is missing."
+    done
 }
 
 ensure_root() {
