@@ -1,6 +1,6 @@
-// The calling thread's stack as text. Symbols come from dbghelp for the program's own modules and
-// from the export tables of all others: the system's modules bring no more with them, and opening
-// their debug information would be slow.
+// The calling thread's stack as text. Symbols come from dbghelp for modules with a program database
+// and from the export tables of all others: debug information of another form (DWARF) brings
+// nothing on Windows, and Wine's dbghelp has crashed on it.
 
 #include "Host/Exception.h"
 
@@ -55,12 +55,6 @@ std::optional<Module> FindModule(const void* address) {
         return std::nullopt;
     }
     return Module{handle, GetModulePath(handle)};
-}
-
-bool IsSystemModule(const Module& module) {
-    std::array<wchar_t, MAX_PATH> folder{};
-    const UINT length = GetSystemDirectoryW(folder.data(), static_cast<UINT>(folder.size()));
-    return length < folder.size() && _wcsnicmp(module.path.c_str(), folder.data(), length) == 0;
 }
 
 // A session of its own with dbghelp, apart from one that the host may have open for the process.
@@ -132,12 +126,26 @@ private:
 };
 
 // The tables of a loaded module, addressed from its base.
-class ExportTable {
+class ModuleTables {
 public:
-    explicit ExportTable(HMODULE module) : m_base(reinterpret_cast<const std::byte*>(module)) {
+    explicit ModuleTables(HMODULE module) : m_base(reinterpret_cast<const std::byte*>(module)) {
         const auto* dos = At<IMAGE_DOS_HEADER>(0);
         const auto* nt = At<IMAGE_NT_HEADERS>(static_cast<DWORD>(dos->e_lfanew));
         m_range = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+        m_debug = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DEBUG];
+    }
+
+    // Whether the module names its program database. The record is "RSDS", a GUID, an age and the
+    // file's name, which is empty where a linker uses the record for a build id only.
+    bool HasProgramDatabase() const {
+        constexpr DWORD kNameOffset = 24;
+        const std::size_t count = m_debug.Size / sizeof(IMAGE_DEBUG_DIRECTORY);
+        const auto* entries = At<IMAGE_DEBUG_DIRECTORY>(m_debug.VirtualAddress);
+        return std::any_of(entries, entries + count, [this](const IMAGE_DEBUG_DIRECTORY& entry) {
+            return entry.Type == IMAGE_DEBUG_TYPE_CODEVIEW && entry.AddressOfRawData != 0 &&
+                   entry.SizeOfData > kNameOffset &&
+                   *At<char>(entry.AddressOfRawData + kNameOffset) != '\0';
+        });
     }
 
     // The named export that starts nearest before the offset.
@@ -176,15 +184,17 @@ private:
 
     const std::byte* m_base;
     IMAGE_DATA_DIRECTORY m_range{};
+    IMAGE_DATA_DIRECTORY m_debug{};
 };
 
 std::optional<Symbol> FindSymbol(const Module& module, std::uint64_t address) {
-    if (!IsSystemModule(module)) {
+    const ModuleTables tables(module.handle);
+    if (tables.HasProgramDatabase()) {
         if (auto symbol = SymbolSession::Get().Find(module, address)) {
             return symbol;
         }
     }
-    return ExportTable(module.handle).FindNearest(static_cast<DWORD>(address - module.Base()));
+    return tables.FindNearest(static_cast<DWORD>(address - module.Base()));
 }
 
 std::string FormatFrame(std::size_t index, const void* returnAddress) {

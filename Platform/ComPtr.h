@@ -1,8 +1,8 @@
 #pragma once
 
-// CComPtr, the owning reference to a COM interface. ATL's own where the toolchain has ATL; elsewhere this
-// stand-in with the same name, members and semantics, as far as the library and its hosts use them.
-// Not thread-safe, like ATL's: one CComPtr object is used by one thread at a time.
+// CComPtr, the owning reference to a COM interface. ATL's own where the toolchain has ATL;
+// elsewhere this stand-in with the same name, members and semantics, as far as the library and its
+// hosts use them. Not thread-safe, like ATL's: one CComPtr object is used by one thread at a time.
 
 #include "Platform/Direct3D.h"
 
@@ -44,7 +44,8 @@ public:
     T* operator->() const noexcept { return p; }
     bool operator!() const noexcept { return p == nullptr; }
 
-    // The address to receive an interface through; the pointer must be empty, or its reference would leak.
+    // The address to receive an interface through; the pointer must be empty, or its reference
+    // would leak.
     T** operator&() noexcept {
         assert(p == nullptr);
         return &p;
@@ -83,8 +84,10 @@ public:
         other->QueryInterface(__uuidof(IUnknown), reinterpret_cast<void**>(&theirs));
         return mine.p == theirs.p;
     }
-    HRESULT CoCreateInstance(REFCLSID classId, IUnknown* outer = nullptr, DWORD context = CLSCTX_ALL) noexcept {
-        return ::CoCreateInstance(classId, outer, context, __uuidof(T), reinterpret_cast<void**>(&p));
+    HRESULT CoCreateInstance(REFCLSID classId, IUnknown* outer = nullptr,
+                             DWORD context = CLSCTX_ALL) noexcept {
+        return ::CoCreateInstance(classId, outer, context, __uuidof(T),
+                                  reinterpret_cast<void**>(&p));
     }
     void Swap(CComPtr& other) noexcept { std::swap(p, other.p); }
 

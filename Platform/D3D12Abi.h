@@ -1,8 +1,9 @@
 #pragma once
 
-// COM methods that return a structure by value. The C++ calling conventions of the toolchains differ for them: under
-// MSVC the method returns the structure, under MinGW the headers declare a pointer to the result instead. Every
-// such call goes through one of these functions, never to the method itself.
+// COM methods that return a structure by value. The C++ calling conventions of the toolchains
+// differ for them: under MSVC the method returns the structure, under MinGW the headers declare a
+// pointer to the result instead. Every such call goes through one of these functions, never to the
+// method itself.
 
 #include "Platform/Direct3D.h"
 
@@ -11,8 +12,8 @@ namespace Norvex::Platform {
 #if defined(_MSC_VER) || !defined(_WIN32)
 #define NORVEX_RETURN_STRUCT(Type, call, object) return (object)->call()
 #else
-#define NORVEX_RETURN_STRUCT(Type, call, object)                                                                     \
-    Type result = {};                                                                                                \
+#define NORVEX_RETURN_STRUCT(Type, call, object)                                                   \
+    Type result = {};                                                                              \
     return *(object)->call(&result)
 #endif
 

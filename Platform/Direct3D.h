@@ -1,10 +1,14 @@
 #pragma once
 
-// The only place that includes the Windows, DXGI and Direct3D headers: their order matters. d3dx12 of
-// DirectX-Headers comes first, so that its newer d3dcommon.h wins over the toolchain's (the include guards are
-// shared); dxguids gives __uuidof for the Direct3D 12 interfaces where the toolchain has none.
+// The only place that includes the Windows, DXGI and Direct3D headers: their order matters. Those
+// of DirectX-Headers come first, so that its newer d3dcommon.h wins over the toolchain's (the
+// include guards are shared); of its helpers only those in use, since all of them cost each source
+// a second. dxguids gives __uuidof for the Direct3D 12 interfaces where the toolchain has none.
 
-#include <directx/d3dx12.h>
+#include <directx/d3d12.h>
+#include <directx/d3dx12_barriers.h>
+#include <directx/d3dx12_core.h>
+#include <directx/d3dx12_root_signature.h>
 
 #include <d3d11_4.h>
 #include <d3dcompiler.h>

@@ -1,7 +1,8 @@
 #pragma once
 
-// Import and export marks of the two DLLs. NORVEX_HOST_BUILD and NORVEX_DX_BUILD are set by the build while
-// the DLL itself is compiled; NORVEX_STATIC (tests of internals, native builds) links the objects directly.
+// Import and export marks of the two DLLs. NORVEX_HOST_BUILD and NORVEX_DX_BUILD are set by the
+// build while the DLL itself is compiled; NORVEX_STATIC (tests of internals, native builds) links
+// the objects directly.
 
 #if defined(_WIN32) && !defined(NORVEX_STATIC)
 #define NORVEX_EXPORT __declspec(dllexport)

@@ -2,9 +2,9 @@
 #   glog::glog  fmt::fmt-header-only  PNG::PNG  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
 #   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids
 #
-# Cross builds find glog, libpng and GoogleTest in NORVEX_SDK. Header-only packages come from the system's include folder,
-# through NORVEX_SDK/system-headers, a folder of links to just those packages: /usr/include itself holds the headers of
-# another operating system.
+# Cross builds find glog, libpng and GoogleTest in NORVEX_SDK. Header-only packages come from the
+# system's include folder, through NORVEX_SDK/system-headers, a folder of links to just those
+# packages: /usr/include itself holds the headers of another operating system.
 
 find_package(glog CONFIG REQUIRED)
 find_package(GTest CONFIG REQUIRED)
@@ -33,7 +33,8 @@ norvex_header_only_package(Boost::headers)
 norvex_header_only_package(CLI11::CLI11)
 norvex_header_only_package(nlohmann_json::nlohmann_json)
 norvex_header_only_package(Microsoft::DirectX-Headers)
-# DirectX-Headers asks for a newer <rpcndr.h> than MinGW's and for more lines than GCC keeps columns of.
+# DirectX-Headers asks for a newer <rpcndr.h> than MinGW's and for more lines than GCC keeps columns
+# of.
 target_compile_definitions(Microsoft::DirectX-Headers INTERFACE __REQUIRED_RPCNDR_H_VERSION__=475)
 target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
 add_library(Microsoft::DirectX-Guids INTERFACE IMPORTED)

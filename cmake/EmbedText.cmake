@@ -1,7 +1,8 @@
 # norvex_embed_text(TARGET <target> NAMESPACE <ns> HEADER <name.h> FILES <file>...)
 #
-# Makes a header with one `inline constexpr std::string_view k<FileName>` for each file (ImagePixel.hlsl becomes kImagePixel)
-# and puts its folder on the target's private include path: #include <name.h>. A changed file remakes the header.
+# Makes a header with one `inline constexpr std::string_view k<FileName>` for each file
+# (ImagePixel.hlsl becomes kImagePixel) and puts its folder on the target's private include path:
+# #include <name.h>. A changed file remakes the header.
 
 add_custom_target(norvex_generated COMMENT "Sources that the build makes")
 

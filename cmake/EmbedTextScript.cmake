@@ -1,4 +1,5 @@
-# Run by norvex_embed_text: writes HEADER with the text of FILES (separated by |) as string views in NAMESPACE.
+# Run by norvex_embed_text: writes HEADER with the text of FILES (separated by |) as string views in
+# NAMESPACE.
 
 set(kChunkLength 8000) # characters in one literal; MSVC refuses literals of more than 16 kB
 set(delimiter "NORVEX")

@@ -1,17 +1,22 @@
-# norvex_platform: language level, definitions, include folder and debug information, for every target of the project.
-# norvex_precompile(<target>): gives it the precompiled headers; the Direct3D headers cost seconds in every source.
-# norvex_copy_runtime(): puts the compiler's and the dependencies' DLLs beside the programs.
+# norvex_platform: language level, definitions, include folder and debug information, for every
+#     target of the project
+# norvex_precompile(<target>): gives it the precompiled headers; those of Direct3D cost every source
+#     seconds
+# norvex_copy_runtime(): puts the compiler's and the dependencies' DLLs beside the programs
 
 add_library(norvex_platform INTERFACE)
 target_compile_features(norvex_platform INTERFACE cxx_std_20)
 target_include_directories(norvex_platform INTERFACE "${CMAKE_SOURCE_DIR}")
-target_compile_definitions(norvex_platform INTERFACE NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE _WIN32_WINNT=0x0A00
+target_compile_definitions(norvex_platform INTERFACE
+    NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE _WIN32_WINNT=0x0A00
     GLOG_NO_ABBREVIATED_SEVERITIES) # the Windows headers have a macro ERROR of their own
 target_link_libraries(norvex_platform INTERFACE Boost::headers fmt::fmt-header-only)
 
 if(NOT MSVC)
-    # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's debugger reads.
-    target_compile_options(norvex_platform INTERFACE "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -g -gdwarf-4)
+    # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's
+    # debugger reads.
+    target_compile_options(norvex_platform INTERFACE
+        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -g -gdwarf-4)
 else()
     target_compile_options(norvex_platform INTERFACE "/d1trimfile:${CMAKE_SOURCE_DIR}/")
 endif()
@@ -20,13 +25,20 @@ function(norvex_precompile target)
     if(NORVEX_PCH)
         target_link_libraries(${target} PRIVATE Microsoft::DirectX-Headers)
         target_precompile_headers(${target} REUSE_FROM norvex_precompiled)
+        if(NOT MSVC)
+            # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
+            # of L"" copied by it.
+            target_compile_options(${target} PRIVATE -Wno-array-bounds)
+        endif()
     endif()
 endfunction()
 
 if(NORVEX_PCH)
-    file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "// The precompiled headers need a target, and a target needs a source.\n")
+    # Headers are precompiled for a target, and a target needs a source.
+    file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "")
     add_library(norvex_precompiled OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")
-    target_link_libraries(norvex_precompiled PRIVATE norvex_platform norvex_warnings Microsoft::DirectX-Headers)
+    target_link_libraries(norvex_precompiled PRIVATE
+        norvex_platform norvex_warnings Microsoft::DirectX-Headers)
     target_precompile_headers(norvex_precompiled PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
 endif()
 
@@ -36,7 +48,8 @@ function(norvex_copy_runtime)
             OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
         file(COPY_FILE "${file}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}" ONLY_IF_DIFFERENT)
     endforeach()
-    file(COPY_FILE "${NORVEX_SDK}/bin/libglog.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libglog.dll" ONLY_IF_DIFFERENT)
+    file(COPY_FILE "${NORVEX_SDK}/bin/libglog.dll" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/libglog.dll"
+        ONLY_IF_DIFFERENT)
 endfunction()
 
 # On Windows itself the package manager's toolchain file does this for each program.

@@ -1,6 +1,7 @@
 #pragma once
 
-// What is precompiled once for all targets: the Direct3D headers, and the others that most sources include.
+// What is precompiled once for all targets: the Direct3D headers, and others that most sources
+// include.
 
 #include "Platform/Direct3D.h"
 

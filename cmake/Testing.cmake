@@ -1,20 +1,26 @@
-# Tests. One ctest entry is one GoogleTest program: starting a process costs far more than most cases.
+# Tests. One ctest entry is one GoogleTest program: starting a process costs far more than most
+# cases.
 #
 # norvex_add_test(<name> SOURCES ... [LIBRARIES ...]
 #     [VALIDATED]                 run under the Vulkan validation layer; one message fails the test
 #     [VALIDATION_REPORTS <text>] run under the layer; the test fails unless the layer says <text>
 #     [WINDOWS_VERSION <win7|win8|win81|win10|win11>]  what Windows tells the program to be
-#     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; not added where there is none
+#     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; left out
+#                                 where there is none
 #     [ENVIRONMENT K=V ...] [ARGUMENTS ...] [TIMEOUT <seconds>] [NO_MAIN])
-# norvex_add_test_run(<name> PROGRAM <target> ...)   one more run of a test program, with the same options
-# norvex_add_native_test(<name> SOURCES ... SANITIZER <thread|address> [DEFINITIONS ...] [TIMEOUT <seconds>])
-#     builds the sources for the machine that builds, not for Windows, and runs them there under a sanitizer
+# norvex_add_test_run(<name> PROGRAM <target> ...)
+#     one more run of a test program, with the same options
+# norvex_add_native_test(<name> SOURCES ... SANITIZER <thread|address> [DEFINITIONS ...]
+#     [TIMEOUT <seconds>])
+#     builds the sources for the machine that builds, not for Windows, and runs them there
 #
-# The results, a GoogleTest XML file each, go to <build>/test-results. A first argument or NAME <name> both name the test.
+# The results, a GoogleTest XML file each, go to <build>/test-results. A first argument or NAME
+# <name> both name the test.
 
 set(NORVEX_RESULTS "${CMAKE_BINARY_DIR}/test-results")
 file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
-file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "") # their names, one a line, for the runner's count
+# Names of the tests that are left out, one a line, for the runner's count.
+file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
 
 set(kTestSwitches VALIDATED MICROSOFT_COMPILER NO_MAIN)
 set(kTestValues NAME PROGRAM WINDOWS_VERSION VALIDATION_REPORTS TIMEOUT SANITIZER)
@@ -41,7 +47,8 @@ endfunction()
 function(norvex_add_test)
     norvex_parse_test_arguments(${ARGN})
     add_executable(${arg_NAME} ${arg_SOURCES})
-    target_link_libraries(${arg_NAME} PRIVATE norvex_platform norvex_warnings ${arg_LIBRARIES} GTest::gmock)
+    target_link_libraries(${arg_NAME} PRIVATE
+        norvex_platform norvex_warnings ${arg_LIBRARIES} GTest::gmock)
     norvex_precompile(${arg_NAME})
     if(NOT arg_NO_MAIN)
         target_link_libraries(${arg_NAME} PRIVATE GTest::gmock_main)
@@ -75,11 +82,13 @@ function(norvex_add_test_run)
         list(APPEND options --microsoft-compiler)
     endif()
     add_test(NAME ${arg_NAME}
-        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} -- "$<TARGET_FILE:${arg_PROGRAM}>" ${arg_ARGUMENTS})
+        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} --
+                "$<TARGET_FILE:${arg_PROGRAM}>" ${arg_ARGUMENTS})
     norvex_set_test_properties()
 endfunction()
 
-# On Windows a test is the program itself; what needs another system or another layer is left out by name.
+# On Windows a test is the program itself; what needs another system or another layer is left out by
+# name.
 macro(norvex_add_windows_run)
     if(arg_WINDOWS_VERSION OR arg_VALIDATION_REPORTS OR arg_MICROSOFT_COMPILER)
         norvex_leave_out_test(${arg_NAME} "it needs a simulated system")
@@ -92,7 +101,9 @@ endmacro()
 macro(norvex_set_test_properties)
     # The runner itself stops a program that takes too long; this only catches a runner that hangs.
     math(EXPR outerTimeout "${arg_TIMEOUT} + 30")
-    set_tests_properties(${arg_NAME} PROPERTIES TIMEOUT ${outerTimeout} ENVIRONMENT "${arg_ENVIRONMENT}"
+    set_tests_properties(${arg_NAME} PROPERTIES
+        TIMEOUT ${outerTimeout}
+        ENVIRONMENT "${arg_ENVIRONMENT}"
         WORKING_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
 endmacro()
 
@@ -121,8 +132,9 @@ function(norvex_add_native_test)
         return()
     endif()
     set(folder "${CMAKE_BINARY_DIR}/native/${arg_NAME}")
-    set(flags -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER} -Wall -Wextra -Wpedantic
-        -DNORVEX_STATIC -DFMT_HEADER_ONLY=1 "-I${CMAKE_SOURCE_DIR}" -isystem "${kGoogleTestSource}/googletest/include")
+    set(flags -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
+        -Wall -Wextra -Wpedantic -DNORVEX_STATIC -DFMT_HEADER_ONLY=1 "-I${CMAKE_SOURCE_DIR}"
+        -isystem "${kGoogleTestSource}/googletest/include")
     list(TRANSFORM arg_DEFINITIONS PREPEND -D)
     set(objects)
     foreach(source IN LISTS arg_SOURCES)
@@ -130,15 +142,16 @@ function(norvex_add_native_test)
         norvex_native_object(objects "${folder}" "${source}" ${flags} -Werror ${arg_DEFINITIONS})
     endforeach()
     foreach(source IN ITEMS gtest-all.cc gtest_main.cc)
-        norvex_native_object(objects "${folder}" "${kGoogleTestSource}/googletest/src/${source}" ${flags} -w
-            "-I${kGoogleTestSource}/googletest")
+        norvex_native_object(objects "${folder}" "${kGoogleTestSource}/googletest/src/${source}"
+            ${flags} -w "-I${kGoogleTestSource}/googletest")
     endforeach()
     add_custom_command(OUTPUT "${folder}/${arg_NAME}"
-        COMMAND ${kNativeCompiler} -fsanitize=${arg_SANITIZER} ${objects} -o "${folder}/${arg_NAME}" -pthread
+        COMMAND ${kNativeCompiler} -fsanitize=${arg_SANITIZER} ${objects}
+                -o "${folder}/${arg_NAME}" -pthread
         DEPENDS ${objects} COMMENT "Linking native test ${arg_NAME}" VERBATIM)
     add_custom_target(${arg_NAME} ALL DEPENDS "${folder}/${arg_NAME}")
     add_test(NAME ${arg_NAME}
-        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" --native --result "${NORVEX_RESULTS}/${arg_NAME}.xml"
-                --timeout ${arg_TIMEOUT} -- "${folder}/${arg_NAME}" ${arg_ARGUMENTS})
+        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" --native
+                --result "${NORVEX_RESULTS}/${arg_NAME}.xml" --timeout ${arg_TIMEOUT} -- "${folder}/${arg_NAME}" ${arg_ARGUMENTS})
     norvex_set_test_properties()
 endfunction()

@@ -1,12 +1,14 @@
-# norvex_warnings: what the project's own code must compile without. Third-party headers come in as system headers.
+# norvex_warnings: what the project's own code must compile without. Third-party headers come in as
+# system headers.
 
 add_library(norvex_warnings INTERFACE)
 
 if(MSVC)
-    target_compile_options(norvex_warnings INTERFACE /W4 /WX /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor
+    target_compile_options(norvex_warnings INTERFACE
+        /W4 /WX /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor
         /external:anglebrackets /external:W0
-        /wd4250) # dominance through a virtual base: the reference counting is inherited that way on purpose
+        /wd4250) # dominance through a virtual base: reference counting is inherited that way
 else()
-    target_compile_options(norvex_warnings INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor
-        -Wold-style-cast -Werror)
+    target_compile_options(norvex_warnings INTERFACE
+        -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Werror)
 endif()

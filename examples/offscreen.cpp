@@ -1,5 +1,5 @@
-// Draws two sRGB pixels into a Rec. 2020 PQ texture and prints what comes out. SDR white is 203 cd/m2 there, which PQ encodes
-// as 0.5807.
+// Draws two sRGB pixels into a Rec. 2020 PQ texture and prints what comes out. SDR white is 203
+// cd/m2 there, which PQ encodes as 0.5807.
 
 #include <array>
 #include <cstdio>
@@ -26,11 +26,13 @@ void DrawTwoPixels() {
     desc.format = DXGI_FORMAT_R16G16B16A16_UNORM;
     desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
     const auto sourceTexture = device->CreateTexture2D(desc);
-    const std::array<Pixel, 2> white = {{{65535, 65535, 65535, 65535}, {32768, 32768, 32768, 65535}}};
+    const std::array<Pixel, 2> white = {
+        {{65535, 65535, 65535, 65535}, {32768, 32768, 32768, 65535}}};
     DX::D12UploadResourceParams upload;
     upload.destination = sourceTexture;
     upload.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
-    upload.subresources = {{reinterpret_cast<const std::uint8_t*>(white.data()), sizeof(white), sizeof(white)}};
+    upload.subresources = {
+        {reinterpret_cast<const std::uint8_t*>(white.data()), sizeof(white), sizeof(white)}};
     queue->UploadResource(upload); // submitted; the queue keeps the order
 
     desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
@@ -41,14 +43,16 @@ void DrawTwoPixels() {
     conversion.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
     const boost::intrusive_ptr<DX::D12ImageDraw> draw(new DX::D12ImageDraw(device));
     const auto frame = queue->CreateCommandAllocator();
-    draw->Encode(frame, device->CreateTextureShaderResourceView(sourceTexture), target, conversion, std::nullopt);
+    draw->Encode(frame, device->CreateTextureShaderResourceView(sourceTexture), target, conversion,
+                 std::nullopt);
     frame->Execute(); // everything the frame uses lives until the GPU is done
 
     std::array<Pixel, 2> result = {};
     DX::D12DownloadResourceParams download;
     download.source = target->GetFirstResource();
     download.stateBefore = download.stateAfter = D3D12_RESOURCE_STATE_RENDER_TARGET;
-    download.subresources = {{reinterpret_cast<std::uint8_t*>(result.data()), sizeof(result), sizeof(result)}};
+    download.subresources = {
+        {reinterpret_cast<std::uint8_t*>(result.data()), sizeof(result), sizeof(result)}};
     queue->DownloadResource(download); // waits
     for (const Pixel& pixel : result) {
         std::printf("%.4f %.4f %.4f\n", pixel.r / 65535.0, pixel.g / 65535.0, pixel.b / 65535.0);
@@ -61,7 +65,8 @@ int main() {
     try {
         DrawTwoPixels();
     } catch (const DX::DirectXException& e) {
-        std::fprintf(stderr, "%s. %s\n", e.GetErrorDescription().c_str(), e.GetResultDescription().c_str());
+        std::fprintf(stderr, "%s. %s\n", e.GetErrorDescription().c_str(),
+                     e.GetResultDescription().c_str());
         return 1;
     }
     return 0;

@@ -1,7 +1,8 @@
 # Sourced by ./dev: messages, the cache folder, and running a step once.
 #
-# The cache is a user's, shared by all clones. What a step makes lies there under a name that ends in a hash of all that
-# the step depends on; it is made beside and renamed, so that an interrupted run leaves nothing half-made in place.
+# The cache is a user's, shared by all clones. What a step makes lies there under a name that ends
+# in a hash of all that the step depends on; it is made beside and renamed, so that an interrupted
+# run leaves nothing half-made in place.
 
 : "${NORVEXDX_CACHE:=${XDG_CACHE_HOME:-$HOME/.cache}/norvexdx}"
 mkdir -p "$NORVEXDX_CACHE"
@@ -24,8 +25,9 @@ hash_of() {
     done | sha256sum | cut -c1-10
 }
 
-# quietly LOG COMMAND...: the command's output goes to the log, and to the terminal only when it fails. Not for use in a
-# condition: bash would then run on after a failure inside the command, where that is a function.
+# quietly LOG COMMAND...: the command's output goes to the log, and to the terminal only when it
+# fails. Not for use in a condition: bash would then run on after a failure inside the command,
+# where that is a function.
 quietly() {
     local log=$1 status
     shift
@@ -56,8 +58,8 @@ locked() {
     exec {descriptor}>&-
 }
 
-# make_once TARGET MESSAGE COMMAND...: runs the command with a fresh folder name as last argument and gives that folder
-# the name TARGET; nothing to do where TARGET is there
+# make_once TARGET MESSAGE COMMAND...: runs the command with a fresh folder name as last argument
+# and gives that folder the name TARGET; nothing to do where TARGET is there
 make_once() {
     local target=$1 message=$2
     shift 2

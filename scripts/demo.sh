@@ -1,5 +1,6 @@
 #!/bin/bash
-# Converts pictures in the ways that the library is for and lays them out on a contact sheet. Runs inside the root.
+# Converts pictures in the ways that the library is for and lays them out on a contact sheet. Runs
+# inside the root.
 #   demo.sh PROGRAM OUT-FOLDER FILE...
 set -euo pipefail
 
@@ -12,7 +13,8 @@ out=$2
 shift 2
 mkdir -p "$out"
 
-# picture NAME INPUT OPTIONS...: one conversion into NAME.png, and a line on what it was and how long the draw took
+# picture NAME INPUT OPTIONS...: one conversion into NAME.png, and a line on what it was and how
+# long the draw took
 picture() {
     local name=$1 input=$2 report draw
     shift 2
@@ -28,11 +30,14 @@ for input; do
     pictures=("$input")
     printf '%s\n  %-34s %11s   %s\n' "$input" picture "draw" "drawn with"
     picture "$name-pq" "$input" --from srgb --to rec2020-pq --depth 16
-    picture "$name-pq-back" "$out/$name-pq.png" --from rec2020-pq --to srgb --source-peak 203 --depth 8
+    # The picture has no highlights above SDR white, so that nothing is to be compressed.
+    picture "$name-pq-back" "$out/$name-pq.png" --from rec2020-pq --to srgb \
+        --source-peak 203 --depth 8
     picture "$name-hlg" "$input" --from srgb --to rec2020-hlg --depth 16
-    picture "$name-rotated" "$input" --from srgb --to srgb --size 1280x1280 --fit fit --rotate 30 --background 202020ff
-    picture "$name-premultiplied" "$input" --from srgb --to srgb --size 1280x720 --fit fit --rotate -10 \
-        --target-alpha premultiplied --background 00000000
+    picture "$name-rotated" "$input" --from srgb --to srgb --size 1280x1280 --fit fit \
+        --rotate 30 --background 202020ff
+    picture "$name-premultiplied" "$input" --from srgb --to srgb --size 1280x720 --fit fit \
+        --rotate -10 --target-alpha premultiplied --background 00000000
     "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}" >/dev/null
     printf '  %-34s               %s\n' "$name-sheet.png" "the source and all of these, side by side"
 done

@@ -1,4 +1,5 @@
-# Sourced by ./dev: what is downloaded besides the packages of the Debian 13 system, each pinned by its hash.
+# Sourced by ./dev: what is downloaded besides the packages of the Debian 13 system, each pinned by
+# its hash.
 
 kSourcePackages=(google-glog libpng1.6)
 kSourceFiles=(google-glog_0.6.0.orig.tar.gz libpng1.6_1.6.48.orig.tar.gz)
@@ -14,8 +15,9 @@ kCompilerPackage=webgpu@0.6.2
 kCompilerFile=package/dist/win32-x64/d3dcompiler_47.dll
 kCompilerHash=289767b49dc8525bce262ea06fee4ef9fced2e131a55b25654ce871c1f0498b2
 
-# debian_apt FOLDER STATUS-FILE: prepares an apt configuration of its own for Debian 13, whatever the machine runs, with
-# the machine's own mirror and proxy settings; used by setting APT_CONFIG to FOLDER/apt.conf
+# debian_apt FOLDER STATUS-FILE: prepares an apt configuration of its own for Debian 13, whatever
+# the machine runs, with the machine's own mirror and proxy settings; used by setting APT_CONFIG to
+# FOLDER/apt.conf
 debian_apt() {
     local folder=$1 status=$2 mirror
     mirror=$(mirror)
@@ -55,7 +57,8 @@ download() {
     rm -rf "$apt"
 }
 
-# The second HLSL compiler. A chain, because its failure is no reason to stop and so is asked for in a condition.
+# The second HLSL compiler. A chain, because its failure is no reason to stop and so is asked for in
+# a condition.
 download_compiler() {
     local target=$1
     mkdir -p "$target" &&

@@ -1,4 +1,5 @@
-# Sourced by ./dev: clang-format and clang-tidy, unpacked beside the Debian 13 system on their first use.
+# Sourced by ./dev: clang-format and clang-tidy, unpacked beside the Debian 13 system on their first
+# use.
 
 kLintPackages=(clang-format clang-tidy)
 

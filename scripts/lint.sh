@@ -1,6 +1,8 @@
 #!/bin/bash
-# Checks the sources' format and runs clang-tidy over them, as the cross compiler sees them. Runs inside the root.
-#   lint.sh BUILD-FOLDER TOOLS [--fix]      a folder configured without precompiled headers; where clang-format and clang-tidy are
+# Checks the sources' format and runs clang-tidy over them, as the cross compiler sees them. Runs
+# inside the root.
+#   lint.sh BUILD-FOLDER TOOLS [--fix]
+# BUILD-FOLDER is configured without precompiled headers; TOOLS is where the tools were unpacked.
 # A file that passed is not checked again until it, a header, the rules or its command line change.
 set -euo pipefail
 
@@ -20,7 +22,8 @@ for script in dev .ci/run scripts/*; do
     esac
 done
 
-mapfile -t sources < <(find Core Host Platform Proc apps examples tests bench -name '*.cpp' -o -name '*.h' 2>/dev/null | LC_ALL=C sort)
+mapfile -t sources < <(find . -path ./build -prune -o -path ./out -prune -o \
+    \( -name '*.cpp' -o -name '*.h' \) -printf '%P\n' | LC_ALL=C sort)
 [ "${3:-}" != --fix ] || clang-format -i "${sources[@]}"
 clang-format --dry-run -Werror "${sources[@]}" || failed=1
 
@@ -32,9 +35,16 @@ mv "$build/clang-commands.tmp" "$build/clang/compile_commands.json"
 # One file; says what clang-tidy said, unless it is content.
 tidy() {
     local source=$1 build=$2 common=$3 key output
-    key=$( (cat "$source"; echo "$common"; grep -F "/$source\"" "$build/clang/compile_commands.json") | sha256sum | cut -c1-32)
+    key=$(
+        {
+            cat "$source"
+            echo "$common"
+            grep -F "/$source\"" "$build/clang/compile_commands.json"
+        } | sha256sum | cut -c1-32
+    )
     [ ! -e "$passed/$key" ] || return 0
-    if output=$(clang-tidy --quiet -p "$build/clang" --extra-arg=--target=x86_64-w64-mingw32 "$source" 2>/dev/null); then
+    if output=$(clang-tidy --quiet -p "$build/clang" --extra-arg=--target=x86_64-w64-mingw32 \
+        "$source" 2>/dev/null); then
         touch "$passed/$key"
         echo "checked $source" >&2
     else
@@ -47,7 +57,8 @@ export passed
 
 common=$(printf '%s\n' "${sources[@]}" | grep '\.h$' | xargs cat .clang-tidy | sha256sum)
 printf '%s\n' "${sources[@]}" | grep '\.cpp$' | while read -r source; do
-    # What is not compiled for Windows is not in the list of commands; the compiler's own warnings must do there.
+    # What is not compiled for Windows is not in the list of commands; the compiler's own warnings
+    # must do there.
     if grep -qF "/$source\"" "$build/compile_commands.json"; then printf '%s\0' "$source"; fi
 done | xargs -0 -n 1 -P "$(nproc)" bash -c 'tidy "$3" "$1" "$2"' tidy "$build" "$common" || failed=1
 

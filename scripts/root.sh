@@ -1,6 +1,8 @@
-# Sourced by ./dev: the Debian 13 system that everything is built and run in, and running a command there.
+# Sourced by ./dev: the Debian 13 system that everything is built and run in, and running a command
+# there.
 #
-# Where the machine is Debian 13 itself, that is the machine; elsewhere it is a folder that bubblewrap enters.
+# Where the machine is Debian 13 itself, that is the machine; elsewhere it is a folder that
+# bubblewrap enters.
 
 kRootPackages=(
     # compiling, for Windows and, for the sanitizers, for the machine itself
@@ -95,15 +97,21 @@ ensure_root() {
     fi
 }
 
+# is_system FOLDER: whether it is a part of the machine's operating system
+is_system() {
+    case $1/ in
+    /bin/* | /boot/* | /dev/* | /etc/* | /lib/* | /lib32/* | /lib64/* | /libx32/*) ;;
+    /proc/* | /sbin/* | /sys/* | /usr/* | /run/ | /var/) ;;
+    *) return 1 ;;
+    esac
+}
+
 # Arguments of bwrap that show the machine's own folders, but not its system, at their own places.
 shown_folders() {
     local folder
     for folder in /*/; do
         folder=${folder%/}
-        case $folder in
-        /bin | /boot | /dev | /etc | /lib | /lib32 | /lib64 | /libx32 | /lost+found | /proc | /run | /sbin | /sys | /usr | /var) ;;
-        *) printf '%s\0' --bind "$folder" "$folder" ;;
-        esac
+        is_system "$folder" || printf '%s\0' --bind "$folder" "$folder"
     done
     for folder in "$project" "$cache" "$PWD"; do
         case $folder in
@@ -116,11 +124,9 @@ check_folders() {
     local folder
     [ -z "$native" ] || return 0
     for folder in "$project" "$cache" "$PWD"; do
-        case $folder in
-        /bin | /boot | /dev | /etc | /lib | /lib32 | /lib64 | /libx32 | /proc | /run | /sbin | /sys | /usr | /var | \
-            /bin/* | /boot/* | /dev/* | /etc/* | /lib/* | /lib32/* | /lib64/* | /libx32/* | /proc/* | /sbin/* | /sys/* | /usr/*)
-            fail "$folder belongs to this machine's system, which the programs do not see: use another folder." ;;
-        esac
+        if is_system "$folder"; then
+            fail "The programs do not see this machine's own system: use another folder than $folder."
+        fi
     done
 }
 
@@ -149,7 +155,8 @@ in_root() {
         return
     fi
     mapfile -d '' -t folders < <(shown_folders)
-    # Its own X sockets; the folder is made beforehand, because the mount would make it with the wrong mode.
+    # Its own X sockets; the folder is made beforehand, because the mount would make it with the
+    # wrong mode.
     [ -d /tmp/.X11-unix ] || mkdir -m 1777 /tmp/.X11-unix
     bwrap --ro-bind "$root/usr" /usr --symlink usr/bin /bin --symlink usr/sbin /sbin \
         --symlink usr/lib /lib --symlink usr/lib64 /lib64 --ro-bind "$root/etc" /etc \

@@ -26,8 +26,8 @@ ensure_compiler() {
     fi
 }
 
-# The order keeps both the network and the processors busy: downloads go on beside the making of the root, the Wine
-# prefix beside the cross-building.
+# The order keeps both the network and the processors busy: downloads go on beside the making of the
+# root, the Wine prefix beside the cross-building.
 setup_steps() {
     local download prefix
     make_once "$downloads" "Downloading sources and a photograph, 14 MB" download &

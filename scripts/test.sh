@@ -2,7 +2,8 @@
 # Runs the tests with ctest in one Wine session, then counts what ran. Runs inside the root.
 #   test.sh BUILD-FOLDER [--update-list] [CTEST-ARGUMENTS...]
 #
-# tests/expected-tests.txt names every case that there is, so that one that silently stops running fails the run.
+# tests/expected-tests.txt names every case that there is, so that one that silently stops running
+# fails the run.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")

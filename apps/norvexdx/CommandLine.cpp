@@ -40,11 +40,12 @@ CLI::Option* AddValue(CLI::App& app, const std::string& name, Target& target, Pa
                       const std::string& expected, const std::string& type,
                       const std::string& help) {
     const auto set = [&target, name, parse, expected](const std::string& text) {
-        const std::optional<Value> value = parse(text);
-        if (!value) {
+        const std::optional<Value> parsed = parse(text);
+        if (!parsed) {
             throw CLI::ValidationError(name, "\"" + text + "\" is not " + expected);
         }
-        target = *value;
+        const Value& value = *parsed;
+        target = value;
     };
     return app.add_option_function<std::string>(name, set, help)->type_name(type);
 }

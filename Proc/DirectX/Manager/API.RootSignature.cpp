@@ -1,5 +1,5 @@
-// Root-signature serialisation over the entry points that were loaded. Follows the published rule of d3dx12's
-// D3DX12SerializeVersionedRootSignature, which calls them statically.
+// Root-signature serialisation over the entry points that were loaded. Follows the published rule
+// of d3dx12's D3DX12SerializeVersionedRootSignature, which calls them statically.
 
 #include <memory>
 
@@ -18,11 +18,13 @@ using HeapArray = std::unique_ptr<T[], HeapDeleter>;
 // Null for an empty array and when memory ran out.
 template <class T>
 HeapArray<T> AllocateArray(size_t count) {
-    void* memory = count == 0 ? nullptr : HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, count * sizeof(T));
+    void* memory =
+        count == 0 ? nullptr : HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, count * sizeof(T));
     return HeapArray<T>(static_cast<T*>(memory));
 }
 
-// A version 1.0 description made of a newer one. 1.1 and 1.2 share the parameters; 1.2 has static samplers with flags.
+// A version 1.0 description made of a newer one. 1.1 and 1.2 share the parameters; 1.2 has static
+// samplers with flags.
 class Description10 {
 public:
     // S_OK, E_OUTOFMEMORY, or E_INVALIDARG for what 1.0 cannot say.
@@ -37,7 +39,8 @@ public:
         const auto& desc = source.Desc_1_2;
         m_desc.Flags = desc.Flags;
         const long result = ConvertParameters(desc.NumParameters, desc.pParameters);
-        return result == S_OK ? ConvertSamplers(desc.NumStaticSamplers, desc.pStaticSamplers) : result;
+        return result == S_OK ? ConvertSamplers(desc.NumStaticSamplers, desc.pStaticSamplers)
+                              : result;
     }
 
     const D3D12_ROOT_SIGNATURE_DESC& Get() const { return m_desc; }
@@ -72,7 +75,8 @@ private:
     }
 
     // Returns the first range after those it filled.
-    static D3D12_DESCRIPTOR_RANGE* ConvertParameter(const D3D12_ROOT_PARAMETER1& from, D3D12_ROOT_PARAMETER& to,
+    static D3D12_DESCRIPTOR_RANGE* ConvertParameter(const D3D12_ROOT_PARAMETER1& from,
+                                                    D3D12_ROOT_PARAMETER& to,
                                                     D3D12_DESCRIPTOR_RANGE* ranges) {
         to.ParameterType = from.ParameterType;
         to.ShaderVisibility = from.ShaderVisibility;
@@ -92,8 +96,8 @@ private:
         to.DescriptorTable = {table.NumDescriptorRanges, ranges};
         for (unsigned i = 0; i < table.NumDescriptorRanges; ++i) {
             const auto& range = table.pDescriptorRanges[i];
-            *ranges++ = {range.RangeType, range.NumDescriptors, range.BaseShaderRegister, range.RegisterSpace,
-                         range.OffsetInDescriptorsFromTableStart};
+            *ranges++ = {range.RangeType, range.NumDescriptors, range.BaseShaderRegister,
+                         range.RegisterSpace, range.OffsetInDescriptorsFromTableStart};
         }
         return ranges;
     }
@@ -109,9 +113,9 @@ private:
                 return E_INVALIDARG;
             }
             const auto& s = source[i];
-            m_samplers[i] = {s.Filter,         s.AddressU,       s.AddressV,       s.AddressW,
-                             s.MipLODBias,     s.MaxAnisotropy,  s.ComparisonFunc, s.BorderColor,
-                             s.MinLOD,         s.MaxLOD,         s.ShaderRegister, s.RegisterSpace,
+            m_samplers[i] = {s.Filter,          s.AddressU,      s.AddressV,       s.AddressW,
+                             s.MipLODBias,      s.MaxAnisotropy, s.ComparisonFunc, s.BorderColor,
+                             s.MinLOD,          s.MaxLOD,        s.ShaderRegister, s.RegisterSpace,
                              s.ShaderVisibility};
         }
         m_desc.NumStaticSamplers = count;
@@ -134,22 +138,25 @@ long API::SerializeRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC* desc
     if (m_d12SerializeRootSignature == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    if (m_d12SerializeVersionedRootSignature != nullptr && maxVersion != D3D_ROOT_SIGNATURE_VERSION_1) {
-        if (maxVersion != D3D_ROOT_SIGNATURE_VERSION_1_1 && maxVersion != D3D_ROOT_SIGNATURE_VERSION_1_2) {
+    if (m_d12SerializeVersionedRootSignature != nullptr &&
+        maxVersion != D3D_ROOT_SIGNATURE_VERSION_1) {
+        if (maxVersion != D3D_ROOT_SIGNATURE_VERSION_1_1 &&
+            maxVersion != D3D_ROOT_SIGNATURE_VERSION_1_2) {
             return E_INVALIDARG;
         }
         return m_d12SerializeVersionedRootSignature(desc, &blob, &errors);
     }
     switch (desc->Version) {
     case D3D_ROOT_SIGNATURE_VERSION_1:
-        return m_d12SerializeRootSignature(&desc->Desc_1_0, D3D_ROOT_SIGNATURE_VERSION_1, &blob, &errors);
+        return m_d12SerializeRootSignature(&desc->Desc_1_0, D3D_ROOT_SIGNATURE_VERSION_1, &blob,
+                                           &errors);
     case D3D_ROOT_SIGNATURE_VERSION_1_1:
     case D3D_ROOT_SIGNATURE_VERSION_1_2: {
         Description10 converted;
         const long result = converted.Convert(*desc);
-        return result == S_OK
-                   ? m_d12SerializeRootSignature(&converted.Get(), D3D_ROOT_SIGNATURE_VERSION_1, &blob, &errors)
-                   : result;
+        return result == S_OK ? m_d12SerializeRootSignature(
+                                    &converted.Get(), D3D_ROOT_SIGNATURE_VERSION_1, &blob, &errors)
+                              : result;
     }
     default:
         return E_INVALIDARG;

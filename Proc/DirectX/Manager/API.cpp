@@ -14,7 +14,8 @@ constexpr unsigned long kErrorDelayLoadFailed = 1285; // Win32: a delay-loaded f
 template <class Function>
 void Resolve(HMODULE module, const char* name, Function& function) {
     if (module != nullptr) {
-        function = reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+        function =
+            reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
     }
 }
 
@@ -31,7 +32,8 @@ bool ReadIsWindows10OrGreater() {
     Resolve(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion", getVersion);
     RTL_OSVERSIONINFOW version = {};
     version.dwOSVersionInfoSize = sizeof(version);
-    return getVersion != nullptr && getVersion(&version) == 0 && version.dwMajorVersion >= kWindows10;
+    return getVersion != nullptr && getVersion(&version) == 0 &&
+           version.dwMajorVersion >= kWindows10;
 }
 
 void FreeIfLoaded(HMODULE module) {
@@ -50,8 +52,10 @@ API& API::GetInstance() {
 }
 
 API::API()
-    : m_dxgi(LoadLibraryW(L"dxgi.dll")), m_compiler(LoadLibraryW(L"d3dcompiler_47.dll")),
-      m_dxgiDebug(LoadLibraryW(L"dxgidebug.dll")), m_isWindows10OrGreater(ReadIsWindows10OrGreater()),
+    : m_dxgi(LoadLibraryW(L"dxgi.dll")),
+      m_compiler(LoadLibraryW(L"d3dcompiler_47.dll")),
+      m_dxgiDebug(LoadLibraryW(L"dxgidebug.dll")),
+      m_isWindows10OrGreater(ReadIsWindows10OrGreater()),
       m_d3d12(m_isWindows10OrGreater ? LoadLibraryW(L"d3d12.dll") : nullptr) {
     ReadHostDeclaration();
     ResolveEntryPoints();
@@ -79,8 +83,9 @@ void API::ResolveEntryPoints() {
     Resolve(m_d3d12, "D3D12GetDebugInterface", m_d12GetDebugInterface);
     Resolve(m_d3d12, "D3D12SerializeRootSignature", m_d12SerializeRootSignature);
     Resolve(m_d3d12, "D3D12SerializeVersionedRootSignature", m_d12SerializeVersionedRootSignature);
-    m_isD12Loaded = m_d3d12 != nullptr && m_d12CreateDevice != nullptr && m_d12GetDebugInterface != nullptr &&
-                    m_d12SerializeRootSignature != nullptr && m_d12SerializeVersionedRootSignature != nullptr;
+    m_isD12Loaded = m_d3d12 != nullptr && m_d12CreateDevice != nullptr &&
+                    m_d12GetDebugInterface != nullptr && m_d12SerializeRootSignature != nullptr &&
+                    m_d12SerializeVersionedRootSignature != nullptr;
 }
 
 void API::EnforceHostDeclaration() const {
@@ -101,24 +106,27 @@ long API::CreateFactory2(unsigned flags, CComPtr<IDXGIFactory2>& out) {
     return m_createFactory2(flags, __uuidof(IDXGIFactory2), reinterpret_cast<void**>(&out));
 }
 
-long API::CreateDevice(IDXGIAdapter1* adapter, D3D_FEATURE_LEVEL level, CComPtr<ID3D12Device>& out) {
+long API::CreateDevice(IDXGIAdapter1* adapter, D3D_FEATURE_LEVEL level,
+                       CComPtr<ID3D12Device>& out) {
     if (m_d12CreateDevice == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    const long result = m_d12CreateDevice(adapter, level, __uuidof(ID3D12Device), reinterpret_cast<void**>(&out));
+    const long result =
+        m_d12CreateDevice(adapter, level, __uuidof(ID3D12Device), reinterpret_cast<void**>(&out));
     D3D12SDKVersion();
     return result;
 }
 
-long API::Compile2(const void* src, size_t size, const char* sourceName, const D3D_SHADER_MACRO* defines,
-                   ID3DInclude* include, const char* entry, const char* target, unsigned flags1, unsigned flags2,
-                   unsigned secondaryFlags, const void* secondaryData, size_t secondaryDataSize,
-                   CComPtr<ID3D10Blob>& code, CComPtr<ID3D10Blob>& errors) {
+long API::Compile2(const void* src, size_t size, const char* sourceName,
+                   const D3D_SHADER_MACRO* defines, ID3DInclude* include, const char* entry,
+                   const char* target, unsigned flags1, unsigned flags2, unsigned secondaryFlags,
+                   const void* secondaryData, size_t secondaryDataSize, CComPtr<ID3D10Blob>& code,
+                   CComPtr<ID3D10Blob>& errors) {
     if (m_compile2 == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    return m_compile2(src, size, sourceName, defines, include, entry, target, flags1, flags2, secondaryFlags,
-                      secondaryData, secondaryDataSize, &code, &errors);
+    return m_compile2(src, size, sourceName, defines, include, entry, target, flags1, flags2,
+                      secondaryFlags, secondaryData, secondaryDataSize, &code, &errors);
 }
 
 long API::GetDebugInterface(CComPtr<ID3D12Debug>& out) {

@@ -1,7 +1,8 @@
 #pragma once
 
-// Value types shared by drawing and presentation: rectangles, sizes, the affine transform, and the conversion of DXGI
-// colour spaces. Plain values, any thread. Result codes and exceptions: Exceptions.h. System entry points: API.h.
+// Value types shared by drawing and presentation: rectangles, sizes, the affine transform, and the
+// conversion of DXGI colour spaces. Plain values, any thread. Result codes and exceptions:
+// Exceptions.h. System entry points: API.h.
 
 #include <array>
 
@@ -30,8 +31,9 @@ struct Size2DT {
     friend bool operator==(const Size2DT&, const Size2DT&) = default;
 };
 
-// A 4 x 4 matrix of floats stored row by row, used with row vectors: (x, y) maps to x * row 0 + y * row 1 + row 3. The
-// third row is the z axis and stays identity in 2-D use; the fourth holds the translation.
+// A 4 x 4 matrix of floats stored row by row, used with row vectors: (x, y) maps to x * row 0 + y *
+// row 1 + row 3. The third row is the z axis and stays identity in 2-D use; the fourth holds the
+// translation.
 struct NORVEX_DX_API AffineTransform {
     using Rows = std::array<std::array<float, 4>, 4>;
 
@@ -54,8 +56,9 @@ struct NORVEX_DX_API AffineTransform {
     friend bool operator==(const AffineTransform&, const AffineTransform&) = default;
 };
 
-// H.273 code points of a DXGI colour space: RGB_FULL_G22_NONE_P709 is (1, 13, 1), RGB_FULL_G10_NONE_P709 (1, 8, 1),
-// RGB_FULL_G2084_NONE_P2020 (9, 16, 9). Any other throws DirectXException "Unknown DXGI color space".
+// H.273 code points of a DXGI colour space: RGB_FULL_G22_NONE_P709 is (1, 13, 1),
+// RGB_FULL_G10_NONE_P709 (1, 8, 1), RGB_FULL_G2084_NONE_P2020 (9, 16, 9). Any other throws
+// DirectXException "Unknown DXGI color space".
 NORVEX_DX_API Conf::ColorSpace ConvertColorSpace(DXGI_COLOR_SPACE_TYPE colorSpace);
 
 } // namespace Norvex::DX

@@ -11,16 +11,20 @@
 
 namespace Norvex::DX {
 
-D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device, D3D12_COMMAND_LIST_TYPE type) {
-    ThrowIfFailed<DirectX12Exception>(device->CreateCommandAllocator(type, __uuidof(ID3D12CommandAllocator),
-                                                                     reinterpret_cast<void**>(&m_allocator)),
-                                      "Failed to create command allocator", device);
+D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device,
+                                     D3D12_COMMAND_LIST_TYPE type) {
+    ThrowIfFailed<DirectX12Exception>(
+        device->CreateCommandAllocator(type, __uuidof(ID3D12CommandAllocator),
+                                       reinterpret_cast<void**>(&m_allocator)),
+        "Failed to create command allocator", device);
     m_completionEvent.reset(new D12CompletionEvent(device, D3D12_FENCE_FLAG_NONE));
 }
 
 D12CommandAllocator::D12CommandAllocator(const boost::intrusive_ptr<D12CommandQueue>& queue)
-    : m_state(queue->GetDevice()->CreateCommandAllocator(queue->GetType())), m_device(queue->GetDevice()),
-      m_queue(queue), m_type(queue->GetType()) {
+    : m_state(queue->GetDevice()->CreateCommandAllocator(queue->GetType())),
+      m_device(queue->GetDevice()),
+      m_queue(queue),
+      m_type(queue->GetType()) {
     ThrowUnless<DirectX12Exception>(IsCompleted(), "Command allocator is busy");
 }
 
@@ -35,15 +39,17 @@ D12CommandAllocator::~D12CommandAllocator() {
             m_device->ReuseCommandAllocator(m_type, std::move(m_state));
         }
     } catch (const DirectXException& e) {
-        LOG(ERROR) << "A command allocator was released without waiting for the GPU: " << e.GetErrorDescription()
-                   << ". " << e.GetResultDescription();
+        LOG(ERROR) << "A command allocator was released without waiting for the GPU: "
+                   << e.GetErrorDescription() << ". " << e.GetResultDescription();
     }
 }
 
-boost::intrusive_ptr<D12GraphicsCommandList> D12CommandAllocator::CreateCommandList(
-    const CComPtr<ID3D12PipelineState>& pipelineState) {
-    const auto list = m_device->CreateCommandList(m_type, CComPtr<ID3D12CommandAllocator>(m_state.Get()), pipelineState);
-    boost::intrusive_ptr<D12GraphicsCommandList> wrapper(new D12GraphicsCommandList(m_device, list));
+boost::intrusive_ptr<D12GraphicsCommandList>
+D12CommandAllocator::CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState) {
+    const auto list = m_device->CreateCommandList(
+        m_type, CComPtr<ID3D12CommandAllocator>(m_state.Get()), pipelineState);
+    boost::intrusive_ptr<D12GraphicsCommandList> wrapper(
+        new D12GraphicsCommandList(m_device, list));
     m_commandLists.push_back(wrapper);
     wrapper->TrackObject(pipelineState.p);
     return wrapper;
@@ -56,7 +62,8 @@ void D12CommandAllocator::EnqueueCommandList(const boost::intrusive_ptr<D12Comma
 }
 
 D12CommandList& D12CommandAllocator::GetActiveList(const std::source_location& location) const {
-    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(), "There is no active command list", location);
+    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(), "There is no active command list",
+                                    location);
     return *m_commandLists.back();
 }
 
@@ -77,12 +84,14 @@ void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& 
 }
 
 void D12CommandAllocator::Execute() {
-    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(), "There are no command lists to execute");
+    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
+                                    "There are no command lists to execute");
     {
         const std::lock_guard guard(m_lock);
         WaitAndClear();
-        ThrowUnless<DirectX12Exception>(std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
-                                        "Found command list that was not closed");
+        ThrowUnless<DirectX12Exception>(
+            std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
+            "Found command list that was not closed");
         SubmitWaits();
         SubmitLists();
     }
@@ -146,12 +155,15 @@ void D12CommandAllocator::ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRI
 }
 
 void D12CommandAllocator::ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
-                                                const Proc::ColorF& color, const std::vector<RECT>& rects) {
-    RecordOneShot([&](D12GraphicsCommandList& list) { list.ClearRenderTargetView(target, color, rects); });
+                                                const Proc::ColorF& color,
+                                                const std::vector<RECT>& rects) {
+    RecordOneShot(
+        [&](D12GraphicsCommandList& list) { list.ClearRenderTargetView(target, color, rects); });
 }
 
 void D12CommandAllocator::ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
-                                                bitflags<D3D12_RESOURCE_STATES> state, const Proc::ColorF& color,
+                                                bitflags<D3D12_RESOURCE_STATES> state,
+                                                const Proc::ColorF& color,
                                                 const std::vector<RECT>& rects) {
     RecordOneShot([&](D12GraphicsCommandList& list) {
         list.ResourceBarrier({target->Transition(state, D3D12_RESOURCE_STATE_RENDER_TARGET,

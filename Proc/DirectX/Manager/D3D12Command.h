@@ -1,9 +1,10 @@
 #pragma once
 
-// Recording and submission. A D12CommandAllocator is one unit of submission: lists recorded from it, waits before them, and all
-// objects they use, kept alive until the GPU has finished. Execute submits once; a background thread then releases the
-// objects. One thread records into an allocator at a time; Execute, WaitComplete and the background release exclude each other.
-// Throws DirectX12Exception. Next: D3D12CommandList.h, D3D12CommandQueue.h.
+// Recording and submission. A D12CommandAllocator is one unit of submission: lists recorded from
+// it, waits before them, and all objects they use, kept alive until the GPU has finished. Execute
+// submits once; a background thread then releases the objects. One thread records into an allocator
+// at a time; Execute, WaitComplete and the background release exclude each other. Throws
+// DirectX12Exception. Next: D3D12CommandList.h, D3D12CommandQueue.h.
 
 #include <cstdint>
 #include <mutex>
@@ -15,7 +16,8 @@
 
 namespace Norvex::DX {
 
-// A Direct3D 12 allocator with the event that says when the GPU has finished with it. Movable, kept idle by the device.
+// A Direct3D 12 allocator with the event that says when the GPU has finished with it. Movable, kept
+// idle by the device.
 class NORVEX_DX_API D12AllocatorState {
 public:
     // "Failed to create command allocator".
@@ -25,7 +27,9 @@ public:
     ~D12AllocatorState() = default;
 
     ID3D12CommandAllocator* Get() const { return m_allocator; }
-    const boost::intrusive_ptr<D12CompletionEvent>& GetCompletionEvent() const { return m_completionEvent; }
+    const boost::intrusive_ptr<D12CompletionEvent>& GetCompletionEvent() const {
+        return m_completionEvent;
+    }
 
 private:
     CComPtr<ID3D12CommandAllocator> m_allocator;
@@ -47,7 +51,8 @@ public:
     bool IsCompleted() const { return m_state.GetCompletionEvent()->IsCompleted(); }
 
     // A new open list, queued; it is now the active one. The pipeline state may be null.
-    boost::intrusive_ptr<D12GraphicsCommandList> CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState);
+    boost::intrusive_ptr<D12GraphicsCommandList>
+    CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState);
     // "Command list already queued".
     void EnqueueCommandList(const boost::intrusive_ptr<D12CommandList>& list);
     // Keeps an object alive with the active list. "There is no active command list".
@@ -58,27 +63,29 @@ public:
     void Wait(const boost::intrusive_ptr<D12CompletionEvent>& event);
     void Wait(const boost::intrusive_ptr<D12CommandAllocator>& other);
 
-    // Submits the queued lists, which are closed, and signals completion. Blocks first while the previous submission of this
-    // allocator runs. "There are no command lists to execute", "Found command list that was not closed" (nothing is
-    // submitted then, lists and waits stay).
+    // Submits the queued lists, which are closed, and signals completion. Blocks first while the
+    // previous submission of this allocator runs. "There are no command lists to execute", "Found
+    // command list that was not closed" (nothing is submitted then, lists and waits stay).
     void Execute();
-    // Blocks until the GPU has finished, releases what was tracked, makes the allocator's memory reusable.
+    // Blocks until the GPU has finished, releases what was tracked, makes the allocator's memory
+    // reusable.
     void WaitComplete();
 
     // Each records one closed list; submit with Execute.
     void ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers);
     // No rectangles: the whole view. The resource is in the render-target state.
-    void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target, const Proc::ColorF& color,
-                               const std::vector<RECT>& rects);
-    // From `state`, which is not the render-target state; leaves the resource in the render-target state.
+    void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
+                               const Proc::ColorF& color, const std::vector<RECT>& rects);
+    // From `state`, which is not the render-target state; leaves the resource in the render-target
+    // state.
     void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
                                bitflags<D3D12_RESOURCE_STATES> state, const Proc::ColorF& color,
                                const std::vector<RECT>& rects);
     void UploadRegion(const D12UploadRegionParams& params);
     void UploadResource(const D12UploadResourceParams& params);
 
-    // Blocks until the background threads have released what all finished submissions used, and have ended. The next Execute
-    // starts them again. Not from a background release.
+    // Blocks until the background threads have released what all finished submissions used, and
+    // have ended. The next Execute starts them again. Not from a background release.
     static void WaitAllComplete();
 
 private:
@@ -95,7 +102,8 @@ private:
     void SubmitLists();
 
     // "There is no active command list", thrown for the operation that asks.
-    D12CommandList& GetActiveList(const std::source_location& location = std::source_location::current()) const;
+    D12CommandList&
+    GetActiveList(const std::source_location& location = std::source_location::current()) const;
     template <class Record>
     void RecordOneShot(const Record& record);
 
@@ -105,7 +113,8 @@ private:
     D3D12_COMMAND_LIST_TYPE m_type;
     std::mutex m_lock; // guards submission and clearing
     std::vector<FenceWait> m_waits;
-    std::vector<boost::intrusive_ptr<D12CommandList>> m_commandLists; // the last one is the active list
+    std::vector<boost::intrusive_ptr<D12CommandList>>
+        m_commandLists; // the last one is the active list
     std::vector<CComPtr<ID3D12DeviceChild>> m_trackedComObjects;
     std::vector<boost::intrusive_ptr<IRefCountable>> m_trackedObjects;
 };

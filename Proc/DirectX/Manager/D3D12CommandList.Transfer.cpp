@@ -1,8 +1,8 @@
 // Uploads, recorded on a list.
 
+#include "Proc/DirectX/Manager/D3D12CommandList.h"
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
-#include "Proc/DirectX/Manager/D3D12CommandList.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Staging.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -13,14 +13,16 @@ void D12GraphicsCommandList::UploadRegion(const D12UploadRegionParams& params) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(params.destination);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER,
                                     "Destination resource is not a buffer");
-    ThrowUnless<DirectX12Exception>(params.size <= desc.Width && params.destinationOffset <= desc.Width - params.size,
+    ThrowUnless<DirectX12Exception>(params.size <= desc.Width &&
+                                        params.destinationOffset <= desc.Width - params.size,
                                     "Uploading data does not fit in the destination");
     const auto staging = Staging::GetUploadBuffer(*GetDevice(), params.pool, params.size);
-    staging->Write(0, params.size, [&params](std::uint8_t* data) { std::memcpy(data, params.data, params.size); });
+    staging->Write(0, params.size,
+                   [&params](std::uint8_t* data) { std::memcpy(data, params.data, params.size); });
 
     RecordTransition(params.destination, params.stateBefore, D3D12_RESOURCE_STATE_COPY_DEST);
-    m_graphicsList->CopyBufferRegion(params.destination, params.destinationOffset, staging->GetResource(), 0,
-                                     params.size);
+    m_graphicsList->CopyBufferRegion(params.destination, params.destinationOffset,
+                                     staging->GetResource(), 0, params.size);
     RecordTransition(params.destination, D3D12_RESOURCE_STATE_COPY_DEST, params.stateAfter);
     TrackObject(params.destination.p);
     TrackObject(boost::intrusive_ptr<IRefCountable>(staging));
@@ -30,7 +32,8 @@ void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& param
     const Staging::Layout layout(*GetDevice(), params.destination, params.subresources.size());
     layout.Check(params.subresources, "Invalid upload data");
     const auto staging = Staging::GetUploadBuffer(*GetDevice(), params.pool, layout.GetSize());
-    staging->Write(0, layout.GetSize(), [&](std::uint8_t* data) { layout.CopyIn(data, params.subresources); });
+    staging->Write(0, layout.GetSize(),
+                   [&](std::uint8_t* data) { layout.CopyIn(data, params.subresources); });
 
     RecordTransition(params.destination, params.stateBefore, D3D12_RESOURCE_STATE_COPY_DEST);
     for (unsigned i = 0; i < layout.GetCount(); ++i) {
@@ -43,7 +46,8 @@ void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& param
     TrackObject(boost::intrusive_ptr<IRefCountable>(staging));
 }
 
-void D12GraphicsCommandList::RecordTransition(const CComPtr<ID3D12Resource>& resource, D3D12_RESOURCE_STATES before,
+void D12GraphicsCommandList::RecordTransition(const CComPtr<ID3D12Resource>& resource,
+                                              D3D12_RESOURCE_STATES before,
                                               D3D12_RESOURCE_STATES after) {
     if (before != after) {
         ResourceBarrier({CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after)});

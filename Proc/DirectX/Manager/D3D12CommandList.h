@@ -1,8 +1,9 @@
 #pragma once
 
-// Command lists. A list collects the objects that it uses; on submission they move to the allocator, which keeps them until the
-// GPU has finished. One thread records a list at a time. Throws DirectX12Exception.
-// The direct forwards take their arguments as Direct3D 12 does and keep alive the objects they are given.
+// Command lists. A list collects the objects that it uses; on submission they move to the
+// allocator, which keeps them until the GPU has finished. One thread records a list at a time.
+// Throws DirectX12Exception. The direct forwards take their arguments as Direct3D 12 does and keep
+// alive the objects they are given.
 
 #include <cstdint>
 #include <vector>
@@ -17,7 +18,8 @@ class D12DescriptorGPUHeap;
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
 public:
-    D12CommandList(const boost::intrusive_ptr<D12Device>& device, const CComPtr<ID3D12CommandList>& list);
+    D12CommandList(const boost::intrusive_ptr<D12Device>& device,
+                   const CComPtr<ID3D12CommandList>& list);
     // Gives the Direct3D list back to the device.
     ~D12CommandList() override;
     D12CommandList(const D12CommandList&) = delete;
@@ -27,7 +29,8 @@ public:
     D3D12_COMMAND_LIST_TYPE GetType() const;
     bool IsClosed() const { return m_closed; }
 
-    // Keeps the object alive until the GPU has finished; null, and an object already kept, are ignored.
+    // Keeps the object alive until the GPU has finished; null, and an object already kept, are
+    // ignored.
     void TrackObject(ID3D12DeviceChild* object);
     void TrackObject(const boost::intrusive_ptr<IRefCountable>& object);
 
@@ -54,20 +57,23 @@ public:
 
     ID3D12GraphicsCommandList* GetGraphics() const { return m_graphicsList; }
 
-    // Ends recording. "Failed to close command list": what was recorded is wrong or memory ran out; the list stays open.
+    // Ends recording. "Failed to close command list": what was recorded is wrong or memory ran out;
+    // the list stays open.
     virtual void Close();
 
-    // depth may be null. "The descriptor is not a render target view"; at most 8 targets: "Invalid render target count".
+    // depth may be null. "The descriptor is not a render target view"; at most 8 targets: "Invalid
+    // render target count".
     void OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                            const boost::intrusive_ptr<D12Descriptor>& depth);
     void OMSetRenderTargets(const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
                             const boost::intrusive_ptr<D12Descriptor>& depth);
     // No rectangles: the whole view.
-    void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target, const Proc::ColorF& color,
-                               const std::vector<RECT>& rects);
+    void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
+                               const Proc::ColorF& color, const std::vector<RECT>& rects);
 
     void IASetVertexBuffer(const boost::intrusive_ptr<D12VertexBuffer>& buffer); // slot 0
-    void IASetVertexBuffers(unsigned startSlot, const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers);
+    void IASetVertexBuffers(unsigned startSlot,
+                            const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers);
     void IASetIndexBuffer(const boost::intrusive_ptr<D12IndexBuffer>& buffer);
     void IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology);
     // All vertices (indices) of the buffer, one instance.
@@ -90,18 +96,24 @@ public:
 
     // Keeps alive the resources that the barriers name.
     void ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers);
-    void CopyResource(const CComPtr<ID3D12Resource>& destination, const CComPtr<ID3D12Resource>& source);
-    void CopyBufferRegion(const CComPtr<ID3D12Resource>& destination, std::uint64_t destinationOffset,
-                          const CComPtr<ID3D12Resource>& source, std::uint64_t sourceOffset, std::uint64_t size);
+    void CopyResource(const CComPtr<ID3D12Resource>& destination,
+                      const CComPtr<ID3D12Resource>& source);
+    void CopyBufferRegion(const CComPtr<ID3D12Resource>& destination,
+                          std::uint64_t destinationOffset, const CComPtr<ID3D12Resource>& source,
+                          std::uint64_t sourceOffset, std::uint64_t size);
     // sourceBox may be null: the whole subresource.
-    void CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION& destination, unsigned x, unsigned y, unsigned z,
-                           const D3D12_TEXTURE_COPY_LOCATION& source, const D3D12_BOX* sourceBox);
+    void CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION& destination, unsigned x, unsigned y,
+                           unsigned z, const D3D12_TEXTURE_COPY_LOCATION& source,
+                           const D3D12_BOX* sourceBox);
 
-    // In upload memory, filled at once. The sizes are in bytes and vertices. What D12Device::CreateBuffer throws.
+    // In upload memory, filled at once. The sizes are in bytes and vertices. What
+    // D12Device::CreateBuffer throws.
     boost::intrusive_ptr<D12VertexBuffer> CreateVertexBuffer(const void* data, unsigned vertexSize,
                                                              unsigned vertexCount);
-    boost::intrusive_ptr<D12IndexBuffer> CreateIndexBuffer(const std::vector<std::uint16_t>& indices);
-    boost::intrusive_ptr<D12IndexBuffer> CreateIndexBuffer(const std::vector<std::uint32_t>& indices);
+    boost::intrusive_ptr<D12IndexBuffer>
+    CreateIndexBuffer(const std::vector<std::uint16_t>& indices);
+    boost::intrusive_ptr<D12IndexBuffer>
+    CreateIndexBuffer(const std::vector<std::uint32_t>& indices);
 
     // Record the transfer; messages as of D12CommandQueue. The data are read at once.
     void UploadRegion(const D12UploadRegionParams& params);
@@ -115,7 +127,8 @@ private:
                           D3D12_RESOURCE_STATES after);
     void SetTargets(const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
                     const boost::intrusive_ptr<D12Descriptor>& depth);
-    CComPtr<ID3D12Resource> CreateInputBuffer(const void* data, std::uint64_t size, const wchar_t* name);
+    CComPtr<ID3D12Resource> CreateInputBuffer(const void* data, std::uint64_t size,
+                                              const wchar_t* name);
 
     CComPtr<ID3D12GraphicsCommandList> m_graphicsList;
 };

@@ -14,7 +14,8 @@
 
 namespace Norvex::DX {
 
-D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device, D3D12_FENCE_FLAGS flags) {
+D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device,
+                                       D3D12_FENCE_FLAGS flags) {
     ThrowIfFailed<DirectX12Exception>(
         device->CreateFence(0, flags, __uuidof(ID3D12Fence), reinterpret_cast<void**>(&m_fence)),
         "Failed to create fence", device);
@@ -44,10 +45,13 @@ void D12CompletionEvent::WaitComplete() {
     }
 }
 
-D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device, const D3D12_COMMAND_QUEUE_DESC& desc)
-    : m_device(device), m_type(desc.Type) {
+D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
+                                 const D3D12_COMMAND_QUEUE_DESC& desc)
+    : m_device(device),
+      m_type(desc.Type) {
     ThrowIfFailed<DirectX12Exception>(
-        m_device->Get()->CreateCommandQueue(&desc, __uuidof(ID3D12CommandQueue), reinterpret_cast<void**>(&m_queue)),
+        m_device->Get()->CreateCommandQueue(&desc, __uuidof(ID3D12CommandQueue),
+                                            reinterpret_cast<void**>(&m_queue)),
         "Failed to create command queue", m_device->Get());
     m_completionEvent = m_device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
 }
@@ -56,8 +60,8 @@ D12CommandQueue::~D12CommandQueue() {
     try {
         WaitComplete();
     } catch (const DirectXException& e) {
-        LOG(ERROR) << "A command queue was released without waiting for the GPU: " << e.GetErrorDescription() << ". "
-                   << e.GetResultDescription();
+        LOG(ERROR) << "A command queue was released without waiting for the GPU: "
+                   << e.GetErrorDescription() << ". " << e.GetResultDescription();
     }
 }
 
@@ -66,18 +70,22 @@ boost::intrusive_ptr<D12CommandAllocator> D12CommandQueue::CreateCommandAllocato
         new D12CommandAllocator(boost::intrusive_ptr<D12CommandQueue>(this)));
 }
 
-CComPtr<IDXGISwapChain3> D12CommandQueue::CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc) {
-    return DXGIFactory::Create()->CreateSwapChainForHwnd(CComPtr<ID3D12Device>(m_device->Get()), m_queue, window, desc);
+CComPtr<IDXGISwapChain3>
+D12CommandQueue::CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc) {
+    return DXGIFactory::Create()->CreateSwapChainForHwnd(CComPtr<ID3D12Device>(m_device->Get()),
+                                                         m_queue, window, desc);
 }
 
-boost::intrusive_ptr<D12CommandAllocator> D12CommandQueue::UploadRegion(const D12UploadRegionParams& params) {
+boost::intrusive_ptr<D12CommandAllocator>
+D12CommandQueue::UploadRegion(const D12UploadRegionParams& params) {
     auto allocator = CreateCommandAllocator();
     allocator->UploadRegion(params);
     allocator->Execute();
     return allocator;
 }
 
-boost::intrusive_ptr<D12CommandAllocator> D12CommandQueue::UploadResource(const D12UploadResourceParams& params) {
+boost::intrusive_ptr<D12CommandAllocator>
+D12CommandQueue::UploadResource(const D12UploadResourceParams& params) {
     auto allocator = CreateCommandAllocator();
     allocator->UploadResource(params);
     allocator->Execute();
@@ -88,14 +96,16 @@ void D12CommandQueue::DownloadRegion(const D12DownloadRegionParams& params) {
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(params.source);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER,
                                     "Source resource is not a buffer");
-    ThrowUnless<DirectX12Exception>(params.size <= desc.Width && params.sourceOffset <= desc.Width - params.size,
+    ThrowUnless<DirectX12Exception>(params.size <= desc.Width &&
+                                        params.sourceOffset <= desc.Width - params.size,
                                     "Downloading data does not fit in the source");
     const auto staging = Staging::GetReadbackBuffer(*m_device, params.pool, params.size);
     {
         const auto allocator = CreateCommandAllocator();
         const auto list = allocator->CreateCommandList(nullptr);
         list->RecordTransition(params.source, params.stateBefore, D3D12_RESOURCE_STATE_COPY_SOURCE);
-        list->CopyBufferRegion(staging->GetResource(), 0, params.source, params.sourceOffset, params.size);
+        list->CopyBufferRegion(staging->GetResource(), 0, params.source, params.sourceOffset,
+                               params.size);
         list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
         list->Close();
         allocator->Execute();
@@ -123,7 +133,8 @@ void D12CommandQueue::DownloadResource(const D12DownloadResourceParams& params) 
         allocator->Execute();
         allocator->WaitComplete();
     }
-    staging->Read(0, layout.GetSize(), [&](const std::uint8_t* data) { layout.CopyOut(data, params.subresources); });
+    staging->Read(0, layout.GetSize(),
+                  [&](const std::uint8_t* data) { layout.CopyOut(data, params.subresources); });
 }
 
 void D12CommandQueue::WaitComplete() {

@@ -1,9 +1,9 @@
 #pragma once
 
-// Queues and completion: when GPU work is finished. A D12CompletionEvent is a fence with a growing target value; a
-// D12CommandQueue submits, makes command allocators (D3D12Command.h) and copies between CPU memory and resources.
-// Events: any thread. Queues: any thread, as Direct3D's. The queue's destructor waits for the GPU.
-// Throws DirectX12Exception.
+// Queues and completion: when GPU work is finished. A D12CompletionEvent is a fence with a growing
+// target value; a D12CommandQueue submits, makes command allocators (D3D12Command.h) and copies
+// between CPU memory and resources. Events: any thread. Queues: any thread, as Direct3D's. The
+// queue's destructor waits for the GPU. Throws DirectX12Exception.
 
 #include <atomic>
 #include <cstdint>
@@ -23,8 +23,8 @@ class D12Device;
 
 class NORVEX_DX_API D12CompletionEvent : public RefCountImpl {
 public:
-    // Born complete: target 0, fence 0. With D3D12_FENCE_FLAG_SHARED the fence gets an NT handle that lives as long as this
-    // object. "Failed to create fence", "Failed to share d3d12 fence".
+    // Born complete: target 0, fence 0. With D3D12_FENCE_FLAG_SHARED the fence gets an NT handle
+    // that lives as long as this object. "Failed to create fence", "Failed to share d3d12 fence".
     D12CompletionEvent(const CComPtr<ID3D12Device>& device, D3D12_FENCE_FLAGS flags);
     ~D12CompletionEvent() override;
     D12CompletionEvent(const D12CompletionEvent&) = delete;
@@ -68,8 +68,9 @@ struct D12UploadRegionParams {
     D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;
     std::uint64_t destinationOffset = 0; // bytes
     const std::uint8_t* data = nullptr;
-    std::uint64_t size = 0;                   // bytes
-    boost::intrusive_ptr<D12BufferPool> pool; // staging, when it is an upload pool; else the device's
+    std::uint64_t size = 0; // bytes
+    boost::intrusive_ptr<D12BufferPool>
+        pool; // staging, when it is an upload pool; else the device's
 };
 
 // From a part of a buffer into CPU memory.
@@ -79,17 +80,20 @@ struct D12DownloadRegionParams {
     CComPtr<ID3D12Resource> source; // a buffer
     D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE;
     D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
-    std::uint64_t sourceOffset = 0;           // bytes
-    boost::intrusive_ptr<D12BufferPool> pool; // staging, when it is a readback pool; else the device's
+    std::uint64_t sourceOffset = 0; // bytes
+    boost::intrusive_ptr<D12BufferPool>
+        pool; // staging, when it is a readback pool; else the device's
 };
 
-// From CPU memory into the first subresources of a texture, one record each in subresource order. Read before the call returns.
+// From CPU memory into the first subresources of a texture, one record each in subresource order.
+// Read before the call returns.
 struct D12UploadResourceParams {
     CComPtr<ID3D12Resource> destination;
     D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
     D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;
     std::vector<D12UploadSubresource> subresources;
-    boost::intrusive_ptr<D12BufferPool> pool; // staging, when it is an upload pool; else the device's
+    boost::intrusive_ptr<D12BufferPool>
+        pool; // staging, when it is an upload pool; else the device's
 };
 
 // From the first subresources of a texture into CPU memory.
@@ -98,13 +102,15 @@ struct D12DownloadResourceParams {
     D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE;
     D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
     std::vector<D12DownloadSubresource> subresources;
-    boost::intrusive_ptr<D12BufferPool> pool; // staging, when it is a readback pool; else the device's
+    boost::intrusive_ptr<D12BufferPool>
+        pool; // staging, when it is a readback pool; else the device's
 };
 
 class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
 public:
     // "Failed to create command queue".
-    D12CommandQueue(const boost::intrusive_ptr<D12Device>& device, const D3D12_COMMAND_QUEUE_DESC& desc);
+    D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
+                    const D3D12_COMMAND_QUEUE_DESC& desc);
     // Blocks until the queue is idle.
     ~D12CommandQueue() override;
     D12CommandQueue(const D12CommandQueue&) = delete;
@@ -118,12 +124,13 @@ public:
     // See DXGIFactory::CreateSwapChainForHwnd.
     CComPtr<IDXGISwapChain3> CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc);
 
-    // Submit and return: wait on the allocator or drop it; what it uses lives until the GPU is done. "Destination resource is not
-    // a buffer", "Uploading data does not fit in the destination"; for resources "Invalid upload data" when a row
-    // pitch is smaller than the row.
+    // Submit and return: wait on the allocator or drop it; what it uses lives until the GPU is
+    // done. "Destination resource is not a buffer", "Uploading data does not fit in the
+    // destination"; for resources "Invalid upload data" when a row pitch is smaller than the row.
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);
-    // Block until the data are in CPU memory. "Source resource is not a buffer"; "Invalid download data".
+    // Block until the data are in CPU memory. "Source resource is not a buffer"; "Invalid download
+    // data".
     void DownloadRegion(const D12DownloadRegionParams& params);
     void DownloadResource(const D12DownloadResourceParams& params);
 

@@ -16,9 +16,10 @@ namespace Norvex::DX {
 namespace {
 
 void CheckInitialState(const D12BufferDesc& desc) {
-    const bool isValid =
-        (desc.heapType != D3D12_HEAP_TYPE_UPLOAD || desc.initialState == D3D12_RESOURCE_STATE_GENERIC_READ) &&
-        (desc.heapType != D3D12_HEAP_TYPE_READBACK || desc.initialState == D3D12_RESOURCE_STATE_COPY_DEST);
+    const bool isValid = (desc.heapType != D3D12_HEAP_TYPE_UPLOAD ||
+                          desc.initialState == D3D12_RESOURCE_STATE_GENERIC_READ) &&
+                         (desc.heapType != D3D12_HEAP_TYPE_READBACK ||
+                          desc.initialState == D3D12_RESOURCE_STATE_COPY_DEST);
     if (!isValid) {
         Throw<DirectX12Exception>("Invalid initial state");
     }
@@ -31,18 +32,19 @@ CComPtr<ID3D12Resource> D12Device::CreateBuffer(const D12BufferDesc& desc) {
     const CD3DX12_HEAP_PROPERTIES heap(desc.heapType);
     const auto resourceDesc = CD3DX12_RESOURCE_DESC::Buffer(desc.size, desc.resourceFlags);
     CComPtr<ID3D12Resource> buffer;
-    ThrowIfFailed<DirectX12Exception>(m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc,
-                                                                        desc.initialState, nullptr,
-                                                                        __uuidof(ID3D12Resource),
-                                                                        reinterpret_cast<void**>(&buffer)),
-                                      "Failed to create buffer", m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc, desc.initialState,
+                                          nullptr, __uuidof(ID3D12Resource),
+                                          reinterpret_cast<void**>(&buffer)),
+        "Failed to create buffer", m_device);
     if (desc.initialData == nullptr) {
         return buffer;
     }
     ThrowUnless<DirectX12Exception>(desc.heapType == D3D12_HEAP_TYPE_UPLOAD, "Invalid heap type");
     const D3D12_RANGE nothing = {0, 0};
     void* mapped = nullptr;
-    ThrowIfFailed<DirectX12Exception>(buffer->Map(0, &nothing, &mapped), "Failed to map buffer", m_device);
+    ThrowIfFailed<DirectX12Exception>(buffer->Map(0, &nothing, &mapped), "Failed to map buffer",
+                                      m_device);
     std::memcpy(mapped, desc.initialData, desc.size);
     buffer->Unmap(0, nullptr);
     return buffer;
@@ -50,20 +52,20 @@ CComPtr<ID3D12Resource> D12Device::CreateBuffer(const D12BufferDesc& desc) {
 
 CComPtr<ID3D12Resource> D12Device::CreateTexture2D(const D12Texture2DDesc& desc) {
     const CD3DX12_HEAP_PROPERTIES heap(D3D12_HEAP_TYPE_DEFAULT);
-    const auto resourceDesc =
-        CD3DX12_RESOURCE_DESC::Tex2D(desc.format, desc.width, desc.height, desc.arraySize, desc.mipLevels,
-                                     desc.sampleDesc.Count, desc.sampleDesc.Quality, desc.resourceFlags);
+    const auto resourceDesc = CD3DX12_RESOURCE_DESC::Tex2D(
+        desc.format, desc.width, desc.height, desc.arraySize, desc.mipLevels, desc.sampleDesc.Count,
+        desc.sampleDesc.Quality, desc.resourceFlags);
     std::optional<CD3DX12_CLEAR_VALUE> clearValue;
     if (desc.clearColor) {
         clearValue.emplace(desc.format, desc.clearColor->data());
     }
     CComPtr<ID3D12Resource> texture;
-    ThrowIfFailed<DirectX12Exception>(m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc,
-                                                                        desc.initialState,
-                                                                        clearValue ? &*clearValue : nullptr,
-                                                                        __uuidof(ID3D12Resource),
-                                                                        reinterpret_cast<void**>(&texture)),
-                                      "Failed to create 2D texture", m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc, desc.initialState,
+                                          clearValue ? &*clearValue : nullptr,
+                                          __uuidof(ID3D12Resource),
+                                          reinterpret_cast<void**>(&texture)),
+        "Failed to create 2D texture", m_device);
     return texture;
 }
 
@@ -72,14 +74,15 @@ void D12Device::GetCopyableFootprints(const D3D12_RESOURCE_DESC& desc, unsigned 
                                       std::vector<D12PlacedSubResourceFootprint>& footprints,
                                       std::uint64_t& totalBytes) const {
     const std::uint64_t end = std::uint64_t{firstSubresource} + subresourceCount;
-    ThrowUnless<DirectX12Exception>(firstSubresource < D3D12_REQ_SUBRESOURCES && end <= D3D12_REQ_SUBRESOURCES,
+    ThrowUnless<DirectX12Exception>(firstSubresource < D3D12_REQ_SUBRESOURCES &&
+                                        end <= D3D12_REQ_SUBRESOURCES,
                                     "Subresource index out of range");
     std::vector<D3D12_PLACED_SUBRESOURCE_FOOTPRINT> layouts(subresourceCount);
     std::vector<UINT> rowCounts(subresourceCount);
     std::vector<UINT64> rowSizes(subresourceCount);
     UINT64 total = 0;
-    m_device->GetCopyableFootprints(&desc, firstSubresource, subresourceCount, baseOffset, layouts.data(),
-                                    rowCounts.data(), rowSizes.data(), &total);
+    m_device->GetCopyableFootprints(&desc, firstSubresource, subresourceCount, baseOffset,
+                                    layouts.data(), rowCounts.data(), rowSizes.data(), &total);
     footprints.resize(subresourceCount);
     for (unsigned i = 0; i < subresourceCount; ++i) {
         footprints[i] = {layouts[i].Offset, layouts[i].Footprint, rowCounts[i], rowSizes[i]};
@@ -89,25 +92,29 @@ void D12Device::GetCopyableFootprints(const D3D12_RESOURCE_DESC& desc, unsigned 
 
 HANDLE D12Device::CreateSharedHandle(ID3D12DeviceChild* object) {
     HANDLE handle = nullptr;
-    ThrowIfFailed<DirectX12Exception>(m_device->CreateSharedHandle(object, nullptr, GENERIC_ALL, nullptr, &handle),
-                                      "Failed to create shared handle", m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateSharedHandle(object, nullptr, GENERIC_ALL, nullptr, &handle),
+        "Failed to create shared handle", m_device);
     return handle;
 }
 
 CComPtr<ID3D12Resource> D12Device::OpenSharedResource(HANDLE handle) {
     CComPtr<ID3D12Resource> resource;
     ThrowIfFailed<DirectX12Exception>(
-        m_device->OpenSharedHandle(handle, __uuidof(ID3D12Resource), reinterpret_cast<void**>(&resource)),
+        m_device->OpenSharedHandle(handle, __uuidof(ID3D12Resource),
+                                   reinterpret_cast<void**>(&resource)),
         "Failed to create shared handle", m_device);
     return resource;
 }
 
-CComPtr<ID3D12PipelineState> D12Device::CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc) {
+CComPtr<ID3D12PipelineState>
+D12Device::CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc) {
     const D3D12_GRAPHICS_PIPELINE_STATE_DESC converted = desc.ToDesc();
     CComPtr<ID3D12PipelineState> pipelineState;
-    ThrowIfFailed<DirectX12Exception>(m_device->CreateGraphicsPipelineState(&converted, __uuidof(ID3D12PipelineState),
-                                                                            reinterpret_cast<void**>(&pipelineState)),
-                                      "Failed to create graphics pipeline state", m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateGraphicsPipelineState(&converted, __uuidof(ID3D12PipelineState),
+                                              reinterpret_cast<void**>(&pipelineState)),
+        "Failed to create graphics pipeline state", m_device);
     return pipelineState;
 }
 
@@ -148,17 +155,19 @@ boost::intrusive_ptr<D12DescriptorCPUHeap> D12Device::CreateDepthStencilViewHeap
     return m_descriptorHeapPool->CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE_DSV, count);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12Device::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource) {
+boost::intrusive_ptr<D12Descriptor>
+D12Device::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource) {
     return m_descriptorHeapPool->CreateRenderTargetView(resource);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12Device::CreateRenderTargetView(
-    const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc) {
+boost::intrusive_ptr<D12Descriptor>
+D12Device::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
+                                  const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc) {
     return m_descriptorHeapPool->CreateRenderTargetView(resource, desc);
 }
 
-boost::intrusive_ptr<D12Descriptor> D12Device::CreateTextureShaderResourceView(
-    const CComPtr<ID3D12Resource>& resource) {
+boost::intrusive_ptr<D12Descriptor>
+D12Device::CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource) {
     return m_descriptorHeapPool->CreateTextureShaderResourceView(resource);
 }
 

@@ -22,7 +22,8 @@ namespace Norvex::DX {
 namespace {
 
 struct DeviceRegistry {
-    // Recursive: a failure while Create holds the lock builds an error record, which looks the device up here again.
+    // Recursive: a failure while Create holds the lock builds an error record, which looks the
+    // device up here again.
     std::recursive_mutex lock;
     std::unordered_set<D12Device*> devices;
 };
@@ -34,27 +35,31 @@ DeviceRegistry& GetRegistry() {
 
 D3D_FEATURE_LEVEL GetMaxSupportedFeatureLevel(ID3D12Device* device) {
     static constexpr D3D_FEATURE_LEVEL kLevels[] = {
-        D3D_FEATURE_LEVEL_12_2, D3D_FEATURE_LEVEL_12_1, D3D_FEATURE_LEVEL_12_0, D3D_FEATURE_LEVEL_11_1,
-        D3D_FEATURE_LEVEL_11_0, D3D_FEATURE_LEVEL_10_1, D3D_FEATURE_LEVEL_10_0, D3D_FEATURE_LEVEL_9_3,
-        D3D_FEATURE_LEVEL_9_2,  D3D_FEATURE_LEVEL_9_1,  D3D_FEATURE_LEVEL_1_0_CORE,
+        D3D_FEATURE_LEVEL_12_2, D3D_FEATURE_LEVEL_12_1,     D3D_FEATURE_LEVEL_12_0,
+        D3D_FEATURE_LEVEL_11_1, D3D_FEATURE_LEVEL_11_0,     D3D_FEATURE_LEVEL_10_1,
+        D3D_FEATURE_LEVEL_10_0, D3D_FEATURE_LEVEL_9_3,      D3D_FEATURE_LEVEL_9_2,
+        D3D_FEATURE_LEVEL_9_1,  D3D_FEATURE_LEVEL_1_0_CORE,
     };
     D3D12_FEATURE_DATA_FEATURE_LEVELS levels = {};
     levels.NumFeatureLevels = static_cast<UINT>(std::size(kLevels));
     levels.pFeatureLevelsRequested = kLevels;
-    const long result = device->CheckFeatureSupport(D3D12_FEATURE_FEATURE_LEVELS, &levels, sizeof(levels));
+    const long result =
+        device->CheckFeatureSupport(D3D12_FEATURE_FEATURE_LEVELS, &levels, sizeof(levels));
     if (result == DXGI_ERROR_UNSUPPORTED) {
         return D3D_FEATURE_LEVEL_11_1;
     }
-    ThrowIfFailed<DirectX12Exception>(result, "Failed to check feature level for D3D12 device", device);
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to check feature level for D3D12 device",
+                                      device);
     return levels.MaxSupportedFeatureLevel;
 }
 
 D3D_ROOT_SIGNATURE_VERSION ProbeRootSignatureVersion(ID3D12Device* device) {
     // An older runtime fails on a version it does not know, so ask downwards.
-    for (const auto version :
-         {D3D_ROOT_SIGNATURE_VERSION_1_2, D3D_ROOT_SIGNATURE_VERSION_1_1, D3D_ROOT_SIGNATURE_VERSION_1_0}) {
+    for (const auto version : {D3D_ROOT_SIGNATURE_VERSION_1_2, D3D_ROOT_SIGNATURE_VERSION_1_1,
+                               D3D_ROOT_SIGNATURE_VERSION_1_0}) {
         D3D12_FEATURE_DATA_ROOT_SIGNATURE data = {version};
-        if (SUCCEEDED(device->CheckFeatureSupport(D3D12_FEATURE_ROOT_SIGNATURE, &data, sizeof(data)))) {
+        if (SUCCEEDED(
+                device->CheckFeatureSupport(D3D12_FEATURE_ROOT_SIGNATURE, &data, sizeof(data)))) {
             return data.HighestVersion;
         }
     }
@@ -63,14 +68,15 @@ D3D_ROOT_SIGNATURE_VERSION ProbeRootSignatureVersion(ID3D12Device* device) {
 
 void ThrowUnlessAvailable() {
     if (!D12Device::IsAvailable()) {
-        ThrowResult<DirectX12Exception>(DXGI_ERROR_UNSUPPORTED,
-                                        "DirectX 12 device interface is not supported on this system");
+        ThrowResult<DirectX12Exception>(
+            DXGI_ERROR_UNSUPPORTED, "DirectX 12 device interface is not supported on this system");
     }
 }
 
 // Pops the last element, or gives an empty optional.
 template <class Map>
-auto TakeLast(Map& pool, D3D12_COMMAND_LIST_TYPE type) -> std::optional<typename Map::mapped_type::value_type> {
+auto TakeLast(Map& pool, D3D12_COMMAND_LIST_TYPE type)
+    -> std::optional<typename Map::mapped_type::value_type> {
     const auto found = pool.find(type);
     if (found == pool.end() || found->second.empty()) {
         return std::nullopt;
@@ -89,16 +95,19 @@ bool D12Device::IsAvailable() {
 boost::intrusive_ptr<D12Device> D12Device::FindUsable(const LUID& luid) {
     const auto& devices = GetRegistry().devices;
     const auto found = std::ranges::find_if(devices, [&luid](D12Device* device) {
-        return device->GetDeviceRemovedReason() == S_OK && IsSameLuid(device->GetAdapterLuid(), luid);
+        return device->GetDeviceRemovedReason() == S_OK &&
+               IsSameLuid(device->GetAdapterLuid(), luid);
     });
     return found != devices.end() ? boost::intrusive_ptr<D12Device>(*found) : nullptr;
 }
 
-boost::intrusive_ptr<D12Device> D12Device::CreateOn(const DXGIAdapter& adapter,
-                                                    std::shared_ptr<const AdapterDescription> description) {
+boost::intrusive_ptr<D12Device>
+D12Device::CreateOn(const DXGIAdapter& adapter,
+                    std::shared_ptr<const AdapterDescription> description) {
     CComPtr<ID3D12Device> device;
-    ThrowIfFailed<DirectX12Exception>(API::GetInstance().CreateDevice(adapter.Get(), GetMinFeatureLevel(), device),
-                                      "Failed to create D3D12 device");
+    ThrowIfFailed<DirectX12Exception>(
+        API::GetInstance().CreateDevice(adapter.Get(), GetMinFeatureLevel(), device),
+        "Failed to create D3D12 device");
     const D3D_FEATURE_LEVEL level = GetMaxSupportedFeatureLevel(device);
     return boost::intrusive_ptr<D12Device>(new D12Device(device, std::move(description), level));
 }
@@ -134,9 +143,11 @@ boost::intrusive_ptr<D12Device> D12Device::Find(ID3D12Device* device) {
     return found != devices.end() ? boost::intrusive_ptr<D12Device>(*found) : nullptr;
 }
 
-D12Device::D12Device(const CComPtr<ID3D12Device>& device, std::shared_ptr<const AdapterDescription> description,
+D12Device::D12Device(const CComPtr<ID3D12Device>& device,
+                     std::shared_ptr<const AdapterDescription> description,
                      D3D_FEATURE_LEVEL featureLevel)
-    : D3Device(std::move(description), featureLevel), m_device(device),
+    : D3Device(std::move(description), featureLevel),
+      m_device(device),
       m_rootSignatureVersion(ProbeRootSignatureVersion(device)),
       m_descriptorHeapPool(new D12DescriptorHeapPool(device)),
       m_readbackBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_READBACK)),
@@ -149,7 +160,8 @@ D12Device::~D12Device() {
     GetRegistry().devices.erase(this);
 }
 
-// Under the lock that Create and Find take, so that they never hand out a device whose count has reached zero.
+// Under the lock that Create and Find take, so that they never hand out a device whose count has
+// reached zero.
 std::uint32_t D12Device::Release() {
     const std::lock_guard guard(GetRegistry().lock);
     return RefCountImpl::Release();
@@ -167,8 +179,8 @@ std::optional<unsigned> D12Device::GetSDKVersion() const {
     return API::GetInstance().D3D12SDKVersion();
 }
 
-std::pair<bitflags<D3D12_FORMAT_SUPPORT1>, bitflags<D3D12_FORMAT_SUPPORT2>> D12Device::CheckFormatSupport(
-    DXGI_FORMAT format) const {
+std::pair<bitflags<D3D12_FORMAT_SUPPORT1>, bitflags<D3D12_FORMAT_SUPPORT2>>
+D12Device::CheckFormatSupport(DXGI_FORMAT format) const {
     D3D12_FEATURE_DATA_FORMAT_SUPPORT data = {};
     data.Format = format;
     if (FAILED(m_device->CheckFeatureSupport(D3D12_FEATURE_FORMAT_SUPPORT, &data, sizeof(data)))) {
@@ -201,22 +213,25 @@ void D12Device::ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12Allocator
     m_allocatorPool[type].push_back(std::move(state));
 }
 
-CComPtr<ID3D12GraphicsCommandList> D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
-                                                                const CComPtr<ID3D12CommandAllocator>& allocator,
-                                                                const CComPtr<ID3D12PipelineState>& pipelineState) {
+CComPtr<ID3D12GraphicsCommandList>
+D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
+                             const CComPtr<ID3D12CommandAllocator>& allocator,
+                             const CComPtr<ID3D12PipelineState>& pipelineState) {
     if (type < D3D12_COMMAND_LIST_TYPE_DIRECT || type > D3D12_COMMAND_LIST_TYPE_COPY) {
-        Throw<DirectX12Exception>(fmt::format("Unsupported command list type: {}", static_cast<int>(type)));
+        Throw<DirectX12Exception>(
+            fmt::format("Unsupported command list type: {}", static_cast<int>(type)));
     }
     CComPtr<ID3D12GraphicsCommandList> list = TakePooledList(type);
     if (list != nullptr) {
-        ThrowIfFailed<DirectX12Exception>(list->Reset(allocator, pipelineState), "Failed to reset command list",
-                                          m_device);
+        ThrowIfFailed<DirectX12Exception>(list->Reset(allocator, pipelineState),
+                                          "Failed to reset command list", m_device);
         return list;
     }
-    ThrowIfFailed<DirectX12Exception>(m_device->CreateCommandList(0, type, allocator, pipelineState,
-                                                                  __uuidof(ID3D12GraphicsCommandList),
-                                                                  reinterpret_cast<void**>(&list)),
-                                      "Failed to create command list", m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateCommandList(0, type, allocator, pipelineState,
+                                    __uuidof(ID3D12GraphicsCommandList),
+                                    reinterpret_cast<void**>(&list)),
+        "Failed to create command list", m_device);
     return list;
 }
 
@@ -224,12 +239,14 @@ CComPtr<ID3D12GraphicsCommandList> D12Device::TakePooledList(D3D12_COMMAND_LIST_
     const std::lock_guard guard(m_commandListPoolLock);
     CComPtr<ID3D12GraphicsCommandList> list;
     if (const auto idle = TakeLast(m_commandListPool, type)) {
-        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList), reinterpret_cast<void**>(&list));
+        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList),
+                                reinterpret_cast<void**>(&list));
     }
     return list;
 }
 
-long D12Device::TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid, CComPtr<ID3D12CommandList>& list) {
+long D12Device::TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid,
+                                 CComPtr<ID3D12CommandList>& list) {
     const std::lock_guard guard(m_commandListPoolLock);
     auto& idle = m_commandListPool[type];
     if (idle.empty()) {
@@ -242,7 +259,8 @@ long D12Device::TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid,
     return result;
 }
 
-CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type, const GUID& riid) {
+CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type,
+                                                              const GUID& riid) {
     static constexpr const char* kFailed = "Failed to create command list";
     CComPtr<ID3D12CommandList> list;
     ThrowIfFailed<DirectX12Exception>(TakePooledListAs(type, riid, list), kFailed, m_device);
@@ -251,10 +269,12 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
     }
     CComPtr<ID3D12Device4> device4;
     ThrowIfFailed<DirectX12Exception>(
-        m_device->QueryInterface(__uuidof(ID3D12Device4), reinterpret_cast<void**>(&device4)), kFailed, m_device);
-    ThrowIfFailed<DirectX12Exception>(device4->CreateCommandList1(0, type, D3D12_COMMAND_LIST_FLAG_NONE, riid,
-                                                                  reinterpret_cast<void**>(&list)),
-                                      kFailed, m_device);
+        m_device->QueryInterface(__uuidof(ID3D12Device4), reinterpret_cast<void**>(&device4)),
+        kFailed, m_device);
+    ThrowIfFailed<DirectX12Exception>(
+        device4->CreateCommandList1(0, type, D3D12_COMMAND_LIST_FLAG_NONE, riid,
+                                    reinterpret_cast<void**>(&list)),
+        kFailed, m_device);
     return list;
 }
 

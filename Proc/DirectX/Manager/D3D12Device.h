@@ -1,8 +1,9 @@
 #pragma once
 
-// The library's handle on one Direct3D 12 device, root of the Direct3D 12 side. At most one live D12Device an adapter: Create
-// finds or makes it. It makes resources, pools and views, and keeps idle command allocators and lists for reuse.
-// Any thread may call any operation. Throws DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
+// The library's handle on one Direct3D 12 device, root of the Direct3D 12 side. At most one live
+// D12Device an adapter: Create finds or makes it. It makes resources, pools and views, and keeps
+// idle command allocators and lists for reuse. Any thread may call any operation. Throws
+// DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
 
 #include <array>
 #include <mutex>
@@ -53,7 +54,8 @@ struct D12Texture2DDesc {
     std::optional<std::array<float, 4>> clearColor; // RGBA; the optimised clear value
 };
 
-// Where one subresource lies in a linear buffer: Direct3D's placed footprint with row count and row size.
+// Where one subresource lies in a linear buffer: Direct3D's placed footprint with row count and row
+// size.
 struct D12PlacedSubResourceFootprint {
     std::uint64_t Offset = 0;
     D3D12_SUBRESOURCE_FOOTPRINT Footprint = {};
@@ -67,9 +69,10 @@ public:
     static bool IsAvailable();
     static D3D_FEATURE_LEVEL GetMinFeatureLevel() { return D3D_FEATURE_LEVEL_11_1; }
 
-    // The live device of the adapter, or a new one; a removed device is not reused. "DirectX 12 device interface is not
-    // supported on this system" (DXGI_ERROR_UNSUPPORTED), "Failed to create D3D12 device", "Failed to check feature level for
-    // D3D12 device", and what DXGIFactory and DXGIAdapter throw.
+    // The live device of the adapter, or a new one; a removed device is not reused. "DirectX 12
+    // device interface is not supported on this system" (DXGI_ERROR_UNSUPPORTED), "Failed to create
+    // D3D12 device", "Failed to check feature level for D3D12 device", and what DXGIFactory and
+    // DXGIAdapter throw.
     static boost::intrusive_ptr<D12Device> Create(const DXGIAdapter& adapter);
     static boost::intrusive_ptr<D12Device> Create(const LUID& luid);
     static boost::intrusive_ptr<D12Device> CreatePrimary();
@@ -87,18 +90,21 @@ public:
     std::optional<unsigned> GetSDKVersion() const;
     D3D_ROOT_SIGNATURE_VERSION GetRootSignatureVersion() const { return m_rootSignatureVersion; }
     // Empty sets when the device does not know the format.
-    std::pair<bitflags<D3D12_FORMAT_SUPPORT1>, bitflags<D3D12_FORMAT_SUPPORT2>> CheckFormatSupport(
-        DXGI_FORMAT format) const;
+    std::pair<bitflags<D3D12_FORMAT_SUPPORT1>, bitflags<D3D12_FORMAT_SUPPORT2>>
+    CheckFormatSupport(DXGI_FORMAT format) const;
     std::optional<unsigned> GetFormatPlaneCount(DXGI_FORMAT format) const;
 
-    // An upload heap needs the initial state generic read, a readback heap copy destination: else "Invalid initial state".
-    // Initial data: "Invalid heap type" unless on an upload heap, "Failed to map buffer". "Failed to create buffer".
+    // An upload heap needs the initial state generic read, a readback heap copy destination: else
+    // "Invalid initial state". Initial data: "Invalid heap type" unless on an upload heap, "Failed
+    // to map buffer". "Failed to create buffer".
     CComPtr<ID3D12Resource> CreateBuffer(const D12BufferDesc& desc);
     // "Failed to create 2D texture".
     CComPtr<ID3D12Resource> CreateTexture2D(const D12Texture2DDesc& desc);
-    // One record a subresource; totalBytes is the buffer's size from baseOffset on. "Subresource index out of range".
-    void GetCopyableFootprints(const D3D12_RESOURCE_DESC& desc, unsigned firstSubresource, unsigned subresourceCount,
-                               std::uint64_t baseOffset, std::vector<D12PlacedSubResourceFootprint>& footprints,
+    // One record a subresource; totalBytes is the buffer's size from baseOffset on. "Subresource
+    // index out of range".
+    void GetCopyableFootprints(const D3D12_RESOURCE_DESC& desc, unsigned firstSubresource,
+                               unsigned subresourceCount, std::uint64_t baseOffset,
+                               std::vector<D12PlacedSubResourceFootprint>& footprints,
                                std::uint64_t& totalBytes) const;
     // An NT handle that the caller closes. "Failed to create shared handle", in both directions.
     HANDLE CreateSharedHandle(ID3D12DeviceChild* object);
@@ -119,34 +125,43 @@ public:
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateRenderTargetViewHeap(unsigned count);
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateDepthStencilViewHeap(unsigned count);
     // One-off views in the device's shared heaps; see D12DescriptorHeapPool.
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource);
-    boost::intrusive_ptr<D12Descriptor> CreateRenderTargetView(
-        const CComPtr<ID3D12Resource>& resource, const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
-    boost::intrusive_ptr<D12Descriptor> CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
+                           const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    boost::intrusive_ptr<D12Descriptor>
+    CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 
-    // Idle allocators and lists, for the command classes. What comes back must be idle (the GPU is done; a list is closed);
-    // the last returned is the first reused. "Failed to create command allocator".
+    // Idle allocators and lists, for the command classes. What comes back must be idle (the GPU is
+    // done; a list is closed); the last returned is the first reused. "Failed to create command
+    // allocator".
     D12AllocatorState CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE type);
     void ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12AllocatorState&& state);
-    // Open for recording; types direct, bundle, compute and copy, else "Unsupported command list type: " and the number. "Failed to
-    // reset command list", "Failed to create command list".
-    CComPtr<ID3D12GraphicsCommandList> CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
-                                                         const CComPtr<ID3D12CommandAllocator>& allocator,
-                                                         const CComPtr<ID3D12PipelineState>& pipelineState);
-    // Closed, without allocator; as the interface `riid`, which derives from ID3D12CommandList. "Failed to create command list".
-    CComPtr<ID3D12CommandList> CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type, const GUID& riid);
+    // Open for recording; types direct, bundle, compute and copy, else "Unsupported command list
+    // type: " and the number. "Failed to reset command list", "Failed to create command list".
+    CComPtr<ID3D12GraphicsCommandList>
+    CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
+                      const CComPtr<ID3D12CommandAllocator>& allocator,
+                      const CComPtr<ID3D12PipelineState>& pipelineState);
+    // Closed, without allocator; as the interface `riid`, which derives from ID3D12CommandList.
+    // "Failed to create command list".
+    CComPtr<ID3D12CommandList> CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type,
+                                                       const GUID& riid);
     void ReuseCommandList(CComPtr<ID3D12CommandList>&& list);
 
 private:
-    D12Device(const CComPtr<ID3D12Device>& device, std::shared_ptr<const AdapterDescription> description,
+    D12Device(const CComPtr<ID3D12Device>& device,
+              std::shared_ptr<const AdapterDescription> description,
               D3D_FEATURE_LEVEL featureLevel);
 
     static boost::intrusive_ptr<D12Device> FindUsable(const LUID& luid);
-    static boost::intrusive_ptr<D12Device> CreateOn(const DXGIAdapter& adapter,
-                                                    std::shared_ptr<const AdapterDescription> description);
+    static boost::intrusive_ptr<D12Device>
+    CreateOn(const DXGIAdapter& adapter, std::shared_ptr<const AdapterDescription> description);
     CComPtr<ID3D12GraphicsCommandList> TakePooledList(D3D12_COMMAND_LIST_TYPE type);
     // S_FALSE when none is idle; a list without the interface stays in the pool.
-    long TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid, CComPtr<ID3D12CommandList>& list);
+    long TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid,
+                          CComPtr<ID3D12CommandList>& list);
 
     CComPtr<ID3D12Device> m_device;
     D3D_ROOT_SIGNATURE_VERSION m_rootSignatureVersion;
@@ -156,7 +171,8 @@ private:
     std::mutex m_allocatorPoolLock;
     std::mutex m_commandListPoolLock;
     std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<D12AllocatorState>> m_allocatorPool;
-    std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<CComPtr<ID3D12CommandList>>> m_commandListPool;
+    std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<CComPtr<ID3D12CommandList>>>
+        m_commandListPool;
 };
 
 } // namespace Norvex::DX

@@ -31,8 +31,8 @@ D3D12_RASTERIZER_DESC MakeRasterizer() {
 }
 
 D3D12_DEPTH_STENCIL_DESC MakeDepthStencil() {
-    const D3D12_DEPTH_STENCILOP_DESC keep = {D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP,
-                                             D3D12_COMPARISON_FUNC_ALWAYS};
+    const D3D12_DEPTH_STENCILOP_DESC keep = {D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP,
+                                             D3D12_STENCIL_OP_KEEP, D3D12_COMPARISON_FUNC_ALWAYS};
     D3D12_DEPTH_STENCIL_DESC desc = {};
     desc.DepthWriteMask = D3D12_DEPTH_WRITE_MASK_ALL;
     desc.DepthFunc = D3D12_COMPARISON_FUNC_LESS;
@@ -59,7 +59,8 @@ D3D12_STATIC_SAMPLER_DESC MakeLinearSampler() {
 
 void CheckTarget(const D12Descriptor& target, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(target.GetType() == D12Descriptor::RenderTarget,
-                                    "The texture is expected to be the render target view", location);
+                                    "The texture is expected to be the render target view",
+                                    location);
 }
 
 // The user's transform translates in pixels; a clip unit is half the rectangle.
@@ -71,15 +72,16 @@ AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect
 
 } // namespace
 
-D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
-                                 const std::string& pixelShader)
+D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device,
+                                 const std::string& vertexShader, const std::string& pixelShader)
     : m_device(device) {
     m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
     m_desc.pixelShader = D12Shader::CreatePixel("PSMain", pixelShader);
     m_desc.rasterizer = MakeRasterizer();
     m_desc.depthStencil = MakeDepthStencil();
     m_desc.inputLayout = {
-        {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
+        {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0,
+         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
         {"TEXCOORD", 0, DXGI_FORMAT_R32G32_FLOAT, 0, D3D12_APPEND_ALIGNED_ELEMENT,
          D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
     };
@@ -87,8 +89,8 @@ D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, 
     m_blendState.targets = {D12RenderTargetBlend{}};
 }
 
-const CComPtr<ID3D12PipelineState>& D12QuadPipeline::MakePipelineState(D12ShaderParameters& parameters,
-                                                                       const D12Descriptor& target) {
+const CComPtr<ID3D12PipelineState>&
+D12QuadPipeline::MakePipelineState(D12ShaderParameters& parameters, const D12Descriptor& target) {
     const std::vector<DXGI_FORMAT> formats = {target.GetFormat()};
     const bool changed = parameters.SerializeRootSignature();
     const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
@@ -105,11 +107,13 @@ const CComPtr<ID3D12PipelineState>& D12QuadPipeline::MakePipelineState(D12Shader
 
 void D12QuadPipeline::EnsureQuad(D12GraphicsCommandList& commandList) {
     if (m_vertexBuffer == nullptr) {
-        m_vertexBuffer = commandList.CreateVertexBuffer(kQuad, sizeof(QuadVertex), std::size(kQuad));
+        m_vertexBuffer =
+            commandList.CreateVertexBuffer(kQuad, sizeof(QuadVertex), std::size(kQuad));
     }
 }
 
-void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList, const boost::intrusive_ptr<D12Descriptor>& target,
+void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList,
+                               const boost::intrusive_ptr<D12Descriptor>& target,
                                const Rect2DT<long>& rect) const {
     const Size2DT<long> size = target->GetSize();
     D3D12_VIEWPORT viewport = {};
@@ -128,7 +132,8 @@ void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList, const boost:
 }
 
 D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
-    : m_device(device), m_parameters(device->CreateShaderParameters()),
+    : m_device(device),
+      m_parameters(device->CreateShaderParameters()),
       m_color(m_parameters->AddContants(4, 0, 0, D3D12_SHADER_VISIBILITY_ALL)),
       m_pipeline(device, std::string(Shaders::kFillVertex), std::string(Shaders::kFillPixel)) {
     m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
@@ -136,10 +141,13 @@ D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
 
 D12FillDraw::~D12FillDraw() = default;
 
-void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const Proc::ColorF& color,
-                         const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect) {
+void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                         const Proc::ColorF& color,
+                         const boost::intrusive_ptr<D12Descriptor>& target,
+                         const Rect2DT<long>& rect) {
     CheckTarget(*target, std::source_location::current());
-    const auto commandList = allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
+    const auto commandList =
+        allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
     m_pipeline.EnsureQuad(*commandList);
     m_color->SetData(&color, sizeof(color));
     m_parameters->SetToCommandList(commandList);
@@ -147,7 +155,8 @@ void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloca
 }
 
 D12ImageDraw::D12ImageDraw(const boost::intrusive_ptr<D12Device>& device)
-    : m_device(device), m_parameters(device->CreateShaderParameters()),
+    : m_device(device),
+      m_parameters(device->CreateShaderParameters()),
       m_paramsView(m_parameters->AddConstantBufferView(0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
                                                        D3D12_SHADER_VISIBILITY_ALL)),
       m_textureTable(m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL)),
@@ -174,7 +183,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
 
 void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                           const boost::intrusive_ptr<D12Descriptor>& source,
-                          const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
     ThrowUnless<DirectX12Exception>(source->GetType() == D12Descriptor::ShaderResource,
@@ -185,7 +195,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
 
     const std::lock_guard guard(m_mutex);
     SetParameters(clipTransform, source, conversion);
-    const auto commandList = allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
+    const auto commandList =
+        allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
     m_pipeline.EnsureQuad(*commandList);
     m_parameters->SetToCommandList(commandList);
     m_pipeline.DrawQuad(*commandList, target, area);
@@ -194,7 +205,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
 void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,
                                  const boost::intrusive_ptr<D12Descriptor>& source,
                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    const std::vector<std::uint8_t> bytes = D3ImageRenderer::MakeParamsBuffer(clipTransform, conversion);
+    const std::vector<std::uint8_t> bytes =
+        D3ImageRenderer::MakeParamsBuffer(clipTransform, conversion);
     D12BufferDesc desc;
     desc.heapType = D3D12_HEAP_TYPE_UPLOAD;
     desc.size = bytes.size();
@@ -231,15 +243,16 @@ AffineTransform D12ImageDraw::MakeTransform(const boost::intrusive_ptr<D12Descri
     return m_userTransform.value_or(AffineTransform{});
 }
 
-D12ImageRenderer::D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device) : D12ImageDraw(device) {}
+D12ImageRenderer::D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device)
+    : D12ImageDraw(device) {}
 
 D12ImageRenderer::~D12ImageRenderer() = default;
 
 AffineTransform D12ImageRenderer::MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                                 const Size2DT<long>& targetSize) {
     const Size2DT<long> sourceSize = source->GetSize();
-    const bool isCurrent =
-        m_userTransform.has_value() && sourceSize == m_lastSourceSize && targetSize == m_lastTargetSize;
+    const bool isCurrent = m_userTransform.has_value() && sourceSize == m_lastSourceSize &&
+                           targetSize == m_lastTargetSize;
     if (!isCurrent) {
         m_lastSourceSize = sourceSize;
         m_lastTargetSize = targetSize;

@@ -1,8 +1,9 @@
 #pragma once
 
-// Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour conversion, draw an image fitted by
-// view state. Each Encode records one closed command list on the caller's allocator; the caller submits it. The target is in the
-// render-target state, the source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
+// Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour
+// conversion, draw an image fitted by view state. Each Encode records one closed command list on
+// the caller's allocator; the caller submits it. The target is in the render-target state, the
+// source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
 // Throws DirectX12Exception. View state and shaders: D3ImageRenderer.h.
 
 #include <mutex>
@@ -13,11 +14,12 @@
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "Proc/DirectX/Manager/Exceptions.h"
 
 namespace Norvex::DX {
 
-// What both draws share: the full-screen quad and the one pipeline state for the last used target format, both made on first
-// use. A target of another format rebuilds the pipeline state.
+// What both draws share: the full-screen quad and the one pipeline state for the last used target
+// format, both made on first use. A target of another format rebuilds the pipeline state.
 class D12QuadPipeline {
 public:
     D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
@@ -27,7 +29,8 @@ public:
     const CComPtr<ID3D12PipelineState>& MakePipelineState(D12ShaderParameters& parameters,
                                                           const D12Descriptor& target);
     // Sets target, viewport (rect) and scissor (whole target), and draws the quad.
-    void DrawQuad(D12GraphicsCommandList& commandList, const boost::intrusive_ptr<D12Descriptor>& target,
+    void DrawQuad(D12GraphicsCommandList& commandList,
+                  const boost::intrusive_ptr<D12Descriptor>& target,
                   const Rect2DT<long>& rect) const;
     // Makes the quad on the first call.
     void EnsureQuad(D12GraphicsCommandList& commandList);
@@ -49,10 +52,11 @@ public:
     explicit D12FillDraw(const boost::intrusive_ptr<D12Device>& device);
     ~D12FillDraw() override;
 
-    // Fills rect (pixels; parts outside the target are cut off) with the colour in the target's own encoding.
-    // "The texture is expected to be the render target view".
-    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const Proc::ColorF& color,
-                const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect);
+    // Fills rect (pixels; parts outside the target are cut off) with the colour in the target's own
+    // encoding. "The texture is expected to be the render target view".
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const Proc::ColorF& color, const boost::intrusive_ptr<D12Descriptor>& target,
+                const Rect2DT<long>& rect);
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
@@ -72,17 +76,20 @@ public:
     explicit D12ImageDraw(const boost::intrusive_ptr<D12Device>& device);
     ~D12ImageDraw() override;
 
-    // Draws the source over rect (pixels; default: the whole target) with the user transform. Without conversion the colours are
-    // sampled and written as they are. "The texture is expected to be the shader resource view", "The texture is
-    // expected to be the render target view".
+    // Draws the source over rect (pixels; default: the whole target) with the user transform.
+    // Without conversion the colours are sampled and written as they are. "The texture is expected
+    // to be the shader resource view", "The texture is expected to be the render target view".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                const boost::intrusive_ptr<D12Descriptor>& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
-    // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its translation is in pixels of rect.
+    // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its
+    // translation is in pixels of rect.
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                const boost::intrusive_ptr<D12Descriptor>& source, const boost::intrusive_ptr<D12Descriptor>& target,
-                const AffineTransform& transform, const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
@@ -102,7 +109,8 @@ protected:
     std::optional<AffineTransform> m_userTransform;
 
 private:
-    void SetParameters(const AffineTransform& clipTransform, const boost::intrusive_ptr<D12Descriptor>& source,
+    void SetParameters(const AffineTransform& clipTransform,
+                       const boost::intrusive_ptr<D12Descriptor>& source,
                        const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
     boost::intrusive_ptr<D12Device> m_device;
@@ -112,8 +120,9 @@ private:
     D12QuadPipeline m_pipeline;
 };
 
-// An image draw whose transform follows from fit mode, scale, rotation and translation (D3ImageRenderer.h). Encode is for any
-// thread, the view state for one thread at a time, and not during an Encode.
+// An image draw whose transform follows from fit mode, scale, rotation and translation
+// (D3ImageRenderer.h). Encode is for any thread, the view state for one thread at a time, and not
+// during an Encode.
 class NORVEX_DX_API D12ImageRenderer : public D12ImageDraw, public D3ImageRenderer {
 public:
     explicit D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device);

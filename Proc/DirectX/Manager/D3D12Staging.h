@@ -1,7 +1,7 @@
 #pragma once
 
-// Staging of transfers, internal: which buffer, and how the subresources of a texture lie in it. Used while recording, on
-// the recording thread. Throws DirectX12Exception.
+// Staging of transfers, internal: which buffer, and how the subresources of a texture lie in it.
+// Used while recording, on the recording thread. Throws DirectX12Exception.
 
 #include <cstdint>
 #include <cstring>
@@ -15,15 +15,16 @@
 namespace Norvex::DX::Staging {
 
 // From the caller's pool when it is of the right heap type, else from the device's.
-inline boost::intrusive_ptr<D12Buffer> GetUploadBuffer(D12Device& device, const boost::intrusive_ptr<D12BufferPool>& pool,
-                                                       std::uint64_t size) {
+inline boost::intrusive_ptr<D12Buffer>
+GetUploadBuffer(D12Device& device, const boost::intrusive_ptr<D12BufferPool>& pool,
+                std::uint64_t size) {
     const bool isUsable = pool != nullptr && pool->GetType() == D3D12_HEAP_TYPE_UPLOAD;
     return isUsable ? pool->CreateBuffer(size) : device.CreateUploadBuffer(size);
 }
 
-inline boost::intrusive_ptr<D12Buffer> GetReadbackBuffer(D12Device& device,
-                                                         const boost::intrusive_ptr<D12BufferPool>& pool,
-                                                         std::uint64_t size) {
+inline boost::intrusive_ptr<D12Buffer>
+GetReadbackBuffer(D12Device& device, const boost::intrusive_ptr<D12BufferPool>& pool,
+                  std::uint64_t size) {
     const bool isUsable = pool != nullptr && pool->GetType() == D3D12_HEAP_TYPE_READBACK;
     return isUsable ? pool->CreateBuffer(size) : device.CreateReadbackBuffer(size);
 }
@@ -32,15 +33,16 @@ inline boost::intrusive_ptr<D12Buffer> GetReadbackBuffer(D12Device& device,
 class Layout {
 public:
     Layout(const D12Device& device, ID3D12Resource* resource, std::size_t count) {
-        device.GetCopyableFootprints(Platform::GetDesc(resource), 0, static_cast<unsigned>(count), 0, m_footprints,
-                                     m_size);
+        device.GetCopyableFootprints(Platform::GetDesc(resource), 0, static_cast<unsigned>(count),
+                                     0, m_footprints, m_size);
     }
 
     unsigned GetCount() const { return static_cast<unsigned>(m_footprints.size()); }
     std::uint64_t GetSize() const { return m_size; }
 
     D3D12_TEXTURE_COPY_LOCATION InBuffer(ID3D12Resource* buffer, unsigned index) const {
-        return CD3DX12_TEXTURE_COPY_LOCATION(buffer, {m_footprints[index].Offset, m_footprints[index].Footprint});
+        return CD3DX12_TEXTURE_COPY_LOCATION(
+            buffer, {m_footprints[index].Offset, m_footprints[index].Footprint});
     }
 
     // The caller's records have memory, and rows at least as long as the subresource's.
@@ -48,7 +50,8 @@ public:
     void Check(const std::vector<Record>& records, const char* sentence,
                const std::source_location& location = std::source_location::current()) const {
         for (std::size_t i = 0; i < records.size(); ++i) {
-            const bool isValid = records[i].data != nullptr && records[i].rowPitch >= m_footprints[i].RowSizeInBytes;
+            const bool isValid =
+                records[i].data != nullptr && records[i].rowPitch >= m_footprints[i].RowSizeInBytes;
             ThrowUnless<DirectX12Exception>(isValid, sentence, location);
         }
     }

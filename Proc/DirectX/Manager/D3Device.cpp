@@ -7,16 +7,19 @@ namespace Norvex::DX {
 namespace {
 
 constexpr std::pair<D3D_FEATURE_LEVEL, const char*> kLevelNames[] = {
-    {D3D_FEATURE_LEVEL_9_1, "9.1"},   {D3D_FEATURE_LEVEL_9_2, "9.2"},   {D3D_FEATURE_LEVEL_9_3, "9.3"},
-    {D3D_FEATURE_LEVEL_10_0, "10.0"}, {D3D_FEATURE_LEVEL_10_1, "10.1"}, {D3D_FEATURE_LEVEL_11_0, "11.0"},
-    {D3D_FEATURE_LEVEL_11_1, "11.1"}, {D3D_FEATURE_LEVEL_12_0, "12.0"}, {D3D_FEATURE_LEVEL_12_1, "12.1"},
-    {D3D_FEATURE_LEVEL_12_2, "12.2"},
+    {D3D_FEATURE_LEVEL_9_1, "9.1"},   {D3D_FEATURE_LEVEL_9_2, "9.2"},
+    {D3D_FEATURE_LEVEL_9_3, "9.3"},   {D3D_FEATURE_LEVEL_10_0, "10.0"},
+    {D3D_FEATURE_LEVEL_10_1, "10.1"}, {D3D_FEATURE_LEVEL_11_0, "11.0"},
+    {D3D_FEATURE_LEVEL_11_1, "11.1"}, {D3D_FEATURE_LEVEL_12_0, "12.0"},
+    {D3D_FEATURE_LEVEL_12_1, "12.1"}, {D3D_FEATURE_LEVEL_12_2, "12.2"},
 };
 
 } // namespace
 
-D3Device::D3Device(std::shared_ptr<const AdapterDescription> description, D3D_FEATURE_LEVEL featureLevel)
-    : m_description(std::move(description)), m_featureLevel(featureLevel) {}
+D3Device::D3Device(std::shared_ptr<const AdapterDescription> description,
+                   D3D_FEATURE_LEVEL featureLevel)
+    : m_description(std::move(description)),
+      m_featureLevel(featureLevel) {}
 
 D3Device::~D3Device() = default;
 

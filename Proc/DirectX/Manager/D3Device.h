@@ -1,7 +1,7 @@
 #pragma once
 
-// Base of both devices: the description of the adapter that the device runs on, and its feature level. Immutable after
-// construction, any thread. Next: D3D12Device.h.
+// Base of both devices: the description of the adapter that the device runs on, and its feature
+// level. Immutable after construction, any thread. Next: D3D12Device.h.
 
 #include <memory>
 #include <string>
@@ -29,7 +29,9 @@ public:
     virtual void LogDebugMessages() const = 0;
 
     // Never null.
-    const std::shared_ptr<const AdapterDescription>& GetDescription() const { return m_description; }
+    const std::shared_ptr<const AdapterDescription>& GetDescription() const {
+        return m_description;
+    }
     const std::string& GetAdapterName() const { return m_description->name; }
     const LUID& GetAdapterLuid() const { return m_description->adapterLuid; }
     VendorID GetVID() const { return m_description->vendor; }

@@ -1,9 +1,9 @@
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 #include <algorithm>
-#include <stdexcept>
 #include <iterator>
 #include <optional>
+#include <stdexcept>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -52,7 +52,8 @@ std::vector<std::string> NamesOfVendor(std::uint32_t canonicalId) {
 }
 
 void SetVendor(AdapterDescription& description) {
-    const auto* entry = std::ranges::find(kCanonicalVendors, description.vendorId, &VendorIds::pciId);
+    const auto* entry =
+        std::ranges::find(kCanonicalVendors, description.vendorId, &VendorIds::pciId);
     if (entry != std::end(kCanonicalVendors)) {
         description.vendor = entry->canonicalId;
         description.vendorNames = NamesOfVendor(entry->canonicalId);
@@ -85,31 +86,37 @@ std::uint64_t FindDriverVersion(const LUID& luid) {
     if (!key.Open(HKEY_LOCAL_MACHINE, kDirectXKey, KEY_READ)) {
         return 0;
     }
-    const auto version = FindInSubkeys(key, [&luid](const RegKey& adapter) -> std::optional<std::uint64_t> {
-        const auto id = adapter.QueryQword(L"AdapterLuid");
-        const bool isSame = id && static_cast<std::uint32_t>(*id) == luid.LowPart &&
-                            static_cast<std::uint32_t>(*id >> 32) == static_cast<std::uint32_t>(luid.HighPart);
-        return isSame ? adapter.QueryQword(L"DriverVersion") : std::nullopt;
-    });
+    const auto version =
+        FindInSubkeys(key, [&luid](const RegKey& adapter) -> std::optional<std::uint64_t> {
+            const auto id = adapter.QueryQword(L"AdapterLuid");
+            const bool isSame =
+                id && static_cast<std::uint32_t>(*id) == luid.LowPart &&
+                static_cast<std::uint32_t>(*id >> 32) == static_cast<std::uint32_t>(luid.HighPart);
+            return isSame ? adapter.QueryQword(L"DriverVersion") : std::nullopt;
+        });
     return version.value_or(0);
 }
 
-// Four decimal parts with periods between; empty for another number of parts. Throws as std::stoi does.
+// Four decimal parts with periods between; empty for another number of parts. Throws as std::stoi
+// does.
 std::optional<std::uint64_t> ParseVersion(const std::wstring& text) {
     std::uint64_t version = 0;
     std::size_t parts = 0;
     for (std::size_t begin = 0; begin <= text.size(); ++parts) {
         const std::size_t end = std::min(text.find(L'.', begin), text.size());
-        version = version << kBitsPerPart | static_cast<std::uint16_t>(std::stoi(text.substr(begin, end - begin)));
+        version = version << kBitsPerPart |
+                  static_cast<std::uint16_t>(std::stoi(text.substr(begin, end - begin)));
         begin = end + 1;
     }
     return parts == kVersionParts ? std::optional(version) : std::nullopt;
 }
 
-std::optional<std::uint64_t> ReadVersionOfDevice(const RegKey& device, const std::wstring& pattern) {
+std::optional<std::uint64_t> ReadVersionOfDevice(const RegKey& device,
+                                                 const std::wstring& pattern) {
     const auto matchingId = device.QueryString(L"MatchingDeviceId");
     const auto version = device.QueryString(L"DriverVersion");
-    if (!matchingId || !version || Core::Utils::ToLower(*matchingId).find(pattern) == std::wstring::npos) {
+    if (!matchingId || !version ||
+        Core::Utils::ToLower(*matchingId).find(pattern) == std::wstring::npos) {
         return std::nullopt;
     }
     return ParseVersion(*version);
@@ -117,13 +124,16 @@ std::optional<std::uint64_t> ReadVersionOfDevice(const RegKey& device, const std
 
 // Earlier systems: by PCI ids among the video devices.
 std::uint64_t FindDriverVersion(std::uint32_t vendorId, std::uint32_t deviceId) {
-    const std::wstring pattern = Core::WstringFromUtf8(fmt::format("ven_{:04x}&dev_{:04x}", vendorId, deviceId));
+    const std::wstring pattern =
+        Core::WstringFromUtf8(fmt::format("ven_{:04x}&dev_{:04x}", vendorId, deviceId));
     RegKey key;
     if (!key.Open(HKEY_LOCAL_MACHINE, kVideoKey, KEY_READ)) {
         return 0;
     }
     const auto version = FindInSubkeys(key, [&pattern](const RegKey& entry) {
-        return FindInSubkeys(entry, [&pattern](const RegKey& device) { return ReadVersionOfDevice(device, pattern); });
+        return FindInSubkeys(entry, [&pattern](const RegKey& device) {
+            return ReadVersionOfDevice(device, pattern);
+        });
     });
     return version.value_or(0);
 }
@@ -140,7 +150,8 @@ CComPtr<IDXGIAdapter1> GetIDXGIAdapter1(IDXGIAdapter* adapter) {
 
 std::string AdapterDescription::GetDriverVersion() const {
     const auto part = [this](unsigned index) {
-        return static_cast<std::uint16_t>(driverVersion >> (kBitsPerPart * (kVersionParts - 1 - index)));
+        return static_cast<std::uint16_t>(driverVersion >>
+                                          (kBitsPerPart * (kVersionParts - 1 - index)));
     };
     return fmt::format("{}.{}.{}.{}", part(0), part(1), part(2), part(3));
 }
@@ -151,7 +162,8 @@ DXGIAdapter::DXGIAdapter(IDXGIAdapter* adapter) : m_adapter(GetIDXGIAdapter1(ada
 
 std::shared_ptr<const AdapterDescription> DXGIAdapter::GetDescription() const {
     DXGI_ADAPTER_DESC1 desc = {};
-    ThrowIfFailed<DirectXException>(m_adapter->GetDesc1(&desc), "Failed to get DXGI adapter description");
+    ThrowIfFailed<DirectXException>(m_adapter->GetDesc1(&desc),
+                                    "Failed to get DXGI adapter description");
 
     const std::wstring_view text(desc.Description, std::size(desc.Description));
     auto description = std::make_shared<AdapterDescription>();

@@ -1,7 +1,8 @@
 #pragma once
 
-// An adapter, and what is known of it: DXGI's description plus driver version and vendor names. DXGIAdapter is a value that
-// owns its interface; a description is immutable once handed out and shared by devices and error records. Any thread.
+// An adapter, and what is known of it: DXGI's description plus driver version and vendor names.
+// DXGIAdapter is a value that owns its interface; a description is immutable once handed out and
+// shared by devices and error records. Any thread.
 
 #include <cstdint>
 #include <memory>
@@ -23,9 +24,9 @@ struct NORVEX_DX_API AdapterDescription {
     std::uint64_t dedicatedSystemMemory = 0; // bytes
     std::uint64_t sharedSystemMemory = 0;    // bytes
     LUID adapterLuid = {};
-    std::uint64_t driverVersion = 0;      // four 16-bit parts, most significant first; 0 when unknown
-    std::uint32_t flags = 0;              // DXGI_ADAPTER_FLAG bits
-    std::uint32_t vendor = 0;             // canonical PCI vendor id; 0 for an unknown vendor
+    std::uint64_t driverVersion = 0; // four 16-bit parts, most significant first; 0 when unknown
+    std::uint32_t flags = 0;         // DXGI_ADAPTER_FLAG bits
+    std::uint32_t vendor = 0;        // canonical PCI vendor id; 0 for an unknown vendor
     std::vector<std::string> vendorNames; // never empty, the preferred name first
 
     // "31.0.15.3742"; four zeros when unknown.
@@ -48,9 +49,10 @@ public:
     // The wrapped interface, borrowed; null when empty.
     IDXGIAdapter1* Get() const { return m_adapter; }
 
-    // A new description on every call: reads DXGI and the registry. Not for an empty adapter. Throws DirectXException "Failed to
-    // get DXGI adapter description"; std::invalid_argument or std::out_of_range when, before Windows 10, the registry holds a
-    // driver version that is not numbers.
+    // A new description on every call: reads DXGI and the registry. Not for an empty adapter.
+    // Throws DirectXException "Failed to get DXGI adapter description"; std::invalid_argument or
+    // std::out_of_range when, before Windows 10, the registry holds a driver version that is not
+    // numbers.
     std::shared_ptr<const AdapterDescription> GetDescription() const;
 
 private:

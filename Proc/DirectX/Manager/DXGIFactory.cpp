@@ -50,8 +50,8 @@ DXGIFactory::DXGIFactory() {
     if (Debug::MarkFirstObject()) {
         Debug::EnableLayerOnce();
     }
-    long result =
-        API::GetInstance().CreateFactory2(Debug::IsLayerActive() ? DXGI_CREATE_FACTORY_DEBUG : 0, m_factory2);
+    long result = API::GetInstance().CreateFactory2(
+        Debug::IsLayerActive() ? DXGI_CREATE_FACTORY_DEBUG : 0, m_factory2);
     if (SUCCEEDED(result)) {
         m_factory1 = Query<IDXGIFactory1>(m_factory2);
         m_factory4 = Query<IDXGIFactory4>(m_factory1);
@@ -64,7 +64,9 @@ DXGIFactory::DXGIFactory() {
 }
 
 DXGIFactory::DXGIFactory(const CComPtr<IDXGIFactory1>& factory)
-    : m_factory1(factory), m_factory2(Query<IDXGIFactory2>(factory)), m_factory4(Query<IDXGIFactory4>(factory)) {}
+    : m_factory1(factory),
+      m_factory2(Query<IDXGIFactory2>(factory)),
+      m_factory4(Query<IDXGIFactory4>(factory)) {}
 
 DXGIFactory::~DXGIFactory() = default;
 
@@ -91,7 +93,8 @@ void DXGIFactory::EnumerateAdapters(std::vector<DXGIAdapter>& out, bool excludeS
             break;
         }
         if (FAILED(result)) {
-            ThrowResult<DirectXException>(result, fmt::format("Failed to obtain adapter: {}", index));
+            ThrowResult<DirectXException>(result,
+                                          fmt::format("Failed to obtain adapter: {}", index));
         }
         adapters.emplace_back(adapter.p);
     }
@@ -101,19 +104,21 @@ void DXGIFactory::EnumerateAdapters(std::vector<DXGIAdapter>& out, bool excludeS
     out = std::move(adapters);
 }
 
-std::vector<std::shared_ptr<const AdapterDescription>> DXGIFactory::EnumerateAdapterDescriptions(
-    bool excludeSoftware) {
+std::vector<std::shared_ptr<const AdapterDescription>>
+DXGIFactory::EnumerateAdapterDescriptions(bool excludeSoftware) {
     std::vector<DXGIAdapter> adapters;
     EnumerateAdapters(adapters, excludeSoftware);
     std::vector<std::shared_ptr<const AdapterDescription>> descriptions;
     descriptions.reserve(adapters.size());
-    std::ranges::transform(adapters, std::back_inserter(descriptions), &DXGIAdapter::GetDescription);
+    std::ranges::transform(adapters, std::back_inserter(descriptions),
+                           &DXGIAdapter::GetDescription);
     return descriptions;
 }
 
 DXGIAdapter DXGIFactory::GetPrimaryAdapter() {
     CComPtr<IDXGIAdapter1> adapter;
-    ThrowIfFailed<DirectXException>(m_factory1->EnumAdapters1(0, &adapter), "Failed to obtain primary adapter");
+    ThrowIfFailed<DirectXException>(m_factory1->EnumAdapters1(0, &adapter),
+                                    "Failed to obtain primary adapter");
     return DXGIAdapter(adapter.p);
 }
 
@@ -121,7 +126,8 @@ DXGIAdapter DXGIFactory::GetAdapter(const LUID& luid) {
     if (m_factory4 != nullptr) {
         CComPtr<IDXGIAdapter1> adapter;
         ThrowIfFailed<DirectXException>(
-            m_factory4->EnumAdapterByLuid(luid, __uuidof(IDXGIAdapter1), reinterpret_cast<void**>(&adapter)),
+            m_factory4->EnumAdapterByLuid(luid, __uuidof(IDXGIAdapter1),
+                                          reinterpret_cast<void**>(&adapter)),
             "Failed to obtain adapter");
         return DXGIAdapter(adapter.p);
     }
@@ -157,28 +163,32 @@ bool DXGIFactory::IsCurrent() const {
 CComPtr<IDXGISwapChain> DXGIFactory::CreateSwapChain(IUnknown* deviceOrQueue, HWND window,
                                                      const DXGI_SWAP_CHAIN_DESC1& desc) {
     if (desc.AlphaMode != DXGI_ALPHA_MODE_UNSPECIFIED) {
-        ThrowResult<DirectXException>(DXGI_ERROR_INVALID_CALL,
-                                      "Alpha blended swapchains must be created with CreateSwapChainForComposition, "
-                                      "or CreateSwapChainForCoreWindow");
+        ThrowResult<DirectXException>(
+            DXGI_ERROR_INVALID_CALL,
+            "Alpha blended swapchains must be created with CreateSwapChainForComposition, "
+            "or CreateSwapChainForCoreWindow");
     }
     CComPtr<IDXGISwapChain> swapChain;
     long result = S_OK;
     if (m_factory2 != nullptr) {
         CComPtr<IDXGISwapChain1> swapChain1;
-        result = m_factory2->CreateSwapChainForHwnd(deviceOrQueue, window, &desc, nullptr, nullptr, &swapChain1);
+        result = m_factory2->CreateSwapChainForHwnd(deviceOrQueue, window, &desc, nullptr, nullptr,
+                                                    &swapChain1);
         swapChain = swapChain1.p;
     } else {
         DXGI_SWAP_CHAIN_DESC oldDesc = ToOldDesc(desc, window);
         result = m_factory1->CreateSwapChain(deviceOrQueue, &oldDesc, &swapChain);
     }
     if (FAILED(result)) {
-        ThrowResult<DirectXException>(result, fmt::format("Failed to create DXGI swap chain: width = {}, height = {}",
-                                                          desc.Width, desc.Height));
+        ThrowResult<DirectXException>(
+            result, fmt::format("Failed to create DXGI swap chain: width = {}, height = {}",
+                                desc.Width, desc.Height));
     }
     return swapChain;
 }
 
-CComPtr<IDXGISwapChain> DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D11Device>& device, HWND window,
+CComPtr<IDXGISwapChain> DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D11Device>& device,
+                                                            HWND window,
                                                             const DXGI_SWAP_CHAIN_DESC1& desc) {
     try {
         return CreateSwapChain(device, window, desc);
@@ -187,9 +197,10 @@ CComPtr<IDXGISwapChain> DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D11
     }
 }
 
-CComPtr<IDXGISwapChain3> DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D12Device>& device,
-                                                             const CComPtr<ID3D12CommandQueue>& queue, HWND window,
-                                                             const DXGI_SWAP_CHAIN_DESC1& desc) {
+CComPtr<IDXGISwapChain3>
+DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D12Device>& device,
+                                    const CComPtr<ID3D12CommandQueue>& queue, HWND window,
+                                    const DXGI_SWAP_CHAIN_DESC1& desc) {
     CComPtr<IDXGISwapChain> swapChain;
     try {
         swapChain = CreateSwapChain(queue, window, desc);

@@ -81,8 +81,8 @@ void LogStoredMessage(typename Names::Queue& queue, UINT64 index) {
     }
     // The byte length counts the terminating zero, which stays in the text.
     const std::string_view description(message->pDescription, message->DescriptionByteLength);
-    LogAtSeverity(message->Severity,
-                  fmt::format("{}: {} ({})", Names::kGeneration, description, static_cast<int>(message->ID)));
+    LogAtSeverity(message->Severity, fmt::format("{}: {} ({})", Names::kGeneration, description,
+                                                 static_cast<int>(message->ID)));
 }
 
 template <class Names, class Device>
@@ -92,7 +92,8 @@ void Drain(Device* device) {
         return;
     }
     CComPtr<typename Names::Queue> queue;
-    if (FAILED(device->QueryInterface(__uuidof(typename Names::Queue), reinterpret_cast<void**>(&queue)))) {
+    if (FAILED(device->QueryInterface(__uuidof(typename Names::Queue),
+                                      reinterpret_cast<void**>(&queue)))) {
         LOG(ERROR) << Names::kNoQueue;
         return;
     }
@@ -113,10 +114,12 @@ void EnableLayer() {
         debug->EnableDebugLayer();
         GetState().layerActive = true;
     } else if (result == DXGI_ERROR_SDK_COMPONENT_MISSING) {
-        LOG(WARNING) << "The application requested an operation that depends on an SDK component that is missing or "
+        LOG(WARNING) << "The application requested an operation that depends on an SDK component "
+                        "that is missing or "
                         "mismatched."
                      << std::endl
-                     << "To resolve this issue, go to the Settings panel, under System, Apps & features, Manage "
+                     << "To resolve this issue, go to the Settings panel, under System, Apps & "
+                        "features, Manage "
                         "optional Features,"
                      << std::endl
                      << "Add a feature, and then look for \"Graphics Tools\".";
@@ -128,8 +131,9 @@ void EnableLayer() {
 void EnableDebugMode() {
     DebugState& state = GetState();
     const std::lock_guard guard(state.lock);
-    ThrowUnless<DirectXException>(!state.firstObjectCreated,
-                                  "Debug mode must be enabled before creating the first DirectX object");
+    ThrowUnless<DirectXException>(
+        !state.firstObjectCreated,
+        "Debug mode must be enabled before creating the first DirectX object");
     state.requested = true;
 }
 

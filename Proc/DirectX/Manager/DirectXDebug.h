@@ -1,15 +1,16 @@
 #pragma once
 
-// Debug mode: the Direct3D debug layer on request, and its messages in the log just before the exception that they explain.
-// Process-wide state under one lock; all functions are thread-safe.
+// Debug mode: the Direct3D debug layer on request, and its messages in the log just before the
+// exception that they explain. Process-wide state under one lock; all functions are thread-safe.
 
 #include "Platform/Direct3D.h"
 #include "Platform/Export.h"
 
 namespace Norvex::DX {
 
-// Requests debug mode. Call before the first factory is created; later it throws DirectXException "Debug mode must be enabled
-// before creating the first DirectX object". Calling twice before is fine.
+// Requests debug mode. Call before the first factory is created; later it throws DirectXException
+// "Debug mode must be enabled before creating the first DirectX object". Calling twice before is
+// fine.
 NORVEX_DX_API void EnableDebugMode();
 
 // Kept for hosts that call it; deliberately does nothing.
@@ -24,8 +25,8 @@ bool MarkFirstObject();
 void EnableLayerOnce();
 // Whether the layer was switched on: factories are then created with DXGI_CREATE_FACTORY_DEBUG.
 bool IsLayerActive();
-// Moves the device's stored messages to the log at matching severities; nothing without debug mode. Never throws for
-// queue problems.
+// Moves the device's stored messages to the log at matching severities; nothing without debug mode.
+// Never throws for queue problems.
 void DrainMessages(ID3D11Device* device);
 void DrainMessages(ID3D12Device* device);
 

@@ -22,12 +22,12 @@ struct DispatchThreads {
     }
 
     Core::DispatchQueue queue;
-    std::mutex moduleLock;    // held over Push, so that the module is not given back between the two
+    std::mutex moduleLock; // held over Push, so that the module is not given back between the two
     HMODULE module = nullptr; // this library, while threads may run its code
 };
 
-// Released at process exit, not destroyed: by then the system has killed the threads, wherever they were, and waiting for
-// them would wait for ever.
+// Released at process exit, not destroyed: by then the system has killed the threads, wherever they
+// were, and waiting for them would wait for ever.
 std::unique_ptr<DispatchThreads>& GetStorage() {
     static std::unique_ptr<DispatchThreads> storage;
     return storage;
@@ -41,14 +41,15 @@ DispatchThreads& GetThreads() {
 
 HMODULE ReferenceOwnModule() {
     HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<const wchar_t*>(&ReferenceOwnModule),
-                       &module);
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<const wchar_t*>(&ReferenceOwnModule), &module);
     return module;
 }
 
 } // namespace
 
-void QueueDispatchTask(boost::intrusive_ptr<IRefCountable> object, std::function<void(IRefCountable&)> function) {
+void QueueDispatchTask(boost::intrusive_ptr<IRefCountable> object,
+                       std::function<void(IRefCountable&)> function) {
     DispatchThreads& threads = GetThreads();
     const std::lock_guard guard(threads.moduleLock);
     if (threads.module == nullptr) {

@@ -7,9 +7,10 @@
 #include <fmt/format.h>
 
 #include "Host/CoreTracker.h"
-#include "Proc/DirectX/Manager/DXGIAdapter.h"
-// Upwards on purpose: an error record finds the library's wrapper of the failed device and drains its messages.
+// Upwards on purpose: an error record finds the library's wrapper of the failed device and drains
+// its messages.
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/DXGIAdapter.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 
 namespace Norvex {
@@ -37,7 +38,8 @@ HResultValue Capture(long result) {
     return {static_cast<std::int32_t>(result), nullptr, SnapshotMemory(result)};
 }
 
-// The library keeps no registry of Direct3D 11 devices yet, so the adapter of one is not known here.
+// The library keeps no registry of Direct3D 11 devices yet, so the adapter of one is not known
+// here.
 HResultValue Capture(long result, ID3D11Device* device) {
     HResultValue value{ReasonOf(result, device), nullptr, SnapshotMemory(result)};
     DX::Debug::DrainMessages(device);
@@ -58,9 +60,11 @@ void WriteMemoryInfo(std::ostream& out, const MEMINFO& info) {
     const auto line = [&out](const char* format, std::uint64_t first, std::uint64_t second) {
         out << fmt::format(fmt::runtime(format), first >> kMiBShift, second >> kMiBShift);
     };
-    line("Process physical memory usage: {}/{} MB (cur/peak),", info.processPhysicalCurrent, info.processPhysicalPeak);
+    line("Process physical memory usage: {}/{} MB (cur/peak),", info.processPhysicalCurrent,
+         info.processPhysicalPeak);
     out << std::endl;
-    line("Process virtual memory usage: {}/{} MB (cur/peak),", info.processVirtualCurrent, info.processVirtualPeak);
+    line("Process virtual memory usage: {}/{} MB (cur/peak),", info.processVirtualCurrent,
+         info.processVirtualPeak);
     out << std::endl << fmt::format("Memory load: {}%,", info.memoryLoad) << std::endl;
     line("Physical memory: {}/{} MB (avail/total),", info.physicalAvailable, info.physicalTotal);
     out << std::endl;
@@ -81,12 +85,14 @@ std::string ToHex(std::int32_t result) {
     return out.str();
 }
 
-void AddAdapter(std::map<std::string, std::string>& attributes, const DX::AdapterDescription& adapter) {
+void AddAdapter(std::map<std::string, std::string>& attributes,
+                const DX::AdapterDescription& adapter) {
     using Proc::ICoreTracker;
     attributes.emplace(ICoreTracker::CORE_GPU_VENDOR, adapter.vendorNames.front());
     attributes.emplace(ICoreTracker::CORE_GPU_DRIVER_VERSION, adapter.GetDriverVersion());
     attributes.emplace(ICoreTracker::CORE_GPU_BRAND_STR, adapter.name);
-    attributes.emplace(ICoreTracker::CORE_GPU_VIDEO_MEMORY, std::to_string(adapter.dedicatedVideoMemory >> kMiBShift));
+    attributes.emplace(ICoreTracker::CORE_GPU_VIDEO_MEMORY,
+                       std::to_string(adapter.dedicatedVideoMemory >> kMiBShift));
 }
 
 } // namespace

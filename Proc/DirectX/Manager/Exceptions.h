@@ -1,7 +1,8 @@
 #pragma once
 
-// Result records and exceptions: how every failure of the graphics stack reaches the caller. Plain values; copies share
-// the adapter description and the memory snapshot and may travel to other threads. How the library throws: Throw.h.
+// Result records and exceptions: how every failure of the graphics stack reaches the caller. Plain
+// values; copies share the adapter description and the memory snapshot and may travel to other
+// threads. How the library throws: Throw.h.
 
 #include <cstdint>
 #include <memory>
@@ -34,14 +35,16 @@ struct TagHResult;
 class NORVEX_DX_API HResult : public boost::error_info<TagHResult, HResultValue> {
 public:
     explicit HResult(long result);
-    // These two replace DXGI_ERROR_DEVICE_REMOVED by the device's removal reason, find the adapter of the library's own
-    // wrapper of the device, and drain the device's pending debug messages into the log. The device is not null and is
-    // only borrowed. They take the generation's registry lock for a moment.
+    // These two replace DXGI_ERROR_DEVICE_REMOVED by the device's removal reason, find the adapter
+    // of the library's own wrapper of the device, and drain the device's pending debug messages
+    // into the log. The device is not null and is only borrowed. They take the generation's
+    // registry lock for a moment.
     HResult(long result, ID3D11Device* device);
     HResult(long result, ID3D12Device* device);
 };
 
-// "Code: ..., Description: ..." and, each on a line of its own where known, the adapter's name and the memory state.
+// "Code: ..., Description: ..." and, each on a line of its own where known, the adapter's name and
+// the memory state.
 NORVEX_DX_API std::string to_string(const HResultValue& value);
 
 namespace DX {
@@ -62,8 +65,8 @@ public:
     long GetResult() const;
     // to_string of the carried record; "Undefined result" when none was carried.
     std::string GetResultDescription() const;
-    // Reports the exception to the host's tracker (ICoreTracker) under CORE_GPU_EXCEPTION; nothing without a carried
-    // result. The host calls it where it catches.
+    // Reports the exception to the host's tracker (ICoreTracker) under CORE_GPU_EXCEPTION; nothing
+    // without a carried result. The host calls it where it catches.
     void TrackException() const;
 };
 

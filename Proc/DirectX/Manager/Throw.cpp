@@ -42,8 +42,11 @@ void ThrowResult(long result, const std::string& sentence, FailedDevice device,
 template void Throw<DirectXException>(const std::string&, const std::source_location&);
 template void Throw<DirectX11Exception>(const std::string&, const std::source_location&);
 template void Throw<DirectX12Exception>(const std::string&, const std::source_location&);
-template void ThrowResult<DirectXException>(long, const std::string&, FailedDevice, const std::source_location&);
-template void ThrowResult<DirectX11Exception>(long, const std::string&, FailedDevice, const std::source_location&);
-template void ThrowResult<DirectX12Exception>(long, const std::string&, FailedDevice, const std::source_location&);
+template void ThrowResult<DirectXException>(long, const std::string&, FailedDevice,
+                                            const std::source_location&);
+template void ThrowResult<DirectX11Exception>(long, const std::string&, FailedDevice,
+                                              const std::source_location&);
+template void ThrowResult<DirectX12Exception>(long, const std::string&, FailedDevice,
+                                              const std::source_location&);
 
 } // namespace Norvex::DX

@@ -1,8 +1,8 @@
 #pragma once
 
-// How the library throws, internal: one line at the failing call. The cold path (result record with removal reason,
-// adapter and debug messages; call stack; throw site) is out of line. E is DirectXException, DirectX11Exception or
-// DirectX12Exception. Any thread; the device is borrowed.
+// How the library throws, internal: one line at the failing call. The cold path (result record with
+// removal reason, adapter and debug messages; call stack; throw site) is out of line. E is
+// DirectXException, DirectX11Exception or DirectX12Exception. Any thread; the device is borrowed.
 
 #include <source_location>
 #include <string>
@@ -31,8 +31,9 @@ template <class E>
 
 // Throws with a result code.
 template <class E>
-[[noreturn]] void ThrowResult(long result, const std::string& sentence, FailedDevice device = {},
-                              const std::source_location& location = std::source_location::current());
+[[noreturn]] void
+ThrowResult(long result, const std::string& sentence, FailedDevice device = {},
+            const std::source_location& location = std::source_location::current());
 
 // Throws when the call failed.
 template <class E>

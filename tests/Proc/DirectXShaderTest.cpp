@@ -1,0 +1,83 @@
+#include "Proc/DirectX/Manager/DirectXShader.h"
+
+#include <cstring>
+#include <optional>
+
+#include <gmock/gmock.h>
+
+#include "tests/support/Thrown.h"
+
+namespace Norvex::DX {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr auto kVertexSource = "float4 VsMain(float2 p : POSITION) : SV_POSITION {\n"
+                               "    return float4(p, 0, 1);\n"
+                               "}\n";
+constexpr auto kPixelSource = "float4 PsMain() : SV_TARGET { return float4(1, 0, 0, 1); }\n";
+
+// The version token that the bytecode's program begins with: kind (0 pixel, 1 vertex) << 16 | major
+// << 4 | minor.
+std::optional<std::uint32_t> ProgramVersion(const D3D12_SHADER_BYTECODE& bytecode) {
+    const auto* bytes = static_cast<const unsigned char*>(bytecode.pShaderBytecode);
+    const auto wordAt = [bytes](std::size_t offset) {
+        std::uint32_t word = 0;
+        std::memcpy(&word, bytes + offset, sizeof(word));
+        return word;
+    };
+    constexpr std::size_t kChunkCountOffset = 28;
+    constexpr std::size_t kWordSize = 4;
+    for (std::uint32_t chunk = 0; chunk < wordAt(kChunkCountOffset); ++chunk) {
+        const std::size_t offset = wordAt(kChunkCountOffset + kWordSize * (chunk + 1));
+        if (std::memcmp(bytes + offset, "SHEX", 4) == 0 ||
+            std::memcmp(bytes + offset, "SHDR", 4) == 0) {
+            return wordAt(offset + 8);
+        }
+    }
+    return std::nullopt;
+}
+
+TEST(DirectXShader, CompilesForTheTargetsOfLevel11) {
+    ASSERT_TRUE(D3ShaderBytecode::IsCompilerLoaded());
+    const auto vertex = D12Shader::CreateVertex("VsMain", kVertexSource);
+    const auto pixel = D12Shader::CreatePixel("PsMain", kPixelSource);
+    EXPECT_EQ(vertex->GetName(), "VsMain");
+    EXPECT_EQ(pixel->GetName(), "PsMain");
+    EXPECT_EQ(vertex->GetShader().pShaderBytecode, vertex->GetBuffer()->GetBufferPointer());
+    EXPECT_EQ(vertex->GetShader().BytecodeLength, vertex->GetBuffer()->GetBufferSize());
+    EXPECT_THAT(ProgramVersion(vertex->GetShader()), testing::Optional(0x10050u));
+    EXPECT_THAT(ProgramVersion(pixel->GetShader()), testing::Optional(0x50u));
+    const D12Shader older("PsMain", kPixelSource, "ps_4_0");
+    EXPECT_THAT(ProgramVersion(older.GetShader()), testing::Optional(0x40u));
+}
+
+TEST(DirectXShader, FailureNamesTheShaderAndTellsTheError) {
+    const auto syntax = Norvex::Test::ThrownBy([] {
+        D12Shader::CreatePixel("Broken", "float4 Broken() : SV_TARGET { return nothing; }");
+    });
+    EXPECT_THAT(syntax.sentence,
+                StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"));
+    EXPECT_THAT(syntax.sentence, HasSubstr("nothing"));
+    EXPECT_EQ(syntax.function, "CompileShader");
+    EXPECT_LT(syntax.result, 0);
+    const auto entry =
+        Norvex::Test::ThrownBy([] { D12Shader::CreatePixel("Absent", kPixelSource); });
+    EXPECT_THAT(entry.sentence, StartsWith("Failed to compile shader: shaderName = Absent"));
+    EXPECT_THAT(Norvex::Test::SentenceOf([] { D12Shader("PsMain", kPixelSource, "ps_99_0"); }),
+                StartsWith("Failed to compile shader: shaderName = PsMain"));
+}
+
+// Run by itself, where there is no compiler.
+TEST(DirectXShaderWithoutCompiler, FailureHasNoCompilerText) {
+    ASSERT_FALSE(D3ShaderBytecode::IsCompilerLoaded());
+    const auto thrown =
+        Norvex::Test::ThrownBy([] { D12Shader::CreateVertex("VsMain", kVertexSource); });
+    EXPECT_EQ(thrown.sentence, "Failed to compile shader: shaderName = VsMain");
+    EXPECT_EQ(thrown.function, "CompileShader");
+    EXPECT_EQ(thrown.result, static_cast<long>(0x80070505));
+}
+
+} // namespace
+} // namespace Norvex::DX

@@ -1,0 +1,40 @@
+// A system whose dxgi.dll has no CreateDXGIFactory2: the loader is told so before it is made.
+
+#include <cstring>
+
+#include <gmock/gmock.h>
+
+#include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/ImportPatch.h"
+#include "tests/support/Thrown.h"
+
+namespace Norvex::DX {
+namespace {
+
+using Norvex::Test::ImportPatch;
+using Norvex::Test::ThrownBy;
+
+FARPROC WINAPI GetProcAddressWithoutFactory2(HMODULE module, const char* name) {
+    return std::strcmp(name, "CreateDXGIFactory2") == 0 ? nullptr : GetProcAddress(module, name);
+}
+
+TEST(OldFactoryTest, TheFactoryOfDxgi11Serves) {
+    const ImportPatch patch(L"NorvexDX.dll", "GetProcAddress", &GetProcAddressWithoutFactory2);
+    EXPECT_FALSE(API::GetInstance().IsFactory2Available());
+    CComPtr<IDXGIFactory2> factory2;
+    EXPECT_EQ(API::GetInstance().CreateFactory2(0, factory2), API::E_DELAY_LOAD_FAILED);
+
+    const auto factory = DXGIFactory::Create();
+    const DXGIVersion version = factory->GetVersion();
+    EXPECT_TRUE(version == DXGIVersion::DXGI_1_1 || version >= DXGIVersion::DXGI_1_3)
+        << "of what the factory itself does not answer only 1.2 and 1.4 are left out";
+    const LUID luid = factory->GetPrimaryAdapter().GetDescription()->adapterLuid;
+    EXPECT_TRUE(IsSameLuid(factory->GetAdapter(luid).GetDescription()->adapterLuid, luid));
+    const auto unknown = ThrownBy([&] { factory->GetAdapter(LUID{0x7FFFFFF0, 0x7FFFFFF0}); });
+    EXPECT_EQ(unknown.sentence, "Failed to obtain adapter");
+    EXPECT_EQ(unknown.result, E_FAIL) << "no result: the search found nothing";
+}
+
+} // namespace
+} // namespace Norvex::DX

@@ -1,0 +1,29 @@
+#pragma once
+
+// Puts a function of the test in the place of one that a loaded module imports, for as long as the
+// patch lives. Calls of other modules are not touched. Throws std::runtime_error when the module
+// does not import the function.
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::Test {
+
+class ImportPatch {
+public:
+    // ImportPatch(L"NorvexDX.dll", "GetProcAddress", &Replacement)
+    template <class Function>
+    ImportPatch(const wchar_t* module, const char* name, Function* replacement)
+        : ImportPatch(module, name, reinterpret_cast<void*>(replacement)) {}
+    ImportPatch(const wchar_t* module, const char* name, void* replacement);
+    ~ImportPatch();
+    ImportPatch(const ImportPatch&) = delete;
+    ImportPatch& operator=(const ImportPatch&) = delete;
+
+private:
+    void Store(void* value);
+
+    void** m_place;
+    void* m_original;
+};
+
+} // namespace Norvex::Test

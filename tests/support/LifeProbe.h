@@ -1,0 +1,34 @@
+#pragma once
+
+// Tells whether a Direct3D object is still alive: the object holds a reference on a token until it
+// is destroyed. The probe does not keep the object alive, and either may go first. Any thread. Link
+// ole32.
+
+#include <stdexcept>
+
+#include "Platform/ComPtr.h"
+
+namespace Norvex::Test {
+
+class LifeProbe {
+public:
+    explicit LifeProbe(ID3D12Object* object) {
+        constexpr GUID kProbeData = {
+            0x6a1f8f0e, 0x5b0d, 0x4c55, {0x9e, 0x4c, 0x71, 0x0d, 0x2b, 0x93, 0x5f, 0xa8}};
+        // Any COM object serves as the token; a stream is the simplest to have.
+        if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &m_token)) ||
+            FAILED(object->SetPrivateDataInterface(kProbeData, m_token))) {
+            throw std::runtime_error("the object cannot be watched");
+        }
+    }
+
+    bool IsAlive() const {
+        m_token.p->AddRef();
+        return m_token.p->Release() > 1;
+    }
+
+private:
+    CComPtr<IStream> m_token;
+};
+
+} // namespace Norvex::Test

@@ -1,0 +1,45 @@
+#pragma once
+
+// What is logged while this object lives, through a sink of the test program's own.
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <glog/logging.h>
+
+namespace Norvex::Test {
+
+class LogCapture : public google::LogSink {
+public:
+    LogCapture() { google::AddLogSink(this); }
+    ~LogCapture() override { google::RemoveLogSink(this); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    void send(google::LogSeverity severity, const char*, const char*, int, const struct ::tm*,
+              const char* message, size_t length) override {
+        const std::lock_guard guard(m_mutex);
+        m_entries.emplace_back(severity, std::string(message, length));
+    }
+
+    // Entries of that severity that hold the text.
+    long Count(google::LogSeverity severity, const std::string& text) const {
+        const std::lock_guard guard(m_mutex);
+        return static_cast<long>(std::ranges::count_if(m_entries, [&](const auto& entry) {
+            return entry.first == severity && entry.second.find(text) != std::string::npos;
+        }));
+    }
+    std::vector<std::pair<google::LogSeverity, std::string>> GetEntries() const {
+        const std::lock_guard guard(m_mutex);
+        return m_entries;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::pair<google::LogSeverity, std::string>> m_entries;
+};
+
+} // namespace Norvex::Test

@@ -1,0 +1,99 @@
+#pragma once
+
+// Puts a function of the test in the place of one COM method, for as long as the patch lives. All
+// objects of the class share the method table, so the others are patched too. Patches of one method
+// do not nest. The function gets the object as first argument, after `original`; it may run on any
+// thread.
+
+#include <cstddef>
+#include <functional>
+#include <stdexcept>
+#include <utility>
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::Test {
+
+// Positions in the method tables, as the interfaces' declarations order them.
+namespace Slot {
+constexpr std::size_t kAdapterGetDesc1 = 10;
+constexpr std::size_t kDeviceCreateCommandAllocator = 9;
+constexpr std::size_t kDeviceCreateCommandList = 12;
+constexpr std::size_t kDeviceCheckFeatureSupport = 13;
+constexpr std::size_t kDeviceCreateDescriptorHeap = 14;
+constexpr std::size_t kDeviceCreateRootSignature = 16;
+constexpr std::size_t kDeviceCreateConstantBufferView = 17;
+constexpr std::size_t kDeviceCreateShaderResourceView = 18;
+constexpr std::size_t kDeviceCreateUnorderedAccessView = 19;
+constexpr std::size_t kDeviceCreateRenderTargetView = 20;
+constexpr std::size_t kDeviceCreateCommittedResource = 27;
+constexpr std::size_t kDeviceCreateFence = 36;
+constexpr std::size_t kDeviceGetDeviceRemovedReason = 37;
+constexpr std::size_t kFactoryEnumAdapters1 = 12;
+constexpr std::size_t kFenceSetEventOnCompletion = 9;
+constexpr std::size_t kListCopyBufferRegion = 15;
+constexpr std::size_t kListRSSetViewports = 21;
+constexpr std::size_t kListRSSetScissorRects = 22;
+constexpr std::size_t kListResourceBarrier = 26;
+constexpr std::size_t kListSetDescriptorHeaps = 28;
+constexpr std::size_t kListSetGraphicsRootSignature = 30;
+constexpr std::size_t kListSetGraphicsRootDescriptorTable = 32;
+constexpr std::size_t kListSetGraphicsRoot32BitConstants = 36;
+constexpr std::size_t kListSetGraphicsRootConstantBufferView = 38;
+constexpr std::size_t kListSetGraphicsRootShaderResourceView = 40;
+constexpr std::size_t kListSetGraphicsRootUnorderedAccessView = 42;
+constexpr std::size_t kQueueExecuteCommandLists = 10;
+constexpr std::size_t kResourceMap = 8;
+constexpr std::size_t kResourceUnmap = 9;
+constexpr std::size_t kResourceGetDesc = 10;
+} // namespace Slot
+
+template <std::size_t slot, class Signature>
+class MethodPatch;
+
+template <std::size_t slot, class Result, class... Args>
+class MethodPatch<slot, Result(Args...)> {
+public:
+    using Original = Result(WINAPI*)(Args...);
+    using Function = std::function<Result(Original, Args...)>;
+
+    MethodPatch(IUnknown* object, Function function)
+        : m_entry(*reinterpret_cast<void***>(object) + slot),
+          m_function(std::move(function)),
+          m_original(reinterpret_cast<Original>(*m_entry)) {
+        if (s_current != nullptr) {
+            throw std::logic_error("this method is already patched");
+        }
+        s_current = this;
+        Store(&Call);
+    }
+    ~MethodPatch() {
+        Store(m_original);
+        s_current = nullptr;
+    }
+    MethodPatch(const MethodPatch&) = delete;
+    MethodPatch& operator=(const MethodPatch&) = delete;
+
+private:
+    static Result WINAPI Call(Args... args) {
+        return s_current->m_function(s_current->m_original, args...);
+    }
+
+    void Store(Original method) {
+        DWORD protection = 0;
+        if (!VirtualProtect(static_cast<void*>(m_entry), sizeof(void*), PAGE_READWRITE,
+                            &protection)) {
+            throw std::runtime_error("the method table cannot be written");
+        }
+        *m_entry = reinterpret_cast<void*>(method);
+        VirtualProtect(static_cast<void*>(m_entry), sizeof(void*), protection, &protection);
+    }
+
+    static inline MethodPatch* s_current = nullptr;
+
+    void** m_entry;
+    Function m_function;
+    Original m_original;
+};
+
+} // namespace Norvex::Test
