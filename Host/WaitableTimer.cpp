@@ -88,7 +88,7 @@ struct WaitableTimer::Impl {
     bool isRunning = false;
     bool isClosing = false;
     std::atomic<bool> isInCallback{false};
-    const PTP_TIMER timer;
+    PTP_TIMER timer;
 };
 
 WaitableTimer::WaitableTimer(std::function<void()> callback)

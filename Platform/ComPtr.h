@@ -33,7 +33,11 @@ public:
         CComPtr(other).Swap(*this);
         return *this;
     }
-    CComPtr& operator=(const CComPtr& other) noexcept { return *this = other.p; }
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): copy and swap handles it
+    CComPtr& operator=(const CComPtr& other) noexcept {
+        CComPtr(other).Swap(*this);
+        return *this;
+    }
     CComPtr& operator=(CComPtr&& other) noexcept {
         CComPtr(std::move(other)).Swap(*this);
         return *this;

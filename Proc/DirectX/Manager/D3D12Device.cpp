@@ -164,7 +164,7 @@ D12Device::~D12Device() {
 // reached zero.
 std::uint32_t D12Device::Release() {
     const std::lock_guard guard(GetRegistry().lock);
-    return RefCountImpl::Release();
+    return D3Device::Release();
 }
 
 long D12Device::GetDeviceRemovedReason() {

@@ -31,6 +31,11 @@ std::uint32_t D3Device::GetRefCount() const {
     return RefCountImpl::GetRefCount();
 }
 
+// For the devices' own overrides, which hold their registry's lock around it.
+std::uint32_t D3Device::Release() {
+    return RefCountImpl::Release();
+}
+
 std::string D3Device::GetLevelName() const {
     for (const auto& [level, name] : kLevelNames) {
         if (level == m_featureLevel) {

@@ -71,7 +71,7 @@ void DrainDispatchThreads() {
 
 void ReleaseDispatchThreads(bool processEnds) {
     if (processEnds) {
-        static_cast<void>(GetStorage().release());
+        [[maybe_unused]] const auto* abandoned = GetStorage().release();
     } else {
         GetStorage().reset();
     }
