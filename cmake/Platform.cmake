@@ -28,7 +28,7 @@ function(norvex_precompile target)
         if(NOT MSVC)
             # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
             # of L"" copied by it.
-            target_compile_options(${target} PRIVATE -Wno-array-bounds)
+            target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overread)
         endif()
     endif()
 endfunction()

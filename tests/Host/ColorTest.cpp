@@ -10,7 +10,6 @@
 namespace Norvex {
 namespace {
 
-using Conf::ColorPrimaries;
 using Conf::YCbCrMatrix;
 using Proc::ColorConversionInfo;
 using Proc::LinearizationMode;

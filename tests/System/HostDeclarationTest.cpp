@@ -6,6 +6,7 @@
 #include "Proc/DirectX/Manager/API.h"
 #include "tests/support/LogCapture.h"
 
+// The name is the system's. NOLINTNEXTLINE(readability-identifier-naming)
 extern "C" __declspec(dllexport) const unsigned D3D12SDKVersion = NORVEX_DECLARED_SDK_VERSION;
 
 namespace Norvex::DX {
