@@ -18,7 +18,6 @@ namespace Norvex::DX {
 namespace {
 
 using Norvex::Test::MethodPatch;
-using Norvex::Test::SentenceOf;
 using Norvex::Test::ThrownBy;
 using testing::EndsWith;
 using testing::HasSubstr;

@@ -52,11 +52,11 @@ ImportPatch::~ImportPatch() {
 
 void ImportPatch::Store(void* value) {
     DWORD protection = 0;
-    if (!VirtualProtect(m_place, sizeof(void*), PAGE_READWRITE, &protection)) {
+    if (!VirtualProtect(static_cast<void*>(m_place), sizeof(void*), PAGE_READWRITE, &protection)) {
         throw std::runtime_error("the import table cannot be written");
     }
     *m_place = value;
-    VirtualProtect(m_place, sizeof(void*), protection, &protection);
+    VirtualProtect(static_cast<void*>(m_place), sizeof(void*), protection, &protection);
 }
 
 } // namespace Norvex::Test
