@@ -129,8 +129,8 @@ public:
     // destination"; for resources "Invalid upload data" when a row pitch is smaller than the row.
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);
-    // Block until the data are in CPU memory. "Source resource is not a buffer"; "Invalid download
-    // data".
+    // Block until the data are in CPU memory. "Source resource is not a buffer", "Downloading data
+    // does not fit in the source"; for resources "Invalid download data".
     void DownloadRegion(const D12DownloadRegionParams& params);
     void DownloadResource(const D12DownloadResourceParams& params);
 
