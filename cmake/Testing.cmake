@@ -5,8 +5,11 @@
 #     [VALIDATED]                 run under the Vulkan validation layer; one message fails the test
 #     [VALIDATION_REPORTS <text>] run under the layer; the test fails unless the layer says <text>
 #     [WINDOWS_VERSION <win7|win8|win81|win10|win11>]  what Windows tells the program to be
+#     [STARTS <target>]           with WINDOWS_VERSION: the program that the test starts is told, not
+#                                 the test
 #     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; left out
 #                                 where there is none
+#     [SECOND_DIRECT3D11]         run on DXVK's Direct3D 11 instead of Wine's
 #     [ENVIRONMENT K=V ...] [ARGUMENTS ...] [TIMEOUT <seconds>] [NO_MAIN])
 # norvex_add_test_run(<name> PROGRAM <target> ...)
 #     one more run of a test program, with the same options
@@ -22,8 +25,8 @@ file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
 # Names of the tests that are left out, one a line, for the runner's count.
 file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
 
-set(kTestSwitches VALIDATED MICROSOFT_COMPILER NO_MAIN)
-set(kTestValues NAME PROGRAM WINDOWS_VERSION VALIDATION_REPORTS TIMEOUT SANITIZER)
+set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 NO_MAIN)
+set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS VALIDATION_REPORTS TIMEOUT SANITIZER)
 set(kTestLists SOURCES LIBRARIES ENVIRONMENT ARGUMENTS DEFINITIONS)
 
 macro(norvex_parse_test_arguments)
@@ -78,8 +81,14 @@ function(norvex_add_test_run)
     if(arg_WINDOWS_VERSION)
         list(APPEND options --windows-version ${arg_WINDOWS_VERSION})
     endif()
+    if(arg_STARTS)
+        list(APPEND options --starts "$<TARGET_FILE:${arg_STARTS}>")
+    endif()
     if(arg_MICROSOFT_COMPILER)
         list(APPEND options --microsoft-compiler)
+    endif()
+    if(arg_SECOND_DIRECT3D11)
+        list(APPEND options --second-direct3d11)
     endif()
     add_test(NAME ${arg_NAME}
         COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} --
@@ -90,7 +99,7 @@ endfunction()
 # On Windows a test is the program itself; what needs another system or another layer is left out by
 # name.
 macro(norvex_add_windows_run)
-    if(arg_WINDOWS_VERSION OR arg_VALIDATION_REPORTS OR arg_MICROSOFT_COMPILER)
+    if(arg_WINDOWS_VERSION OR arg_VALIDATION_REPORTS OR arg_MICROSOFT_COMPILER OR arg_SECOND_DIRECT3D11)
         norvex_leave_out_test(${arg_NAME} "it needs a simulated system")
     else()
         add_test(NAME ${arg_NAME} COMMAND ${arg_PROGRAM} "--gtest_output=xml:${result}" ${arg_ARGUMENTS})

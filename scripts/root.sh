@@ -4,14 +4,21 @@
 # Where the machine is Debian 13 itself, that is the machine; elsewhere it is a folder that
 # bubblewrap enters.
 
-kRootPackages=(
+kBuildPackages=(
     # compiling, for Windows and, for the sanitizers, for the machine itself
     g++-mingw-w64-x86-64-posix g++ cmake ninja-build
     # libraries
     directx-headers-dev googletest libboost-dev libcli11-dev libfmt-dev libz-mingw-w64-dev nlohmann-json3-dev
-    # running: Windows programs, a display, software drivers and their validation
-    wine64 xvfb libgl1 libgl1-mesa-dri libglx-mesa0 libvulkan1 mesa-vulkan-drivers vulkan-validationlayers
 )
+kRunPackages=(
+    # Windows programs, a display, software drivers and their validation
+    wine64 xvfb libgl1 libgl1-mesa-dri libglx-mesa0 libvulkan1 mesa-vulkan-drivers vulkan-validationlayers
+    # a second Direct3D 11, and the display that it needs
+    dxvk-wine64 xserver-xorg-core xserver-xorg-video-dummy
+    # clips to encode, and a judge of what comes out
+    ffmpeg
+)
+kRootPackages=("${kBuildPackages[@]}" "${kRunPackages[@]}")
 kSuite=trixie
 
 os_release() { sed -n "s/^$1=\"\?\([^\"]*\)\"\?$/\1/p" /etc/os-release; }

@@ -7,7 +7,7 @@ find_setup() {
     check_folders
     downloads=$cache/downloads-$(hash_of "${kSourceHashes[*]}" "$kPhotoPackage" "$kPhotoFile")
     sdk=$cache/third-party-$(hash_of "$scripts/third-party.sh" "$project/cmake/mingw-toolchain.cmake" \
-        "${kSourceHashes[*]}" "$rootKey")
+        "${kSourceHashes[*]}" "$kSuite" "${kBuildPackages[*]}")
     winePrefix=$cache/wine-prefix-$(hash_of "$scripts/wine-prefix.sh" "$scripts/wine-environment.sh" "$rootKey")
     photo=$downloads/photo.jpg
     compilerFolder=$cache/d3dcompiler-$(hash_of "$kCompilerHash")

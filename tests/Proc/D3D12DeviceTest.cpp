@@ -1,22 +1,17 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 
-#include <atomic>
-#include <chrono>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
-#include "tests/support/LifeProbe.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
 namespace {
 
-using Norvex::Test::LifeProbe;
 using Norvex::Test::MethodPatch;
 using Norvex::Test::SentenceOf;
 using Norvex::Test::ThrownBy;
@@ -26,38 +21,6 @@ using CheckFeatureSupport = MethodPatch<Slot::kDeviceCheckFeatureSupport,
                                         HRESULT(ID3D12Device*, D3D12_FEATURE, void*, UINT)>;
 using GetDeviceRemovedReason =
     MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
-
-TEST(D3D12DeviceTest, OneDeviceAnAdapterWhileItLives) {
-    auto device = D12Device::CreatePrimary();
-    EXPECT_EQ(D12Device::CreatePrimary(), device);
-    EXPECT_EQ(D12Device::Create(device->GetAdapterLuid()), device);
-    EXPECT_EQ(D12Device::Find(device->Get()), device);
-    EXPECT_EQ(D12Device::Find(nullptr), nullptr);
-    EXPECT_EQ(device->GetRefCount(), 1u) << "nothing kept a reference";
-
-    CComPtr<ID3D12Device> raw(device->Get());
-    const LifeProbe probe(raw);
-    device.reset();
-    EXPECT_EQ(D12Device::Find(raw), nullptr);
-    EXPECT_EQ((raw.p->AddRef(), raw.p->Release()), 1u) << "the test's own reference is the last";
-    raw.Release();
-    EXPECT_FALSE(probe.IsAlive());
-    EXPECT_NE(D12Device::CreatePrimary(), nullptr);
-}
-
-TEST(D3D12DeviceTest, ARemovedDeviceIsReplacedButStillFound) {
-    const auto removed = D12Device::CreatePrimary();
-    // All devices share the method table: only this one is removed.
-    const GetDeviceRemovedReason patch(
-        removed->Get(), [&removed](auto original, ID3D12Device* self) {
-            return self == removed->Get() ? DXGI_ERROR_DEVICE_HUNG : original(self);
-        });
-    EXPECT_EQ(removed->GetDeviceRemovedReason(), DXGI_ERROR_DEVICE_HUNG);
-    const auto fresh = D12Device::Create(removed->GetAdapterLuid());
-    EXPECT_NE(fresh, removed);
-    EXPECT_EQ(D12Device::Find(removed->Get()), removed);
-    EXPECT_EQ(D12Device::CreatePrimary(), fresh);
-}
 
 TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
     HRESULT levels = DXGI_ERROR_UNSUPPORTED;
@@ -185,30 +148,6 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
                                             nullptr);
               }),
               "Unsupported command list type: 4");
-}
-
-// Each thread finds or makes the device and drops it at once; a dead object handed out would crash.
-TEST(D3D12DeviceTest, CreateFindAndLastReleaseMayRace) {
-    std::atomic<ID3D12Device*> last{nullptr};
-    std::atomic<int> made{0};
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            while (std::chrono::steady_clock::now() < until) {
-                const auto device = i % 2 == 0 ? D12Device::CreatePrimary() : D12Device::Find(last);
-                if (device != nullptr) {
-                    last = device->Get();
-                    EXPECT_FALSE(device->GetAdapterName().empty());
-                    ++made;
-                }
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_GT(made, 4);
 }
 
 } // namespace

@@ -5,11 +5,15 @@
 
 #include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
 namespace {
 
+using Norvex::Test::ExpectFailure11;
+using Norvex::Test::FailingMethod;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -20,8 +24,8 @@ constexpr auto kPixelSource = "float4 PsMain() : SV_TARGET { return float4(1, 0,
 
 // The version token that the bytecode's program begins with: kind (0 pixel, 1 vertex) << 16 | major
 // << 4 | minor.
-std::optional<std::uint32_t> ProgramVersion(const D3D12_SHADER_BYTECODE& bytecode) {
-    const auto* bytes = static_cast<const unsigned char*>(bytecode.pShaderBytecode);
+std::optional<std::uint32_t> ProgramVersion(const D3ShaderBytecode& shader) {
+    const auto* bytes = static_cast<const unsigned char*>(shader.GetBuffer()->GetBufferPointer());
     const auto wordAt = [bytes](std::size_t offset) {
         std::uint32_t word = 0;
         std::memcpy(&word, bytes + offset, sizeof(word));
@@ -47,10 +51,10 @@ TEST(DirectXShader, CompilesForTheTargetsOfLevel11) {
     EXPECT_EQ(pixel->GetName(), "PsMain");
     EXPECT_EQ(vertex->GetShader().pShaderBytecode, vertex->GetBuffer()->GetBufferPointer());
     EXPECT_EQ(vertex->GetShader().BytecodeLength, vertex->GetBuffer()->GetBufferSize());
-    EXPECT_THAT(ProgramVersion(vertex->GetShader()), testing::Optional(0x10050u));
-    EXPECT_THAT(ProgramVersion(pixel->GetShader()), testing::Optional(0x50u));
+    EXPECT_THAT(ProgramVersion(*vertex), testing::Optional(0x10050u));
+    EXPECT_THAT(ProgramVersion(*pixel), testing::Optional(0x50u));
     const D12Shader older("PsMain", kPixelSource, "ps_4_0");
-    EXPECT_THAT(ProgramVersion(older.GetShader()), testing::Optional(0x40u));
+    EXPECT_THAT(ProgramVersion(older), testing::Optional(0x40u));
 }
 
 TEST(DirectXShader, FailureNamesTheShaderAndTellsTheError) {
@@ -69,6 +73,38 @@ TEST(DirectXShader, FailureNamesTheShaderAndTellsTheError) {
                 StartsWith("Failed to compile shader: shaderName = PsMain"));
 }
 
+// The device's level does not matter, so that one bytecode serves every device.
+TEST(D3D11ShaderTest, CompilesForTheTargetsOfLevel10) {
+    const auto device = D11Device::CreatePrimary();
+    ASSERT_GE(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_0);
+    const D11VertexShader vertex(device, "VsMain", kVertexSource);
+    const D11PixelShader pixel(device, "PsMain", kPixelSource);
+    EXPECT_EQ(vertex.GetName(), "VsMain");
+    EXPECT_THAT(ProgramVersion(vertex), testing::Optional(0x10040u));
+    EXPECT_THAT(ProgramVersion(pixel), testing::Optional(0x40u));
+    EXPECT_NE(vertex.GetShader().p, nullptr);
+    EXPECT_NE(pixel.GetShader().p, nullptr);
+}
+
+TEST(D3D11ShaderTest, FailuresAreOfThisGeneration) {
+    const auto device = D11Device::CreatePrimary();
+    const auto syntax = Norvex::Test::ThrownBy([&] { D11PixelShader(device, "Broken", "?"); });
+    EXPECT_THAT(syntax.sentence,
+                StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"));
+    EXPECT_EQ(syntax.kind, "DirectX 11 exception");
+
+    const FailingMethod<Norvex::Test::Slot::kDevice11CreateVertexShader> noVertex(device->Get(),
+                                                                                  E_ACCESSDENIED);
+    const FailingMethod<Norvex::Test::Slot::kDevice11CreatePixelShader> noPixel(device->Get(),
+                                                                                E_ACCESSDENIED);
+    ExpectFailure11([&] { D11VertexShader(device, "VsMain", kVertexSource); },
+                    "Failed to create vertex shader", "CreateVertexShader", E_ACCESSDENIED);
+    const auto pixel =
+        ExpectFailure11([&] { D11PixelShader(device, "PsMain", kPixelSource); },
+                        "Failed to create pixel shader", "CreatePixelShader", E_ACCESSDENIED);
+    EXPECT_THAT(pixel.details, HasSubstr("Adapter name: " + device->GetAdapterName()));
+}
+
 // Run by itself, where there is no compiler.
 TEST(DirectXShaderWithoutCompiler, FailureHasNoCompilerText) {
     ASSERT_FALSE(D3ShaderBytecode::IsCompilerLoaded());
@@ -77,6 +113,9 @@ TEST(DirectXShaderWithoutCompiler, FailureHasNoCompilerText) {
     EXPECT_EQ(thrown.sentence, "Failed to compile shader: shaderName = VsMain");
     EXPECT_EQ(thrown.function, "CompileShader");
     EXPECT_EQ(thrown.result, static_cast<long>(0x80070505));
+    ExpectFailure11([] { D11PixelShader(D11Device::CreatePrimary(), "PsMain", kPixelSource); },
+                    "Failed to compile shader: shaderName = PsMain", "CompileShader",
+                    thrown.result);
 }
 
 } // namespace

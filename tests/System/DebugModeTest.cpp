@@ -1,111 +1,102 @@
 // Debug mode, asked for in time. Whether this system has the debug layer decides what follows; both
 // ways are checked.
 
+#include <string>
+
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "tests/support/Device11.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/MethodPatch.h"
 
 namespace Norvex::DX {
 namespace {
 
-using Norvex::Test::LogCapture;
-using Norvex::Test::MethodPatch;
+using namespace Norvex::Test;
 
-constexpr std::size_t kQueryInterfaceSlot = 0;
-using QueryInterface = MethodPatch<kQueryInterfaceSlot, HRESULT(ID3D12Device*, REFIID, void**)>;
+struct Generation11 {
+    using Device = D11Device;
+    using Raw = ID3D11Device;
+    using Queue = ID3D11InfoQueue;
+    using Message = D3D11_MESSAGE;
+    static constexpr auto kError = D3D11_MESSAGE_SEVERITY_ERROR;
+    static constexpr auto kInformation = D3D11_MESSAGE_SEVERITY_INFO;
+    static constexpr auto kName = "D3D11";
+};
 
-// Three stored messages: an error, a warning whose text cannot be fetched, an information.
-class FakeInfoQueue final : public ID3D12InfoQueue {
-public:
-    virtual ~FakeInfoQueue() = default;
+struct Generation12 {
+    using Device = D12Device;
+    using Raw = ID3D12Device;
+    using Queue = ID3D12InfoQueue;
+    using Message = D3D12_MESSAGE;
+    static constexpr auto kError = D3D12_MESSAGE_SEVERITY_ERROR;
+    static constexpr auto kInformation = D3D12_MESSAGE_SEVERITY_INFO;
+    static constexpr auto kName = "D3D12";
+};
+
+// Three stored messages: an error, one that cannot be fetched, an information.
+template <class Generation>
+struct FakeInfoQueue : FakeObject {
+    using Message = typename Generation::Message;
+
+    FakeInfoQueue() {
+        Set(
+            Slot::kInfoQueueGetMessage,
+            +[](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
+                if (index == 1) {
+                    return E_INVALIDARG;
+                }
+                static constexpr char kText[] = "Something is wrong";
+                *size = sizeof(Message);
+                if (message != nullptr) {
+                    message->Severity = index == 0 ? Generation::kError : Generation::kInformation;
+                    message->ID = {};
+                    message->pDescription = kText;
+                    message->DescriptionByteLength = sizeof(kText);
+                }
+                return S_OK;
+            });
+        Set(Slot::kInfoQueueGetNumStoredMessages, +[](FakeInfoQueue*) { return UINT64{3}; });
+        Set(
+            Slot::kInfoQueueClearStoredMessages,
+            +[](FakeInfoQueue* self) { self->isCleared = true; });
+    }
 
     bool isCleared = false;
-    int references = 1;
-
-    HRESULT STDMETHODCALLTYPE GetMessage(UINT64 index, D3D12_MESSAGE* message,
-                                         SIZE_T* size) override {
-        if (index == 1) {
-            return E_INVALIDARG;
-        }
-        static constexpr char kText[] = "Something is wrong";
-        *size = sizeof(D3D12_MESSAGE);
-        if (message != nullptr) {
-            message->Severity =
-                index == 0 ? D3D12_MESSAGE_SEVERITY_ERROR : D3D12_MESSAGE_SEVERITY_INFO;
-            message->ID = D3D12_MESSAGE_ID_MAP_INVALIDHEAP;
-            message->pDescription = kText;
-            message->DescriptionByteLength = sizeof(kText);
-        }
-        return S_OK;
-    }
-    UINT64 STDMETHODCALLTYPE GetNumStoredMessagesAllowedByRetrievalFilter() override { return 3; }
-    void STDMETHODCALLTYPE ClearStoredMessages() override { isCleared = true; }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-    ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references); }
-    ULONG STDMETHODCALLTYPE Release() override { return static_cast<ULONG>(--references); }
-
-    // Not used by the library.
-    HRESULT STDMETHODCALLTYPE SetMessageCountLimit(UINT64) override { return E_NOTIMPL; }
-    UINT64 STDMETHODCALLTYPE GetNumMessagesAllowedByStorageFilter() override { return 0; }
-    UINT64 STDMETHODCALLTYPE GetNumMessagesDeniedByStorageFilter() override { return 0; }
-    UINT64 STDMETHODCALLTYPE GetNumStoredMessages() override { return 0; }
-    UINT64 STDMETHODCALLTYPE GetNumMessagesDiscardedByMessageCountLimit() override { return 0; }
-    UINT64 STDMETHODCALLTYPE GetMessageCountLimit() override { return 0; }
-    HRESULT STDMETHODCALLTYPE AddStorageFilterEntries(D3D12_INFO_QUEUE_FILTER*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetStorageFilter(D3D12_INFO_QUEUE_FILTER*, SIZE_T*) override {
-        return E_NOTIMPL;
-    }
-    void STDMETHODCALLTYPE ClearStorageFilter() override {}
-    HRESULT STDMETHODCALLTYPE PushEmptyStorageFilter() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE PushCopyOfStorageFilter() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE PushStorageFilter(D3D12_INFO_QUEUE_FILTER*) override {
-        return E_NOTIMPL;
-    }
-    void STDMETHODCALLTYPE PopStorageFilter() override {}
-    UINT STDMETHODCALLTYPE GetStorageFilterStackSize() override { return 0; }
-    HRESULT STDMETHODCALLTYPE AddRetrievalFilterEntries(D3D12_INFO_QUEUE_FILTER*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetRetrievalFilter(D3D12_INFO_QUEUE_FILTER*, SIZE_T*) override {
-        return E_NOTIMPL;
-    }
-    void STDMETHODCALLTYPE ClearRetrievalFilter() override {}
-    HRESULT STDMETHODCALLTYPE PushEmptyRetrievalFilter() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE PushCopyOfRetrievalFilter() override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE PushRetrievalFilter(D3D12_INFO_QUEUE_FILTER*) override {
-        return E_NOTIMPL;
-    }
-    void STDMETHODCALLTYPE PopRetrievalFilter() override {}
-    UINT STDMETHODCALLTYPE GetRetrievalFilterStackSize() override { return 0; }
-    HRESULT STDMETHODCALLTYPE AddMessage(D3D12_MESSAGE_CATEGORY, D3D12_MESSAGE_SEVERITY,
-                                         D3D12_MESSAGE_ID, LPCSTR) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE AddApplicationMessage(D3D12_MESSAGE_SEVERITY, LPCSTR) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE SetBreakOnCategory(D3D12_MESSAGE_CATEGORY, BOOL) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE SetBreakOnSeverity(D3D12_MESSAGE_SEVERITY, BOOL) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE SetBreakOnID(D3D12_MESSAGE_ID, BOOL) override { return E_NOTIMPL; }
-    BOOL STDMETHODCALLTYPE GetBreakOnCategory(D3D12_MESSAGE_CATEGORY) override { return FALSE; }
-    BOOL STDMETHODCALLTYPE GetBreakOnSeverity(D3D12_MESSAGE_SEVERITY) override { return FALSE; }
-    BOOL STDMETHODCALLTYPE GetBreakOnID(D3D12_MESSAGE_ID) override { return FALSE; }
-    void STDMETHODCALLTYPE SetMuteDebugOutput(BOOL) override {}
-    BOOL STDMETHODCALLTYPE GetMuteDebugOutput() override { return FALSE; }
 };
+
+template <class Generation>
+void CheckMessages(typename Generation::Device& device) {
+    SCOPED_TRACE(Generation::kName);
+    using Patch = InterfacePatch<typename Generation::Raw, typename Generation::Queue>;
+    const std::string name = Generation::kName;
+    LogCapture log;
+    {
+        const Patch patch(device.Get(), nullptr);
+        const Norvex::HResult withoutQueue(E_FAIL, device.Get());
+    }
+    EXPECT_EQ(log.Count(google::GLOG_ERROR, name + ": Failed to get information queue"), 1);
+
+    FakeInfoQueue<Generation> queue;
+    const Patch patch(device.Get(), &queue);
+    const Norvex::HResult withQueue(E_FAIL, device.Get());
+    const std::string text = name + std::string(": Something is wrong\0 (0)", 25);
+    EXPECT_EQ(log.Count(google::GLOG_ERROR, text), 1);
+    EXPECT_EQ(log.Count(google::GLOG_INFO, text), 1);
+    EXPECT_EQ(log.Count(google::GLOG_ERROR, fmt::format("{}: I{}InfoQueue::GetMessage failed with "
+                                                        "-2147024809",
+                                                        name, name)),
+              1);
+    EXPECT_TRUE(queue.isCleared);
+    EXPECT_EQ(queue.GetReferences(), 0);
+    EXPECT_EQ(withQueue.value().adapter, device.GetDescription());
+}
 
 TEST(DebugModeTest, MessagesReachTheLog) {
     EnableDebugMode();
@@ -123,31 +114,20 @@ TEST(DebugModeTest, MessagesReachTheLog) {
                                 "Add a feature, and then look for \"Graphics Tools\".";
     EXPECT_EQ(log.Count(google::GLOG_WARNING, warning), hasLayer ? 0 : 1);
 
-    const auto device = D12Device::CreatePrimary();
-    FakeInfoQueue queue;
-    bool isOffered = false;
-    const QueryInterface patch(device->Get(),
-                               [&](auto original, ID3D12Device* self, REFIID riid, void** out) {
-                                   if (!IsEqualGUID(riid, __uuidof(ID3D12InfoQueue))) {
-                                       return original(self, riid, out);
-                                   }
-                                   *out = isOffered ? &queue : nullptr;
-                                   queue.references += isOffered ? 1 : 0;
-                                   return isOffered ? S_OK : E_NOINTERFACE;
-                               });
-    const Norvex::HResult withoutQueue(E_FAIL, device->Get());
-    EXPECT_EQ(log.Count(google::GLOG_ERROR, "D3D12: Failed to get information queue"), 1);
-
-    isOffered = true;
-    const Norvex::HResult withQueue(E_FAIL, device->Get());
-    EXPECT_EQ(log.Count(google::GLOG_ERROR, std::string("D3D12: Something is wrong\0 (", 28)), 1);
-    EXPECT_EQ(log.Count(google::GLOG_INFO, "D3D12: Something is wrong"), 1);
-    EXPECT_EQ(
-        log.Count(google::GLOG_ERROR, "D3D12: ID3D12InfoQueue::GetMessage failed with -2147024809"),
-        1);
-    EXPECT_TRUE(queue.isCleared);
-    EXPECT_EQ(queue.references, 1);
-    EXPECT_EQ(withQueue.value().adapter, device->GetDescription());
+    // Without the layer's component the same level is tried again without it.
+    const CreateDevice11Patch creation([](const auto& attempt) -> HRESULT {
+        return (attempt.flags & D3D11_CREATE_DEVICE_DEBUG) != 0 ? DXGI_ERROR_SDK_COMPONENT_MISSING
+                                                                : S_OK;
+    });
+    const auto device11 = D11Device::CreatePrimary();
+    const auto level = D3D_FEATURE_LEVEL_11_1;
+    EXPECT_THAT(creation.attempts,
+                testing::ElementsAre(
+                    CreateDevice11Patch::Attempt{
+                        level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT | D3D11_CREATE_DEVICE_DEBUG},
+                    CreateDevice11Patch::Attempt{level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT}));
+    CheckMessages<Generation11>(*device11);
+    CheckMessages<Generation12>(*D12Device::CreatePrimary());
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/Painter.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
@@ -33,6 +34,13 @@ TEST(NoDirect3D12Test, DevicesAreRefusedAndTheRestWorks) {
     EXPECT_EQ(thrown.sentence, "DirectX 12 device interface is not supported on this system");
     EXPECT_EQ(thrown.result, DXGI_ERROR_UNSUPPORTED);
     EXPECT_FALSE(factory->EnumerateAdapterDescriptions(false).empty());
+}
+
+TEST(NoDirect3D12Test, Direct3D11Draws) {
+    const Norvex::Test::Color color = {1.0, 0.2, 0.0, 1.0};
+    const auto picture = Norvex::Test::MakePixels(4, 4, [&](unsigned, unsigned) { return color; });
+    EXPECT_THAT(Norvex::Test::MakePainter11()->Draw({.source = picture}).colors,
+                testing::Each(color));
 }
 
 } // namespace

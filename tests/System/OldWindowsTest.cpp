@@ -9,6 +9,10 @@
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/Device11.h"
+#include "tests/support/Painter.h"
+#include "tests/support/SwapChain11.h"
+#include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
 namespace {
@@ -47,6 +51,20 @@ TEST(OldWindowsTest, Direct3D12StaysUnloaded) {
     EXPECT_EQ(API::GetInstance().CreateDevice(nullptr, D3D_FEATURE_LEVEL_11_1, device),
               API::E_DELAY_LOAD_FAILED);
     EXPECT_EQ(GetModuleHandleW(L"d3d12.dll"), nullptr);
+}
+
+TEST(OldWindowsTest, Direct3D11DrawsAndPresents) {
+    const Norvex::Test::Color color = {1.0, 0.2, 0.0, 1.0};
+    const auto picture = Norvex::Test::MakePixels(4, 4, [&](unsigned, unsigned) { return color; });
+    EXPECT_THAT(Norvex::Test::MakePainter11()->Draw({.source = picture}).colors,
+                testing::Each(color));
+    const auto device = D11Device::CreatePrimary();
+    Norvex::Test::DrawAndPresent(*device);
+    // Only the factory that made the device serves.
+    const Norvex::Test::InterfacePatch<ID3D11Device, IDXGIDevice> none(device->Get(), nullptr);
+    Norvex::Test::ExpectFailure11([&] { device->CreateSwapChainForHwnd(nullptr, {}); },
+                                  "Failed to get DXGI device", "CreateSwapChainForHwnd",
+                                  E_NOINTERFACE);
 }
 
 TEST(OldWindowsTest, DriverVersionComesFromTheMatchingVideoDevice) {

@@ -16,7 +16,27 @@ namespace Norvex::Test {
 
 // Positions in the method tables, as the interfaces' declarations order them.
 namespace Slot {
+constexpr std::size_t kQueryInterface = 0;
 constexpr std::size_t kAdapterGetDesc1 = 10;
+constexpr std::size_t kContext11Map = 14;
+constexpr std::size_t kContext11IASetVertexBuffers = 18;
+constexpr std::size_t kContext11Signal = 147;
+constexpr std::size_t kContext11Wait = 148;
+constexpr std::size_t kDevice11CreateBuffer = 3;
+constexpr std::size_t kDevice11CreateTexture2D = 5;
+constexpr std::size_t kDevice11CreateShaderResourceView = 7;
+constexpr std::size_t kDevice11CreateRenderTargetView = 9;
+constexpr std::size_t kDevice11CreateDepthStencilView = 10;
+constexpr std::size_t kDevice11CreateInputLayout = 11;
+constexpr std::size_t kDevice11CreateVertexShader = 12;
+constexpr std::size_t kDevice11CreatePixelShader = 15;
+constexpr std::size_t kDevice11CreateBlendState = 20;
+constexpr std::size_t kDevice11CreateDepthStencilState = 21;
+constexpr std::size_t kDevice11CreateRasterizerState = 22;
+constexpr std::size_t kDevice11CreateSamplerState = 23;
+constexpr std::size_t kDevice11CheckFormatSupport = 29;
+constexpr std::size_t kDevice11GetDeviceRemovedReason = 39;
+constexpr std::size_t kDevice11OpenSharedFence = 67;
 constexpr std::size_t kDeviceCreateCommandAllocator = 9;
 constexpr std::size_t kDeviceCreateCommandList = 12;
 constexpr std::size_t kDeviceCheckFeatureSupport = 13;
@@ -27,10 +47,17 @@ constexpr std::size_t kDeviceCreateShaderResourceView = 18;
 constexpr std::size_t kDeviceCreateUnorderedAccessView = 19;
 constexpr std::size_t kDeviceCreateRenderTargetView = 20;
 constexpr std::size_t kDeviceCreateCommittedResource = 27;
+constexpr std::size_t kDeviceCreateSharedHandle = 31;
 constexpr std::size_t kDeviceCreateFence = 36;
 constexpr std::size_t kDeviceGetDeviceRemovedReason = 37;
+constexpr std::size_t kDxgiDeviceGetAdapter = 7;
 constexpr std::size_t kFactoryEnumAdapters1 = 12;
 constexpr std::size_t kFenceSetEventOnCompletion = 9;
+constexpr std::size_t kInfoQueueClearStoredMessages = 4; // of both generations, as the next two
+constexpr std::size_t kInfoQueueGetMessage = 5;
+constexpr std::size_t kInfoQueueGetNumStoredMessages = 9;
+constexpr std::size_t kKeyedMutexAcquireSync = 8;
+constexpr std::size_t kKeyedMutexReleaseSync = 9;
 constexpr std::size_t kListCopyBufferRegion = 15;
 constexpr std::size_t kListRSSetViewports = 21;
 constexpr std::size_t kListRSSetScissorRects = 22;
@@ -46,6 +73,7 @@ constexpr std::size_t kQueueExecuteCommandLists = 10;
 constexpr std::size_t kResourceMap = 8;
 constexpr std::size_t kResourceUnmap = 9;
 constexpr std::size_t kResourceGetDesc = 10;
+constexpr std::size_t kResource1CreateSharedHandle = 13;
 } // namespace Slot
 
 template <std::size_t slot, class Signature>
@@ -94,6 +122,18 @@ private:
     void** m_entry;
     Function m_function;
     Original m_original;
+};
+
+// Makes a method answer a failure. It needs none of its other arguments, since on x64 it is the
+// caller who takes them off the stack.
+template <std::size_t slot>
+class FailingMethod {
+public:
+    FailingMethod(IUnknown* object, HRESULT result)
+        : m_patch(object, [result](auto, IUnknown*) { return result; }) {}
+
+private:
+    MethodPatch<slot, HRESULT(IUnknown*)> m_patch;
 };
 
 } // namespace Norvex::Test

@@ -5,6 +5,8 @@
 #include <ostream>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "Proc/DirectX/Manager/Exceptions.h"
 
 namespace Norvex::Test {
@@ -12,7 +14,9 @@ namespace Norvex::Test {
 struct Thrown {
     std::string sentence; // "(nothing)" when the call returned
     std::string function;
-    long result = 0; // E_FAIL when no result was carried
+    long result = 0;     // E_FAIL when no result was carried
+    std::string details; // of the result
+    std::string kind;    // what()
 };
 
 // Lets other exceptions than the library's pass.
@@ -22,14 +26,27 @@ Thrown ThrownBy(const Call& call) {
         call();
     } catch (const DX::DirectXException& e) {
         const auto* function = boost::get_error_info<boost::throw_function>(e);
-        return {e.GetErrorDescription(), function != nullptr ? *function : "", e.GetResult()};
+        return {e.GetErrorDescription(), function != nullptr ? *function : "", e.GetResult(),
+                e.GetResultDescription(), e.what()};
     }
-    return {"(nothing)", "", 0};
+    return {"(nothing)", "", 0, "", ""};
 }
 
 template <class Call>
 std::string SentenceOf(const Call& call) {
     return ThrownBy(call).sentence;
+}
+
+// Expects a failure of Direct3D 11. E_FAIL: without a result. Returns what was thrown.
+template <class Call>
+Thrown ExpectFailure11(const Call& call, const std::string& sentence, const std::string& function,
+                       long result = E_FAIL) {
+    const Thrown thrown = ThrownBy(call);
+    EXPECT_EQ(thrown.sentence, sentence);
+    EXPECT_EQ(thrown.function, function) << sentence;
+    EXPECT_EQ(thrown.result, result) << sentence;
+    EXPECT_EQ(thrown.kind, "DirectX 11 exception") << sentence;
+    return thrown;
 }
 
 } // namespace Norvex::Test

@@ -1,73 +1,18 @@
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 
-#include "FillShaders.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3Quad.h"
 #include "Proc/DirectX/Manager/Throw.h"
+#include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
 
-struct QuadVertex {
-    float x, y, w;
-    float u, v;
-};
-
-// Covers clip space; a triangle strip.
-constexpr QuadVertex kQuad[] = {
-    {-1, -1, 1, 0, 1},
-    {-1, 1, 1, 0, 0},
-    {1, -1, 1, 1, 1},
-    {1, 1, 1, 1, 0},
-};
-
-D3D12_RASTERIZER_DESC MakeRasterizer() {
-    D3D12_RASTERIZER_DESC desc = {};
-    desc.FillMode = D3D12_FILL_MODE_SOLID;
-    desc.CullMode = D3D12_CULL_MODE_BACK;
-    desc.DepthClipEnable = TRUE;
-    desc.ConservativeRaster = D3D12_CONSERVATIVE_RASTERIZATION_MODE_OFF;
-    return desc;
-}
-
-D3D12_DEPTH_STENCIL_DESC MakeDepthStencil() {
-    const D3D12_DEPTH_STENCILOP_DESC keep = {D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP,
-                                             D3D12_STENCIL_OP_KEEP, D3D12_COMPARISON_FUNC_ALWAYS};
-    D3D12_DEPTH_STENCIL_DESC desc = {};
-    desc.DepthWriteMask = D3D12_DEPTH_WRITE_MASK_ALL;
-    desc.DepthFunc = D3D12_COMPARISON_FUNC_LESS;
-    desc.StencilReadMask = D3D12_DEFAULT_STENCIL_READ_MASK;
-    desc.StencilWriteMask = D3D12_DEFAULT_STENCIL_WRITE_MASK;
-    desc.FrontFace = keep;
-    desc.BackFace = keep;
-    return desc;
-}
-
-D3D12_STATIC_SAMPLER_DESC MakeLinearSampler() {
-    D3D12_STATIC_SAMPLER_DESC desc = {};
-    desc.Filter = D3D12_FILTER_MIN_MAG_MIP_LINEAR;
-    desc.AddressU = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
-    desc.AddressV = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
-    desc.AddressW = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
-    desc.MaxAnisotropy = 1;
-    desc.ComparisonFunc = D3D12_COMPARISON_FUNC_NEVER;
-    desc.BorderColor = D3D12_STATIC_BORDER_COLOR_TRANSPARENT_BLACK;
-    desc.MaxLOD = D3D12_FLOAT32_MAX;
-    desc.ShaderVisibility = D3D12_SHADER_VISIBILITY_PIXEL;
-    return desc;
-}
-
 void CheckTarget(const D12Descriptor& target, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(target.GetType() == D12Descriptor::RenderTarget,
                                     "The texture is expected to be the render target view",
                                     location);
-}
-
-// The user's transform translates in pixels; a clip unit is half the rectangle.
-AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect) {
-    transform.rows[3][0] *= 2.0F / static_cast<float>(rect.right - rect.left);
-    transform.rows[3][1] *= 2.0F / static_cast<float>(rect.bottom - rect.top);
-    return transform;
 }
 
 } // namespace
@@ -77,14 +22,9 @@ D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device,
     : m_device(device) {
     m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
     m_desc.pixelShader = D12Shader::CreatePixel("PSMain", pixelShader);
-    m_desc.rasterizer = MakeRasterizer();
-    m_desc.depthStencil = MakeDepthStencil();
-    m_desc.inputLayout = {
-        {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0,
-         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
-        {"TEXCOORD", 0, DXGI_FORMAT_R32G32_FLOAT, 0, D3D12_APPEND_ALIGNED_ELEMENT,
-         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
-    };
+    m_desc.rasterizer = Quad12::MakeRasterizer();
+    m_desc.depthStencil = Quad12::MakeDepthStencil();
+    m_desc.inputLayout = Quad12::MakeInputElements();
     m_desc.primitiveTopologyType = D3D12_PRIMITIVE_TOPOLOGY_TYPE_TRIANGLE;
     m_blendState.targets = {D12RenderTargetBlend{}};
 }
@@ -107,8 +47,9 @@ D12QuadPipeline::MakePipelineState(D12ShaderParameters& parameters, const D12Des
 
 void D12QuadPipeline::EnsureQuad(D12GraphicsCommandList& commandList) {
     if (m_vertexBuffer == nullptr) {
-        m_vertexBuffer =
-            commandList.CreateVertexBuffer(kQuad, sizeof(QuadVertex), std::size(kQuad));
+        const auto quad = MakeQuad();
+        m_vertexBuffer = commandList.CreateVertexBuffer(quad.data(), sizeof(QuadVertex),
+                                                        static_cast<unsigned>(quad.size()));
     }
 }
 
@@ -116,14 +57,8 @@ void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList,
                                const boost::intrusive_ptr<D12Descriptor>& target,
                                const Rect2DT<long>& rect) const {
     const Size2DT<long> size = target->GetSize();
-    D3D12_VIEWPORT viewport = {};
-    viewport.TopLeftX = static_cast<float>(rect.left);
-    viewport.TopLeftY = static_cast<float>(rect.top);
-    viewport.Width = static_cast<float>(rect.right - rect.left);
-    viewport.Height = static_cast<float>(rect.bottom - rect.top);
-    viewport.MaxDepth = 1.0F;
     commandList.OMSetRenderTarget(target, nullptr);
-    commandList.RSSetViewports({viewport});
+    commandList.RSSetViewports({Quad12::MakeViewport(rect)});
     commandList.RSSetScissorRects({RECT{0, 0, size.width, size.height}});
     commandList.IASetVertexBuffer(m_vertexBuffer);
     commandList.IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
@@ -135,7 +70,7 @@ D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
     : m_device(device),
       m_parameters(device->CreateShaderParameters()),
       m_color(m_parameters->AddContants(4, 0, 0, D3D12_SHADER_VISIBILITY_ALL)),
-      m_pipeline(device, std::string(Shaders::kFillVertex), std::string(Shaders::kFillPixel)) {
+      m_pipeline(device, std::string(Shaders::kQuadVertex), std::string(Shaders::kFillPixel)) {
     m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
 }
 
@@ -161,7 +96,7 @@ D12ImageDraw::D12ImageDraw(const boost::intrusive_ptr<D12Device>& device)
                                                        D3D12_SHADER_VISIBILITY_ALL)),
       m_textureTable(m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL)),
       m_pipeline(device, D3ImageRenderer::GetVertexShader(), D3ImageRenderer::GetPixelShader()) {
-    m_parameters->AddSampler(MakeLinearSampler());
+    m_parameters->AddSampler(Quad12::MakeLinearSampler());
     m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
 }
 
@@ -176,7 +111,7 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     AffineTransform transform;
     {
         const std::lock_guard guard(m_mutex);
-        transform = MakeTransform(source, {area.right - area.left, area.bottom - area.top});
+        transform = MakeTransform(source, SizeOf(area));
     }
     Encode(allocator, source, target, transform, conversion, rect);
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -75,6 +76,24 @@ CComPtr<ID3D10Blob> CompileShader(const std::string& entryPoint, const std::stri
     return code;
 }
 
+CComPtr<ID3D11VertexShader> CreateVertexShader(ID3D11Device* device, ID3D10Blob* code) {
+    CComPtr<ID3D11VertexShader> shader;
+    ThrowIfFailed<DirectX11Exception>(device->CreateVertexShader(code->GetBufferPointer(),
+                                                                 code->GetBufferSize(), nullptr,
+                                                                 &shader),
+                                      "Failed to create vertex shader", device);
+    return shader;
+}
+
+CComPtr<ID3D11PixelShader> CreatePixelShader(ID3D11Device* device, ID3D10Blob* code) {
+    CComPtr<ID3D11PixelShader> shader;
+    ThrowIfFailed<DirectX11Exception>(device->CreatePixelShader(code->GetBufferPointer(),
+                                                                code->GetBufferSize(), nullptr,
+                                                                &shader),
+                                      "Failed to create pixel shader", device);
+    return shader;
+}
+
 } // namespace
 
 D3ShaderBytecode::D3ShaderBytecode(std::string name, CComPtr<ID3D10Blob> blob)
@@ -84,6 +103,22 @@ D3ShaderBytecode::D3ShaderBytecode(std::string name, CComPtr<ID3D10Blob> blob)
 bool D3ShaderBytecode::IsCompilerLoaded() {
     return API::GetInstance().IsCompilerLoaded();
 }
+
+D11VertexShader::D11VertexShader(const boost::intrusive_ptr<D11Device>& device,
+                                 const std::string& entryPoint, const std::string& source)
+    : D3ShaderBytecode(entryPoint,
+                       CompileShader<DirectX11Exception>(entryPoint, source,
+                                                         GetVertexShaderTarget<DirectX11Exception>(
+                                                             D11Device::GetMinFeatureLevel()))),
+      m_shader(CreateVertexShader(device->Get(), GetBuffer())) {}
+
+D11PixelShader::D11PixelShader(const boost::intrusive_ptr<D11Device>& device,
+                               const std::string& entryPoint, const std::string& source)
+    : D3ShaderBytecode(entryPoint,
+                       CompileShader<DirectX11Exception>(entryPoint, source,
+                                                         GetPixelShaderTarget<DirectX11Exception>(
+                                                             D11Device::GetMinFeatureLevel()))),
+      m_shader(CreatePixelShader(device->Get(), GetBuffer())) {}
 
 D12Shader::D12Shader(const std::string& entryPoint, const std::string& source,
                      const std::string& target)

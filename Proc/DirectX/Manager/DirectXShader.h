@@ -2,16 +2,21 @@
 
 // Shaders compiled at run time from HLSL text. There is no cache: every construction compiles.
 // Shader objects are immutable, held in std::shared_ptr, any thread. The target is the one of the
-// generation's lowest feature level, whatever the device offers: vs_5_0 and ps_5_0 for Direct3D 12.
-// Direct3D 12 takes bytecode as it is.
+// generation's lowest feature level, whatever the device offers: vs_4_0 and ps_4_0 for Direct3D 11,
+// vs_5_0 and ps_5_0 for Direct3D 12, which takes bytecode as it is. Throws DirectX11Exception or
+// DirectX12Exception.
 
 #include <memory>
 #include <string>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 
 namespace Norvex::DX {
+
+class D11Device;
 
 class NORVEX_DX_API D3ShaderBytecode {
 public:
@@ -30,10 +35,35 @@ private:
     CComPtr<ID3D10Blob> m_blob;
 };
 
+class NORVEX_DX_API D11VertexShader : public D3ShaderBytecode {
+public:
+    // Compiles. "Failed to compile shader" with the entry point and the compiler's text, "Failed to
+    // create vertex shader".
+    D11VertexShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
+                    const std::string& source);
+
+    const CComPtr<ID3D11VertexShader>& GetShader() const { return m_shader; }
+
+private:
+    CComPtr<ID3D11VertexShader> m_shader;
+};
+
+class NORVEX_DX_API D11PixelShader : public D3ShaderBytecode {
+public:
+    // Compiles. "Failed to compile shader" with the entry point and the compiler's text, "Failed to
+    // create pixel shader".
+    D11PixelShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
+                   const std::string& source);
+
+    const CComPtr<ID3D11PixelShader>& GetShader() const { return m_shader; }
+
+private:
+    CComPtr<ID3D11PixelShader> m_shader;
+};
+
 class NORVEX_DX_API D12Shader : public D3ShaderBytecode {
 public:
-    // Compiles. Throws DirectX12Exception "Failed to compile shader" with the entry point and the
-    // compiler's text.
+    // Compiles. "Failed to compile shader" with the entry point and the compiler's text.
     D12Shader(const std::string& entryPoint, const std::string& source, const std::string& target);
 
     static std::shared_ptr<D12Shader> CreateVertex(const std::string& entryPoint,

@@ -9,6 +9,7 @@
 #include "Host/CoreTracker.h"
 // Upwards on purpose: an error record finds the library's wrapper of the failed device and drains
 // its messages.
+#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
@@ -38,17 +39,10 @@ HResultValue Capture(long result) {
     return {static_cast<std::int32_t>(result), nullptr, SnapshotMemory(result)};
 }
 
-// The library keeps no registry of Direct3D 11 devices yet, so the adapter of one is not known
-// here.
-HResultValue Capture(long result, ID3D11Device* device) {
-    HResultValue value{ReasonOf(result, device), nullptr, SnapshotMemory(result)};
-    DX::Debug::DrainMessages(device);
-    return value;
-}
-
-HResultValue Capture(long result, ID3D12Device* device) {
+template <class Wrapper, class Device>
+HResultValue Capture(long result, Device* device) {
     HResultValue value{ReasonOf(result, device), nullptr, nullptr};
-    if (const auto wrapper = DX::D12Device::Find(device)) {
+    if (const auto wrapper = Wrapper::Find(device)) {
         value.adapter = wrapper->GetDescription();
     }
     value.memoryInfo = SnapshotMemory(result);
@@ -98,8 +92,10 @@ void AddAdapter(std::map<std::string, std::string>& attributes,
 } // namespace
 
 HResult::HResult(long result) : error_info(Capture(result)) {}
-HResult::HResult(long result, ID3D11Device* device) : error_info(Capture(result, device)) {}
-HResult::HResult(long result, ID3D12Device* device) : error_info(Capture(result, device)) {}
+HResult::HResult(long result, ID3D11Device* device)
+    : error_info(Capture<DX::D11Device>(result, device)) {}
+HResult::HResult(long result, ID3D12Device* device)
+    : error_info(Capture<DX::D12Device>(result, device)) {}
 
 std::string to_string(const HResultValue& value) {
     const auto [code, description] = Core::Utils::GetErrorInfo(value.result);

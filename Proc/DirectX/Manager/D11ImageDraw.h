@@ -1,0 +1,102 @@
+#pragma once
+
+// Drawing on Direct3D 11: draw an image through a transform and a colour conversion, or fitted by
+// view state. Encode records on the context inside D11Device::Encode. One thread at a time; nothing
+// here is locked but by that Encode. Throws DirectX11Exception. View state and shaders:
+// D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
+
+#include <memory>
+#include <optional>
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+
+namespace Norvex::DX {
+
+class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
+public:
+    // Compiles the shaders; makes the quad and the states.
+    explicit D11ImageDraw(const boost::intrusive_ptr<D11Device>& device);
+    ~D11ImageDraw() override;
+
+    // Draws the source over rect (pixels; default: the whole target; parts outside the target are
+    // cut off) with the stored transform. Without conversion the colours are sampled and written
+    // as they are.
+    //
+    // Afterwards blend, depth-stencil and rasterizer state are Direct3D's defaults and no target is
+    // bound, so that it can be drawn from. Viewport, topology, vertex buffer 0, input layout, both
+    // shaders, constant buffer 0 of both stages, and pixel shader resource 0 (the source) and
+    // sampler 0 stay bound. What the host had bound in these places is gone. Nothing else is
+    // touched, so that no other shader stage, predicate or scissor of the host's may be in effect.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
+    // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its
+    // translation is in pixels of rect.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                const AffineTransform& transform,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
+
+    const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+    // Null, the default: replace.
+    const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
+    // Throws std::bad_optional_access while none is stored; drawing then takes the identity.
+    AffineTransform GetTransform() const { return m_transform.value(); }
+    void SetTransform(const AffineTransform& transform) { m_transform = transform; }
+
+protected:
+    // The transform of a draw into a rectangle of targetSize.
+    virtual AffineTransform MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                                          const Size2DT<long>& targetSize);
+
+    std::optional<AffineTransform> m_transform;
+
+private:
+    CComPtr<ID3D11Buffer>
+    CreateParamsBuffer(const AffineTransform& clipTransform,
+                       const std::optional<Proc::ColorAlphaConversionInfo>& conversion) const;
+    void BindOutput(D11DeviceContext& context, const D11RenderTexture2D& target,
+                    const Rect2DT<long>& rect) const;
+    void BindInput(D11DeviceContext& context, const D11ShaderTexture2D& source,
+                   ID3D11Buffer* parameters) const;
+
+    boost::intrusive_ptr<D11Device> m_device;
+    std::shared_ptr<D11VertexShader> m_vertexShader;
+    std::shared_ptr<D11PixelShader> m_pixelShader;
+    boost::intrusive_ptr<D11VertexBuffer> m_vertexBuffer;
+    CComPtr<ID3D11InputLayout> m_inputLayout;
+    CComPtr<ID3D11SamplerState> m_sampler;
+    CComPtr<ID3D11RasterizerState> m_rasterizer;
+    CComPtr<ID3D11DepthStencilState> m_depthStencil;
+    CComPtr<ID3D11BlendState> m_blendState;
+};
+
+// An image draw whose transform follows from fit mode, scale, rotation and translation
+// (D3ImageRenderer.h).
+class NORVEX_DX_API D11ImageRenderer : public D11ImageDraw, public D3ImageRenderer {
+public:
+    explicit D11ImageRenderer(const boost::intrusive_ptr<D11Device>& device);
+    ~D11ImageRenderer() override;
+
+    using D11ImageDraw::SetTransform;
+
+protected:
+    AffineTransform MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                                  const Size2DT<long>& targetSize) override;
+    void SetTransform(const std::optional<AffineTransform>& transform) override;
+
+private:
+    Size2DT<long> m_lastSourceSize;
+    Size2DT<long> m_lastTargetSize;
+};
+
+} // namespace Norvex::DX

@@ -1,0 +1,185 @@
+// The device registry, creation, attachment, and the lock around the immediate context.
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+
+#include <algorithm>
+#include <iterator>
+#include <unordered_set>
+#include <utility>
+
+#include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "Proc/DirectX/Manager/DirectXDebug.h"
+#include "Proc/DirectX/Manager/Throw.h"
+// Upwards by nature: the device makes and keeps the wrapper of its context.
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+struct DeviceRegistry {
+    std::mutex lock;
+    std::unordered_set<D11Device*> devices;
+};
+
+DeviceRegistry& GetRegistry() {
+    static DeviceRegistry registry;
+    return registry;
+}
+
+struct RawDevice {
+    CComPtr<ID3D11Device> device;
+    CComPtr<ID3D11DeviceContext> context;
+    D3D_FEATURE_LEVEL level = {};
+};
+
+// One level a call: a runtime that does not know 11_1 refuses a list that names it. Answers the
+// last failure.
+long CreateRawDevice(IDXGIAdapter* adapter, RawDevice& raw) {
+    static constexpr D3D_FEATURE_LEVEL kLevels[] = {D3D_FEATURE_LEVEL_11_1, D3D_FEATURE_LEVEL_11_0,
+                                                    D3D_FEATURE_LEVEL_10_1, D3D_FEATURE_LEVEL_10_0};
+    UINT flags = D3D11_CREATE_DEVICE_BGRA_SUPPORT;
+    if (Debug::MarkFirstObject()) {
+        flags |= D3D11_CREATE_DEVICE_DEBUG;
+    }
+    long result = E_FAIL;
+    for (const auto* level = std::begin(kLevels); level != std::end(kLevels);) {
+        result = D3D11CreateDevice(adapter, D3D_DRIVER_TYPE_UNKNOWN, nullptr, flags, level, 1,
+                                   D3D11_SDK_VERSION, &raw.device, &raw.level, &raw.context);
+        if (SUCCEEDED(result)) {
+            break;
+        }
+        const bool lacksDebugLayer =
+            result == DXGI_ERROR_SDK_COMPONENT_MISSING && (flags & D3D11_CREATE_DEVICE_DEBUG) != 0;
+        if (lacksDebugLayer) {
+            flags &= ~static_cast<UINT>(D3D11_CREATE_DEVICE_DEBUG); // the same level again
+        } else {
+            ++level;
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+boost::intrusive_ptr<D11Device> D11Device::FindUsable(const LUID& luid) {
+    const auto& devices = GetRegistry().devices;
+    const auto found = std::ranges::find_if(devices, [&luid](D11Device* device) {
+        return device->GetDeviceRemovedReason() == S_OK &&
+               IsSameLuid(device->GetAdapterLuid(), luid);
+    });
+    return found != devices.end() ? boost::intrusive_ptr<D11Device>(*found) : nullptr;
+}
+
+boost::intrusive_ptr<D11Device> D11Device::Create(const DXGIAdapter& adapter) {
+    auto description = adapter.GetDescription();
+    const std::lock_guard guard(GetRegistry().lock);
+    if (auto found = FindUsable(description->adapterLuid)) {
+        return found;
+    }
+    RawDevice raw;
+    ThrowIfFailed<DirectX11Exception>(CreateRawDevice(adapter.Get(), raw),
+                                      "Failed to create D3D11 device");
+    return boost::intrusive_ptr<D11Device>(
+        new D11Device(raw.device, raw.context, std::move(description), raw.level));
+}
+
+boost::intrusive_ptr<D11Device> D11Device::CreatePrimary() {
+    return Create(DXGIFactory::Create()->GetPrimaryAdapter());
+}
+
+boost::intrusive_ptr<D11Device> D11Device::Attach(ID3D11Device* device) {
+    ThrowUnless<DirectX11Exception>(device != nullptr, "DirectX 11 device is null");
+    CComPtr<ID3D11DeviceContext> context;
+    device->GetImmediateContext(&context);
+    CComPtr<IDXGIDevice> dxgiDevice;
+    ThrowIfFailed<DirectX11Exception>(
+        device->QueryInterface(__uuidof(IDXGIDevice), reinterpret_cast<void**>(&dxgiDevice)),
+        "Failed to get DXGI device", device);
+    CComPtr<IDXGIAdapter> adapter;
+    ThrowIfFailed<DirectX11Exception>(dxgiDevice->GetAdapter(&adapter),
+                                      "Failed to get DXGI adapter", device);
+    auto description = DXGIAdapter(adapter.p).GetDescription();
+    const D3D_FEATURE_LEVEL level = device->GetFeatureLevel();
+    const std::lock_guard guard(GetRegistry().lock); // the constructor registers
+    return boost::intrusive_ptr<D11Device>(
+        new D11Device(device, context, std::move(description), level));
+}
+
+boost::intrusive_ptr<D11Device> D11Device::Find(ID3D11Device* device) {
+    const std::lock_guard guard(GetRegistry().lock);
+    const auto& devices = GetRegistry().devices;
+    const auto found = std::ranges::find(devices, device, &D11Device::Get);
+    return found != devices.end() ? boost::intrusive_ptr<D11Device>(*found) : nullptr;
+}
+
+// The registry lock is held.
+D11Device::D11Device(const CComPtr<ID3D11Device>& device,
+                     const CComPtr<ID3D11DeviceContext>& context,
+                     std::shared_ptr<const AdapterDescription> description,
+                     D3D_FEATURE_LEVEL featureLevel)
+    : D3Device(std::move(description), featureLevel),
+      m_device(device) {
+    CComPtr<ID3D11DeviceContext4> context4;
+    m_device->QueryInterface(__uuidof(ID3D11Device5), reinterpret_cast<void**>(&m_device5));
+    context->QueryInterface(__uuidof(ID3D11DeviceContext4), reinterpret_cast<void**>(&context4));
+    if (m_device5 == nullptr || context4 == nullptr) {
+        m_device5.Release();
+        context4.Release();
+    }
+    m_context.reset(new D11DeviceContext(context, context4));
+    GetRegistry().devices.insert(this);
+}
+
+// The registry lock is held, by Release.
+D11Device::~D11Device() {
+    GetRegistry().devices.erase(this);
+}
+
+// Under the lock that Create and Find take, so that they never hand out a device whose count has
+// reached zero.
+std::uint32_t D11Device::Release() {
+    const std::lock_guard guard(GetRegistry().lock);
+    return D3Device::Release();
+}
+
+long D11Device::GetDeviceRemovedReason() {
+    return m_device->GetDeviceRemovedReason();
+}
+
+void D11Device::LogDebugMessages() const {
+    Debug::DrainMessages(m_device.p);
+}
+
+std::optional<bitflags<D3D11_FORMAT_SUPPORT>>
+D11Device::CheckFormatSupport(DXGI_FORMAT format) const {
+    UINT support = 0;
+    if (FAILED(m_device->CheckFormatSupport(format, &support))) {
+        return std::nullopt;
+    }
+    return bitflags(static_cast<D3D11_FORMAT_SUPPORT>(support));
+}
+
+void D11Device::Encode(
+    const std::function<void(const boost::intrusive_ptr<D11DeviceContext>&)>& function) {
+    const std::lock_guard guard(m_encodeLock);
+    function(m_context);
+}
+
+CComPtr<IDXGISwapChain> D11Device::CreateSwapChainForHwnd(HWND window,
+                                                          const DXGI_SWAP_CHAIN_DESC1& desc) {
+    boost::intrusive_ptr<DXGIFactory> factory;
+    if (API::GetInstance().IsWindows10OrGreater()) {
+        factory = DXGIFactory::Create();
+    } else {
+        CComPtr<IDXGIDevice> dxgiDevice;
+        ThrowIfFailed<DirectX11Exception>(
+            m_device->QueryInterface(__uuidof(IDXGIDevice), reinterpret_cast<void**>(&dxgiDevice)),
+            "Failed to get DXGI device", m_device);
+        factory = DXGIFactory::GetFromDevice(dxgiDevice);
+    }
+    return factory->CreateSwapChainForHwnd(m_device, window, desc);
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,178 @@
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+#include "Proc/DirectX/Manager/Throw.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+constexpr UINT kAllSamples = 0xffffffff;
+
+template <class T>
+UINT CountOf(const std::vector<T>& items) {
+    return static_cast<UINT>(items.size());
+}
+
+} // namespace
+
+D11DeviceContext::D11DeviceContext(const CComPtr<ID3D11DeviceContext>& context,
+                                   const CComPtr<ID3D11DeviceContext4>& context4)
+    : m_context(context),
+      m_context4(context4) {}
+
+D11DeviceContext::~D11DeviceContext() = default;
+
+D3D11_MAPPED_SUBRESOURCE D11DeviceContext::Map(ID3D11Resource* resource, UINT subresource,
+                                               D3D11_MAP type,
+                                               const std::optional<D3D11_MAP_FLAG>& flags) {
+    D3D11_MAPPED_SUBRESOURCE mapped = {};
+    const UINT mapFlags = flags ? static_cast<UINT>(*flags) : 0;
+    ThrowIfFailed<DirectX11Exception>(
+        m_context->Map(resource, subresource, type, mapFlags, &mapped), "Failed to map resource");
+    return mapped;
+}
+
+void D11DeviceContext::Unmap(ID3D11Resource* resource, UINT subresource) {
+    m_context->Unmap(resource, subresource);
+}
+
+void D11DeviceContext::UpdateSubresource(ID3D11Resource* resource, UINT subresource,
+                                         const D3D11_BOX* box, const void* data, UINT rowPitch,
+                                         UINT depthPitch) {
+    m_context->UpdateSubresource(resource, subresource, box, data, rowPitch, depthPitch);
+}
+
+void D11DeviceContext::CopyResource(ID3D11Resource* destination, ID3D11Resource* source) {
+    m_context->CopyResource(destination, source);
+}
+
+void D11DeviceContext::ClearDepthStencilView(ID3D11DepthStencilView* view, D3D11_CLEAR_FLAG flags,
+                                             float depth, UINT8 stencil) {
+    m_context->ClearDepthStencilView(view, flags, depth, stencil);
+}
+
+void D11DeviceContext::ClearRenderTargetView(ID3D11RenderTargetView* view,
+                                             const Proc::ColorF& color) {
+    const std::array<float, 4> channels = {color.r, color.g, color.b, color.a};
+    m_context->ClearRenderTargetView(view, channels.data());
+}
+
+void D11DeviceContext::ClearState() {
+    m_context->ClearState();
+}
+
+void D11DeviceContext::Flush() {
+    m_context->Flush();
+}
+
+void D11DeviceContext::IASetInputLayout(ID3D11InputLayout* layout) {
+    m_context->IASetInputLayout(layout);
+}
+
+void D11DeviceContext::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology) {
+    m_context->IASetPrimitiveTopology(topology);
+}
+
+void D11DeviceContext::IASetVertexBuffer(const boost::intrusive_ptr<D11VertexBuffer>& buffer) {
+    if (buffer == nullptr) {
+        m_context->IASetVertexBuffers(0, 0, nullptr, nullptr, nullptr);
+        return;
+    }
+    ID3D11Buffer* const raw = buffer->GetBuffer();
+    const UINT stride = buffer->GetStride();
+    const UINT offset = 0;
+    m_context->IASetVertexBuffers(0, 1, &raw, &stride, &offset);
+}
+
+void D11DeviceContext::IASetVertexBuffers(
+    const std::vector<boost::intrusive_ptr<D11VertexBuffer>>& buffers) {
+    std::vector<ID3D11Buffer*> raw;
+    std::vector<UINT> strides;
+    for (const auto& buffer : buffers) {
+        raw.push_back(buffer->GetBuffer());
+        strides.push_back(buffer->GetStride());
+    }
+    const std::vector<UINT> offsets(buffers.size(), 0);
+    m_context->IASetVertexBuffers(0, CountOf(raw), raw.data(), strides.data(), offsets.data());
+}
+
+void D11DeviceContext::IASetIndexBuffer(const boost::intrusive_ptr<D11IndexBuffer>& buffer) {
+    m_context->IASetIndexBuffer(buffer->GetBuffer(), buffer->GetFormat(), 0);
+}
+
+void D11DeviceContext::VSSetShader(const std::shared_ptr<D11VertexShader>& shader) {
+    m_context->VSSetShader(shader->GetShader(), nullptr, 0);
+}
+
+void D11DeviceContext::VSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers) {
+    m_context->VSSetConstantBuffers(0, CountOf(buffers), buffers.data());
+}
+
+void D11DeviceContext::PSSetShader(const std::shared_ptr<D11PixelShader>& shader) {
+    m_context->PSSetShader(shader->GetShader(), nullptr, 0);
+}
+
+void D11DeviceContext::PSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers) {
+    m_context->PSSetConstantBuffers(0, CountOf(buffers), buffers.data());
+}
+
+void D11DeviceContext::PSSetSamplers(const std::vector<ID3D11SamplerState*>& samplers) {
+    m_context->PSSetSamplers(0, CountOf(samplers), samplers.data());
+}
+
+void D11DeviceContext::PSSetShaderResources(const std::vector<ID3D11ShaderResourceView*>& views) {
+    m_context->PSSetShaderResources(0, CountOf(views), views.data());
+}
+
+void D11DeviceContext::RSSetState(ID3D11RasterizerState* state) {
+    m_context->RSSetState(state);
+}
+
+void D11DeviceContext::RSSetViewports(const std::vector<D3D11_VIEWPORT>& viewports) {
+    m_context->RSSetViewports(CountOf(viewports), viewports.data());
+}
+
+void D11DeviceContext::OMSetBlendState(ID3D11BlendState* state) {
+    m_context->OMSetBlendState(state, nullptr, kAllSamples);
+}
+
+void D11DeviceContext::OMSetBlendState(ID3D11BlendState* state,
+                                       const std::array<float, 4>& factor) {
+    m_context->OMSetBlendState(state, factor.data(), kAllSamples);
+}
+
+void D11DeviceContext::OMSetDepthStencilState(ID3D11DepthStencilState* state, UINT stencilRef) {
+    m_context->OMSetDepthStencilState(state, stencilRef);
+}
+
+void D11DeviceContext::OMSetRenderTargets(const std::vector<ID3D11RenderTargetView*>& targets,
+                                          ID3D11DepthStencilView* depthView) {
+    m_context->OMSetRenderTargets(CountOf(targets), targets.data(), depthView);
+}
+
+void D11DeviceContext::Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer) {
+    m_context->Draw(buffer->GetCount(), 0);
+}
+
+void D11DeviceContext::DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer) {
+    m_context->DrawIndexed(buffer->GetCount(), 0, 0);
+}
+
+void D11DeviceContext::Signal(const boost::intrusive_ptr<D11CompletionEvent>& event) {
+    ThrowUnless<DirectX11Exception>(m_context4 != nullptr,
+                                    "The device context does not support this operation");
+    ThrowIfFailed<DirectX11Exception>(
+        m_context4->Signal(event->GetFence(), event->PreIncrementValue()),
+        "Failed to signal fence");
+}
+
+void D11DeviceContext::Wait(const boost::intrusive_ptr<D11CompletionEvent>& event) {
+    ThrowUnless<DirectX11Exception>(m_context4 != nullptr,
+                                    "The device context does not support this operation");
+    ThrowIfFailed<DirectX11Exception>(m_context4->Wait(event->GetFence(), event->GetValue()),
+                                      "Failed to wait for fence");
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,236 @@
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D12CommandQueue.h"
+#include "Proc/DirectX/Manager/Throw.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+CComPtr<ID3D11Device> GetDevice(ID3D11DeviceChild* object) {
+    CComPtr<ID3D11Device> device;
+    object->GetDevice(&device);
+    return device;
+}
+
+Size2DT<long> SizeOf(ID3D11Texture2D* texture) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    texture->GetDesc(&desc);
+    return {static_cast<long>(desc.Width), static_cast<long>(desc.Height)};
+}
+
+DXGI_FORMAT FormatOf(ID3D11Texture2D* texture) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    texture->GetDesc(&desc);
+    return desc.Format;
+}
+
+CComPtr<ID3D11RenderTargetView>
+CreateRenderTargetView(ID3D11Texture2D* texture, const std::optional<DXGI_FORMAT>& viewFormat) {
+    const auto device = GetDevice(texture);
+    D3D11_RENDER_TARGET_VIEW_DESC desc = {};
+    desc.Format = viewFormat.value_or(FormatOf(texture));
+    desc.ViewDimension = D3D11_RTV_DIMENSION_TEXTURE2D;
+    CComPtr<ID3D11RenderTargetView> view;
+    ThrowIfFailed<DirectX11Exception>(device->CreateRenderTargetView(texture, &desc, &view),
+                                      "Failed to create render rarget view", device);
+    return view;
+}
+
+CComPtr<ID3D11ShaderResourceView>
+CreateShaderResourceView(ID3D11Texture2D* texture, const std::optional<DXGI_FORMAT>& viewFormat) {
+    const auto device = GetDevice(texture);
+    D3D11_SHADER_RESOURCE_VIEW_DESC desc = {};
+    desc.Format = viewFormat.value_or(FormatOf(texture));
+    desc.ViewDimension = D3D11_SRV_DIMENSION_TEXTURE2D;
+    desc.Texture2D.MipLevels = 1;
+    CComPtr<ID3D11ShaderResourceView> view;
+    ThrowIfFailed<DirectX11Exception>(device->CreateShaderResourceView(texture, &desc, &view),
+                                      "Failed to create shader resource view", device);
+    return view;
+}
+
+CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
+    CComPtr<IDXGIKeyedMutex> mutex;
+    ThrowIfFailed<DirectX11Exception>(
+        texture->QueryInterface(__uuidof(IDXGIKeyedMutex), reinterpret_cast<void**>(&mutex)),
+        "Failed to get texture key mutex", GetDevice(texture));
+    return mutex;
+}
+
+CComPtr<ID3D11Buffer> CreateFilledBuffer(D11Device& device, D3D11_BIND_FLAG bind, const void* data,
+                                         UINT sizeInBytes) {
+    D3D11_BUFFER_DESC desc = {};
+    desc.ByteWidth = sizeInBytes;
+    desc.Usage = D3D11_USAGE_DEFAULT;
+    desc.BindFlags = bind;
+    const D3D11_SUBRESOURCE_DATA initialData = {data, 0, 0};
+    return device.CreateBuffer(desc, &initialData);
+}
+
+template <class Index>
+CComPtr<ID3D11Buffer> CreateFilledBuffer(D11Device& device, const std::vector<Index>& indices) {
+    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
+                              static_cast<UINT>(sizeof(Index) * indices.size()));
+}
+
+} // namespace
+
+D11RenderTexture2D::D11RenderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
+                                       const std::optional<DXGI_FORMAT>& viewFormat)
+    : m_texture(texture),
+      m_view(CreateRenderTargetView(texture, viewFormat)) {}
+
+D11RenderTexture2D::~D11RenderTexture2D() = default;
+
+boost::intrusive_ptr<D11RenderTexture2D>
+D11RenderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
+                           const D3D11_TEXTURE2D_DESC& desc) {
+    D3D11_TEXTURE2D_DESC bound = desc;
+    bound.BindFlags |= D3D11_BIND_RENDER_TARGET;
+    return boost::intrusive_ptr<D11RenderTexture2D>(
+        new D11RenderTexture2D(device->CreateTexture2D(bound, nullptr), std::nullopt));
+}
+
+Size2DT<long> D11RenderTexture2D::GetSize() const {
+    return SizeOf(m_texture);
+}
+
+Rect2DT<long> D11RenderTexture2D::GetRect() const {
+    const Size2DT<long> size = GetSize();
+    return {0, 0, size.width, size.height};
+}
+
+D11ShaderTexture2D::D11ShaderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
+                                       const std::optional<DXGI_FORMAT>& viewFormat)
+    : m_texture(texture),
+      m_view(CreateShaderResourceView(texture, viewFormat)) {}
+
+D11ShaderTexture2D::~D11ShaderTexture2D() = default;
+
+boost::intrusive_ptr<D11ShaderTexture2D>
+D11ShaderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
+                           const D3D11_TEXTURE2D_DESC& desc,
+                           const D3D11_SUBRESOURCE_DATA* initialData) {
+    D3D11_TEXTURE2D_DESC bound = desc;
+    bound.BindFlags |= D3D11_BIND_SHADER_RESOURCE;
+    return boost::intrusive_ptr<D11ShaderTexture2D>(
+        new D11ShaderTexture2D(device->CreateTexture2D(bound, initialData), std::nullopt));
+}
+
+Size2DT<long> D11ShaderTexture2D::GetSize() const {
+    return SizeOf(m_texture);
+}
+
+D11SharedTexture2D::D11SharedTexture2D(const CComPtr<ID3D11Texture2D>& texture)
+    : m_texture(texture),
+      m_keyedMutex(GetKeyedMutex(texture)) {}
+
+D11SharedTexture2D::~D11SharedTexture2D() = default;
+
+boost::intrusive_ptr<D11SharedTexture2D>
+D11SharedTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
+                           const D3D11_TEXTURE2D_DESC& desc) {
+    ThrowUnless<DirectX11Exception>(device->GetFeatureLevel() >= D3D_FEATURE_LEVEL_11_1,
+                                    "Shared texture not supported");
+    D3D11_TEXTURE2D_DESC shared = desc;
+    shared.MiscFlags |= D3D11_RESOURCE_MISC_SHARED_KEYEDMUTEX | D3D11_RESOURCE_MISC_SHARED_NTHANDLE;
+    return boost::intrusive_ptr<D11SharedTexture2D>(
+        new D11SharedTexture2D(device->CreateTexture2D(shared, nullptr)));
+}
+
+Size2DT<long> D11SharedTexture2D::GetSize() const {
+    return SizeOf(m_texture);
+}
+
+void D11SharedTexture2D::AcquireSync(UINT64 key, DWORD milliseconds) {
+    ThrowIfFailed<DirectX11Exception>(m_keyedMutex->AcquireSync(key, milliseconds),
+                                      "Failed to acquire texture key mutex", GetDevice(m_texture));
+}
+
+void D11SharedTexture2D::ReleaseSync(UINT64 key) {
+    ThrowIfFailed<DirectX11Exception>(m_keyedMutex->ReleaseSync(key),
+                                      "Failed to release texture key mutex", GetDevice(m_texture));
+}
+
+HANDLE D11SharedTexture2D::CreateSharedHandle(DWORD access) {
+    const auto device = GetDevice(m_texture);
+    CComPtr<IDXGIResource1> resource;
+    ThrowIfFailed<DirectX11Exception>(
+        m_texture->QueryInterface(__uuidof(IDXGIResource1), reinterpret_cast<void**>(&resource)),
+        "Failed to query interface", device);
+    HANDLE handle = nullptr;
+    ThrowIfFailed<DirectX11Exception>(
+        resource->CreateSharedHandle(nullptr, access, nullptr, &handle),
+        "Failed to create shared handle", device);
+    return handle;
+}
+
+D11VertexBuffer::D11VertexBuffer(const CComPtr<ID3D11Buffer>& buffer, UINT stride, UINT count)
+    : m_buffer(buffer),
+      m_stride(stride),
+      m_count(count) {}
+
+D11VertexBuffer::~D11VertexBuffer() = default;
+
+boost::intrusive_ptr<D11VertexBuffer>
+D11VertexBuffer::Create(const boost::intrusive_ptr<D11Device>& device, const void* data,
+                        UINT stride, UINT count) {
+    const auto buffer = CreateFilledBuffer(*device, D3D11_BIND_VERTEX_BUFFER, data, stride * count);
+    return boost::intrusive_ptr<D11VertexBuffer>(new D11VertexBuffer(buffer, stride, count));
+}
+
+D11IndexBuffer::D11IndexBuffer(const CComPtr<ID3D11Buffer>& buffer, DXGI_FORMAT format, UINT count)
+    : m_buffer(buffer),
+      m_format(format),
+      m_count(count) {}
+
+D11IndexBuffer::~D11IndexBuffer() = default;
+
+boost::intrusive_ptr<D11IndexBuffer>
+D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
+                       const std::vector<std::uint16_t>& indices) {
+    return boost::intrusive_ptr<D11IndexBuffer>(
+        new D11IndexBuffer(CreateFilledBuffer(*device, indices), DXGI_FORMAT_R16_UINT,
+                           static_cast<UINT>(indices.size())));
+}
+
+boost::intrusive_ptr<D11IndexBuffer>
+D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
+                       const std::vector<std::uint32_t>& indices) {
+    return boost::intrusive_ptr<D11IndexBuffer>(
+        new D11IndexBuffer(CreateFilledBuffer(*device, indices), DXGI_FORMAT_R32_UINT,
+                           static_cast<UINT>(indices.size())));
+}
+
+D11CompletionEvent::D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,
+                                       const boost::intrusive_ptr<D12CompletionEvent>& event)
+    : m_fence(fence),
+      m_event(event) {}
+
+D11CompletionEvent::~D11CompletionEvent() = default;
+
+boost::intrusive_ptr<D11CompletionEvent>
+D11CompletionEvent::OpenShared(const boost::intrusive_ptr<D11Device>& device,
+                               const boost::intrusive_ptr<D12CompletionEvent>& event) {
+    ThrowUnless<DirectX11Exception>(device->IsFencesSupported(), "Shared fence not supported");
+    ThrowUnless<DirectX11Exception>(event->GetSharedHandle() != nullptr,
+                                    "D12 completion event not shared");
+    CComPtr<ID3D11Fence> fence;
+    ThrowIfFailed<DirectX11Exception>(
+        device->Get5()->OpenSharedFence(event->GetSharedHandle(), __uuidof(ID3D11Fence),
+                                        reinterpret_cast<void**>(&fence)),
+        "Failed to create fence", device->Get());
+    return boost::intrusive_ptr<D11CompletionEvent>(new D11CompletionEvent(fence, event));
+}
+
+UINT64 D11CompletionEvent::GetValue() const {
+    return m_event->GetValue();
+}
+
+UINT64 D11CompletionEvent::PreIncrementValue() const {
+    return m_event->PreIncrementValue();
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,111 @@
+// The registry of devices, on both generations: one device an adapter, found again while it lives.
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/LifeProbe.h"
+#include "tests/support/MethodPatch.h"
+
+namespace Norvex::DX {
+namespace {
+
+using namespace Norvex::Test;
+
+struct Generation11 {
+    using Device = D11Device;
+    using Raw = ID3D11Device;
+    static constexpr std::size_t kGetDeviceRemovedReason = Slot::kDevice11GetDeviceRemovedReason;
+
+    static auto CreateOnAdapterOf(Device&) {
+        return Device::Create(DXGIFactory::Create()->GetPrimaryAdapter());
+    }
+};
+
+struct Generation12 {
+    using Device = D12Device;
+    using Raw = ID3D12Device;
+    static constexpr std::size_t kGetDeviceRemovedReason = Slot::kDeviceGetDeviceRemovedReason;
+
+    static auto CreateOnAdapterOf(Device& device) {
+        return Device::Create(device.GetAdapterLuid());
+    }
+};
+
+template <class Generation>
+class DeviceRegistryTest : public testing::Test {};
+TYPED_TEST_SUITE_P(DeviceRegistryTest);
+
+TYPED_TEST_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives) {
+    using Device = typename TypeParam::Device;
+    auto device = Device::CreatePrimary();
+    EXPECT_EQ(Device::CreatePrimary(), device);
+    EXPECT_EQ(TypeParam::CreateOnAdapterOf(*device), device);
+    EXPECT_EQ(Device::Find(device->Get()), device);
+    EXPECT_EQ(Device::Find(nullptr), nullptr);
+    EXPECT_EQ(device->GetRefCount(), 1u) << "nothing kept a reference";
+
+    CComPtr<typename TypeParam::Raw> raw(device->Get());
+    const LifeProbe probe(raw);
+    device.reset();
+    EXPECT_EQ(Device::Find(raw), nullptr);
+    EXPECT_EQ((raw.p->AddRef(), raw.p->Release()), 1u) << "the test's own reference is the last";
+    raw.Release();
+    EXPECT_FALSE(probe.IsAlive());
+    EXPECT_NE(Device::CreatePrimary(), nullptr);
+}
+
+TYPED_TEST_P(DeviceRegistryTest, ARemovedDeviceIsReplacedButStillFound) {
+    using Device = typename TypeParam::Device;
+    using Raw = typename TypeParam::Raw;
+    const auto removed = Device::CreatePrimary();
+    // All devices share the method table: only this one is removed.
+    const MethodPatch<TypeParam::kGetDeviceRemovedReason, HRESULT(Raw*)> patch(
+        removed->Get(), [&removed](auto original, Raw* self) {
+            return self == removed->Get() ? DXGI_ERROR_DEVICE_HUNG : original(self);
+        });
+    EXPECT_EQ(removed->GetDeviceRemovedReason(), DXGI_ERROR_DEVICE_HUNG);
+    const auto fresh = TypeParam::CreateOnAdapterOf(*removed);
+    EXPECT_NE(fresh, removed);
+    EXPECT_EQ(Device::Find(removed->Get()), removed);
+    EXPECT_EQ(Device::CreatePrimary(), fresh);
+}
+
+// Each thread finds or makes the device and drops it at once; a dead object handed out would crash.
+TYPED_TEST_P(DeviceRegistryTest, CreateFindAndLastReleaseMayRace) {
+    using Device = typename TypeParam::Device;
+    std::atomic<typename TypeParam::Raw*> last{nullptr};
+    std::atomic<int> made{0};
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            while (std::chrono::steady_clock::now() < until) {
+                const auto device = i % 2 == 0 ? Device::CreatePrimary() : Device::Find(last);
+                if (device != nullptr) {
+                    last = device->Get();
+                    EXPECT_FALSE(device->GetAdapterName().empty());
+                    ++made;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(made, 4);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives,
+                            ARemovedDeviceIsReplacedButStillFound, CreateFindAndLastReleaseMayRace);
+INSTANTIATE_TYPED_TEST_SUITE_P(D3D11, DeviceRegistryTest, Generation11);
+INSTANTIATE_TYPED_TEST_SUITE_P(D3D12, DeviceRegistryTest, Generation12);
+
+} // namespace
+} // namespace Norvex::DX

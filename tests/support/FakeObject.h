@@ -1,0 +1,50 @@
+#pragma once
+
+// A COM object with only the methods that a test gives it, for interfaces that the system lacks: a
+// test derives from it, sets methods by their places in the method table, and has the library call
+// them. Any other method answers E_NOTIMPL. It lives as long as the test says, whatever its
+// references. Any thread, as far as the methods given are.
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::Test {
+
+class FakeObject {
+public:
+    FakeObject();
+    FakeObject(const FakeObject&) = delete;
+    FakeObject& operator=(const FakeObject&) = delete;
+
+    template <class Interface>
+    Interface* As() {
+        return reinterpret_cast<Interface*>(this);
+    }
+    // Hands out a reference, as methods with such a parameter do.
+    HRESULT GiveTo(void** out);
+    // The references that others hold.
+    int GetReferences() const { return m_references; }
+
+protected:
+    // The first parameter of the method is the object itself, as a pointer to the deriving class,
+    // which has no virtual functions.
+    template <class Method>
+    void Set(std::size_t slot, Method* method) {
+        Store(slot, reinterpret_cast<void*>(method));
+    }
+
+private:
+    static constexpr std::size_t kMaxMethods = 160;
+
+    // Out of sight of the compiler, which may take the method table for constant.
+    void Store(std::size_t slot, void* method);
+
+    void** m_table = nullptr; // first: what an interface pointer points to
+    std::array<void*, kMaxMethods> m_methods{};
+    std::atomic<int> m_references{0};
+};
+
+} // namespace Norvex::Test

@@ -1,0 +1,41 @@
+#pragma once
+
+// Pictures in memory, as textures hold them. Formats: R8G8B8A8_UNORM, R16G16B16A16_UNORM,
+// R16G16B16A16_FLOAT, R32G32B32A32_FLOAT; any other throws std::invalid_argument. Pure functions.
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::Test {
+
+using Color = std::array<double, 4>;
+
+// RGBA pixels row by row, in the range of the format they are for.
+struct Pixels {
+    unsigned width = 0;
+    unsigned height = 0;
+    std::vector<Color> colors;
+
+    const Color& At(unsigned x, unsigned y) const { return colors[std::size_t{y} * width + x]; }
+};
+
+Pixels MakePixels(unsigned width, unsigned height,
+                  const std::function<Color(unsigned x, unsigned y)>& colorAt);
+
+float HalfToFloat(std::uint16_t half);
+std::uint16_t FloatToHalf(float value);
+
+unsigned BytesPerPixel(DXGI_FORMAT format);
+// Rows without gaps; values are quantised as the format does.
+std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format);
+Pixels DecodePixels(const std::uint8_t* bytes, std::size_t rowPitch, unsigned width,
+                    unsigned height, DXGI_FORMAT format);
+// The values as a texture of that format holds them.
+Pixels Quantize(const Pixels& pixels, DXGI_FORMAT format);
+
+} // namespace Norvex::Test
