@@ -1,0 +1,112 @@
+#include "Proc/DirectX/Manager/DXGISwapChain.Display.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "Proc/DirectX/Manager/DXGIFactory.h"
+
+namespace Norvex::DX::Display {
+
+namespace {
+
+// ITU-R BT.709-6 and BT.2020-2.
+constexpr Primaries kBT709 = {{0.64, 0.33}, {0.30, 0.60}, {0.15, 0.06}};
+constexpr Primaries kBT2020 = {{0.708, 0.292}, {0.170, 0.797}, {0.131, 0.046}};
+
+std::int64_t GetOverlap(const RECT& a, const RECT& b) {
+    const std::int64_t width =
+        std::int64_t{std::min(a.right, b.right)} - std::int64_t{std::max(a.left, b.left)};
+    const std::int64_t height =
+        std::int64_t{std::min(a.bottom, b.bottom)} - std::int64_t{std::max(a.top, b.top)};
+    return std::max<std::int64_t>(width, 0) * std::max<std::int64_t>(height, 0);
+}
+
+struct Best {
+    CComPtr<IDXGIOutput> output;
+    std::int64_t area = -1;
+};
+
+void ConsiderOutputs(IDXGIAdapter1* adapter, const RECT& window, Best& best) {
+    for (UINT i = 0;; ++i) {
+        CComPtr<IDXGIOutput> output;
+        DXGI_OUTPUT_DESC desc = {};
+        if (FAILED(adapter->EnumOutputs(i, &output)) || FAILED(output->GetDesc(&desc))) {
+            return;
+        }
+        const std::int64_t area = GetOverlap(window, desc.DesktopCoordinates);
+        if (area > best.area) {
+            best = {output, area};
+        }
+    }
+}
+
+// The coordinates are whole numbers of units in decimal; in binary they may fall just below.
+UINT16 ToChromaticityUnits(double coordinate) {
+    return static_cast<UINT16>(coordinate * 50000.0 + 1e-6);
+}
+
+// Cuts the fraction off, and what the field cannot hold; what is no number is 0.
+template <class Field>
+Field Truncate(double value) {
+    constexpr double kMax = std::numeric_limits<Field>::max();
+    return value > 0.0 ? static_cast<Field>(std::min(value, kMax)) : Field{0};
+}
+
+} // namespace
+
+CComPtr<IDXGIOutput> FindOutputUnder(DXGIFactory& factory, const RECT& window) {
+    std::vector<DXGIAdapter> adapters;
+    factory.EnumerateAdapters(adapters, true);
+    Best best;
+    for (const DXGIAdapter& adapter : adapters) {
+        ConsiderOutputs(adapter.Get(), window, best);
+    }
+    return best.output;
+}
+
+bool IsInHDR(const CComPtr<IDXGIOutput>& output) {
+    CComPtr<IDXGIOutput6> output6;
+    DXGI_OUTPUT_DESC1 desc = {};
+    return output != nullptr &&
+           SUCCEEDED(output->QueryInterface(__uuidof(IDXGIOutput6),
+                                            reinterpret_cast<void**>(&output6))) &&
+           SUCCEEDED(output6->GetDesc1(&desc)) &&
+           desc.ColorSpace == DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020;
+}
+
+std::optional<HDROutput> FindHDROutput(DXGI_FORMAT format) {
+    switch (format) {
+    case DXGI_FORMAT_R10G10B10A2_UNORM:
+        return HDROutput{DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020, kBT2020};
+    case DXGI_FORMAT_R16G16B16A16_FLOAT:
+        return HDROutput{DXGI_COLOR_SPACE_RGB_FULL_G10_NONE_P709, kBT709};
+    default:
+        return std::nullopt;
+    }
+}
+
+DXGI_HDR_METADATA_HDR10 MakeMetadata(const Primaries& primaries, float maxMasteringNits,
+                                     float minMasteringNits, float maxContentLightLevel,
+                                     float maxFrameAverageLightLevel) {
+    const auto set = [](UINT16(&out)[2], const Chromaticity& point) {
+        out[0] = ToChromaticityUnits(point.x);
+        out[1] = ToChromaticityUnits(point.y);
+    };
+    // In single precision, which rounds 0.005 x 10000 to 50; the double product lies below.
+    constexpr float kLuminanceUnits = 10000.0F; // per cd/m2
+    DXGI_HDR_METADATA_HDR10 metadata = {};
+    set(metadata.RedPrimary, primaries.red);
+    set(metadata.GreenPrimary, primaries.green);
+    set(metadata.BluePrimary, primaries.blue);
+    metadata.WhitePoint[0] = 15635;
+    metadata.WhitePoint[1] = 16450;
+    metadata.MaxMasteringLuminance = Truncate<UINT>(maxMasteringNits * kLuminanceUnits);
+    metadata.MinMasteringLuminance = Truncate<UINT>(minMasteringNits * kLuminanceUnits);
+    metadata.MaxContentLightLevel = Truncate<UINT16>(maxContentLightLevel);
+    metadata.MaxFrameAverageLightLevel = Truncate<UINT16>(maxFrameAverageLightLevel);
+    return metadata;
+}
+
+} // namespace Norvex::DX::Display

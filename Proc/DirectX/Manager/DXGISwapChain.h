@@ -1,0 +1,118 @@
+#pragma once
+
+// Presents frames into a window, on either generation: back buffers that follow the window's client
+// area, and HDR10 output while the display under most of the window is in HDR. One thread at a
+// time; no lock. Owned by intrusive_ptr; the destructor waits for the GPU. Throws
+// DirectX11Exception or DirectX12Exception for buffers, DirectXException for colour space and
+// metadata. Next: D3D12Renderer.h, D11ImageDraw.h (what is drawn with GetConversionInfo).
+
+#include <list>
+#include <vector>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
+
+namespace Norvex::DX {
+
+class D11Device;
+class D11RenderTexture2D;
+class D12CommandAllocator;
+class D12CommandQueue;
+class D12Descriptor;
+class D3Device;
+class DXGIFactory;
+
+class NORVEX_DX_API DXGISwapChain : public RefCountImpl {
+public:
+    // For the window's client area, SDR (R8G8B8A8_UNORM, sRGB); on Direct3D 12 with a queue of its
+    // own. Two buffers, flipped; before Windows 10 one, copied. Null for a device that is neither
+    // D11Device nor D12Device. A window has at most one swap chain. Throws what the device's
+    // CreateSwapChainForHwnd throws, and see RecreateBuffers.
+    static boost::intrusive_ptr<DXGISwapChain> Create(const boost::intrusive_ptr<D3Device>& device,
+                                                      HWND window);
+    ~DXGISwapChain() override;
+    DXGISwapChain(const DXGISwapChain&) = delete;
+    DXGISwapChain& operator=(const DXGISwapChain&) = delete;
+
+    // True on Direct3D 12.
+    bool IsD12Level() const { return m_swapChain3 != nullptr && m_commandQueue != nullptr; }
+
+    // Direct3D 12: an allocator for a frame's work, which is executed before Present. Those still
+    // on the GPU are kept and waited for when the buffers are made anew. Not on Direct3D 11.
+    boost::intrusive_ptr<D12CommandAllocator> CreateCommandAllocator();
+    // Direct3D 12: the current back buffer, in the present state before and after a frame. Changes
+    // with each Present. Null on Direct3D 11, and while the window has no area.
+    boost::intrusive_ptr<D12Descriptor> GetRenderTarget() const;
+    // Direct3D 11: the back buffer. Null on Direct3D 12, and while the window has no area.
+    boost::intrusive_ptr<D11RenderTexture2D> GetRenderTexture() const;
+    // Shows the current back buffer at the next vertical blank. A failure (an occluded window, a
+    // removed device) is not told; the next call that creates something does.
+    void Present();
+
+    // Follows the window's client area, to be called when it has changed: waits for the GPU, and
+    // answers the size in pixels. A window without area, as a minimised one, keeps the swap chain
+    // as it is but has no targets. Drop render targets and textures before. "Failed to resize DXGI
+    // swap chain buffers", "Failed to get back buffer", "Render targets view already make",
+    // "Render target view already make".
+    Size2DT<long> RecreateBuffers();
+
+    // Switches to HDR10 where the display under most of the window is in HDR, and back to SDR where
+    // it is not any more; answers whether HDR is on. Luminances in cd/m2, of the mastering display
+    // and of the content (MaxCLL, MaxFALL; CTA-861.3). To be called when the window has moved, or
+    // after UpdateDisplayInfo; it costs little where neither is so. Switching makes the buffers
+    // anew. "Failed to set HDR metadata", "Failed to set color space".
+    bool EnableHDRIfSupported(float maxMasteringNits, float minMasteringNits,
+                              float maxContentLightLevel, float maxFrameAverageLightLevel);
+    // Back to SDR. The same failures.
+    void DisableHDR();
+    // Forgets what is known of the display: for WM_DISPLAYCHANGE, since a display can be switched
+    // to HDR under a window that does not move.
+    void UpdateDisplayInfo();
+
+    // How to draw a picture of this colour space for the present output, which is display-referred
+    // light with SDR white at 203 cd/m2 (ITU-R BT.2408) and premultiplied alpha: sRGB; or in HDR
+    // scRGB (1.0 is 80 cd/m2) or BT.2100 PQ. PQ is shown at its own luminance.
+    Proc::ColorAlphaConversionInfo GetConversionInfo(const Conf::RGBColorSpace& source,
+                                                     Proc::AlphaType sourceAlpha) const;
+
+private:
+    DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
+                  const CComPtr<IDXGISwapChain3>& swapChain,
+                  const boost::intrusive_ptr<D12CommandQueue>& commandQueue);
+    DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
+                  const CComPtr<IDXGISwapChain>& swapChain,
+                  const boost::intrusive_ptr<D11Device>& device);
+
+    Size2DT<long> RecreateBuffers(DXGI_FORMAT format); // UNKNOWN: the present one
+    void MakeBuffers(const Size2DT<long>& size, DXGI_FORMAT format);
+    void MakeRenderTexture();
+    void MakeRenderTargets12();
+    void WaitComplete();
+    bool CheckDisplayHDRSupport();
+    bool IsDisplayInHDR();
+    void SetColorSpace(DXGI_COLOR_SPACE_TYPE colorSpace);
+
+    HWND m_window;
+    DXGI_FORMAT m_sdrFormat;
+    DXGI_FORMAT m_hdrFormat;               // the SDR format where there is no HDR
+    CComPtr<IDXGISwapChain> m_swapChain;   // Direct3D 11 only
+    CComPtr<IDXGISwapChain3> m_swapChain3; // on Direct3D 11 null on old systems
+    CComPtr<IDXGISwapChain4> m_swapChain4; // null on old systems
+    boost::intrusive_ptr<D11Device> m_device;
+    boost::intrusive_ptr<D12CommandQueue> m_commandQueue;
+    RECT m_windowRect = {}; // at the last look at the display
+    boost::intrusive_ptr<DXGIFactory> m_factory;
+    bool m_isHDRSupported = false; // at that look
+    Conf::ColorSpace m_outputColorSpace;
+    bool m_isHDREnabled = false;
+    boost::intrusive_ptr<D11RenderTexture2D> m_renderTexture;
+    std::vector<boost::intrusive_ptr<D12Descriptor>> m_renderTargets; // by buffer index
+    std::list<boost::intrusive_ptr<D12CommandAllocator>> m_inFlightAllocators;
+};
+
+} // namespace Norvex::DX
