@@ -5,6 +5,7 @@
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -247,6 +248,19 @@ void D12GraphicsCommandList::CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION
     m_graphicsList->CopyTextureRegion(&destination, x, y, z, &source, sourceBox);
     TrackObject(destination.pResource);
     TrackObject(source.pResource);
+}
+
+void D12GraphicsCommandList::BeginQuery(const boost::intrusive_ptr<D12Query>& query) {
+    m_graphicsList->BeginQuery(query->GetHeap()->GetHeap(), query->GetType(), query->GetIndex());
+    TrackObject(boost::intrusive_ptr<IRefCountable>(query));
+}
+
+void D12GraphicsCommandList::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
+    ID3D12QueryHeap* const heap = query->GetHeap()->GetHeap();
+    m_graphicsList->EndQuery(heap, query->GetType(), query->GetIndex());
+    m_graphicsList->ResolveQueryData(heap, query->GetType(), query->GetIndex(), 1,
+                                     query->GetResource(), query->GetOffset());
+    TrackObject(boost::intrusive_ptr<IRefCountable>(query));
 }
 
 boost::intrusive_ptr<D12VertexBuffer>

@@ -15,6 +15,7 @@
 namespace Norvex::DX {
 
 class D12DescriptorGPUHeap;
+class D12Query;
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
 public:
@@ -105,6 +106,11 @@ public:
     void CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION& destination, unsigned x, unsigned y,
                            unsigned z, const D3D12_TEXTURE_COPY_LOCATION& source,
                            const D3D12_BOX* sourceBox);
+
+    // BeginQuery not for time stamps. EndQuery also has the result written to the query's place in
+    // the readback buffer.
+    void BeginQuery(const boost::intrusive_ptr<D12Query>& query);
+    void EndQuery(const boost::intrusive_ptr<D12Query>& query);
 
     // In upload memory, filled at once. The sizes are in bytes and vertices. What
     // D12Device::CreateBuffer throws.

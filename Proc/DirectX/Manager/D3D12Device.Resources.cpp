@@ -9,6 +9,7 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 
 namespace Norvex::DX {
@@ -137,6 +138,10 @@ boost::intrusive_ptr<D12Buffer> D12Device::CreateReadbackBuffer(std::uint64_t si
 boost::intrusive_ptr<D12ShaderParameters> D12Device::CreateShaderParameters() {
     return boost::intrusive_ptr<D12ShaderParameters>(
         new D12ShaderParameters(m_device, m_descriptorHeapPool, m_rootSignatureVersion));
+}
+
+boost::intrusive_ptr<D12Query> D12Device::CreateQuery(D3D12_QUERY_TYPE type) {
+    return m_queryHeapPool->CreateQuery(type);
 }
 
 boost::intrusive_ptr<D12DescriptorCPUHeap> D12Device::CreateShaderViewHeap(unsigned count) {

@@ -16,6 +16,7 @@
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
 
 namespace Norvex::DX {
 
@@ -150,6 +151,7 @@ D12Device::D12Device(const CComPtr<ID3D12Device>& device,
       m_device(device),
       m_rootSignatureVersion(ProbeRootSignatureVersion(device)),
       m_descriptorHeapPool(new D12DescriptorHeapPool(device)),
+      m_queryHeapPool(new D12QueryHeapPool(device)),
       m_readbackBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_READBACK)),
       m_uploadBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_UPLOAD)) {
     GetRegistry().devices.insert(this);

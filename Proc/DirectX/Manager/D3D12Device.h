@@ -27,6 +27,8 @@ class D12CompletionEvent;
 class D12Descriptor;
 class D12DescriptorCPUHeap;
 class D12DescriptorHeapPool;
+class D12Query;
+class D12QueryHeapPool;
 class D12ShaderParameters;
 struct D12GraphicsPipelineDesc;
 
@@ -118,6 +120,8 @@ public:
     boost::intrusive_ptr<D12Buffer> CreateUploadBuffer(std::uint64_t size);
     boost::intrusive_ptr<D12Buffer> CreateReadbackBuffer(std::uint64_t size);
     boost::intrusive_ptr<D12ShaderParameters> CreateShaderParameters();
+    // From the device's own pool. See D12QueryHeapPool::CreateQuery.
+    boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
 
     // CPU heaps of at least `count` descriptors, the caller's own.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateShaderViewHeap(unsigned count);
@@ -166,6 +170,7 @@ private:
     CComPtr<ID3D12Device> m_device;
     D3D_ROOT_SIGNATURE_VERSION m_rootSignatureVersion;
     boost::intrusive_ptr<D12DescriptorHeapPool> m_descriptorHeapPool;
+    boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;
     boost::intrusive_ptr<D12BufferPool> m_readbackBufferPool;
     boost::intrusive_ptr<D12BufferPool> m_uploadBufferPool;
     std::mutex m_allocatorPoolLock;

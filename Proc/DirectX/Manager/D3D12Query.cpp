@@ -1,0 +1,242 @@
+#include "Proc/DirectX/Manager/D3D12Query.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "Proc/DirectX/Manager/Throw.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+constexpr unsigned kCapacityUnit = 64; // one word of a slot bitmap
+constexpr unsigned kSharedHeapCapacity = 64;
+
+D3D12_QUERY_HEAP_TYPE GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type) {
+    switch (type) {
+    case D3D12_QUERY_TYPE_OCCLUSION:
+    case D3D12_QUERY_TYPE_BINARY_OCCLUSION:
+        return D3D12_QUERY_HEAP_TYPE_OCCLUSION;
+    case D3D12_QUERY_TYPE_TIMESTAMP:
+        return D3D12_QUERY_HEAP_TYPE_TIMESTAMP;
+    case D3D12_QUERY_TYPE_PIPELINE_STATISTICS:
+        return D3D12_QUERY_HEAP_TYPE_PIPELINE_STATISTICS;
+    case D3D12_QUERY_TYPE_SO_STATISTICS_STREAM0:
+    case D3D12_QUERY_TYPE_SO_STATISTICS_STREAM1:
+    case D3D12_QUERY_TYPE_SO_STATISTICS_STREAM2:
+    case D3D12_QUERY_TYPE_SO_STATISTICS_STREAM3:
+        return D3D12_QUERY_HEAP_TYPE_SO_STATISTICS;
+    case D3D12_QUERY_TYPE_VIDEO_DECODE_STATISTICS:
+        return D3D12_QUERY_HEAP_TYPE_VIDEO_DECODE_STATISTICS;
+    case D3D12_QUERY_TYPE_PIPELINE_STATISTICS1:
+        return D3D12_QUERY_HEAP_TYPE_PIPELINE_STATISTICS1;
+    default:
+        Throw<DirectX12Exception>("Invalid query type");
+    }
+}
+
+std::uint32_t GetQuerySizeFromHeapType(D3D12_QUERY_HEAP_TYPE type) {
+    switch (type) {
+    case D3D12_QUERY_HEAP_TYPE_OCCLUSION:
+    case D3D12_QUERY_HEAP_TYPE_TIMESTAMP:
+        return sizeof(std::uint64_t);
+    case D3D12_QUERY_HEAP_TYPE_PIPELINE_STATISTICS:
+        return sizeof(D3D12_QUERY_DATA_PIPELINE_STATISTICS);
+    case D3D12_QUERY_HEAP_TYPE_SO_STATISTICS:
+        return sizeof(D3D12_QUERY_DATA_SO_STATISTICS);
+    case D3D12_QUERY_HEAP_TYPE_VIDEO_DECODE_STATISTICS:
+        return sizeof(D3D12_QUERY_DATA_VIDEO_DECODE_STATISTICS);
+    case D3D12_QUERY_HEAP_TYPE_PIPELINE_STATISTICS1:
+        return sizeof(D3D12_QUERY_DATA_PIPELINE_STATISTICS1);
+    default:
+        Throw<DirectX12Exception>("Invalid query heap type");
+    }
+}
+
+void CheckType(bool isValid,
+               const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX12Exception>(isValid, "Invalid query type", location);
+}
+
+// Up to whole units; near the largest count the device is left to refuse.
+constexpr unsigned CapacityFor(unsigned count) {
+    const auto rounded = (std::uint64_t{count} + kCapacityUnit - 1) & ~(kCapacityUnit - 1ull);
+    return static_cast<unsigned>(
+        std::min<std::uint64_t>(rounded, std::numeric_limits<unsigned>::max()));
+}
+
+} // namespace
+
+D12Query::D12Query(D3D12_QUERY_TYPE type, std::uint32_t index,
+                   boost::intrusive_ptr<D12QueryHeap> heap)
+    : m_resource(heap->m_readbackBuffer),
+      m_type(type),
+      m_index(index),
+      m_heap(std::move(heap)),
+      m_offset(m_heap->GetOffset(index)) {}
+
+D12Query::~D12Query() {
+    m_heap->ReuseQuery(m_index);
+}
+
+std::uint64_t D12Query::GetUint64Stats() const {
+    CheckType(m_type < D3D12_QUERY_TYPE_PIPELINE_STATISTICS);
+    std::uint64_t result = 0;
+    GetResult(&result, sizeof(result));
+    return result;
+}
+
+D3D12_QUERY_DATA_PIPELINE_STATISTICS D12Query::GetPipelineStats() const {
+    CheckType(m_type == D3D12_QUERY_TYPE_PIPELINE_STATISTICS);
+    D3D12_QUERY_DATA_PIPELINE_STATISTICS result = {};
+    GetResult(&result, sizeof(result));
+    return result;
+}
+
+D3D12_QUERY_DATA_PIPELINE_STATISTICS1 D12Query::GetPipelineStats1() const {
+    CheckType(m_type == D3D12_QUERY_TYPE_PIPELINE_STATISTICS1);
+    D3D12_QUERY_DATA_PIPELINE_STATISTICS1 result = {};
+    GetResult(&result, sizeof(result));
+    return result;
+}
+
+D3D12_QUERY_DATA_SO_STATISTICS D12Query::GetSoStats() const {
+    CheckType(m_type >= D3D12_QUERY_TYPE_SO_STATISTICS_STREAM0 &&
+              m_type <= D3D12_QUERY_TYPE_SO_STATISTICS_STREAM3);
+    D3D12_QUERY_DATA_SO_STATISTICS result = {};
+    GetResult(&result, sizeof(result));
+    return result;
+}
+
+D3D12_QUERY_DATA_VIDEO_DECODE_STATISTICS D12Query::GetVideoDecodeStats() const {
+    CheckType(m_type == D3D12_QUERY_TYPE_VIDEO_DECODE_STATISTICS);
+    D3D12_QUERY_DATA_VIDEO_DECODE_STATISTICS result = {};
+    GetResult(&result, sizeof(result));
+    return result;
+}
+
+void D12Query::GetResult(void* out, std::size_t size) const {
+    const std::uint32_t querySize = m_heap->GetQuerySize();
+    ThrowUnless<DirectX12Exception>(size >= querySize, "The result buffer is too small");
+    const D3D12_RANGE range = {m_offset, m_offset + querySize};
+    void* data = nullptr;
+    ThrowIfFailed<DirectX12Exception>(m_resource->Map(0, &range, &data),
+                                      "Failed to map query buffer");
+    std::memcpy(out, static_cast<const std::uint8_t*>(data) + m_offset, querySize);
+    const D3D12_RANGE nothing = {0, 0};
+    m_resource->Unmap(0, &nothing);
+}
+
+D3D12_RESOURCE_BARRIER D12Query::Transition(bitflags<D3D12_RESOURCE_STATES> before,
+                                            bitflags<D3D12_RESOURCE_STATES> after) const {
+    return CD3DX12_RESOURCE_BARRIER::Transition(m_resource, before.get(), after.get());
+}
+
+D12QueryHeap::D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12QueryHeap> heap,
+                           D3D12_QUERY_HEAP_TYPE type, std::uint32_t count,
+                           boost::intrusive_ptr<D12QueryHeapPool> pool)
+    : m_device(device),
+      m_heap(std::move(heap)),
+      m_type(type),
+      m_count(count),
+      m_querySize(GetQuerySizeFromHeapType(type)),
+      m_pool(std::move(pool)),
+      m_slots(count) {
+    const CD3DX12_HEAP_PROPERTIES properties(D3D12_HEAP_TYPE_READBACK);
+    const auto desc = CD3DX12_RESOURCE_DESC::Buffer(std::uint64_t{m_count} * m_querySize);
+    ThrowIfFailed<DirectX12Exception>(
+        m_device->CreateCommittedResource(&properties, D3D12_HEAP_FLAG_NONE, &desc,
+                                          D3D12_RESOURCE_STATE_COPY_DEST, nullptr,
+                                          IID_PPV_ARGS(&m_readbackBuffer)),
+        "Failed to create 2D texture", m_device);
+}
+
+D12QueryHeap::~D12QueryHeap() {
+    if (m_pool != nullptr) {
+        m_pool->ReuseHeap(this);
+    }
+}
+
+boost::intrusive_ptr<D12Query> D12QueryHeap::CreateQuery(D3D12_QUERY_TYPE type) {
+    ThrowUnless<DirectX12Exception>(GetHeapTypeFromQueryType(type) == m_type, "Invalid heap type");
+    const auto index = m_slots.Allocate();
+    ThrowUnless<DirectX12Exception>(index.has_value(),
+                                    "There is no free space in the heap for the query");
+    try {
+        return boost::intrusive_ptr<D12Query>(new D12Query(type, *index, this));
+    } catch (...) {
+        m_slots.Free(*index);
+        throw;
+    }
+}
+
+std::uint64_t D12QueryHeap::GetOffset(unsigned index) const {
+    ThrowUnless<DirectX12Exception>(index < m_count, "Query index out of range");
+    return std::uint64_t{index} * m_querySize;
+}
+
+D12QueryHeapPool::D12QueryHeapPool(const CComPtr<ID3D12Device>& device) : m_device(device) {}
+
+D12QueryHeapPool::~D12QueryHeapPool() = default;
+
+boost::intrusive_ptr<D12Query> D12QueryHeapPool::CreateQuery(D3D12_QUERY_TYPE type) {
+    const std::scoped_lock lock(m_sharedMutex);
+    return GetSharedHeap(type)->CreateQuery(type);
+}
+
+boost::intrusive_ptr<D12QueryHeap> D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type,
+                                                                unsigned count) {
+    return MakeHeap(type, count, this);
+}
+
+boost::intrusive_ptr<D12QueryHeap>
+D12QueryHeapPool::MakeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
+                           boost::intrusive_ptr<D12QueryHeapPool> pool) {
+    CComPtr<ID3D12QueryHeap> heap = TakeFreeHeap(type, count);
+    if (heap == nullptr) {
+        count = CapacityFor(count);
+        const D3D12_QUERY_HEAP_DESC desc = {type, count, 0};
+        ThrowIfFailed<DirectX12Exception>(m_device->CreateQueryHeap(&desc, IID_PPV_ARGS(&heap)),
+                                          "Failed to create query heap", m_device);
+    }
+    return boost::intrusive_ptr<D12QueryHeap>(
+        new D12QueryHeap(m_device, std::move(heap), type, count, std::move(pool)));
+}
+
+// The smallest sufficient heap; null when there is none.
+CComPtr<ID3D12QueryHeap> D12QueryHeapPool::TakeFreeHeap(D3D12_QUERY_HEAP_TYPE type,
+                                                        unsigned count) {
+    const std::scoped_lock lock(m_freeHeapsMutex);
+    auto& heaps = m_freeHeaps[type];
+    const auto entry = heaps.lower_bound(count);
+    if (entry == heaps.end()) {
+        return nullptr;
+    }
+    CComPtr<ID3D12QueryHeap> heap = std::move(entry->second);
+    heaps.erase(entry);
+    return heap;
+}
+
+const boost::intrusive_ptr<D12QueryHeap>& D12QueryHeapPool::GetSharedHeap(D3D12_QUERY_TYPE type) {
+    const D3D12_QUERY_HEAP_TYPE heapType = GetHeapTypeFromQueryType(type);
+    auto& shared = m_sharedHeaps[heapType];
+    if (shared && shared->HasFreeQuery()) {
+        return shared;
+    }
+    // No owner while it is in the map: pool and heap would keep each other alive for ever.
+    auto heap = MakeHeap(heapType, kSharedHeapCapacity, nullptr);
+    if (shared) {
+        shared->m_pool = this; // replaced, so its last query may have it recycled
+    }
+    shared = std::move(heap);
+    return shared;
+}
+
+void D12QueryHeapPool::ReuseHeap(D12QueryHeap* heap) {
+    const std::scoped_lock lock(m_freeHeapsMutex);
+    m_freeHeaps[heap->GetType()].emplace(heap->GetCount(), heap->GetHeap());
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,165 @@
+#include "Proc/DirectX/Manager/D3D12TexturePool.h"
+
+#include <chrono>
+#include <list>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "Host/WaitableTimer.h"
+#include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/SlotBitmap.h"
+#include "Proc/DirectX/Manager/Throw.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kReusablePeriod{2};
+constexpr std::chrono::milliseconds kTrimPeriod{2000};
+
+class D12TexturePool : public D12Texture2DPool {
+public:
+    D12TexturePool(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc)
+        : D12Texture2DPool(device, desc),
+          m_timer([this] { Trim(); }) {}
+
+    boost::intrusive_ptr<D12Texture2D> ObtainTexture() override {
+        CComPtr<ID3D12Resource> resource = TakeOldest();
+        if (resource == nullptr) {
+            resource = GetDevice()->CreateTexture2D(GetDesc());
+        }
+        return CreateTexture(resource, 0);
+    }
+
+    void ReuseTexture(D12Texture2D* texture) override {
+        FreeList entry(1, {texture->GetResource(), {}});
+        const std::scoped_lock lock(m_lock);
+        entry.front().expiry = Clock::now() + kReusablePeriod;
+        m_freeList.splice(m_freeList.end(), entry);
+        if (!m_timer.IsRunning()) {
+            m_timer.StartPeriodic(kTrimPeriod);
+        }
+    }
+
+private:
+    struct FreeTexture {
+        CComPtr<ID3D12Resource> resource;
+        Clock::time_point expiry;
+    };
+    using FreeList = std::list<FreeTexture>;
+
+    CComPtr<ID3D12Resource> TakeOldest() {
+        const std::scoped_lock lock(m_lock);
+        CComPtr<ID3D12Resource> resource;
+        if (!m_freeList.empty()) {
+            resource = std::move(m_freeList.front().resource);
+            m_freeList.pop_front();
+        }
+        return resource;
+    }
+
+    void Trim() {
+        FreeList expired; // released outside the lock
+        const std::scoped_lock lock(m_lock);
+        const auto now = Clock::now();
+        while (!m_freeList.empty() && now >= m_freeList.front().expiry) {
+            expired.splice(expired.end(), m_freeList, m_freeList.begin());
+        }
+        if (m_freeList.empty()) {
+            m_timer.Stop();
+        }
+    }
+
+    std::mutex m_lock;           // guards the list, start and stop of the timer
+    FreeList m_freeList;         // oldest first
+    Core::WaitableTimer m_timer; // last: its callback uses all of the above
+};
+
+class D12TextureArray : public D12Texture2DPool {
+public:
+    D12TextureArray(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc)
+        : D12Texture2DPool(device, desc),
+          m_resource(device->CreateTexture2D(desc)),
+          m_slots(desc.arraySize) {}
+
+    boost::intrusive_ptr<D12Texture2D> ObtainTexture() override {
+        const auto slot = m_slots.Allocate();
+        ThrowUnless<DirectX12Exception>(slot.has_value(),
+                                        "There are no free textures in the array");
+        try {
+            return CreateTexture(m_resource, *slot);
+        } catch (...) {
+            m_slots.Free(*slot);
+            throw;
+        }
+    }
+
+    void ReuseTexture(D12Texture2D* texture) override { m_slots.Free(texture->GetSubresource()); }
+
+private:
+    CComPtr<ID3D12Resource> m_resource;
+    SlotBitmap m_slots;
+};
+
+} // namespace
+
+D12Texture2DPool::D12Texture2DPool(const boost::intrusive_ptr<D12Device>& device,
+                                   const D12Texture2DDesc& desc)
+    : m_device(device),
+      m_desc(desc) {}
+
+D12Texture2DPool::~D12Texture2DPool() = default;
+
+boost::intrusive_ptr<D12Texture2DPool>
+D12Texture2DPool::Create(const boost::intrusive_ptr<D12Device>& device,
+                         const D12Texture2DDesc& desc) {
+    if (desc.arraySize < 2) {
+        return boost::intrusive_ptr<D12Texture2DPool>(new D12TexturePool(device, desc));
+    }
+    return boost::intrusive_ptr<D12Texture2DPool>(new D12TextureArray(device, desc));
+}
+
+boost::intrusive_ptr<D12Texture2D>
+D12Texture2DPool::CreateTexture(const CComPtr<ID3D12Resource>& resource,
+                                std::uint32_t subresource) {
+    return boost::intrusive_ptr<D12Texture2D>(new D12Texture2D(resource, subresource, this));
+}
+
+D12Texture2D::D12Texture2D(const CComPtr<ID3D12Resource>& resource, std::uint32_t subresource,
+                           boost::intrusive_ptr<D12Texture2DPool> pool)
+    : m_resource(resource),
+      m_subresource(subresource),
+      m_desc(Platform::GetDesc(resource)),
+      m_pool(std::move(pool)) {}
+
+D12Texture2D::D12Texture2D(const D12Texture2D& other)
+    : RefCountImpl(other),
+      m_resource(other.m_resource),
+      m_subresource(other.m_subresource),
+      m_desc(other.m_desc),
+      m_pool(other.m_pool),
+      m_original(other.m_original ? other.m_original.get() : const_cast<D12Texture2D*>(&other)) {}
+
+D12Texture2D::~D12Texture2D() {
+    if (m_original) {
+        return;
+    }
+    try {
+        m_pool->ReuseTexture(this);
+    } catch (const std::bad_alloc&) {
+        m_resource.Release(); // out of memory: freed instead of pooled
+    }
+}
+
+D3D12_RESOURCE_BARRIER D12Texture2D::Transition(bitflags<D3D12_RESOURCE_STATES> before,
+                                                bitflags<D3D12_RESOURCE_STATES> after,
+                                                unsigned subresource,
+                                                D3D12_RESOURCE_BARRIER_FLAGS flags) const {
+    return CD3DX12_RESOURCE_BARRIER::Transition(m_resource, before.get(), after.get(), subresource,
+                                                flags);
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,158 @@
+#pragma once
+
+// RGB textures into the two planes of Y'CbCr: NV12, P010, P016. Two passes: luma, and chroma in
+// full resolution into a texture of the converter's; then the chroma halved, each sample the mean
+// of 2 x 2. What the values are and where the chroma lies: docs/colour.md. The parameters and the
+// intermediate texture are kept while destination format, size and matrix stay. One thread at a
+// time. Throws DirectX11Exception, DirectX12Exception. Next: D3D12Renderer.h, D11ImageDraw.h.
+
+#include <array>
+#include <optional>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/Color.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+#include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+
+namespace Norvex::DX {
+
+// The state that a resource is in when a call begins, and in which the call leaves it.
+struct D12ResourceStates {
+    D3D12_RESOURCE_STATES before = D3D12_RESOURCE_STATE_COMMON;
+    D3D12_RESOURCE_STATES after = D3D12_RESOURCE_STATE_COMMON;
+};
+
+// What a converter is set up for.
+struct YUVDestination {
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // NV12, P010 or P016
+    Size2DT<long> size;                       // of the luma, pixels
+    Size2DT<long> chromaSize;
+    Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
+
+    friend bool operator==(const YUVDestination&, const YUVDestination&) = default;
+};
+
+class NORVEX_DX_API D12YUVConverter : public RefCountImpl {
+public:
+    // Compiles the shaders. alphaType: of the sources; straight alpha is composed over black.
+    D12YUVConverter(const boost::intrusive_ptr<D12Device>& device, Proc::AlphaType alphaType);
+    ~D12YUVConverter() override;
+    D12YUVConverter(const D12YUVConverter&) = delete;
+    D12YUVConverter& operator=(const D12YUVConverter&) = delete;
+
+    const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+
+    // Records one closed list. The source, a 2-D texture, is stretched over the destination, which
+    // allows render targets. states: of the source, of the destination; barriers are recorded only
+    // where they differ from the reading and drawing states. "Unsupported pixel format" (nothing is
+    // recorded).
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& destination,
+                Conf::YCbCrMatrix matrix, const std::array<D12ResourceStates, 2>& states);
+    // Into two separate textures, for devices without planar ones: format says how they are to be
+    // taken together. Luma: R8_UNORM, or R16_UNORM for P010 and P016, of any size; chroma:
+    // R8G8_UNORM or R16G16_UNORM, half the luma's width and height, rounded up or down; where
+    // rounded up, the edge is repeated. states: of the source, the luma, the chroma. "Unsupported
+    // pixel format".
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
+                const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
+                const std::array<D12ResourceStates, 3>& states);
+
+private:
+    struct Planes {
+        boost::intrusive_ptr<D12Descriptor> luma;
+        boost::intrusive_ptr<D12Descriptor> chroma;
+    };
+
+    // What to record before the first draw and after the last.
+    struct Barriers {
+        std::vector<D3D12_RESOURCE_BARRIER> before;
+        std::vector<D3D12_RESOURCE_BARRIER> after;
+    };
+
+    // A root signature, and the pipeline state for the formats last drawn to.
+    struct Pass {
+        boost::intrusive_ptr<D12ShaderParameters> parameters;
+        boost::intrusive_ptr<D12ViewTable> texture;
+        D12GraphicsPipelineDesc desc;
+        CComPtr<ID3D12PipelineState> pipelineState;
+    };
+
+    void ConfigForDestination(const YUVDestination& destination);
+    void CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT format);
+    void Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const CComPtr<ID3D12Resource>& source, const D12ResourceStates& sourceStates,
+                const Planes& planes, Barriers barriers);
+    void EnsureQuads(D12GraphicsCommandList& commandList);
+    Pass MakePass(const std::string& pixelShader) const;
+    const CComPtr<ID3D12PipelineState>&
+    MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const;
+
+    boost::intrusive_ptr<D12Device> m_device;
+    Proc::AlphaType m_alphaType;
+    boost::intrusive_ptr<D12ConstantBufferView> m_paramsView;
+    Pass m_yCbCrPass;
+    Pass m_resizePass;
+    std::optional<YUVDestination> m_destination; // that everything below is for
+    CComPtr<ID3D12Resource> m_paramsBuffer;
+    boost::intrusive_ptr<D12Descriptor> m_intermediateSource;
+    boost::intrusive_ptr<D12Descriptor> m_intermediateTarget;
+    boost::intrusive_ptr<D12VertexBuffer> m_quad;
+    boost::intrusive_ptr<D12VertexBuffer> m_chromaQuad; // for the destination
+};
+
+class NORVEX_DX_API D11YUVConverter : public RefCountImpl {
+public:
+    // Compiles the shaders and makes the states. alphaType: as for D12YUVConverter.
+    D11YUVConverter(const boost::intrusive_ptr<D11Device>& device, Proc::AlphaType alphaType);
+    ~D11YUVConverter() override;
+    D11YUVConverter(const D11YUVConverter&) = delete;
+    D11YUVConverter& operator=(const D11YUVConverter&) = delete;
+
+    const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+
+    // Inside D11Device::Encode. The source needs D3D11_BIND_SHADER_RESOURCE, the destination
+    // D3D11_BIND_RENDER_TARGET. What of the context's state is replaced: as of
+    // D11ImageDraw::Encode. "Unsupported pixel format" (nothing is recorded).
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                const CComPtr<ID3D11Texture2D>& source, const CComPtr<ID3D11Texture2D>& destination,
+                Conf::YCbCrMatrix matrix);
+    // Into two separate textures, as of D12YUVConverter.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                const CComPtr<ID3D11Texture2D>& source, const CComPtr<ID3D11Texture2D>& luma,
+                const CComPtr<ID3D11Texture2D>& chroma, DXGI_FORMAT format,
+                Conf::YCbCrMatrix matrix);
+
+private:
+    void ConfigForDestination(const YUVDestination& destination);
+    void Record(D11DeviceContext& context, const D11ShaderTexture2D& source,
+                const D11RenderTexture2D& luma, const D11RenderTexture2D& chroma);
+
+    boost::intrusive_ptr<D11Device> m_device;
+    Proc::AlphaType m_alphaType;
+    std::shared_ptr<D11VertexShader> m_vertexShader;
+    std::shared_ptr<D11PixelShader> m_yCbCrShader;
+    std::shared_ptr<D11PixelShader> m_resizeShader;
+    CComPtr<ID3D11InputLayout> m_inputLayout;
+    CComPtr<ID3D11SamplerState> m_sampler;
+    CComPtr<ID3D11RasterizerState> m_rasterizer;
+    CComPtr<ID3D11DepthStencilState> m_depthStencil;
+    boost::intrusive_ptr<D11VertexBuffer> m_quad;
+    std::optional<YUVDestination> m_destination; // that everything below is for
+    boost::intrusive_ptr<D11VertexBuffer> m_chromaQuad;
+    CComPtr<ID3D11Buffer> m_paramsBuffer;
+    boost::intrusive_ptr<D11ShaderTexture2D> m_intermediateSource;
+    boost::intrusive_ptr<D11RenderTexture2D> m_intermediateTarget;
+};
+
+} // namespace Norvex::DX
