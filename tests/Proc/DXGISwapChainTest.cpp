@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <random>
+#include <thread>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -12,8 +13,8 @@
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
+#include "tests/support/Canvas11.h"
 #include "tests/support/FakeObject.h"
-#include "tests/support/LifeProbe.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/TestWindow.h"
 #include "tests/support/Thrown.h"
@@ -176,12 +177,55 @@ TEST_P(DXGISwapChainTest, TheTargetsAreThoseOfTheGeneration) {
         EXPECT_NE(swapChain.GetRenderTarget(), first) << "buffers take turns";
         presenter.Frame(kOrange);
         EXPECT_EQ(swapChain.GetRenderTarget(), first);
-
-        const auto allocator = swapChain.CreateCommandAllocator();
-        EXPECT_EQ(allocator->GetRefCount(), 2U) << "kept while it may be in flight";
-        const auto next = swapChain.CreateCommandAllocator();
-        EXPECT_EQ(allocator->GetRefCount(), 1U) << "dropped when complete";
     }
+}
+
+// Two submissions that wait for ever, so that both background threads wait for them and release
+// nothing else.
+class BusyBackground {
+public:
+    explicit BusyBackground(const boost::intrusive_ptr<DX::D12Device>& device)
+        : m_gate(device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE)),
+          m_queue(new DX::D12CommandQueue(device, {})) {
+        m_gate->PreIncrementValue();
+        for (int i = 0; i < 2; ++i) {
+            const auto allocator = m_queue->CreateCommandAllocator();
+            allocator->Wait(m_gate);
+            allocator->CreateCommandList(nullptr)->Close();
+            allocator->Execute();
+        }
+    }
+    ~BusyBackground() { m_gate->GetFence()->Signal(m_gate->GetValue()); }
+    BusyBackground(const BusyBackground&) = delete;
+    BusyBackground& operator=(const BusyBackground&) = delete;
+
+private:
+    boost::intrusive_ptr<DX::D12CompletionEvent> m_gate;
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+};
+
+// Whatever is late in letting go of the back buffers, making them anew does not fail: neither an
+// allocator that was executed after a younger one was handed out, nor one that has just completed.
+TEST(SwapChainD12Test, BuffersAreMadeAnewRightAfterAFrame) {
+    const TestWindow window(kClientSize);
+    Presenter presenter(Generation::Direct3D12, window.Get());
+    auto& swapChain = presenter.GetSwapChain();
+    const BusyBackground busy(presenter.m_device12);
+    {
+        const auto target = swapChain.GetRenderTarget();
+        const auto early = swapChain.CreateCommandAllocator();
+        const auto late = swapChain.CreateCommandAllocator();
+        early->ClearRenderTargetView(target, kPresent, kTeal, {});
+        early->ResourceBarrier(
+            {target->Transition(kRenderTarget, kPresent, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
+                                D3D12_RESOURCE_BARRIER_FLAG_NONE)});
+        early->Execute();
+        swapChain.Present();
+    }
+    presenter.Frame(kOrange);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100)); // for the GPU, not the background
+    swapChain.CreateCommandAllocator();
+    EXPECT_EQ(SentenceOf([&] { swapChain.RecreateBuffers(); }), "(nothing)");
 }
 
 // The methods of the system's swap chains and outputs that this test stands in for.
@@ -571,6 +615,41 @@ TEST_P(SwapChainHDRTest, TwoHundredRandomActionsLeaveNothingBehind) {
     for (const auto& output : system.outputs) {
         EXPECT_EQ(output->GetReferences(), 0);
     }
+}
+
+// On a system that shows HDR (run on DXVK, which is told that its display does).
+TEST(D3D11RealHDRTest, ADisplayInHDRGetsScRGB) {
+    TestWindow window(kClientSize);
+    Presenter presenter(Generation::Direct3D11, window.Get());
+    auto& swapChain = presenter.GetSwapChain();
+    ASSERT_TRUE(swapChain.EnableHDRIfSupported(1000.0F, 0.005F, 800.0F, 400.0F));
+    EXPECT_EQ(presenter.GetFormat(), DXGI_FORMAT_R16G16B16A16_FLOAT);
+
+    Canvas11 canvas(presenter.m_device11);
+    const auto draw = [&](const Conf::RGBColorSpace& space, double code) {
+        const auto source = canvas.MakeSource(
+            MakePixels(1, 1, [code](unsigned, unsigned) { return Color{code, code, code, 1}; }),
+            DXGI_FORMAT_R16G16B16A16_UNORM);
+        const boost::intrusive_ptr<DX::D11ImageDraw> drawer(
+            new DX::D11ImageDraw(presenter.m_device11));
+        presenter.m_device11->Encode([&](const auto& context) {
+            drawer->Encode(context, source, swapChain.GetRenderTexture(),
+                           swapChain.GetConversionInfo(space, Proc::AlphaType::AlphaIsOne), {});
+        });
+        return canvas.Read(swapChain.GetRenderTexture()->GetTexture()).At(5, 5)[1];
+    };
+    EXPECT_NEAR(draw(kSRGB, 1.0), 203.0 / 80.0, 0.003) << "SDR white is the reference white";
+    constexpr double kCodeOf100Nits = 0.508078; // SMPTE ST 2084
+    EXPECT_NEAR(
+        draw({Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ}, kCodeOf100Nits),
+        100.0 / 80.0, 0.003)
+        << "PQ is absolute";
+    swapChain.Present();
+
+    swapChain.DisableHDR();
+    EXPECT_EQ(presenter.GetFormat(), DXGI_FORMAT_R8G8B8A8_UNORM);
+    EXPECT_EQ(draw(kSRGB, 1.0), 1.0);
+    swapChain.Present();
 }
 
 } // namespace

@@ -140,7 +140,11 @@ DXGISwapChain::~DXGISwapChain() {
 }
 
 boost::intrusive_ptr<D12CommandAllocator> DXGISwapChain::CreateCommandAllocator() {
-    m_inFlightAllocators.remove_if([](const auto& allocator) { return allocator->IsCompleted(); });
+    // Completed is not enough: one that the host still holds may yet be executed, and until the
+    // background release has let go too the frame's objects, back buffers among them, are alive.
+    m_inFlightAllocators.remove_if([](const auto& allocator) {
+        return allocator->IsCompleted() && allocator->GetRefCount() == 1;
+    });
     m_inFlightAllocators.push_back(m_commandQueue->CreateCommandAllocator());
     return m_inFlightAllocators.back();
 }
