@@ -13,6 +13,7 @@
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/Canvas11.h"
+#include "tests/support/Generation.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
@@ -326,8 +327,6 @@ private:
     boost::intrusive_ptr<DX::D12YUVConverter> m_converter;
 };
 
-enum class Generation { Direct3D11, Direct3D12 };
-
 std::unique_ptr<Bench> MakeBench(Generation generation, AlphaType alpha) {
     if (generation == Generation::Direct3D11) {
         return std::make_unique<Bench11>(alpha);
@@ -364,13 +363,7 @@ Pixels MakeNoise(const Size& size) {
 
 class D3YUVConverterTest : public testing::TestWithParam<Generation> {};
 
-INSTANTIATE_TEST_SUITE_P(, D3YUVConverterTest,
-                         testing::Values(Generation::Direct3D11, Generation::Direct3D12),
-                         [](const testing::TestParamInfo<Generation>& generation) {
-                             return std::string(generation.param == Generation::Direct3D11
-                                                    ? "Direct3D11"
-                                                    : "Direct3D12");
-                         });
+INSTANTIATE_TEST_SUITE_P(, D3YUVConverterTest, BothGenerations(), &NameOf);
 
 TEST_P(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReference) {
     for (const auto alpha :

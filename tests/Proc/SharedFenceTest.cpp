@@ -278,7 +278,7 @@ TEST_F(D3D11RealFenceTest, SignalsReachTheirValues) {
         context->Flush();
     });
     EXPECT_EQ(event->GetValue(), 2u);
-    const HANDLE reached = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    HANDLE reached = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     EXPECT_EQ(fence->SetEventOnCompletion(2, reached), S_OK);
     EXPECT_EQ(WaitForSingleObject(reached, 20'000), WAIT_OBJECT_0);
     CloseHandle(reached);

@@ -1,7 +1,10 @@
 #pragma once
 
-// What the image drawers of both generations draw, internal: a quad over the viewport. Constants
-// and a pure function, any thread.
+// What the drawers of both generations draw and with which fixed states, internal: a quad over the
+// viewport, sampled linearly. Constants and pure functions, any thread.
+
+#include <array>
+#include <vector>
 
 #include "Proc/DirectX/Manager/CommonTypes.h"
 
