@@ -1,6 +1,6 @@
 #!/bin/bash
-# Converts pictures in the ways that the library is for and lays them out on a contact sheet. Runs
-# inside the root.
+# Converts pictures in the ways that the library is for, shows them in a window, and lays all out on
+# a contact sheet. Runs inside the root.
 #   demo.sh PROGRAM OUT-FOLDER FILE...
 set -euo pipefail
 
@@ -25,6 +25,18 @@ picture() {
     pictures+=("$out/$name.png")
 }
 
+# view NAME INPUT: shows it in a window for 30 frames; NAME.png is what the window showed
+view() {
+    local name=$1 input=$2 report frame
+    report=$("$here/wine-run" "$program" view "$input" --frames 30 --stats \
+        --screenshot "$out/$name.png" --json)
+    frame=$(printf '%s' "$report" | tr -d '\r\n' |
+        sed -n 's/.*"presentIntervalMs" *: *{ *"median" *: *\([0-9.]*\).*/\1/p')
+    [ -n "$frame" ] || { echo "the program reported no time for its frames: $report" >&2; return 1; }
+    printf '  %-34s %8.1f ms   %s\n' "$name.png" "$frame" "view --frames 30 --stats (from frame to frame)"
+    pictures+=("$out/$name.png")
+}
+
 for input; do
     name=$(basename "${input%.*}")
     pictures=("$input")
@@ -38,6 +50,7 @@ for input; do
         --rotate 30 --background 202020ff
     picture "$name-premultiplied" "$input" --from srgb --to srgb --size 1280x720 --fit fit \
         --rotate -10 --target-alpha premultiplied --background 00000000
+    view "$name-view" "$input"
     "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}" >/dev/null
     printf '  %-34s               %s\n' "$name-sheet.png" "the source and all of these, side by side"
 done

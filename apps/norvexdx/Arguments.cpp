@@ -49,6 +49,18 @@ constexpr Named<DX::RenderFitMode> kFitModes[] = {
     {"fit", DX::RenderFitMode::Fit},
 };
 
+constexpr Named<ApiChoice> kApis[] = {
+    {"auto", ApiChoice::Auto},
+    {"d3d11", ApiChoice::Direct3D11},
+    {"d3d12", ApiChoice::Direct3D12},
+};
+
+constexpr Named<HDRChoice> kHDRChoices[] = {
+    {"auto", HDRChoice::Auto},
+    {"on", HDRChoice::On},
+    {"off", HDRChoice::Off},
+};
+
 template <class T, std::size_t N>
 std::optional<T> FindByName(const Named<T> (&table)[N], std::string_view name) {
     const auto* found = std::find_if(std::begin(table), std::end(table),
@@ -192,6 +204,14 @@ std::optional<Proc::LinearizationMode> ParseMode(std::string_view name) {
 
 std::optional<DX::RenderFitMode> ParseFitMode(std::string_view name) {
     return FindByName(kFitModes, name);
+}
+
+std::optional<ApiChoice> ParseApi(std::string_view name) {
+    return FindByName(kApis, name);
+}
+
+std::optional<HDRChoice> ParseHDRChoice(std::string_view name) {
+    return FindByName(kHDRChoices, name);
 }
 
 std::string GetColorSpaceNames() {

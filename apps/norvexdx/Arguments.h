@@ -12,6 +12,7 @@
 #include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "apps/norvexdx/ViewOptions.h"
 
 namespace Norvex::App {
 
@@ -40,6 +41,8 @@ std::optional<Conf::RGBColorSpace> ParseColorSpace(std::string_view name);
 std::optional<Proc::AlphaType> ParseAlphaType(std::string_view name);
 std::optional<Proc::LinearizationMode> ParseMode(std::string_view name);
 std::optional<DX::RenderFitMode> ParseFitMode(std::string_view name);
+std::optional<ApiChoice> ParseApi(std::string_view name);
+std::optional<HDRChoice> ParseHDRChoice(std::string_view name);
 
 // "srgb, rec709, ...", for messages and help.
 std::string GetColorSpaceNames();

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/ViewerKeys.h"
 
 namespace Norvex::App {
 
@@ -69,14 +70,17 @@ std::optional<unsigned> ParsePositiveCount(std::string_view text) {
     return value && *value > 0 ? value : std::nullopt;
 }
 
+std::optional<unsigned> ParseFrames(std::string_view text) {
+    constexpr unsigned kMaxFrames = 1000000;
+    const auto value = ParseIndex(text);
+    return value && *value > 0 && *value <= kMaxFrames ? value : std::nullopt;
+}
+
 template <class Options>
 void AddDeviceOptions(CLI::App& app, Options& options) {
-    app.add_option("--api")
-        ->description("the Direct3D to draw with")
-        ->type_name("API")
-        ->default_str("d3d12")
-        ->check(CLI::IsMember({"d3d12"}));
-    AddValue(app, "--adapter", options.adapter, &ParseIndex, "an adapter's number", "N",
+    AddValue(app, "--api", options.graphics.api, &ParseApi, "auto, d3d11 or d3d12", "API",
+             "what to draw with: d3d11, d3d12, or auto, the newest that there is (auto)");
+    AddValue(app, "--adapter", options.graphics.adapter, &ParseIndex, "an adapter's number", "N",
              "the adapter to draw on, as numbered by `norvexdx info` (0)");
 }
 
@@ -195,6 +199,31 @@ void AddSheet(CLI::App& parent, SheetOptions& options) {
                "\n\nExample:\n  norvexdx sheet sheet.png photo.jpg hdr.png hlg.png --columns 3");
 }
 
+void AddView(CLI::App& parent, ViewOptions& options) {
+    CLI::App& app = *parent.add_subcommand("view", "show pictures in a window");
+    app.add_option("files", options.files, "the pictures, in the order of the keys")
+        ->required()
+        ->type_name("FILE...");
+    AddValue(app, "--from", options.from, &ParseColorSpace,
+             "a colour space (" + GetColorSpaceNames() + ")", "SPACE",
+             "the colour space of the pictures (what each file says, else srgb)");
+    AddValue(app, "--hdr", options.hdr, &ParseHDRChoice, "auto, on or off", "CHOICE",
+             "auto: where the display is in HDR; on: and tell where it is not; off (auto)");
+    app.add_flag("--fullscreen", options.isFullScreen, "begin in full screen");
+    app.add_flag("--stats", options.showsStatistics, "begin with statistics shown");
+    AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+             "size of the window's inside (the first picture's, as far as it fits)");
+    AddValue(app, "--frames", options.frames, &ParseFrames, "a number from 1 to 1000000", "N",
+             "draw so many frames as fast as they can be shown, print statistics, and end");
+    app.add_option("--screenshot", options.screenshot,
+                   "with --frames: save the last one as PNG, 16 bits PQ when it is in HDR")
+        ->type_name("FILE");
+    AddDeviceOptions(app, options);
+    app.add_flag("--json", options.json, "print the statistics as JSON in the end");
+    app.footer("\nKeys and mouse:\n" + GetViewerHelp() +
+               "\n\nExample:\n  norvexdx view photo.jpg hdr.png");
+}
+
 // What the parser answers to --help, --version and errors.
 ShowText GetShownText(const CLI::App& app, const CLI::ParseError& error) {
     std::ostringstream out;
@@ -229,7 +258,7 @@ void CheckCommand(const CLI::App& app, const std::vector<std::string>& arguments
 
 CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     CLI::App app(
-        "Draws and converts pictures with Direct3D 12: colour spaces, alpha types, geometry.",
+        "Shows and converts pictures with Direct3D 12 or 11: colour spaces, alpha types, geometry.",
         "norvexdx");
     // Options begin with '-' only: a path may begin with '/'.
     app.allow_windows_style_options(false);
@@ -246,11 +275,13 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     ConvertOptions convert;
     FillOptions fill;
     SheetOptions sheet;
+    ViewOptions view;
     CLI::App& infoApp = *app.add_subcommand("info", "tell adapters, outputs, devices and formats");
     AddJsonFlag(infoApp, info);
     AddConvert(app, convert);
     AddFill(app, fill);
     AddSheet(app, sheet);
+    AddView(app, view);
 
     CheckCommand(app, arguments);
     try {
@@ -272,6 +303,8 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
         result.command = std::move(fill);
     } else if (app.got_subcommand("sheet")) {
         result.command = std::move(sheet);
+    } else if (app.got_subcommand("view")) {
+        result.command = std::move(view);
     } else {
         result.command = info;
     }

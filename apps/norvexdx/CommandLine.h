@@ -12,6 +12,7 @@
 #include "apps/norvexdx/FillCommand.h"
 #include "apps/norvexdx/InfoCommand.h"
 #include "apps/norvexdx/SheetCommand.h"
+#include "apps/norvexdx/ViewOptions.h"
 
 namespace Norvex::App {
 
@@ -21,7 +22,8 @@ struct ShowText {
 };
 
 struct CommandLine {
-    std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions> command;
+    std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions, ViewOptions>
+        command;
     bool isVerbose = false;
 };
 

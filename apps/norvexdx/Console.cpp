@@ -54,7 +54,7 @@ void PrintError(std::string_view text) {
     Write(STD_ERROR_HANDLE, text);
 }
 
-void PrintFailure(std::string_view line) {
+void PrintMessage(std::string_view line) {
     PrintError("norvexdx: " + std::string(line) + "\n");
 }
 

@@ -13,7 +13,7 @@ void Print(std::string_view text);
 // To standard error.
 void PrintError(std::string_view text);
 // "norvexdx: <line>" to standard error.
-void PrintFailure(std::string_view line);
+void PrintMessage(std::string_view line);
 
 bool IsErrorTerminal();
 

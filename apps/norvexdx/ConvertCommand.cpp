@@ -6,6 +6,7 @@
 #include <memory>
 #include <thread>
 
+#include "apps/norvexdx/CanvasFile.h"
 #include "apps/norvexdx/Console.h"
 #include "apps/norvexdx/ImageFile.h"
 #include "apps/norvexdx/InputFile.h"
@@ -21,16 +22,6 @@ namespace {
 // much on the device.
 constexpr std::size_t kMaxPicturesInFlight = 4;
 
-// What all pictures are drawn with.
-struct Renderer {
-    explicit Renderer(const ConvertPlan& plan)
-        : graphics(GraphicsDevice::Open(plan.adapter)),
-          drawer(graphics, plan.view, plan.blends) {}
-
-    GraphicsDevice graphics;
-    PictureDrawer drawer;
-};
-
 // Device and shaders are made while the first pictures are decoded.
 class Batch {
 public:
@@ -38,10 +29,9 @@ public:
         : m_plan(plan),
           m_reports(plan.jobs.size()),
           m_progress(plan.jobs.size()),
-          m_renderer(std::async(std::launch::async,
-                                [&plan] { return std::make_shared<Renderer>(plan); })) {}
+          m_graphics(std::async(std::launch::async, [this] { return Open(); })) {}
 
-    // Returns when all is done; throws what kept the renderer from being made.
+    // Returns when all is done; throws what kept the device or its shaders from being made.
     void Run() {
         const std::size_t workers = std::min(kMaxPicturesInFlight, m_plan.jobs.size());
         {
@@ -50,14 +40,15 @@ public:
                 threads.emplace_back([this] { Work(); });
             }
         }
-        m_renderer.get();
+        m_graphics.get();
     }
 
-    Renderer& GetRenderer() const { return *m_renderer.get(); }
+    Graphics& GetGraphics() const { return *m_graphics.get(); }
     // One for each job; empty where it failed.
     const std::vector<std::optional<PictureReport>>& GetReports() const { return m_reports; }
 
 private:
+    std::shared_ptr<Graphics> Open();
     void Work();
     PictureReport Convert(const ConvertJob& job, Image image, double decodeMs) const;
 
@@ -65,10 +56,11 @@ private:
     std::atomic<std::size_t> m_next{0};
     std::vector<std::optional<PictureReport>> m_reports;
     ProgressBar m_progress;
-    std::shared_future<std::shared_ptr<Renderer>> m_renderer;
+    // Last, because the thread that makes it uses the others.
+    std::shared_future<std::shared_ptr<Graphics>> m_graphics;
 };
 
-bool HasValue(const std::shared_future<std::shared_ptr<Renderer>>& future) {
+bool HasValue(const std::shared_future<std::shared_ptr<Graphics>>& future) {
     try {
         return future.get() != nullptr;
     } catch (...) {
@@ -76,10 +68,9 @@ bool HasValue(const std::shared_future<std::shared_ptr<Renderer>>& future) {
     }
 }
 
-// Our own failures name the file that they are about.
-std::string DescribeFailureOf(const ConvertJob& job, const std::exception_ptr& exception) {
-    const FailureReport report = DescribeFailure(exception);
-    return report.isOurs ? report.line : Utf8FromPath(job.input) + ": " + report.line;
+std::shared_ptr<Graphics> Batch::Open() {
+    return Graphics::Open(m_plan.graphics, m_plan.blends ? DrawKind::Over : DrawKind::Replace,
+                          [this](std::string_view line) { m_progress.PrintMessage(line); });
 }
 
 void Batch::Work() {
@@ -89,51 +80,41 @@ void Batch::Work() {
             const Stopwatch stopwatch;
             Image image = ReadImage(job.input);
             const double decodeMs = stopwatch.GetMilliseconds();
-            m_renderer.get();
+            m_graphics.get();
             m_reports[i] = Convert(job, std::move(image), decodeMs);
         } catch (...) {
-            // Without a renderer no picture can be converted: that is told once, by Run.
-            if (!HasValue(m_renderer)) {
+            // Without a device no picture can be converted: that is told once, by Run.
+            if (!HasValue(m_graphics)) {
                 return;
             }
-            m_progress.PrintFailure(DescribeFailureOf(job, std::current_exception()));
+            m_progress.PrintMessage(
+                DescribeFailureOf(Utf8FromPath(job.input), std::current_exception()));
         }
         m_progress.Advance();
     }
 }
 
 PictureReport Batch::Convert(const ConvertJob& job, Image image, double decodeMs) const {
-    Renderer& renderer = GetRenderer();
+    Graphics& graphics = GetGraphics();
     PictureReport report;
     report.input = Utf8FromPath(job.input);
-    report.output = Utf8FromPath(job.output);
     report.times.decode = decodeMs;
 
     Stopwatch upload;
-    const auto source = UploadImage(renderer.graphics, image);
+    const auto source = graphics.Upload(image);
     report.times.upload = upload.GetMilliseconds();
     report.sourceFormat = source->GetFormat();
     const unsigned depth = m_plan.depth.value_or(image.bitsPerChannel);
     const auto outputSpace = m_plan.outputSpace ? m_plan.outputSpace : image.colorSpace;
     image = {};
 
-    Canvas canvas(renderer.graphics, m_plan.size.value_or(source->GetSize()), depth);
-    const auto drawn =
-        renderer.drawer.Draw(source, canvas, m_plan.conversion, m_plan.rect, m_plan.background);
+    const auto canvas = graphics.MakeCanvas(m_plan.size.value_or(source->GetSize()), depth);
+    const auto drawn = graphics.Draw(
+        *source, *canvas,
+        {m_plan.view, m_plan.conversion, m_plan.rect, m_plan.background, m_plan.blends});
     report.times.draw = drawn.drawMs;
     report.transform = drawn.transform;
-    report.targetFormat = canvas.GetFormat();
-
-    const Stopwatch readback;
-    Image result = canvas.Download();
-    report.times.readback = readback.GetMilliseconds();
-    result.colorSpace = outputSpace;
-    report.width = result.width;
-    report.height = result.height;
-
-    const Stopwatch encode;
-    WriteImage(job.output, result);
-    report.times.encode = encode.GetMilliseconds();
+    WriteCanvas(*canvas, job.output, outputSpace, report);
     return report;
 }
 
@@ -151,10 +132,9 @@ ExitCode RunConvert(const ConvertOptions& options) {
                 reports.push_back(*report);
             }
         }
-        const Renderer& renderer = batch.GetRenderer();
-        const RunReport run = {renderer.graphics, renderer.drawer.GetShaderCompilationMs()};
-        text = plan.json ? MakeConvertJson(run, plan.conversion, reports)
-                         : MakeConvertText(run, reports);
+        const Graphics& graphics = batch.GetGraphics();
+        text = plan.json ? MakeConvertJson(graphics, plan.conversion, reports)
+                         : MakeConvertText(graphics, reports);
     }
     Console::Print(text);
     return reports.size() == plan.jobs.size() ? ExitCode::Success : ExitCode::Failure;

@@ -61,6 +61,8 @@ void CheckSpaces(const Proc::ColorConversionInfo& info) {
     }
 }
 
+} // namespace
+
 Proc::ColorAlphaConversionInfo MakeConversion(const ConvertOptions& options) {
     Proc::ColorAlphaConversionInfo info;
     info.source = options.from.value_or(kSRGB); // equal spaces: only alpha changes
@@ -76,6 +78,8 @@ Proc::ColorAlphaConversionInfo MakeConversion(const ConvertOptions& options) {
     CheckSpaces(info);
     return info;
 }
+
+namespace {
 
 // Fills in background, blending and the alpha type that is drawn with.
 void PlanBackground(const ConvertOptions& options, ConvertPlan& plan) {
@@ -144,7 +148,7 @@ ConvertPlan MakeConvertPlan(const ConvertOptions& options) {
         plan.conversion = MakeConversion(options);
     }
     PlanBackground(options, plan);
-    plan.adapter = options.adapter;
+    plan.graphics = options.graphics;
     plan.outputSpace = options.to;
     plan.view.fit =
         options.fit.value_or(options.scale ? DX::RenderFitMode::Free : DX::RenderFitMode::Fit);

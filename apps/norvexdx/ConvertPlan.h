@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "apps/norvexdx/Arguments.h"
-#include "apps/norvexdx/PictureDrawer.h"
+#include "apps/norvexdx/Graphics.h"
 
 namespace Norvex::App {
 
 struct ConvertOptions {
     std::vector<std::string> files; // inputs, and last the output; at least 2
-    std::optional<unsigned> adapter;
+    GraphicsChoice graphics;
     std::optional<Conf::RGBColorSpace> from;
     std::optional<Conf::RGBColorSpace> to;
     // How colours are converted; only with `from` and `to`.
@@ -45,7 +45,7 @@ struct ConvertJob {
 
 struct ConvertPlan {
     std::vector<ConvertJob> jobs;
-    std::optional<unsigned> adapter;
+    GraphicsChoice graphics;
     std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: pixels are drawn as they are
     std::optional<Conf::RGBColorSpace> outputSpace;           // empty: the input's
     View view;
@@ -56,6 +56,10 @@ struct ConvertPlan {
     std::optional<unsigned> depth;
     bool json = false;
 };
+
+// From `from` to `to` (without them only alpha changes), as the other options of colour and alpha
+// say.
+Proc::ColorAlphaConversionInfo MakeConversion(const ConvertOptions& options);
 
 // Reads the file system for the output only: inputs are looked at when their turn comes.
 ConvertPlan MakeConvertPlan(const ConvertOptions& options);

@@ -62,4 +62,10 @@ FailureReport DescribeFailure(const std::exception_ptr& exception) {
     }
 }
 
+// Our own failures name the file that they are about.
+std::string DescribeFailureOf(const std::string& file, const std::exception_ptr& exception) {
+    const FailureReport report = DescribeFailure(exception);
+    return report.isOurs ? report.line : file + ": " + report.line;
+}
+
 } // namespace Norvex::App

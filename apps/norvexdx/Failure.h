@@ -31,5 +31,7 @@ struct FailureReport {
 // The line for any exception: a Failure's own; the sentence and the result of the library's; words
 // for lack of memory.
 FailureReport DescribeFailure(const std::exception_ptr& exception);
+// The line of what failed while a file was worked on; it names the file.
+std::string DescribeFailureOf(const std::string& file, const std::exception_ptr& exception);
 
 } // namespace Norvex::App

@@ -5,13 +5,13 @@
 #include <optional>
 #include <string>
 
-#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "apps/norvexdx/Graphics.h"
 
 namespace Norvex::App {
 
 struct FillOptions {
     std::string output;
-    std::optional<unsigned> adapter;
+    GraphicsChoice graphics;
     Proc::ColorF color;
     DX::Size2DT<long> size;
     std::optional<DX::Rect2DT<long>> rect; // the whole picture without one

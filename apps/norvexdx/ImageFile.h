@@ -10,7 +10,7 @@
 
 namespace Norvex::App {
 
-// Direct3D 12's limit for the width and the height of a texture
+// Direct3D's limit for the width and the height of a texture, from feature level 11.0 on
 // (D3D12_REQ_TEXTURE2D_U_OR_V_DIMENSION).
 constexpr std::uint32_t kMaxDimension = 16384;
 

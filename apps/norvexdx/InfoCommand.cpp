@@ -7,8 +7,9 @@
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "apps/norvexdx/Console.h"
 #include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/Graphics11.h"
+#include "apps/norvexdx/Graphics12.h"
 #include "apps/norvexdx/ReportParts.h"
-#include "apps/norvexdx/Texture.h"
 
 namespace Norvex::App {
 
@@ -69,26 +70,26 @@ Json MakeOutputsJson(IDXGIAdapter1* adapter) {
     }
 }
 
-Json MakeFormatsJson(const DX::D12Device& device) {
+template <class Device>
+Json MakeFormatsJson(const Device& device) {
     Json json;
     for (const DXGI_FORMAT format : kPictureFormats) {
-        const auto support = device.CheckFormatSupport(format).first;
-        const auto has = [&](D3D12_FORMAT_SUPPORT1 flag) { return (support & flag) == flag; };
-        json[GetFormatName(format)] = {{"drawFrom", has(D3D12_FORMAT_SUPPORT1_SHADER_SAMPLE)},
-                                       {"drawTo", has(D3D12_FORMAT_SUPPORT1_RENDER_TARGET)},
-                                       {"blend", has(D3D12_FORMAT_SUPPORT1_BLENDABLE)}};
+        const FormatUses uses = GetFormatUses(device, format);
+        json[GetFormatName(format)] = {
+            {"drawFrom", uses.drawFrom}, {"drawTo", uses.drawTo}, {"blend", uses.blend}};
     }
     return json;
 }
 
-Json MakeD12Json(const DX::DXGIAdapter& adapter) {
+template <class Device>
+Json MakeGenerationJson(const char* api, const DX::DXGIAdapter& adapter) {
     try {
-        const auto device = DX::D12Device::Create(adapter);
+        const auto device = Device::Create(adapter);
         Json json = MakeDeviceJson(*device);
         json["formats"] = MakeFormatsJson(*device);
         return json;
     } catch (...) {
-        return {{"error", DescribeFailure(std::current_exception()).line}};
+        return {{"api", api}, {"error", DescribeFailure(std::current_exception()).line}};
     }
 }
 
@@ -105,7 +106,8 @@ Json MakeInfoJson() {
     for (unsigned i = 0; i < adapters.size(); ++i) {
         Json adapter = MakeAdapterJson(i, *adapters[i].GetDescription());
         adapter["outputs"] = MakeOutputsJson(adapters[i].Get());
-        adapter["device"] = MakeD12Json(adapters[i]);
+        adapter["devices"] = Json::array({MakeGenerationJson<DX::D12Device>("d3d12", adapters[i]),
+                                          MakeGenerationJson<DX::D11Device>("d3d11", adapters[i])});
         json["adapters"].push_back(std::move(adapter));
     }
     return json;
@@ -130,15 +132,25 @@ std::string MakeOutputText(const Json& output) {
     return text + "\n";
 }
 
+const char* GetYesNo(const Json& value) {
+    return value.get<bool>() ? "yes" : "no";
+}
+
 std::string MakeDeviceText(const Json& device) {
+    const bool is12 = device["api"] == "d3d12";
+    std::string text = is12 ? "  Direct3D 12: " : "  Direct3D 11: ";
     if (device.contains("error")) {
-        return "  Direct3D 12: " + GetText(device["error"]) + "\n";
+        return text + GetText(device["error"]) + "\n";
     }
-    const Json& sdkVersion = device["sdkVersion"];
-    std::string text =
-        fmt::format("  Direct3D 12: level {}, root signature {}, SDK {}\n",
-                    GetText(device["featureLevel"]), GetText(device["rootSignatureVersion"]),
-                    sdkVersion.is_null() ? "of the system" : GetText(sdkVersion));
+    text += "level " + GetText(device["featureLevel"]);
+    if (is12) {
+        const Json& sdkVersion = device["sdkVersion"];
+        text +=
+            fmt::format(", root signature {}, SDK {}\n", GetText(device["rootSignatureVersion"]),
+                        sdkVersion.is_null() ? "of the system" : GetText(sdkVersion));
+    } else {
+        text += fmt::format(", fences: {}\n", GetYesNo(device["fences"]));
+    }
     for (const auto& [name, uses] : device["formats"].items()) {
         text += fmt::format("    {:<20}", name);
         for (const auto& [use, isSupported] : uses.items()) {
@@ -164,14 +176,16 @@ std::string MakeAdapterText(const Json& adapter) {
     for (const Json& output : adapter["outputs"]) {
         text += MakeOutputText(output);
     }
-    return text + MakeDeviceText(adapter["device"]);
+    for (const Json& device : adapter["devices"]) {
+        text += MakeDeviceText(device);
+    }
+    return text;
 }
 
 std::string MakeInfoText(const Json& info) {
-    const auto yesNo = [](const Json& value) { return value.get<bool>() ? "yes" : "no"; };
     std::string text = fmt::format("norvexdx {}, DXGI {}, Direct3D 12: {}, HLSL compiler: {}\n",
                                    GetText(info["program"]), GetText(info["dxgi"]),
-                                   yesNo(info["direct3D12"]), yesNo(info["hlslCompiler"]));
+                                   GetYesNo(info["direct3D12"]), GetYesNo(info["hlslCompiler"]));
     for (const Json& adapter : info["adapters"]) {
         text += MakeAdapterText(adapter);
     }

@@ -31,10 +31,10 @@ void ProgressBar::Advance() {
     Show();
 }
 
-void ProgressBar::PrintFailure(std::string_view line) {
+void ProgressBar::PrintMessage(std::string_view line) {
     const std::lock_guard lock(m_mutex);
     Hide();
-    Console::PrintFailure(line);
+    Console::PrintMessage(line);
     Show();
 }
 

@@ -20,7 +20,7 @@ public:
     // One more is done.
     void Advance();
     // A line that stays: the bar makes room for it.
-    void PrintFailure(std::string_view line);
+    void PrintMessage(std::string_view line);
 
 private:
     void Show();

@@ -6,7 +6,6 @@
 
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
 #include "apps/norvexdx/ReportParts.h"
-#include "apps/norvexdx/Texture.h"
 
 namespace Norvex::App {
 
@@ -55,22 +54,22 @@ Json MakePictureJson(const PictureReport& picture) {
     return json;
 }
 
-Json MakeRunJson(const RunReport& run) {
+Json MakeRunJson(const Graphics& graphics) {
     Json json;
-    json["adapter"] =
-        MakeAdapterJson(run.graphics.adapterIndex, *run.graphics.device->GetDescription());
-    json["device"] = MakeDeviceJson(*run.graphics.device);
-    json["timesMs"] = {{"deviceCreation", run.graphics.creationMs},
-                       {"shaderCompilation", run.shaderCompilationMs}};
+    const DX::D3Device& device = graphics.GetDevice();
+    json["adapter"] = MakeAdapterJson(graphics.GetAdapterIndex(), *device.GetDescription());
+    json["device"] = MakeDeviceJson(device);
+    json["timesMs"] = {{"deviceCreation", graphics.GetCreationMs()},
+                       {"shaderCompilation", graphics.GetShaderCompilationMs()}};
     return json;
 }
 
 } // namespace
 
-std::string MakeConvertJson(const RunReport& run,
+std::string MakeConvertJson(const Graphics& graphics,
                             const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                             const std::vector<PictureReport>& pictures) {
-    Json json = MakeRunJson(run);
+    Json json = MakeRunJson(graphics);
     json["parameters"] = MakeParametersJson(conversion);
     json["pictures"] = Json::array();
     for (const PictureReport& picture : pictures) {
@@ -79,13 +78,13 @@ std::string MakeConvertJson(const RunReport& run,
     return DumpJson(json);
 }
 
-std::string MakeConvertText(const RunReport& run, const std::vector<PictureReport>& pictures) {
+std::string MakeConvertText(const Graphics& graphics, const std::vector<PictureReport>& pictures) {
     if (pictures.empty()) {
         return {};
     }
-    std::string text = fmt::format("Direct3D 12 on {}: device {:.0f} ms, shaders {:.1f} ms\n",
-                                   run.graphics.device->GetAdapterName(), run.graphics.creationMs,
-                                   run.shaderCompilationMs);
+    std::string text = fmt::format("{} on {}: device {:.0f} ms, shaders {:.1f} ms\n",
+                                   graphics.GetApiName(), graphics.GetDevice().GetAdapterName(),
+                                   graphics.GetCreationMs(), graphics.GetShaderCompilationMs());
     for (const PictureReport& picture : pictures) {
         const PictureTimes& times = picture.times;
         const std::string reading =
@@ -100,8 +99,8 @@ std::string MakeConvertText(const RunReport& run, const std::vector<PictureRepor
     return text;
 }
 
-std::string MakeDrawJson(const RunReport& run, const PictureReport& picture) {
-    Json json = MakeRunJson(run);
+std::string MakeDrawJson(const Graphics& graphics, const PictureReport& picture) {
+    Json json = MakeRunJson(graphics);
     json["pictures"] = Json::array({MakePictureJson(picture)});
     return DumpJson(json);
 }

@@ -10,7 +10,7 @@
 
 #include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
-#include "apps/norvexdx/GraphicsDevice.h"
+#include "apps/norvexdx/Graphics.h"
 
 namespace Norvex::App {
 
@@ -33,21 +33,16 @@ struct PictureReport {
     PictureTimes times;
 };
 
-struct RunReport {
-    GraphicsDevice graphics;
-    double shaderCompilationMs = 0.0;
-};
-
 // {"adapter", "device", "parameters", "timesMs", "pictures": [...]}. The parameters are those of
 // the shader's block, read from its bytes; the transform, which is each picture's own, stands with
 // the picture, its translation in pixels.
-std::string MakeConvertJson(const RunReport& run,
+std::string MakeConvertJson(const Graphics& graphics,
                             const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                             const std::vector<PictureReport>& pictures);
 // Nothing without pictures.
-std::string MakeConvertText(const RunReport& run, const std::vector<PictureReport>& pictures);
+std::string MakeConvertText(const Graphics& graphics, const std::vector<PictureReport>& pictures);
 
 // The same without parameters, for pictures that were not converted.
-std::string MakeDrawJson(const RunReport& run, const PictureReport& picture);
+std::string MakeDrawJson(const Graphics& graphics, const PictureReport& picture);
 
 } // namespace Norvex::App

@@ -2,7 +2,20 @@
 
 #include <fmt/format.h>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+
 namespace Norvex::App {
+
+namespace {
+
+const char* GetVersionName(D3D_ROOT_SIGNATURE_VERSION version) {
+    constexpr const char* kNames[] = {"1.0", "1.1", "1.2"}; // from version 1 on
+    const auto index = static_cast<std::size_t>(version);
+    return index >= 1 && index <= std::size(kNames) ? kNames[index - 1] : "unknown";
+}
+
+} // namespace
 
 Json MakeAdapterJson(unsigned index, const DX::AdapterDescription& description) {
     const auto& luid = description.adapterLuid;
@@ -22,17 +35,21 @@ Json MakeAdapterJson(unsigned index, const DX::AdapterDescription& description) 
             {"isSoftware", (description.flags & DXGI_ADAPTER_FLAG_SOFTWARE) != 0}};
 }
 
-Json MakeDeviceJson(const DX::D12Device& device) {
-    constexpr const char* kRootSignatureVersions[] = {"1.0", "1.1", "1.2"};
-    const auto version = static_cast<std::size_t>(device.GetRootSignatureVersion());
-    const auto sdkVersion = device.GetSDKVersion();
-    return {{"api", "d3d12"},
-            {"featureLevel", device.GetLevelName()},
-            {"rootSignatureVersion", version >= 1 && version <= std::size(kRootSignatureVersions)
-                                         ? kRootSignatureVersions[version - 1]
-                                         : "unknown"},
-            {"sdkVersion", sdkVersion ? Json(*sdkVersion) : Json(nullptr)},
-            {"driverVersion", device.GetDriverVersion()}};
+Json MakeDeviceJson(const DX::D3Device& device) {
+    const auto* d11 = dynamic_cast<const DX::D11Device*>(&device);
+    const auto* d12 = dynamic_cast<const DX::D12Device*>(&device);
+    Json json = {{"api", d12 != nullptr ? "d3d12" : "d3d11"},
+                 {"featureLevel", device.GetLevelName()},
+                 {"driverVersion", device.GetDriverVersion()}};
+    if (d11 != nullptr) {
+        json["fences"] = d11->IsFencesSupported();
+    }
+    if (d12 != nullptr) {
+        const auto sdkVersion = d12->GetSDKVersion();
+        json["rootSignatureVersion"] = GetVersionName(d12->GetRootSignatureVersion());
+        json["sdkVersion"] = sdkVersion ? Json(*sdkVersion) : Json(nullptr);
+    }
+    return json;
 }
 
 std::string DumpJson(const Json& json) {

@@ -7,15 +7,15 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3Device.h"
 
 namespace Norvex::App {
 
 using Json = nlohmann::ordered_json;
 
 Json MakeAdapterJson(unsigned index, const DX::AdapterDescription& description);
-// Level, versions, driver.
-Json MakeDeviceJson(const DX::D12Device& device);
+// Generation, level, driver, and what only the one or the other generation has.
+Json MakeDeviceJson(const DX::D3Device& device);
 // Indented, with a line break at the end. Text that is not UTF-8 is mended, never refused.
 std::string DumpJson(const Json& json);
 

@@ -4,14 +4,12 @@
 
 #include <fmt/format.h>
 
+#include "apps/norvexdx/CanvasFile.h"
 #include "apps/norvexdx/Console.h"
 #include "apps/norvexdx/Failure.h"
 #include "apps/norvexdx/ImageFile.h"
 #include "apps/norvexdx/InputFile.h"
 #include "apps/norvexdx/OutputFile.h"
-#include "apps/norvexdx/PictureDrawer.h"
-#include "apps/norvexdx/Report.h"
-#include "apps/norvexdx/Stopwatch.h"
 
 namespace Norvex::App {
 
@@ -79,34 +77,23 @@ void RunSheet(const SheetOptions& options) {
     CheckOutputPlace(output);
     const Grid grid(options);
     CheckSize(grid.GetSize());
-    const GraphicsDevice graphics = GraphicsDevice::Open(options.adapter);
-    PictureDrawer drawer(graphics, {}, true);
-    Canvas canvas(graphics, grid.GetSize(), 8);
+    const auto graphics = Graphics::Open(options.graphics, DrawKind::Over, &Console::PrintMessage);
+    const auto canvas = graphics->MakeCanvas(grid.GetSize(), 8);
 
     PictureReport report;
     std::optional<Proc::ColorF> background = options.background;
     background->a = 1.0F; // the sheet is opaque
     for (std::size_t i = 0; i < options.inputs.size(); ++i) {
         const Image image = ReadImage(PathFromUtf8(options.inputs[i]));
-        const auto source = UploadImage(graphics, image);
-        report.times.draw +=
-            drawer.Draw(source, canvas, MakeConversion(image), grid.GetCell(i), background).drawMs;
+        const auto source = graphics->Upload(image);
+        const auto drawn = graphics->Draw(
+            *source, *canvas, {{}, MakeConversion(image), grid.GetCell(i), background, true});
+        report.times.draw += drawn.drawMs;
         background.reset();
     }
-    const Stopwatch readback;
-    Image image = canvas.Download();
-    report.times.readback = readback.GetMilliseconds();
-    image.colorSpace = Conf::RGBColorSpace{};
-    const Stopwatch encode;
-    WriteImage(output, image);
-    report.times.encode = encode.GetMilliseconds();
-
-    report.output = options.output;
-    report.width = image.width;
-    report.height = image.height;
-    report.targetFormat = canvas.GetFormat();
-    const RunReport run = {graphics, drawer.GetShaderCompilationMs()};
-    Console::Print(options.json ? MakeDrawJson(run, report) : MakeConvertText(run, {report}));
+    WriteCanvas(*canvas, output, Conf::RGBColorSpace{}, report);
+    Console::Print(options.json ? MakeDrawJson(*graphics, report)
+                                : MakeConvertText(*graphics, {report}));
 }
 
 } // namespace Norvex::App

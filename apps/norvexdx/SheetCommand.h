@@ -6,14 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "apps/norvexdx/Graphics.h"
 
 namespace Norvex::App {
 
 struct SheetOptions {
     std::string output;
     std::vector<std::string> inputs; // at least one
-    std::optional<unsigned> adapter;
+    GraphicsChoice graphics;
     std::optional<unsigned> columns; // as square as possible without
     DX::Size2DT<long> cell = {320, 240};
     unsigned gap = 8; // pixels between cells and around them

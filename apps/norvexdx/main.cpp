@@ -12,6 +12,7 @@
 #include "apps/norvexdx/Console.h"
 #include "apps/norvexdx/ConvertCommand.h"
 #include "apps/norvexdx/OutputFile.h"
+#include "apps/norvexdx/ViewCommand.h"
 
 #include <shellapi.h>
 
@@ -37,6 +38,7 @@ struct RunCommand {
         RunSheet(options);
         return ExitCode::Success;
     }
+    ExitCode operator()(const ViewOptions& options) const { return RunView(options); }
 };
 
 // As the user typed them: the runtime's own are in the code page.
@@ -76,7 +78,7 @@ int main() {
         return static_cast<int>(Run());
     } catch (...) {
         const FailureReport report = DescribeFailure(std::current_exception());
-        Console::PrintFailure(report.line);
+        Console::PrintMessage(report.line);
         return static_cast<int>(report.exitCode);
     }
 }

@@ -63,7 +63,7 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
         {{"--background", "FF000080"}, "translucent"},
         {{"--depth", "10"}, "8 or 16"},
         {{"--adapter", "-1"}, "an adapter's number"},
-        {{"--api", "d3d9"}, "--api"},
+        {{"--api", "d3d9"}, "auto, d3d11 or d3d12"},
         {{"--nonsense"}, "--nonsense"},
         {{"--size", "1x1", "--size", "2x2"}, "--size"},
     };
@@ -76,6 +76,9 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
                                                       {"convert", "in.png"},
                                                       {"fill", "out.png", "--size", "1x1"},
                                                       {"sheet", "out.png"},
+                                                      {"view"},
+                                                      {"view", "in.png", "--frames", "0"},
+                                                      {"view", "in.png", "--hdr", "maybe"},
                                                       {"info", "more"}}) {
         EXPECT_THAT(GetUsageLine([&] { ParseCommandLine(arguments); }), HasSubstr("--help"));
     }
@@ -88,6 +91,8 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
 
 TEST(CommandLineTest, PlansWhatTheOptionsMeanTogether) {
     EXPECT_FALSE(Plan({}).conversion);
+    EXPECT_EQ(ApiChoice::Auto, Plan({}).graphics.api);
+    EXPECT_EQ(ApiChoice::Direct3D11, Plan({"--api", "d3d11"}).graphics.api);
     EXPECT_EQ(DX::RenderFitMode::Free, Plan({"--scale", "2"}).view.fit);
     EXPECT_EQ(DX::RenderFitMode::Fit, Plan({"--size", "4x4"}).view.fit);
     EXPECT_EQ(-30.0F, Plan({"--rotate", "-30"}).view.rotationDegrees);

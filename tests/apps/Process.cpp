@@ -1,12 +1,11 @@
 #include "tests/apps/Process.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
 #include "Host/Strings.h"
-#include "Platform/Direct3D.h"
-#include "tests/apps/Pictures.h"
 
 namespace Norvex::Test {
 
@@ -30,13 +29,17 @@ std::string ReadText(const fs::path& path) {
 fs::path GetProgramPath() {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    return fs::path(self).parent_path() / "norvexdx.exe";
+    const char* name = std::getenv("NORVEX_TEST_PROGRAM");
+    return fs::path(self).parent_path() / (name != nullptr ? name : "norvexdx.exe");
 }
 
 } // namespace
 
 ProcessResult RunProgram(const std::vector<std::string>& arguments) {
-    const TemporaryFolder folder;
+    return StartedProgram(arguments).Wait();
+}
+
+StartedProgram::StartedProgram(const std::vector<std::string>& arguments, HANDLE standardInput) {
     std::wstring commandLine = L"\"" + GetProgramPath().wstring() + L"\"";
     for (const std::string& argument : arguments) {
         commandLine += L" \"" + Core::WstringFromUtf8(argument) + L"\"";
@@ -44,28 +47,39 @@ ProcessResult RunProgram(const std::vector<std::string>& arguments) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = OpenInheritable(folder.GetPath("out"));
-    startup.hStdError = OpenInheritable(folder.GetPath("err"));
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                        &startup, &process)) {
-        throw std::runtime_error("norvexdx.exe does not start");
-    }
+    startup.hStdInput = standardInput;
+    startup.hStdOutput = OpenInheritable(m_folder.GetPath("out"));
+    startup.hStdError = OpenInheritable(m_folder.GetPath("err"));
+    const BOOL isStarted = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0,
+                                          nullptr, nullptr, &startup, &m_process);
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
-    const bool hasEnded = WaitForSingleObject(process.hProcess, kTimeLimit) == WAIT_OBJECT_0;
-    if (!hasEnded) {
-        TerminateProcess(process.hProcess, 1);
+    if (isStarted == FALSE) {
+        throw std::runtime_error("norvexdx.exe does not start");
     }
-    ProcessResult result;
-    GetExitCodeProcess(process.hProcess, &result.exitCode);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    if (!hasEnded) {
+}
+
+StartedProgram::~StartedProgram() {
+    if (!HasEnded()) {
+        TerminateProcess(m_process.hProcess, 1);
+        HasEnded(kTimeLimit);
+    }
+    CloseHandle(m_process.hThread);
+    CloseHandle(m_process.hProcess);
+}
+
+bool StartedProgram::HasEnded(DWORD waitMs) const {
+    return WaitForSingleObject(m_process.hProcess, waitMs) == WAIT_OBJECT_0;
+}
+
+ProcessResult StartedProgram::Wait() {
+    if (!HasEnded(kTimeLimit)) {
         throw std::runtime_error("norvexdx.exe does not end");
     }
-    result.out = ReadText(folder.GetPath("out"));
-    result.err = ReadText(folder.GetPath("err"));
+    ProcessResult result;
+    GetExitCodeProcess(m_process.hProcess, &result.exitCode);
+    result.out = ReadText(m_folder.GetPath("out"));
+    result.err = ReadText(m_folder.GetPath("err"));
     return result;
 }
 

@@ -1,9 +1,12 @@
 #pragma once
 
-// Runs the program as a user would, and collects what it leaves.
+// Runs the program as a user would, and collects what it leaves. Throws std::runtime_error.
 
 #include <string>
 #include <vector>
+
+#include "Platform/Direct3D.h"
+#include "tests/apps/Pictures.h"
 
 namespace Norvex::Test {
 
@@ -13,7 +16,28 @@ struct ProcessResult {
     std::string err;
 };
 
-// norvexdx.exe beside this test. arguments: in UTF-8.
+// norvexdx.exe beside this test, or what NORVEX_TEST_PROGRAM names there. arguments: in UTF-8.
 ProcessResult RunProgram(const std::vector<std::string>& arguments);
+
+// The same, while it runs. What has not ended is stopped with the object.
+class StartedProgram {
+public:
+    // standardInput: an inheritable handle, or none.
+    explicit StartedProgram(const std::vector<std::string>& arguments,
+                            HANDLE standardInput = nullptr);
+    ~StartedProgram();
+    StartedProgram(const StartedProgram&) = delete;
+    StartedProgram& operator=(const StartedProgram&) = delete;
+
+    HANDLE GetHandle() const { return m_process.hProcess; }
+    DWORD GetId() const { return m_process.dwProcessId; }
+    bool HasEnded(DWORD waitMs = 0) const;
+    // Waits for the end, a minute at most.
+    ProcessResult Wait();
+
+private:
+    TemporaryFolder m_folder;
+    PROCESS_INFORMATION m_process = {};
+};
 
 } // namespace Norvex::Test

@@ -1,4 +1,5 @@
 #include <cmath>
+#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
@@ -21,21 +22,37 @@ using testing::StartsWith;
 
 class ProgramTest : public testing::Test {
 protected:
+    // Runs the program with --api.
+    void Run(std::vector<std::string> arguments) {
+        arguments.insert(arguments.end(), {"--api", m_api});
+        m_result = RunProgram(arguments);
+    }
+
     // Runs `norvexdx convert` from in.png to out.png, with options.
     Image Convert(const Image& image, const std::vector<std::string>& options) {
         WriteImage(m_folder.GetPath("in.png"), image);
         std::vector<std::string> arguments = {"convert", m_folder.GetText("in.png"),
                                               m_folder.GetText("out.png")};
         arguments.insert(arguments.end(), options.begin(), options.end());
-        m_result = RunProgram(arguments);
+        Run(arguments);
         EXPECT_EQ(0U, m_result.exitCode) << m_result.err;
         EXPECT_EQ("", m_result.err);
         return ReadImage(m_folder.GetPath("out.png"));
     }
 
     TemporaryFolder m_folder;
+    std::string m_api = "auto";
     ProcessResult m_result;
 };
+
+// With either generation.
+class PictureTest : public ProgramTest, public testing::WithParamInterface<const char*> {
+protected:
+    PictureTest() { m_api = GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Api, PictureTest, testing::Values("d3d11", "d3d12"),
+                         [](const auto& api) { return std::string(api.param); });
 
 std::vector<std::string> GetLines(const std::string& text) {
     std::vector<std::string> lines;
@@ -54,7 +71,7 @@ void ExpectPixel(const Image& image, std::size_t x, std::size_t y, std::array<un
     }
 }
 
-TEST_F(ProgramTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
+TEST_P(PictureTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
     const Image shallow = MakeNoise(33, 17, 8, false);
     const Image deep = MakeNoise(17, 33, 16, false);
     const Image scan = MakeNoise(9, 9, 16, true);
@@ -77,10 +94,10 @@ TEST_F(ProgramTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
         arguments.push_back(m_folder.GetText(input));
     }
     arguments.push_back(m_folder.GetText("out"));
-    const ProcessResult result = RunProgram(arguments);
+    Run(arguments);
 
-    EXPECT_EQ(1U, result.exitCode);
-    const auto lines = GetLines(result.err);
+    EXPECT_EQ(1U, m_result.exitCode);
+    const auto lines = GetLines(m_result.err);
     EXPECT_THAT(lines, testing::Each(StartsWith("norvexdx: ")));
     EXPECT_THAT(lines, testing::UnorderedElementsAre(HasSubstr("empty.png is empty"),
                                                      HasSubstr("text.jpg: not a picture"),
@@ -102,7 +119,7 @@ TEST_F(ProgramTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
     EXPECT_EQ(5U, files) << "something half-written is left";
 }
 
-TEST_F(ProgramTest, ConvertsColorsAsTheFormulasSay) {
+TEST_P(PictureTest, ConvertsColorsAsTheFormulasSay) {
     const Image noise = MakeNoise(64, 64, 16, true);
     Proc::ColorAlphaConversionInfo info;
     info.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::HLG};
@@ -138,7 +155,7 @@ TEST_F(ProgramTest, TakesWhiteToPQAndBack) {
     EXPECT_EQ(Conf::TransferCharacteristics::PQ, hdr.colorSpace->transfer);
 }
 
-TEST_F(ProgramTest, PlacesPictures) {
+TEST_P(PictureTest, PlacesPictures) {
     // Two pixels, red and green; blue where they do not reach.
     Image pair = MakePlain(2, 1, {255, 0, 0, 255});
     pair.pixels[4] = 0;
@@ -174,7 +191,7 @@ TEST_F(ProgramTest, PlacesPictures) {
     ExpectPixel(filled, 7, 7, {16, 239, 0, 255}, 1);
 }
 
-TEST_F(ProgramTest, KeepsFinePatternsGreyWhenTheyShrink) {
+TEST_P(PictureTest, KeepsFinePatternsGreyWhenTheyShrink) {
     Image stripes = MakePlain(512, 512, {0, 0, 0, 255});
     for (std::size_t x = 0; x < std::size_t{512} * 512; x += 2) {
         std::fill_n(stripes.pixels.begin() + static_cast<std::ptrdiff_t>(4 * x), 3,
@@ -186,7 +203,7 @@ TEST_F(ProgramTest, KeepsFinePatternsGreyWhenTheyShrink) {
     }
 }
 
-TEST_F(ProgramTest, ConvertsAlpha) {
+TEST_P(PictureTest, ConvertsAlpha) {
     const Image half = MakePlain(2, 2, {200, 100, 50, 128});
     const std::vector<std::string> premultiplied = {"--target-alpha", "premultiplied"};
     ExpectPixel(Convert(half, premultiplied), 0, 0, {100, 50, 25, 128}, 1);
@@ -199,11 +216,10 @@ TEST_F(ProgramTest, ConvertsAlpha) {
     ExpectPixel(Convert(dark, {"--source-alpha", "premultiplied"}), 0, 0, {199, 100, 50, 128}, 1);
 }
 
-TEST_F(ProgramTest, FillsRectangles) {
-    const ProcessResult result =
-        RunProgram({"fill", m_folder.GetText("a.png"), "--size", "6x4", "--color", "FF804020",
-                    "--rect", "-1,1,3,9", "--background", "01020304", "--depth", "16"});
-    EXPECT_EQ(0U, result.exitCode) << result.err;
+TEST_P(PictureTest, FillsRectangles) {
+    Run({"fill", m_folder.GetText("a.png"), "--size", "6x4", "--color", "FF804020", "--rect",
+         "-1,1,3,9", "--background", "01020304", "--depth", "16"});
+    EXPECT_EQ(0U, m_result.exitCode) << m_result.err;
     const Image image = ReadImage(m_folder.GetPath("a.png"));
     EXPECT_EQ(16U, image.bitsPerChannel);
     constexpr unsigned kWide = 257; // 65535 / 255
@@ -213,13 +229,12 @@ TEST_F(ProgramTest, FillsRectangles) {
     ExpectPixel(image, 2, 0, {kWide, 2 * kWide, 3 * kWide, 4 * kWide}, 1);
 }
 
-TEST_F(ProgramTest, MakesContactSheets) {
+TEST_P(PictureTest, MakesContactSheets) {
     WriteImage(m_folder.GetPath("red.png"), MakePlain(400, 100, {255, 0, 0, 255}));
     WriteImage(m_folder.GetPath("half.png"), MakePlain(10, 10, {255, 255, 255, 128}));
-    const ProcessResult result = RunProgram(
-        {"sheet", m_folder.GetText("sheet.png"), m_folder.GetText("red.png"),
+    Run({"sheet", m_folder.GetText("sheet.png"), m_folder.GetText("red.png"),
          m_folder.GetText("half.png"), "--cell", "40x20", "--gap", "5", "--background", "000000"});
-    EXPECT_EQ(0U, result.exitCode) << result.err;
+    EXPECT_EQ(0U, m_result.exitCode) << m_result.err;
     const Image sheet = ReadImage(m_folder.GetPath("sheet.png"));
     EXPECT_EQ(95U, sheet.width);
     EXPECT_EQ(30U, sheet.height);
@@ -229,7 +244,7 @@ TEST_F(ProgramTest, MakesContactSheets) {
     ExpectPixel(sheet, 70, 15, {128, 128, 128, 255}, 1);
 }
 
-TEST_F(ProgramTest, ReportsAsJson) {
+TEST_P(PictureTest, ReportsAsJson) {
     Convert(MakeNoise(8, 4, 16, true),
             {"--from", "rec2020-pq", "--to", "srgb", "--raw-params", "0.5,0.25,600,1.1,2",
              "--depth", "8", "--target-alpha", "premultiplied", "--json"});
@@ -246,7 +261,7 @@ TEST_F(ProgramTest, ReportsAsJson) {
                     {"hlgOOTFGamma", 1.1F}}),
               report.at("parameters"));
     EXPECT_NE("", report.at("adapter").at("name"));
-    EXPECT_NE("", report.at("device").at("featureLevel"));
+    EXPECT_EQ(GetParam(), report.at("device").at("api"));
     EXPECT_LE(0.0, report.at("timesMs").at("shaderCompilation"));
     const json& picture = report.at("pictures").at(0);
     EXPECT_EQ("R16G16B16A16_UNORM", picture.at("sourceFormat"));
@@ -261,9 +276,34 @@ TEST_F(ProgramTest, ReportsAsJson) {
     EXPECT_EQ(true, info.at("hlslCompiler"));
     const json& adapter = info.at("adapters").at(0);
     EXPECT_EQ(report.at("adapter").at("luid"), adapter.at("luid"));
-    EXPECT_EQ(report.at("device").at("featureLevel"), adapter.at("device").at("featureLevel"));
-    EXPECT_EQ(true, adapter.at("device").at("formats").at("R8G8B8A8_UNORM").at("drawTo"));
     EXPECT_TRUE(adapter.at("outputs").is_array());
+    // In full, what the report says of its device.
+    json device = adapter.at("devices").at(m_api == "d3d12" ? 0 : 1);
+    EXPECT_EQ(json({{"drawFrom", true}, {"drawTo", true}, {"blend", true}}),
+              device.at("formats").at("R8G8B8A8_UNORM"));
+    device.erase("formats");
+    EXPECT_EQ(report.at("device"), device);
+}
+
+TEST_F(ProgramTest, DrawsTheSameWithBothGenerations) {
+    const Image noise = MakeNoise(64, 64, 8, false);
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"--from", "srgb", "--to", "rec2020-hlg"},
+          {"--from", "rec2020-pq", "--to", "srgb", "--size", "100x60", "--fit", "fill"},
+          {"--rotate", "30", "--fit", "fill"},
+          {"--size", "20x15", "--background", "406080"}}) {
+        SCOPED_TRACE(testing::PrintToString(options));
+        m_api = "d3d11";
+        const Image with11 = Convert(noise, options);
+        m_api = "d3d12";
+        const Image with12 = Convert(noise, options);
+        ASSERT_EQ(with11.pixels.size(), with12.pixels.size());
+        int largest = 0;
+        for (std::size_t i = 0; i < with11.pixels.size(); ++i) {
+            largest = std::max(largest, std::abs(with11.pixels[i] - with12.pixels[i]));
+        }
+        EXPECT_LE(largest, 1);
+    }
 }
 
 TEST_F(ProgramTest, SaysInOneLineWhatFails) {
@@ -279,9 +319,15 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
         {{"convert", in, m_folder.GetText("missing/out.png")}, 1, "there is no folder"},
         {{"convert", in, in, m_folder.GetText("missing")}, 1, "there is no folder"},
         {{"convert", in, out, "--adapter", "99"}, 1, "there is no adapter 99"},
+        {{"convert", in, out, "--adapter", "99", "--api", "d3d11"}, 1, "there is no adapter 99"},
         {{"convert", m_folder.GetText("."), out}, 1, "is a folder"},
         {{"convert", in, out, "--from", "srgb"}, 2, "belong together"},
         {{"sheet", out, in, "--cell", "16384x16384"}, 1, "larger than the device takes"},
+        {{"view", in, "--screenshot", out}, 2, "--screenshot goes with --frames"},
+        {{"view", in, "--frames", "1", "--screenshot", m_folder.GetText("missing/out.png")},
+         1,
+         "there is no folder"},
+        {{"view", in, "--from", "rec709-linear"}, 2, "cannot be converted from"},
         {{}, 2, "--help"},
     };
     for (const auto& [arguments, exitCode, words] : kCases) {
@@ -297,29 +343,76 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
 }
 
 // Run on their own, on a system without the part.
-void ExpectMissing(const char* words) {
+void ExpectMissing(const std::string& api, const char* words) {
     const TemporaryFolder folder;
     const std::string in = folder.GetText("in.png");
     WriteImage(folder.GetPath("in.png"), MakePlain(1, 1, {}));
     for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"convert", in, in, "--adapter", "0"},
-          {"fill", folder.GetText("a.png"), "--size", "1x1", "--color", "FFFFFF"}}) {
+         {std::vector<std::string>{"convert", in, in, "--adapter", "0", "--api", api},
+          {"fill", folder.GetText("a.png"), "--size", "1x1", "--color", "FFFFFF", "--api", api}}) {
         const ProcessResult result = RunProgram(arguments);
         EXPECT_EQ(1U, result.exitCode);
-        EXPECT_EQ(std::string("norvexdx: ") + words + "\n", result.err);
+        const auto lines = GetLines(result.err);
+        EXPECT_THAT(lines, ElementsAre(StartsWith(std::string("norvexdx: ") + words)));
     }
     EXPECT_THAT(folder.GetFiles(), ElementsAre("in.png"));
 }
 
+// Each command says why it draws with Direct3D 11, and does.
+void ExpectDirect3D11(const char* reason) {
+    const TemporaryFolder folder;
+    const std::string in = folder.GetText("in.png");
+    WriteImage(folder.GetPath("in.png"), MakePlain(2, 2, {255, 255, 255, 255}));
+    const std::string out = folder.GetText("out.png");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"convert", in, out, "--from", "srgb", "--to", "rec2020-pq"},
+          {"fill", out, "--size", "2x2", "--color", "949494FF"},
+          {"sheet", out, in, "--cell", "2x2", "--background", "949494"}}) {
+        const ProcessResult result = RunProgram(arguments);
+        EXPECT_EQ(0U, result.exitCode) << result.err;
+        const auto lines = GetLines(result.err);
+        EXPECT_THAT(lines, ElementsAre(StartsWith(
+                               std::string("norvexdx: drawing with Direct3D 11: ") + reason)));
+        EXPECT_THAT(result.out, StartsWith("Direct3D 11 on "));
+        // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
+        ExpectPixel(ReadImage(folder.GetPath("out.png")), 0, 0, {148, 148, 148, 255});
+    }
+}
+
+void ExpectInfoOfDirect3D11(bool hasDirect3D12, const char* error) {
+    const ProcessResult result = RunProgram({"info", "--json"});
+    EXPECT_EQ(0U, result.exitCode);
+    const json info = json::parse(result.out);
+    EXPECT_EQ(hasDirect3D12, info.at("direct3D12"));
+    const json& devices = info.at("adapters").at(0).at("devices");
+    EXPECT_EQ("d3d12", devices.at(0).at("api"));
+    EXPECT_THAT(devices.at(0).at("error"), StartsWith(error));
+    EXPECT_EQ("d3d11", devices.at(1).at("api"));
+    EXPECT_EQ(true, devices.at(1).at("formats").at("R16G16B16A16_UNORM").at("drawTo"));
+    EXPECT_THAT(RunProgram({"info"}).out,
+                testing::AllOf(HasSubstr(std::string("Direct3D 12: ") + error),
+                               HasSubstr("Direct3D 11: level ")));
+}
+
 TEST(MissingPart, Direct3D12) {
-    ExpectMissing("this system has no Direct3D 12");
-    const json info = json::parse(RunProgram({"info", "--json"}).out);
-    EXPECT_EQ(false, info.at("direct3D12"));
-    EXPECT_THAT(info.at("adapters").at(0).at("device").at("error"), HasSubstr("DirectX 12"));
+    constexpr const char* kReason = "this system has no Direct3D 12";
+    ExpectMissing("d3d12", kReason);
+    ExpectDirect3D11(kReason);
+    ExpectInfoOfDirect3D11(false, "DirectX 12 device interface is not supported on this system");
+}
+
+// The system has Direct3D 12, its driver has not.
+TEST(MissingPart, Direct3D12Driver) {
+    constexpr const char* kReason = "Failed to create D3D12 device";
+    ExpectMissing("d3d12", kReason);
+    ExpectDirect3D11(kReason);
+    ExpectInfoOfDirect3D11(true, kReason);
 }
 
 TEST(MissingPart, Compiler) {
-    ExpectMissing("this system has no HLSL compiler (d3dcompiler_47.dll)");
+    for (const char* api : {"auto", "d3d11", "d3d12"}) {
+        ExpectMissing(api, "this system has no HLSL compiler (d3dcompiler_47.dll)");
+    }
 }
 
 } // namespace

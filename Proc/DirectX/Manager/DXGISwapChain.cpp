@@ -140,6 +140,9 @@ DXGISwapChain::~DXGISwapChain() {
 }
 
 boost::intrusive_ptr<D12CommandAllocator> DXGISwapChain::CreateCommandAllocator() {
+    if (!IsD12Level()) {
+        return nullptr;
+    }
     // Completed is not enough: one that the host still holds may yet be executed, and until the
     // background release has let go too the frame's objects, back buffers among them, are alive.
     m_inFlightAllocators.remove_if([](const auto& allocator) {

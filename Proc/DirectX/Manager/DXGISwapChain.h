@@ -43,7 +43,7 @@ public:
     bool IsD12Level() const { return m_swapChain3 != nullptr && m_commandQueue != nullptr; }
 
     // Direct3D 12: an allocator for a frame's work, which is executed before Present. Those still
-    // on the GPU are kept and waited for when the buffers are made anew. Not on Direct3D 11.
+    // on the GPU are kept and waited for when the buffers are made anew. Null on Direct3D 11.
     boost::intrusive_ptr<D12CommandAllocator> CreateCommandAllocator();
     // Direct3D 12: the current back buffer, in the present state before and after a frame. Changes
     // with each Present. Null on Direct3D 11, and while the window has no area.

@@ -1,0 +1,33 @@
+#pragma once
+
+// The pixel formats of pictures on the device. Pure functions, any thread. What a device does with
+// a format: Graphics11.h, Graphics12.h.
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::App {
+
+// What a device does with textures of a format.
+struct FormatUses {
+    bool drawFrom = false;
+    bool drawTo = false;
+    bool blend = false;
+};
+
+// Bytes of a pixel, of the formats that are drawn on here: 8 for R16G16B16A16, else 4.
+std::size_t GetPixelSize(DXGI_FORMAT format);
+
+// IEEE 754 binary16.
+float FloatFromHalf(std::uint16_t half);
+
+// "R8G8B8A8_UNORM" of the formats that are used here, else "another format".
+const char* GetFormatName(DXGI_FORMAT format);
+
+// Samples in half precision become 16-bit integers, in place; what is outside 0 to 1 is clamped.
+void ConvertFromHalf(std::span<std::uint8_t> samples);
+
+} // namespace Norvex::App
