@@ -32,6 +32,23 @@ Examples:
   norvexdx convert photo.jpg turned.png --rotate 30 --size 1280x720 --background 202020FF
   norvexdx convert one.jpg two.jpg three.tif thumbnails --size 320x240 --json)";
 
+constexpr const char* kEncodeNotes = R"(
+IN is pictures, each one frame; a Y4M file, with C444 or Cmono samples, narrow range, in the matrix
+of --matrix; or - for standard input, which is a Y4M stream or raw RGBA frames of --size. All frames
+have one size, or are fitted into --size over black. Transparency is over black. OUT is a file, which
+appears whole or not at all, or - for standard output; then --stats and --json tell on standard
+error.
+
+Luma and chroma are in narrow range; each chroma sample is the mean of 2 x 2. In raw clips chroma is
+interleaved and P010 has its codes in the high bits; Y4M has three planes and bare codes (C420jpeg,
+C420p10, C420p16). Frames with odd sides have their chroma rounded up.
+
+Examples:
+  norvexdx encode a.png b.png c.png -o clip.y4m --format nv12 --fps 2 --size 1920x1080
+  norvexdx encode hdr.png -o hdr.y4m --format p010 --from rec2020-pq --to rec2020-hlg
+  ffmpeg -i in.mp4 -f rawvideo -pix_fmt rgba - | norvexdx encode - --size 1920x1080 --format nv12
+    -o - | ffmpeg -f rawvideo -pix_fmt nv12 -s 1920x1080 -r 25 -i - out.mp4)";
+
 template <class Value>
 using Parser = std::optional<Value> (*)(std::string_view);
 
@@ -224,6 +241,40 @@ void AddView(CLI::App& parent, ViewOptions& options) {
                "\n\nExample:\n  norvexdx view photo.jpg hdr.png");
 }
 
+void AddEncode(CLI::App& parent, EncodeOptions& options) {
+    CLI::App& app = *parent.add_subcommand("encode", "make a clip: NV12, P010 or P016 frames");
+    app.add_option("inputs", options.inputs, "pictures, a Y4M file, or - for standard input")
+        ->required()
+        ->type_name("IN");
+    app.add_option("-o,--output", options.output, "the clip, or - for standard output")
+        ->required()
+        ->type_name("OUT");
+    AddValue(app, "--format", options.format, &ParseVideoFormat, "nv12, p010 or p016", "FORMAT",
+             "of the frames: nv12 (8 bits), p010 (10) or p016 (16)")
+        ->required();
+    AddValue(app, "--matrix", options.matrix, &ParseMatrix, "bt601, bt709 or bt2020", "MATRIX",
+             "from R'G'B' to Y'C'bC'r (bt2020 with a --to of BT.2020 primaries, else bt709)");
+    const std::string spaces = "a colour space (" + GetColorSpaceNames() + ")";
+    AddValue(app, "--from", options.from, &ParseColorSpace, spaces, "SPACE",
+             "the colour space of the input");
+    AddValue(app, "--to", options.to, &ParseColorSpace, spaces, "SPACE",
+             "the colour space of the clip, converted to as by convert");
+    AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+             "size of the frames (the input's); of raw frames it must be said");
+    AddValue(app, "--input-depth", options.inputDepth, &ParseDepth, "8 or 16", "BITS",
+             "bits a channel of raw frames, 16 little endian (8)");
+    AddValue(app, "--fps", options.rate, &ParseFrameRate,
+             "a frame rate such as 25, 30000/1001 or 29.97", "R",
+             "frames per second, for Y4M's header (the input's, else 25)");
+    AddValue(app, "--container", options.container, &ParseContainer, "raw or y4m", "KIND",
+             "raw or y4m (y4m when OUT ends in .y4m, else raw)");
+    AddDeviceOptions(app, options);
+    app.add_flag("--progress", options.progress, "show progress, also when not on a terminal");
+    app.add_flag("--stats", options.stats, "print a line of totals in the end");
+    AddJsonFlag(app, options);
+    app.footer(kEncodeNotes);
+}
+
 // What the parser answers to --help, --version and errors.
 ShowText GetShownText(const CLI::App& app, const CLI::ParseError& error) {
     std::ostringstream out;
@@ -276,12 +327,14 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     FillOptions fill;
     SheetOptions sheet;
     ViewOptions view;
+    EncodeOptions encode;
     CLI::App& infoApp = *app.add_subcommand("info", "tell adapters, outputs, devices and formats");
     AddJsonFlag(infoApp, info);
     AddConvert(app, convert);
     AddFill(app, fill);
     AddSheet(app, sheet);
     AddView(app, view);
+    AddEncode(app, encode);
 
     CheckCommand(app, arguments);
     try {
@@ -305,6 +358,8 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
         result.command = std::move(sheet);
     } else if (app.got_subcommand("view")) {
         result.command = std::move(view);
+    } else if (app.got_subcommand("encode")) {
+        result.command = std::move(encode);
     } else {
         result.command = info;
     }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/norvexdx/ConvertPlan.h"
+#include "apps/norvexdx/EncodePlan.h"
 #include "apps/norvexdx/FillCommand.h"
 #include "apps/norvexdx/InfoCommand.h"
 #include "apps/norvexdx/SheetCommand.h"
@@ -22,7 +23,8 @@ struct ShowText {
 };
 
 struct CommandLine {
-    std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions, ViewOptions>
+    std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions, ViewOptions,
+                 EncodeOptions>
         command;
     bool isVerbose = false;
 };

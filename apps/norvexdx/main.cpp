@@ -11,6 +11,7 @@
 #include "apps/norvexdx/CommandLine.h"
 #include "apps/norvexdx/Console.h"
 #include "apps/norvexdx/ConvertCommand.h"
+#include "apps/norvexdx/EncodeCommand.h"
 #include "apps/norvexdx/OutputFile.h"
 #include "apps/norvexdx/ViewCommand.h"
 
@@ -39,6 +40,10 @@ struct RunCommand {
         return ExitCode::Success;
     }
     ExitCode operator()(const ViewOptions& options) const { return RunView(options); }
+    ExitCode operator()(const EncodeOptions& options) const {
+        RunEncode(options);
+        return ExitCode::Success;
+    }
 };
 
 // As the user typed them: the runtime's own are in the code page.

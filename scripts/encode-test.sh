@@ -1,0 +1,103 @@
+#!/bin/bash
+# Tests `norvexdx encode` in pipes: clips of ffmpeg's go in, what comes out is compared with ffmpeg's
+# own conversion. ctest calls this, inside the root.
+#   encode-test.sh NORVEXDX.exe RESULT.xml
+# The result is in GoogleTest's form.
+set -euo pipefail
+
+here=$(dirname "$(readlink -f "$0")")
+if [ -z "${NORVEX_WINE_SESSION:-}" ]; then
+    exec "$here/wine-session" "$0" "$@"
+fi
+program=$(readlink -f "$1")
+result=$2
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+
+size=640x360 rate=25 frames=50
+kMinPsnr=45 # dB, of luma
+
+encode() { timeout 60 "$here/wine-run" "$program" encode "$@"; }
+clip() { ffmpeg -v error -f lavfi -i "testsrc2=size=$size:rate=$rate" -frames:v "$frames" -f rawvideo -pix_fmt rgba -; }
+raw() { printf '%s\n' -f rawvideo -pix_fmt "$1" -s "$size" -r "$rate" -i "$2"; }
+
+# expect WHAT ACTUAL OPERATOR EXPECTED: numbers, as awk compares them
+expect() {
+    awk -v a="$2" -v b="$4" "BEGIN { exit !(a == a + 0 && a $3 b) }" && return
+    echo "$1: $2, which is not $3 $4"
+    return 1
+}
+
+# The frames of ffmpeg, converted by us, are those that ffmpeg converts.
+agrees() {
+    local api=$1 psnr expected
+    clip >in.rgba
+    mapfile -t source < <(raw rgba in.rgba)
+    ffmpeg -v error "${source[@]}" -vf scale=out_color_matrix=bt709:out_range=tv,format=nv12 -f rawvideo -y theirs.nv12
+    clip | encode - --size "$size" --format nv12 --matrix bt709 --api "$api" -o - >ours.nv12
+    expected=$(stat -c %s theirs.nv12)
+    expect "bytes of $frames frames" "$(stat -c %s ours.nv12)" == "$expected"
+    mapfile -t ours < <(raw nv12 ours.nv12)
+    mapfile -t theirs < <(raw nv12 theirs.nv12)
+    psnr=$(ffmpeg -hide_banner "${ours[@]}" "${theirs[@]}" -lavfi psnr -f null - 2>&1 | sed -n 's/.*PSNR y:\([0-9.inf]*\).*/\1/p')
+    expect "PSNR of luma" "${psnr/inf/1000}" '>' "$kMinPsnr"
+}
+
+# What comes out of our Y4M file, and of the pipe into an encoder, decodes frame by frame.
+decodes() {
+    local count
+    clip | encode - --size "$size" --format p010 --fps "$rate" -o clip.y4m
+    count=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 clip.y4m)
+    expect "frames of the Y4M file" "$count" == "$frames"
+    mapfile -t piped < <(raw nv12 -)
+    clip | encode - --size "$size" --format nv12 -o - | ffmpeg -v error "${piped[@]}" -y clip.mp4
+    ffmpeg -v error -xerror -i clip.mp4 -f null -
+    count=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 clip.mp4)
+    expect "frames of the muxed clip" "$count" == "$frames"
+}
+
+# A reader that goes away ends it with one line, even while the input neither goes on nor ends.
+ends_with_reader() {
+    local status=0
+    mkfifo stalled
+    sleep 30 >stalled &
+    local sleeper=$!
+    { clip && cat stalled; } | { encode - --size "$size" --format nv12 -o - 2>err || echo $? >status; } | head -c 1000 >part &
+    local began=$SECONDS
+    until [ -s status ] || [ $((SECONDS - began)) -gt 20 ]; do sleep 0.1; done
+    kill "$sleeper"
+    wait || true
+    status=$(cat status)
+    expect "exit status" "$status" == 1
+    expect "bytes that were read" "$(stat -c %s part)" == 1000
+    [ "$(cat err)" = "norvexdx: whoever reads standard output has closed it" ] || { cat err; return 1; }
+}
+
+failures=0
+# run NAME COMMAND...: one case of the result
+run() {
+    local name=$1 status=0
+    shift
+    (set -e; "$@") >"$name.log" 2>&1 || status=$?
+    echo "    <testcase name=\"$name\" classname=\"EncodePipeTest\" result=\"completed\">" >>cases
+    if [ "$status" -ne 0 ]; then
+        failures=$((failures + 1))
+        echo "      <failure message=\"failed\"></failure>" >>cases
+        echo "$name failed:"
+        cat "$name.log"
+    fi
+    echo "    </testcase>" >>cases
+}
+run AgreesWithFfmpegOnDirect3D11 agrees d3d11
+run AgreesWithFfmpegOnDirect3D12 agrees d3d12
+run WhatComesOutDecodes decodes
+run EndsWithItsReader ends_with_reader
+
+{
+    echo '<?xml version="1.0" encoding="UTF-8"?>'
+    echo "<testsuites failures=\"$failures\">"
+    cat cases
+    echo '</testsuites>'
+} >"$result"
+[ "$failures" -eq 0 ]
