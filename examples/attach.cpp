@@ -47,8 +47,8 @@ struct Host {
 
 void Draw(const Host& host) {
     const auto device = DX::D11Device::Attach(host.device);
-    const std::array<unsigned char, 4 * kWidth> greys = {0,   0,   0,   255, 64,  64,  64,  255,
-                                                         128, 128, 128, 255, 255, 255, 255, 255};
+    const std::array<unsigned char, 4 * std::size_t{kWidth}> greys = {
+        0, 0, 0, 255, 64, 64, 64, 255, 128, 128, 128, 255, 255, 255, 255, 255};
     const D3D11_SUBRESOURCE_DATA data = {greys.data(), sizeof(greys), 0};
     const auto source = DX::D11ShaderTexture2D::Create(device, MakeDesc(0), &data);
     const boost::intrusive_ptr<DX::D11RenderTexture2D> target(
@@ -66,7 +66,7 @@ void Draw(const Host& host) {
         draw->Encode(context, source, target, conversion, std::nullopt);
         context->CopyResource(staging, target->GetTexture());
         const auto mapped = context->Map(staging, 0, D3D11_MAP_READ, std::nullopt);
-        for (UINT x = 0; x < kWidth; ++x) {
+        for (std::size_t x = 0; x < kWidth; ++x) {
             std::printf("sRGB %3d is %3d in BT.709\n", greys[4 * x],
                         static_cast<const unsigned char*>(mapped.pData)[4 * x]);
         }

@@ -33,8 +33,8 @@ Shared MakeShared(const auto& device11, const auto& device12) {
     desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
     desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
     shared.texture11 = DX::D11SharedTexture2D::Create(device11, desc);
-    const HANDLE handle = shared.texture11->CreateSharedHandle(DXGI_SHARED_RESOURCE_READ |
-                                                               DXGI_SHARED_RESOURCE_WRITE);
+    HANDLE handle = shared.texture11->CreateSharedHandle(DXGI_SHARED_RESOURCE_READ |
+                                                         DXGI_SHARED_RESOURCE_WRITE);
     shared.texture12 = device12->OpenSharedResource(handle);
     CloseHandle(handle);
     desc.Usage = D3D11_USAGE_STAGING;

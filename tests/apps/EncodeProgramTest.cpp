@@ -129,7 +129,7 @@ TEST_P(EncodeTest, TurnsPicturesIntoClips) {
             MakeY4mHeader({c.size, FrameRate{30000, 1001}, "0:0", format.y4mColors});
         ASSERT_EQ(raw.size(), 2 * size);
         ASSERT_EQ(y4m.size(), header.size() + 2 * (6 + size));
-        EXPECT_EQ(std::string(y4m.begin(), y4m.begin() + header.size() + 6), header + "FRAME\n");
+        EXPECT_EQ(std::string(y4m.data(), y4m.data() + header.size() + 6), header + "FRAME\n");
         for (std::size_t i = 0; i < 2; ++i) {
             auto pixels = GetPixels(pictures[i]);
             if (!c.options.empty()) {
@@ -145,8 +145,7 @@ TEST_P(EncodeTest, TurnsPicturesIntoClips) {
             EXPECT_EQ(DescribeDifference(format, GetSamples(format, frame, size),
                                          ReferenceFrame(pixels, c.size, format, c.matrix)),
                       "");
-            const auto begin =
-                y4m.begin() + static_cast<std::ptrdiff_t>(header.size() + (i + 1) * 6 + i * size);
+            const auto* begin = y4m.data() + header.size() + (i + 1) * 6 + i * size;
             EXPECT_EQ(Interleave(format, c.size, Bytes(begin, begin + size)),
                       Bytes(frame, frame + size));
         }

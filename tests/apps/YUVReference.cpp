@@ -56,7 +56,8 @@ std::vector<double> ReferenceFrame(const std::vector<Pixel>& pixels, const DX::S
     const auto codesAt = [&](long x, long y) {
         const long column = std::min(x, size.width - 1);
         const long row = std::min(y, size.height - 1);
-        return GetCodes(pixels[static_cast<std::size_t>(row * size.width + column)], matrix);
+        const long index = row * size.width + column;
+        return GetCodes(pixels[static_cast<std::size_t>(index)], matrix);
     };
     const double scale = GetScale(format);
     std::vector<double> samples;

@@ -90,7 +90,7 @@ void TestWindow::PumpMessages() {
 TestWindow::RGB TestWindow::GetPixel(long x, long y) const {
     POINT point = {x, y};
     ClientToScreen(m_window, &point);
-    const HDC screen = GetDC(nullptr);
+    HDC screen = GetDC(nullptr);
     const COLORREF color = ::GetPixel(screen, point.x, point.y);
     ReleaseDC(nullptr, screen);
     return {GetRValue(color), GetGValue(color), GetBValue(color)};
