@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "Proc/DirectX/Manager/D3D12Device.h"
 #include "apps/norvexdx/ReportParts.h"
 
 namespace Norvex::App {
@@ -12,6 +13,37 @@ namespace {
 
 constexpr double kMedian = 0.5;
 constexpr double kMost = 0.95;
+
+// Direct3D 11 keeps no pools.
+const DX::D12Device* FindPools(const DX::D3Device& device) {
+    return dynamic_cast<const DX::D12Device*>(&device);
+}
+
+std::string MakePoolText(const DX::D3Device& device) {
+    const auto* pools = FindPools(device);
+    if (pools == nullptr) {
+        return {};
+    }
+    constexpr double kKiB = 1024.0;
+    const DX::D12PoolSizes sizes = pools->GetPoolSizes();
+    return fmt::format(
+        "\nidle: {} allocators, {} lists, {} descriptor heaps, {} buffers ({:.0f} KiB)",
+        sizes.commandAllocators, sizes.commandLists, sizes.descriptorHeaps, sizes.buffers,
+        static_cast<double>(sizes.bufferBytes) / kKiB);
+}
+
+Json MakePoolJson(const DX::D3Device& device) {
+    const auto* pools = FindPools(device);
+    if (pools == nullptr) {
+        return nullptr;
+    }
+    const DX::D12PoolSizes sizes = pools->GetPoolSizes();
+    return {{"commandAllocators", sizes.commandAllocators},
+            {"commandLists", sizes.commandLists},
+            {"descriptorHeaps", sizes.descriptorHeaps},
+            {"buffers", sizes.buffers},
+            {"bufferBytes", sizes.bufferBytes}};
+}
 
 } // namespace
 
@@ -54,13 +86,14 @@ void ViewStatistics::ForgetTimes() {
 
 std::string ViewStatistics::MakeText(const Setting& setting) const {
     return fmt::format(
-        "{} on {}, {}{}\n"
-        "frame {:.2f} ms, 95% within {:.2f} ms; recording {:.2f} ms\n"
-        "present interval {:.2f} ms; in flight at most {}; frames {}; devices lost {}",
-        setting.graphics.GetApiName(), setting.graphics.GetDevice().GetAdapterName(),
-        setting.format, setting.isHDR ? ", HDR" : "", m_frameTimes.GetQuantile(kMedian),
-        m_frameTimes.GetQuantile(kMost), m_recordingTimes.GetQuantile(kMedian),
-        m_intervals.GetQuantile(kMedian), m_peakInFlight, m_frames, m_losses);
+               "{} on {}, {}{}\n"
+               "frame {:.2f} ms, 95% within {:.2f} ms; recording {:.2f} ms\n"
+               "present interval {:.2f} ms; in flight at most {}; frames {}; devices lost {}",
+               setting.graphics.GetApiName(), setting.graphics.GetDevice().GetAdapterName(),
+               setting.format, setting.isHDR ? ", HDR" : "", m_frameTimes.GetQuantile(kMedian),
+               m_frameTimes.GetQuantile(kMost), m_recordingTimes.GetQuantile(kMedian),
+               m_intervals.GetQuantile(kMedian), m_peakInFlight, m_frames, m_losses) +
+           MakePoolText(setting.graphics.GetDevice());
 }
 
 std::string ViewStatistics::MakeJson(const Setting& setting, std::size_t frames) const {
@@ -77,7 +110,8 @@ std::string ViewStatistics::MakeJson(const Setting& setting, std::size_t frames)
         {"presentIntervalMs", {{"median", m_intervals.GetQuantile(kMedian)}}},
         {"peakFramesInFlight", m_peakInFlight},
         {"redraws", m_frames},
-        {"deviceLosses", m_losses}};
+        {"deviceLosses", m_losses},
+        {"idlePools", MakePoolJson(device)}};
     return DumpJson(json);
 }
 

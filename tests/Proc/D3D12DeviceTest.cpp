@@ -4,7 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
@@ -127,6 +129,7 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     ID3D12CommandAllocator* const secondRaw = second.Get();
     device->ReuseCommandAllocator(kDirect, std::move(first));
     device->ReuseCommandAllocator(kDirect, std::move(second));
+    EXPECT_EQ(device->GetPoolSizes().commandAllocators, 2u);
     const D12AllocatorState reused = device->CreateCommandAllocator(kDirect);
     EXPECT_EQ(reused.Get(), secondRaw);
     EXPECT_EQ(device->CreateCommandAllocator(kDirect).Get(), firstRaw);
@@ -148,6 +151,17 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
                                             nullptr);
               }),
               "Unsupported command list type: 4");
+
+    EXPECT_EQ(device->GetPoolSizes().buffers, 0u);
+    device->CreateUploadBuffer(100);
+    device->CreateReadbackBuffer(1000);
+    device->CreateShaderViewHeap(1);
+    const D12PoolSizes sizes = device->GetPoolSizes();
+    EXPECT_EQ(sizes.commandAllocators, 0u);
+    EXPECT_EQ(sizes.commandLists, 0u);
+    EXPECT_EQ(sizes.descriptorHeaps, 1u);
+    EXPECT_EQ(sizes.buffers, 2u);
+    EXPECT_EQ(sizes.bufferBytes, 128u + 1024u);
 }
 
 } // namespace

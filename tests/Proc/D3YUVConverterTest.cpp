@@ -391,6 +391,28 @@ TEST_P(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReference) 
     }
 }
 
+// Waves instead of noise: at this width single-precision texture coordinates give a neighbour up to
+// 1/5000 of a sample, which 16 bits show where neighbours are as far apart as can be.
+TEST_P(D3YUVConverterTest, AFullHDFrameAgreesWithTheReference) {
+    const auto bench = MakeBench(GetParam(), AlphaType::NonPremultiplied);
+    const Pixels waves = Quantize(
+        MakePixels(1920, 1080,
+                   [](unsigned x, unsigned y) {
+                       const auto wave = [](double phase) { return 0.5 + 0.5 * std::sin(phase); };
+                       return Color{wave(x / 11.0), wave(y / 13.0), wave((x + y) / 17.0),
+                                    wave((x + 2.0 * y) / 19.0)};
+                   }),
+        kSourceFormat);
+    for (const Format& format : kFormats) {
+        EXPECT_EQ(DescribeDifference(bench->Convert(waves, format, {960, 540}, YCbCrMatrix::BT709),
+                                     Reference(waves, format, {960, 540},
+                                               AlphaType::NonPremultiplied, YCbCrMatrix::BT709),
+                                     format.bound),
+                  "")
+            << format.bits;
+    }
+}
+
 TEST_P(D3YUVConverterTest, ColorsGiveTheirPublishedCodes) {
     struct Case {
         Color color;

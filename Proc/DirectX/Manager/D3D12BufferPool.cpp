@@ -141,6 +141,15 @@ void D12BufferPool::Clear() {
     released.swap(m_freeList);
 }
 
+std::pair<std::size_t, std::uint64_t> D12BufferPool::CountFree() const {
+    const std::scoped_lock lock(m_lock);
+    std::uint64_t bytes = 0;
+    for (const FreeBuffer& buffer : m_freeList) {
+        bytes += buffer.size;
+    }
+    return {m_freeList.size(), bytes};
+}
+
 D12Buffer::D12Buffer(const CComPtr<ID3D12Resource>& resource,
                      const boost::intrusive_ptr<D12BufferPool>& pool)
     : m_resource(resource),

@@ -11,6 +11,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -40,6 +41,8 @@ public:
     // Frees every free buffer and stops the timer.
     void Clear();
     D3D12_HEAP_TYPE GetType() const { return m_heapType; }
+    // Free buffers at this moment, and their bytes.
+    std::pair<std::size_t, std::uint64_t> CountFree() const;
 
 private:
     friend class D12Buffer;
@@ -59,7 +62,8 @@ private:
 
     CComPtr<ID3D12Device> m_device;
     D3D12_HEAP_TYPE m_heapType;
-    std::mutex m_lock;   // guards the free list, the size classes, start and stop of the timer
+    mutable std::mutex
+        m_lock;          // guards the free list, the size classes, start and stop of the timer
     FreeList m_freeList; // oldest first
     std::array<std::vector<FreeList::iterator>, 64>
         m_sizeClasses;                // by leading zero bits of the size

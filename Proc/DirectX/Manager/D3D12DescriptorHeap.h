@@ -152,6 +152,9 @@ public:
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 
+    // Heaps of dead wrappers that wait to be recycled, at this moment.
+    std::size_t CountFreeHeaps() const;
+
 private:
     friend class D12DescriptorHeap;
 
@@ -165,7 +168,7 @@ private:
     void ReuseHeap(D12DescriptorHeap* heap);
 
     CComPtr<ID3D12Device> m_device;
-    std::mutex m_freeHeapsMutex;
+    mutable std::mutex m_freeHeapsMutex;
     std::unordered_map<std::uint32_t, FreeHeaps> m_freeHeaps; // by flags and type
     // Held over the whole making of a shared view; the other two locks (free heaps, slots) are
     // taken inside it.

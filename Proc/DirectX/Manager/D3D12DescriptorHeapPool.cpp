@@ -120,4 +120,13 @@ void D12DescriptorHeapPool::ReuseHeap(D12DescriptorHeap* heap) {
     m_freeHeaps[KeyOf(desc.Type, desc.Flags)].emplace(desc.NumDescriptors, heap->GetHeap());
 }
 
+std::size_t D12DescriptorHeapPool::CountFreeHeaps() const {
+    const std::scoped_lock lock(m_freeHeapsMutex);
+    std::size_t count = 0;
+    for (const auto& [key, heaps] : m_freeHeaps) {
+        count += heaps.size();
+    }
+    return count;
+}
+
 } // namespace Norvex::DX

@@ -87,6 +87,15 @@ auto TakeLast(Map& pool, D3D12_COMMAND_LIST_TYPE type)
     return last;
 }
 
+template <class Map>
+std::size_t CountAll(const Map& pool) {
+    std::size_t count = 0;
+    for (const auto& [type, idle] : pool) {
+        count += idle.size();
+    }
+    return count;
+}
+
 } // namespace
 
 bool D12Device::IsAvailable() {
@@ -284,6 +293,25 @@ void D12Device::ReuseCommandList(CComPtr<ID3D12CommandList>&& list) {
     const D3D12_COMMAND_LIST_TYPE type = list->GetType();
     const std::lock_guard guard(m_commandListPoolLock);
     m_commandListPool[type].push_back(std::move(list));
+}
+
+D12PoolSizes D12Device::GetPoolSizes() const {
+    D12PoolSizes sizes;
+    {
+        const std::lock_guard guard(m_allocatorPoolLock);
+        sizes.commandAllocators = CountAll(m_allocatorPool);
+    }
+    {
+        const std::lock_guard guard(m_commandListPoolLock);
+        sizes.commandLists = CountAll(m_commandListPool);
+    }
+    sizes.descriptorHeaps = m_descriptorHeapPool->CountFreeHeaps();
+    for (const auto& pool : {m_uploadBufferPool, m_readbackBufferPool}) {
+        const auto [buffers, bytes] = pool->CountFree();
+        sizes.buffers += buffers;
+        sizes.bufferBytes += bytes;
+    }
+    return sizes;
 }
 
 } // namespace Norvex::DX

@@ -65,6 +65,15 @@ struct D12PlacedSubResourceFootprint {
     std::uint64_t RowSizeInBytes = 0; // without the padding of RowPitch
 };
 
+// What the device's pools hold for reuse.
+struct D12PoolSizes {
+    std::size_t commandAllocators = 0;
+    std::size_t commandLists = 0;
+    std::size_t descriptorHeaps = 0;
+    std::size_t buffers = 0; // for uploading and reading back
+    std::uint64_t bufferBytes = 0;
+};
+
 class NORVEX_DX_API D12Device : public D3Device {
 public:
     // Whether the system has Direct3D 12 (not whether an adapter does).
@@ -154,6 +163,9 @@ public:
                                                        const GUID& riid);
     void ReuseCommandList(CComPtr<ID3D12CommandList>&& list);
 
+    // At this moment, for statistics. What is in use is not counted.
+    D12PoolSizes GetPoolSizes() const;
+
 private:
     D12Device(const CComPtr<ID3D12Device>& device,
               std::shared_ptr<const AdapterDescription> description,
@@ -173,8 +185,8 @@ private:
     boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;
     boost::intrusive_ptr<D12BufferPool> m_readbackBufferPool;
     boost::intrusive_ptr<D12BufferPool> m_uploadBufferPool;
-    std::mutex m_allocatorPoolLock;
-    std::mutex m_commandListPoolLock;
+    mutable std::mutex m_allocatorPoolLock;
+    mutable std::mutex m_commandListPoolLock;
     std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<D12AllocatorState>> m_allocatorPool;
     std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<CComPtr<ID3D12CommandList>>>
         m_commandListPool;
