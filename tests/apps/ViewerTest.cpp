@@ -115,12 +115,11 @@ std::string DescribeQuadrants(const Image& image, const Shown& shown) {
     return {};
 }
 
-// Where GoogleTest writes its results.
-std::filesystem::path GetResultsFolder() {
-    constexpr std::string_view kXml = "xml:";
-    const std::string output = GTEST_FLAG_GET(output);
-    return output.starts_with(kXml) ? PathFromUtf8(output.substr(kXml.size())).parent_path()
-                                    : std::filesystem::current_path();
+// Of pictures that differ from what was expected.
+std::filesystem::path GetScreenshotFolder() {
+    const std::filesystem::path folder = PathFromUtf8(NORVEX_SOURCE_DIR "/out");
+    std::filesystem::create_directories(folder);
+    return folder;
 }
 
 class ViewerTest : public testing::TestWithParam<const char*> {
@@ -154,7 +153,7 @@ protected:
         } while (!difference.empty() && std::chrono::steady_clock::now() < end);
         EXPECT_EQ(difference, "") << when;
         if (!difference.empty()) {
-            WriteImage(GetResultsFolder() / fmt::format("viewer {} {}.png", GetParam(), when),
+            WriteImage(GetScreenshotFolder() / fmt::format("viewer {} {}.png", GetParam(), when),
                        image);
         }
     }
