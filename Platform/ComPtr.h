@@ -106,3 +106,17 @@ private:
 };
 
 #endif
+
+namespace Norvex::Platform {
+
+// Another interface of the object; null where it has none, and for null.
+template <class To, class From>
+CComPtr<To> Query(const CComPtr<From>& from) {
+    CComPtr<To> to;
+    if (from != nullptr) {
+        from->QueryInterface(__uuidof(To), reinterpret_cast<void**>(&to));
+    }
+    return to;
+}
+
+} // namespace Norvex::Platform

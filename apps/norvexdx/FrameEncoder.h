@@ -37,6 +37,8 @@ class FrameEncoder {
 public:
     // Frames between Submit and Collect, at most.
     static constexpr std::size_t kSlots = 3;
+    // Around a fitted frame.
+    static constexpr Proc::ColorF kBlack = {0.0F, 0.0F, 0.0F, 1.0F};
 
     // Planar textures where the adapter has them and its planes are what they should be
     // (HasTruePlanes), else luma and chroma apart. Failure: the adapter can do neither.

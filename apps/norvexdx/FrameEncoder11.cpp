@@ -15,9 +15,7 @@ namespace {
 
 using Context = boost::intrusive_ptr<DX::D11DeviceContext>;
 
-constexpr Proc::ColorF kBlack = {0.0F, 0.0F, 0.0F, 1.0F};
-
-D3D11_TEXTURE2D_DESC MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
+D3D11_TEXTURE2D_DESC MakeFrameDesc11(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
     D3D11_TEXTURE2D_DESC desc = {};
     desc.Width = static_cast<UINT>(size.width);
     desc.Height = static_cast<UINT>(size.height);
@@ -31,7 +29,7 @@ D3D11_TEXTURE2D_DESC MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format)
 
 D3D11_TEXTURE2D_DESC MakeStagingDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format,
                                      D3D11_CPU_ACCESS_FLAG access) {
-    D3D11_TEXTURE2D_DESC desc = MakeDesc(size, format);
+    D3D11_TEXTURE2D_DESC desc = MakeFrameDesc11(size, format);
     desc.Usage = D3D11_USAGE_STAGING;
     desc.CPUAccessFlags = access;
     return desc;
@@ -45,15 +43,15 @@ void CopyRows(std::uint8_t* target, std::size_t targetPitch, const std::uint8_t*
 }
 
 // A staging texture's memory while this object lives. Inside Encode.
-class Mapping {
+class PlaneMapping {
 public:
-    Mapping(const Context& context, const CComPtr<ID3D11Texture2D>& texture, D3D11_MAP type)
+    PlaneMapping(const Context& context, const CComPtr<ID3D11Texture2D>& texture, D3D11_MAP type)
         : m_context(context),
           m_texture(texture),
           m_mapped(context->Map(texture, 0, type, std::nullopt)) {}
-    ~Mapping() { m_context->Unmap(m_texture, 0); }
-    Mapping(const Mapping&) = delete;
-    Mapping& operator=(const Mapping&) = delete;
+    ~PlaneMapping() { m_context->Unmap(m_texture, 0); }
+    PlaneMapping(const PlaneMapping&) = delete;
+    PlaneMapping& operator=(const PlaneMapping&) = delete;
 
     std::uint8_t* GetData() const { return static_cast<std::uint8_t*>(m_mapped.pData); }
     std::size_t GetRowPitch() const { return m_mapped.RowPitch; }
@@ -191,7 +189,8 @@ private:
         if (!slot.source || slot.source->GetSize() != size || present.Format != format) {
             slot.upload = m_device->CreateTexture2D(
                 MakeStagingDesc(size, format, D3D11_CPU_ACCESS_WRITE), nullptr);
-            slot.source = DX::D11ShaderTexture2D::Create(m_device, MakeDesc(size, format), nullptr);
+            slot.source =
+                DX::D11ShaderTexture2D::Create(m_device, MakeFrameDesc11(size, format), nullptr);
         }
         if (IsDrawn(frame) && !slot.canvas) {
             slot.canvas = MakeCanvas(GetParams().size);
@@ -201,7 +200,7 @@ private:
     void MakePlanes(Slot& slot) {
         const VideoFormat& format = GetParams().format;
         const auto make = [&](std::size_t i, const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
-            auto desc = MakeDesc(size, plane);
+            auto desc = MakeFrameDesc11(size, plane);
             desc.BindFlags = D3D11_BIND_RENDER_TARGET;
             slot.planes[i] = m_device->CreateTexture2D(desc, nullptr);
             slot.readback[i] = m_device->CreateTexture2D(
@@ -217,14 +216,14 @@ private:
     }
 
     boost::intrusive_ptr<DX::D11RenderTexture2D> MakeCanvas(const DX::Size2DT<long>& size) {
-        auto desc = MakeDesc(size, GetTextures().canvasFormat);
+        auto desc = MakeFrameDesc11(size, GetTextures().canvasFormat);
         desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
         return DX::D11RenderTexture2D::Create(m_device, desc);
     }
 
     static void Upload(const Context& context, const Slot& slot, const Image& frame) {
         {
-            const Mapping mapping(context, slot.upload, D3D11_MAP_WRITE);
+            const PlaneMapping mapping(context, slot.upload, D3D11_MAP_WRITE);
             CopyRows(mapping.GetData(), mapping.GetRowPitch(), frame.pixels.data(),
                      frame.GetRowSize(), frame.GetRowSize(), frame.height);
         }
@@ -269,14 +268,14 @@ private:
         const std::size_t lumaSize = params.format.GetLumaBytes(params.size);
         const std::size_t lumaRow = lumaSize / height;
         const std::size_t chromaRow = params.format.GetChromaBytes(params.size) / chromaHeight;
-        const Mapping luma(context, slot.readback[0], D3D11_MAP_READ);
+        const PlaneMapping luma(context, slot.readback[0], D3D11_MAP_READ);
         CopyRows(planes, lumaRow, luma.GetData(), luma.GetRowPitch(), lumaRow, height);
         if (IsPlanar()) {
             // Direct3D 11 maps both planes at once, chroma behind luma.
             CopyRows(planes + lumaSize, chromaRow, luma.GetData() + luma.GetRowPitch() * height,
                      luma.GetRowPitch(), chromaRow, chromaHeight);
         } else {
-            const Mapping chroma(context, slot.readback[1], D3D11_MAP_READ);
+            const PlaneMapping chroma(context, slot.readback[1], D3D11_MAP_READ);
             CopyRows(planes + lumaSize, chromaRow, chroma.GetData(), chroma.GetRowPitch(),
                      chromaRow, chromaHeight);
         }

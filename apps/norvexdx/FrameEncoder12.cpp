@@ -22,10 +22,8 @@ constexpr auto kCanvasState = D3D12_RESOURCE_STATE_RENDER_TARGET;
 constexpr auto kPlaneState = D3D12_RESOURCE_STATE_COPY_SOURCE;
 constexpr auto kReadable = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
 
-constexpr Proc::ColorF kBlack = {0.0F, 0.0F, 0.0F, 1.0F};
-
-DX::D12Texture2DDesc MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format,
-                              D3D12_RESOURCE_STATES state, bool isTarget) {
+DX::D12Texture2DDesc MakeFrameDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format,
+                                     D3D12_RESOURCE_STATES state, bool isTarget) {
     DX::D12Texture2DDesc desc;
     desc.width = static_cast<std::uint64_t>(size.width);
     desc.height = static_cast<std::uint32_t>(size.height);
@@ -55,7 +53,7 @@ public:
           m_draw(new DX::D12ImageDraw(device)),
           m_converter(new DX::D12YUVConverter(device, Proc::AlphaType::NonPremultiplied)),
           m_canvasPool(DX::D12Texture2DPool::Create(
-              device, MakeDesc(params.size, textures.canvasFormat, kCanvasState, true))) {
+              device, MakeFrameDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
         MakePlanePools();
         PlacePlanes();
         m_queue->Get()->GetTimestampFrequency(&m_ticksPerSecond);
@@ -87,7 +85,8 @@ private:
     void MakePlanePools() {
         const VideoFormat& format = GetParams().format;
         const auto make = [&](const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
-            return DX::D12Texture2DPool::Create(m_device, MakeDesc(size, plane, kPlaneState, true));
+            return DX::D12Texture2DPool::Create(m_device,
+                                                MakeFrameDesc12(size, plane, kPlaneState, true));
         };
         const DX::Size2DT<long>& size = GetParams().size;
         if (IsPlanar()) {
@@ -173,7 +172,7 @@ private:
     // Pictures of one clip may differ in size; each size has its pool.
     Texture ObtainSource(const Image& frame) {
         const auto desc =
-            MakeDesc(GetImageSize(frame), GetSourceFormat(frame), kSourceState, false);
+            MakeFrameDesc12(GetImageSize(frame), GetSourceFormat(frame), kSourceState, false);
         if (!m_sourcePool || m_sourcePool->GetDesc().width != desc.width ||
             m_sourcePool->GetDesc().height != desc.height ||
             m_sourcePool->GetDesc().format != desc.format) {
@@ -213,9 +212,9 @@ private:
     RecordHalving(const boost::intrusive_ptr<DX::D12CommandAllocator>& allocator,
                   const boost::intrusive_ptr<DX::D12Descriptor>& source) {
         const DX::Size2DT<long> size = source->GetSize();
-        const auto half =
-            m_device->CreateTexture2D(MakeDesc({(size.width + 1) / 2, (size.height + 1) / 2},
-                                               GetTextures().canvasFormat, kCanvasState, true));
+        const auto half = m_device->CreateTexture2D(
+            MakeFrameDesc12({(size.width + 1) / 2, (size.height + 1) / 2},
+                            GetTextures().canvasFormat, kCanvasState, true));
         m_draw->Encode(allocator, source, m_device->CreateRenderTargetView(half), {}, std::nullopt,
                        std::nullopt);
         allocator->ResourceBarrier({Transition(half, kCanvasState, kReadable)});

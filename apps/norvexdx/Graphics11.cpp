@@ -17,7 +17,7 @@ namespace Norvex::App {
 
 namespace {
 
-D3D11_TEXTURE2D_DESC MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
+D3D11_TEXTURE2D_DESC MakeTextureDesc11(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
     D3D11_TEXTURE2D_DESC desc = {};
     desc.Width = static_cast<UINT>(size.width);
     desc.Height = static_cast<UINT>(size.height);
@@ -30,7 +30,7 @@ D3D11_TEXTURE2D_DESC MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format)
 }
 
 // Premultiplied colour over what is there.
-D3D11_RENDER_TARGET_BLEND_DESC MakeOverBlend() {
+D3D11_RENDER_TARGET_BLEND_DESC MakeOverBlend11() {
     return {.BlendEnable = TRUE,
             .SrcBlend = D3D11_BLEND_ONE,
             .DestBlend = D3D11_BLEND_INV_SRC_ALPHA,
@@ -87,7 +87,7 @@ public:
 
 protected:
     void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
-        D3D11_TEXTURE2D_DESC desc = MakeDesc(GetSize(), GetFormat());
+        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(GetSize(), GetFormat());
         desc.Usage = D3D11_USAGE_STAGING;
         desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
         const auto staging = m_device->CreateTexture2D(desc, nullptr);
@@ -109,7 +109,7 @@ const boost::intrusive_ptr<DX::D11ShaderTexture2D>& TextureOf(const Picture& pic
     return static_cast<const Picture11&>(picture).GetTexture();
 }
 
-const boost::intrusive_ptr<DX::D11RenderTexture2D>& TargetOf(const Canvas& canvas) {
+const boost::intrusive_ptr<DX::D11RenderTexture2D>& TargetOf11(const Canvas& canvas) {
     return static_cast<const Canvas11&>(canvas).GetTarget();
 }
 
@@ -118,7 +118,7 @@ class Drawer {
 public:
     explicit Drawer(const boost::intrusive_ptr<DX::D11Device>& device)
         : m_draw(new DX::D11ImageDraw(device)),
-          m_overBlend(device->CreateBlendState(MakeOverBlend())) {}
+          m_overBlend(device->CreateBlendState(MakeOverBlend11())) {}
 
     const boost::intrusive_ptr<DX::D11ImageDraw>& GetImageDraw(bool blends) {
         m_draw->SetBlendState(blends ? m_overBlend : CComPtr<ID3D11BlendState>());
@@ -137,7 +137,7 @@ public:
           m_context(context) {}
 
     void Clear(const Canvas& canvas, const Proc::ColorF& color) override {
-        m_context->ClearRenderTargetView(TargetOf(canvas)->GetView(), color);
+        m_context->ClearRenderTargetView(TargetOf11(canvas)->GetView(), color);
     }
 
     // The library fills on Direct3D 12 only; here one pixel is stretched over the rectangle.
@@ -147,19 +147,19 @@ public:
         const D3D11_SUBRESOURCE_DATA data = {pixel.data(), sizeof(pixel), 0};
         const auto& draw = m_drawer.GetImageDraw(false);
         const auto source = DX::D11ShaderTexture2D::Create(
-            draw->GetDevice(), MakeDesc({1, 1}, DXGI_FORMAT_R32G32B32A32_FLOAT), &data);
-        draw->Encode(m_context, source, TargetOf(canvas), std::nullopt, rect);
+            draw->GetDevice(), MakeTextureDesc11({1, 1}, DXGI_FORMAT_R32G32B32A32_FLOAT), &data);
+        draw->Encode(m_context, source, TargetOf11(canvas), std::nullopt, rect);
     }
 
     void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
         m_drawer.GetImageDraw(params.blends)
-            ->Encode(m_context, TextureOf(source), TargetOf(canvas), params.transform,
+            ->Encode(m_context, TextureOf(source), TargetOf11(canvas), params.transform,
                      params.conversion, params.rect);
     }
 
     std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
         const boost::intrusive_ptr<DX::D11ShaderTexture2D> texture(
-            new DX::D11ShaderTexture2D(TargetOf(canvas)->GetTexture(), std::nullopt));
+            new DX::D11ShaderTexture2D(TargetOf11(canvas)->GetTexture(), std::nullopt));
         return std::make_unique<Picture11>(texture, canvas.GetFormat());
     }
 
@@ -271,9 +271,9 @@ public:
 
     std::unique_ptr<Picture> Upload(const Image& image) override {
         const auto desc =
-            MakeDesc({static_cast<long>(image.width), static_cast<long>(image.height)},
-                     image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
-                                                : DXGI_FORMAT_R8G8B8A8_UNORM);
+            MakeTextureDesc11({static_cast<long>(image.width), static_cast<long>(image.height)},
+                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
+                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
         const D3D11_SUBRESOURCE_DATA data = {image.pixels.data(),
                                              static_cast<UINT>(image.GetRowSize()), 0};
         return std::make_unique<Picture11>(DX::D11ShaderTexture2D::Create(m_device, desc, &data),
@@ -294,7 +294,7 @@ private:
 
     std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                          DXGI_FORMAT format) override {
-        D3D11_TEXTURE2D_DESC desc = MakeDesc(size, format);
+        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(size, format);
         desc.BindFlags = D3D11_BIND_SHADER_RESOURCE; // for TakePicture
         return std::make_unique<Canvas11>(m_device, DX::D11RenderTexture2D::Create(m_device, desc),
                                           format);

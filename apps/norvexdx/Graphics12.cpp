@@ -13,7 +13,7 @@ namespace Norvex::App {
 
 namespace {
 
-DX::D12Texture2DDesc MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
+DX::D12Texture2DDesc MakeTextureDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
     DX::D12Texture2DDesc desc;
     desc.width = static_cast<std::uint64_t>(size.width);
     desc.height = static_cast<std::uint32_t>(size.height);
@@ -22,7 +22,7 @@ DX::D12Texture2DDesc MakeDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format)
 }
 
 // Premultiplied colour over what is there.
-DX::D12BlendState MakeOverBlend() {
+DX::D12BlendState MakeOverBlend12() {
     DX::D12RenderTargetBlend blend;
     blend.destBlend = D3D12_BLEND_INV_SRC_ALPHA;
     blend.destBlendAlpha = D3D12_BLEND_INV_SRC_ALPHA;
@@ -74,7 +74,7 @@ const boost::intrusive_ptr<DX::D12Descriptor>& ViewOf(const Picture& picture) {
     return static_cast<const Picture12&>(picture).GetView();
 }
 
-const boost::intrusive_ptr<DX::D12Descriptor>& TargetOf(const Canvas& canvas) {
+const boost::intrusive_ptr<DX::D12Descriptor>& TargetOf12(const Canvas& canvas) {
     return static_cast<const Canvas12&>(canvas).GetTarget();
 }
 
@@ -95,7 +95,7 @@ public:
         if (!draw) {
             draw.reset(new DX::D12ImageDraw(m_device));
             if (blends) {
-                draw->SetBlendState(MakeOverBlend());
+                draw->SetBlendState(MakeOverBlend12());
             }
         }
         return draw;
@@ -124,22 +124,22 @@ public:
           m_allocator(allocator) {}
 
     void Clear(const Canvas& canvas, const Proc::ColorF& color) override {
-        m_allocator->ClearRenderTargetView(TargetOf(canvas), color, {});
+        m_allocator->ClearRenderTargetView(TargetOf12(canvas), color, {});
     }
 
     void Fill(const Canvas& canvas, const Proc::ColorF& color,
               const DX::Rect2DT<long>& rect) override {
-        m_drawers.GetFillDraw()->Encode(m_allocator, color, TargetOf(canvas), rect);
+        m_drawers.GetFillDraw()->Encode(m_allocator, color, TargetOf12(canvas), rect);
     }
 
     void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
         m_drawers.GetImageDraw(params.blends)
-            ->Encode(m_allocator, ViewOf(source), TargetOf(canvas), params.transform,
+            ->Encode(m_allocator, ViewOf(source), TargetOf12(canvas), params.transform,
                      params.conversion, params.rect);
     }
 
     std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
-        const auto& target = TargetOf(canvas);
+        const auto& target = TargetOf12(canvas);
         m_allocator->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
                                                  D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE)});
         return std::make_unique<Picture12>(
@@ -182,7 +182,7 @@ private:
     double Submit(Canvas& backBuffer, const Record& record, ScreenPixels* pixels) override {
         const Stopwatch stopwatch;
         const auto frame = GetSwapChain().CreateCommandAllocator();
-        const auto& target = TargetOf(backBuffer);
+        const auto& target = TargetOf12(backBuffer);
         frame->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_PRESENT,
                                            D3D12_RESOURCE_STATE_RENDER_TARGET)});
         Recorder12 recorder(m_drawers, frame);
@@ -202,7 +202,7 @@ private:
 
     // A back buffer is for the swap chain's own queue.
     std::unique_ptr<Canvas> Copy(DX::D12CommandAllocator& frame, const DX::D12Descriptor& target) {
-        auto desc = MakeDesc(target.GetSize(), target.GetFormat());
+        auto desc = MakeTextureDesc12(target.GetSize(), target.GetFormat());
         desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
         desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
         const auto& device = m_queue->GetDevice();
@@ -239,9 +239,10 @@ public:
     long GetDeviceRemovedReason() const override { return m_device->GetDeviceRemovedReason(); }
 
     std::unique_ptr<Picture> Upload(const Image& image) override {
-        auto desc = MakeDesc({static_cast<long>(image.width), static_cast<long>(image.height)},
-                             image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
-                                                        : DXGI_FORMAT_R8G8B8A8_UNORM);
+        auto desc =
+            MakeTextureDesc12({static_cast<long>(image.width), static_cast<long>(image.height)},
+                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
+                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
         desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
         DX::D12UploadResourceParams params;
         params.destination = m_device->CreateTexture2D(desc);
@@ -272,7 +273,7 @@ private:
 
     std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                          DXGI_FORMAT format) override {
-        auto desc = MakeDesc(size, format);
+        auto desc = MakeTextureDesc12(size, format);
         desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
         desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
         desc.clearColor = std::array{0.0F, 0.0F, 0.0F, 0.0F};

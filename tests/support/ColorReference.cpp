@@ -8,7 +8,7 @@ namespace Norvex::Test {
 namespace {
 
 using Proc::AlphaType;
-using Color = std::array<double, 3>;
+using RGB = std::array<double, 3>;
 
 enum Transfer : unsigned { kBT709 = 1, kLinear = 8, kSRGB = 13, kPQ = 16, kHLG = 18 };
 enum Primaries : unsigned { kPrimaries709 = 1, kPrimaries2020 = 9 };
@@ -18,11 +18,11 @@ constexpr unsigned Code(Primaries primaries, Transfer transfer) {
 }
 
 template <class F>
-Color Each(const Color& color, F function) {
+RGB Each(const RGB& color, F function) {
     return {function(color[0]), function(color[1]), function(color[2])};
 }
 
-Color Scaled(const Color& color, double factor) {
+RGB Scaled(const RGB& color, double factor) {
     return Each(color, [factor](double c) { return c * factor; });
 }
 
@@ -44,29 +44,29 @@ double DisplayFromScene(double light) {
 }
 
 // ITU-R BT.2100-2, table 5: Y of scene light.
-double Luminance(const Color& color) {
+double Luminance(const RGB& color) {
     return 0.2627 * color[0] + 0.6780 * color[1] + 0.0593 * color[2];
 }
 
 // ITU-R BT.2100-2, table 5, OOTF: F_D = alpha Y_S^(gamma - 1) E, alpha the peak; light 1.0 is 100
 // cd/m2.
-Color HLGDisplayFromScene(const Color& scene, const ReferenceParams& params) {
-    const Color normal = Each(scene, [](double s) { return std::clamp(s / 12.0, 0.0, 1.0); });
+RGB HLGDisplayFromScene(const RGB& scene, const ReferenceParams& params) {
+    const RGB normal = Each(scene, [](double s) { return std::clamp(s / 12.0, 0.0, 1.0); });
     const double y = Luminance(normal);
     return y > 0.0
                ? Scaled(normal, std::pow(y, params.systemGamma - 1.0) * params.displayPeak / 100.0)
-               : Color{};
+               : RGB{};
 }
 
 // The inverse; light below a ten-thousandth of the peak is left as it is.
-Color HLGSceneFromDisplay(const Color& light, const ReferenceParams& params) {
-    const Color normal =
+RGB HLGSceneFromDisplay(const RGB& light, const ReferenceParams& params) {
+    const RGB normal =
         Each(light, [&](double c) { return std::clamp(c * 100.0 / params.displayPeak, 0.0, 1.0); });
     const double y = Luminance(normal);
     return y > 0.0001 ? Scaled(normal, 12.0 * std::pow(y, 1.0 / params.systemGamma - 1.0)) : light;
 }
 
-Color Tonemapped(const Color& light, const ReferenceParams& params) {
+RGB Tonemapped(const RGB& light, const ReferenceParams& params) {
     const double maximum = *std::ranges::max_element(light);
     if (params.tonemapA <= 0.0 || maximum <= 0.0) {
         return light;
@@ -74,22 +74,22 @@ Color Tonemapped(const Color& light, const ReferenceParams& params) {
     return Scaled(light, (1.0 + params.tonemapA * maximum) / (1.0 + params.tonemapB * maximum));
 }
 
-Color Decode(const Color& color, const ReferenceParams& params) {
+RGB Decode(const RGB& color, const ReferenceParams& params) {
     const bool isDisplay = params.isDisplayLight;
     switch (params.sourceCode) {
     case Code(kPrimaries709, kSRGB): {
-        const Color light = Each(color, LightFromSRGB);
+        const RGB light = Each(color, LightFromSRGB);
         return isDisplay ? light : Each(light, SceneFromDisplay);
     }
     case Code(kPrimaries709, kBT709):
     case Code(kPrimaries2020, kBT709):
         return Each(color, isDisplay ? DisplayFromRec709 : SceneFromRec709);
     case Code(kPrimaries2020, kPQ): {
-        const Color light = Tonemapped(Each(color, LightFromPQ), params);
+        const RGB light = Tonemapped(Each(color, LightFromPQ), params);
         return isDisplay ? light : Each(light, SceneFromDisplay);
     }
     case Code(kPrimaries2020, kHLG): {
-        const Color scene = Each(color, SceneFromHLG);
+        const RGB scene = Each(color, SceneFromHLG);
         return isDisplay ? HLGDisplayFromScene(scene, params) : scene;
     }
     default:
@@ -97,13 +97,13 @@ Color Decode(const Color& color, const ReferenceParams& params) {
     }
 }
 
-Color ConvertPrimaries(const Color& color, unsigned from, unsigned to) {
-    constexpr std::array<Color, 3> kTo2020 = {{{0.627402, 0.329292, 0.043306},
-                                               {0.069095, 0.919544, 0.011360},
-                                               {0.016394, 0.088028, 0.895578}}};
-    constexpr std::array<Color, 3> kTo709 = {{{1.660496, -0.587656, -0.072840},
-                                              {-0.124547, 1.132895, -0.008348},
-                                              {-0.018154, -0.100597, 1.118751}}};
+RGB ConvertPrimaries(const RGB& color, unsigned from, unsigned to) {
+    constexpr std::array<RGB, 3> kTo2020 = {{{0.627402, 0.329292, 0.043306},
+                                             {0.069095, 0.919544, 0.011360},
+                                             {0.016394, 0.088028, 0.895578}}};
+    constexpr std::array<RGB, 3> kTo709 = {{{1.660496, -0.587656, -0.072840},
+                                            {-0.124547, 1.132895, -0.008348},
+                                            {-0.018154, -0.100597, 1.118751}}};
     if (from == to) {
         return color;
     }
@@ -111,7 +111,7 @@ Color ConvertPrimaries(const Color& color, unsigned from, unsigned to) {
     if (!isTo2020 && !(from == kPrimaries2020 && to == kPrimaries709)) {
         return {0.0, 1.0, 0.0};
     }
-    Color result{};
+    RGB result{};
     for (std::size_t row = 0; row < 3; ++row) {
         for (std::size_t column = 0; column < 3; ++column) {
             result[row] += (isTo2020 ? kTo2020 : kTo709)[row][column] * color[column];
@@ -120,7 +120,7 @@ Color ConvertPrimaries(const Color& color, unsigned from, unsigned to) {
     return result;
 }
 
-Color Encode(const Color& light, const ReferenceParams& params) {
+RGB Encode(const RGB& light, const ReferenceParams& params) {
     const bool isDisplay = params.isDisplayLight;
     switch (params.targetCode) {
     case Code(kPrimaries709, kSRGB):
@@ -139,11 +139,11 @@ Color Encode(const Color& light, const ReferenceParams& params) {
     }
 }
 
-Color ConvertColor(const Color& color, const ReferenceParams& params) {
+RGB ConvertColor(const RGB& color, const ReferenceParams& params) {
     if (params.sourceCode == params.targetCode && params.linearScale == 1.0) {
         return color;
     }
-    const Color light =
+    const RGB light =
         ConvertPrimaries(Decode(color, params), params.sourceCode / 256U, params.targetCode / 256U);
     return Encode(Scaled(light, params.linearScale), params);
 }
@@ -211,12 +211,12 @@ Pixel ReferenceConvert(const Pixel& color, const ReferenceParams& params) {
     }
     double alpha = params.sourceAlpha == AlphaType::AlphaIsOne ? 1.0 : color[3];
     const bool isDivided = params.sourceAlpha == AlphaType::Premultiplied && alpha > 0.0;
-    const Color straight = Scaled({color[0], color[1], color[2]}, isDivided ? 1.0 / alpha : 1.0);
-    Color converted = ConvertColor(straight, params);
+    const RGB straight = Scaled({color[0], color[1], color[2]}, isDivided ? 1.0 / alpha : 1.0);
+    RGB converted = ConvertColor(straight, params);
     for (double& channel : converted) {
         channel = std::clamp(channel, -kMaxResult, kMaxResult);
     }
-    const Color result =
+    const RGB result =
         Scaled(converted, params.targetAlpha == AlphaType::NonPremultiplied ? 1.0 : alpha);
     if (params.targetAlpha == AlphaType::AlphaIsOne) {
         alpha = 1.0;

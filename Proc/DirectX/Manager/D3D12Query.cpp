@@ -11,8 +11,8 @@ namespace Norvex::DX {
 
 namespace {
 
-constexpr unsigned kCapacityUnit = 64; // one word of a slot bitmap
-constexpr unsigned kSharedHeapCapacity = 64;
+constexpr unsigned kQueryCapacityUnit = 64; // one word of a slot bitmap
+constexpr unsigned kSharedQueryHeapCapacity = 64;
 
 D3D12_QUERY_HEAP_TYPE GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type) {
     switch (type) {
@@ -61,8 +61,9 @@ void CheckType(bool isValid,
 }
 
 // Up to whole units; near the largest count the device is left to refuse.
-constexpr unsigned CapacityFor(unsigned count) {
-    const auto rounded = (std::uint64_t{count} + kCapacityUnit - 1) & ~(kCapacityUnit - 1ull);
+constexpr unsigned QueryCapacityFor(unsigned count) {
+    const auto rounded =
+        (std::uint64_t{count} + kQueryCapacityUnit - 1) & ~(kQueryCapacityUnit - 1ull);
     return static_cast<unsigned>(
         std::min<std::uint64_t>(rounded, std::numeric_limits<unsigned>::max()));
 }
@@ -196,7 +197,7 @@ D12QueryHeapPool::MakeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
                            boost::intrusive_ptr<D12QueryHeapPool> pool) {
     CComPtr<ID3D12QueryHeap> heap = TakeFreeHeap(type, count);
     if (heap == nullptr) {
-        count = CapacityFor(count);
+        count = QueryCapacityFor(count);
         const D3D12_QUERY_HEAP_DESC desc = {type, count, 0};
         ThrowIfFailed<DirectX12Exception>(m_device->CreateQueryHeap(&desc, IID_PPV_ARGS(&heap)),
                                           "Failed to create query heap", m_device);
@@ -226,7 +227,7 @@ const boost::intrusive_ptr<D12QueryHeap>& D12QueryHeapPool::GetSharedHeap(D3D12_
         return shared;
     }
     // No owner while it is in the map: pool and heap would keep each other alive for ever.
-    auto heap = MakeHeap(heapType, kSharedHeapCapacity, nullptr);
+    auto heap = MakeHeap(heapType, kSharedQueryHeapCapacity, nullptr);
     if (shared) {
         shared->m_pool = this; // replaced, so its last query may have it recycled
     }

@@ -12,15 +12,6 @@ namespace Norvex::DX {
 
 namespace {
 
-template <class To, class From>
-CComPtr<To> Query(const CComPtr<From>& from) {
-    CComPtr<To> to;
-    if (from != nullptr) {
-        from->QueryInterface(__uuidof(To), reinterpret_cast<void**>(&to));
-    }
-    return to;
-}
-
 bool IsSoftware(const DXGIAdapter& adapter) {
     return (adapter.GetDescription()->flags & DXGI_ADAPTER_FLAG_SOFTWARE) != 0;
 }
@@ -53,8 +44,8 @@ DXGIFactory::DXGIFactory() {
     long result = API::GetInstance().CreateFactory2(
         Debug::IsLayerActive() ? DXGI_CREATE_FACTORY_DEBUG : 0, m_factory2);
     if (SUCCEEDED(result)) {
-        m_factory1 = Query<IDXGIFactory1>(m_factory2);
-        m_factory4 = Query<IDXGIFactory4>(m_factory1);
+        m_factory1 = Platform::Query<IDXGIFactory1>(m_factory2);
+        m_factory4 = Platform::Query<IDXGIFactory4>(m_factory1);
         return;
     }
     if (result == API::E_DELAY_LOAD_FAILED) {
@@ -65,8 +56,8 @@ DXGIFactory::DXGIFactory() {
 
 DXGIFactory::DXGIFactory(const CComPtr<IDXGIFactory1>& factory)
     : m_factory1(factory),
-      m_factory2(Query<IDXGIFactory2>(factory)),
-      m_factory4(Query<IDXGIFactory4>(factory)) {}
+      m_factory2(Platform::Query<IDXGIFactory2>(factory)),
+      m_factory4(Platform::Query<IDXGIFactory4>(factory)) {}
 
 DXGIFactory::~DXGIFactory() = default;
 
@@ -141,16 +132,16 @@ DXGIAdapter DXGIFactory::GetAdapter(const LUID& luid) {
 }
 
 DXGIVersion DXGIFactory::GetVersion() const {
-    if (Query<IDXGIFactory6>(m_factory1) != nullptr) {
+    if (Platform::Query<IDXGIFactory6>(m_factory1) != nullptr) {
         return DXGIVersion::DXGI_1_6;
     }
-    if (Query<IDXGIFactory5>(m_factory1) != nullptr) {
+    if (Platform::Query<IDXGIFactory5>(m_factory1) != nullptr) {
         return DXGIVersion::DXGI_1_5;
     }
     if (m_factory4 != nullptr) {
         return DXGIVersion::DXGI_1_4;
     }
-    if (Query<IDXGIFactory3>(m_factory1) != nullptr) {
+    if (Platform::Query<IDXGIFactory3>(m_factory1) != nullptr) {
         return DXGIVersion::DXGI_1_3;
     }
     return m_factory2 != nullptr ? DXGIVersion::DXGI_1_2 : DXGIVersion::DXGI_1_1;

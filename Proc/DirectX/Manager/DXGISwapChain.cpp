@@ -74,15 +74,6 @@ DXGI_FORMAT ChooseHDRFormat(const Device& device) {
     return kSDRFormat;
 }
 
-template <class To, class From>
-CComPtr<To> Query(const CComPtr<From>& from) {
-    CComPtr<To> to;
-    if (from != nullptr) {
-        from->QueryInterface(__uuidof(To), reinterpret_cast<void**>(&to));
-    }
-    return to;
-}
-
 // H.273: BT.709 primaries, sRGB transfer, BT.709 matrix.
 constexpr Conf::ColorSpace kSRGB = {1, 13, 1};
 
@@ -114,7 +105,7 @@ DXGISwapChain::DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdr
       m_sdrFormat(sdrFormat),
       m_hdrFormat(hdrFormat),
       m_swapChain3(swapChain),
-      m_swapChain4(Query<IDXGISwapChain4>(m_swapChain3)),
+      m_swapChain4(Platform::Query<IDXGISwapChain4>(m_swapChain3)),
       m_commandQueue(commandQueue),
       m_outputColorSpace(kSRGB) {}
 
@@ -125,8 +116,8 @@ DXGISwapChain::DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdr
       m_sdrFormat(sdrFormat),
       m_hdrFormat(hdrFormat),
       m_swapChain(swapChain),
-      m_swapChain3(Query<IDXGISwapChain3>(m_swapChain)),
-      m_swapChain4(Query<IDXGISwapChain4>(m_swapChain3)),
+      m_swapChain3(Platform::Query<IDXGISwapChain3>(m_swapChain)),
+      m_swapChain4(Platform::Query<IDXGISwapChain4>(m_swapChain3)),
       m_device(device),
       m_outputColorSpace(kSRGB) {}
 
