@@ -1,8 +1,10 @@
 #pragma once
 
 // CComPtr, the owning reference to a COM interface. ATL's own where the toolchain has ATL;
-// elsewhere this stand-in with the same name, members and semantics, as far as the library and its
-// hosts use them. Not thread-safe, like ATL's: one CComPtr object is used by one thread at a time.
+// elsewhere this stand-in with the same name, layout, members and semantics, as far as the library
+// and its hosts use them. As with ATL's there is no conversion from a CComPtr of another interface:
+// pass its raw pointer. Not thread-safe, like ATL's: one CComPtr object is used by one thread at a
+// time.
 
 #include "Platform/Direct3D.h"
 
@@ -17,16 +19,15 @@
 
 #include <combaseapi.h>
 
+namespace ATL { // the exported functions then have the names that they have with ATL
+
 template <class T>
 class CComPtr {
 public:
     CComPtr() noexcept = default;
-    CComPtr(std::nullptr_t) noexcept {}
     CComPtr(T* other) noexcept : p(other) { AddRefIfSet(); }
     CComPtr(const CComPtr& other) noexcept : CComPtr(other.p) {}
     CComPtr(CComPtr&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
-    template <class U>
-    CComPtr(const CComPtr<U>& other) noexcept : CComPtr(static_cast<T*>(other.p)) {}
     ~CComPtr() { Release(); }
 
     CComPtr& operator=(T* other) noexcept {
@@ -104,6 +105,10 @@ private:
         }
     }
 };
+
+} // namespace ATL
+
+using ATL::CComPtr;
 
 #endif
 

@@ -52,7 +52,7 @@ void D12CommandList::TrackObject(const boost::intrusive_ptr<IRefCountable>& obje
 
 D12GraphicsCommandList::D12GraphicsCommandList(const boost::intrusive_ptr<D12Device>& device,
                                                const CComPtr<ID3D12GraphicsCommandList>& list)
-    : D12CommandList(device, list),
+    : D12CommandList(device, list.p),
       m_graphicsList(list) {}
 
 D12GraphicsCommandList::~D12GraphicsCommandList() {
