@@ -4,9 +4,8 @@
 #include <string>
 #include <vector>
 
-#include <glog/logging.h>
-
 #include "Host/CoreTracker.h"
+#include "tests/support/LogCapture.h"
 
 namespace Norvex::Proc {
 namespace {
@@ -20,30 +19,17 @@ struct Recorder : ICoreTracker {
     std::vector<std::pair<std::string, Attributes>> events;
 };
 
-struct ErrorSink : google::LogSink {
-    ErrorSink() { google::AddLogSink(this); }
-    ~ErrorSink() override { google::RemoveLogSink(this); }
-    void send(google::LogSeverity severity, const char*, const char*, int, const std::tm*,
-              const char* message, std::size_t length) override {
-        if (severity == google::GLOG_ERROR) {
-            messages.emplace_back(message, length);
-        }
-    }
-    std::vector<std::string> messages;
-};
-
 TEST(CoreTrackerTest, DefaultWritesToTheHostsLogAndOthersReplaceIt) {
     const Attributes attributes = {{ICoreTracker::CORE_GPU_VENDOR, "Norwegian Vexels"},
                                    {ICoreTracker::CORE_EXCEPTION_HRESULT, "0x887a0005"}};
     const auto track = [&] {
         ICoreTracker::GetTracker()->OnEvent(ICoreTracker::CORE_GPU_EXCEPTION, attributes);
     };
-    ErrorSink log;
+    const Norvex::Test::LogCapture log;
     track();
-    ASSERT_EQ(log.messages.size(), 1U);
     for (const char* part : {"CORE_GPU_EXCEPTION", "CORE_GPU_VENDOR", "Norwegian Vexels",
                              "CORE_EXCEPTION_HRESULT", "0x887a0005"}) {
-        EXPECT_THAT(log.messages[0], testing::HasSubstr(part));
+        EXPECT_EQ(log.Count(google::GLOG_ERROR, part), 1) << part;
     }
 
     const boost::intrusive_ptr<Recorder> recorder(new Recorder);
@@ -51,12 +37,12 @@ TEST(CoreTrackerTest, DefaultWritesToTheHostsLogAndOthersReplaceIt) {
     track();
     EXPECT_THAT(recorder->events,
                 testing::ElementsAre(testing::Pair("CORE_GPU_EXCEPTION", attributes)));
-    EXPECT_EQ(log.messages.size(), 1U);
+    EXPECT_EQ(log.GetEntries().size(), 1U);
 
     EXPECT_EQ(ICoreTracker::SetTracker(nullptr), recorder);
     EXPECT_EQ(recorder->GetRefCount(), 1U);
     track();
-    EXPECT_EQ(log.messages.size(), 2U);
+    EXPECT_EQ(log.Count(google::GLOG_ERROR, "CORE_GPU_EXCEPTION"), 2);
     EXPECT_NE(original, nullptr);
 }
 

@@ -84,16 +84,14 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
 
 struct FakeKeyedMutex : FakeObject {
     FakeKeyedMutex() {
-        Set(
-            Slot::kKeyedMutexAcquireSync, +[](FakeKeyedMutex* self, UINT64 key, DWORD time) {
-                self->acquired = {key, time};
-                return self->answer;
-            });
-        Set(
-            Slot::kKeyedMutexReleaseSync, +[](FakeKeyedMutex* self, UINT64 key) {
-                self->released = key;
-                return self->answer;
-            });
+        Set(Slot::kKeyedMutexAcquireSync, [](FakeKeyedMutex* self, UINT64 key, DWORD time) {
+            self->acquired = {key, time};
+            return self->answer;
+        });
+        Set(Slot::kKeyedMutexReleaseSync, [](FakeKeyedMutex* self, UINT64 key) {
+            self->released = key;
+            return self->answer;
+        });
     }
 
     HRESULT answer = S_OK;
@@ -103,10 +101,9 @@ struct FakeKeyedMutex : FakeObject {
 
 struct FakeSharedResource : FakeObject {
     FakeSharedResource() {
-        Set(
-            Slot::kResource1CreateSharedHandle,
-            +[](FakeSharedResource* self, const SECURITY_ATTRIBUTES*, DWORD asked, LPCWSTR,
-                HANDLE* handle) {
+        Set(Slot::kResource1CreateSharedHandle,
+            [](FakeSharedResource* self, const SECURITY_ATTRIBUTES*, DWORD asked, LPCWSTR,
+               HANDLE* handle) {
                 self->access = asked;
                 *handle = self;
                 return self->answer;

@@ -58,23 +58,19 @@ public:
     FakeOutput(const RECT& rect, DXGI_COLOR_SPACE_TYPE colorSpace)
         : m_rect(rect),
           m_colorSpace(colorSpace) {
-        Set(
-            0, +[](FakeOutput* self, REFIID riid, void** out) -> HRESULT {
-                return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out)
-                                                                 : E_NOINTERFACE;
-            });
-        Set(
-            7, +[](FakeOutput* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
-                *desc = {};
-                desc->DesktopCoordinates = self->m_rect;
-                return S_OK;
-            });
-        Set(
-            27, +[](FakeOutput* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
-                *desc = {};
-                desc->ColorSpace = self->m_colorSpace;
-                return S_OK;
-            });
+        Set(0, [](FakeOutput* self, REFIID riid, void** out) -> HRESULT {
+            return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out) : E_NOINTERFACE;
+        });
+        Set(7, [](FakeOutput* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
+            *desc = {};
+            desc->DesktopCoordinates = self->m_rect;
+            return S_OK;
+        });
+        Set(27, [](FakeOutput* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
+            *desc = {};
+            desc->ColorSpace = self->m_colorSpace;
+            return S_OK;
+        });
     }
 
 private:

@@ -27,9 +27,8 @@ using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
 
 struct FakeDevice5 : FakeObject {
     FakeDevice5() {
-        Set(
-            Slot::kDevice11OpenSharedFence,
-            +[](FakeDevice5* self, HANDLE handle, REFIID, void** out) {
+        Set(Slot::kDevice11OpenSharedFence,
+            [](FakeDevice5* self, HANDLE handle, REFIID, void** out) {
                 self->opened = handle;
                 return SUCCEEDED(self->answer) ? self->fence.GiveTo(out) : self->answer;
             });
@@ -44,12 +43,10 @@ struct FakeContext4 : FakeObject {
     using Method = std::function<HRESULT(UINT64 value)>;
 
     FakeContext4() {
-        Set(
-            Slot::kContext11Signal,
-            +[](FakeContext4* self, ID3D11Fence*, UINT64 value) { return self->onSignal(value); });
-        Set(
-            Slot::kContext11Wait,
-            +[](FakeContext4* self, ID3D11Fence*, UINT64 value) { return self->onWait(value); });
+        Set(Slot::kContext11Signal,
+            [](FakeContext4* self, ID3D11Fence*, UINT64 value) { return self->onSignal(value); });
+        Set(Slot::kContext11Wait,
+            [](FakeContext4* self, ID3D11Fence*, UINT64 value) { return self->onWait(value); });
     }
 
     Method onSignal = [](UINT64) { return E_ACCESSDENIED; };
@@ -59,13 +56,11 @@ struct FakeContext4 : FakeObject {
 // A Direct3D 12 device that makes nothing but fences that nobody can signal.
 struct FakeDevice12 : FakeObject {
     FakeDevice12() {
-        Set(
-            Slot::kDeviceCreateFence, +[](FakeDevice12* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
-                                          void** out) { return self->fence.GiveTo(out); });
-        Set(
-            Slot::kDeviceCreateSharedHandle,
-            +[](FakeDevice12*, ID3D12DeviceChild*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR,
-                HANDLE* handle) -> HRESULT {
+        Set(Slot::kDeviceCreateFence, [](FakeDevice12* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
+                                         void** out) { return self->fence.GiveTo(out); });
+        Set(Slot::kDeviceCreateSharedHandle,
+            [](FakeDevice12*, ID3D12DeviceChild*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR,
+               HANDLE* handle) -> HRESULT {
                 *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
                 return S_OK;
             });

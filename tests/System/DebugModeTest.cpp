@@ -46,9 +46,8 @@ struct FakeInfoQueue : FakeObject {
     using Message = typename Generation::Message;
 
     FakeInfoQueue() {
-        Set(
-            Slot::kInfoQueueGetMessage,
-            +[](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
+        Set(Slot::kInfoQueueGetMessage,
+            [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
                 if (index == 1) {
                     return E_INVALIDARG;
                 }
@@ -62,10 +61,9 @@ struct FakeInfoQueue : FakeObject {
                 }
                 return S_OK;
             });
-        Set(Slot::kInfoQueueGetNumStoredMessages, +[](FakeInfoQueue*) { return UINT64{3}; });
-        Set(
-            Slot::kInfoQueueClearStoredMessages,
-            +[](FakeInfoQueue* self) { self->isCleared = true; });
+        Set(Slot::kInfoQueueGetNumStoredMessages, [](FakeInfoQueue*) { return UINT64{3}; });
+        Set(Slot::kInfoQueueClearStoredMessages,
+            [](FakeInfoQueue* self) { self->isCleared = true; });
     }
 
     bool isCleared = false;

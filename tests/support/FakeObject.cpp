@@ -5,15 +5,14 @@ namespace Norvex::Test {
 FakeObject::FakeObject() {
     m_table = m_methods.data();
     for (std::size_t slot = 0; slot < kMaxMethods; ++slot) {
-        Set(slot, +[](FakeObject*) -> HRESULT { return E_NOTIMPL; });
+        Set(slot, [](FakeObject*) -> HRESULT { return E_NOTIMPL; });
     }
-    Set(
-        0, +[](FakeObject*, REFIID, void** out) -> HRESULT {
-            *out = nullptr;
-            return E_NOINTERFACE;
-        });
-    Set(1, +[](FakeObject* self) { return static_cast<ULONG>(++self->m_references); });
-    Set(2, +[](FakeObject* self) { return static_cast<ULONG>(--self->m_references); });
+    Set(0, [](FakeObject*, REFIID, void** out) -> HRESULT {
+        *out = nullptr;
+        return E_NOINTERFACE;
+    });
+    Set(1, [](FakeObject* self) { return static_cast<ULONG>(++self->m_references); });
+    Set(2, [](FakeObject* self) { return static_cast<ULONG>(--self->m_references); });
 }
 
 HRESULT FakeObject::GiveTo(void** out) {

@@ -29,15 +29,20 @@ public:
     int GetReferences() const { return m_references; }
 
 protected:
-    // The first parameter of the method is the object itself, as a pointer to the deriving class,
-    // which has no virtual functions.
+    // A lambda without captures, whose first parameter is the object itself, as a pointer to the
+    // deriving class, which has no virtual functions.
     template <class Method>
-    void Set(std::size_t slot, Method* method) {
-        Store(slot, reinterpret_cast<void*>(method));
+    void Set(std::size_t slot, const Method& method) {
+        Store(slot, GetFunction(method, &Method::operator()));
     }
 
 private:
     static constexpr std::size_t kMaxMethods = 160;
+
+    template <class Method, class Result, class... Parameters>
+    static void* GetFunction(const Method& method, Result (Method::*)(Parameters...) const) {
+        return reinterpret_cast<void*>(static_cast<Result (*)(Parameters...)>(method));
+    }
 
     // Out of sight of the compiler, which may take the method table for constant.
     void Store(std::size_t slot, void* method);

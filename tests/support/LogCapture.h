@@ -19,8 +19,8 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    void send(google::LogSeverity severity, const char*, const char*, int, const struct ::tm*,
-              const char* message, size_t length) override {
+    void send(google::LogSeverity severity, const char*, const char*, int,
+              const google::LogMessageTime&, const char* message, std::size_t length) override {
         const std::lock_guard guard(m_mutex);
         m_entries.emplace_back(severity, std::string(message, length));
     }
