@@ -18,14 +18,25 @@ if(NOT MSVC)
     target_compile_options(norvex_platform INTERFACE
         "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -g -gdwarf-4)
 else()
-    target_compile_options(norvex_platform INTERFACE "/d1trimfile:${CMAKE_SOURCE_DIR}/")
+    # With either separator: the compiler compares letters, and paths come in both forms.
+    string(REPLACE "/" "\\" nativeFolder "${CMAKE_SOURCE_DIR}/")
+    target_compile_options(norvex_platform INTERFACE
+        "/d1trimfile:${CMAKE_SOURCE_DIR}/" "/d1trimfile:${nativeFolder}"
+        /bigobj # sources compiled in groups have more sections than an object file otherwise takes
+        # Members and bases of exported classes that are not exported themselves (the C++ library's,
+        # smart pointers): all modules share one compiler and one runtime.
+        /wd4251 /wd4275)
 endif()
 
 function(norvex_precompile target)
     if(NORVEX_PCH)
         target_link_libraries(${target} PRIVATE Microsoft::DirectX-Headers)
-        target_precompile_headers(${target} REUSE_FROM norvex_precompiled)
-        if(NOT MSVC)
+        if(MSVC)
+            # Targets differ in their definitions, and this compiler takes precompiled headers of
+            # others ill (C4605).
+            target_precompile_headers(${target} PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
+        else()
+            target_precompile_headers(${target} REUSE_FROM norvex_precompiled)
             # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
             # of L"" copied by it.
             target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overread)
@@ -33,7 +44,7 @@ function(norvex_precompile target)
     endif()
 endfunction()
 
-if(NORVEX_PCH)
+if(NORVEX_PCH AND NOT MSVC)
     # Headers are precompiled for a target, and a target needs a source.
     file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "")
     add_library(norvex_precompiled OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")

@@ -7,7 +7,8 @@ if(MSVC)
     target_compile_options(norvex_warnings INTERFACE
         /W4 /WX /permissive- /utf-8 /Zc:__cplusplus /Zc:preprocessor
         /external:anglebrackets /external:W0
-        /wd4250) # dominance through a virtual base: reference counting is inherited that way
+        /wd4250  # dominance through a virtual base: reference counting is inherited that way
+        /wd4611) # setjmp beside destructors: functions with libpng's have no object that has one
 else()
     target_compile_options(norvex_warnings INTERFACE
         -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Werror)
