@@ -10,6 +10,7 @@
 #     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; left out
 #                                 where there is none
 #     [SECOND_DIRECT3D11]         run on DXVK's Direct3D 11 instead of Wine's
+#     [WITHOUT <d3d12|d3dcompiler_47|vulkan>]  run where the system lacks this library
 #     [ENVIRONMENT K=V ...] [ARGUMENTS ...] [TIMEOUT <seconds>] [NO_MAIN])
 # norvex_add_test_run(<name> PROGRAM <target> ...)
 #     one more run of a test program, with the same options
@@ -26,7 +27,7 @@ file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
 file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
 
 set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 NO_MAIN)
-set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS VALIDATION_REPORTS TIMEOUT SANITIZER)
+set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATION_REPORTS TIMEOUT SANITIZER)
 set(kTestLists SOURCES LIBRARIES ENVIRONMENT ARGUMENTS DEFINITIONS)
 
 macro(norvex_parse_test_arguments)
@@ -90,6 +91,9 @@ function(norvex_add_test_run)
     if(arg_SECOND_DIRECT3D11)
         list(APPEND options --second-direct3d11)
     endif()
+    if(arg_WITHOUT)
+        list(APPEND options --without ${arg_WITHOUT})
+    endif()
     add_test(NAME ${arg_NAME}
         COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} --
                 "$<TARGET_FILE:${arg_PROGRAM}>" ${arg_ARGUMENTS})
@@ -99,7 +103,7 @@ endfunction()
 # On Windows a test is the program itself; what needs another system or another layer is left out by
 # name.
 macro(norvex_add_windows_run)
-    if(arg_WINDOWS_VERSION OR arg_VALIDATION_REPORTS OR arg_MICROSOFT_COMPILER OR arg_SECOND_DIRECT3D11)
+    if(arg_WINDOWS_VERSION OR arg_VALIDATION_REPORTS OR arg_MICROSOFT_COMPILER OR arg_SECOND_DIRECT3D11 OR arg_WITHOUT)
         norvex_leave_out_test(${arg_NAME} "it needs a simulated system")
     else()
         add_test(NAME ${arg_NAME} COMMAND ${arg_PROGRAM} "--gtest_output=xml:${result}" ${arg_ARGUMENTS})
