@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/InputFile.h"
 #include "apps/norvexdx/ViewerKeys.h"
 
 namespace Norvex::App {
@@ -14,7 +15,8 @@ namespace {
 
 constexpr const char* kConvertNotes = R"(
 One input becomes the file OUT. Many inputs, or an OUT that is a folder, become OUT/<input's
-name>.png; an input that fails is told, the others go on.
+name>.png; an input that fails is told, the others go on. An input with * or ? is all files that
+match, a folder the pictures in it.
 
 Without --from and --to colours stay as they are. The spaces: srgb, rec709, rec709-linear (target
 only), rec2020, rec2020-pq, rec2020-hlg; rec2020-linear only to itself. Without --size the output
@@ -351,14 +353,21 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
             throw Failure(MakeUsageLine(app, "convert needs an input and an output"),
                           ExitCode::WrongUsage);
         }
+        const std::string output = std::move(convert.files.back());
+        convert.files.pop_back();
+        convert.files = ExpandFileNames(convert.files);
+        convert.files.push_back(output);
         result.command = std::move(convert);
     } else if (app.got_subcommand("fill")) {
         result.command = std::move(fill);
     } else if (app.got_subcommand("sheet")) {
+        sheet.inputs = ExpandFileNames(sheet.inputs);
         result.command = std::move(sheet);
     } else if (app.got_subcommand("view")) {
+        view.files = ExpandFileNames(view.files);
         result.command = std::move(view);
     } else if (app.got_subcommand("encode")) {
+        encode.inputs = ExpandFileNames(encode.inputs);
         result.command = std::move(encode);
     } else {
         result.command = info;

@@ -29,7 +29,8 @@ struct CommandLine {
     bool isVerbose = false;
 };
 
-// arguments: in UTF-8, without the program's name. Throws Failure (wrong usage).
+// arguments: in UTF-8, without the program's name. Wildcards and folders among the inputs are
+// expanded (ExpandFileNames). Throws Failure (wrong usage).
 CommandLine ParseCommandLine(std::vector<std::string> arguments);
 
 } // namespace Norvex::App

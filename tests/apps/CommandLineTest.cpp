@@ -2,6 +2,7 @@
 
 #include "apps/norvexdx/CommandLine.h"
 #include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/InputFile.h"
 #include "tests/apps/Pictures.h"
 
 namespace Norvex::Test {
@@ -150,6 +151,33 @@ TEST(CommandLineTest, NamesTheOutputsOfManyInputs) {
     EXPECT_EQ(folder.GetPath("scan.png"), jobs.at(1).output);
     EXPECT_THAT(GetUsageLine([&] { plan({"a/photo.jpg", "b/PHOTO.tif"}); }),
                 HasSubstr("several inputs"));
+}
+
+TEST(CommandLineTest, ExpandsWildcardsAndFoldersAmongTheInputs) {
+    const TemporaryFolder folder;
+    for (const char* name : {"b.PNG", "a1.jpg", "a.tiff", "c.txt", "d.tiffx"}) {
+        WriteBytes(folder.GetPath(name), {});
+    }
+    std::filesystem::create_directories(folder.GetPath("f.jpg/empty"));
+    const auto expect = [&](const char* input, const std::vector<const char*>& names) {
+        std::vector<std::string> expected = {"-"};
+        for (const char* name : names) {
+            expected.push_back(Utf8FromPath(folder.GetPath("") / name));
+        }
+        const std::string text = Utf8FromPath(folder.GetPath("") / input);
+        const auto encode = ParseCommandLine({"encode", "-", text, "-o", text, "--format", "nv12"});
+        EXPECT_EQ(expected, std::get<EncodeOptions>(encode.command).inputs) << input;
+        const auto convert = ParseCommandLine({"convert", "-", text, text});
+        expected.push_back(text);
+        EXPECT_EQ(expected, std::get<ConvertOptions>(convert.command).files) << input;
+    };
+    expect("*.?p*g", {"a1.jpg"});
+    expect("a*", {"a.tiff", "a1.jpg"});
+    expect("*.tif?", {"a.tiff"});
+    expect("", {"a.tiff", "a1.jpg", "b.PNG"});
+    expect("f.jpg", {"f.jpg"});
+    expect("*.gif", {"*.gif"});
+    expect("no*/a.jpg", {"no*/a.jpg"});
 }
 
 } // namespace

@@ -310,6 +310,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     WriteImage(m_folder.GetPath("in.png"), MakePlain(1, 1, {}));
     const std::string in = m_folder.GetText("in.png");
     const std::string out = m_folder.GetText("out.png");
+    const TemporaryFolder empty;
     const struct {
         std::vector<std::string> arguments;
         unsigned exitCode;
@@ -320,7 +321,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
         {{"convert", in, in, m_folder.GetText("missing")}, 1, "there is no folder"},
         {{"convert", in, out, "--adapter", "99"}, 1, "there is no adapter 99"},
         {{"convert", in, out, "--adapter", "99", "--api", "d3d11"}, 1, "there is no adapter 99"},
-        {{"convert", m_folder.GetText("."), out}, 1, "is a folder"},
+        {{"convert", empty.GetText("."), out}, 1, "is a folder"},
         {{"convert", in, out, "--from", "srgb"}, 2, "belong together"},
         {{"sheet", out, in, "--cell", "16384x16384"}, 1, "larger than the device takes"},
         {{"view", in, "--screenshot", out}, 2, "--screenshot goes with --frames"},
