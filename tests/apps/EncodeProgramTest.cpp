@@ -7,7 +7,9 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "apps/norvexdx/Arguments.h"
 #include "apps/norvexdx/EncodePlan.h"
+#include "apps/norvexdx/FrameEncoder.h"
 #include "apps/norvexdx/ImageFile.h"
 #include "apps/norvexdx/InputFile.h"
 #include "apps/norvexdx/Y4m.h"
@@ -100,8 +102,14 @@ TEST_P(EncodeTest, TurnsPicturesIntoClips) {
         {"nv12", Conf::YCbCrMatrix::BT709, {5, 3}, plain},
         {"p010", Conf::YCbCrMatrix::BT2020NonConstant, {32, 18}, toPQ},
     };
+    const ApiChoice api = ParseApi(GetParam()).value();
+    const auto graphics = Graphics::Open({api, 0}, DrawKind::Fill, [](auto) {});
     for (const auto& c : kCases) {
         SCOPED_TRACE(testing::Message() << c.format << " " << c.size.width);
+        const VideoFormat format = ParseVideoFormat(c.format).value();
+        // Planar textures where this system has them and draws them right.
+        const auto encoder = FrameEncoder::Open(*graphics, {format, c.matrix, c.size, {}});
+        const char* planes = encoder->IsPlanar() ? "planar" : "pair";
         const auto width = static_cast<std::uint32_t>(c.size.width);
         const auto height = static_cast<std::uint32_t>(c.size.height);
         const std::array pictures = {MakeNoise(width, height, 8, false, 1),
@@ -118,10 +126,9 @@ TEST_P(EncodeTest, TurnsPicturesIntoClips) {
             EXPECT_EQ(report.value("api", ""), GetParam());
             EXPECT_EQ(report.value("format", ""), c.format);
             EXPECT_EQ(report.value("frames", 0), 2);
-            EXPECT_EQ(report.value("planes", ""), "pair");
+            EXPECT_EQ(report.value("planes", ""), planes);
             EXPECT_GT(report.at("gpuMsPerFrame").get<double>(), 0.0);
         }
-        const VideoFormat format = ParseVideoFormat(c.format).value();
         const std::size_t size = format.GetFrameBytes(c.size);
         const Bytes raw = ReadClip("clip.raw");
         const Bytes y4m = ReadClip("clip.y4m");
@@ -168,12 +175,10 @@ TEST_P(EncodeTest, KeepsItsMemoryHoweverLongTheClip) {
     const json many = encode(10000);
     EXPECT_EQ(many.value("frames", 0), 10000);
     EXPECT_LE(many.value("peakFramesInFlight", 99), 9);
-    constexpr double kMiB = 1 << 20;
-    const double memory = many.value("peakWorkingSet", 1e12) / kMiB;
-    EXPECT_LT(memory, 400.0);
+    const double growth = many.value("peakWorkingSet", 1e12) - few.value("peakWorkingSet", 0.0);
     // The driver's caches; Direct3D 11's grow until some 50,000 frames.
-    const double growth = std::string_view("d3d11") == GetParam() ? 24.0 : 8.0;
-    EXPECT_LT(memory - few.value("peakWorkingSet", 0.0) / kMiB, growth);
+    constexpr double kMiB = 1 << 20;
+    EXPECT_LT(growth / kMiB, std::string_view("d3d11") == GetParam() ? 24.0 : 8.0);
     const Bytes clip = ReadClip("clip");
     ASSERT_EQ(clip.size(), 10000U * 384);
     for (unsigned i = 0; i < 10000; ++i) {

@@ -1,6 +1,5 @@
 #include "tests/apps/Process.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -26,11 +25,15 @@ std::string ReadText(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-fs::path GetProgramPath() {
+fs::path GetProgramPath(const wchar_t* program) {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const char* name = std::getenv("NORVEX_TEST_PROGRAM");
-    return fs::path(self).parent_path() / (name != nullptr ? name : "norvexdx.exe");
+    wchar_t named[MAX_PATH] = {};
+    if (program == nullptr) {
+        const bool isNamed = GetEnvironmentVariableW(L"NORVEX_TEST_PROGRAM", named, MAX_PATH) != 0;
+        program = isNamed ? named : L"norvexdx.exe";
+    }
+    return fs::path(self).parent_path() / program;
 }
 
 } // namespace
@@ -39,8 +42,9 @@ ProcessResult RunProgram(const std::vector<std::string>& arguments) {
     return StartedProgram(arguments).Wait();
 }
 
-StartedProgram::StartedProgram(const std::vector<std::string>& arguments, HANDLE standardInput) {
-    std::wstring commandLine = L"\"" + GetProgramPath().wstring() + L"\"";
+StartedProgram::StartedProgram(const std::vector<std::string>& arguments, HANDLE standardInput,
+                               const wchar_t* program) {
+    std::wstring commandLine = L"\"" + GetProgramPath(program).wstring() + L"\"";
     for (const std::string& argument : arguments) {
         commandLine += L" \"" + Core::WstringFromUtf8(argument) + L"\"";
     }
@@ -55,7 +59,7 @@ StartedProgram::StartedProgram(const std::vector<std::string>& arguments, HANDLE
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
     if (isStarted == FALSE) {
-        throw std::runtime_error("norvexdx.exe does not start");
+        throw std::runtime_error("the program does not start");
     }
 }
 
@@ -74,7 +78,7 @@ bool StartedProgram::HasEnded(DWORD waitMs) const {
 
 ProcessResult StartedProgram::Wait() {
     if (!HasEnded(kTimeLimit)) {
-        throw std::runtime_error("norvexdx.exe does not end");
+        throw std::runtime_error("the program does not end");
     }
     ProcessResult result;
     GetExitCodeProcess(m_process.hProcess, &result.exitCode);

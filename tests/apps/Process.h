@@ -22,9 +22,9 @@ ProcessResult RunProgram(const std::vector<std::string>& arguments);
 // The same, while it runs. What has not ended is stopped with the object.
 class StartedProgram {
 public:
-    // standardInput: an inheritable handle, or none.
+    // standardInput: an inheritable handle, or none. program: another that is beside this test.
     explicit StartedProgram(const std::vector<std::string>& arguments,
-                            HANDLE standardInput = nullptr);
+                            HANDLE standardInput = nullptr, const wchar_t* program = nullptr);
     ~StartedProgram();
     StartedProgram(const StartedProgram&) = delete;
     StartedProgram& operator=(const StartedProgram&) = delete;

@@ -4,11 +4,14 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
 #include "apps/norvexdx/ImageFile.h"
 #include "apps/norvexdx/InputFile.h"
 #include "tests/apps/Pictures.h"
 #include "tests/apps/Process.h"
 #include "tests/support/ColorReference.h"
+#include "tests/support/Thrown.h"
 
 namespace Norvex::Test {
 
@@ -197,9 +200,9 @@ TEST_P(PictureTest, KeepsFinePatternsGreyWhenTheyShrink) {
         std::fill_n(stripes.pixels.begin() + static_cast<std::ptrdiff_t>(4 * x), 3,
                     std::uint8_t{255});
     }
-    const Image small = Convert(stripes, {"--size", "50x50"});
+    const Image halved = Convert(stripes, {"--size", "50x50"});
     for (std::size_t x = 0; x < 50; ++x) {
-        ExpectPixel(small, x, 25, {128, 128, 128, 255}, 6);
+        ExpectPixel(halved, x, 25, {128, 128, 128, 255}, 6);
     }
 }
 
@@ -343,8 +346,56 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     EXPECT_THAT(RunProgram({"--version"}).out, StartsWith("norvexdx "));
 }
 
+// Whether the example's window has its gradient on the screen, right of the middle.
+bool ShowsGradient(HWND window) {
+    SetWindowPos(window, HWND_TOPMOST, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
+    RECT client = {};
+    GetClientRect(window, &client);
+    POINT point = {client.right / 2 + client.bottom / 4, client.bottom / 2};
+    ClientToScreen(window, &point);
+    const HDC screen = GetDC(nullptr);
+    const COLORREF color = GetPixel(screen, point.x, point.y);
+    ReleaseDC(nullptr, screen);
+    return std::abs(GetRValue(color) - 192) < 4 && std::abs(GetGValue(color) - 128) < 4 &&
+           std::abs(GetBValue(color) - 128) < 4;
+}
+
+TEST(ExamplesTest, SayAndShowWhatTheyDo) {
+    CComPtr<ID3D11Device5> device5; // has the fences that sharing needs
+    DX::D11Device::CreatePrimary()->Get()->QueryInterface(IID_PPV_ARGS(&device5));
+    const bool shares = device5 != nullptr;
+    const struct {
+        const wchar_t* program;
+        std::vector<std::string> arguments;
+        unsigned exitCode;
+        const char* words; // empty: it shows a window, and ends when that is closed
+    } kCases[] = {
+        {L"offscreen.exe", {}, 0, "0.5807 0.5807 0.5807"},
+        {L"attach.exe", {}, 0, "sRGB  64 is  74 in BT.709"},
+        {L"share.exe",
+         {},
+         shares ? 0U : 1U,
+         shares ? "Direct3D 11 reads 255 255 255" : "This system does not share between"},
+        {L"window.exe", {}, 0, ""},
+        {L"window.exe", {"d3d11"}, 0, ""},
+    };
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(std::filesystem::path(c.program).string());
+        StartedProgram program(c.arguments, nullptr, c.program);
+        for (int i = 0; *c.words == '\0' && i < 1000 && !program.HasEnded(20); ++i) {
+            HWND window = FindWindowW(L"STATIC", L"NorvexDX");
+            if (window != nullptr && ShowsGradient(window)) {
+                PostMessageW(window, WM_CLOSE, 0, 0);
+            }
+        }
+        const ProcessResult result = program.Wait();
+        EXPECT_EQ(c.exitCode, result.exitCode) << result.err;
+        EXPECT_THAT(result.out + result.err, HasSubstr(c.words));
+    }
+}
+
 // Run on their own, on a system without the part.
-void ExpectMissing(const std::string& api, const char* words) {
+void ExpectMissing(const std::string& api, const std::string& words) {
     const TemporaryFolder folder;
     const std::string in = folder.GetText("in.png");
     WriteImage(folder.GetPath("in.png"), MakePlain(1, 1, {}));
@@ -354,13 +405,13 @@ void ExpectMissing(const std::string& api, const char* words) {
         const ProcessResult result = RunProgram(arguments);
         EXPECT_EQ(1U, result.exitCode);
         const auto lines = GetLines(result.err);
-        EXPECT_THAT(lines, ElementsAre(StartsWith(std::string("norvexdx: ") + words)));
+        EXPECT_THAT(lines, ElementsAre(StartsWith("norvexdx: " + words)));
     }
     EXPECT_THAT(folder.GetFiles(), ElementsAre("in.png"));
 }
 
 // Each command says why it draws with Direct3D 11, and does.
-void ExpectDirect3D11(const char* reason) {
+void ExpectDirect3D11(const std::string& reason) {
     const TemporaryFolder folder;
     const std::string in = folder.GetText("in.png");
     WriteImage(folder.GetPath("in.png"), MakePlain(2, 2, {255, 255, 255, 255}));
@@ -372,15 +423,15 @@ void ExpectDirect3D11(const char* reason) {
         const ProcessResult result = RunProgram(arguments);
         EXPECT_EQ(0U, result.exitCode) << result.err;
         const auto lines = GetLines(result.err);
-        EXPECT_THAT(lines, ElementsAre(StartsWith(
-                               std::string("norvexdx: drawing with Direct3D 11: ") + reason)));
+        EXPECT_THAT(lines,
+                    ElementsAre(StartsWith("norvexdx: drawing with Direct3D 11: " + reason)));
         EXPECT_THAT(result.out, StartsWith("Direct3D 11 on "));
         // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
         ExpectPixel(ReadImage(folder.GetPath("out.png")), 0, 0, {148, 148, 148, 255});
     }
 }
 
-void ExpectInfoOfDirect3D11(bool hasDirect3D12, const char* error) {
+void ExpectInfoOfDirect3D11(bool hasDirect3D12, const std::string& error) {
     const ProcessResult result = RunProgram({"info", "--json"});
     EXPECT_EQ(0U, result.exitCode);
     const json info = json::parse(result.out);
@@ -390,9 +441,8 @@ void ExpectInfoOfDirect3D11(bool hasDirect3D12, const char* error) {
     EXPECT_THAT(devices.at(0).at("error"), StartsWith(error));
     EXPECT_EQ("d3d11", devices.at(1).at("api"));
     EXPECT_EQ(true, devices.at(1).at("formats").at("R16G16B16A16_UNORM").at("drawTo"));
-    EXPECT_THAT(RunProgram({"info"}).out,
-                testing::AllOf(HasSubstr(std::string("Direct3D 12: ") + error),
-                               HasSubstr("Direct3D 11: level ")));
+    EXPECT_THAT(RunProgram({"info"}).out, testing::AllOf(HasSubstr("Direct3D 12: " + error),
+                                                         HasSubstr("Direct3D 11: level ")));
 }
 
 TEST(MissingPart, Direct3D12) {
@@ -402,12 +452,15 @@ TEST(MissingPart, Direct3D12) {
     ExpectInfoOfDirect3D11(false, "DirectX 12 device interface is not supported on this system");
 }
 
-// The system has Direct3D 12, its driver has not.
+// The system has Direct3D 12, its driver has not: the program says what the library does.
 TEST(MissingPart, Direct3D12Driver) {
-    constexpr const char* kReason = "Failed to create D3D12 device";
-    ExpectMissing("d3d12", kReason);
-    ExpectDirect3D11(kReason);
-    ExpectInfoOfDirect3D11(true, kReason);
+    const std::string reason = SentenceOf([] { DX::D12Device::CreatePrimary(); });
+    if (reason == "(nothing)") {
+        GTEST_SKIP() << "This system's Direct3D 12 needs no Vulkan.";
+    }
+    ExpectMissing("d3d12", reason);
+    ExpectDirect3D11(reason);
+    ExpectInfoOfDirect3D11(DX::D12Device::IsAvailable(), reason);
 }
 
 TEST(MissingPart, Compiler) {
