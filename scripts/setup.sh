@@ -15,12 +15,15 @@ find_setup() {
     [ ! -d "$compilerFolder" ] || microsoftCompiler=$compilerFolder/d3dcompiler_47.dll
 }
 
+# Where NORVEXDX_STRICT is set, a machine that can have the compiler must have it.
 ensure_compiler() {
     [ -z "$microsoftCompiler" ] || return 0
     if ! command -v npm >/dev/null; then
         say "There is no npm on this machine: the tests do without Microsoft's HLSL compiler."
     elif (make_once "$compilerFolder" "Downloading Microsoft's HLSL compiler, 50 MB" download_compiler); then
         microsoftCompiler=$compilerFolder/d3dcompiler_47.dll
+    elif [ -n "${NORVEXDX_STRICT:-}" ]; then
+        fail "There is no Microsoft HLSL compiler for the tests."
     else
         say "The tests do without Microsoft's HLSL compiler."
     fi
