@@ -1,7 +1,10 @@
-# Sourced by ./dev: clang-format and clang-tidy, unpacked beside the Debian 13 system on their first
-# use.
+# Sourced by ./dev: what ./dev lint runs, unpacked beside the Debian 13 system on its first use.
 
-kLintPackages=(clang-format clang-tidy)
+kLintPackages=(
+    clang-format clang-tidy
+    # the sources as MSVC would read them, with a C++ library and Windows headers fit for that
+    clang-19 libc++-19-dev libwine-dev
+)
 
 # An apt that knows what the system has downloads what else the tools need.
 download_lint_tools() {
@@ -18,5 +21,5 @@ download_lint_tools() {
 
 ensure_lint_tools() {
     lintTools=$cache/lint-tools-$(hash_of "${kLintPackages[*]}" "$rootKey")
-    locked "$cache/lock" make_once "$lintTools" "Downloading clang-format and clang-tidy" download_lint_tools
+    locked "$cache/lock" make_once "$lintTools" "Downloading clang, clang-format and clang-tidy" download_lint_tools
 }
