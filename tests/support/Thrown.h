@@ -37,16 +37,36 @@ std::string SentenceOf(const Call& call) {
     return ThrownBy(call).sentence;
 }
 
-// Expects a failure of Direct3D 11. E_FAIL: without a result. Returns what was thrown.
+// Expects a failure of the class that says `kind`. E_FAIL: without a result. Returns what was
+// thrown.
 template <class Call>
-Thrown ExpectFailure11(const Call& call, const std::string& sentence, const std::string& function,
-                       long result = E_FAIL) {
+Thrown ExpectFailureOf(const char* kind, const Call& call, const std::string& sentence,
+                       const std::string& function, long result) {
     const Thrown thrown = ThrownBy(call);
     EXPECT_EQ(thrown.sentence, sentence);
     EXPECT_EQ(thrown.function, function) << sentence;
     EXPECT_EQ(thrown.result, result) << sentence;
-    EXPECT_EQ(thrown.kind, "DirectX 11 exception") << sentence;
+    EXPECT_EQ(thrown.kind, kind) << sentence;
     return thrown;
+}
+
+// Of the code of neither generation.
+template <class Call>
+Thrown ExpectFailure(const Call& call, const std::string& sentence, const std::string& function,
+                     long result = E_FAIL) {
+    return ExpectFailureOf("DirectX exception", call, sentence, function, result);
+}
+
+template <class Call>
+Thrown ExpectFailure11(const Call& call, const std::string& sentence, const std::string& function,
+                       long result = E_FAIL) {
+    return ExpectFailureOf("DirectX 11 exception", call, sentence, function, result);
+}
+
+template <class Call>
+Thrown ExpectFailure12(const Call& call, const std::string& sentence, const std::string& function,
+                       long result = E_FAIL) {
+    return ExpectFailureOf("DirectX 12 exception", call, sentence, function, result);
 }
 
 } // namespace Norvex::Test
