@@ -1,0 +1,66 @@
+// Copies of exceptions, also by several threads at once. Plain C++: built for Windows, and for the
+// building machine under sanitizers.
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Host/CoreException.h"
+
+namespace {
+
+using Norvex::ErrorDescription;
+using Norvex::Core::CoreException;
+
+std::string SentenceOf(const CoreException& exception) {
+    const auto* const sentence = boost::get_error_info<ErrorDescription>(exception);
+    return sentence != nullptr ? *sentence : "(none)";
+}
+
+TEST(ExceptionCopyTest, CopiesHaveTheirOwnFacts) {
+    const auto original = CoreException() << ErrorDescription("Valve is stuck");
+    CoreException copy(original);
+    CoreException assigned;
+    EXPECT_EQ(SentenceOf(assigned), "(none)");
+    assigned = copy;
+    copy << ErrorDescription("Pump is dry");
+    EXPECT_EQ(SentenceOf(original), "Valve is stuck");
+    EXPECT_EQ(SentenceOf(assigned), "Valve is stuck");
+    EXPECT_EQ(SentenceOf(std::move(copy)), "Pump is dry");
+}
+
+// As thrown, through an exception_ptr, and through Boost's clone.
+TEST(ExceptionCopyTest, ThreadsCopyOneExceptionAtOnce) {
+    std::exception_ptr thrown;
+    boost::exception_ptr cloned;
+    try {
+        Norvex::Core::ThrowCoreException("Valve is stuck");
+    } catch (...) {
+        thrown = std::current_exception();
+        cloned = boost::current_exception();
+    }
+    const auto expectCopies = [](const auto& rethrow) {
+        try {
+            rethrow();
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const CoreException& exception) {
+            const CoreException copy(exception);
+            EXPECT_EQ(SentenceOf(copy), "Valve is stuck");
+            EXPECT_STREQ(*boost::get_error_info<boost::throw_file>(copy),
+                         "tests/Native/ExceptionCopyTest.cpp");
+        }
+    };
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 200; ++round) {
+                expectCopies([&] { std::rethrow_exception(thrown); });
+                expectCopies([&] { boost::rethrow_exception(cloned); });
+            }
+        });
+    }
+}
+
+} // namespace
