@@ -1,6 +1,8 @@
 // The calling thread's stack as text. Symbols come from dbghelp for modules with a program database
 // and from the export tables of all others: debug information of another form (DWARF) brings
-// nothing on Windows, and Wine's dbghelp has crashed on it.
+// nothing on Windows, and Wine's dbghelp has crashed on it. Both answer with what starts nearest
+// before an address; whether that is the function at the address, the tables tell that the system
+// unwinds with.
 
 #include "Host/Exception.h"
 
@@ -13,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include <boost/core/demangle.hpp>
 #include <fmt/format.h>
@@ -148,7 +151,7 @@ public:
         });
     }
 
-    // The named export that starts nearest before the offset.
+    // The named export that starts nearest before the offset, be it of another function.
     std::optional<Symbol> FindNearest(DWORD offset) const {
         if (m_range.Size == 0) {
             return std::nullopt;
@@ -187,7 +190,25 @@ private:
     IMAGE_DATA_DIRECTORY m_debug{};
 };
 
-std::optional<Symbol> FindSymbol(const Module& module, std::uint64_t address) {
+// Where the function begins that holds the address; empty where the system cannot tell.
+std::optional<std::uint64_t> FindFunctionStart(std::uint64_t address) {
+    std::uint64_t base = 0;
+    const RUNTIME_FUNCTION* entry = RtlLookupFunctionEntry(address, &base, nullptr);
+    if (entry == nullptr) {
+        return std::nullopt;
+    }
+    // Parts of a function lead to the one before them: flags in the upper five bits of the unwind
+    // information, the number of its two-byte codes at 2, after the codes (an even number of them)
+    // the other entry.
+    const auto* info = reinterpret_cast<const std::uint8_t*>(base + entry->UnwindData);
+    while ((info[0] >> 3 & UNW_FLAG_CHAININFO) != 0) {
+        entry = reinterpret_cast<const RUNTIME_FUNCTION*>(info + 4 + 2 * ((info[2] + 1) & ~1));
+        info = reinterpret_cast<const std::uint8_t*>(base + entry->UnwindData);
+    }
+    return base + entry->BeginAddress;
+}
+
+std::optional<Symbol> FindNearest(const Module& module, std::uint64_t address) {
     const ModuleTables tables(module.handle);
     if (tables.HasProgramDatabase()) {
         if (auto symbol = SymbolSession::Get().Find(module, address)) {
@@ -195,6 +216,13 @@ std::optional<Symbol> FindSymbol(const Module& module, std::uint64_t address) {
         }
     }
     return tables.FindNearest(static_cast<DWORD>(address - module.Base()));
+}
+
+std::optional<Symbol> FindSymbol(const Module& module, std::uint64_t address) {
+    const auto start = FindFunctionStart(address);
+    auto symbol = FindNearest(module, address);
+    const bool isOfFunction = start && symbol && address - symbol->displacement >= *start;
+    return isOfFunction ? std::move(symbol) : std::nullopt;
 }
 
 std::string FormatFrame(std::size_t index, const void* returnAddress) {
