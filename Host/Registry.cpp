@@ -61,8 +61,9 @@ std::optional<std::wstring> RegKey::QueryString(const std::wstring& name) const 
     LSTATUS status = RegGetValueW(m_key, nullptr, name.c_str(), kFlags, nullptr, nullptr, &bytes);
     // The value may grow between asking for its size and reading it.
     while (status == ERROR_SUCCESS || status == ERROR_MORE_DATA) {
-        text.resize(bytes / sizeof(wchar_t) + 1);
-        bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+        // One more than is told of, so that a zero ends whatever comes.
+        text.assign(bytes / sizeof(wchar_t) + 2, L'\0');
+        bytes = static_cast<DWORD>((text.size() - 1) * sizeof(wchar_t));
         status = RegGetValueW(m_key, nullptr, name.c_str(), kFlags, nullptr, text.data(), &bytes);
         if (status == ERROR_SUCCESS) {
             text.resize(text.find(L'\0'));
@@ -75,11 +76,9 @@ std::optional<std::wstring> RegKey::QueryString(const std::wstring& name) const 
 std::optional<std::uint64_t> RegKey::QueryQword(const std::wstring& name) const {
     std::uint64_t value = 0;
     DWORD bytes = sizeof(value);
-    if (RegGetValueW(m_key, nullptr, name.c_str(), RRF_RT_REG_QWORD, nullptr, &value, &bytes) !=
-        ERROR_SUCCESS) {
-        return std::nullopt;
-    }
-    return value;
+    const LSTATUS status =
+        RegGetValueW(m_key, nullptr, name.c_str(), RRF_RT_REG_QWORD, nullptr, &value, &bytes);
+    return status == ERROR_SUCCESS && bytes == sizeof(value) ? std::optional(value) : std::nullopt;
 }
 
 } // namespace Norvex::Core

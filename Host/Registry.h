@@ -1,7 +1,8 @@
 #pragma once
 
-// Read access to the Windows registry. Failures are empty results, never exceptions: whoever reads
-// the registry has to live without the value. One RegKey is used by one thread at a time.
+// Read access to the Windows registry. Failures are empty results: whoever reads the registry has
+// to live without the value. Nothing here throws except for lack of memory. One RegKey is used by
+// one thread at a time.
 
 #include <cstdint>
 #include <optional>
@@ -20,7 +21,7 @@ public:
     ~RegKey();
 
     // Opens the subkey `path` of `parent` with `access` (KEY_READ, ...), closing what was open.
-    // False on failure.
+    // False on failure, and nothing is open then. A closed parent is a failure.
     bool Open(HKEY parent, const std::wstring& path, REGSAM access);
     bool Open(const RegKey& parent, const std::wstring& path, REGSAM access);
     void Close();
@@ -31,7 +32,7 @@ public:
     // The REG_SZ or REG_EXPAND_SZ value (not expanded), up to its terminating zero; empty when
     // missing or of another type.
     std::optional<std::wstring> QueryString(const std::wstring& name) const;
-    // The REG_QWORD value; empty when missing or of another type.
+    // The REG_QWORD value; empty when missing, of another type or not of eight bytes.
     std::optional<std::uint64_t> QueryQword(const std::wstring& name) const;
 
 private:

@@ -9,10 +9,10 @@ namespace Norvex::Core {
 
 namespace {
 
-// The system's conversions count in int.
+// The system's conversions count in int, before and after; a character becomes three bytes at most.
 template <class View>
 int SystemLength(View text) {
-    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()) / 3) {
         throw std::length_error("Text too long");
     }
     return static_cast<int>(text.size());

@@ -1,6 +1,7 @@
 #pragma once
 
-// Text conversions. Pure functions, any thread.
+// Text conversions. Pure functions, any thread. Texts of 700 million characters throw
+// std::length_error.
 
 #include <string>
 #include <string_view>

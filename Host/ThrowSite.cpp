@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -13,8 +12,11 @@ namespace Norvex {
 
 namespace {
 
+// Whatever the host's locale is; bytes of UTF-8 are letters.
 bool IsWordCharacter(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '~' || c == '$';
+    const auto isBetween = [c](char first, char last) { return c >= first && c <= last; };
+    return isBetween('a', 'z') || isBetween('A', 'Z') || isBetween('0', '9') || c == '_' ||
+           c == '~' || c == '$' || (static_cast<unsigned char>(c) & 0x80) != 0;
 }
 
 // Reads a signature from left to right into the components that "::" separates outside all

@@ -5,6 +5,7 @@
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <source_location>
 #include <utility>
 
 #include <glog/logging.h>
@@ -26,25 +27,29 @@ FILETIME RelativeDueTime(std::chrono::milliseconds delay) {
 
 } // namespace
 
-struct WaitableTimer::Impl {
-    explicit Impl(std::function<void()> function)
+// Shared with the callback that is running, which may outlive the timer that it destroys.
+struct WaitableTimer::Impl : std::enable_shared_from_this<WaitableTimer::Impl> {
+    Impl(std::function<void()> function, const std::source_location& location)
         : callback(std::move(function)),
           timer(CreateThreadpoolTimer(&OnTick, this, nullptr)) {
         if (timer == nullptr) {
-            ThrowCoreException("Failed to create timer");
+            ThrowCoreException("Failed to create timer", location);
         }
     }
 
-    ~Impl() { CloseThreadpoolTimer(timer); }
+    ~Impl() { CloseThreadpoolTimer(timer); } // inside a callback: when that has returned
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    // After it no callback runs and none will.
+    // After it no callback runs, but for the one that calls it, and none will.
     void ShutDown() {
         {
             const std::scoped_lock lock(mutex);
             isClosing = true;
             StopLocked();
+        }
+        if (callbackThread == GetCurrentThreadId()) {
+            DisassociateCurrentThreadFromCallback(callbackInstance); // do not wait for this one
         }
         WaitForThreadpoolTimerCallbacks(timer, TRUE);
     }
@@ -59,17 +64,20 @@ struct WaitableTimer::Impl {
         return isRunning;
     }
 
-    static void CALLBACK OnTick(PTP_CALLBACK_INSTANCE, void* context, PTP_TIMER) {
-        auto& self = *static_cast<Impl*>(context);
+    static void CALLBACK OnTick(PTP_CALLBACK_INSTANCE instance, void* context, PTP_TIMER) {
+        const auto self = static_cast<Impl*>(context)->shared_from_this();
         // The pool starts the next tick on another thread when this one takes longer than the
         // period.
-        if (self.isInCallback.exchange(true)) {
+        if (self->isInCallback.exchange(true)) {
             return;
         }
-        if (self.IsRunning()) {
-            self.CallBack();
+        self->callbackInstance = instance;
+        self->callbackThread = GetCurrentThreadId();
+        if (self->IsRunning()) {
+            self->CallBack();
         }
-        self.isInCallback = false;
+        self->callbackThread = 0;
+        self->isInCallback = false;
     }
 
     // An exception must not reach the system's frames below.
@@ -88,11 +96,17 @@ struct WaitableTimer::Impl {
     bool isRunning = false;
     bool isClosing = false;
     std::atomic<bool> isInCallback{false};
+    std::atomic<DWORD> callbackThread{0};             // none has the number 0
+    PTP_CALLBACK_INSTANCE callbackInstance = nullptr; // read by that thread alone
     PTP_TIMER timer;
 };
 
-WaitableTimer::WaitableTimer(std::function<void()> callback)
-    : m_impl(std::make_unique<Impl>(std::move(callback))) {}
+WaitableTimer::WaitableTimer(std::function<void()> callback) {
+    if (!callback) {
+        ThrowCoreException("Timer callback not set");
+    }
+    m_impl = std::make_shared<Impl>(std::move(callback), std::source_location::current());
+}
 
 // The callback may use this timer until it is done, so the members go only after that.
 WaitableTimer::~WaitableTimer() {

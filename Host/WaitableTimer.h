@@ -3,7 +3,8 @@
 // A periodic timer that calls back on a thread of the system's pool. Callbacks of one timer never
 // overlap: a tick that falls due while the callback still runs is dropped. Start and Stop are
 // thread-safe and may be called from the callback and under locks that the callback takes: neither
-// waits for a running callback. The destructor does wait, so it must not run inside the callback.
+// waits for a running callback. The destructor does wait, except for the callback that it runs in:
+// a callback may destroy its own timer.
 
 #include <chrono>
 #include <functional>
@@ -16,7 +17,7 @@ namespace Norvex::Core {
 class NORVEX_HOST_API WaitableTimer {
 public:
     // Keeps the callback; not started. A callback must not throw: what it throws is logged and
-    // dropped. Throws CoreException when the system gives no timer.
+    // dropped. Throws CoreException: "Timer callback not set", "Failed to create timer".
     explicit WaitableTimer(std::function<void()> callback);
     ~WaitableTimer();
     WaitableTimer(const WaitableTimer&) = delete;
@@ -30,7 +31,7 @@ public:
 
 private:
     struct Impl;
-    std::unique_ptr<Impl> m_impl;
+    std::shared_ptr<Impl> m_impl;
 };
 
 } // namespace Norvex::Core

@@ -6,6 +6,7 @@
 #include "Host/Strings.h"
 #include "Host/SystemInfo.h"
 #include "Platform/Direct3D.h"
+#include "tests/support/ImportPatch.h"
 
 namespace Norvex::Core {
 namespace {
@@ -60,6 +61,12 @@ TEST(MemoryInfoTest, AgreesWithTheSystemAndSeesThisProcessGrow) {
     EXPECT_GE(after.processPhysicalPeak, before.processPhysicalCurrent + kBytes / 2);
     EXPECT_GE(after.processVirtualCurrent, before.processVirtualCurrent + kBytes / 2);
     EXPECT_EQ(touched.back(), 'x');
+
+    const Norvex::Test::ImportPatch refusal(
+        L"NorvexHost.dll", "K32GetProcessMemoryInfo", +[](HANDLE, void*, DWORD) { return FALSE; });
+    after.memoryLoad = 777;
+    EXPECT_FALSE(Utils::GetMemoryInfo(after));
+    EXPECT_EQ(after.memoryLoad, 777U) << "unchanged";
 }
 
 TEST(StringsTest, ConvertsBothWays) {

@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <thread>
 
+#include "Host/CoreException.h"
 #include "Host/WaitableTimer.h"
+#include "tests/support/ImportPatch.h"
 
 namespace Norvex::Core {
 namespace {
@@ -63,24 +67,23 @@ TEST(WaitableTimerTest, RunsPeriodicallyStopsAndRestarts) {
 
 TEST(WaitableTimerTest, StopUnderALockOfTheCallbackDoesNotWait) {
     std::mutex poolLock;
-    std::atomic<bool> isEntered{false};
+    Ticks entered;
     Ticks ticks;
     WaitableTimer timer([&] {
-        isEntered = true;
-        isEntered.notify_all();
+        entered.Add();
         const std::scoped_lock lock(poolLock);
         ticks.Add();
     });
     std::unique_lock lock(poolLock);
     timer.StartPeriodic(1ms);
-    isEntered.wait(false);
+    ASSERT_TRUE(entered.WaitFor(1));
     timer.Stop(); // a deadlock here ends in the runner's time limit
     EXPECT_EQ(ticks.Get(), 0);
     lock.unlock();
     EXPECT_TRUE(ticks.WaitFor(1));
 }
 
-TEST(WaitableTimerTest, CallbacksNeverOverlap) {
+TEST(WaitableTimerTest, CallbacksThatThrowAreCalledAgainAndNeverOverlap) {
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
     Ticks ticks;
@@ -89,60 +92,73 @@ TEST(WaitableTimerTest, CallbacksNeverOverlap) {
         std::this_thread::sleep_for(15ms);
         --inside;
         ticks.Add();
+        throw std::runtime_error("spill");
     });
     timer.StartPeriodic(1ms);
-    ASSERT_TRUE(ticks.WaitFor(5));
+    ASSERT_TRUE(ticks.WaitFor(4));
     EXPECT_EQ(most, 1);
 }
 
-TEST(WaitableTimerTest, CallbackMayStopAndRestartItsTimer) {
+TEST(WaitableTimerTest, ACallbackMayStopRestartAndDestroyItsTimer) {
     Ticks ticks;
+    Ticks destroyed;
     std::optional<WaitableTimer> timer;
     timer.emplace([&] {
         timer->Stop();
-        if (ticks.Get() < 2) {
+        if (ticks.Get() == 2) {
             timer->StartPeriodic(1ms);
+            std::this_thread::sleep_for(10ms); // the next tick falls due, and is dropped
+            timer.reset();
+            destroyed.Add();
+        } else {
+            timer->StartPeriodic(1ms);
+            ticks.Add();
         }
-        ticks.Add();
     });
     timer->StartPeriodic(1ms);
-    ASSERT_TRUE(ticks.WaitFor(3));
+    ASSERT_TRUE(destroyed.WaitFor(1)) << "the destructor waits for the callback that it runs in";
     std::this_thread::sleep_for(30ms);
-    EXPECT_EQ(ticks.Get(), 3);
-    EXPECT_FALSE(timer->IsRunning());
+    EXPECT_EQ(ticks.Get(), 2);
+    EXPECT_EQ(destroyed.Get(), 1);
 }
 
 TEST(WaitableTimerTest, DestructorWaitsForTheCallbackThatRestartsIt) {
     std::atomic<bool> isInside{false};
-    std::atomic<int> calls{0};
+    Ticks ticks;
     std::optional<WaitableTimer> timer;
     WaitableTimer* self = nullptr;
     timer.emplace([&] {
-        ++calls;
         isInside = true;
-        isInside.notify_all();
+        ticks.Add();
         std::this_thread::sleep_for(50ms);
         self->StartPeriodic(1ms);
         isInside = false;
     });
     self = &*timer;
     timer->StartPeriodic(1ms);
-    isInside.wait(false);
+    ASSERT_TRUE(ticks.WaitFor(1));
     timer.reset();
     EXPECT_FALSE(isInside);
-    const int atEnd = calls;
+    const int atEnd = ticks.Get();
     std::this_thread::sleep_for(30ms);
-    EXPECT_EQ(calls, atEnd);
+    EXPECT_EQ(ticks.Get(), atEnd);
 }
 
-TEST(WaitableTimerTest, ThrowingCallbackIsCalledAgain) {
-    Ticks ticks;
-    WaitableTimer timer([&] {
-        ticks.Add();
-        throw std::runtime_error("spill");
-    });
-    timer.StartPeriodic(1ms);
-    EXPECT_TRUE(ticks.WaitFor(2));
+TEST(WaitableTimerTest, RefusesWhatCannotTick) {
+    const auto expectFailure = [](std::function<void()> callback, const char* sentence) {
+        try {
+            const WaitableTimer timer(std::move(callback));
+            ADD_FAILURE() << "no exception";
+        } catch (const CoreException& e) {
+            EXPECT_EQ(*boost::get_error_info<ErrorDescription>(e), sentence);
+            EXPECT_STREQ(*boost::get_error_info<boost::throw_function>(e), "WaitableTimer");
+        }
+    };
+    expectFailure(nullptr, "Timer callback not set");
+    const Norvex::Test::ImportPatch none(
+        L"NorvexHost.dll", "CreateThreadpoolTimer",
+        +[](PTP_TIMER_CALLBACK, void*, PTP_CALLBACK_ENVIRON) -> PTP_TIMER { return nullptr; });
+    expectFailure([] {}, "Failed to create timer");
 }
 
 } // namespace
