@@ -1,150 +1,164 @@
 // Results, exceptions, the loader, adapters and the factory, on the system as it is.
 
-#include <map>
+#include <locale>
 
 #include <gmock/gmock.h>
 
-#include "Host/CoreTracker.h"
 #include "Platform/ComPtr.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
+#include "tests/support/ImportPatch.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/MethodPatch.h"
+#include "tests/support/RecordingTracker.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
 namespace {
 
-using Norvex::Test::MethodPatch;
-using Norvex::Test::ThrownBy;
+using namespace Norvex::Test;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
-namespace Slot = Norvex::Test::Slot;
 
 using GetDeviceRemovedReason =
     MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
+using QueryInterface = MethodPatch<Slot::kQueryInterface, HRESULT(ID3D12Device*, REFIID, void**)>;
 using GetDesc1 = MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>;
 using EnumAdapters1 =
     MethodPatch<Slot::kFactoryEnumAdapters1, HRESULT(IDXGIFactory1*, UINT, IDXGIAdapter1**)>;
 
-template <class E>
-E Make(const HResult& result) {
-    E exception;
-    exception << ErrorDescription("Something failed") << result;
-    return exception;
+constexpr auto kInvalidCall = static_cast<long>(0x887A0001);
+
+// In every field another number of MiB, less than one byte short of the next.
+Core::Utils::MEMINFO MakeMemoryInfo() {
+    const auto inMiB = [](std::uint64_t count) { return ((count + 1) << 20) - 1; };
+    return {42,       inMiB(1), inMiB(2), inMiB(3), inMiB(4),      inMiB(5),
+            inMiB(6), inMiB(7), inMiB(8), inMiB(9), inMiB(1234567)};
 }
+constexpr auto kMemoryText = "Process physical memory usage: 7/8 MB (cur/peak),\n"
+                             "Process virtual memory usage: 9/1234567 MB (cur/peak),\n"
+                             "Memory load: 42%,\n"
+                             "Physical memory: 1/2 MB (avail/total),\n"
+                             "Virtual memory: 5/6 MB (avail/total),\n"
+                             "Committed memory: 3/4 MB (avail/total).";
 
 TEST(ResultTest, TextFormsSayWhatIsKnown) {
     HResultValue value;
-    value.result = static_cast<std::int32_t>(0x887A1234);
-    EXPECT_EQ(to_string(value), "Code: 0x887A1234.") << "no description: a period";
     value.result = E_OUTOFMEMORY;
     EXPECT_THAT(to_string(value), StartsWith("Code: E_OUTOFMEMORY, Description: "));
     EXPECT_THAT(to_string(value), Not(EndsWith("\n")));
-
     value.result = static_cast<std::int32_t>(0x887A1234);
+    EXPECT_EQ(to_string(value), "Code: 0x887A1234.") << "no description: a period";
     const auto adapter = std::make_shared<AdapterDescription>();
     adapter->name = "Some adapter";
     value.adapter = adapter;
-    Core::Utils::MEMINFO info;
-    info.memoryLoad = 42;
-    info.physicalAvailable = (5ull << 20) - 1;
-    info.committedTotal = 7ull << 20;
-    value.memoryInfo = std::make_shared<Core::Utils::MEMINFO>(info);
-    EXPECT_EQ(to_string(value), "Code: 0x887A1234.\n"
-                                "Adapter name: Some adapter.\n"
-                                "Process physical memory usage: 0/0 MB (cur/peak),\n"
-                                "Process virtual memory usage: 0/0 MB (cur/peak),\n"
-                                "Memory load: 42%,\n"
-                                "Physical memory: 4/0 MB (avail/total),\n"
-                                "Virtual memory: 0/0 MB (avail/total),\n"
-                                "Committed memory: 0/7 MB (avail/total).");
+    value.memoryInfo = std::make_shared<Core::Utils::MEMINFO>(MakeMemoryInfo());
+    EXPECT_EQ(to_string(value),
+              std::string("Code: 0x887A1234.\nAdapter name: Some adapter.\n") + kMemoryText);
 }
 
 TEST(ResultTest, AResultIsCapturedFromItsDevice) {
     const auto device = D12Device::CreatePrimary();
-    const HResult plain(E_FAIL, device->Get());
-    EXPECT_EQ(plain.value().adapter, device->GetDescription());
-    EXPECT_EQ(plain.value().memoryInfo, nullptr);
+    const LogCapture log;
+    {
+        const QueryInterface unasked(device->Get(), [](auto, auto...) -> HRESULT {
+            ADD_FAILURE() << "nobody asks for messages without debug mode";
+            return E_NOINTERFACE;
+        });
+        const HResult plain(E_FAIL, device->Get());
+        EXPECT_EQ(plain.value().adapter, device->GetDescription());
+        EXPECT_EQ(plain.value().memoryInfo, nullptr);
+    }
     EXPECT_NE(HResult(E_OUTOFMEMORY, device->Get()).value().memoryInfo, nullptr);
-    EXPECT_EQ(HResult(E_OUTOFMEMORY).value().adapter, nullptr);
-    EXPECT_GT(HResult(E_OUTOFMEMORY).value().memoryInfo->physicalTotal, 0u);
-
+    for (const HResult& result :
+         {HResult(E_OUTOFMEMORY), HResult(E_OUTOFMEMORY, static_cast<ID3D11Device*>(nullptr))}) {
+        EXPECT_EQ(result.value().adapter, nullptr);
+        EXPECT_GT(result.value().memoryInfo->physicalTotal, 0u);
+    }
     const GetDeviceRemovedReason removed(device->Get(),
                                          [](auto, ID3D12Device*) { return E_OUTOFMEMORY; });
     const HResult removal(DXGI_ERROR_DEVICE_REMOVED, device->Get());
     EXPECT_EQ(removal.value().result, E_OUTOFMEMORY);
     EXPECT_EQ(removal.value().memoryInfo, nullptr) << "the call itself did not run out of memory";
+    const ImportPatch refusal(
+        L"NorvexHost.dll", "GlobalMemoryStatusEx", [](void*) { return FALSE; });
+    EXPECT_EQ(HResult(E_OUTOFMEMORY).value().memoryInfo, nullptr) << "the system does not tell";
+    EXPECT_THAT(log.GetEntries(), testing::IsEmpty());
 }
 
 TEST(ExceptionTest, ClassesSayWhatTheyAre) {
-    try {
-        boost::throw_exception(Make<DirectX12Exception>(HResult(E_FAIL)), BOOST_CURRENT_LOCATION);
-    } catch (const std::exception& e) {
-        EXPECT_STREQ(e.what(), "DirectX 12 exception");
-    }
     EXPECT_STREQ(DirectXException().what(), "DirectX exception");
     EXPECT_STREQ(DirectX11Exception().what(), "DirectX 11 exception");
+    EXPECT_STREQ(DirectX12Exception().what(), "DirectX 12 exception");
     EXPECT_STREQ(D12EncoderException().what(), "DirectX 12 encoder exception");
     EXPECT_EQ(DirectXException().GetResult(), E_FAIL);
     EXPECT_EQ(DirectXException().GetResultDescription(), "Undefined result");
+    const auto exception = D12EncoderException() << HResult(kInvalidCall);
+    EXPECT_EQ(exception.GetResult(), kInvalidCall);
+    EXPECT_EQ(boost::get_error_info<ErrorResult>(exception)->result, kInvalidCall);
 }
 
 TEST(ExceptionTest, AThrowCarriesPlaceAndStack) {
     try {
         ConvertColorSpace(DXGI_COLOR_SPACE_CUSTOM);
         FAIL();
-    } catch (const DirectXException& e) {
-        EXPECT_EQ(e.GetErrorDescription(), "Unknown DXGI color space");
-        EXPECT_EQ(e.GetResult(), E_FAIL);
-        EXPECT_STREQ(*boost::get_error_info<boost::throw_function>(e), "ConvertColorSpace");
+    } catch (const std::exception& e) {
+        EXPECT_STREQ(e.what(), "DirectX exception");
         EXPECT_STREQ(*boost::get_error_info<boost::throw_file>(e),
                      "Proc/DirectX/Manager/CommonTypes.cpp");
-        EXPECT_THAT(*boost::get_error_info<ErrorCallStack>(e), HasSubstr("NorvexDX.dll"));
+        const std::string stack = *boost::get_error_info<ErrorCallStack>(e);
+        EXPECT_THAT(stack, HasSubstr("ConvertColorSpace"));
+        EXPECT_THAT(stack, Not(HasSubstr("SlotBitmap"))) << "a stranger, exported nearby";
     }
 }
 
-class RecordingTracker : public Proc::ICoreTracker {
-public:
-    void OnEvent(const std::string& key,
-                 const std::map<std::string, std::string>& attributes) override {
-        events.emplace_back(key, attributes);
-    }
-    std::vector<std::pair<std::string, std::map<std::string, std::string>>> events;
+// Numbers in groups, as many hosts have them.
+struct Grouping : std::numpunct<char> {
+    std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
+TEST(ExceptionTest, TheTrackerGetsWhatIsKnownWhateverTheLocale) {
     using Proc::ICoreTracker;
     const boost::intrusive_ptr<RecordingTracker> tracker(new RecordingTracker);
     ICoreTracker::SetTracker(tracker);
     DirectXException().TrackException();
     EXPECT_TRUE(tracker->events.empty()) << "without a result there is nothing to report";
 
-    const auto device = D12Device::CreatePrimary();
-    Make<DirectX12Exception>(HResult(static_cast<long>(0x887A0006), device->Get()))
+    const auto adapter = std::make_shared<AdapterDescription>();
+    adapter->name = "Some adapter";
+    adapter->vendorNames = {"AMD", "ATI"};
+    adapter->driverVersion = 31ull << 48 | 3742;
+    adapter->dedicatedVideoMemory = 4096ull << 20;
+    const HResultValue known = {kInvalidCall, adapter,
+                                std::make_shared<Core::Utils::MEMINFO>(MakeMemoryInfo())};
+    const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+    tracker->isThrowing = true;
+    const LogCapture log;
+    (DirectX12Exception() << ErrorDescription("Something failed") << ErrorResult(known))
         .TrackException();
-    Make<DirectXException>(HResult(E_OUTOFMEMORY)).TrackException();
+    (DirectXException() << HResult(S_OK)).TrackException();
+    std::locale::global(before);
     ICoreTracker::SetTracker(nullptr);
-    ASSERT_EQ(tracker->events.size(), 2u);
-    const auto& [key, attributes] = tracker->events[0];
-    EXPECT_EQ(key, ICoreTracker::CORE_GPU_EXCEPTION);
-    const AdapterDescription& adapter = *device->GetDescription();
-    const std::map<std::string, std::string> expected = {
+
+    const RecordingTracker::Attributes expected = {
         {ICoreTracker::CORE_EXCEPTION_WHAT, "DirectX 12 exception"},
         {ICoreTracker::CORE_EXCEPTION_DESCRIPTION, "Something failed"},
-        {ICoreTracker::CORE_EXCEPTION_HRESULT, "0x887a0006"},
-        {ICoreTracker::CORE_GPU_VENDOR, adapter.vendorNames.front()},
-        {ICoreTracker::CORE_GPU_DRIVER_VERSION, adapter.GetDriverVersion()},
-        {ICoreTracker::CORE_GPU_BRAND_STR, adapter.name},
-        {ICoreTracker::CORE_GPU_VIDEO_MEMORY, std::to_string(adapter.dedicatedVideoMemory >> 20)},
+        {ICoreTracker::CORE_EXCEPTION_HRESULT, "0x887a0001"},
+        {ICoreTracker::CORE_EXCEPTION_MEMINFO, kMemoryText},
+        {ICoreTracker::CORE_GPU_VENDOR, "AMD"},
+        {ICoreTracker::CORE_GPU_DRIVER_VERSION, "31.0.0.3742"},
+        {ICoreTracker::CORE_GPU_BRAND_STR, "Some adapter"},
+        {ICoreTracker::CORE_GPU_VIDEO_MEMORY, "4096"},
     };
-    EXPECT_EQ(attributes, expected);
-    EXPECT_THAT(tracker->events[1].second.at(ICoreTracker::CORE_EXCEPTION_MEMINFO),
-                StartsWith("Process physical memory usage: "));
+    ASSERT_EQ(tracker->events.size(), 2u);
+    EXPECT_EQ(tracker->events[0], std::pair(ICoreTracker::CORE_GPU_EXCEPTION, expected));
+    EXPECT_EQ(tracker->events[1].second.at(ICoreTracker::CORE_EXCEPTION_HRESULT), "0");
+    EXPECT_EQ(log.Count(google::GLOG_ERROR, "Tracking an exception failed: tracker is offline"), 2);
 }
 
 TEST(ValueTypeTest, ColorSpacesConvert) {
@@ -154,6 +168,8 @@ TEST(ValueTypeTest, ColorSpacesConvert) {
               (Conf::ColorSpace{1, 8, 1}));
     EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020),
               (Conf::ColorSpace{9, 16, 9}));
+    ExpectFailure([] { ConvertColorSpace(DXGI_COLOR_SPACE_CUSTOM); }, "Unknown DXGI color space",
+                  "ConvertColorSpace");
 }
 
 TEST(ApiTest, LoadsWhatTheSystemHas) {
@@ -249,10 +265,8 @@ TEST(FactoryTest, FindsAdapters) {
     EXPECT_TRUE(IsSameLuid(luid, descriptions[0]->adapterLuid));
     EXPECT_TRUE(IsSameLuid(factory->GetAdapter(luid).GetDescription()->adapterLuid, luid));
 
-    const auto unknown = ThrownBy([&] { factory->GetAdapter(LUID{0x7FFFFFF0, 0x7FFFFFF0}); });
-    EXPECT_EQ(unknown.sentence, "Failed to obtain adapter");
-    EXPECT_EQ(unknown.function, "GetAdapter");
-    EXPECT_NE(unknown.result, E_FAIL) << "DXGI's own answer";
+    ExpectFailure([&] { factory->GetAdapter(LUID{0x7FFFFFF0, 0x7FFFFFF0}); },
+                  "Failed to obtain adapter", "GetAdapter", DXGI_ERROR_NOT_FOUND);
 }
 
 // Two adapters, the second a software one; then a failing call.
@@ -280,9 +294,8 @@ TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
     EXPECT_EQ(out.size(), 1u);
 
     third = E_ACCESSDENIED;
-    const auto failure = ThrownBy([&] { factory->EnumerateAdapters(out, false); });
-    EXPECT_EQ(failure.sentence, "Failed to obtain adapter: 2");
-    EXPECT_EQ(failure.result, E_ACCESSDENIED);
+    ExpectFailure([&] { factory->EnumerateAdapters(out, false); }, "Failed to obtain adapter: 2",
+                  "EnumerateAdapters", E_ACCESSDENIED);
     EXPECT_EQ(out.size(), 1u) << "unchanged";
 }
 
@@ -329,11 +342,9 @@ TEST(FactoryTest, SwapChainFailuresNameTheGeneration) {
 
 TEST(DebugModeTest, ComesTooLateAfterTheFirstFactory) {
     DXGIFactory::Create();
-    const auto thrown = ThrownBy([] { EnableDebugMode(); });
-    EXPECT_EQ(thrown.sentence,
-              "Debug mode must be enabled before creating the first DirectX object");
-    EXPECT_EQ(thrown.function, "EnableDebugMode");
-    EXPECT_EQ(thrown.result, E_FAIL);
+    ExpectFailure([] { EnableDebugMode(); },
+                  "Debug mode must be enabled before creating the first DirectX object",
+                  "EnableDebugMode");
     ReportDirectXLeaks();
 }
 

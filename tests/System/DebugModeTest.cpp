@@ -1,7 +1,13 @@
 // Debug mode, asked for in time. Whether this system has the debug layer decides what follows; both
 // ways are checked.
 
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -20,13 +26,13 @@ namespace {
 
 using namespace Norvex::Test;
 
+using Entry = std::pair<google::LogSeverity, std::string>;
+
 struct Generation11 {
     using Device = D11Device;
     using Raw = ID3D11Device;
     using Queue = ID3D11InfoQueue;
     using Message = D3D11_MESSAGE;
-    static constexpr auto kError = D3D11_MESSAGE_SEVERITY_ERROR;
-    static constexpr auto kInformation = D3D11_MESSAGE_SEVERITY_INFO;
     static constexpr auto kName = "D3D11";
 };
 
@@ -35,38 +41,65 @@ struct Generation12 {
     using Raw = ID3D12Device;
     using Queue = ID3D12InfoQueue;
     using Message = D3D12_MESSAGE;
-    static constexpr auto kError = D3D12_MESSAGE_SEVERITY_ERROR;
-    static constexpr auto kInformation = D3D12_MESSAGE_SEVERITY_INFO;
     static constexpr auto kName = "D3D12";
 };
 
-// Three stored messages: an error, one that cannot be fetched, an information.
-template <class Generation>
+// Messages with the severities and the ids 0 to 5, five of which exist, one that has no size and
+// one that cannot be fetched.
+template <class Message>
 struct FakeInfoQueue : FakeObject {
-    using Message = typename Generation::Message;
-
     FakeInfoQueue() {
-        Set(Slot::kInfoQueueGetMessage,
-            [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
-                if (index == 1) {
+        Set(Slot::kInfoQueueGetMessage, [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
+                if (index == 6 || (index == 7 && message != nullptr)) {
                     return E_INVALIDARG;
                 }
                 static constexpr char kText[] = "Something is wrong";
                 *size = sizeof(Message);
                 if (message != nullptr) {
-                    message->Severity = index == 0 ? Generation::kError : Generation::kInformation;
-                    message->ID = {};
+                    message->Severity = static_cast<decltype(message->Severity)>(index);
+                    message->ID = static_cast<decltype(message->ID)>(index);
                     message->pDescription = kText;
                     message->DescriptionByteLength = sizeof(kText);
                 }
                 return S_OK;
             });
-        Set(Slot::kInfoQueueGetNumStoredMessages, [](FakeInfoQueue*) { return UINT64{3}; });
-        Set(Slot::kInfoQueueClearStoredMessages,
-            [](FakeInfoQueue* self) { self->isCleared = true; });
+        Set(Slot::kInfoQueueGetNumStoredMessages, [](FakeInfoQueue* self) { return self->count; });
+        Set(Slot::kInfoQueueClearStoredMessages, [](FakeInfoQueue* self) { self->count = 0; });
     }
 
-    bool isCleared = false;
+    UINT64 count = 8;
+};
+
+// A host's sink that calls the library on the first line that it hears: from where it is, and from
+// another thread that it waits for.
+class CallingSink : public LogCapture {
+public:
+    explicit CallingSink(std::function<void()> call) : m_call(std::move(call)) {}
+
+    void send(google::LogSeverity severity, const char* file, const char* name, int line,
+              const google::LogMessageTime& time, const char* message,
+              std::size_t length) override {
+        LogCapture::send(severity, file, name, line, time, message, length);
+        if (!std::exchange(m_isCalled, true)) {
+            m_call();
+        }
+    }
+    void WaitTillSent() override {
+        if (!m_thread.joinable()) {
+            std::promise<void> promise;
+            const auto isDone = promise.get_future();
+            m_thread = std::jthread([this, done = std::move(promise)]() mutable {
+                m_call();
+                done.set_value();
+            });
+            EXPECT_EQ(isDone.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        }
+    }
+
+private:
+    std::function<void()> m_call;
+    bool m_isCalled = false;
+    std::jthread m_thread;
 };
 
 template <class Generation>
@@ -74,26 +107,42 @@ void CheckMessages(typename Generation::Device& device) {
     SCOPED_TRACE(Generation::kName);
     using Patch = InterfacePatch<typename Generation::Raw, typename Generation::Queue>;
     const std::string name = Generation::kName;
-    LogCapture log;
     {
+        const LogCapture log;
         const Patch patch(device.Get(), nullptr);
-        const Norvex::HResult withoutQueue(E_FAIL, device.Get());
+        const Norvex::HResult result(E_FAIL, device.Get());
+        EXPECT_THAT(log.GetEntries(),
+                    testing::ElementsAre(
+                        Entry(google::GLOG_ERROR, name + ": Failed to get information queue")));
     }
-    EXPECT_EQ(log.Count(google::GLOG_ERROR, name + ": Failed to get information queue"), 1);
+    std::vector<Entry> expected;
+    const google::LogSeverity severities[] = {google::GLOG_ERROR, google::GLOG_ERROR,
+                                              google::GLOG_WARNING, google::GLOG_INFO,
+                                              google::GLOG_INFO};
+    for (const auto severity : severities) {
+        expected.emplace_back(
+            severity, fmt::format("{}: Something is wrong{} ({})", name, '\0', expected.size()));
+    }
+    expected.resize(
+        7, Entry(google::GLOG_ERROR,
+                 fmt::format("{}: I{}InfoQueue::GetMessage failed with -2147024809", name, name)));
 
-    FakeInfoQueue<Generation> queue;
+    FakeInfoQueue<typename Generation::Message> queue;
     const Patch patch(device.Get(), &queue);
-    const Norvex::HResult withQueue(E_FAIL, device.Get());
-    const std::string text = name + std::string(": Something is wrong\0 (0)", 25);
-    EXPECT_EQ(log.Count(google::GLOG_ERROR, text), 1);
-    EXPECT_EQ(log.Count(google::GLOG_INFO, text), 1);
-    EXPECT_EQ(log.Count(google::GLOG_ERROR, fmt::format("{}: I{}InfoQueue::GetMessage failed with "
-                                                        "-2147024809",
-                                                        name, name)),
-              1);
-    EXPECT_TRUE(queue.isCleared);
+    std::atomic<int> calls{0};
+    const CallingSink log([&] {
+        queue.count = ++calls == 1 ? 8 : 0;
+        const Norvex::HResult inSink(E_FAIL, device.Get());
+    });
+    const Norvex::HResult result(E_FAIL, device.Get());
+    // What the sink caused follows; then everything was fetched.
+    const std::vector<Entry> again = expected;
+    expected.insert(expected.end(), again.begin(), again.end());
+    EXPECT_EQ(log.GetEntries(), expected);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(queue.count, 0u);
     EXPECT_EQ(queue.GetReferences(), 0);
-    EXPECT_EQ(withQueue.value().adapter, device.GetDescription());
+    EXPECT_EQ(result.value().adapter, device.GetDescription());
 }
 
 TEST(DebugModeTest, MessagesReachTheLog) {

@@ -1,8 +1,13 @@
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <glog/logging.h>
@@ -15,8 +20,15 @@ namespace Norvex::DX {
 
 namespace {
 
+struct LogEntry {
+    int severity; // of Direct3D
+    std::string text;
+};
+
 struct DebugState {
-    std::mutex lock;
+    std::mutex lock;                 // not held while the log is written
+    std::vector<LogEntry> unwritten; // in the order of the drains
+    bool isWriting = false;          // by one thread at a time
     bool requested = false;
     bool firstObjectCreated = false;
     bool layerActive = false;
@@ -34,7 +46,7 @@ struct Names11 {
     using Message = D3D11_MESSAGE;
     static constexpr const char* kNoQueue = "D3D11: Failed to get information queue";
     static constexpr const char* kFetchFailed = "D3D11: ID3D11InfoQueue::GetMessage failed with ";
-    static constexpr std::string_view kGeneration = "D3D11";
+    static constexpr const char* kGeneration = "D3D11";
 };
 
 struct Names12 {
@@ -42,88 +54,113 @@ struct Names12 {
     using Message = D3D12_MESSAGE;
     static constexpr const char* kNoQueue = "D3D12: Failed to get information queue";
     static constexpr const char* kFetchFailed = "D3D12: ID3D12InfoQueue::GetMessage failed with ";
-    static constexpr std::string_view kGeneration = "D3D12";
+    static constexpr const char* kGeneration = "D3D12";
 };
 
 // Both generations number the severities alike: corruption, error, warning, info, message.
-void LogAtSeverity(int severity, const std::string& text) {
-    switch (severity) {
+void WriteEntry(const LogEntry& entry) {
+    switch (entry.severity) {
     case D3D12_MESSAGE_SEVERITY_CORRUPTION:
     case D3D12_MESSAGE_SEVERITY_ERROR:
-        LOG(ERROR) << text;
+        LOG(ERROR) << entry.text;
         break;
     case D3D12_MESSAGE_SEVERITY_WARNING:
-        LOG(WARNING) << text;
+        LOG(WARNING) << entry.text;
         break;
     case D3D12_MESSAGE_SEVERITY_INFO:
     case D3D12_MESSAGE_SEVERITY_MESSAGE:
-        LOG(INFO) << text;
+        LOG(INFO) << entry.text;
         break;
     default:
         break;
     }
 }
 
+LogEntry MakeError(std::string text) {
+    return {D3D12_MESSAGE_SEVERITY_ERROR, std::move(text)};
+}
+
 template <class Names>
-void LogStoredMessage(typename Names::Queue& queue, UINT64 index) {
+LogEntry FetchMessage(typename Names::Queue& queue, UINT64 index) {
     SIZE_T size = 0;
     HRESULT result = queue.GetMessage(index, nullptr, &size);
-    if (FAILED(result)) {
-        LOG(ERROR) << Names::kFetchFailed << result;
-        return;
+    std::unique_ptr<std::byte[]> buffer;
+    if (SUCCEEDED(result)) {
+        buffer = std::make_unique<std::byte[]>(size);
+        result = queue.GetMessage(index, reinterpret_cast<typename Names::Message*>(buffer.get()),
+                                  &size);
     }
-    const auto buffer = std::make_unique<std::byte[]>(size);
-    auto* message = reinterpret_cast<typename Names::Message*>(buffer.get());
-    result = queue.GetMessage(index, message, &size);
     if (FAILED(result)) {
-        LOG(ERROR) << Names::kFetchFailed << result;
-        return;
+        return MakeError(fmt::format("{}{}", Names::kFetchFailed, result));
     }
+    const auto& message = *reinterpret_cast<const typename Names::Message*>(buffer.get());
     // The byte length counts the terminating zero, which stays in the text.
-    const std::string_view description(message->pDescription, message->DescriptionByteLength);
-    LogAtSeverity(message->Severity, fmt::format("{}: {} ({})", Names::kGeneration, description,
-                                                 static_cast<int>(message->ID)));
+    const std::string_view description(message.pDescription, message.DescriptionByteLength);
+    return {
+        static_cast<int>(message.Severity),
+        fmt::format("{}: {} ({})", Names::kGeneration, description, static_cast<int>(message.ID))};
+}
+
+template <class Names, class Device>
+void FetchMessages(Device* device, std::vector<LogEntry>& entries) {
+    CComPtr<typename Names::Queue> queue;
+    if (FAILED(device->QueryInterface(__uuidof(typename Names::Queue),
+                                      reinterpret_cast<void**>(&queue)))) {
+        entries.push_back(MakeError(Names::kNoQueue));
+        return;
+    }
+    const UINT64 count = queue->GetNumStoredMessagesAllowedByRetrievalFilter();
+    for (UINT64 i = 0; i < count; ++i) {
+        entries.push_back(FetchMessage<Names>(*queue, i));
+    }
+    if (count != 0) {
+        queue->ClearStoredMessages();
+    }
+}
+
+// Whoever comes while another thread writes, or the writer's own sink, leaves it to the writer.
+void WriteEntries(DebugState& state, std::unique_lock<std::mutex>& lock) {
+    if (state.isWriting) {
+        return;
+    }
+    state.isWriting = true;
+    while (!state.unwritten.empty()) {
+        const std::vector<LogEntry> entries = std::exchange(state.unwritten, {});
+        lock.unlock();
+        try {
+            std::ranges::for_each(entries, WriteEntry);
+        } catch (const std::bad_alloc&) {
+            // As above.
+        }
+        lock.lock();
+    }
+    state.isWriting = false;
 }
 
 template <class Names, class Device>
 void Drain(Device* device) {
-    const std::lock_guard guard(GetState().lock);
-    if (!GetState().requested) {
+    DebugState& state = GetState();
+    std::unique_lock lock(state.lock);
+    if (!state.requested) {
         return;
     }
-    CComPtr<typename Names::Queue> queue;
-    if (FAILED(device->QueryInterface(__uuidof(typename Names::Queue),
-                                      reinterpret_cast<void**>(&queue)))) {
-        LOG(ERROR) << Names::kNoQueue;
-        return;
+    try {
+        FetchMessages<Names>(device, state.unwritten);
+    } catch (const std::bad_alloc&) {
+        // The failure that the messages explain matters more; those that were fetched are written.
     }
-    const UINT64 count = queue->GetNumStoredMessagesAllowedByRetrievalFilter();
-    if (count == 0) {
-        return;
-    }
-    for (UINT64 i = 0; i < count; ++i) {
-        LogStoredMessage<Names>(*queue, i);
-    }
-    queue->ClearStoredMessages();
+    WriteEntries(state, lock);
 }
 
-void EnableLayer() {
+// What the system answers.
+long EnableLayer() {
     CComPtr<ID3D12Debug> debug;
     const long result = API::GetInstance().GetDebugInterface(debug);
     if (SUCCEEDED(result)) {
         debug->EnableDebugLayer();
         GetState().layerActive = true;
-    } else if (result == DXGI_ERROR_SDK_COMPONENT_MISSING) {
-        LOG(WARNING) << "The application requested an operation that depends on an SDK component "
-                        "that is missing or "
-                        "mismatched."
-                     << std::endl
-                     << "To resolve this issue, go to the Settings panel, under System, Apps & "
-                        "features, Manage "
-                        "optional Features,"
-                     << std::endl
-                     << "Add a feature, and then look for \"Graphics Tools\".";
     }
+    return result;
 }
 
 } // namespace
@@ -149,7 +186,16 @@ bool MarkFirstObject() {
 }
 
 void EnableLayerOnce() {
-    std::call_once(GetState().layerOnce, EnableLayer);
+    long result = S_OK;
+    std::call_once(GetState().layerOnce, [&result] { result = EnableLayer(); });
+    // Only now, for a sink of the host that makes a factory.
+    if (result == DXGI_ERROR_SDK_COMPONENT_MISSING) {
+        LOG(WARNING) << "The application requested an operation that depends on an SDK component "
+                        "that is missing or mismatched.\n"
+                        "To resolve this issue, go to the Settings panel, under System, Apps & "
+                        "features, Manage optional Features,\n"
+                        "Add a feature, and then look for \"Graphics Tools\".";
+    }
 }
 
 bool IsLayerActive() {

@@ -26,7 +26,8 @@ void EnableLayerOnce();
 // Whether the layer was switched on: factories are then created with DXGI_CREATE_FACTORY_DEBUG.
 bool IsLayerActive();
 // Moves the device's stored messages to the log at matching severities; nothing without debug mode.
-// Never throws for queue problems.
+// The messages of one drain stand together. No lock is held while the log is written, so that a
+// sink may call the library: what it causes to be drained follows. Never throws.
 void DrainMessages(ID3D11Device* device);
 void DrainMessages(ID3D12Device* device);
 

@@ -1,10 +1,10 @@
 #include "Proc/DirectX/Manager/Exceptions.h"
 
 #include <map>
-#include <ostream>
-#include <sstream>
+#include <new>
 
 #include <fmt/format.h>
+#include <glog/logging.h>
 
 #include "Host/CoreTracker.h"
 // Upwards on purpose: an error record finds the library's wrapper of the failed device and drains
@@ -27,7 +27,11 @@ std::shared_ptr<const MEMINFO> SnapshotMemory(long result) {
     if (result != E_OUTOFMEMORY || !Core::Utils::GetMemoryInfo(info)) {
         return nullptr;
     }
-    return std::make_shared<const MEMINFO>(info);
+    try {
+        return std::make_shared<const MEMINFO>(info);
+    } catch (const std::bad_alloc&) {
+        return nullptr; // the result itself matters more
+    }
 }
 
 template <class Device>
@@ -41,48 +45,45 @@ HResultValue Capture(long result) {
 
 template <class Wrapper, class Device>
 HResultValue Capture(long result, Device* device) {
-    HResultValue value{ReasonOf(result, device), nullptr, nullptr};
+    HResultValue value = Capture(result);
+    if (device == nullptr) {
+        return value;
+    }
+    value.result = ReasonOf(result, device);
     if (const auto wrapper = Wrapper::Find(device)) {
         value.adapter = wrapper->GetDescription();
     }
-    value.memoryInfo = SnapshotMemory(result);
     DX::Debug::DrainMessages(device);
     return value;
 }
 
-void WriteMemoryInfo(std::ostream& out, const MEMINFO& info) {
-    const auto line = [&out](const char* format, std::uint64_t first, std::uint64_t second) {
-        out << fmt::format(fmt::runtime(format), first >> kMiBShift, second >> kMiBShift);
-    };
-    line("Process physical memory usage: {}/{} MB (cur/peak),", info.processPhysicalCurrent,
-         info.processPhysicalPeak);
-    out << std::endl;
-    line("Process virtual memory usage: {}/{} MB (cur/peak),", info.processVirtualCurrent,
-         info.processVirtualPeak);
-    out << std::endl << fmt::format("Memory load: {}%,", info.memoryLoad) << std::endl;
-    line("Physical memory: {}/{} MB (avail/total),", info.physicalAvailable, info.physicalTotal);
-    out << std::endl;
-    line("Virtual memory: {}/{} MB (avail/total),", info.virtualAvailable, info.virtualTotal);
-    out << std::endl;
-    line("Committed memory: {}/{} MB (avail/total).", info.committedAvailable, info.committedTotal);
-}
-
+// Texts are made without streams, which would write numbers as the host's locale has them.
 std::string ToText(const MEMINFO& info) {
-    std::ostringstream out;
-    WriteMemoryInfo(out, info);
-    return out.str();
+    const auto inMiB = [](std::uint64_t bytes) { return bytes >> kMiBShift; };
+    return fmt::format("Process physical memory usage: {}/{} MB (cur/peak),\n"
+                       "Process virtual memory usage: {}/{} MB (cur/peak),\n"
+                       "Memory load: {}%,\n"
+                       "Physical memory: {}/{} MB (avail/total),\n"
+                       "Virtual memory: {}/{} MB (avail/total),\n"
+                       "Committed memory: {}/{} MB (avail/total).",
+                       inMiB(info.processPhysicalCurrent), inMiB(info.processPhysicalPeak),
+                       inMiB(info.processVirtualCurrent), inMiB(info.processVirtualPeak),
+                       info.memoryLoad, inMiB(info.physicalAvailable), inMiB(info.physicalTotal),
+                       inMiB(info.virtualAvailable), inMiB(info.virtualTotal),
+                       inMiB(info.committedAvailable), inMiB(info.committedTotal));
 }
 
+// As a stream writes it with std::showbase: zero has no base.
 std::string ToHex(std::int32_t result) {
-    std::ostringstream out;
-    out << std::hex << std::showbase << result;
-    return out.str();
+    return result == 0 ? "0" : fmt::format("{:#x}", static_cast<std::uint32_t>(result));
 }
 
 void AddAdapter(std::map<std::string, std::string>& attributes,
                 const DX::AdapterDescription& adapter) {
     using Proc::ICoreTracker;
-    attributes.emplace(ICoreTracker::CORE_GPU_VENDOR, adapter.vendorNames.front());
+    if (!adapter.vendorNames.empty()) {
+        attributes.emplace(ICoreTracker::CORE_GPU_VENDOR, adapter.vendorNames.front());
+    }
     attributes.emplace(ICoreTracker::CORE_GPU_DRIVER_VERSION, adapter.GetDriverVersion());
     attributes.emplace(ICoreTracker::CORE_GPU_BRAND_STR, adapter.name);
     attributes.emplace(ICoreTracker::CORE_GPU_VIDEO_MEMORY,
@@ -91,38 +92,47 @@ void AddAdapter(std::map<std::string, std::string>& attributes,
 
 } // namespace
 
-HResult::HResult(long result) : error_info(Capture(result)) {}
+HResult::HResult(long result) : ErrorResult(Capture(result)) {}
 HResult::HResult(long result, ID3D11Device* device)
-    : error_info(Capture<DX::D11Device>(result, device)) {}
+    : ErrorResult(Capture<DX::D11Device>(result, device)) {}
 HResult::HResult(long result, ID3D12Device* device)
-    : error_info(Capture<DX::D12Device>(result, device)) {}
+    : ErrorResult(Capture<DX::D12Device>(result, device)) {}
 
 std::string to_string(const HResultValue& value) {
     const auto [code, description] = Core::Utils::GetErrorInfo(value.result);
-    std::ostringstream out;
-    out << "Code: " << code;
-    if (description.empty()) {
-        out << ".";
-    } else {
-        out << ", Description: " << description;
-    }
+    std::string text = "Code: " + code;
+    text += description.empty() ? "." : ", Description: " + description;
     if (value.adapter) {
-        out << std::endl << fmt::format("Adapter name: {}.", value.adapter->name);
+        text += "\nAdapter name: " + value.adapter->name + ".";
     }
     if (value.memoryInfo) {
-        out << std::endl;
-        WriteMemoryInfo(out, *value.memoryInfo);
+        text += "\n" + ToText(*value.memoryInfo);
     }
-    return out.str();
+    return text;
 }
 
 namespace DX {
 
 namespace {
 
-// Attaching an HResult stores it as its base, and so it is looked up.
 const HResultValue* FindResult(const DirectXException& exception) {
-    return boost::get_error_info<boost::error_info<TagHResult, HResultValue>>(exception);
+    return boost::get_error_info<ErrorResult>(exception);
+}
+
+void SendToTracker(const DirectXException& exception, const HResultValue& value) {
+    using Proc::ICoreTracker;
+    std::map<std::string, std::string> attributes = {
+        {ICoreTracker::CORE_EXCEPTION_WHAT, exception.what()},
+        {ICoreTracker::CORE_EXCEPTION_DESCRIPTION, exception.GetErrorDescription()},
+        {ICoreTracker::CORE_EXCEPTION_HRESULT, ToHex(value.result)},
+    };
+    if (value.adapter) {
+        AddAdapter(attributes, *value.adapter);
+    }
+    if (value.memoryInfo) {
+        attributes.emplace(ICoreTracker::CORE_EXCEPTION_MEMINFO, ToText(*value.memoryInfo));
+    }
+    ICoreTracker::GetTracker()->OnEvent(ICoreTracker::CORE_GPU_EXCEPTION, attributes);
 }
 
 } // namespace
@@ -159,23 +169,17 @@ std::string DirectXException::GetResultDescription() const {
 }
 
 void DirectXException::TrackException() const {
-    using Proc::ICoreTracker;
     const HResultValue* value = FindResult(*this);
     if (value == nullptr) {
         return;
     }
-    std::map<std::string, std::string> attributes = {
-        {ICoreTracker::CORE_EXCEPTION_WHAT, what()},
-        {ICoreTracker::CORE_EXCEPTION_DESCRIPTION, GetErrorDescription()},
-        {ICoreTracker::CORE_EXCEPTION_HRESULT, ToHex(value->result)},
-    };
-    if (value->adapter) {
-        AddAdapter(attributes, *value->adapter);
+    try {
+        SendToTracker(*this, *value);
+    } catch (const std::exception& e) {
+        LOG(ERROR) << "Tracking an exception failed: " << e.what();
+    } catch (...) {
+        LOG(ERROR) << "Tracking an exception failed";
     }
-    if (value->memoryInfo) {
-        attributes.emplace(ICoreTracker::CORE_EXCEPTION_MEMINFO, ToText(*value->memoryInfo));
-    }
-    ICoreTracker::GetTracker()->OnEvent(ICoreTracker::CORE_GPU_EXCEPTION, attributes);
 }
 
 } // namespace DX

@@ -1,8 +1,9 @@
 #pragma once
 
 // Result records and exceptions: how every failure of the graphics stack reaches the caller. Plain
-// values; copies share the adapter description and the memory snapshot and may travel to other
-// threads. How the library throws: Throw.h.
+// values; copies share nothing but the adapter description and the memory snapshot, which do not
+// change, and may travel to other threads. An exception is gone before the library is unloaded.
+// How the library throws: Throw.h.
 
 #include <cstdint>
 #include <memory>
@@ -31,13 +32,18 @@ struct HResultValue {
 
 struct TagHResult;
 
-// Carries an HResultValue on an exception. Any thread.
-class NORVEX_DX_API HResult : public boost::error_info<TagHResult, HResultValue> {
+// What an exception carries: boost::get_error_info<ErrorResult>(e) is its HResultValue, or null.
+using ErrorResult = boost::error_info<TagHResult, HResultValue>;
+
+// Makes an ErrorResult of a failed call, and is attached as one: `exception << HResult(result)`.
+// (get_error_info<HResult> finds nothing.) Any thread. Where memory is lacking it does without the
+// memory state or the messages.
+class NORVEX_DX_API HResult : public ErrorResult {
 public:
     explicit HResult(long result);
     // These two replace DXGI_ERROR_DEVICE_REMOVED by the device's removal reason, find the adapter
     // of the library's own wrapper of the device, and drain the device's pending debug messages
-    // into the log. The device is not null and is only borrowed. They take the generation's
+    // into the log. The device is only borrowed; null: as without. They take the generation's
     // registry lock for a moment.
     HResult(long result, ID3D11Device* device);
     HResult(long result, ID3D12Device* device);
@@ -66,7 +72,8 @@ public:
     // to_string of the carried record; "Undefined result" when none was carried.
     std::string GetResultDescription() const;
     // Reports the exception to the host's tracker (ICoreTracker) under CORE_GPU_EXCEPTION; nothing
-    // without a carried result. The host calls it where it catches.
+    // without a carried result. The host calls it where it catches, so nothing is thrown: what the
+    // tracker throws is logged.
     void TrackException() const;
 };
 
