@@ -2,12 +2,19 @@
 #   glog::glog  fmt::fmt-header-only  PNG::PNG  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
 #   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids
 #
-# Cross builds find glog, libpng and GoogleTest in NORVEX_SDK. Header-only packages come from the
-# system's include folder, through NORVEX_SDK/system-headers, a folder of links to just those
-# packages: /usr/include itself holds the headers of another operating system.
+# Cross builds find glog and libpng in NORVEX_SDK and build GoogleTest from its sources, once a test
+# wants it. Header-only packages come from the system's include folder, through
+# NORVEX_SDK/system-headers, a folder of links to just those packages: /usr/include itself holds the
+# headers of another operating system.
 
 find_package(glog CONFIG REQUIRED)
-find_package(GTest CONFIG REQUIRED)
+if(NORVEX_TESTS AND CMAKE_CROSSCOMPILING)
+    set(INSTALL_GTEST OFF)
+    set(kGoogleTestSource /usr/src/googletest CACHE PATH "GoogleTest's sources")
+    add_subdirectory("${kGoogleTestSource}" googletest EXCLUDE_FROM_ALL SYSTEM)
+elseif(NORVEX_TESTS)
+    find_package(GTest CONFIG REQUIRED)
+endif()
 
 if(NOT CMAKE_CROSSCOMPILING)
     find_package(PNG REQUIRED)

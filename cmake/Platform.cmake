@@ -1,7 +1,9 @@
 # norvex_platform: language level, definitions, include folder and debug information, for every
 #     target of the project
-# norvex_precompile(<target>): gives it the precompiled headers; those of Direct3D cost every source
-#     seconds
+# norvex_precompile(<target> [<norvex_precompiled or norvex_precompiled_tests>]): gives it precompiled
+#     headers; those of Direct3D, and a test's GoogleMock, cost every source seconds
+# norvex_split_debug_information(<target>): moves it into a file beside the program or DLL, which loads
+#     faster without
 # norvex_copy_runtime(): puts the compiler's and the dependencies' DLLs beside the programs
 
 add_library(norvex_platform INTERFACE)
@@ -16,7 +18,7 @@ if(NOT MSVC)
     # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's
     # debugger reads.
     target_compile_options(norvex_platform INTERFACE
-        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -g -gdwarf-4)
+        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" $<IF:$<CONFIG:Debug>,-g,-g1> -gdwarf-4)
 else()
     # With either separator: the compiler compares letters, and paths come in both forms.
     string(REPLACE "/" "\\" nativeFolder "${CMAKE_SOURCE_DIR}/")
@@ -25,10 +27,14 @@ else()
         /bigobj # sources compiled in groups have more sections than an object file otherwise takes
         # Members and bases of exported classes that are not exported themselves (the C++ library's,
         # smart pointers): all modules share one compiler and one runtime.
-        /wd4251 /wd4275)
+        /wd4251 /wd4275
+        # Sources in groups have more sections than an object file has otherwise.
+        /bigobj)
 endif()
 
 function(norvex_precompile target)
+    set(from norvex_precompiled ${ARGN})
+    list(GET from -1 from)
     if(NORVEX_PCH)
         target_link_libraries(${target} PRIVATE Microsoft::DirectX-Headers)
         if(MSVC)
@@ -36,7 +42,7 @@ function(norvex_precompile target)
             # others ill (C4605).
             target_precompile_headers(${target} PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
         else()
-            target_precompile_headers(${target} REUSE_FROM norvex_precompiled)
+            target_precompile_headers(${target} REUSE_FROM ${from})
             # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
             # of L"" copied by it.
             target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overread)
@@ -44,14 +50,31 @@ function(norvex_precompile target)
     endif()
 endfunction()
 
-if(NORVEX_PCH AND NOT MSVC)
-    # Headers are precompiled for a target, and a target needs a source.
+# Headers are precompiled for a target, and a target needs a source.
+function(norvex_add_precompiled target header)
     file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "")
-    add_library(norvex_precompiled OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")
-    target_link_libraries(norvex_precompiled PRIVATE
-        norvex_platform norvex_warnings Microsoft::DirectX-Headers)
-    target_precompile_headers(norvex_precompiled PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
+    add_library(${target} OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")
+    target_link_libraries(${target} PRIVATE
+        norvex_platform norvex_warnings Microsoft::DirectX-Headers ${ARGN})
+    target_precompile_headers(${target} PRIVATE "${CMAKE_SOURCE_DIR}/cmake/${header}")
+endfunction()
+
+if(NORVEX_PCH AND NOT MSVC)
+    norvex_add_precompiled(norvex_precompiled Precompiled.h)
+    if(NORVEX_TESTS)
+        norvex_add_precompiled(norvex_precompiled_tests PrecompiledTests.h GTest::gmock)
+    endif()
 endif()
+
+function(norvex_split_debug_information target)
+    if(NOT MSVC)
+        set(file "$<TARGET_FILE:${target}>")
+        add_custom_command(TARGET ${target} POST_BUILD
+            COMMAND "${CMAKE_OBJCOPY}" --only-keep-debug "${file}" "${file}.debug"
+            COMMAND "${CMAKE_OBJCOPY}" --strip-debug "--add-gnu-debuglink=${file}.debug" "${file}"
+            VERBATIM)
+    endif()
+endfunction()
 
 function(norvex_copy_runtime)
     foreach(name IN ITEMS libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)

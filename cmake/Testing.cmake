@@ -7,8 +7,8 @@
 #     [WINDOWS_VERSION <win7|win8|win81|win10|win11>]  what Windows tells the program to be
 #     [STARTS <target>]           with WINDOWS_VERSION: the program that the test starts is told, not
 #                                 the test
-#     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; left out
-#                                 where there is none
+#     [MICROSOFT_COMPILER]        run with Microsoft's d3dcompiler_47.dll instead of Wine's; where there
+#                                 is none when the tests run, they leave it out
 #     [SECOND_DIRECT3D11]         run on DXVK's Direct3D 11 instead of Wine's
 #     [WITHOUT <d3d12|d3dcompiler_47|vulkan>]  run where the system lacks this library
 #     [ENVIRONMENT K=V ...] [ARGUMENTS ...] [TIMEOUT <seconds>] [NO_MAIN])
@@ -23,8 +23,10 @@
 
 set(NORVEX_RESULTS "${CMAKE_BINARY_DIR}/test-results")
 file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
-# Names of the tests that are left out, one a line, for the runner's count.
+# Names of the tests that are left out, one a line, for the runner's count; and of those that the
+# runner leaves out where there is no Microsoft compiler.
 file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
+file(WRITE "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "")
 
 set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 NO_MAIN)
 set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATION_REPORTS TIMEOUT SANITIZER)
@@ -52,8 +54,8 @@ function(norvex_add_test)
     norvex_parse_test_arguments(${ARGN})
     add_executable(${arg_NAME} ${arg_SOURCES})
     target_link_libraries(${arg_NAME} PRIVATE
-        norvex_platform norvex_warnings ${arg_LIBRARIES} norvex_test_support GTest::gmock)
-    norvex_precompile(${arg_NAME})
+        norvex_platform norvex_warnings ${arg_LIBRARIES} norvex_test_support)
+    norvex_precompile(${arg_NAME} norvex_precompiled_tests)
     if(NOT arg_NO_MAIN)
         target_link_libraries(${arg_NAME} PRIVATE GTest::gmock_main)
     endif()
@@ -68,10 +70,6 @@ function(norvex_add_test_run)
         return()
     endif()
 
-    if(arg_MICROSOFT_COMPILER AND NOT DEFINED ENV{NORVEX_TEST_D3DCOMPILER})
-        norvex_leave_out_test(${arg_NAME} "there is no Microsoft HLSL compiler")
-        return()
-    endif()
     set(options --result "${result}" --timeout ${arg_TIMEOUT})
     if(arg_VALIDATED)
         list(APPEND options --validated)
@@ -87,6 +85,7 @@ function(norvex_add_test_run)
     endif()
     if(arg_MICROSOFT_COMPILER)
         list(APPEND options --microsoft-compiler)
+        file(APPEND "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "${arg_NAME}\n")
     endif()
     if(arg_SECOND_DIRECT3D11)
         list(APPEND options --second-direct3d11)
@@ -98,6 +97,9 @@ function(norvex_add_test_run)
         COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} --
                 "$<TARGET_FILE:${arg_PROGRAM}>" ${arg_ARGUMENTS})
     norvex_set_test_properties()
+    if(arg_MICROSOFT_COMPILER)
+        set_tests_properties(${arg_NAME} PROPERTIES LABELS microsoft-compiler)
+    endif()
 endfunction()
 
 # On Windows a test is the program itself; what needs another system or another layer is left out by
@@ -120,7 +122,6 @@ macro(norvex_set_test_properties)
         WORKING_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
 endmacro()
 
-set(kGoogleTestSource /usr/src/googletest CACHE PATH "GoogleTest's sources, for the native tests")
 set(kNativeCompiler g++)
 
 # One object file of a native test; appends it to the list named by output.

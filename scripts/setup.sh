@@ -39,7 +39,7 @@ setup_steps() {
     wait "$download"
     make_once "$winePrefix" "Making the Wine prefix" in_root "$project/scripts/wine-prefix.sh" &
     prefix=$!
-    make_once "$sdk" "Cross-building glog, libpng and GoogleTest" \
+    make_once "$sdk" "Cross-building glog and libpng" \
         in_root "$project/scripts/third-party.sh" "$downloads"
     wait "$prefix"
 }
@@ -53,21 +53,33 @@ ensure_setup() {
     is_set_up || locked "$cache/lock" setup_steps
 }
 
-# build TARGET...: configures where that is due, then builds; none: everything
+# build TARGET...: configures where that is due, then builds; none: everything. Without tests where
+# `tests` is OFF and no earlier call wanted them.
 build() {
     mkdir -p "$buildFolder"
     locked "$buildFolder/.lock" build_steps "$@"
 }
 
-build_steps() {
-    local key
-    key=$(hash_of "$sdk" "$microsoftCompiler" "$project/CMakePresets.json")
-    if [ ! -e "$buildFolder/build.ninja" ] || [ "$(cat "$buildFolder/.key" 2>/dev/null)" != "$key" ]; then
-        say "Configuring build/$preset"
-        quietly "$buildFolder/configure.log" in_root cmake --fresh -S "$project" --preset "$preset" -B "$buildFolder" \
-            "${configureArguments[@]}"
-        echo "$key" >"$buildFolder/.key"
+# In place, so that what is compiled stays; from nothing only where what was found before is not to be
+# used any more.
+configure_when_due() {
+    local key fresh=()
+    [ ! -e "$buildFolder/.with-tests" ] || tests=ON
+    key=$(hash_of "$sdk" "$tests" "$project/CMakePresets.json" "${configureArguments[*]}")
+    if [ -e "$buildFolder/build.ninja" ] && [ "$(cat "$buildFolder/.key" 2>/dev/null)" = "$key" ]; then
+        return
     fi
+    say "Configuring build/$preset"
+    [ "$(cat "$buildFolder/.sdk" 2>/dev/null)" = "$sdk" ] || fresh=(--fresh)
+    quietly "$buildFolder/configure.log" in_root cmake "${fresh[@]}" -S "$project" --preset "$preset" \
+        -B "$buildFolder" -DNORVEX_TESTS="$tests" "${configureArguments[@]}"
+    echo "$sdk" >"$buildFolder/.sdk"
+    echo "$key" >"$buildFolder/.key"
+    [ "$tests" = OFF ] || touch "$buildFolder/.with-tests"
+}
+
+build_steps() {
+    configure_when_due
     if [ -n "$buildLog" ]; then
         quietly "$buildLog" in_root ninja -C "$buildFolder" "$@"
     else

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Cross-builds what the project links: glog (one shared DLL), libpng and GoogleTest (static). Runs
-# inside the root.
+# Cross-builds what the project links: glog (one shared DLL) and libpng (static). Runs inside the
+# root.
 #   third-party.sh SOURCES PREFIX
 # SOURCES holds the original tarballs; PREFIX must not exist yet.
 set -euo pipefail
@@ -38,8 +38,5 @@ build glog "$work/glog" -DBUILD_SHARED_LIBS=ON -DWITH_GFLAGS=OFF -DWITH_GTEST=OF
     -DWITH_UNWIND=OFF -DBUILD_TESTING=OFF &
 glog=$!
 build png "$work/png" -DPNG_SHARED=OFF -DPNG_STATIC=ON -DPNG_TESTS=OFF -DPNG_TOOLS=OFF \
-    -DZLIB_USE_STATIC_LIBS=ON &
-png=$!
-build googletest /usr/src/googletest
+    -DZLIB_USE_STATIC_LIBS=ON
 wait "$glog"
-wait "$png"
