@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -7,6 +8,7 @@
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
@@ -14,9 +16,9 @@
 namespace Norvex::DX {
 namespace {
 
+using Norvex::Test::ExpectFailure12;
 using Norvex::Test::MethodPatch;
 using Norvex::Test::SentenceOf;
-using Norvex::Test::ThrownBy;
 namespace Slot = Norvex::Test::Slot;
 
 using CheckFeatureSupport = MethodPatch<Slot::kDeviceCheckFeatureSupport,
@@ -26,34 +28,37 @@ using GetDeviceRemovedReason =
 
 TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
     HRESULT levels = DXGI_ERROR_UNSUPPORTED;
-    int versionsRefused = 0;
-    const auto template12 = D12Device::CreatePrimary();
-    const GetDeviceRemovedReason removed(template12->Get(),
-                                         [](auto, ID3D12Device*) { return E_FAIL; });
-    const CheckFeatureSupport patch(
-        template12->Get(),
-        [&](auto original, ID3D12Device* self, D3D12_FEATURE feature, void* data, UINT size) {
-            if (feature == D3D12_FEATURE_FEATURE_LEVELS) {
-                return levels;
-            }
-            if (feature == D3D12_FEATURE_ROOT_SIGNATURE && versionsRefused > 0) {
-                --versionsRefused;
-                return E_INVALIDARG;
-            }
-            return original(self, feature, data, size);
-        });
-    EXPECT_EQ(D12Device::CreatePrimary()->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_1);
-    versionsRefused = 2;
-    EXPECT_EQ(D12Device::CreatePrimary()->GetRootSignatureVersion(),
-              D3D_ROOT_SIGNATURE_VERSION_1_0);
-    versionsRefused = 3;
-    EXPECT_EQ(D12Device::CreatePrimary()->GetRootSignatureVersion(),
-              D3D_ROOT_SIGNATURE_VERSION_1_0);
-
+    unsigned refused = 0;
+    std::vector<D3D_ROOT_SIGNATURE_VERSION> asked;
+    const auto other = D12Device::CreatePrimary();
+    const GetDeviceRemovedReason removed(other->Get(), [](auto...) { return E_FAIL; });
+    const CheckFeatureSupport patch(other->Get(), [&](auto original, ID3D12Device* self,
+                                                      D3D12_FEATURE feature, void* data,
+                                                      UINT size) {
+        if (feature == D3D12_FEATURE_FEATURE_LEVELS) {
+            return levels;
+        }
+        if (feature == D3D12_FEATURE_ROOT_SIGNATURE) {
+            asked.push_back(static_cast<D3D12_FEATURE_DATA_ROOT_SIGNATURE*>(data)->HighestVersion);
+            return asked.size() <= refused ? E_INVALIDARG : S_OK;
+        }
+        return original(self, feature, data, size);
+    });
+    constexpr D3D_ROOT_SIGNATURE_VERSION kVersions[] = {D3D_ROOT_SIGNATURE_VERSION_1_2,
+                                                        D3D_ROOT_SIGNATURE_VERSION_1_1,
+                                                        D3D_ROOT_SIGNATURE_VERSION_1_0};
+    for (refused = 0; refused <= 3; ++refused) {
+        asked.clear();
+        const auto device = D12Device::CreatePrimary();
+        EXPECT_EQ(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_1);
+        const unsigned last = std::min(refused, 2u);
+        EXPECT_EQ(device->GetRootSignatureVersion(), kVersions[last]);
+        EXPECT_THAT(asked, testing::ElementsAreArray(kVersions, last + 1));
+    }
     levels = E_ACCESSDENIED;
-    const auto failure = ThrownBy([] { D12Device::CreatePrimary(); });
-    EXPECT_EQ(failure.sentence, "Failed to check feature level for D3D12 device");
-    EXPECT_EQ(failure.result, E_ACCESSDENIED);
+    ExpectFailure12([] { D12Device::CreatePrimary(); },
+                    "Failed to check feature level for D3D12 device", "GetMaxSupportedFeatureLevel",
+                    E_ACCESSDENIED);
 }
 
 TEST(D3D12DeviceTest, FormatQuestionsDoNotThrow) {
@@ -68,32 +73,35 @@ TEST(D3D12DeviceTest, FormatQuestionsDoNotThrow) {
     EXPECT_EQ(device->GetFormatPlaneCount(DXGI_FORMAT_NV12), std::nullopt);
 }
 
-TEST(D3D12DeviceTest, BuffersCheckStateAndHeap) {
+TEST(D3D12DeviceTest, BuffersAndHandlesAreChecked) {
     const auto device = D12Device::CreatePrimary();
     const std::uint8_t data[16] = {1, 2, 3};
-    const auto make = [&](D3D12_HEAP_TYPE heap, D3D12_RESOURCE_STATES state,
-                          const std::uint8_t* initialData) {
+    const struct {
         D12BufferDesc desc;
-        desc.heapType = heap;
-        desc.size = sizeof(data);
-        desc.initialState = state;
-        desc.initialData = initialData;
-        return SentenceOf([&] { device->CreateBuffer(desc); });
+        const char* sentence;
+        long result = E_FAIL;
+    } cases[] = {
+        {{.heapType = D3D12_HEAP_TYPE_UPLOAD, .size = 16}, "Invalid initial state"},
+        {{.heapType = D3D12_HEAP_TYPE_READBACK, .size = 16}, "Invalid initial state"},
+        {{.heapType = D3D12_HEAP_TYPE_READBACK,
+          .size = 16,
+          .initialState = D3D12_RESOURCE_STATE_COPY_DEST,
+          .initialData = data},
+         "Invalid heap type"},
+        {{.size = 0}, "Failed to create buffer", E_INVALIDARG},
+        {{.size = 1ull << 44}, "Failed to create buffer", E_OUTOFMEMORY},
     };
-    EXPECT_EQ(make(D3D12_HEAP_TYPE_UPLOAD, D3D12_RESOURCE_STATE_COMMON, nullptr),
-              "Invalid initial state");
-    EXPECT_EQ(make(D3D12_HEAP_TYPE_READBACK, D3D12_RESOURCE_STATE_COMMON, nullptr),
-              "Invalid initial state");
-    EXPECT_EQ(make(D3D12_HEAP_TYPE_DEFAULT, D3D12_RESOURCE_STATE_COMMON, nullptr), "(nothing)");
-    EXPECT_EQ(make(D3D12_HEAP_TYPE_READBACK, D3D12_RESOURCE_STATE_COPY_DEST, data),
-              "Invalid heap type");
-    EXPECT_EQ(make(D3D12_HEAP_TYPE_UPLOAD, D3D12_RESOURCE_STATE_GENERIC_READ, data), "(nothing)");
-
-    D12BufferDesc huge;
-    huge.size = 1ull << 44;
-    const auto failure = ThrownBy([&] { device->CreateBuffer(huge); });
-    EXPECT_EQ(failure.sentence, "Failed to create buffer");
-    EXPECT_EQ(failure.result, E_OUTOFMEMORY);
+    for (const auto& c : cases) {
+        ExpectFailure12([&] { device->CreateBuffer(c.desc); }, c.sentence, "CreateBuffer",
+                        c.result);
+    }
+    EXPECT_NE(device->CreateBuffer({.heapType = D3D12_HEAP_TYPE_UPLOAD,
+                                    .size = 16,
+                                    .initialState = D3D12_RESOURCE_STATE_GENERIC_READ,
+                                    .initialData = data}),
+              nullptr);
+    ExpectFailure12([&] { device->CreateSharedHandle(nullptr); }, "Failed to create shared handle",
+                    "CreateSharedHandle", E_INVALIDARG);
 }
 
 TEST(D3D12DeviceTest, FootprintsAreLimitedToTheSubresourcesOfDirect3D) {
@@ -156,10 +164,16 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     device->CreateUploadBuffer(100);
     device->CreateReadbackBuffer(1000);
     device->CreateShaderViewHeap(1);
+    std::vector<boost::intrusive_ptr<D12Query>> queries; // two heaps, one of them the shared one
+    for (int i = 0; i < 65; ++i) {
+        queries.push_back(device->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP));
+    }
+    queries.clear();
     const D12PoolSizes sizes = device->GetPoolSizes();
     EXPECT_EQ(sizes.commandAllocators, 0u);
     EXPECT_EQ(sizes.commandLists, 0u);
     EXPECT_EQ(sizes.descriptorHeaps, 1u);
+    EXPECT_EQ(sizes.queryHeaps, 1u);
     EXPECT_EQ(sizes.buffers, 2u);
     EXPECT_EQ(sizes.bufferBytes, 128u + 1024u);
 }

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/SlotBitmap.h"
+#include "tests/support/OutOfMemory.h"
 
 namespace Norvex::DX {
 namespace {
@@ -50,6 +51,11 @@ TEST(SlotBitmap, LowestFreeSlotWins) {
 TEST(SlotBitmap, GrowingKeepsWhatIsInUse) {
     SlotBitmap slots(10);
     TakeAll(slots);
+    {
+        const Norvex::Test::OutOfMemory outOfMemory;
+        EXPECT_THROW(slots.Resize(70), std::bad_alloc);
+    }
+    EXPECT_FALSE(slots.HasFree()) << "as many as before";
     slots.Free(4);
     slots.Resize(70);
     EXPECT_THAT(slots.Allocate(), Optional(4u));

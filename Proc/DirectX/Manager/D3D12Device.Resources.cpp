@@ -16,20 +16,20 @@ namespace Norvex::DX {
 
 namespace {
 
-void CheckInitialState(const D12BufferDesc& desc) {
-    const bool isValid = (desc.heapType != D3D12_HEAP_TYPE_UPLOAD ||
-                          desc.initialState == D3D12_RESOURCE_STATE_GENERIC_READ) &&
-                         (desc.heapType != D3D12_HEAP_TYPE_READBACK ||
-                          desc.initialState == D3D12_RESOURCE_STATE_COPY_DEST);
-    if (!isValid) {
-        Throw<DirectX12Exception>("Invalid initial state");
-    }
+bool IsInitialStateValid(const D12BufferDesc& desc) {
+    return (desc.heapType != D3D12_HEAP_TYPE_UPLOAD ||
+            desc.initialState == D3D12_RESOURCE_STATE_GENERIC_READ) &&
+           (desc.heapType != D3D12_HEAP_TYPE_READBACK ||
+            desc.initialState == D3D12_RESOURCE_STATE_COPY_DEST);
 }
 
 } // namespace
 
 CComPtr<ID3D12Resource> D12Device::CreateBuffer(const D12BufferDesc& desc) {
-    CheckInitialState(desc);
+    ThrowUnless<DirectX12Exception>(IsInitialStateValid(desc), "Invalid initial state");
+    if (desc.size == 0) { // not every driver survives it
+        ThrowResult<DirectX12Exception>(E_INVALIDARG, "Failed to create buffer", m_device);
+    }
     const CD3DX12_HEAP_PROPERTIES heap(desc.heapType);
     const auto resourceDesc = CD3DX12_RESOURCE_DESC::Buffer(desc.size, desc.resourceFlags);
     CComPtr<ID3D12Resource> buffer;
@@ -94,7 +94,9 @@ void D12Device::GetCopyableFootprints(const D3D12_RESOURCE_DESC& desc, unsigned 
 HANDLE D12Device::CreateSharedHandle(ID3D12DeviceChild* object) {
     HANDLE handle = nullptr;
     ThrowIfFailed<DirectX12Exception>(
-        m_device->CreateSharedHandle(object, nullptr, GENERIC_ALL, nullptr, &handle),
+        object == nullptr
+            ? E_INVALIDARG
+            : m_device->CreateSharedHandle(object, nullptr, GENERIC_ALL, nullptr, &handle),
         "Failed to create shared handle", m_device);
     return handle;
 }

@@ -306,6 +306,7 @@ D12PoolSizes D12Device::GetPoolSizes() const {
         sizes.commandLists = CountAll(m_commandListPool);
     }
     sizes.descriptorHeaps = m_descriptorHeapPool->CountFreeHeaps();
+    sizes.queryHeaps = m_queryHeapPool->CountFreeHeaps();
     for (const auto& pool : {m_uploadBufferPool, m_readbackBufferPool}) {
         const auto [buffers, bytes] = pool->CountFree();
         sizes.buffers += buffers;

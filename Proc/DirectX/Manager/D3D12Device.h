@@ -72,6 +72,7 @@ struct D12PoolSizes {
     std::size_t descriptorHeaps = 0;
     std::size_t buffers = 0; // for uploading and reading back
     std::uint64_t bufferBytes = 0;
+    std::size_t queryHeaps = 0;
 };
 
 class NORVEX_DX_API D12Device : public D3Device {
@@ -107,7 +108,7 @@ public:
 
     // An upload heap needs the initial state generic read, a readback heap copy destination: else
     // "Invalid initial state". Initial data: "Invalid heap type" unless on an upload heap, "Failed
-    // to map buffer". "Failed to create buffer".
+    // to map buffer". "Failed to create buffer"; size 0 too.
     CComPtr<ID3D12Resource> CreateBuffer(const D12BufferDesc& desc);
     // "Failed to create 2D texture".
     CComPtr<ID3D12Resource> CreateTexture2D(const D12Texture2DDesc& desc);
@@ -117,7 +118,8 @@ public:
                                unsigned subresourceCount, std::uint64_t baseOffset,
                                std::vector<D12PlacedSubResourceFootprint>& footprints,
                                std::uint64_t& totalBytes) const;
-    // An NT handle that the caller closes. "Failed to create shared handle", in both directions.
+    // An NT handle that the caller closes. "Failed to create shared handle", in both directions;
+    // null too.
     HANDLE CreateSharedHandle(ID3D12DeviceChild* object);
     CComPtr<ID3D12Resource> OpenSharedResource(HANDLE handle);
     // "Failed to create graphics pipeline state", and what the description's conversion throws.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "Proc/DirectX/Manager/Throw.h"
@@ -14,7 +15,9 @@ namespace {
 constexpr unsigned kQueryCapacityUnit = 64; // one word of a slot bitmap
 constexpr unsigned kSharedQueryHeapCapacity = 64;
 
-D3D12_QUERY_HEAP_TYPE GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type) {
+D3D12_QUERY_HEAP_TYPE
+GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type,
+                         const std::source_location& location = std::source_location::current()) {
     switch (type) {
     case D3D12_QUERY_TYPE_OCCLUSION:
     case D3D12_QUERY_TYPE_BINARY_OCCLUSION:
@@ -33,7 +36,7 @@ D3D12_QUERY_HEAP_TYPE GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type) {
     case D3D12_QUERY_TYPE_PIPELINE_STATISTICS1:
         return D3D12_QUERY_HEAP_TYPE_PIPELINE_STATISTICS1;
     default:
-        Throw<DirectX12Exception>("Invalid query type");
+        Throw<DirectX12Exception>("Invalid query type", location);
     }
 }
 
@@ -155,8 +158,13 @@ D12QueryHeap::D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12Qu
 }
 
 D12QueryHeap::~D12QueryHeap() {
-    if (m_pool != nullptr) {
+    if (m_pool == nullptr) {
+        return;
+    }
+    try {
         m_pool->ReuseHeap(this);
+    } catch (const std::bad_alloc&) {
+        m_heap.Release(); // out of memory: freed instead of recycled
     }
 }
 
@@ -184,17 +192,20 @@ D12QueryHeapPool::~D12QueryHeapPool() = default;
 
 boost::intrusive_ptr<D12Query> D12QueryHeapPool::CreateQuery(D3D12_QUERY_TYPE type) {
     const std::scoped_lock lock(m_sharedMutex);
-    return GetSharedHeap(type)->CreateQuery(type);
+    return GetSharedHeap(GetHeapTypeFromQueryType(type))->CreateQuery(type);
 }
 
 boost::intrusive_ptr<D12QueryHeap> D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type,
                                                                 unsigned count) {
-    return MakeHeap(type, count, this);
+    return CreateHeap(type, count, this);
 }
 
 boost::intrusive_ptr<D12QueryHeap>
-D12QueryHeapPool::MakeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
-                           boost::intrusive_ptr<D12QueryHeapPool> pool) {
+D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
+                             boost::intrusive_ptr<D12QueryHeapPool> pool) {
+    if (count == 0) { // not every driver survives it
+        ThrowResult<DirectX12Exception>(E_INVALIDARG, "Failed to create query heap", m_device);
+    }
     CComPtr<ID3D12QueryHeap> heap = TakeFreeHeap(type, count);
     if (heap == nullptr) {
         count = QueryCapacityFor(count);
@@ -220,14 +231,14 @@ CComPtr<ID3D12QueryHeap> D12QueryHeapPool::TakeFreeHeap(D3D12_QUERY_HEAP_TYPE ty
     return heap;
 }
 
-const boost::intrusive_ptr<D12QueryHeap>& D12QueryHeapPool::GetSharedHeap(D3D12_QUERY_TYPE type) {
-    const D3D12_QUERY_HEAP_TYPE heapType = GetHeapTypeFromQueryType(type);
-    auto& shared = m_sharedHeaps[heapType];
+const boost::intrusive_ptr<D12QueryHeap>&
+D12QueryHeapPool::GetSharedHeap(D3D12_QUERY_HEAP_TYPE type) {
+    auto& shared = m_sharedHeaps[type];
     if (shared && shared->HasFreeQuery()) {
         return shared;
     }
     // No owner while it is in the map: pool and heap would keep each other alive for ever.
-    auto heap = MakeHeap(heapType, kSharedQueryHeapCapacity, nullptr);
+    auto heap = CreateHeap(type, kSharedQueryHeapCapacity, nullptr);
     if (shared) {
         shared->m_pool = this; // replaced, so its last query may have it recycled
     }
@@ -238,6 +249,15 @@ const boost::intrusive_ptr<D12QueryHeap>& D12QueryHeapPool::GetSharedHeap(D3D12_
 void D12QueryHeapPool::ReuseHeap(D12QueryHeap* heap) {
     const std::scoped_lock lock(m_freeHeapsMutex);
     m_freeHeaps[heap->GetType()].emplace(heap->GetCount(), heap->GetHeap());
+}
+
+std::size_t D12QueryHeapPool::CountFreeHeaps() const {
+    const std::scoped_lock lock(m_freeHeapsMutex);
+    std::size_t count = 0;
+    for (const auto& [type, heaps] : m_freeHeaps) {
+        count += heaps.size();
+    }
+    return count;
 }
 
 } // namespace Norvex::DX

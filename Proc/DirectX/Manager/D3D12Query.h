@@ -120,23 +120,26 @@ public:
     // CreateHeap throws.
     boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
     // A heap of the caller's own: of `count` slots where the Direct3D heap of a dead one is large
-    // enough, else of the next multiple of 64. "Failed to create query heap", "Invalid query heap
-    // type", "Failed to create 2D texture" (the readback buffer).
+    // enough, else of the next multiple of 64. "Failed to create query heap" (a count of 0 too),
+    // "Invalid query heap type", "Failed to create 2D texture" (the readback buffer).
     boost::intrusive_ptr<D12QueryHeap> CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count);
+    // Direct3D heaps of dead wrappers that wait to be recycled, at this moment.
+    std::size_t CountFreeHeaps() const;
 
 private:
     friend class D12QueryHeap;
 
     using FreeHeaps = std::multimap<std::uint32_t, CComPtr<ID3D12QueryHeap>>; // by capacity
 
-    const boost::intrusive_ptr<D12QueryHeap>& GetSharedHeap(D3D12_QUERY_TYPE type);
-    boost::intrusive_ptr<D12QueryHeap> MakeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
-                                                boost::intrusive_ptr<D12QueryHeapPool> pool);
+    const boost::intrusive_ptr<D12QueryHeap>& GetSharedHeap(D3D12_QUERY_HEAP_TYPE type);
+    // pool: the heap's owner, or null for a shared heap.
+    boost::intrusive_ptr<D12QueryHeap> CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
+                                                  boost::intrusive_ptr<D12QueryHeapPool> pool);
     CComPtr<ID3D12QueryHeap> TakeFreeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count);
     void ReuseHeap(D12QueryHeap* heap);
 
     CComPtr<ID3D12Device> m_device;
-    std::mutex m_freeHeapsMutex;
+    mutable std::mutex m_freeHeapsMutex;
     std::unordered_map<D3D12_QUERY_HEAP_TYPE, FreeHeaps> m_freeHeaps;
     // Held over the whole making of a query; the other two locks (free heaps, slots) are taken
     // inside it.

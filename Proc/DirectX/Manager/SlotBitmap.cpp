@@ -23,10 +23,11 @@ constexpr std::uint64_t BitsFrom(std::uint32_t index) {
 
 void SlotBitmap::Resize(std::uint32_t slotCount) {
     const std::scoped_lock lock(m_mutex);
-    if (m_slotCount % kBitsPerWord != 0) {
-        m_words.back() &= ~BitsFrom(m_slotCount);
-    }
+    // First, since it may run out of memory: nothing has changed then.
     m_words.resize(slotCount / kBitsPerWord + (slotCount % kBitsPerWord != 0 ? 1 : 0));
+    if (m_slotCount % kBitsPerWord != 0) {
+        m_words[m_slotCount / kBitsPerWord] &= ~BitsFrom(m_slotCount);
+    }
     if (slotCount % kBitsPerWord != 0) {
         m_words.back() |= BitsFrom(slotCount);
     }

@@ -17,7 +17,8 @@ public:
     SlotBitmap() = default;
     explicit SlotBitmap(std::uint32_t slotCount) { Resize(slotCount); }
 
-    // Sizes to n slots; new ones are free, those in use stay so. Never to fewer than before.
+    // Sizes to n slots; new ones are free, those in use stay so. Never to fewer than before. Out of
+    // memory nothing changes.
     void Resize(std::uint32_t slotCount);
     // The lowest free slot, now in use; empty when there is none.
     std::optional<std::uint32_t> Allocate();

@@ -1,0 +1,45 @@
+#pragma once
+
+// While it lives, the library's DLL gets no memory from operator new on the thread that made it.
+// Not nested.
+
+#include <cstdlib>
+#include <new>
+#include <optional>
+#include <stdexcept>
+
+#include "tests/support/ImportPatch.h"
+
+namespace Norvex::Test {
+
+class OutOfMemory {
+public:
+    // The C++ runtime's operator new is imported, or is part of the DLL and imports malloc.
+    OutOfMemory() {
+        try {
+            m_patch.emplace(L"NorvexDX.dll", "_Znwy", &New);
+        } catch (const std::runtime_error&) {
+            m_patch.emplace(L"NorvexDX.dll", "malloc", &Malloc);
+        }
+        s_thread = GetCurrentThreadId();
+    }
+    ~OutOfMemory() { s_thread = 0; }
+    OutOfMemory(const OutOfMemory&) = delete;
+    OutOfMemory& operator=(const OutOfMemory&) = delete;
+
+private:
+    static void* New(std::size_t size) {
+        if (s_thread == GetCurrentThreadId()) {
+            throw std::bad_alloc();
+        }
+        return ::operator new(size);
+    }
+    static void* Malloc(std::size_t size) {
+        return s_thread == GetCurrentThreadId() ? nullptr : std::malloc(size);
+    }
+
+    static inline DWORD s_thread = 0;
+    std::optional<ImportPatch> m_patch;
+};
+
+} // namespace Norvex::Test
