@@ -116,6 +116,7 @@ D12Texture2DPool::~D12Texture2DPool() = default;
 boost::intrusive_ptr<D12Texture2DPool>
 D12Texture2DPool::Create(const boost::intrusive_ptr<D12Device>& device,
                          const D12Texture2DDesc& desc) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "Failed to create 2D texture");
     if (desc.arraySize < 2) {
         return boost::intrusive_ptr<D12Texture2DPool>(new D12TexturePool(device, desc));
     }

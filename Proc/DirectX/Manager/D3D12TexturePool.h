@@ -22,7 +22,8 @@ class NORVEX_DX_API D12Texture2DPool : public RefCountImpl {
 public:
     // arraySize below 2: separate textures, made when needed, reused first in first out, and freed
     // when unused for 2 s (a timer looks every 2 s). Else the slices of one texture array, made at
-    // once. What D12Device::CreateTexture2D throws.
+    // once. What D12Device::CreateTexture2D throws, "Failed to create 2D texture" without a device
+    // too.
     static boost::intrusive_ptr<D12Texture2DPool>
     Create(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc);
 
