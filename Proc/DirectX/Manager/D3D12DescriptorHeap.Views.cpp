@@ -17,6 +17,13 @@ bool IsArray(const D3D12_RESOURCE_DESC& resource) {
     return resource.DepthOrArraySize >= 2;
 }
 
+D3D12_RESOURCE_DESC
+DescOf(const CComPtr<ID3D12Resource>& resource,
+       const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX12Exception>(resource != nullptr, "Unsupported resource", location);
+    return Platform::GetDesc(resource);
+}
+
 // Buffers have operations of their own.
 [[noreturn]] void
 ThrowNotATexture(const D3D12_RESOURCE_DESC& resource,
@@ -99,7 +106,7 @@ void DescribeTexture2D(const D3D12_RESOURCE_DESC& resource, unsigned mipSlice,
 
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorCPUHeap::CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     // A constant buffer view does not need shader-resource access; the check is wanted all the
     // same.
     ThrowUnless<DirectX12Exception>(IsReadableBuffer(desc), "Unsupported resource");
@@ -110,7 +117,7 @@ D12DescriptorCPUHeap::CreateConstantBufferView(const CComPtr<ID3D12Resource>& re
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorCPUHeap::CreateBufferShaderResourceView(const CComPtr<ID3D12Resource>& resource,
                                                      unsigned stride) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     ThrowUnless<DirectX12Exception>(IsReadableBuffer(desc), "Unsupported resource");
     auto view = MakeViewDesc<D3D12_SHADER_RESOURCE_VIEW_DESC>(DXGI_FORMAT_UNKNOWN);
     view.ViewDimension = D3D12_SRV_DIMENSION_BUFFER;
@@ -123,7 +130,7 @@ D12DescriptorCPUHeap::CreateBufferShaderResourceView(const CComPtr<ID3D12Resourc
 boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateBufferUnorderedAccessView(
     const CComPtr<ID3D12Resource>& resource, unsigned stride, D3D12_BUFFER_UAV_FLAGS flags,
     unsigned counterOffset, const CComPtr<ID3D12Resource>& counter) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER &&
                                         (desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS) !=
                                             0,
@@ -140,7 +147,7 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateBufferUnorderedA
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorCPUHeap::CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource,
                                                       bool cube) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_DENY_SHADER_RESOURCE) == 0,
                                     "Resource created without support for SRV");
     const unsigned mipLevels = desc.MipLevels == 0 ? kAllMipLevels : desc.MipLevels;
@@ -167,7 +174,7 @@ D12DescriptorCPUHeap::CreateTextureShaderResourceView(const CComPtr<ID3D12Resour
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorCPUHeap::CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
                                              unsigned mipSlice) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET) != 0,
                                     "Resource created without support for RTV");
     auto view = MakeViewDesc<D3D12_RENDER_TARGET_VIEW_DESC>(desc.Format);
@@ -193,7 +200,7 @@ D12DescriptorCPUHeap::CreateRenderTargetView(const CComPtr<ID3D12Resource>& reso
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorCPUHeap::CreateTextureUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
                                                        unsigned mipSlice) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(resource);
+    const D3D12_RESOURCE_DESC desc = DescOf(resource);
     ThrowUnless<DirectX12Exception>((desc.Flags & D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS) != 0,
                                     "Resource created without support for UAV");
     auto view = MakeViewDesc<D3D12_UNORDERED_ACCESS_VIEW_DESC>(desc.Format);

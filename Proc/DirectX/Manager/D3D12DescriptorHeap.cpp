@@ -13,11 +13,14 @@ namespace {
 constexpr unsigned kConstantBufferAlignment = D3D12_CONSTANT_BUFFER_DATA_PLACEMENT_ALIGNMENT;
 
 DXGI_FORMAT FormatOf(const CComPtr<ID3D12Resource>& resource) {
-    return Platform::GetDesc(resource).Format;
+    return resource != nullptr ? Platform::GetDesc(resource).Format : DXGI_FORMAT_UNKNOWN;
 }
 
+// Without a description there has to be a resource that Direct3D can derive one from.
 template <class Desc>
-DXGI_FORMAT FormatOf(const CComPtr<ID3D12Resource>& resource, const std::optional<Desc>& desc) {
+DXGI_FORMAT FormatOf(const CComPtr<ID3D12Resource>& resource, const std::optional<Desc>& desc,
+                     const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX12Exception>(resource != nullptr || desc, "Unsupported resource", location);
     return desc ? desc->Format : FormatOf(resource);
 }
 
@@ -71,6 +74,7 @@ D3D12_GPU_DESCRIPTOR_HANDLE D12DescriptorGPUHeap::GetGPUHandle(unsigned index) c
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorGPUHeap::CopyDescriptor(unsigned index,
                                      const boost::intrusive_ptr<D12Descriptor>& source) {
+    ThrowUnless<DirectX12Exception>(source != nullptr, "Invalid descriptor type");
     ThrowUnless<DirectX12Exception>(GetType() == source->GetHeapType(),
                                     "Descriptor heap types are different");
     boost::intrusive_ptr<D12Descriptor> copy(new D12Descriptor(
@@ -92,6 +96,7 @@ void D12DescriptorCPUHeap::ReuseDescriptor(D12Descriptor* descriptor) {
 boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::AllocateDescriptor(
     std::vector<CComPtr<ID3D12Resource>> resources, D12Descriptor::DescriptorType type,
     DXGI_FORMAT format, const char* noSpaceSentence, const std::source_location& location) {
+    std::erase(resources, nullptr);
     const auto slot = m_slots.Allocate();
     ThrowUnless<DirectX12Exception>(slot.has_value(), noSpaceSentence, location);
     try {
@@ -135,12 +140,10 @@ boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::CreateUnorderedAccessV
     const std::optional<D3D12_UNORDERED_ACCESS_VIEW_DESC>& desc) {
     ThrowUnless<DirectX12Exception>(GetType() == D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV,
                                     "Invalid heap type");
-    std::vector<CComPtr<ID3D12Resource>> resources = {resource};
-    if (counter) {
-        resources.push_back(counter);
-    }
+    ThrowUnless<DirectX12Exception>(resource != nullptr || counter == nullptr,
+                                    "Unsupported resource");
     auto descriptor = AllocateDescriptor(
-        std::move(resources), D12Descriptor::UnorderedAccess, FormatOf(resource, desc),
+        {resource, counter}, D12Descriptor::UnorderedAccess, FormatOf(resource, desc),
         "There is no free space in the heap to create an unordered access view");
     m_device->CreateUnorderedAccessView(resource, counter, PointerTo(desc),
                                         descriptor->GetCPUHandle());

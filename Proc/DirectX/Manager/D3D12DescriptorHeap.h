@@ -52,17 +52,18 @@ public:
     void ReuseDescriptor(D12Descriptor* descriptor) override;
     bool HasFree() const { return m_slots.HasFree(); }
 
-    // Views by description; without one Direct3D derives it. The resource is not null unless said.
-    // Each: "Invalid heap type" when this heap is not of the view's type, "There is no free space
-    // in the heap to create a ..." when it is full. The size must be a multiple of 256: "Constant
-    // Buffer View requires SizeInBytes be a multiple of 256".
+    // Views by description; without one Direct3D derives it from the resource. Null resources with
+    // a description are null descriptors, which read as zero and keep nothing alive. Each: "Invalid
+    // heap type" when this heap is not of the view's type, "Unsupported resource" for null without
+    // a description, "There is no free space in the heap to create a ..." when it is full. The size
+    // must be a multiple of 256: "Constant Buffer View requires SizeInBytes be a multiple of 256".
     boost::intrusive_ptr<D12Descriptor>
     CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource,
                              const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc);
     boost::intrusive_ptr<D12Descriptor>
     CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
                              const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
-    // counter may be null.
+    // counter may be null, and is when the resource is: "Unsupported resource".
     boost::intrusive_ptr<D12Descriptor>
     CreateUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
                               const CComPtr<ID3D12Resource>& counter,
@@ -75,8 +76,8 @@ public:
     CreateDepthStencilView(const CComPtr<ID3D12Resource>& resource,
                            const std::optional<D3D12_DEPTH_STENCIL_VIEW_DESC>& desc);
 
-    // Views of the whole resource, described from the resource itself. "Unsupported resource",
-    // "Unknown resource", "Resource created without support for SRV" (RTV, UAV), and what the
+    // Views of the whole resource, described from the resource itself. "Unsupported resource" (null
+    // too), "Unknown resource", "Resource created without support for SRV" (RTV, UAV), and what the
     // operations above throw. stride: bytes of one element, 0 counts bytes.
     boost::intrusive_ptr<D12Descriptor>
     CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource);
@@ -114,7 +115,8 @@ public:
     // "Descriptor index out of range".
     D3D12_GPU_DESCRIPTOR_HANDLE GetGPUHandle(unsigned index) const;
     // Copies into slot `index`, replacing what is there; the result keeps the source's resources
-    // alive, not its slot. "Descriptor heap types are different", "Descriptor index out of range".
+    // alive, not its slot. "Descriptor heap types are different", "Descriptor index out of range",
+    // "Invalid descriptor type" for null.
     boost::intrusive_ptr<D12Descriptor>
     CopyDescriptor(unsigned index, const boost::intrusive_ptr<D12Descriptor>& source);
 

@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12Resource.h"
 
+#include <limits>
 #include <utility>
 
 #include "Platform/D3D12Abi.h"
@@ -40,6 +41,11 @@ D12Descriptor::~D12Descriptor() {
     }
 }
 
+const CComPtr<ID3D12Resource>& D12Descriptor::GetFirstResource() const {
+    ThrowUnless<DirectX12Exception>(!m_resources.empty(), "There are no resources available");
+    return m_resources[0];
+}
+
 D3D12_DESCRIPTOR_HEAP_TYPE D12Descriptor::GetHeapType() const {
     return m_heap->GetType();
 }
@@ -70,6 +76,10 @@ D12VertexBuffer::D12VertexBuffer(const CComPtr<ID3D12Resource>& resource, unsign
 
 boost::intrusive_ptr<D12VertexBuffer>
 D12VertexBuffer::Create(const CComPtr<ID3D12Resource>& resource, unsigned stride, unsigned count) {
+    ThrowUnless<DirectX12Exception>(resource != nullptr, "Unsupported resource");
+    ThrowUnless<DirectX12Exception>(std::uint64_t{stride} * count <=
+                                        std::numeric_limits<UINT>::max(),
+                                    "Buffer size requested is too large");
     return boost::intrusive_ptr<D12VertexBuffer>(new D12VertexBuffer(resource, stride, count));
 }
 
@@ -82,6 +92,7 @@ D12IndexBuffer::D12IndexBuffer(const CComPtr<ID3D12Resource>& resource, DXGI_FOR
 boost::intrusive_ptr<D12IndexBuffer> D12IndexBuffer::Create(const CComPtr<ID3D12Resource>& resource,
                                                             DXGI_FORMAT format, unsigned count,
                                                             unsigned sizeInBytes) {
+    ThrowUnless<DirectX12Exception>(resource != nullptr, "Unsupported resource");
     return boost::intrusive_ptr<D12IndexBuffer>(
         new D12IndexBuffer(resource, format, count, sizeInBytes));
 }

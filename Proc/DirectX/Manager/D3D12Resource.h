@@ -35,10 +35,11 @@ public:
     D12Descriptor& operator=(const D12Descriptor&) = delete;
     ~D12Descriptor() override;
 
-    // None for a sampler; resource and counter for an unordered-access view with a counter.
+    // None for a sampler and for a null descriptor; resource and counter for an unordered-access
+    // view with a counter.
     const std::vector<CComPtr<ID3D12Resource>>& GetResources() const { return m_resources; }
-    // Not for a sampler.
-    const CComPtr<ID3D12Resource>& GetFirstResource() const { return m_resources[0]; }
+    // "There are no resources available".
+    const CComPtr<ID3D12Resource>& GetFirstResource() const;
     DescriptorType GetType() const { return m_type; }
     // Of the view; DXGI_FORMAT_UNKNOWN for a sampler.
     DXGI_FORMAT GetFormat() const { return m_format; }
@@ -75,7 +76,8 @@ private:
 
 class NORVEX_DX_API D12VertexBuffer : public RefCountImpl {
 public:
-    // stride: bytes of one vertex; count: vertices in the buffer.
+    // stride: bytes of one vertex; count: vertices in the buffer. "Unsupported resource" for null,
+    // "Buffer size requested is too large" for 4 GiB and more.
     static boost::intrusive_ptr<D12VertexBuffer> Create(const CComPtr<ID3D12Resource>& resource,
                                                         unsigned stride, unsigned count);
 
@@ -95,6 +97,7 @@ private:
 class NORVEX_DX_API D12IndexBuffer : public RefCountImpl {
 public:
     // format: DXGI_FORMAT_R16_UINT or DXGI_FORMAT_R32_UINT; count: indices in the buffer.
+    // "Unsupported resource" for null.
     static boost::intrusive_ptr<D12IndexBuffer> Create(const CComPtr<ID3D12Resource>& resource,
                                                        DXGI_FORMAT format, unsigned count,
                                                        unsigned sizeInBytes);
