@@ -204,6 +204,10 @@ TEST(ApiTest, RootSignaturesSerialiseUpToTheVersionAskedFor) {
     EXPECT_EQ(serialize(2, blob11), S_OK);
     EXPECT_EQ(serialize(0, none), E_INVALIDARG);
     EXPECT_EQ(serialize(4, none), E_INVALIDARG);
+    // Of a type that nobody knows: read as a table it would have four billion ranges.
+    parameters[1].InitAsConstants(~0u, ~0u, ~0u);
+    parameters[1].ParameterType = static_cast<D3D12_ROOT_PARAMETER_TYPE>(5);
+    EXPECT_EQ(serialize(1, none), E_INVALIDARG);
 
     // Read the 1.0 form back: the same parameters, without the flags.
     CComPtr<ID3D12VersionedRootSignatureDeserializer> reader;

@@ -90,10 +90,16 @@ private:
             to.Descriptor = {from.Descriptor.ShaderRegister, from.Descriptor.RegisterSpace};
             return ranges;
         case D3D12_ROOT_PARAMETER_TYPE_DESCRIPTOR_TABLE:
-            break;
+            return ConvertTable(from.DescriptorTable, to.DescriptorTable, ranges);
+        default: // of a type not known here: the system refuses it
+            return ranges;
         }
-        const auto& table = from.DescriptorTable;
-        to.DescriptorTable = {table.NumDescriptorRanges, ranges};
+    }
+
+    static D3D12_DESCRIPTOR_RANGE* ConvertTable(const D3D12_ROOT_DESCRIPTOR_TABLE1& table,
+                                                D3D12_ROOT_DESCRIPTOR_TABLE& to,
+                                                D3D12_DESCRIPTOR_RANGE* ranges) {
+        to = {table.NumDescriptorRanges, ranges};
         for (unsigned i = 0; i < table.NumDescriptorRanges; ++i) {
             const auto& range = table.pDescriptorRanges[i];
             *ranges++ = {range.RangeType, range.NumDescriptors, range.BaseShaderRegister,

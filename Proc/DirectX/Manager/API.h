@@ -41,9 +41,9 @@ public:
                   CComPtr<ID3D10Blob>& errors);
     long GetDebugInterface(CComPtr<ID3D12Debug>& out);
     long GetDebugInterface(CComPtr<IDXGIDebug>& out);
-    // Serialises at most as maxVersion (1.0, 1.1 or 1.2 as the enumeration's 1 to 3; else
-    // E_INVALIDARG). Where the system or maxVersion allows 1.0 only, newer descriptions are
-    // converted, dropping the flags that 1.0 does not know.
+    // maxVersion 1.1 or 1.2: the description as it is, in its own version; its maker sees to it
+    // that the device takes that one. 1.0, and any where the system serialises no other: newer
+    // descriptions are converted, dropping the flags that 1.0 does not know. Else E_INVALIDARG.
     long SerializeRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC* desc,
                                 D3D_ROOT_SIGNATURE_VERSION maxVersion, CComPtr<ID3D10Blob>& blob,
                                 CComPtr<ID3D10Blob>& errors);

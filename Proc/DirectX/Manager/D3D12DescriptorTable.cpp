@@ -28,9 +28,10 @@ D3D12_DESCRIPTOR_RANGE1 SingleRange(D3D12_DESCRIPTOR_RANGE_TYPE type, unsigned s
 }
 
 D3D12_DESCRIPTOR_RANGE_TYPE
-ViewRangeTypeOf(D12Descriptor::DescriptorType type,
+ViewRangeTypeOf(const boost::intrusive_ptr<D12Descriptor>& descriptor,
                 const std::source_location& location = std::source_location::current()) {
-    switch (type) {
+    // No view is as little a view as a sampler.
+    switch (descriptor != nullptr ? descriptor->GetType() : D12Descriptor::Sampler) {
     case D12Descriptor::ConstantBuffer:
         return D3D12_DESCRIPTOR_RANGE_TYPE_CBV;
     case D12Descriptor::ShaderResource:
@@ -62,7 +63,7 @@ D3D12_ROOT_PARAMETER1 D12DescriptorTable::Serialize() {
             m_mergedRanges.push_back(*range);
         }
     }
-    m_needSerialize = false;
+    m_serializedRevision = m_revision;
     D3D12_ROOT_PARAMETER1 parameter = {};
     parameter.ParameterType = D3D12_ROOT_PARAMETER_TYPE_DESCRIPTOR_TABLE;
     parameter.DescriptorTable = {static_cast<UINT>(m_mergedRanges.size()), m_mergedRanges.data()};
@@ -70,16 +71,12 @@ D3D12_ROOT_PARAMETER1 D12DescriptorTable::Serialize() {
     return parameter;
 }
 
-void D12DescriptorTable::CheckBindable() const {
-    ThrowUnless<DirectX12Exception>(m_size != 0, "Table not fully initialized");
-}
-
 void D12DescriptorTable::SetDescriptor(unsigned index, const D3D12_DESCRIPTOR_RANGE1& range,
                                        const boost::intrusive_ptr<D12Descriptor>& descriptor) {
     ThrowUnless<DirectX12Exception>(index < m_size, "Table index out of range");
     auto& stored = m_ranges[index];
     if (!stored || !IsSameRange(*stored, range)) {
-        m_needSerialize = true;
+        ++m_revision;
     }
     stored = range;
     m_descriptors[index] = descriptor;
@@ -87,10 +84,14 @@ void D12DescriptorTable::SetDescriptor(unsigned index, const D3D12_DESCRIPTOR_RA
 
 void D12DescriptorTable::Commit(CommitContext& context,
                                 const boost::intrusive_ptr<D12DescriptorGPUHeap>& heap,
-                                std::uint32_t& offset) {
+                                std::uint32_t& offset, const std::source_location& location) {
+    if (m_size == 0) {
+        return;
+    }
     const D3D12_GPU_DESCRIPTOR_HANDLE table = heap->GetGPUHandle(offset);
     for (auto& descriptor : m_descriptors) {
-        ThrowUnless<DirectX12Exception>(descriptor != nullptr, "Table not fully initialized");
+        ThrowUnless<DirectX12Exception>(descriptor != nullptr, "Table not fully initialized",
+                                        location);
         const auto copy = heap->CopyDescriptor(offset, descriptor);
         ++offset;
         context.commandList->TrackObject(copy);
@@ -108,7 +109,7 @@ boost::intrusive_ptr<D12ViewTable> D12ViewTable::Init(const CComPtr<ID3D12Device
 void D12ViewTable::SetView(unsigned index, unsigned shaderRegister,
                            const boost::intrusive_ptr<D12Descriptor>& descriptor,
                            unsigned registerSpace, D3D12_DESCRIPTOR_RANGE_FLAGS flags) {
-    const auto type = ViewRangeTypeOf(descriptor->GetType());
+    const auto type = ViewRangeTypeOf(descriptor);
     SetDescriptor(index, SingleRange(type, shaderRegister, registerSpace, flags), descriptor);
 }
 
@@ -129,7 +130,8 @@ boost::intrusive_ptr<D12SamplerTable> D12SamplerTable::Init(const CComPtr<ID3D12
 void D12SamplerTable::SetSampler(unsigned index, unsigned shaderRegister,
                                  const boost::intrusive_ptr<D12Descriptor>& descriptor,
                                  D3D12_DESCRIPTOR_RANGE_FLAGS flags) {
-    ThrowUnless<DirectX12Exception>(descriptor->GetType() == D12Descriptor::Sampler,
+    ThrowUnless<DirectX12Exception>(descriptor != nullptr &&
+                                        descriptor->GetType() == D12Descriptor::Sampler,
                                     "Invalid descriptor type");
     SetDescriptor(index, SingleRange(D3D12_DESCRIPTOR_RANGE_TYPE_SAMPLER, shaderRegister, 0, flags),
                   descriptor);

@@ -12,15 +12,14 @@
 namespace Norvex::DX {
 
 // Descriptors copied into a shader-visible heap at each bind, which consumes them; registers and
-// types stay.
+// types stay. A table of size 0 binds nothing.
 class NORVEX_DX_API D12DescriptorTable : public D12RootParameter {
 public:
-    bool NeedSerialize() const override { return m_needSerialize; }
+    bool NeedSerialize() const override { return m_serializedRevision != m_revision; }
+    std::uint64_t GetRevision() const override { return m_revision; }
     // Neighbouring entries of one kind become one range. "Table not fully initialized" when an
     // entry was never set.
     D3D12_ROOT_PARAMETER1 Serialize() override;
-    // "Table not fully initialized" for a table of size 0.
-    void CheckBindable() const override;
 
 protected:
     D12DescriptorTable(const CComPtr<ID3D12Device>& device, unsigned size,
@@ -32,7 +31,8 @@ protected:
     // Copies the entries to `offset` and on in the heap, advances it, sets the table. "Table not
     // fully initialized".
     void Commit(CommitContext& context, const boost::intrusive_ptr<D12DescriptorGPUHeap>& heap,
-                std::uint32_t& offset);
+                std::uint32_t& offset,
+                const std::source_location& location = std::source_location::current());
 
     CComPtr<ID3D12Device> m_device;
     std::uint32_t m_size;
@@ -40,7 +40,8 @@ protected:
 private:
     std::vector<boost::intrusive_ptr<D12Descriptor>>
         m_descriptors; // null: not set since the last bind
-    bool m_needSerialize = true;
+    std::uint64_t m_revision = 1;
+    std::uint64_t m_serializedRevision = 0;
     std::vector<std::optional<D3D12_DESCRIPTOR_RANGE1>> m_ranges;
     std::vector<D3D12_DESCRIPTOR_RANGE1> m_mergedRanges; // what the serialised parameter points to
 };
@@ -50,8 +51,8 @@ public:
     static boost::intrusive_ptr<D12ViewTable>
     Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
 
-    // A constant-buffer, shader-resource or unordered-access view. "Invalid descriptor type",
-    // "Table index out of range".
+    // A constant-buffer, shader-resource or unordered-access view. "Invalid descriptor type" (null
+    // too), "Table index out of range".
     void SetView(unsigned index, unsigned shaderRegister,
                  const boost::intrusive_ptr<D12Descriptor>& descriptor, unsigned registerSpace,
                  D3D12_DESCRIPTOR_RANGE_FLAGS flags);
@@ -68,7 +69,8 @@ public:
     static boost::intrusive_ptr<D12SamplerTable>
     Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
 
-    // A sampler, in register space 0. "Invalid descriptor type", "Table index out of range".
+    // A sampler, in register space 0. "Invalid descriptor type" (null too), "Table index out of
+    // range".
     void SetSampler(unsigned index, unsigned shaderRegister,
                     const boost::intrusive_ptr<D12Descriptor>& descriptor,
                     D3D12_DESCRIPTOR_RANGE_FLAGS flags);

@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "Proc/DirectX/Manager/Throw.h"
-
 namespace Norvex::DX {
 
 D12RootParameter::~D12RootParameter() = default;
@@ -53,10 +51,6 @@ D12InlineDescriptor::D12InlineDescriptor(unsigned shaderRegister, unsigned regis
       m_shaderRegister(shaderRegister),
       m_registerSpace(registerSpace),
       m_flags(flags) {}
-
-void D12InlineDescriptor::CheckBindable() const {
-    ThrowUnless<DirectX12Exception>(m_buffer != nullptr, "Inline descriptor has no buffer");
-}
 
 D3D12_ROOT_PARAMETER1 D12InlineDescriptor::SerializeAs(D3D12_ROOT_PARAMETER_TYPE type) const {
     D3D12_ROOT_PARAMETER1 parameter = {};

@@ -27,16 +27,20 @@ public:
     };
 
     ~D12RootParameter() override;
+    D12RootParameter(const D12RootParameter&) = delete;
+    D12RootParameter& operator=(const D12RootParameter&) = delete;
 
-    // Whether Serialize would differ from its last answer.
+    // Whether Serialize would differ from its last answer, whoever asked for that.
     virtual bool NeedSerialize() const { return false; }
+    // Grows when the answer of Serialize changes, so that several owners can each tell.
+    virtual std::uint64_t GetRevision() const { return 0; }
     // Points into this object; valid until the next call.
     virtual D3D12_ROOT_PARAMETER1 Serialize() = 0;
     // Adds what this parameter needs in the heaps.
     virtual void CountDescriptors(CommitContext&) {}
     virtual void SetToCommandList(CommitContext& context) = 0;
-    // Throws when a bind is bound to fail; called for all parameters before anything is recorded.
-    virtual void CheckBindable() const {}
+    // False when a bind is bound to fail; asked of all parameters before anything is recorded.
+    virtual bool IsBindable() const { return true; }
 
 protected:
     explicit D12RootParameter(D3D12_SHADER_VISIBILITY visibility) : m_visibility(visibility) {}
@@ -55,6 +59,7 @@ public:
                                                        D3D12_SHADER_VISIBILITY visibility);
 
     // Padded with zeros to whole 32-bit values. The length is not compared with num32BitValues.
+    // size in bytes; data may be null when it is 0.
     void SetData(std::vector<unsigned char>&& data);
     void SetData(const void* data, std::uint64_t size);
 
@@ -72,13 +77,12 @@ private:
 };
 
 // A buffer bound by its address. Set the buffer before every bind, which consumes it and keeps it
-// alive with the list.
+// alive with the list; without one nothing is bound.
 class NORVEX_DX_API D12InlineDescriptor : public D12RootParameter {
 public:
     void SetBuffer(const CComPtr<ID3D12Resource>& buffer) { m_buffer = buffer; }
 
-    // "Inline descriptor has no buffer".
-    void CheckBindable() const override;
+    bool IsBindable() const override { return m_buffer != nullptr; }
 
 protected:
     D12InlineDescriptor(unsigned shaderRegister, unsigned registerSpace,

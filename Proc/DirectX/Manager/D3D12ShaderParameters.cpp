@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 
 #include <algorithm>
+#include <numeric>
 #include <string>
 
 #include "Proc/DirectX/Manager/API.h"
@@ -88,18 +89,18 @@ void D12ShaderParameters::SetFlags(std::initializer_list<D3D12_ROOT_SIGNATURE_FL
     m_dirty = true;
 }
 
-bool D12ShaderParameters::NeedSerialize() const {
-    return m_dirty || !m_rootSignature ||
-           std::ranges::any_of(m_parameters,
-                               [](const auto& parameter) { return parameter->NeedSerialize(); });
+// Of all together: none ever goes back.
+std::uint64_t D12ShaderParameters::GetParametersRevision() const {
+    return std::accumulate(
+        m_parameters.begin(), m_parameters.end(), std::uint64_t{0},
+        [](std::uint64_t sum, const auto& parameter) { return sum + parameter->GetRevision(); });
 }
 
 bool D12ShaderParameters::SerializeRootSignature() {
-    if (!NeedSerialize()) {
+    const std::uint64_t revision = GetParametersRevision();
+    if (!m_dirty && m_rootSignature && m_serializedRevision == revision) {
         return false;
     }
-    // Until all has succeeded: a table asked once does not ask again.
-    m_dirty = true;
     std::vector<D3D12_ROOT_PARAMETER1> parameters;
     parameters.reserve(m_parameters.size());
     for (const auto& parameter : m_parameters) {
@@ -109,32 +110,36 @@ bool D12ShaderParameters::SerializeRootSignature() {
     desc.Version = D3D_ROOT_SIGNATURE_VERSION_1_1;
     desc.Desc_1_1 = {static_cast<UINT>(parameters.size()), parameters.data(),
                      static_cast<UINT>(m_staticSamplers.size()), m_staticSamplers.data(), m_flags};
-    m_rootSignature = CreateRootSignature(desc);
+    m_rootSignature = CreateRootSignature(desc, std::source_location::current());
+    m_serializedRevision = revision;
     m_dirty = false;
     return true;
 }
 
 CComPtr<ID3D12RootSignature>
-D12ShaderParameters::CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc) const {
+D12ShaderParameters::CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc,
+                                         const std::source_location& location) const {
     CComPtr<ID3D10Blob> blob;
     CComPtr<ID3D10Blob> errors;
     const long result = API::GetInstance().SerializeRootSignature(&desc, m_version, blob, errors);
     if (FAILED(result)) {
         ThrowResult<DirectX12Exception>(
-            result, "Failed to serialize root signature: " + TextOf(errors), m_device);
+            result, "Failed to serialize root signature: " + TextOf(errors), m_device, location);
     }
     CComPtr<ID3D12RootSignature> rootSignature;
     ThrowIfFailed<DirectX12Exception>(m_device->CreateRootSignature(0, blob->GetBufferPointer(),
                                                                     blob->GetBufferSize(),
                                                                     IID_PPV_ARGS(&rootSignature)),
-                                      "Failed to create root signature", m_device);
+                                      "Failed to create root signature", m_device, location);
     return rootSignature;
 }
 
 void D12ShaderParameters::SetToCommandList(
     const boost::intrusive_ptr<D12GraphicsCommandList>& commandList) {
+    ThrowUnless<DirectX12Exception>(commandList != nullptr, "Invalid command list");
+    ThrowUnless<DirectX12Exception>(m_rootSignature != nullptr, "Root signature not serialized");
     for (const auto& parameter : m_parameters) {
-        parameter->CheckBindable();
+        ThrowUnless<DirectX12Exception>(parameter->IsBindable(), "Inline descriptor has no buffer");
     }
     commandList->SetRootSignature(m_rootSignature);
     D12RootParameter::CommitContext context;

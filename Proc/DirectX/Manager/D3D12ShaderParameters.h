@@ -16,11 +16,12 @@ namespace Norvex::DX {
 
 class NORVEX_DX_API D12ShaderParameters : public RefCountImpl {
 public:
-    // `version`: the highest that the device accepts.
+    // `version`: the highest that the device accepts. `pool`: where the heaps of the tables come
+    // from; may be null when none is bound.
     D12ShaderParameters(const CComPtr<ID3D12Device>& device,
                         const boost::intrusive_ptr<D12DescriptorHeapPool>& pool,
                         D3D_ROOT_SIGNATURE_VERSION version);
-    // A copy shares the parameter objects.
+    // A copy shares the parameter objects, and each copy has its root signature follow them.
     D12ShaderParameters(const D12ShaderParameters&) = default;
     D12ShaderParameters& operator=(const D12ShaderParameters&) = default;
     ~D12ShaderParameters() override;
@@ -53,17 +54,19 @@ public:
     bool SerializeRootSignature();
     // Null until first serialised.
     const CComPtr<ID3D12RootSignature>& GetRootSignature() const { return m_rootSignature; }
-    // Binds root signature, heaps and arguments; serialise first. "Inline descriptor has no buffer"
-    // and a table of size 0 throw before anything is recorded; "Table not fully initialized" leaves
-    // the entries bound so far cleared.
+    // Binds root signature, heaps and arguments; serialise first, after the last change. Before
+    // anything is recorded: "Invalid command list" for null, "Root signature not serialized",
+    // "Inline descriptor has no buffer". "Table not fully initialized" leaves the entries bound so
+    // far cleared.
     void SetToCommandList(const boost::intrusive_ptr<D12GraphicsCommandList>& commandList);
 
 private:
     template <class Parameter>
     boost::intrusive_ptr<Parameter> Append(boost::intrusive_ptr<Parameter> parameter);
-    bool NeedSerialize() const;
+    std::uint64_t GetParametersRevision() const;
     CComPtr<ID3D12RootSignature>
-    CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc) const;
+    CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DESC& desc,
+                        const std::source_location& location) const;
 
     CComPtr<ID3D12Device> m_device;
     boost::intrusive_ptr<D12DescriptorHeapPool> m_pool;
@@ -74,6 +77,7 @@ private:
     std::vector<D3D12_STATIC_SAMPLER_DESC> m_staticSamplers;
     D3D12_ROOT_SIGNATURE_FLAGS m_flags = D3D12_ROOT_SIGNATURE_FLAG_NONE;
     CComPtr<ID3D12RootSignature> m_rootSignature;
+    std::uint64_t m_serializedRevision = 0; // of the parameters, when it was made
 };
 
 } // namespace Norvex::DX
