@@ -138,47 +138,41 @@ void D12CommandAllocator::WaitComplete() {
     m_state.Get()->Reset();
 }
 
-template <class Record>
-void D12CommandAllocator::RecordOneShot(const Record& record) {
-    const auto list = CreateCommandList(nullptr);
-    try {
-        record(*list);
-        list->Close();
-    } catch (...) {
-        m_commandLists.pop_back();
-        throw;
-    }
+void D12CommandAllocator::DiscardRecording(std::size_t lists, std::size_t waits) noexcept {
+    m_commandLists.erase(m_commandLists.begin() + static_cast<std::ptrdiff_t>(lists),
+                         m_commandLists.end());
+    m_waits.erase(m_waits.begin() + static_cast<std::ptrdiff_t>(waits), m_waits.end());
 }
 
 void D12CommandAllocator::ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers) {
-    RecordOneShot([&](D12GraphicsCommandList& list) { list.ResourceBarrier(barriers); });
+    RecordList(nullptr, [&](const auto& list) { list->ResourceBarrier(barriers); });
 }
 
 void D12CommandAllocator::ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
                                                 const Proc::ColorF& color,
                                                 const std::vector<RECT>& rects) {
-    RecordOneShot(
-        [&](D12GraphicsCommandList& list) { list.ClearRenderTargetView(target, color, rects); });
+    RecordList(nullptr,
+               [&](const auto& list) { list->ClearRenderTargetView(target, color, rects); });
 }
 
 void D12CommandAllocator::ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
                                                 bitflags<D3D12_RESOURCE_STATES> state,
                                                 const Proc::ColorF& color,
                                                 const std::vector<RECT>& rects) {
-    RecordOneShot([&](D12GraphicsCommandList& list) {
-        list.ResourceBarrier({target->Transition(state, D3D12_RESOURCE_STATE_RENDER_TARGET,
-                                                 D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
-                                                 D3D12_RESOURCE_BARRIER_FLAG_NONE)});
-        list.ClearRenderTargetView(target, color, rects);
+    RecordList(nullptr, [&](const auto& list) {
+        list->ResourceBarrier({target->Transition(state, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                                  D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
+                                                  D3D12_RESOURCE_BARRIER_FLAG_NONE)});
+        list->ClearRenderTargetView(target, color, rects);
     });
 }
 
 void D12CommandAllocator::UploadRegion(const D12UploadRegionParams& params) {
-    RecordOneShot([&](D12GraphicsCommandList& list) { list.UploadRegion(params); });
+    RecordList(nullptr, [&](const auto& list) { list->UploadRegion(params); });
 }
 
 void D12CommandAllocator::UploadResource(const D12UploadResourceParams& params) {
-    RecordOneShot([&](D12GraphicsCommandList& list) { list.UploadResource(params); });
+    RecordList(nullptr, [&](const auto& list) { list->UploadResource(params); });
 }
 
 void D12CommandAllocator::WaitAllComplete() {

@@ -71,6 +71,24 @@ public:
     // reusable.
     void WaitComplete();
 
+    // Records one closed list: record(const boost::intrusive_ptr<D12GraphicsCommandList>&) is called
+    // with the open list. When it or Close throws, the allocator is as it was before: lists and
+    // waits that came meanwhile are gone, and the next recording finds everything usable. Whatever
+    // can fail without a list (pipeline states, buffers) is better made before the call.
+    template <class Record>
+    void RecordList(const CComPtr<ID3D12PipelineState>& pipelineState, const Record& record) {
+        const std::size_t lists = m_commandLists.size();
+        const std::size_t waits = m_waits.size();
+        const auto list = CreateCommandList(pipelineState);
+        try {
+            record(list);
+            list->Close();
+        } catch (...) {
+            DiscardRecording(lists, waits);
+            throw;
+        }
+    }
+
     // Each records one closed list; submit with Execute.
     void ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers);
     // No rectangles: the whole view. The resource is in the render-target state.
@@ -104,8 +122,8 @@ private:
     // "There is no active command list", thrown for the operation that asks.
     D12CommandList&
     GetActiveList(const std::source_location& location = std::source_location::current()) const;
-    template <class Record>
-    void RecordOneShot(const Record& record);
+    // Keeps the first lists and waits, drops the later ones.
+    void DiscardRecording(std::size_t lists, std::size_t waits) noexcept;
 
     D12AllocatorState m_state;
     boost::intrusive_ptr<D12Device> m_device;
