@@ -8,10 +8,36 @@ namespace {
 
 using Conf::TransferCharacteristics;
 
-constexpr double kLightUnit = 100.0; // cd/m2 of light 1.0 in PQ and HLG
+constexpr double kLightUnit = 100.0; // cd/m2 of light 1.0 in PQ and displayed HLG
+
+// The display that BT.2100-2, table 5, gives the HLG OOTF for.
+constexpr double kHLGNominalPeak = 1000.0; // cd/m2
+constexpr double kHLGNominalGamma = 1.2;
+constexpr double kHLGScenePeak = 12.0;
 
 bool IsHDRTransfer(TransferCharacteristics transfer) {
     return transfer == TransferCharacteristics::PQ || transfer == TransferCharacteristics::HLG;
+}
+
+// The light before a BT.709 camera that a BT.1886 display shows as `light`.
+double GetSceneLight(double light) {
+    const double signal = std::pow(light, 1.0 / 2.4);
+    return signal < 0.081 ? signal / 4.5 : std::pow((signal + 0.099) / 1.099, 1.0 / 0.45);
+}
+
+// What SDR white is in the linear light of the space.
+double GetWhite(const ColorConversionInfo& info, TransferCharacteristics transfer) {
+    if (!IsHDRTransfer(transfer)) {
+        return 1.0;
+    }
+    const double displayed = info.referenceWhite / kLightUnit;
+    if (info.mode != LinearizationMode::SceneReferred) {
+        return displayed;
+    }
+    return transfer == TransferCharacteristics::PQ
+               ? GetSceneLight(displayed)
+               : kHLGScenePeak *
+                     std::pow(info.referenceWhite / kHLGNominalPeak, 1.0 / kHLGNominalGamma);
 }
 
 // Brightest luminance that the target shows; SDR white stands for the reference white.
@@ -29,13 +55,9 @@ float ColorConversionInfo::GetLinearScale() const {
     if (raw) {
         return raw->linearScale;
     }
-    double scale = linearScale;
-    // Both at once cancel exactly: an HDR to HDR conversion keeps its light to the last bit.
-    if (IsHDRTransfer(source.transfer) != IsHDRTransfer(target.transfer)) {
-        const double white = referenceWhite / kLightUnit;
-        scale = IsHDRTransfer(target.transfer) ? scale * white : scale / white;
-    }
-    return static_cast<float>(scale);
+    // Equal whites cancel exactly: such a conversion keeps its light to the last bit.
+    return static_cast<float>(
+        linearScale * (GetWhite(*this, target.transfer) / GetWhite(*this, source.transfer)));
 }
 
 std::pair<float, float> ColorConversionInfo::GetPQTonemapCoefs() const {

@@ -2,7 +2,8 @@
 
 // What a colour conversion is to do, and the numbers that follow from it: plain values with derived
 // getters. Luminances are in cd/m2. Light of 1.0 is SDR white in SDR spaces and 100 cd/m2 in PQ and
-// display-referred HLG light, which is why reference white appears in the scale.
+// display-referred HLG light, which is why reference white appears in the scale. Equal spaces with
+// a scale of 1 are not converted at all, and so never tone-mapped.
 
 #include <cstdint>
 #include <optional>
@@ -40,9 +41,12 @@ struct NORVEX_HOST_API ColorConversionInfo {
     float referenceWhite = 203.0F;          // HDR reference white, ITU-R BT.2408-7, 2.1; > 0
     std::optional<RawConversionParams> raw; // when set, all getters answer from here
 
-    // Factor on linear light: linearScale x (100 / referenceWhite when the source is PQ or HLG)
-    // x (referenceWhite / 100 when the target is PQ or HLG). So SDR white becomes referenceWhite in
-    // PQ and back.
+    // Factor on linear light: linearScale x white of the target / white of the source, so that
+    // white stays white in every mode. White is 1 in SDR and linear spaces. In PQ and HLG it is
+    // what stands for referenceWhite: in display light referenceWhite / 100; in scene light of PQ
+    // the light that the BT.709 camera and a BT.1886 display show as that; in scene light of HLG (0
+    // to 12) 12 (referenceWhite / 1000)^(1 / 1.2), ITU-R BT.2100-2, table 5, for its display of
+    // 1000 cd/m2: 75 % of the signal at 203 cd/m2.
     float GetLinearScale() const;
 
     // {A, B} of the tone curve (1 + A m) / (1 + B m) on the channel maximum m (1.0 = 100 cd/m2).
