@@ -62,6 +62,7 @@ constexpr std::size_t kInfoQueueGetMessage = 5;
 constexpr std::size_t kInfoQueueGetNumStoredMessages = 9;
 constexpr std::size_t kKeyedMutexAcquireSync = 8;
 constexpr std::size_t kKeyedMutexReleaseSync = 9;
+constexpr std::size_t kListClose = 9;
 constexpr std::size_t kListCopyBufferRegion = 15;
 constexpr std::size_t kListRSSetViewports = 21;
 constexpr std::size_t kListRSSetScissorRects = 22;

@@ -9,13 +9,23 @@ namespace {
 boost::intrusive_ptr<D11VertexBuffer>
 MakeQuadBuffer(const boost::intrusive_ptr<D11Device>& device) {
     const auto quad = MakeQuad();
-    return D11VertexBuffer::Create(device, quad.data(), sizeof(QuadVertex), quad.size());
+    return D11VertexBuffer::Create(device, quad.data(), sizeof(QuadVertex),
+                                   static_cast<UINT>(quad.size()));
+}
+
+void CheckArguments(const D11DeviceContext* context, const D11ShaderTexture2D* source,
+                    const D11RenderTexture2D* target, const std::source_location& location) {
+    ThrowUnless<DirectX11Exception>(
+        source != nullptr, "The texture is expected to be the shader resource view", location);
+    ThrowUnless<DirectX11Exception>(
+        target != nullptr, "The texture is expected to be the render target view", location);
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context", location);
 }
 
 } // namespace
 
 D11ImageDraw::D11ImageDraw(const boost::intrusive_ptr<D11Device>& device)
-    : m_device(device),
+    : m_device(CheckDevice<DirectX11Exception>(device)),
       m_vertexShader(
           std::make_shared<D11VertexShader>(device, "VSMain", D3ImageRenderer::GetVertexShader())),
       m_pixelShader(
@@ -33,6 +43,7 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                           const boost::intrusive_ptr<D11RenderTexture2D>& target,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
+    CheckArguments(context.get(), source.get(), target.get(), std::source_location::current());
     const Rect2DT<long> area = rect.value_or(target->GetRect());
     const AffineTransform transform = MakeTransform(source, SizeOf(area));
     Encode(context, source, target, transform, conversion, rect);
@@ -44,9 +55,14 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                           const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
+    CheckArguments(context.get(), source.get(), target.get(), std::source_location::current());
     const Rect2DT<long> area = rect.value_or(target->GetRect());
-    const auto parameters = CreateParamsBuffer(ToClipUnits(transform, area), conversion);
-    BindOutput(*context, *target, area);
+    const auto viewport = GetVisiblePart(area, target->GetSize());
+    if (!viewport) {
+        return;
+    }
+    const auto parameters = CreateParamsBuffer(ToClipUnits(transform, area, *viewport), conversion);
+    BindOutput(*context, *target, *viewport);
     BindInput(*context, *source, parameters);
     context->Draw(m_vertexBuffer);
 
@@ -70,12 +86,12 @@ CComPtr<ID3D11Buffer> D11ImageDraw::CreateParamsBuffer(
 }
 
 void D11ImageDraw::BindOutput(D11DeviceContext& context, const D11RenderTexture2D& target,
-                              const Rect2DT<long>& rect) const {
+                              const Rect2DT<long>& viewport) const {
     context.RSSetState(m_rasterizer);
     context.OMSetDepthStencilState(m_depthStencil, 0);
     context.OMSetRenderTargets({target.GetView()}, nullptr);
     context.OMSetBlendState(m_blendState);
-    context.RSSetViewports({Quad11::MakeViewport(rect)});
+    context.RSSetViewports({Quad11::MakeViewport(viewport)});
 }
 
 void D11ImageDraw::BindInput(D11DeviceContext& context, const D11ShaderTexture2D& source,

@@ -2,7 +2,8 @@
 
 // Drawing on Direct3D 11: draw an image through a transform and a colour conversion, or fitted by
 // view state. Encode records on the context inside D11Device::Encode. One thread at a time; nothing
-// here is locked but by that Encode. Throws DirectX11Exception. View state and shaders:
+// here is locked but by that Encode. Throws DirectX11Exception, for a null device "There is no
+// device", for a null context "There is no device context". View state and shaders:
 // D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
 
 #include <memory>
@@ -21,10 +22,14 @@ public:
     // Compiles the shaders; makes the quad and the states.
     explicit D11ImageDraw(const boost::intrusive_ptr<D11Device>& device);
     ~D11ImageDraw() override;
+    D11ImageDraw(const D11ImageDraw&) = delete;
+    D11ImageDraw& operator=(const D11ImageDraw&) = delete;
 
-    // Draws the source over rect (pixels; default: the whole target; parts outside the target are
-    // cut off) with the stored transform. Without conversion the colours are sampled and written
-    // as they are.
+    // Draws the source over rect (pixels; any, parts outside the target are cut off; default: the
+    // whole target) with the stored transform. Without conversion the colours are sampled and
+    // written as they are. "The texture is expected to be the shader resource view", "The texture
+    // is expected to be the render target view" (null is neither). A rect of which nothing lies
+    // inside the target changes nothing.
     //
     // Afterwards blend, depth-stencil and rasterizer state are Direct3D's defaults and no target is
     // bound, so that it can be drawn from. Viewport, topology, vertex buffer 0, input layout, both
@@ -37,7 +42,7 @@ public:
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
     // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its
-    // translation is in pixels of rect.
+    // translation is in pixels of rect. It may mirror.
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                 const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target,
@@ -65,7 +70,7 @@ private:
     CreateParamsBuffer(const AffineTransform& clipTransform,
                        const std::optional<Proc::ColorAlphaConversionInfo>& conversion) const;
     void BindOutput(D11DeviceContext& context, const D11RenderTexture2D& target,
-                    const Rect2DT<long>& rect) const;
+                    const Rect2DT<long>& viewport) const;
     void BindInput(D11DeviceContext& context, const D11ShaderTexture2D& source,
                    ID3D11Buffer* parameters) const;
 

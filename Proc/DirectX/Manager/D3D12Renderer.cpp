@@ -2,16 +2,24 @@
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
-#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
 
-void CheckTarget(const D12Descriptor& target, const std::source_location& location) {
-    ThrowUnless<DirectX12Exception>(target.GetType() == D12Descriptor::RenderTarget,
-                                    "The texture is expected to be the render target view",
+void CheckSource(const D12Descriptor* source, const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(
+        source != nullptr && source->GetType() == D12Descriptor::ShaderResource,
+        "The texture is expected to be the shader resource view", location);
+}
+
+void CheckTarget(const D12CommandAllocator* allocator, const D12Descriptor* target,
+                 const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(
+        target != nullptr && target->GetType() == D12Descriptor::RenderTarget,
+        "The texture is expected to be the render target view", location);
+    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator",
                                     location);
 }
 
@@ -45,29 +53,40 @@ D12QuadPipeline::MakePipelineState(D12ShaderParameters& parameters, const D12Des
     return m_pipelineState;
 }
 
-void D12QuadPipeline::EnsureQuad(D12GraphicsCommandList& commandList) {
-    if (m_vertexBuffer == nullptr) {
-        const auto quad = MakeQuad();
-        m_vertexBuffer = commandList.CreateVertexBuffer(quad.data(), sizeof(QuadVertex),
-                                                        static_cast<unsigned>(quad.size()));
+const boost::intrusive_ptr<D12VertexBuffer>&
+D12QuadPipeline::MakeQuad(D12GraphicsCommandList& commandList, Winding winding) {
+    auto& buffer = m_quads.at(static_cast<std::size_t>(winding));
+    if (buffer == nullptr) {
+        const auto quad = DX::MakeQuad({1.0F, 1.0F}, winding);
+        buffer = commandList.CreateVertexBuffer(quad.data(), sizeof(QuadVertex),
+                                                static_cast<unsigned>(quad.size()));
     }
+    return buffer;
 }
 
-void D12QuadPipeline::DrawQuad(D12GraphicsCommandList& commandList,
-                               const boost::intrusive_ptr<D12Descriptor>& target,
-                               const Rect2DT<long>& rect) const {
-    const Size2DT<long> size = target->GetSize();
-    commandList.OMSetRenderTarget(target, nullptr);
-    commandList.RSSetViewports({Quad12::MakeViewport(rect)});
-    commandList.RSSetScissorRects({RECT{0, 0, size.width, size.height}});
-    commandList.IASetVertexBuffer(m_vertexBuffer);
-    commandList.IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
-    commandList.Draw(m_vertexBuffer);
-    commandList.Close();
+void D12QuadPipeline::Record(D12CommandAllocator& allocator, D12ShaderParameters& parameters,
+                             const boost::intrusive_ptr<D12Descriptor>& target,
+                             const std::optional<Rect2DT<long>>& viewport, Winding winding) {
+    const auto& pipelineState = MakePipelineState(parameters, *target);
+    allocator.RecordList(pipelineState,
+                         [&](const boost::intrusive_ptr<D12GraphicsCommandList>& list) {
+                             if (!viewport) {
+                                 return;
+                             }
+                             const auto& quad = MakeQuad(*list, winding);
+                             const Size2DT<long> size = target->GetSize();
+                             parameters.SetToCommandList(list);
+                             list->OMSetRenderTarget(target, nullptr);
+                             list->RSSetViewports({Quad12::MakeViewport(*viewport)});
+                             list->RSSetScissorRects({RECT{0, 0, size.width, size.height}});
+                             list->IASetVertexBuffer(quad);
+                             list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
+                             list->Draw(quad);
+                         });
 }
 
 D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
-    : m_device(device),
+    : m_device(CheckDevice<DirectX12Exception>(device)),
       m_parameters(device->CreateShaderParameters()),
       m_color(m_parameters->AddContants(4, 0, 0, D3D12_SHADER_VISIBILITY_ALL)),
       m_pipeline(device, std::string(Shaders::kQuadVertex), std::string(Shaders::kFillPixel)) {
@@ -80,17 +99,14 @@ void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloca
                          const Proc::ColorF& color,
                          const boost::intrusive_ptr<D12Descriptor>& target,
                          const Rect2DT<long>& rect) {
-    CheckTarget(*target, std::source_location::current());
-    const auto commandList =
-        allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
-    m_pipeline.EnsureQuad(*commandList);
+    CheckTarget(allocator.get(), target.get(), std::source_location::current());
     m_color->SetData(&color, sizeof(color));
-    m_parameters->SetToCommandList(commandList);
-    m_pipeline.DrawQuad(*commandList, target, rect);
+    m_pipeline.Record(*allocator, *m_parameters, target, GetVisiblePart(rect, target->GetSize()),
+                      Winding::Clockwise);
 }
 
 D12ImageDraw::D12ImageDraw(const boost::intrusive_ptr<D12Device>& device)
-    : m_device(device),
+    : m_device(CheckDevice<DirectX12Exception>(device)),
       m_parameters(device->CreateShaderParameters()),
       m_paramsView(m_parameters->AddConstantBufferView(0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
                                                        D3D12_SHADER_VISIBILITY_ALL)),
@@ -107,6 +123,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const boost::intrusive_ptr<D12Descriptor>& target,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(allocator.get(), target.get(), std::source_location::current());
     const Rect2DT<long> area = rect.value_or(target->GetRect());
     AffineTransform transform;
     {
@@ -122,19 +140,14 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    ThrowUnless<DirectX12Exception>(source->GetType() == D12Descriptor::ShaderResource,
-                                    "The texture is expected to be the shader resource view");
-    CheckTarget(*target, std::source_location::current());
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(allocator.get(), target.get(), std::source_location::current());
     const Rect2DT<long> area = rect.value_or(target->GetRect());
-    const AffineTransform clipTransform = ToClipUnits(transform, area);
+    const auto viewport = GetVisiblePart(area, target->GetSize());
 
     const std::lock_guard guard(m_mutex);
-    SetParameters(clipTransform, source, conversion);
-    const auto commandList =
-        allocator->CreateCommandList(m_pipeline.MakePipelineState(*m_parameters, *target));
-    m_pipeline.EnsureQuad(*commandList);
-    m_parameters->SetToCommandList(commandList);
-    m_pipeline.DrawQuad(*commandList, target, area);
+    SetParameters(ToClipUnits(transform, area, viewport.value_or(area)), source, conversion);
+    m_pipeline.Record(*allocator, *m_parameters, target, viewport, GetWinding(transform));
 }
 
 void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,

@@ -2,10 +2,12 @@
 
 // Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour
 // conversion, draw an image fitted by view state. Each Encode records one closed command list on
-// the caller's allocator; the caller submits it. The target is in the render-target state, the
-// source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
-// Throws DirectX12Exception. View state and shaders: D3ImageRenderer.h.
+// the caller's allocator, or throws and leaves the allocator as it was; the caller submits it. The
+// target is in the render-target state, the source readable by the pixel shader. D12FillDraw: one
+// thread at a time; the others: any thread. Throws DirectX12Exception, for a null device "There is
+// no device", for a null allocator "There is no command allocator". Next: D3ImageRenderer.h.
 
+#include <array>
 #include <mutex>
 #include <optional>
 
@@ -18,31 +20,35 @@
 
 namespace Norvex::DX {
 
-// What both draws share: the full-screen quad and the one pipeline state for the last used target
-// format, both made on first use. A target of another format rebuilds the pipeline state.
+enum class Winding; // D3Quad.h
+
+// What both draws share, internal: the full-screen quad and the one pipeline state for the last
+// used target format, both made on first use. A target of another format rebuilds the pipeline
+// state.
 class D12QuadPipeline {
 public:
     D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
                     const std::string& pixelShader);
 
-    // The pipeline state for the target's format and the current blend state and root signature.
-    const CComPtr<ID3D12PipelineState>& MakePipelineState(D12ShaderParameters& parameters,
-                                                          const D12Descriptor& target);
-    // Sets target, viewport (rect) and scissor (whole target), and draws the quad.
-    void DrawQuad(D12GraphicsCommandList& commandList,
-                  const boost::intrusive_ptr<D12Descriptor>& target,
-                  const Rect2DT<long>& rect) const;
-    // Makes the quad on the first call.
-    void EnsureQuad(D12GraphicsCommandList& commandList);
+    // Records one list: the quad over the viewport, which lies inside the target; without one,
+    // nothing.
+    void Record(D12CommandAllocator& allocator, D12ShaderParameters& parameters,
+                const boost::intrusive_ptr<D12Descriptor>& target,
+                const std::optional<Rect2DT<long>>& viewport, Winding winding);
 
     const D12BlendState& GetBlendState() const { return m_blendState; }
     void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
 
 private:
+    const CComPtr<ID3D12PipelineState>& MakePipelineState(D12ShaderParameters& parameters,
+                                                          const D12Descriptor& target);
+    const boost::intrusive_ptr<D12VertexBuffer>& MakeQuad(D12GraphicsCommandList& commandList,
+                                                          Winding winding);
+
     boost::intrusive_ptr<D12Device> m_device;
     D12GraphicsPipelineDesc m_desc;
     D12BlendState m_blendState;
-    boost::intrusive_ptr<D12VertexBuffer> m_vertexBuffer;
+    std::array<boost::intrusive_ptr<D12VertexBuffer>, 2> m_quads; // one a winding
     CComPtr<ID3D12PipelineState> m_pipelineState;
 };
 
@@ -51,9 +57,11 @@ public:
     // Compiles the shaders.
     explicit D12FillDraw(const boost::intrusive_ptr<D12Device>& device);
     ~D12FillDraw() override;
+    D12FillDraw(const D12FillDraw&) = delete;
+    D12FillDraw& operator=(const D12FillDraw&) = delete;
 
-    // Fills rect (pixels; parts outside the target are cut off) with the colour in the target's own
-    // encoding. "The texture is expected to be the render target view".
+    // Fills rect (pixels; any, parts outside the target are cut off) with the colour in the
+    // target's own encoding. "The texture is expected to be the render target view" (null is none).
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const Proc::ColorF& color, const boost::intrusive_ptr<D12Descriptor>& target,
                 const Rect2DT<long>& rect);
@@ -75,17 +83,20 @@ public:
     // Compiles the shaders.
     explicit D12ImageDraw(const boost::intrusive_ptr<D12Device>& device);
     ~D12ImageDraw() override;
+    D12ImageDraw(const D12ImageDraw&) = delete;
+    D12ImageDraw& operator=(const D12ImageDraw&) = delete;
 
-    // Draws the source over rect (pixels; default: the whole target) with the user transform.
-    // Without conversion the colours are sampled and written as they are. "The texture is expected
-    // to be the shader resource view", "The texture is expected to be the render target view".
+    // Draws the source over rect (pixels; any, parts outside the target are cut off; default: the
+    // whole target) with the user transform. Without conversion the colours are sampled and written
+    // as they are. "The texture is expected to be the shader resource view", "The texture is
+    // expected to be the render target view" (null is neither).
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
     // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its
-    // translation is in pixels of rect.
+    // translation is in pixels of rect. It may mirror.
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,

@@ -42,6 +42,8 @@ class NORVEX_DX_API D3ImageRenderer : public virtual RefCountImpl {
 public:
     D3ImageRenderer() = default;
     ~D3ImageRenderer() override;
+    D3ImageRenderer(const D3ImageRenderer&) = delete;
+    D3ImageRenderer& operator=(const D3ImageRenderer&) = delete;
 
     // HLSL, entry "VSMain", shader model 4.0. Reads the transform, the first 64 bytes of the
     // parameters (b0).

@@ -1,39 +1,54 @@
 #pragma once
 
 // What the drawers of both generations draw and with which fixed states, internal: a quad over the
-// viewport, sampled linearly. Constants and pure functions, any thread.
+// viewport, sampled linearly. Constants and pure functions, any thread. E is the exception of the
+// generation.
 
 #include <array>
+#include <optional>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
+
+// The device; "There is no device" for a null one.
+template <class E, class Device>
+const boost::intrusive_ptr<Device>&
+CheckDevice(const boost::intrusive_ptr<Device>& device,
+            const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<E>(device != nullptr, "There is no device", location);
+    return device;
+}
 
 struct QuadVertex {
     float x, y, w;
     float u, v;
 };
 
+enum class Winding : int { Clockwise, CounterClockwise };
+
 // Covers clip space with the texture from its corner to `extent`, 1 for all of it; a triangle
 // strip.
-inline std::array<QuadVertex, 4> MakeQuad(const Size2DT<float>& extent = {1.0F, 1.0F}) {
-    return {{{-1, -1, 1, 0, extent.height},
-             {-1, 1, 1, 0, 0},
-             {1, -1, 1, extent.width, extent.height},
-             {1, 1, 1, extent.width, 0}}};
-}
+std::array<QuadVertex, 4> MakeQuad(const Size2DT<float>& extent = {1.0F, 1.0F},
+                                   Winding winding = Winding::Clockwise);
+// The winding that faces the viewer once the transform has been applied.
+Winding GetWinding(const AffineTransform& transform);
 
-// The user's transform translates in pixels; a clip unit is half the rectangle.
-inline AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect) {
-    transform.rows[3][0] *= 2.0F / static_cast<float>(rect.right - rect.left);
-    transform.rows[3][1] *= 2.0F / static_cast<float>(rect.bottom - rect.top);
-    return transform;
-}
+// The part of the rectangle inside a target of that size, nothing where there is none. It serves as
+// the viewport: viewports end at 32767, rectangles do not.
+std::optional<Rect2DT<long>> GetVisiblePart(const Rect2DT<long>& rect, const Size2DT<long>& target);
 
-inline Size2DT<long> SizeOf(const Rect2DT<long>& rect) {
-    return {rect.right - rect.left, rect.bottom - rect.top};
-}
+// The user's transform, in clip units of `rect` but its translation in pixels, in clip units of
+// `viewport`.
+AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect,
+                            const Rect2DT<long>& viewport);
+
+// At most what a long holds.
+Size2DT<long> SizeOf(const Rect2DT<long>& rect);
 
 // For Direct3D 11.
 namespace Quad11 {
@@ -50,7 +65,7 @@ D3D11_VIEWPORT MakeViewport(const Rect2DT<long>& rect);
 namespace Quad12 {
 
 std::vector<D3D12_INPUT_ELEMENT_DESC> MakeInputElements();
-D3D12_RASTERIZER_DESC MakeRasterizer();        // front faces
+D3D12_RASTERIZER_DESC MakeRasterizer();        // front faces, clockwise
 D3D12_DEPTH_STENCIL_DESC MakeDepthStencil();   // off
 D3D12_STATIC_SAMPLER_DESC MakeLinearSampler(); // clamped, s0 of the pixel shader
 D3D12_VIEWPORT MakeViewport(const Rect2DT<long>& rect);
