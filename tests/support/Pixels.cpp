@@ -10,7 +10,36 @@ namespace Norvex::Test {
 
 namespace {
 
-constexpr unsigned kChannels = 4;
+enum class Kind { Unorm8, Unorm16, Half, Float };
+
+struct Layout {
+    Kind kind;
+    unsigned channels;
+    unsigned channelSize; // bytes
+};
+
+Layout LayoutOf(DXGI_FORMAT format) {
+    switch (format) {
+    case DXGI_FORMAT_R8_UNORM:
+        return {Kind::Unorm8, 1, 1};
+    case DXGI_FORMAT_R8G8_UNORM:
+        return {Kind::Unorm8, 2, 1};
+    case DXGI_FORMAT_R8G8B8A8_UNORM:
+        return {Kind::Unorm8, 4, 1};
+    case DXGI_FORMAT_R16_UNORM:
+        return {Kind::Unorm16, 1, 2};
+    case DXGI_FORMAT_R16G16_UNORM:
+        return {Kind::Unorm16, 2, 2};
+    case DXGI_FORMAT_R16G16B16A16_UNORM:
+        return {Kind::Unorm16, 4, 2};
+    case DXGI_FORMAT_R16G16B16A16_FLOAT:
+        return {Kind::Half, 4, 2};
+    case DXGI_FORMAT_R32G32B32A32_FLOAT:
+        return {Kind::Float, 4, 4};
+    default:
+        throw std::invalid_argument("a format that pixels are not made of here");
+    }
+}
 
 template <class T>
 T ToUnorm(double value) {
@@ -18,16 +47,16 @@ T ToUnorm(double value) {
     return static_cast<T>(std::lround(std::clamp(value, 0.0, 1.0) * kMax));
 }
 
-void Store(double value, DXGI_FORMAT format, std::uint8_t* out) {
+void Store(double value, Kind kind, std::uint8_t* out) {
     const auto put = [out](auto encoded) { std::memcpy(out, &encoded, sizeof(encoded)); };
-    switch (format) {
-    case DXGI_FORMAT_R8G8B8A8_UNORM:
+    switch (kind) {
+    case Kind::Unorm8:
         return put(ToUnorm<std::uint8_t>(value));
-    case DXGI_FORMAT_R16G16B16A16_UNORM:
+    case Kind::Unorm16:
         return put(ToUnorm<std::uint16_t>(value));
-    case DXGI_FORMAT_R16G16B16A16_FLOAT:
+    case Kind::Half:
         return put(FloatToHalf(static_cast<float>(value)));
-    default:
+    case Kind::Float:
         return put(static_cast<float>(value));
     }
 }
@@ -39,13 +68,13 @@ T Get(const std::uint8_t* in) {
     return value;
 }
 
-double Load(DXGI_FORMAT format, const std::uint8_t* in) {
-    switch (format) {
-    case DXGI_FORMAT_R8G8B8A8_UNORM:
+double Load(Kind kind, const std::uint8_t* in) {
+    switch (kind) {
+    case Kind::Unorm8:
         return Get<std::uint8_t>(in) / 255.0;
-    case DXGI_FORMAT_R16G16B16A16_UNORM:
+    case Kind::Unorm16:
         return Get<std::uint16_t>(in) / 65535.0;
-    case DXGI_FORMAT_R16G16B16A16_FLOAT:
+    case Kind::Half:
         return HalfToFloat(Get<std::uint16_t>(in));
     default:
         return Get<float>(in);
@@ -55,27 +84,17 @@ double Load(DXGI_FORMAT format, const std::uint8_t* in) {
 } // namespace
 
 unsigned BytesPerPixel(DXGI_FORMAT format) {
-    switch (format) {
-    case DXGI_FORMAT_R8G8B8A8_UNORM:
-        return 4;
-    case DXGI_FORMAT_R16G16B16A16_UNORM:
-    case DXGI_FORMAT_R16G16B16A16_FLOAT:
-        return 8;
-    case DXGI_FORMAT_R32G32B32A32_FLOAT:
-        return 16;
-    default:
-        throw std::invalid_argument("a format that pixels are not made of here");
-    }
+    const Layout layout = LayoutOf(format);
+    return layout.channels * layout.channelSize;
 }
 
 std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format) {
-    const unsigned channelSize = BytesPerPixel(format) / kChannels;
+    const Layout layout = LayoutOf(format);
     std::vector<std::uint8_t> bytes(pixels.colors.size() * BytesPerPixel(format));
     std::uint8_t* out = bytes.data();
     for (const Color& color : pixels.colors) {
-        for (const double channel : color) {
-            Store(channel, format, out);
-            out += channelSize;
+        for (unsigned i = 0; i < layout.channels; ++i, out += layout.channelSize) {
+            Store(color.at(i), layout.kind, out);
         }
     }
     return bytes;
@@ -83,13 +102,12 @@ std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format)
 
 Pixels DecodePixels(const std::uint8_t* bytes, std::size_t rowPitch, unsigned width,
                     unsigned height, DXGI_FORMAT format) {
-    const unsigned channelSize = BytesPerPixel(format) / kChannels;
+    const Layout layout = LayoutOf(format);
     return MakePixels(width, height, [&](unsigned x, unsigned y) {
         const std::uint8_t* in = bytes + y * rowPitch + std::size_t{x} * BytesPerPixel(format);
         Color color = {};
-        for (double& channel : color) {
-            channel = Load(format, in);
-            in += channelSize;
+        for (unsigned i = 0; i < layout.channels; ++i, in += layout.channelSize) {
+            color.at(i) = Load(layout.kind, in);
         }
         return color;
     });

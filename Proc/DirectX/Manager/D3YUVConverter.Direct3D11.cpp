@@ -2,33 +2,31 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
-#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
 
-YUVFormat GetFormat(DXGI_FORMAT format, const std::source_location& location) {
-    const auto found = FindYUVFormat(format);
-    ThrowUnless<DirectX11Exception>(found.has_value(), "Unsupported pixel format", location);
-    return *found;
-}
-
-D3D11_TEXTURE2D_DESC GetDesc(ID3D11Texture2D* texture) {
+YUVPlane Describe(ID3D11Texture2D* texture) {
     D3D11_TEXTURE2D_DESC desc = {};
-    texture->GetDesc(&desc);
-    return desc;
+    if (texture != nullptr) {
+        texture->GetDesc(&desc);
+    }
+    return {desc.Format, {static_cast<long>(desc.Width), static_cast<long>(desc.Height)}};
 }
 
-Size2DT<long> GetSize(const D3D11_TEXTURE2D_DESC& desc) {
-    return {static_cast<long>(desc.Width), static_cast<long>(desc.Height)};
+void CheckArguments(const D11DeviceContext* context, ID3D11Texture2D* source,
+                    const std::source_location& location) {
+    ThrowUnless<DirectX11Exception>(source != nullptr, "There is no source texture", location);
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context", location);
 }
 
 boost::intrusive_ptr<D11VertexBuffer> CreateQuad(const boost::intrusive_ptr<D11Device>& device,
                                                  const Size2DT<float>& extent) {
     const auto quad = MakeQuad(extent);
-    return D11VertexBuffer::Create(device, quad.data(), sizeof(QuadVertex), quad.size());
+    return D11VertexBuffer::Create(device, quad.data(), sizeof(QuadVertex),
+                                   static_cast<UINT>(quad.size()));
 }
 
 CComPtr<ID3D11Buffer> CreateConstants(D11Device& device, const std::vector<std::uint8_t>& bytes) {
@@ -61,7 +59,7 @@ void SetArea(D11DeviceContext& context, const Size2DT<long>& size) {
 
 D11YUVConverter::D11YUVConverter(const boost::intrusive_ptr<D11Device>& device,
                                  Proc::AlphaType alphaType)
-    : m_device(device),
+    : m_device(CheckDevice<DirectX11Exception>(device)),
       m_alphaType(alphaType),
       m_vertexShader(
           std::make_shared<D11VertexShader>(device, "VSMain", std::string(Shaders::kQuadVertex))),
@@ -80,10 +78,11 @@ void D11YUVConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& conte
                              const CComPtr<ID3D11Texture2D>& source,
                              const CComPtr<ID3D11Texture2D>& destination,
                              Conf::YCbCrMatrix matrix) {
-    const D3D11_TEXTURE2D_DESC desc = GetDesc(destination);
-    const YUVFormat format = GetFormat(desc.Format, std::source_location::current());
-    const Size2DT<long> size = GetSize(desc);
-    ConfigForDestination({desc.Format, size, {size.width >> 1, size.height >> 1}, matrix});
+    const auto location = std::source_location::current();
+    const auto [pixelFormat, size] = Describe(destination);
+    const auto format = GetYUVFormat<DirectX11Exception>(pixelFormat, location);
+    CheckArguments(context.get(), source, location);
+    ConfigForDestination({pixelFormat, size, {size.width >> 1, size.height >> 1}, matrix}, format);
     // The format of a view chooses the plane.
     Record(*context, D11ShaderTexture2D(source, std::nullopt),
            D11RenderTexture2D(destination, format.luma),
@@ -95,19 +94,24 @@ void D11YUVConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& conte
                              const CComPtr<ID3D11Texture2D>& luma,
                              const CComPtr<ID3D11Texture2D>& chroma, DXGI_FORMAT format,
                              Conf::YCbCrMatrix matrix) {
-    const YUVFormat planeFormat = GetFormat(format, std::source_location::current());
-    ConfigForDestination({format, GetSize(GetDesc(luma)), GetSize(GetDesc(chroma)), matrix});
+    const auto location = std::source_location::current();
+    const auto planeFormat = GetYUVFormat<DirectX11Exception>(format, location);
+    const YUVPlane lumaPlane = Describe(luma);
+    const YUVPlane chromaPlane = Describe(chroma);
+    CheckYUVPlanes<DirectX11Exception>(planeFormat, lumaPlane, chromaPlane, location);
+    CheckArguments(context.get(), source, location);
+    ConfigForDestination({format, lumaPlane.size, chromaPlane.size, matrix}, planeFormat);
     Record(*context, D11ShaderTexture2D(source, std::nullopt),
            D11RenderTexture2D(luma, planeFormat.luma),
            D11RenderTexture2D(chroma, planeFormat.chroma));
 }
 
-void D11YUVConverter::ConfigForDestination(const YUVDestination& destination) {
+void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
+                                           const YUVFormat& format) {
     if (m_destination == destination) {
         return;
     }
     m_destination.reset(); // should something below throw
-    const YUVFormat format = GetFormat(destination.format, std::source_location::current());
     m_paramsBuffer =
         CreateConstants(*m_device, MakeYUVParams(m_alphaType, destination.matrix, format.bitDepth));
     const auto texture = CreateIntermediate(*m_device, destination.size, format.chroma);
@@ -142,6 +146,8 @@ void D11YUVConverter::Record(D11DeviceContext& context, const D11ShaderTexture2D
     context.IASetVertexBuffer(m_chromaQuad);
     context.Draw(m_chromaQuad);
 
+    // The next call draws to the intermediate texture.
+    context.PSSetShaderResources({nullptr});
     context.OMSetRenderTargets({nullptr}, nullptr);
     context.OMSetDepthStencilState(nullptr, 0);
     context.RSSetState(nullptr);

@@ -4,22 +4,23 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
-#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
 
-YUVFormat GetFormat(DXGI_FORMAT format, const std::source_location& location) {
-    const auto found = FindYUVFormat(format);
-    ThrowUnless<DirectX12Exception>(found.has_value(), "Unsupported pixel format", location);
-    return *found;
+YUVPlane Describe(ID3D12Resource* texture) {
+    const D3D12_RESOURCE_DESC desc =
+        texture != nullptr ? Platform::GetDesc(texture) : D3D12_RESOURCE_DESC{};
+    return {desc.Format, {static_cast<long>(desc.Width), static_cast<long>(desc.Height)}};
 }
 
-Size2DT<long> GetSize(ID3D12Resource* texture) {
-    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(texture);
-    return {static_cast<long>(desc.Width), static_cast<long>(desc.Height)};
+void CheckArguments(const D12CommandAllocator* allocator, ID3D12Resource* source,
+                    const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(source != nullptr, "There is no source texture", location);
+    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator",
+                                    location);
 }
 
 D3D12_RENDER_TARGET_VIEW_DESC MakeViewDesc(DXGI_FORMAT format, unsigned plane) {
@@ -37,11 +38,6 @@ void AddTransition(std::vector<D3D12_RESOURCE_BARRIER>& barriers, ID3D12Resource
     }
 }
 
-void SetArea(D12GraphicsCommandList& commandList, const Size2DT<long>& size) {
-    commandList.RSSetViewports({Quad12::MakeViewport({0, 0, size.width, size.height})});
-    commandList.RSSetScissorRects({RECT{0, 0, size.width, size.height}});
-}
-
 boost::intrusive_ptr<D12VertexBuffer> CreateQuad(D12GraphicsCommandList& commandList,
                                                  const Size2DT<float>& extent) {
     const auto quad = MakeQuad(extent);
@@ -53,7 +49,7 @@ boost::intrusive_ptr<D12VertexBuffer> CreateQuad(D12GraphicsCommandList& command
 
 D12YUVConverter::D12YUVConverter(const boost::intrusive_ptr<D12Device>& device,
                                  Proc::AlphaType alphaType)
-    : m_device(device),
+    : m_device(CheckDevice<DirectX12Exception>(device)),
       m_alphaType(alphaType),
       m_yCbCrPass(MakePass(GetYUVPixelShader())),
       m_resizePass(MakePass(std::string(Shaders::kResizePixel))) {
@@ -78,8 +74,7 @@ D12YUVConverter::Pass D12YUVConverter::MakePass(const std::string& pixelShader) 
     return pass;
 }
 
-const CComPtr<ID3D12PipelineState>&
-D12YUVConverter::MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const {
+void D12YUVConverter::MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const {
     const bool changed = pass.parameters->SerializeRootSignature();
     if (pass.pipelineState == nullptr || changed || pass.desc.renderTargetFormats != formats) {
         pass.desc.rootSignature = pass.parameters->GetRootSignature();
@@ -87,17 +82,17 @@ D12YUVConverter::MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& f
         pass.pipelineState.Release();
         pass.pipelineState = m_device->CreateGraphicsPipelineState(pass.desc);
     }
-    return pass.pipelineState;
 }
 
 void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                              const CComPtr<ID3D12Resource>& source,
                              const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
                              const std::array<D12ResourceStates, 2>& states) {
-    const DXGI_FORMAT pixelFormat = Platform::GetDesc(destination).Format;
-    const YUVFormat format = GetFormat(pixelFormat, std::source_location::current());
-    const Size2DT<long> size = GetSize(destination);
-    ConfigForDestination({pixelFormat, size, {size.width >> 1, size.height >> 1}, matrix});
+    const auto location = std::source_location::current();
+    const auto [pixelFormat, size] = Describe(destination);
+    const auto format = GetYUVFormat<DirectX12Exception>(pixelFormat, location);
+    CheckArguments(allocator.get(), source, location);
+    ConfigForDestination({pixelFormat, size, {size.width >> 1, size.height >> 1}, matrix}, format);
     const Planes planes = {
         m_device->CreateRenderTargetView(destination, MakeViewDesc(format.luma, 0)),
         m_device->CreateRenderTargetView(destination, MakeViewDesc(format.chroma, 1))};
@@ -114,8 +109,13 @@ void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& al
                              const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format,
                              Conf::YCbCrMatrix matrix,
                              const std::array<D12ResourceStates, 3>& states) {
-    const YUVFormat planeFormat = GetFormat(format, std::source_location::current());
-    ConfigForDestination({format, GetSize(luma), GetSize(chroma), matrix});
+    const auto location = std::source_location::current();
+    const auto planeFormat = GetYUVFormat<DirectX12Exception>(format, location);
+    const YUVPlane lumaPlane = Describe(luma);
+    const YUVPlane chromaPlane = Describe(chroma);
+    CheckYUVPlanes<DirectX12Exception>(planeFormat, lumaPlane, chromaPlane, location);
+    CheckArguments(allocator.get(), source, location);
+    ConfigForDestination({format, lumaPlane.size, chromaPlane.size, matrix}, planeFormat);
     const Planes planes = {
         m_device->CreateRenderTargetView(luma, MakeViewDesc(planeFormat.luma, 0)),
         m_device->CreateRenderTargetView(chroma, MakeViewDesc(planeFormat.chroma, 0))};
@@ -127,12 +127,12 @@ void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& al
     Record(allocator, source, states[0], planes, std::move(barriers));
 }
 
-void D12YUVConverter::ConfigForDestination(const YUVDestination& destination) {
+void D12YUVConverter::ConfigForDestination(const YUVDestination& destination,
+                                           const YUVFormat& format) {
     if (m_destination == destination) {
         return;
     }
     m_destination.reset(); // should something below throw
-    const YUVFormat format = GetFormat(destination.format, std::source_location::current());
     const auto bytes = MakeYUVParams(m_alphaType, destination.matrix, format.bitDepth);
     D12BufferDesc desc;
     desc.heapType = D3D12_HEAP_TYPE_UPLOAD;
@@ -183,27 +183,35 @@ void D12YUVConverter::Record(const boost::intrusive_ptr<D12CommandAllocator>& al
     m_paramsView->SetBuffer(m_paramsBuffer);
     m_yCbCrPass.texture->SetView(0, 0, m_device->CreateTextureShaderResourceView(source), 0,
                                  D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
-    const auto list = allocator->CreateCommandList(MakePipelineState(
-        m_yCbCrPass, {planes.luma->GetFormat(), m_intermediateTarget->GetFormat()}));
-    EnsureQuads(*list);
-    m_yCbCrPass.parameters->SetToCommandList(list);
-    list->ResourceBarrier(barriers.before);
-    list->OMSetRenderTargets({planes.luma, m_intermediateTarget}, nullptr);
-    SetArea(*list, m_destination->size);
-    list->IASetVertexBuffer(m_quad);
-    list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
-    list->Draw(m_quad);
-
-    list->ResourceBarrier({CD3DX12_RESOURCE_BARRIER::Transition(intermediate, kTarget, kSource)});
     m_resizePass.texture->SetView(0, 0, m_intermediateSource, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
-    list->SetPipelineState(MakePipelineState(m_resizePass, {planes.chroma->GetFormat()}));
-    m_resizePass.parameters->SetToCommandList(list);
-    list->OMSetRenderTarget(planes.chroma, nullptr);
-    SetArea(*list, m_destination->chromaSize);
-    list->IASetVertexBuffer(m_chromaQuad);
-    list->Draw(m_chromaQuad);
-    list->ResourceBarrier(barriers.after);
-    list->Close();
+    MakePipelineState(m_yCbCrPass, {planes.luma->GetFormat(), m_intermediateTarget->GetFormat()});
+    MakePipelineState(m_resizePass, {planes.chroma->GetFormat()});
+    const auto record = [&](const boost::intrusive_ptr<D12GraphicsCommandList>& list) {
+        EnsureQuads(*list);
+        list->ResourceBarrier(barriers.before);
+        list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
+        DrawPass(list, m_yCbCrPass, {planes.luma, m_intermediateTarget}, m_quad,
+                 m_destination->size);
+        list->ResourceBarrier(
+            {CD3DX12_RESOURCE_BARRIER::Transition(intermediate, kTarget, kSource)});
+        list->SetPipelineState(m_resizePass.pipelineState);
+        DrawPass(list, m_resizePass, {planes.chroma}, m_chromaQuad, m_destination->chromaSize);
+        list->ResourceBarrier(barriers.after);
+    };
+    allocator->RecordList(m_yCbCrPass.pipelineState, record);
+}
+
+void D12YUVConverter::DrawPass(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                               const Pass& pass,
+                               const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
+                               const boost::intrusive_ptr<D12VertexBuffer>& quad,
+                               const Size2DT<long>& size) {
+    pass.parameters->SetToCommandList(list);
+    list->OMSetRenderTargets(targets, nullptr);
+    list->RSSetViewports({Quad12::MakeViewport({0, 0, size.width, size.height})});
+    list->RSSetScissorRects({RECT{0, 0, size.width, size.height}});
+    list->IASetVertexBuffer(quad);
+    list->Draw(quad);
 }
 
 } // namespace Norvex::DX

@@ -4,7 +4,8 @@
 // full resolution into a texture of the converter's; then the chroma halved, each sample the mean
 // of 2 x 2. What the values are and where the chroma lies: docs/colour.md. The parameters and the
 // intermediate texture are kept while destination format, size and matrix stay. One thread at a
-// time. Throws DirectX11Exception, DirectX12Exception. Next: D3D12Renderer.h, D11ImageDraw.h.
+// time. Throws DirectX11Exception, DirectX12Exception ("There is no device", and what Encode says)
+// and has recorded nothing then. Next: D3D12Renderer.h, D11ImageDraw.h.
 
 #include <array>
 #include <optional>
@@ -31,6 +32,8 @@ struct D12ResourceStates {
     D3D12_RESOURCE_STATES after = D3D12_RESOURCE_STATE_COMMON;
 };
 
+struct YUVFormat; // D3YUVFormat.h
+
 // What a converter is set up for.
 struct YUVDestination {
     DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // NV12, P010 or P016
@@ -51,18 +54,21 @@ public:
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
 
-    // Records one closed list. The source, a 2-D texture, is stretched over the destination, which
-    // allows render targets. states: of the source, of the destination; barriers are recorded only
-    // where they differ from the reading and drawing states. "Unsupported pixel format" (nothing is
-    // recorded).
+    // Records one closed list, or throws and leaves the allocator as it was. The source, a 2-D
+    // texture, is stretched over the destination, which allows render targets. states: of the
+    // source, of the destination; barriers are recorded only where they differ from the reading and
+    // drawing states. Lists of one converter draw to one intermediate texture: submit them to one
+    // queue, or have one wait for the other. "Unsupported pixel format" (also for a null texture),
+    // "There is no source texture", "There is no command allocator".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& destination,
                 Conf::YCbCrMatrix matrix, const std::array<D12ResourceStates, 2>& states);
     // Into two separate textures, for devices without planar ones: format says how they are to be
     // taken together. Luma: R8_UNORM, or R16_UNORM for P010 and P016, of any size; chroma:
     // R8G8_UNORM or R16G16_UNORM, half the luma's width and height, rounded up or down; where
-    // rounded up, the edge is repeated. states: of the source, the luma, the chroma. "Unsupported
-    // pixel format".
+    // rounded up, the edge is repeated. Typeless textures of these families serve as well. states:
+    // of the source, the luma, the chroma. As above, and "The chroma plane is expected to have half
+    // the size of the luma plane".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
                 const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
@@ -88,15 +94,19 @@ private:
         CComPtr<ID3D12PipelineState> pipelineState;
     };
 
-    void ConfigForDestination(const YUVDestination& destination);
+    void ConfigForDestination(const YUVDestination& destination, const YUVFormat& format);
     void CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT format);
     void Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const CComPtr<ID3D12Resource>& source, const D12ResourceStates& sourceStates,
                 const Planes& planes, Barriers barriers);
     void EnsureQuads(D12GraphicsCommandList& commandList);
     Pass MakePass(const std::string& pixelShader) const;
-    const CComPtr<ID3D12PipelineState>&
-    MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const;
+    void MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const;
+    // A quad over the targets' first `size` pixels.
+    static void DrawPass(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const Pass& pass,
+                         const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
+                         const boost::intrusive_ptr<D12VertexBuffer>& quad,
+                         const Size2DT<long>& size);
 
     boost::intrusive_ptr<D12Device> m_device;
     Proc::AlphaType m_alphaType;
@@ -123,7 +133,8 @@ public:
 
     // Inside D11Device::Encode. The source needs D3D11_BIND_SHADER_RESOURCE, the destination
     // D3D11_BIND_RENDER_TARGET. What of the context's state is replaced: as of
-    // D11ImageDraw::Encode. "Unsupported pixel format" (nothing is recorded).
+    // D11ImageDraw::Encode, but no shader resource stays bound. "Unsupported pixel format" (also
+    // for a null texture), "There is no source texture", "There is no device context".
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                 const CComPtr<ID3D11Texture2D>& source, const CComPtr<ID3D11Texture2D>& destination,
                 Conf::YCbCrMatrix matrix);
@@ -134,7 +145,7 @@ public:
                 Conf::YCbCrMatrix matrix);
 
 private:
-    void ConfigForDestination(const YUVDestination& destination);
+    void ConfigForDestination(const YUVDestination& destination, const YUVFormat& format);
     void Record(D11DeviceContext& context, const D11ShaderTexture2D& source,
                 const D11RenderTexture2D& luma, const D11RenderTexture2D& chroma);
 

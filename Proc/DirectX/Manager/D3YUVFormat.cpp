@@ -57,6 +57,29 @@ std::optional<YUVFormat> FindYUVFormat(DXGI_FORMAT format) {
     }
 }
 
+bool HasPlaneFormat(const YUVPlane& plane, DXGI_FORMAT format) {
+    const auto typeless = [](DXGI_FORMAT typed) {
+        switch (typed) {
+        case DXGI_FORMAT_R8_UNORM:
+            return DXGI_FORMAT_R8_TYPELESS;
+        case DXGI_FORMAT_R8G8_UNORM:
+            return DXGI_FORMAT_R8G8_TYPELESS;
+        case DXGI_FORMAT_R16_UNORM:
+            return DXGI_FORMAT_R16_TYPELESS;
+        default:
+            return DXGI_FORMAT_R16G16_TYPELESS;
+        }
+    };
+    return plane.format == format || plane.format == typeless(format);
+}
+
+bool IsHalf(const Size2DT<long>& chroma, const Size2DT<long>& luma) {
+    const auto fits = [](long half, long full) {
+        return half == full / 2 || half == full - full / 2;
+    };
+    return fits(chroma.width, luma.width) && fits(chroma.height, luma.height);
+}
+
 std::vector<std::uint8_t> MakeYUVParams(Proc::AlphaType alphaType, Conf::YCbCrMatrix matrix,
                                         unsigned bitDepth) {
     const auto code = [shift = bitDepth - 8](unsigned value) {

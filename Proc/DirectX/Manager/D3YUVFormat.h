@@ -1,7 +1,7 @@
 #pragma once
 
 // The numbers of the Y'CbCr converters, internal: formats of the planes, the parameters and the
-// text of the pixel shader. Pure functions, any thread.
+// text of the pixel shader. Pure functions, any thread. E is the exception of the generation.
 
 #include <cstdint>
 #include <optional>
@@ -10,6 +10,7 @@
 
 #include "Host/Color.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
 
@@ -21,6 +22,37 @@ struct YUVFormat {
 
 // NV12, P010, P016; nothing for any other.
 std::optional<YUVFormat> FindYUVFormat(DXGI_FORMAT format);
+
+// "Unsupported pixel format" for any other.
+template <class E>
+YUVFormat GetYUVFormat(DXGI_FORMAT format, const std::source_location& location) {
+    const auto found = FindYUVFormat(format);
+    ThrowUnless<E>(found.has_value(), "Unsupported pixel format", location);
+    return *found;
+}
+
+// What the texture of one plane is; of none: no format, no size.
+struct YUVPlane {
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;
+    Size2DT<long> size;
+};
+
+// A texture of a plane has the plane's format or the typeless one of its family.
+bool HasPlaneFormat(const YUVPlane& plane, DXGI_FORMAT format);
+// Half the width and height, each rounded up or down.
+bool IsHalf(const Size2DT<long>& chroma, const Size2DT<long>& luma);
+
+// "Unsupported pixel format", "The chroma plane is expected to have half the size of the luma
+// plane".
+template <class E>
+void CheckYUVPlanes(const YUVFormat& format, const YUVPlane& luma, const YUVPlane& chroma,
+                    const std::source_location& location) {
+    ThrowUnless<E>(HasPlaneFormat(luma, format.luma) && HasPlaneFormat(chroma, format.chroma),
+                   "Unsupported pixel format", location);
+    ThrowUnless<E>(IsHalf(chroma.size, luma.size),
+                   "The chroma plane is expected to have half the size of the luma plane",
+                   location);
+}
 
 // The pixel shader's constant buffer, 256 bytes. Narrow range of ITU-R BT.709-6, BT.2020-2 and
 // BT.601-7, scaled to the bit depth: luma from 16 to 235, chroma from 16 to 240 about 128, times
