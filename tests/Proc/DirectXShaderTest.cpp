@@ -14,6 +14,10 @@ namespace {
 
 using Norvex::Test::ExpectFailure11;
 using Norvex::Test::FailingMethod;
+using Norvex::Test::Thrown;
+using Norvex::Test::ThrownBy;
+namespace Slot = Norvex::Test::Slot;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -58,18 +62,19 @@ TEST(DirectXShader, CompilesForTheTargetsOfLevel11) {
 }
 
 TEST(DirectXShader, FailureNamesTheShaderAndTellsTheError) {
-    const auto syntax = Norvex::Test::ThrownBy([] {
-        D12Shader::CreatePixel("Broken", "float4 Broken() : SV_TARGET { return nothing; }");
-    });
-    EXPECT_THAT(syntax.sentence,
-                StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"));
-    EXPECT_THAT(syntax.sentence, HasSubstr("nothing"));
-    EXPECT_EQ(syntax.function, "CompileShader");
-    EXPECT_LT(syntax.result, 0);
-    const auto entry =
-        Norvex::Test::ThrownBy([] { D12Shader::CreatePixel("Absent", kPixelSource); });
-    EXPECT_THAT(entry.sentence, StartsWith("Failed to compile shader: shaderName = Absent"));
-    EXPECT_THAT(Norvex::Test::SentenceOf([] { D12Shader("PsMain", kPixelSource, "ps_99_0"); }),
+    const auto thrown = [](const char* entry, const char* source, const char* target) {
+        const Thrown result = ThrownBy([&] { D12Shader(entry, source, target); });
+        EXPECT_EQ(result.function, "CompileShader");
+        EXPECT_EQ(result.kind, "DirectX 12 exception");
+        EXPECT_LT(result.result, 0);
+        return result.sentence;
+    };
+    EXPECT_THAT(thrown("Broken", "float4 Broken() : SV_TARGET { return nothing; }", "ps_5_0"),
+                AllOf(StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"),
+                      HasSubstr("nothing")));
+    EXPECT_THAT(thrown("Absent", kPixelSource, "ps_5_0"),
+                StartsWith("Failed to compile shader: shaderName = Absent"));
+    EXPECT_THAT(thrown("PsMain", kPixelSource, "ps_99_0"),
                 StartsWith("Failed to compile shader: shaderName = PsMain"));
 }
 
@@ -88,15 +93,18 @@ TEST(D3D11ShaderTest, CompilesForTheTargetsOfLevel10) {
 
 TEST(D3D11ShaderTest, FailuresAreOfThisGeneration) {
     const auto device = D11Device::CreatePrimary();
-    const auto syntax = Norvex::Test::ThrownBy([&] { D11PixelShader(device, "Broken", "?"); });
+    const Thrown syntax = ThrownBy([&] { D11PixelShader(device, "Broken", "?"); });
     EXPECT_THAT(syntax.sentence,
                 StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"));
+    EXPECT_EQ(syntax.function, "CompileShader");
     EXPECT_EQ(syntax.kind, "DirectX 11 exception");
+    ExpectFailure11([] { D11VertexShader(nullptr, "VsMain", kVertexSource); }, "There is no device",
+                    "CreateVertexShader");
+    ExpectFailure11([] { D11PixelShader(nullptr, "PsMain", kPixelSource); }, "There is no device",
+                    "CreatePixelShader");
 
-    const FailingMethod<Norvex::Test::Slot::kDevice11CreateVertexShader> noVertex(device->Get(),
-                                                                                  E_ACCESSDENIED);
-    const FailingMethod<Norvex::Test::Slot::kDevice11CreatePixelShader> noPixel(device->Get(),
-                                                                                E_ACCESSDENIED);
+    const FailingMethod<Slot::kDevice11CreateVertexShader> noVertex(device->Get(), E_ACCESSDENIED);
+    const FailingMethod<Slot::kDevice11CreatePixelShader> noPixel(device->Get(), E_ACCESSDENIED);
     ExpectFailure11([&] { D11VertexShader(device, "VsMain", kVertexSource); },
                     "Failed to create vertex shader", "CreateVertexShader", E_ACCESSDENIED);
     const auto pixel =
@@ -108,8 +116,7 @@ TEST(D3D11ShaderTest, FailuresAreOfThisGeneration) {
 // Run by itself, where there is no compiler.
 TEST(DirectXShaderWithoutCompiler, FailureHasNoCompilerText) {
     ASSERT_FALSE(D3ShaderBytecode::IsCompilerLoaded());
-    const auto thrown =
-        Norvex::Test::ThrownBy([] { D12Shader::CreateVertex("VsMain", kVertexSource); });
+    const Thrown thrown = ThrownBy([] { D12Shader::CreateVertex("VsMain", kVertexSource); });
     EXPECT_EQ(thrown.sentence, "Failed to compile shader: shaderName = VsMain");
     EXPECT_EQ(thrown.function, "CompileShader");
     EXPECT_EQ(thrown.result, static_cast<long>(0x80070505));

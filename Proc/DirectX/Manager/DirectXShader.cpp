@@ -76,7 +76,10 @@ CComPtr<ID3D10Blob> CompileShader(const std::string& entryPoint, const std::stri
     return code;
 }
 
-CComPtr<ID3D11VertexShader> CreateVertexShader(ID3D11Device* device, ID3D10Blob* code) {
+CComPtr<ID3D11VertexShader> CreateVertexShader(const boost::intrusive_ptr<D11Device>& owner,
+                                               ID3D10Blob* code) {
+    ThrowUnless<DirectX11Exception>(owner != nullptr, "There is no device");
+    ID3D11Device* device = owner->Get();
     CComPtr<ID3D11VertexShader> shader;
     ThrowIfFailed<DirectX11Exception>(device->CreateVertexShader(code->GetBufferPointer(),
                                                                  code->GetBufferSize(), nullptr,
@@ -85,7 +88,10 @@ CComPtr<ID3D11VertexShader> CreateVertexShader(ID3D11Device* device, ID3D10Blob*
     return shader;
 }
 
-CComPtr<ID3D11PixelShader> CreatePixelShader(ID3D11Device* device, ID3D10Blob* code) {
+CComPtr<ID3D11PixelShader> CreatePixelShader(const boost::intrusive_ptr<D11Device>& owner,
+                                             ID3D10Blob* code) {
+    ThrowUnless<DirectX11Exception>(owner != nullptr, "There is no device");
+    ID3D11Device* device = owner->Get();
     CComPtr<ID3D11PixelShader> shader;
     ThrowIfFailed<DirectX11Exception>(device->CreatePixelShader(code->GetBufferPointer(),
                                                                 code->GetBufferSize(), nullptr,
@@ -110,7 +116,7 @@ D11VertexShader::D11VertexShader(const boost::intrusive_ptr<D11Device>& device,
                        CompileShader<DirectX11Exception>(entryPoint, source,
                                                          GetVertexShaderTarget<DirectX11Exception>(
                                                              D11Device::GetMinFeatureLevel()))),
-      m_shader(CreateVertexShader(device->Get(), GetBuffer())) {}
+      m_shader(CreateVertexShader(device, GetBuffer())) {}
 
 D11PixelShader::D11PixelShader(const boost::intrusive_ptr<D11Device>& device,
                                const std::string& entryPoint, const std::string& source)
@@ -118,7 +124,7 @@ D11PixelShader::D11PixelShader(const boost::intrusive_ptr<D11Device>& device,
                        CompileShader<DirectX11Exception>(entryPoint, source,
                                                          GetPixelShaderTarget<DirectX11Exception>(
                                                              D11Device::GetMinFeatureLevel()))),
-      m_shader(CreatePixelShader(device->Get(), GetBuffer())) {}
+      m_shader(CreatePixelShader(device, GetBuffer())) {}
 
 D12Shader::D12Shader(const std::string& entryPoint, const std::string& source,
                      const std::string& target)

@@ -38,7 +38,7 @@ private:
 class NORVEX_DX_API D11VertexShader : public D3ShaderBytecode {
 public:
     // Compiles. "Failed to compile shader" with the entry point and the compiler's text, "Failed to
-    // create vertex shader".
+    // create vertex shader", "There is no device" for a null one.
     D11VertexShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
                     const std::string& source);
 
@@ -51,7 +51,7 @@ private:
 class NORVEX_DX_API D11PixelShader : public D3ShaderBytecode {
 public:
     // Compiles. "Failed to compile shader" with the entry point and the compiler's text, "Failed to
-    // create pixel shader".
+    // create pixel shader", "There is no device" for a null one.
     D11PixelShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
                    const std::string& source);
 
