@@ -1,17 +1,15 @@
 // The part of image rendering that needs no device: where the picture lies on the target, the
-// parameter bytes, the constants of the shader text, and the affine transform beneath.
+// parameter bytes, the shader texts, and the affine transform beneath. What the shaders compute is
+// DrawTest's.
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <numbers>
-#include <optional>
-#include <stdexcept>
-#include <vector>
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include "Platform/ComPtr.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
 
 namespace {
@@ -20,31 +18,34 @@ using namespace Norvex;
 using DX::AffineTransform;
 using DX::D3ImageRenderer;
 using DX::RenderFitMode;
+using testing::DoubleNear;
 using Size = DX::Size2DT<long>;
+using Point = std::array<double, 2>;
+using enum DX::RenderFitMode;
 
 constexpr float kPi = std::numbers::pi_v<float>;
 
-struct Point {
-    double x;
-    double y;
-};
+testing::Matcher<const Point&> IsNear(const Point& point, double tolerance = 1e-3) {
+    return testing::ElementsAre(DoubleNear(point[0], tolerance), DoubleNear(point[1], tolerance));
+}
 
 // A renderer without a drawer: remembers what it was handed.
 class View : public D3ImageRenderer {
 public:
     // The corners of the picture in target pixels, y down: top left, top right, bottom right,
     // bottom left.
-    std::vector<Point> Draw(const Size& source, const Size& target) {
+    std::array<Point, 4> Draw(const Size& source, const Size& target) {
         UpdateTransform(source, target);
-        const double width = static_cast<double>(target.width);
-        const double height = static_cast<double>(target.height);
+        const auto width = static_cast<double>(target.width);
+        const auto height = static_cast<double>(target.height);
         const auto& m = transform.value().rows;
-        std::vector<Point> corners;
-        for (const Point quad : {Point{-1, 1}, Point{1, 1}, Point{1, -1}, Point{-1, -1}}) {
+        std::array<Point, 4> corners = {{{-1, 1}, {1, 1}, {1, -1}, {-1, -1}}};
+        for (auto& [x, y] : corners) {
             // As the drawers and the vertex shader do.
-            const double x = quad.x * m[0][0] + quad.y * m[1][0] + m[3][0] * 2 / width;
-            const double y = quad.x * m[0][1] + quad.y * m[1][1] + m[3][1] * 2 / height;
-            corners.push_back({(x + 1) / 2 * width, (1 - y) / 2 * height});
+            const Point clip = {x * m[0][0] + y * m[1][0] + m[3][0] * 2 / width,
+                                x * m[0][1] + y * m[1][1] + m[3][1] * 2 / height};
+            x = (clip[0] + 1) / 2 * width;
+            y = (1 - clip[1]) / 2 * height;
         }
         return corners;
     }
@@ -59,29 +60,21 @@ protected:
     }
 };
 
-TEST(AffineTransformTest, TransformsBoxes) {
+TEST(AffineTransformTest, TransformsBoxesAndInverts) {
     const auto shifted = AffineTransform::Scale(2, 3).Then(AffineTransform::Translation(10, 20));
     EXPECT_EQ(shifted.Transform({1, 2, 3, 4}), (DX::Rect2DT<float>{12, 26, 16, 32}));
-    EXPECT_EQ(shifted.Transform({1, 2, 1, 4}).left, shifted.Transform({1, 2, 1, 4}).right);
+    EXPECT_EQ(shifted.Transform({1, 2, 1, 4}), (DX::Rect2DT<float>{12, 26, 12, 32}));
     // A quarter turn counter-clockwise, y up: (x, y) goes to (-y, x).
     const DX::Rect2DT<float> turned = AffineTransform::Rotation(kPi / 2).Transform({1, 2, 4, 8});
-    EXPECT_NEAR(turned.left, -8, 1e-5);
-    EXPECT_NEAR(turned.top, 1, 1e-5);
-    EXPECT_NEAR(turned.right, -2, 1e-5);
-    EXPECT_NEAR(turned.bottom, 4, 1e-5);
-}
+    EXPECT_THAT((Point{turned.left, turned.top}), IsNear({-8, 1}, 1e-5));
+    EXPECT_THAT((Point{turned.right, turned.bottom}), IsNear({-2, 4}, 1e-5));
 
-TEST(AffineTransformTest, InverseUndoesTheTransform) {
-    const auto transform = AffineTransform::Scale(3, 0.5F)
-                               .Then(AffineTransform::Rotation(0.7F))
-                               .Then(AffineTransform::Translation(5, -9));
+    const auto transform = shifted.Then(AffineTransform::Rotation(0.7F));
     const AffineTransform identity = transform.Then(transform.Inverse());
-    for (std::size_t row = 0; row < 4; ++row) {
-        for (std::size_t column = 0; column < 4; ++column) {
-            EXPECT_NEAR(identity.rows[row][column], row == column ? 1 : 0, 1e-5);
-        }
+    for (std::size_t i = 0; i < 16; ++i) {
+        EXPECT_NEAR(identity.rows[i / 4][i % 4], i % 5 == 0 ? 1 : 0, 1e-5) << i;
     }
-    EXPECT_EQ(transform.Transposed().rows[0][3], 5);
+    EXPECT_EQ(shifted.Transposed().rows[0][3], 10);
     EXPECT_THROW(AffineTransform::Scale(0, 1).Inverse(), std::domain_error);
 }
 
@@ -89,98 +82,23 @@ TEST(D3ImageRendererTest, PlacesThePicture) {
     const struct {
         const char* name;
         RenderFitMode mode;
-        float scale; // 0: as the mode says
-        float rotation;
-        std::array<float, 2> translation;
-        Size source;
-        Size target;
-        Point topLeft;
-        Point bottomRight;
+        float scale, rotation; // scale 0: as the mode says
+        Point moved;
+        Size source, target;
+        Point topLeft, bottomRight;
         float effectiveScale;
     } cases[] = {
-        {"same size", RenderFitMode::Fit, 0, 0, {}, {49, 31}, {49, 31}, {0, 0}, {49, 31}, 1},
-        {"fit wide",
-         RenderFitMode::Fit,
-         0,
-         0,
-         {},
-         {400, 100},
-         {200, 200},
-         {0, 75},
-         {200, 125},
-         0.5F},
-        {"fit enlarges",
-         RenderFitMode::Fit,
-         0,
-         0,
-         {},
-         {10, 20},
-         {400, 200},
-         {150, 0},
-         {250, 200},
-         10},
-        {"fill wide",
-         RenderFitMode::Fill,
-         0,
-         0,
-         {},
-         {400, 100},
-         {200, 200},
-         {-300, 0},
-         {500, 200},
-         2},
-        {"free", RenderFitMode::Free, 1, 0, {}, {40, 20}, {200, 100}, {80, 40}, {120, 60}, 1},
-        {"free, scaled",
-         RenderFitMode::Free,
-         3,
-         0,
-         {},
-         {40, 20},
-         {200, 100},
-         {40, 20},
-         {160, 80},
-         3},
-        {"right and down",
-         RenderFitMode::Fit,
-         0,
-         0,
-         {7, 5},
-         {10, 10},
-         {10, 10},
-         {7, 5},
-         {17, 15},
-         1},
+        {"same size", Fit, 0, 0, {}, {49, 31}, {49, 31}, {0, 0}, {49, 31}, 1},
+        {"fit wide", Fit, 0, 0, {}, {400, 100}, {200, 200}, {0, 75}, {200, 125}, 0.5F},
+        {"fit enlarges", Fit, 0, 0, {}, {10, 20}, {400, 200}, {150, 0}, {250, 200}, 10},
+        {"fill wide", Fill, 0, 0, {}, {400, 100}, {200, 200}, {-300, 0}, {500, 200}, 2},
+        {"free", Free, 1, 0, {}, {40, 20}, {200, 100}, {80, 40}, {120, 60}, 1},
+        {"free, scaled", Free, 3, 0, {}, {40, 20}, {200, 100}, {40, 20}, {160, 80}, 3},
+        {"right and down", Fit, 0, 0, {7, 5}, {10, 10}, {10, 10}, {7, 5}, {17, 15}, 1},
         // Counter-clockwise: the top left corner comes to lie at the bottom left.
-        {"quarter turn",
-         RenderFitMode::Fit,
-         0,
-         kPi / 2,
-         {},
-         {100, 50},
-         {200, 400},
-         {0, 400},
-         {200, 0},
-         4},
-        {"fill, turned",
-         RenderFitMode::Fill,
-         0,
-         kPi / 2,
-         {},
-         {100, 50},
-         {200, 200},
-         {0, 300},
-         {200, -100},
-         4},
-        {"turned, then moved",
-         RenderFitMode::Free,
-         1,
-         kPi,
-         {10, 0},
-         {20, 10},
-         {100, 50},
-         {70, 30},
-         {50, 20},
-         1},
+        {"quarter turn", Fit, 0, kPi / 2, {}, {100, 50}, {200, 400}, {0, 400}, {200, 0}, 4},
+        {"fill, turned", Fill, 0, kPi / 2, {}, {100, 50}, {200, 200}, {0, 300}, {200, -100}, 4},
+        {"turned, moved", Free, 1, kPi, {10, 0}, {20, 10}, {100, 50}, {70, 30}, {50, 20}, 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -190,68 +108,62 @@ TEST(D3ImageRendererTest, PlacesThePicture) {
             view.SetScale(c.scale);
         }
         view.SetRotation(c.rotation);
-        view.SetTranslation(c.translation[0], c.translation[1]);
-        const std::vector<Point> corners = view.Draw(c.source, c.target);
-        EXPECT_NEAR(corners[0].x, c.topLeft.x, 1e-3);
-        EXPECT_NEAR(corners[0].y, c.topLeft.y, 1e-3);
-        EXPECT_NEAR(corners[2].x, c.bottomRight.x, 1e-3);
-        EXPECT_NEAR(corners[2].y, c.bottomRight.y, 1e-3);
+        view.SetTranslation(static_cast<float>(c.moved[0]), static_cast<float>(c.moved[1]));
+        const auto corners = view.Draw(c.source, c.target);
+        EXPECT_THAT(corners[0], IsNear(c.topLeft));
+        EXPECT_THAT(corners[2], IsNear(c.bottomRight));
         EXPECT_NEAR(view.GetEffectiveScale(), c.effectiveScale, 1e-5);
     }
-}
-
-TEST(D3ImageRendererTest, SameSizeIsExactlyTheIdentity) {
     for (long size = 1; size < 4000; size += 7) {
         View view;
         view.Draw({size, size + 3}, {size, size + 3});
-        EXPECT_EQ(view.transform, AffineTransform());
+        EXPECT_EQ(view.transform, AffineTransform()) << "exactly, at the same size";
     }
 }
 
 // Signed distance of the point from the edge a-b, positive inside a picture whose corners run
 // clockwise on the screen.
 double Inside(Point a, Point b, Point point) {
-    const double length = std::hypot(b.x - a.x, b.y - a.y);
-    return ((b.x - a.x) * (point.y - a.y) - (b.y - a.y) * (point.x - a.x)) / length;
+    const double length = std::hypot(b[0] - a[0], b[1] - a[1]);
+    return ((b[0] - a[0]) * (point[1] - a[1]) - (b[1] - a[1]) * (point[0] - a[0])) / length;
+}
+
+// How far the inner corners lie inside the outer ones' box; 0: inside, and touching it.
+double Margin(const std::array<Point, 4>& outer, const std::array<Point, 4>& inner) {
+    double margin = HUGE_VAL;
+    for (const Point& point : inner) {
+        for (std::size_t i = 0; i < 4; ++i) {
+            margin = std::min(margin, Inside(outer[i], outer[(i + 1) % 4], point));
+        }
+    }
+    return margin;
 }
 
 TEST(D3ImageRendererTest, FitsExactlyAndKeepsTheShapeAtEveryAngle) {
     const Size sizes[] = {{640, 480}, {100, 700}, {333, 333}, {1920, 1080}};
     for (const Size& source : sizes) {
         for (const Size& target : sizes) {
+            const auto width = static_cast<double>(target.width);
+            const auto height = static_cast<double>(target.height);
+            const std::array<Point, 4> screen = {
+                {{0, 0}, {width, 0}, {width, height}, {0, height}}};
             for (int degrees = -360; degrees <= 360; degrees += 15) {
                 SCOPED_TRACE(fmt::format("{} degrees, {} x {} on {} x {}", degrees, source.width,
                                          source.height, target.width, target.height));
-                const double width = static_cast<double>(target.width);
-                const double height = static_cast<double>(target.height);
                 View view;
                 view.SetRotation(static_cast<float>(degrees) * kPi / 180);
-                const std::vector<Point> fit = view.Draw(source, target);
-                double margin = HUGE_VAL;
-                for (const Point p : fit) {
-                    margin = std::min({margin, p.x, p.y, width - p.x, height - p.y});
-                }
-                EXPECT_NEAR(margin, 0, 2e-3) << "Fit: inside, touching";
+                const auto fit = view.Draw(source, target);
+                EXPECT_NEAR(Margin(screen, fit), 0, 2e-3) << "Fit: inside, touching";
+                const double scale = view.GetEffectiveScale();
+                const double down = static_cast<double>(source.height) * scale;
+                EXPECT_NEAR(Inside(fit[3], fit[0], fit[1]),
+                            static_cast<double>(source.width) * scale, 2e-3);
+                EXPECT_NEAR(std::hypot(fit[3][0] - fit[0][0], fit[3][1] - fit[0][1]), down, 2e-3);
+                EXPECT_NEAR(Inside(fit[0], fit[1], fit[3]), down, 2e-3) << "not mirrored";
 
-                const double across = std::hypot(fit[1].x - fit[0].x, fit[1].y - fit[0].y);
-                const double down = std::hypot(fit[3].x - fit[0].x, fit[3].y - fit[0].y);
-                EXPECT_NEAR(across, static_cast<double>(source.width) * view.GetEffectiveScale(),
-                            2e-3);
-                EXPECT_NEAR(down, static_cast<double>(source.height) * view.GetEffectiveScale(),
-                            2e-3);
-                EXPECT_NEAR(Inside(fit[0], fit[1], fit[3]), down, 2e-3)
-                    << "right angles, not mirrored";
-
-                view.SetFitMode(RenderFitMode::Fill);
-                const std::vector<Point> fill = view.Draw(source, target);
-                margin = HUGE_VAL;
-                for (const Point p :
-                     {Point{0, 0}, Point{width, 0}, Point{width, height}, Point{0, height}}) {
-                    for (std::size_t i = 0; i < 4; ++i) {
-                        margin = std::min(margin, Inside(fill[i], fill[(i + 1) % 4], p));
-                    }
-                }
-                EXPECT_NEAR(margin, 0, 2e-3) << "Fill: covers, no more than needed";
+                view.SetFitMode(Fill);
+                EXPECT_NEAR(Margin(view.Draw(source, target), screen), 0, 2e-3)
+                    << "Fill: covers, no more than needed";
             }
         }
     }
@@ -259,31 +171,28 @@ TEST(D3ImageRendererTest, FitsExactlyAndKeepsTheShapeAtEveryAngle) {
 
 TEST(D3ImageRendererTest, ViewStateFollowsTheSetters) {
     View view;
-    EXPECT_EQ(view.GetFitMode(), RenderFitMode::Fit);
+    EXPECT_EQ(view.GetFitMode(), Fit);
     EXPECT_EQ(view.GetEffectiveScale(), 1.0F) << "nothing drawn yet";
     view.Draw({100, 100}, {50, 80});
     EXPECT_EQ(view.GetEffectiveScale(), 0.5F);
-    EXPECT_EQ(view.resets, 0);
-
-    view.SetScale(0.0F);
-    view.SetScale(-1.0F);
-    view.SetScale(std::nanf(""));
-    view.ScaleByMult(-2.0F);
+    for (const float scale : {0.0F, -1.0F, std::nanf("")}) {
+        view.SetScale(scale);
+        view.ScaleByMult(scale);
+    }
     EXPECT_EQ(view.resets, 0) << "ignored";
-    EXPECT_EQ(view.GetFitMode(), RenderFitMode::Fit);
+    EXPECT_EQ(view.GetFitMode(), Fit);
 
     view.ScaleByMult(3.0F);
     EXPECT_EQ(view.GetEffectiveScale(), 1.5F) << "from the scale that the fit implied";
-    EXPECT_EQ(view.GetFitMode(), RenderFitMode::Free);
+    EXPECT_EQ(view.GetFitMode(), Free);
     view.ScaleByDelta(0.25F);
     EXPECT_FLOAT_EQ(view.GetEffectiveScale(), 1.875F);
     view.ScaleByDelta(-0.25F);
     EXPECT_FLOAT_EQ(view.GetEffectiveScale(), 1.5F) << "steps in and out cancel";
-    view.SetFitMode(RenderFitMode::Fill);
+    view.SetFitMode(Fill);
     EXPECT_FLOAT_EQ(view.GetEffectiveScale(), 0.8F);
-    view.SetFitMode(RenderFitMode::Free);
+    view.SetFitMode(Free);
     EXPECT_EQ(view.GetEffectiveScale(), 1.0F) << "a fitting mode resets the scale";
-
     view.SetTranslation(3, 4);
     view.TranslateBy(-1, 2);
     EXPECT_EQ(view.GetTranslation(), (std::array<float, 2>{2, 6}));
@@ -293,87 +202,93 @@ TEST(D3ImageRendererTest, ViewStateFollowsTheSetters) {
     EXPECT_FALSE(view.transform);
 
     for (const auto& [source, target] : {std::pair<Size, Size>{{0, 5}, {5, 5}}, {{5, 5}, {5, 0}}}) {
-        View empty;
-        empty.SetRotation(1);
-        empty.Draw(source, target);
-        EXPECT_EQ(empty.transform.value(), AffineTransform()) << "nothing to fit";
-        EXPECT_EQ(empty.GetEffectiveScale(), 1.0F);
+        view.SetTranslation(0, 0);
+        view.SetFitMode(Fit);
+        view.Draw(source, target);
+        EXPECT_EQ(view.transform.value(), AffineTransform()) << "nothing to fit";
+        EXPECT_EQ(view.GetEffectiveScale(), 1.0F);
     }
 }
 
+// The words of the parameters, the whole buffer being 64 of them.
 template <class T>
-T ReadAt(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
-    T value;
-    std::memcpy(&value, &bytes.at(offset + sizeof(T) - 1) - (sizeof(T) - 1), sizeof(T));
-    return value;
+std::vector<T> WordsOf(const std::vector<std::uint8_t>& bytes) {
+    std::vector<T> words(bytes.size() / sizeof(T));
+    std::memcpy(words.data(), bytes.data(), words.size() * sizeof(T));
+    return words;
 }
 
 TEST(D3ImageRendererTest, ParamsBufferHasItsLayout) {
     AffineTransform transform;
     for (std::size_t i = 0; i < 16; ++i) {
-        transform.rows[i / 4][i % 4] = static_cast<float>(i + 1);
+        transform.rows[i % 4][i / 4] = static_cast<float>(i + 1); // columns first
     }
     Proc::ColorAlphaConversionInfo info;
     info.source = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
     info.target = {Conf::ColorPrimaries::BT709, Conf::TransferCharacteristics::sRGB};
     info.sourceAlpha = Proc::AlphaType::Premultiplied;
     info.targetAlpha = Proc::AlphaType::AlphaIsOne;
-    info.targetPeakLuminance = 600.0F;
-    const auto with = D3ImageRenderer::MakeParamsBuffer(transform, info);
-    const auto without = D3ImageRenderer::MakeParamsBuffer(transform, std::nullopt);
-    ASSERT_EQ(with.size(), 256U);
-    ASSERT_EQ(without.size(), 256U);
-
-    for (std::size_t i = 0; i < 16; ++i) {
-        EXPECT_EQ(ReadAt<float>(with, i * 4), transform.rows[i % 4][i / 4]) << "columns first";
+    info.raw = Proc::RawConversionParams{0.5F, 0.25F, 600.0F, 1.5F, 2.0F};
+    for (const unsigned mode : {0U, 1U, 2U}) {
+        info.mode = static_cast<Proc::LinearizationMode>(mode);
+        const std::vector<std::uint32_t> integers[] = {{0x910, 0x10d, 2, 1, mode > 0 ? 1U : 0U},
+                                                       {0, 0, 0, 0, 0}};
+        std::vector<float> floats[] = {{2.0F, 0.5F, 0.25F, 600.0F, 1.5F},
+                                       {1.0F, 0.0F, 0.0F, 1000.0F, 1.0F}};
+        for (const std::size_t without : {0U, 1U}) {
+            const auto bytes = D3ImageRenderer::MakeParamsBuffer(
+                transform, without != 0 ? std::nullopt : std::optional(info));
+            ASSERT_EQ(bytes.size(), 256U);
+            const auto words = WordsOf<std::uint32_t>(bytes);
+            EXPECT_EQ(std::vector(words.begin() + 16, words.begin() + 21), integers[without]);
+            auto values = WordsOf<float>(bytes);
+            for (std::size_t i = 0; i < 16; ++i) {
+                EXPECT_EQ(values[i], static_cast<float>(i + 1));
+            }
+            values.erase(values.begin(), values.begin() + 21);
+            floats[without].resize(43); // the rest is zero
+            EXPECT_EQ(values, floats[without]);
+        }
     }
-    const auto [tonemapA, tonemapB] = info.GetPQTonemapCoefs();
-    EXPECT_GT(tonemapA, 0.0F);
-    const struct {
-        std::size_t offset;
-        std::uint32_t with;
-        std::uint32_t without;
-    } integers[] = {{64, 0x910, 0}, {68, 0x10d, 0}, {72, 2, 0}, {76, 1, 0}, {80, 1, 0}};
-    for (const auto& c : integers) {
-        EXPECT_EQ(ReadAt<std::uint32_t>(with, c.offset), c.with) << c.offset;
-        EXPECT_EQ(ReadAt<std::uint32_t>(without, c.offset), c.without) << c.offset;
-    }
-    const struct {
-        std::size_t offset;
-        float with;
-        float without;
-    } floats[] = {{84, info.GetLinearScale(), 1.0F},
-                  {88, tonemapA, 0.0F},
-                  {92, tonemapB, 0.0F},
-                  {96, 600.0F, 1000.0F},
-                  {100, info.GetHLGOOTFGamma(), 1.0F}};
-    for (const auto& c : floats) {
-        EXPECT_EQ(ReadAt<float>(with, c.offset), c.with) << c.offset;
-        EXPECT_EQ(ReadAt<float>(without, c.offset), c.without) << c.offset;
-    }
-    EXPECT_TRUE(std::all_of(with.begin() + 104, with.end(), [](auto byte) { return byte == 0; }));
-
-    info.mode = Proc::LinearizationMode::SceneReferred;
-    EXPECT_EQ(ReadAt<std::uint32_t>(D3ImageRenderer::MakeParamsBuffer(transform, info), 80), 0U);
-    info.mode = Proc::LinearizationMode::DisplayReferredHDR;
-    EXPECT_EQ(ReadAt<std::uint32_t>(D3ImageRenderer::MakeParamsBuffer(transform, info), 80), 1U);
 }
 
 TEST(D3ImageRendererTest, PixelShaderBeginsWithItsConstants) {
-    const std::string text = D3ImageRenderer::GetPixelShader();
-    EXPECT_TRUE(text.starts_with("static const uint sRGB = 0x10d;\n"
-                                 "static const uint Rec709 = 0x101;\n"
-                                 "static const uint Rec709Linear = 0x108;\n"
-                                 "static const uint Rec2020 = 0x901;\n"
-                                 "static const uint Rec2020Linear = 0x908;\n"
-                                 "static const uint Rec2020PQ = 0x910;\n"
-                                 "static const uint Rec2020HLG = 0x912;\n"
-                                 "static const uint BT709 = 0x1;\n"
-                                 "static const uint BT2020 = 0x9;\n"
-                                 "static const uint AlphaTypeNonPremultiplied = 0;\n"
-                                 "static const uint AlphaTypeAlphaIsOne = 0x1;\n"
-                                 "static const uint AlphaTypePremultiplied = 0x2;\n"))
-        << text.substr(0, 600);
+    std::string expected;
+    for (const auto& [name, value] : {std::pair("sRGB", "0x10d"),
+                                      {"Rec709", "0x101"},
+                                      {"Rec709Linear", "0x108"},
+                                      {"Rec2020", "0x901"},
+                                      {"Rec2020Linear", "0x908"},
+                                      {"Rec2020PQ", "0x910"},
+                                      {"Rec2020HLG", "0x912"},
+                                      {"BT709", "0x1"},
+                                      {"BT2020", "0x9"},
+                                      {"AlphaTypeNonPremultiplied", "0"},
+                                      {"AlphaTypeAlphaIsOne", "0x1"},
+                                      {"AlphaTypePremultiplied", "0x2"}}) {
+        expected += fmt::format("static const uint {} = {};\n", name, value);
+    }
+    EXPECT_THAT(D3ImageRenderer::GetPixelShader(), testing::StartsWith(expected));
+}
+
+// What the compiler has to say; "failed" when it only fails.
+std::string MessagesOf(const std::string& text, const char* entry, const std::string& target) {
+    constexpr unsigned kFlags = D3DCOMPILE_ENABLE_STRICTNESS | D3DCOMPILE_OPTIMIZATION_LEVEL3;
+    CComPtr<ID3DBlob> code;
+    CComPtr<ID3DBlob> errors;
+    const HRESULT result = D3DCompile2(text.data(), text.size(), nullptr, nullptr, nullptr, entry,
+                                       target.c_str(), kFlags, 0, 0, nullptr, 0, &code, &errors);
+    if (errors != nullptr) {
+        return static_cast<const char*>(errors->GetBufferPointer());
+    }
+    return SUCCEEDED(result) ? "" : "failed";
+}
+
+TEST(ImageShaderTest, CompilesWithoutAWarning) {
+    for (const std::string model : {"4_0", "5_0"}) {
+        EXPECT_EQ(MessagesOf(D3ImageRenderer::GetVertexShader(), "VSMain", "vs_" + model), "");
+        EXPECT_EQ(MessagesOf(D3ImageRenderer::GetPixelShader(), "PSMain", "ps_" + model), "");
+    }
 }
 
 } // namespace
