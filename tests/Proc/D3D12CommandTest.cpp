@@ -1,17 +1,25 @@
 // Events, queues, allocators, lists, transfers: when work is done and what lives until then.
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <new>
 #include <numeric>
 #include <thread>
 
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
-#include "tests/support/Canvas.h"
+#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "tests/support/DeviceTest.h"
+#include "tests/support/ImportPatch.h"
 #include "tests/support/LifeProbe.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
@@ -19,73 +27,122 @@ namespace Norvex::DX {
 namespace {
 
 using namespace Norvex::Test;
+using namespace std::chrono_literals;
 
+using ObjectPtr = boost::intrusive_ptr<IRefCountable>;
+using ListPtr = boost::intrusive_ptr<D12GraphicsCommandList>;
+using EventPtr = boost::intrusive_ptr<D12CompletionEvent>;
 using ListResourceBarrier =
     MethodPatch<Slot::kListResourceBarrier,
                 void(ID3D12GraphicsCommandList*, UINT, const D3D12_RESOURCE_BARRIER*)>;
 using CreateCommandAllocator =
     MethodPatch<Slot::kDeviceCreateCommandAllocator,
                 HRESULT(ID3D12Device*, D3D12_COMMAND_LIST_TYPE, REFIID, void**)>;
+using AllocatorReset = MethodPatch<Slot::kCommandAllocatorReset, HRESULT(ID3D12CommandAllocator*)>;
 using ExecuteCommandLists = MethodPatch<Slot::kQueueExecuteCommandLists,
                                         void(ID3D12CommandQueue*, UINT, ID3D12CommandList* const*)>;
+using QueueSignal =
+    MethodPatch<Slot::kQueueSignal, HRESULT(ID3D12CommandQueue*, ID3D12Fence*, UINT64)>;
+using SetEventOnCompletion =
+    MethodPatch<Slot::kFenceSetEventOnCompletion, HRESULT(ID3D12Fence*, UINT64, HANDLE)>;
+using GetDeviceRemovedReason =
+    MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
 
 // Something whose life can be watched.
 class Tracked : public RefCountImpl {
 public:
-    explicit Tracked(std::atomic<int>& alive) : m_alive(alive) { ++m_alive; }
-    ~Tracked() override { --m_alive; }
+    explicit Tracked(
+        std::atomic<int>& alive, std::function<void()> onDestroy = [] {})
+        : m_alive(alive),
+          m_onDestroy(std::move(onDestroy)) {
+        ++m_alive;
+    }
+    ~Tracked() override {
+        m_onDestroy();
+        --m_alive;
+    }
 
 private:
     std::atomic<int>& m_alive;
+    std::function<void()> m_onDestroy;
 };
 
-class D3D12CommandTest : public testing::Test {
+class D3D12CommandTest : public CanvasTest {
 protected:
-    static void SetUpTestSuite() { s_canvas = std::make_unique<Canvas>(); }
-    static void TearDownTestSuite() {
-        D12CommandAllocator::WaitAllComplete();
-        const CComPtr<ID3D12Device> raw(s_canvas->GetDevice()->Get());
-        s_canvas.reset();
-        EXPECT_EQ((raw.p->AddRef(), raw.p->Release()), 1u)
-            << "a Direct3D object outlived the library's";
-    }
-
-    static const boost::intrusive_ptr<D12Device>& Device() { return s_canvas->GetDevice(); }
-    static const boost::intrusive_ptr<D12CommandQueue>& Queue() { return s_canvas->GetQueue(); }
-
     static CComPtr<ID3D12Resource> MakeBuffer(std::uint64_t size, D3D12_RESOURCE_STATES state) {
         D12BufferDesc desc;
         desc.size = size;
         desc.initialState = state;
         return Device()->CreateBuffer(desc);
     }
+    static auto MakeQueue(D3D12_COMMAND_LIST_TYPE type) {
+        return boost::intrusive_ptr(
+            new D12CommandQueue(Device(), {type, 0, D3D12_COMMAND_QUEUE_FLAG_NONE, 0}));
+    }
+    ObjectPtr MakeTracked(std::function<void()> onDestroy = [] {}) {
+        return ObjectPtr(new Tracked(m_alive, std::move(onDestroy)));
+    }
+    void Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator) {
+        allocator->RecordList(nullptr,
+                              [&](const ListPtr& list) { list->TrackObject(MakeTracked()); });
+    }
 
     // Holds the queue back until its value is signalled.
-    static boost::intrusive_ptr<D12CompletionEvent> MakeGate() {
+    static EventPtr MakeGate() {
         auto gate = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
         gate->PreIncrementValue();
         return gate;
     }
-    static void Open(const boost::intrusive_ptr<D12CompletionEvent>& gate) {
+    static void Open(const EventPtr& gate) {
         ASSERT_EQ(gate->GetFence()->Signal(gate->GetValue()), S_OK);
     }
 
-    static inline std::unique_ptr<Canvas> s_canvas;
+    std::atomic<int> m_alive{0};
 };
 
 TEST_F(D3D12CommandTest, EventsCompleteAtTheirTarget) {
     const auto event = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
     EXPECT_TRUE(event->IsCompleted());
     EXPECT_EQ(event->GetSharedHandle(), nullptr);
+    EXPECT_EQ(event->SignalNext([](std::uint64_t) { return E_OUTOFMEMORY; }), E_OUTOFMEMORY);
+    EXPECT_TRUE(event->IsCompleted()) << "nothing will signal it";
     EXPECT_EQ(event->PreIncrementValue(), 1u);
     EXPECT_FALSE(event->IsCompleted());
+
+    std::atomic<int> woken{0};
+    std::vector<std::jthread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&] {
+            event->WaitComplete();
+            ++woken;
+        });
+    }
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(woken, 0);
     Queue()->Get()->Signal(event->GetFence(), 1);
-    event->WaitComplete();
+    waiters.clear();
     EXPECT_TRUE(event->IsCompleted());
 }
 
+// A fence that goes back never wakes who waits for more.
+TEST_F(D3D12CommandTest, ThreadsThatWaitForOneQueueSignalInOrder) {
+    std::vector<UINT64> values;
+    const QueueSignal patch(Queue()->Get(),
+                            [&](auto original, auto* self, auto* fence, auto value) {
+                                std::this_thread::sleep_for(value % 2 == 1 ? 20ms : 0ms);
+                                values.push_back(value);
+                                return original(self, fence, value);
+                            });
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] { Queue()->WaitComplete(); });
+    }
+    threads.clear();
+    EXPECT_EQ(values.size(), 4u);
+    EXPECT_TRUE(std::ranges::is_sorted(values));
+}
+
 TEST_F(D3D12CommandTest, TrackedObjectsLiveUntilTheGpuIsDone) {
-    std::atomic<int> alive{0};
     const auto gate = MakeGate();
     auto allocator = Queue()->CreateCommandAllocator();
     EXPECT_EQ(SentenceOf([&] { allocator->TrackObject(Queue()->Get()); }),
@@ -94,9 +151,9 @@ TEST_F(D3D12CommandTest, TrackedObjectsLiveUntilTheGpuIsDone) {
     const LifeProbe probe(buffer);
     {
         const auto list = allocator->CreateCommandList(nullptr);
-        const boost::intrusive_ptr<Tracked> object(new Tracked(alive));
-        list->TrackObject(boost::intrusive_ptr<IRefCountable>(object));
-        allocator->TrackObject(boost::intrusive_ptr<IRefCountable>(object));
+        const ObjectPtr object = MakeTracked();
+        list->TrackObject(object);
+        allocator->TrackObject(object);
         EXPECT_EQ(object->GetRefCount(), 2u) << "tracked once";
         list->TrackObject(buffer.p);
         list->Close();
@@ -105,12 +162,42 @@ TEST_F(D3D12CommandTest, TrackedObjectsLiveUntilTheGpuIsDone) {
     allocator->Wait(gate);
     allocator->Execute();
     allocator.reset();
-    EXPECT_EQ(alive, 1);
+    EXPECT_EQ(m_alive, 1);
     EXPECT_TRUE(probe.IsAlive());
     Open(gate);
     D12CommandAllocator::WaitAllComplete();
-    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(m_alive, 0);
     EXPECT_FALSE(probe.IsAlive());
+}
+
+TEST_F(D3D12CommandTest, TrackingManyObjectsTakesNoLongerEach) {
+    const auto allocator = Queue()->CreateCommandAllocator();
+    const auto list = allocator->CreateCommandList(nullptr);
+    std::vector<ObjectPtr> objects(200'000);
+    std::ranges::generate(objects, [&] { return MakeTracked(); });
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 2; ++i) {
+        for (const auto& object : objects) {
+            list->TrackObject(object);
+        }
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "a search through all takes 10 s";
+    EXPECT_TRUE(std::ranges::all_of(objects,
+                                    [](const auto& object) { return object->GetRefCount() == 2; }));
+}
+
+// Its destructor may wait for the submission that used it.
+TEST_F(D3D12CommandTest, ReleasesOutsideItsLock) {
+    const auto allocator = Queue()->CreateCommandAllocator();
+    for (int i = 0; i < 2; ++i) {
+        allocator->RecordList(nullptr, [&](const ListPtr& list) {
+            list->TrackObject(MakeTracked([&] { allocator->WaitComplete(); }));
+        });
+        allocator->Execute();
+    }
+    allocator->WaitComplete();
+    D12CommandAllocator::WaitAllComplete();
+    EXPECT_EQ(m_alive, 0);
 }
 
 TEST_F(D3D12CommandTest, ASecondExecuteWaitsForTheFirst) {
@@ -148,6 +235,8 @@ TEST_F(D3D12CommandTest, ListsAreQueuedOnceAndSubmittedClosed) {
               "Command list already queued");
     EXPECT_EQ(SentenceOf([&] { allocator->Execute(); }), "Found command list that was not closed");
     EXPECT_EQ(submissions, 0);
+    EXPECT_EQ(SentenceOf([&] { allocator->ResourceBarrier({}); }),
+              "Found command list that was not closed");
     list->Close();
     EXPECT_TRUE(list->IsClosed());
     EXPECT_EQ(list->GetType(), D3D12_COMMAND_LIST_TYPE_DIRECT);
@@ -157,22 +246,108 @@ TEST_F(D3D12CommandTest, ListsAreQueuedOnceAndSubmittedClosed) {
 
 // As an exception leaves it: what comes after is not disturbed.
 TEST_F(D3D12CommandTest, AnAbandonedRecordingLeavesThePoolsUsable) {
-    {
-        const auto allocator = Queue()->CreateCommandAllocator();
-        allocator->CreateCommandList(nullptr);
-    }
+    Queue()->CreateCommandAllocator()->CreateCommandList(nullptr);
     const auto allocator = Queue()->CreateCommandAllocator();
-    const auto list = allocator->CreateCommandList(nullptr);
-    list->Close();
+    Record(allocator);
     allocator->Execute();
     allocator->WaitComplete();
 
-    D12UploadRegionParams params;
-    params.destination = MakeBuffer(4, D3D12_RESOURCE_STATE_COPY_DEST);
-    params.size = 5;
-    EXPECT_EQ(SentenceOf([&] { allocator->UploadRegion(params); }),
-              "Uploading data does not fit in the destination");
+    const auto gate = MakeGate();
+    ListPtr kept;
+    const auto fail = [&](bool inClose) {
+        return SentenceOf([&] {
+            allocator->RecordList(nullptr, [&](const ListPtr& list) {
+                kept = list;
+                allocator->Wait(gate);
+                if (inClose) {
+                    list->GetGraphics()->Close();
+                } else {
+                    list->OMSetRenderTarget(nullptr, nullptr);
+                }
+            });
+        });
+    };
+    Record(allocator);
+    EXPECT_EQ(fail(false), "The descriptor is not a render target view");
+    EXPECT_EQ(fail(true), "Failed to close command list");
+    Record(allocator);
+    EXPECT_TRUE(kept->IsClosed());
+    allocator->Execute();
+    allocator->WaitComplete();
     EXPECT_EQ(SentenceOf([&] { allocator->Execute(); }), "There are no command lists to execute");
+}
+
+TEST_F(D3D12CommandTest, AnOpenListOutlivesItsAllocator) {
+    ListPtr list = Queue()->CreateCommandAllocator()->CreateCommandList(nullptr);
+    const auto other = Queue()->CreateCommandAllocator();
+    Record(other);
+    list->CopyResource(MakeBuffer(4, D3D12_RESOURCE_STATE_COPY_DEST),
+                       MakeBuffer(4, D3D12_RESOURCE_STATE_COPY_SOURCE));
+    list->Close();
+    other->EnqueueCommandList(list);
+    list.reset();
+    other->Execute();
+    other->WaitComplete();
+    list = Queue()->CreateCommandAllocator()->CreateCommandList(nullptr);
+    list.reset();
+    Record(other);
+    other->Execute();
+}
+
+TEST_F(D3D12CommandTest, WaitingKeepsWhatIsRecorded) {
+    const auto target = s_canvas->MakeTarget(2, 2, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const auto allocator = Queue()->CreateCommandAllocator();
+    Record(allocator);
+    allocator->Execute();
+    allocator->ClearRenderTargetView(target, {1, 0, 0, 1}, {});
+    allocator->WaitComplete();
+    allocator->Execute();
+    EXPECT_THAT(s_canvas->Read(target).colors, testing::Each(Color{1, 0, 0, 1}));
+}
+
+// A host that waits for nothing itself: two Direct3D allocators take turns.
+TEST_F(D3D12CommandTest, OneAllocatorServesFrameAfterFrame) {
+    constexpr int kFrames = 100;
+    int resets = 0;
+    int made = 0;
+    const auto allocator = Queue()->CreateCommandAllocator();
+    {
+        const CComPtr<ID3D12CommandAllocator> raw(
+            Device()->CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE_COPY).Get());
+        const AllocatorReset patch(raw, [&](auto original, auto* self) {
+            ++resets;
+            return original(self);
+        });
+        const CreateCommandAllocator patchMake(Device()->Get(),
+                                               [&](auto original, auto... arguments) {
+                                                   ++made;
+                                                   return original(arguments...);
+                                               });
+        EventPtr last;
+        for (int i = 0; i < kFrames; ++i) {
+            auto gate = MakeGate();
+            allocator->Wait(gate);
+            Record(allocator);
+            Record(allocator);
+            if (last != nullptr) {
+                Open(last); // the GPU was busy with the frame before while this one was recorded
+            }
+            allocator->Execute();
+            last = i % 3 != 0 ? gate : nullptr;
+            if (last == nullptr) {
+                Open(gate);
+                Queue()->WaitComplete();
+            }
+        }
+        if (last != nullptr) {
+            Open(last);
+        }
+    }
+    EXPECT_EQ(resets, kFrames - 1);
+    EXPECT_LE(made, 1);
+    allocator->WaitComplete();
+    D12CommandAllocator::WaitAllComplete();
+    EXPECT_EQ(m_alive, 0);
 }
 
 TEST_F(D3D12CommandTest, SteadyStateMakesNoAllocators) {
@@ -280,6 +455,15 @@ TEST_F(D3D12CommandTest, RegionsTravelThereAndBack) {
     download.source = upload.destination;
     EXPECT_EQ(SentenceOf([&] { Queue()->DownloadRegion(download); }),
               "Source resource is not a buffer");
+
+    upload.destination = MakeBuffer(256, D3D12_RESOURCE_STATE_COPY_DEST);
+    upload.destinationOffset = 0;
+    upload.data = nullptr;
+    EXPECT_EQ(SentenceOf([&] { Queue()->UploadRegion(upload); }), "Invalid upload data");
+    download.source = upload.destination;
+    download.destination = nullptr;
+    download.sourceOffset = 0;
+    EXPECT_EQ(SentenceOf([&] { Queue()->DownloadRegion(download); }), "Invalid download data");
 }
 
 // Two slices with rows that are not a multiple of the copy pitch, and callers' rows longer than
@@ -320,9 +504,7 @@ TEST_F(D3D12CommandTest, TexturesTravelThereAndBack) {
 }
 
 TEST_F(D3D12CommandTest, WaitsOrderTwoQueues) {
-    const boost::intrusive_ptr<D12CommandQueue> copyQueue(
-        new D12CommandQueue(Device(), D3D12_COMMAND_QUEUE_DESC{D3D12_COMMAND_LIST_TYPE_COPY, 0,
-                                                               D3D12_COMMAND_QUEUE_FLAG_NONE, 0}));
+    const auto copyQueue = MakeQueue(D3D12_COMMAND_LIST_TYPE_COPY);
     EXPECT_EQ(copyQueue->GetType(), D3D12_COMMAND_LIST_TYPE_COPY);
     const auto gate = MakeGate();
     const auto first = copyQueue->CreateCommandAllocator();
@@ -338,6 +520,256 @@ TEST_F(D3D12CommandTest, WaitsOrderTwoQueues) {
     Open(gate);
     second->WaitComplete();
     EXPECT_TRUE(first->IsCompleted());
+}
+
+TEST_F(D3D12CommandTest, NullObjectsAreRefused) {
+    const auto allocator = Queue()->CreateCommandAllocator();
+    const auto list = allocator->CreateCommandList(nullptr);
+    const auto buffer = MakeBuffer(4, D3D12_RESOURCE_STATE_COPY_DEST);
+    const struct {
+        std::function<void()> call;
+        const char* sentence;
+        const char* function;
+    } cases[] = {
+        {[] { D12CompletionEvent(nullptr, D3D12_FENCE_FLAG_NONE); }, "DirectX 12 device is null",
+         "D12CompletionEvent"},
+        {[] { D12CommandQueue(nullptr, {}); }, "DirectX 12 device is null", "D12CommandQueue"},
+        {[] { D12CommandAllocator(nullptr); }, "Command queue is null", "D12CommandAllocator"},
+        {[&] { allocator->EnqueueCommandList(nullptr); }, "Command list is null",
+         "EnqueueCommandList"},
+        {[&] { allocator->Wait(EventPtr()); }, "Completion event is null", "Wait"},
+        {[&] { allocator->Wait(boost::intrusive_ptr<D12CommandAllocator>()); },
+         "Command allocator is null", "Wait"},
+        {[&] { list->Draw(nullptr); }, "Vertex buffer is null", "Draw"},
+        {[&] { list->DrawIndexed(nullptr); }, "Index buffer is null", "DrawIndexed"},
+        {[&] { list->BeginQuery(nullptr); }, "Query is null", "BeginQuery"},
+        {[&] { list->EndQuery(nullptr); }, "Query is null", "EndQuery"},
+        {[&] { list->CopyResource(buffer, nullptr); }, "Resource is null", "CopyResource"},
+        {[&] { list->CopyBufferRegion(nullptr, 0, buffer, 0, 4); }, "Resource is null",
+         "CopyBufferRegion"},
+        {[&] { list->CopyTextureRegion({}, 0, 0, 0, {}, nullptr); }, "Resource is null",
+         "CopyTextureRegion"},
+        {[&] { list->OMSetRenderTargets({nullptr}, nullptr); },
+         "The descriptor is not a render target view", "OMSetRenderTargets"},
+        {[&] { list->ClearRenderTargetView(nullptr, {}, {}); },
+         "The descriptor is not a render target view", "ClearRenderTargetView"},
+        {[&] { list->UploadRegion({}); }, "Resource is null", "UploadRegion"},
+        {[&] { list->UploadResource({}); }, "Resource is null", "UploadResource"},
+        {[] { Queue()->DownloadRegion({}); }, "Resource is null", "DownloadRegion"},
+        {[] { Queue()->DownloadResource({}); }, "Resource is null", "DownloadResource"},
+    };
+    for (const auto& c : cases) {
+        ExpectFailure12(c.call, c.sentence, c.function);
+    }
+    list->IASetVertexBuffer(nullptr);
+    list->IASetVertexBuffers(1, {nullptr, nullptr});
+    list->IASetIndexBuffer(nullptr);
+}
+
+// What the queue refuses is told, what the GPU may use is kept, and nothing waits for ever.
+TEST_F(D3D12CommandTest, RefusedWaitsAndSignals) {
+    const auto allocator = Queue()->CreateCommandAllocator();
+    const auto gate = MakeGate();
+    allocator->Wait(gate);
+    Record(allocator);
+    {
+        const FailingMethod<Slot::kQueueWait> patch(Queue()->Get(), E_OUTOFMEMORY);
+        ExpectFailure12([&] { allocator->Execute(); }, "Failed to wait for fence", "Execute",
+                        E_OUTOFMEMORY);
+        EXPECT_TRUE(allocator->IsCompleted()) << "nothing was submitted";
+    }
+    {
+        const FailingMethod<Slot::kQueueSignal> patch(Queue()->Get(), E_OUTOFMEMORY);
+        const auto fails = [](const auto& call, const char* function) {
+            ExpectFailure12(call, "Failed to signal fence", function, E_OUTOFMEMORY);
+        };
+        fails([&] { allocator->Execute(); }, "Execute");
+        EXPECT_FALSE(allocator->IsCompleted());
+        fails([&] { allocator->WaitComplete(); }, "WaitComplete");
+        fails([&] { Queue()->CreateCommandAllocator()->Wait(allocator); }, "Wait");
+        fails([] { Queue()->WaitComplete(); }, "WaitComplete");
+    }
+    EXPECT_EQ(m_alive, 1);
+    {
+        const FailingMethod<Slot::kFenceSetEventOnCompletion> patch(gate->GetFence(),
+                                                                    E_OUTOFMEMORY);
+        const auto fails = [](const auto& call) {
+            ExpectFailure12(call, "Failed to set event on completion", "WaitComplete",
+                            E_OUTOFMEMORY);
+        };
+        fails([&] { allocator->WaitComplete(); });
+        Record(allocator);
+        fails([&] { allocator->Execute(); });
+        fails([] { Queue()->WaitComplete(); });
+        fails([&] { gate->WaitComplete(); });
+    }
+    EXPECT_EQ(m_alive, 2);
+    Open(gate);
+    allocator->Execute();
+    allocator->WaitComplete();
+    D12CommandAllocator::WaitAllComplete();
+    EXPECT_EQ(m_alive, 0);
+}
+
+TEST_F(D3D12CommandTest, AFailedDownloadKeepsItsBufferFromThePool) {
+    std::uint8_t byte = 0;
+    D12DownloadRegionParams params;
+    params.source = MakeBuffer(4, D3D12_RESOURCE_STATE_COPY_SOURCE);
+    params.destination = &byte;
+    params.size = 1;
+    params.pool = Device()->CreateBufferPool(D3D12_HEAP_TYPE_READBACK);
+    const LogCapture log;
+    std::size_t freeBuffers = 1;
+    std::atomic<int> refusals{0};
+    const auto gate = MakeGate();
+    ASSERT_EQ(Queue()->Get()->Wait(gate->GetFence(), gate->GetValue()), S_OK);
+    // The download's own wait fails and that of the background; the allocator's end waits.
+    const SetEventOnCompletion patch(
+        gate->GetFence(), [&](auto original, auto* self, auto value, auto event) -> HRESULT {
+            if (++refusals <= 2) {
+                return E_OUTOFMEMORY;
+            }
+            freeBuffers = params.pool->CountFree().first;
+            Open(gate);
+            return original(self, value, event);
+        });
+    EXPECT_EQ(SentenceOf([&] { Queue()->DownloadRegion(params); }),
+              "Failed to set event on completion");
+    D12CommandAllocator::WaitAllComplete();
+    EXPECT_EQ(log.Count(google::GLOG_ERROR,
+                        "A completion task failed: Failed to set event on completion"),
+              1);
+    EXPECT_EQ(freeBuffers, 0u);
+    EXPECT_EQ(params.pool->CountFree().first, 1u);
+}
+
+// An allocator and a queue that can never know whether the GPU has finished.
+TEST_F(D3D12CommandTest, WhatTheGpuMayUseIsReleasedWithTheDeviceOnly) {
+    for (const bool isRemoved : {false, true}) {
+        auto queue = MakeQueue(D3D12_COMMAND_LIST_TYPE_DIRECT);
+        ID3D12CommandQueue* const rawQueue = queue->Get();
+        const LifeProbe queueProbe(rawQueue);
+        D12AllocatorState state = Device()->CreateCommandAllocator(queue->GetType());
+        ID3D12CommandAllocator* const rawAllocator = state.Get();
+        const LifeProbe allocatorProbe(rawAllocator);
+        const EventPtr event = state.GetCompletionEvent();
+        Device()->ReuseCommandAllocator(queue->GetType(), std::move(state));
+        auto allocator = queue->CreateCommandAllocator();
+        ObjectPtr object = MakeTracked();
+        allocator->RecordList(nullptr, [&](const ListPtr& list) { list->TrackObject(object); });
+        ID3D12Fence* queueFence = nullptr;
+        bool isRefused = true;
+        const QueueSignal patch(rawQueue, [&](auto original, auto* self, auto* fence, auto value) {
+            queueFence = fence;
+            return isRefused ? E_OUTOFMEMORY : original(self, fence, value);
+        });
+        const GetDeviceRemovedReason patchReason(
+            Device()->Get(), [&](auto, auto) { return isRemoved ? DXGI_ERROR_DEVICE_HUNG : S_OK; });
+        EXPECT_EQ(SentenceOf([&] { allocator->Execute(); }), "Failed to signal fence");
+        EXPECT_EQ(allocator->IsCompleted(), isRemoved);
+        isRefused = false;
+        queue->WaitComplete(); // for the test alone, which releases what is kept
+        isRefused = true;
+        allocator.reset();
+        queue.reset();
+        EXPECT_EQ(object->GetRefCount() == 2, !isRemoved);
+        EXPECT_EQ(allocatorProbe.IsAlive(), !isRemoved);
+        EXPECT_EQ(queueProbe.IsAlive(), !isRemoved);
+        if (!isRemoved) {
+            object->Release();
+            event->Release();
+            rawAllocator->Release();
+            rawQueue->Release();
+            queueFence->Release();
+        }
+    }
+}
+
+// The n-th allocation of the library fails, for every n: told or coped with, and nothing is lost.
+thread_local int t_allocationsLeft = -1;
+
+void* AllocateUntilNoneIsLeft(std::size_t size) {
+    if (t_allocationsLeft == 0) {
+        throw std::bad_alloc();
+    }
+    t_allocationsLeft -= t_allocationsLeft > 0 ? 1 : 0;
+    return ::operator new(size);
+}
+
+TEST_F(D3D12CommandTest, OutOfMemoryLosesNothing) {
+    std::unique_ptr<ImportPatch> patch;
+    try {
+        patch = std::make_unique<ImportPatch>(L"NorvexDX.dll", "_Znwy", &AllocateUntilNoneIsLeft);
+    } catch (const std::runtime_error&) {
+        GTEST_SKIP() << "the library has an allocator of its own";
+    }
+    bool hasFailed = true;
+    for (int n = 0; hasFailed; ++n) {
+        const auto gate = MakeGate();
+        ObjectPtr objects[] = {MakeTracked(), MakeTracked()};
+        try {
+            hasFailed = false;
+            t_allocationsLeft = n;
+            const auto allocator = Queue()->CreateCommandAllocator();
+            for (ObjectPtr& object : objects) {
+                allocator->RecordList(nullptr,
+                                      [&](const ListPtr& list) { list->TrackObject(object); });
+                object.reset();
+            }
+            allocator->Wait(gate);
+            allocator->Execute();
+        } catch (const std::bad_alloc&) {
+            hasFailed = true;
+        }
+        t_allocationsLeft = -1;
+        Open(gate);
+        std::ranges::fill(objects, nullptr);
+        Queue()->WaitComplete();
+        D12CommandAllocator::WaitAllComplete();
+        EXPECT_EQ(m_alive, 0) << n;
+        ASSERT_LT(n, 1000);
+    }
+}
+
+TEST_F(D3D12CommandTest, DrawsThroughIndices) {
+    const auto parameters = Device()->CreateShaderParameters();
+    parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
+    parameters->SerializeRootSignature();
+    D12GraphicsPipelineDesc desc;
+    desc.rootSignature = parameters->GetRootSignature();
+    desc.vertexShader = D12Shader::CreateVertex(
+        "VsMain", "float4 VsMain(float2 p : POSITION) : SV_POSITION { return float4(p, 0, 1); }");
+    desc.pixelShader =
+        D12Shader::CreatePixel("PsMain", "float4 PsMain() : SV_TARGET { return 1; }");
+    desc.rasterizer = CD3DX12_RASTERIZER_DESC(D3D12_DEFAULT);
+    desc.depthStencil = CD3DX12_DEPTH_STENCIL_DESC(D3D12_DEFAULT);
+    desc.depthStencil.DepthEnable = FALSE;
+    desc.inputLayout = {{"POSITION", 0, DXGI_FORMAT_R32G32_FLOAT, 0, 0,
+                         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0}};
+    desc.primitiveTopologyType = D3D12_PRIMITIVE_TOPOLOGY_TYPE_TRIANGLE;
+    desc.renderTargetFormats = {DXGI_FORMAT_R8G8B8A8_UNORM};
+    const auto pipeline = Device()->CreateGraphicsPipelineState(desc);
+
+    const float corners[][2] = {{-1, -1}, {-1, 1}, {1, -1}, {1, 1}, {9, 9}};
+    const auto draw = [&](const auto& indices) {
+        const auto target = s_canvas->MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+        const auto allocator = Queue()->CreateCommandAllocator();
+        allocator->RecordList(pipeline, [&](const ListPtr& list) {
+            const auto buffer = list->CreateIndexBuffer(indices);
+            list->SetRootSignature(desc.rootSignature);
+            list->OMSetRenderTarget(target, nullptr);
+            list->RSSetViewports({{0, 0, 4, 4, 0, 1}});
+            list->RSSetScissorRects({{0, 0, 4, 4}});
+            list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLELIST);
+            list->IASetVertexBuffer(list->CreateVertexBuffer(corners, sizeof(corners[0]), 5));
+            list->IASetIndexBuffer(buffer);
+            list->DrawIndexed(buffer);
+        });
+        allocator->Execute();
+        EXPECT_THAT(s_canvas->Read(target).colors, testing::Each(Color{1, 1, 1, 1}));
+    };
+    draw(std::vector<std::uint16_t>{0, 1, 2, 2, 1, 3});
+    draw(std::vector<std::uint32_t>{0, 1, 2, 2, 1, 3});
 }
 
 } // namespace

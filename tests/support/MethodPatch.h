@@ -18,6 +18,7 @@ namespace Norvex::Test {
 namespace Slot {
 constexpr std::size_t kQueryInterface = 0;
 constexpr std::size_t kAdapterGetDesc1 = 10;
+constexpr std::size_t kCommandAllocatorReset = 8;
 constexpr std::size_t kContext11Map = 14;
 constexpr std::size_t kContext11IASetVertexBuffers = 18;
 constexpr std::size_t kContext11Signal = 147;
@@ -54,6 +55,7 @@ constexpr std::size_t kDeviceCreateSharedHandle = 31;
 constexpr std::size_t kDeviceCreateFence = 36;
 constexpr std::size_t kDeviceGetDeviceRemovedReason = 37;
 constexpr std::size_t kDeviceCreateQueryHeap = 39;
+constexpr std::size_t kDevice4CreateCommandList1 = 51;
 constexpr std::size_t kDxgiDeviceGetAdapter = 7;
 constexpr std::size_t kFactoryEnumAdapters1 = 12;
 constexpr std::size_t kFenceSetEventOnCompletion = 9;
@@ -75,6 +77,8 @@ constexpr std::size_t kListSetGraphicsRootConstantBufferView = 38;
 constexpr std::size_t kListSetGraphicsRootShaderResourceView = 40;
 constexpr std::size_t kListSetGraphicsRootUnorderedAccessView = 42;
 constexpr std::size_t kQueueExecuteCommandLists = 10;
+constexpr std::size_t kQueueSignal = 14;
+constexpr std::size_t kQueueWait = 15;
 constexpr std::size_t kResourceMap = 8;
 constexpr std::size_t kResourceUnmap = 9;
 constexpr std::size_t kResourceGetDesc = 10;

@@ -1,9 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 
 #include <algorithm>
-#include <iterator>
-
-#include <glog/logging.h>
+#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"
@@ -20,8 +18,25 @@ D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device,
     m_completionEvent.reset(new D12CompletionEvent(device, D3D12_FENCE_FLAG_NONE));
 }
 
+void D12AllocatorState::Abandon() noexcept {
+    m_allocator.Detach();
+    m_completionEvent.detach();
+}
+
+namespace {
+
+const boost::intrusive_ptr<D12CommandQueue>&
+Checked(const boost::intrusive_ptr<D12CommandQueue>& queue, const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(queue != nullptr, "Command queue is null", location);
+    return queue;
+}
+
+} // namespace
+
 D12CommandAllocator::D12CommandAllocator(const boost::intrusive_ptr<D12CommandQueue>& queue)
-    : m_state(queue->GetDevice()->CreateCommandAllocator(queue->GetType())),
+    : m_state(Checked(queue, Location::current())
+                  ->GetDevice()
+                  ->CreateCommandAllocator(queue->GetType())),
       m_device(queue->GetDevice()),
       m_queue(queue),
       m_type(queue->GetType()) {
@@ -29,39 +44,96 @@ D12CommandAllocator::D12CommandAllocator(const boost::intrusive_ptr<D12CommandQu
 }
 
 D12CommandAllocator::~D12CommandAllocator() {
-    const std::lock_guard guard(m_lock);
     try {
-        WaitAndClear();
-        m_waits.clear();
-        // Before the reset: it fails while a list of the allocator is open.
-        m_commandLists.clear();
-        if (SUCCEEDED(m_state.Get()->Reset())) {
-            m_device->ReuseCommandAllocator(m_type, std::move(m_state));
+        WaitComplete();
+    } catch (...) {
+        LogCurrentException("A command allocator was released without waiting for the GPU");
+        if (m_device->GetDeviceRemovedReason() == S_OK) {
+            Abandon();
         }
-    } catch (const DirectXException& e) {
-        LOG(ERROR) << "A command allocator was released without waiting for the GPU: "
-                   << e.GetErrorDescription() << ". " << e.GetResultDescription();
+        return;
     }
+    // The host may still record a list that it holds, or have queued it elsewhere.
+    const bool isMemoryFree = std::ranges::all_of(
+        m_commandLists, [](const auto& list) { return list->GetRefCount() == 1; });
+    m_commandLists.clear();
+    if (isMemoryFree) {
+        ReturnToDevice(m_state);
+    }
+    if (m_otherState) {
+        ReturnToDevice(*m_otherState);
+    }
+}
+
+void D12CommandAllocator::ReturnToDevice(D12AllocatorState& state) noexcept {
+    try {
+        if (SUCCEEDED(state.Get()->Reset())) {
+            m_device->ReuseCommandAllocator(m_type, std::move(state));
+        }
+    } catch (...) {
+        return; // no memory to keep it: the next user makes one
+    }
+}
+
+void D12CommandAllocator::Abandon() noexcept {
+    for (D12TrackedObjects& objects : m_inUse) {
+        objects.Abandon();
+    }
+    m_state.Abandon();
+    if (m_otherState) {
+        m_otherState->Abandon();
+    }
+}
+
+bool D12CommandAllocator::IsCompleted() const {
+    return m_state.GetCompletionEvent()->IsCompleted() &&
+           (!m_isSignalDue || m_device->GetDeviceRemovedReason() != S_OK);
+}
+
+void D12CommandAllocator::RecycleMemory() {
+    if (!IsCompleted()) {
+        // Of the submission before, which the last Execute has waited for.
+        if (!m_otherState) {
+            m_otherState.emplace(m_device->CreateCommandAllocator(m_type));
+        }
+        m_state.SwapMemory(*m_otherState);
+    }
+    // After a failure it only grows; the next one tries again.
+    m_isMemoryUsed = FAILED(m_state.Get()->Reset());
+}
+
+bool D12CommandAllocator::HasOpenList() const {
+    // Of those made here only the last can be open.
+    const auto last =
+        std::find_if(m_commandLists.rbegin(), m_commandLists.rend(),
+                     [this](const auto& list) { return list->m_allocator == m_state.Get(); });
+    return last != m_commandLists.rend() && !(*last)->IsClosed();
 }
 
 boost::intrusive_ptr<D12GraphicsCommandList>
 D12CommandAllocator::CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState) {
-    const auto list = m_device->CreateCommandList(
-        m_type, CComPtr<ID3D12CommandAllocator>(m_state.Get()), pipelineState);
+    ThrowUnless<DirectX12Exception>(!HasOpenList(), "Found command list that was not closed");
+    if (m_isMemoryUsed && m_commandLists.empty()) {
+        RecycleMemory();
+    }
+    m_isMemoryUsed = true;
+    const CComPtr<ID3D12CommandAllocator> allocator(m_state.Get());
+    const auto list = m_device->CreateCommandList(m_type, allocator, pipelineState);
     boost::intrusive_ptr<D12GraphicsCommandList> wrapper(
-        new D12GraphicsCommandList(m_device, list));
-    m_commandLists.push_back(wrapper);
+        new D12GraphicsCommandList(m_device, list, allocator));
     wrapper->TrackObject(pipelineState.p);
+    m_commandLists.push_back(wrapper);
     return wrapper;
 }
 
 void D12CommandAllocator::EnqueueCommandList(const boost::intrusive_ptr<D12CommandList>& list) {
+    ThrowUnless<DirectX12Exception>(list != nullptr, "Command list is null");
     ThrowUnless<DirectX12Exception>(std::ranges::find(m_commandLists, list) == m_commandLists.end(),
                                     "Command list already queued");
     m_commandLists.push_back(list);
 }
 
-D12CommandList& D12CommandAllocator::GetActiveList(const std::source_location& location) const {
+D12CommandList& D12CommandAllocator::GetActiveList(const Location& location) const {
     ThrowUnless<DirectX12Exception>(!m_commandLists.empty(), "There is no active command list",
                                     location);
     return *m_commandLists.back();
@@ -76,69 +148,93 @@ void D12CommandAllocator::TrackObject(const boost::intrusive_ptr<IRefCountable>&
 }
 
 void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CompletionEvent>& event) {
+    ThrowUnless<DirectX12Exception>(event != nullptr, "Completion event is null");
     m_waits.push_back({event->GetFence(), event->GetValue()});
 }
 
 void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& other) {
+    ThrowUnless<DirectX12Exception>(other != nullptr, "Command allocator is null");
+    if (other->m_isSignalDue) {
+        const std::lock_guard guard(other->m_lock);
+        other->SignalIfDue(Location::current());
+    }
     Wait(other->m_state.GetCompletionEvent());
 }
 
 void D12CommandAllocator::Execute() {
-    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
-                                    "There are no command lists to execute");
+    // Released after the lock: the objects' destructors may wait for this allocator.
+    std::vector<D12TrackedObjects> finished;
     {
         const std::lock_guard guard(m_lock);
-        WaitAndClear();
+        ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
+                                        "There are no command lists to execute");
         ThrowUnless<DirectX12Exception>(
             std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
             "Found command list that was not closed");
-        SubmitWaits();
-        SubmitLists();
+        finished = WaitAndTake(Location::current());
+        Submit(Location::current());
     }
-    QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this), [this](IRefCountable&) {
-        const std::lock_guard guard(m_lock);
-        WaitAndClear();
-    });
+    QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
+                      [this](IRefCountable&) { WaitComplete(); });
 }
 
-void D12CommandAllocator::SubmitWaits() {
-    for (FenceWait& wait : m_waits) {
-        m_queue->Get()->Wait(wait.fence, wait.value);
-        m_trackedComObjects.emplace_back(wait.fence.p);
-    }
-    m_waits.clear();
-}
-
-void D12CommandAllocator::SubmitLists() {
+void D12CommandAllocator::Submit(const Location& location) {
+    // What needs memory comes first: what the queue has been given cannot be taken back.
     std::vector<ID3D12CommandList*> lists;
     lists.reserve(m_commandLists.size());
+    m_inUse.reserve(m_commandLists.size() + 1);
+    D12TrackedObjects& others = m_inUse.emplace_back();
+    for (const FenceWait& wait : m_waits) {
+        others.Add(wait.fence.p);
+    }
     for (const auto& list : m_commandLists) {
         lists.push_back(list->Get());
-        std::ranges::move(list->m_trackedComObjects, std::back_inserter(m_trackedComObjects));
-        std::ranges::move(list->m_trackedObjects, std::back_inserter(m_trackedObjects));
-        list->m_trackedComObjects.clear();
-        list->m_trackedObjects.clear();
+        if (list->m_allocator != m_state.Get()) {
+            others.Add(list.get()); // its memory is another's
+        }
     }
+
+    for (const FenceWait& wait : m_waits) {
+        ThrowIfFailed<DirectX12Exception>(m_queue->Get()->Wait(wait.fence, wait.value),
+                                          "Failed to wait for fence", m_device->Get(), location);
+        m_isSignalDue = true;
+    }
+    m_waits.clear();
+    for (const auto& list : m_commandLists) {
+        m_inUse.push_back(std::exchange(list->m_tracked, {}));
+    }
+    m_isSignalDue = true;
     m_queue->Get()->ExecuteCommandLists(static_cast<UINT>(lists.size()), lists.data());
-    const auto& event = m_state.GetCompletionEvent();
-    // Not checked: on a removed device the fence counts as reached.
-    m_queue->Get()->Signal(event->GetFence(), event->PreIncrementValue());
     m_commandLists.clear();
+    SignalIfDue(location);
 }
 
-void D12CommandAllocator::WaitAndClear() {
+void D12CommandAllocator::SignalIfDue(const Location& location) {
+    if (!m_isSignalDue) {
+        return;
+    }
+    const auto& event = m_state.GetCompletionEvent();
+    const long result = event->SignalNext(
+        [&](std::uint64_t value) { return m_queue->Get()->Signal(event->GetFence(), value); });
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to signal fence", m_device->Get(), location);
+    m_isSignalDue = false;
+}
+
+std::vector<D12TrackedObjects> D12CommandAllocator::WaitAndTake(const Location& location) {
+    SignalIfDue(location);
     m_state.GetCompletionEvent()->WaitComplete();
-    m_trackedObjects.clear();
-    m_trackedComObjects.clear();
+    return std::exchange(m_inUse, {});
 }
 
 void D12CommandAllocator::WaitComplete() {
+    std::vector<D12TrackedObjects> finished; // released after the lock, as in Execute
     const std::lock_guard guard(m_lock);
-    WaitAndClear();
-    m_state.Get()->Reset();
+    finished = WaitAndTake(Location::current());
 }
 
-void D12CommandAllocator::DiscardRecording(std::size_t lists, std::size_t waits) noexcept {
+void D12CommandAllocator::DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,
+                                           std::size_t waits) noexcept {
+    list.GiveUp(); // whoever else holds it
     m_commandLists.erase(m_commandLists.begin() + static_cast<std::ptrdiff_t>(lists),
                          m_commandLists.end());
     m_waits.erase(m_waits.begin() + static_cast<std::ptrdiff_t>(waits), m_waits.end());

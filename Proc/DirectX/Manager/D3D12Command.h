@@ -2,12 +2,15 @@
 
 // Recording and submission. A D12CommandAllocator is one unit of submission: lists recorded from
 // it, waits before them, and all objects they use, kept alive until the GPU has finished. Execute
-// submits once; a background thread then releases the objects. One thread records into an allocator
-// at a time; Execute, WaitComplete and the background release exclude each other. Throws
-// DirectX12Exception. Next: D3D12CommandList.h, D3D12CommandQueue.h.
+// submits; a background thread then releases the objects. One thread records and executes at a
+// time, any may wait. Throws DirectX12Exception; what is null where an object is needed throws
+// "... is null". Next: D3D12CommandList.h, D3D12CommandQueue.h.
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <source_location>
 #include <utility>
 #include <vector>
@@ -31,50 +34,76 @@ public:
         return m_completionEvent;
     }
 
+    // The other's Direct3D allocator, to record on while the GPU reads this one's.
+    void SwapMemory(D12AllocatorState& other) noexcept {
+        std::swap(m_allocator, other.m_allocator);
+    }
+    // Never releases them: nothing tells when the GPU has finished.
+    void Abandon() noexcept;
+
 private:
     CComPtr<ID3D12CommandAllocator> m_allocator;
     boost::intrusive_ptr<D12CompletionEvent> m_completionEvent;
 };
 
+// Queued lists and waits belong to the next Execute. Until it has taken them nothing touches the
+// memory that the lists were recorded in: WaitComplete between recording and Execute is harmless.
+// What a submission uses is kept until its fence says that the GPU has finished; where no fence can
+// say so any more, until the device is removed.
 class NORVEX_DX_API D12CommandAllocator : public RefCountImpl {
 public:
-    // Takes an idle allocator of the queue's type. "Command allocator is busy".
+    // Takes an idle allocator of the queue's type. "Command queue is null", "Command allocator is
+    // busy".
     explicit D12CommandAllocator(const boost::intrusive_ptr<D12CommandQueue>& queue);
-    // Blocks until the GPU has finished its last submission.
+    // Blocks until the GPU has finished its last submission. What was not submitted is dropped; a
+    // list that the host still holds stays valid to record, close and drop. Where the wait fails
+    // and the device is not removed, it is logged and what the submission uses is never released.
     ~D12CommandAllocator() override;
     D12CommandAllocator(const D12CommandAllocator&) = delete;
     D12CommandAllocator& operator=(const D12CommandAllocator&) = delete;
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     D3D12_COMMAND_LIST_TYPE GetType() const { return m_type; }
-    // The GPU has finished the last submission (true before the first).
-    bool IsCompleted() const { return m_state.GetCompletionEvent()->IsCompleted(); }
+    // The GPU has finished the last submission (true before the first, and on a removed device).
+    bool IsCompleted() const;
 
-    // A new open list, queued; it is now the active one. The pipeline state may be null.
+    // A new open list, queued; it is now the active one. The pipeline state may be null. While a
+    // list made here is open there is no other: "Found command list that was not closed". The first
+    // list after an Execute goes to memory that the GPU has read, so that an allocator may serve
+    // frame after frame and its memory stays that of two.
     boost::intrusive_ptr<D12GraphicsCommandList>
     CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState);
-    // "Command list already queued".
+    // Queues a list made elsewhere; it is submitted once. Another allocator's list: that one is
+    // left alone until this one has finished. "Command list is null", "Command list already
+    // queued".
     void EnqueueCommandList(const boost::intrusive_ptr<D12CommandList>& list);
     // Keeps an object alive with the active list. "There is no active command list".
     void TrackObject(ID3D12DeviceChild* object);
     void TrackObject(const boost::intrusive_ptr<IRefCountable>& object);
 
-    // The next submission waits on the GPU for the event's present target.
+    // The next submission waits on the GPU for the event's present target. "Completion event is
+    // null".
     void Wait(const boost::intrusive_ptr<D12CompletionEvent>& event);
+    // For the other's last submission: execute it first. What it has recorded since, or never
+    // submitted, is not waited for. "Command allocator is null", "Failed to signal fence".
     void Wait(const boost::intrusive_ptr<D12CommandAllocator>& other);
 
     // Submits the queued lists, which are closed, and signals completion. Blocks first while the
     // previous submission of this allocator runs. "There are no command lists to execute", "Found
-    // command list that was not closed" (nothing is submitted then, lists and waits stay).
+    // command list that was not closed", "Failed to set event on completion", "Failed to wait for
+    // fence": nothing is submitted, lists and waits stay. "Failed to signal fence",
+    // std::system_error (no thread for the background): submitted; the next wait signals and waits
+    // for it.
     void Execute();
-    // Blocks until the GPU has finished, releases what was tracked, makes the allocator's memory
-    // reusable.
+    // Blocks until the GPU has finished, and releases what the submission used; those objects'
+    // destructors may use this allocator. "Failed to signal fence" (a removed device, as a rule),
+    // "Failed to set event on completion": nothing is released.
     void WaitComplete();
 
-    // Records one closed list: record(const boost::intrusive_ptr<D12GraphicsCommandList>&) is called
-    // with the open list. When it or Close throws, the allocator is as it was before: lists and
-    // waits that came meanwhile are gone, and the next recording finds everything usable. Whatever
-    // can fail without a list (pipeline states, buffers) is better made before the call.
+    // Records one closed list: record(const boost::intrusive_ptr<D12GraphicsCommandList>&) is
+    // called with the open list. When it or Close throws, the allocator is as it was before: lists
+    // and waits that came meanwhile are gone, and the next recording finds everything usable.
+    // Whatever can fail without a list (pipeline states, buffers) is better made before the call.
     template <class Record>
     void RecordList(const CComPtr<ID3D12PipelineState>& pipelineState, const Record& record) {
         const std::size_t lists = m_commandLists.size();
@@ -84,12 +113,12 @@ public:
             record(list);
             list->Close();
         } catch (...) {
-            DiscardRecording(lists, waits);
+            DiscardRecording(*list, lists, waits);
             throw;
         }
     }
 
-    // Each records one closed list; submit with Execute.
+    // Each records one closed list, or throws and records nothing; submit with Execute.
     void ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers);
     // No rectangles: the whole view. The resource is in the render-target state.
     void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
@@ -107,34 +136,44 @@ public:
     static void WaitAllComplete();
 
 private:
-    friend class D12CommandQueue;
-
     struct FenceWait {
         CComPtr<ID3D12Fence> fence;
         std::uint64_t value;
     };
+    using Location = std::source_location;
 
     // These expect m_lock to be held.
-    void WaitAndClear();
-    void SubmitWaits();
-    void SubmitLists();
+    std::vector<D12TrackedObjects> WaitAndTake(const Location& location);
+    void Submit(const Location& location);
+    void SignalIfDue(const Location& location);
 
+    // The state has been recorded on, the GPU has read it, and no queued list is in it.
+    void RecycleMemory();
+    void ReturnToDevice(D12AllocatorState& state) noexcept;
+    void Abandon() noexcept;
+    bool HasOpenList() const;
     // "There is no active command list", thrown for the operation that asks.
-    D12CommandList&
-    GetActiveList(const std::source_location& location = std::source_location::current()) const;
-    // Keeps the first lists and waits, drops the later ones.
-    void DiscardRecording(std::size_t lists, std::size_t waits) noexcept;
+    D12CommandList& GetActiveList(const Location& location = Location::current()) const;
+    // Drops the list, and all but the first queued lists and waits.
+    void DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,
+                          std::size_t waits) noexcept;
 
     D12AllocatorState m_state;
+    // Takes turns with m_state's, when recording begins while the GPU reads that one.
+    std::optional<D12AllocatorState> m_otherState;
+    bool m_isMemoryUsed = false; // of m_state, since its last reset
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
-    std::mutex m_lock; // guards submission and clearing
+    // Guards submission and release. Held from the wait for the GPU until what it used is taken: a
+    // submission between the two would have its objects released in flight.
+    std::mutex m_lock;
+    // The queue has work of this allocator that no signal follows.
+    std::atomic<bool> m_isSignalDue{false};
     std::vector<FenceWait> m_waits;
     std::vector<boost::intrusive_ptr<D12CommandList>>
-        m_commandLists; // the last one is the active list
-    std::vector<CComPtr<ID3D12DeviceChild>> m_trackedComObjects;
-    std::vector<boost::intrusive_ptr<IRefCountable>> m_trackedObjects;
+        m_commandLists;                     // the last one is the active list
+    std::vector<D12TrackedObjects> m_inUse; // by the last submission
 };
 
 } // namespace Norvex::DX

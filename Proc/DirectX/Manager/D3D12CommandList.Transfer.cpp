@@ -10,31 +10,37 @@
 namespace Norvex::DX {
 
 void D12GraphicsCommandList::UploadRegion(const D12UploadRegionParams& params) {
+    ThrowUnless<DirectX12Exception>(params.destination != nullptr, "Resource is null");
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(params.destination);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER,
                                     "Destination resource is not a buffer");
     ThrowUnless<DirectX12Exception>(params.size <= desc.Width &&
                                         params.destinationOffset <= desc.Width - params.size,
                                     "Uploading data does not fit in the destination");
+    ThrowUnless<DirectX12Exception>(params.data != nullptr || params.size == 0,
+                                    "Invalid upload data");
     const auto staging = Staging::GetUploadBuffer(*GetDevice(), params.pool, params.size);
     staging->Write(0, params.size,
                    [&params](std::uint8_t* data) { std::memcpy(data, params.data, params.size); });
 
+    Keep(params.destination.p);
+    Keep(staging.get());
     RecordTransition(params.destination, params.stateBefore, D3D12_RESOURCE_STATE_COPY_DEST);
     m_graphicsList->CopyBufferRegion(params.destination, params.destinationOffset,
                                      staging->GetResource(), 0, params.size);
     RecordTransition(params.destination, D3D12_RESOURCE_STATE_COPY_DEST, params.stateAfter);
-    TrackObject(params.destination.p);
-    TrackObject(boost::intrusive_ptr<IRefCountable>(staging));
 }
 
 void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& params) {
+    ThrowUnless<DirectX12Exception>(params.destination != nullptr, "Resource is null");
     const Staging::Layout layout(*GetDevice(), params.destination, params.subresources.size());
     layout.Check(params.subresources, "Invalid upload data");
     const auto staging = Staging::GetUploadBuffer(*GetDevice(), params.pool, layout.GetSize());
     staging->Write(0, layout.GetSize(),
                    [&](std::uint8_t* data) { layout.CopyIn(data, params.subresources); });
 
+    Keep(params.destination.p);
+    Keep(staging.get());
     RecordTransition(params.destination, params.stateBefore, D3D12_RESOURCE_STATE_COPY_DEST);
     for (unsigned i = 0; i < layout.GetCount(); ++i) {
         const CD3DX12_TEXTURE_COPY_LOCATION destination(params.destination, i);
@@ -42,15 +48,15 @@ void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& param
         m_graphicsList->CopyTextureRegion(&destination, 0, 0, 0, &source, nullptr);
     }
     RecordTransition(params.destination, D3D12_RESOURCE_STATE_COPY_DEST, params.stateAfter);
-    TrackObject(params.destination.p);
-    TrackObject(boost::intrusive_ptr<IRefCountable>(staging));
 }
 
 void D12GraphicsCommandList::RecordTransition(const CComPtr<ID3D12Resource>& resource,
                                               D3D12_RESOURCE_STATES before,
                                               D3D12_RESOURCE_STATES after) {
     if (before != after) {
-        ResourceBarrier({CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after)});
+        const D3D12_RESOURCE_BARRIER barrier =
+            CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after);
+        RecordBarriers({&barrier, 1});
     }
 }
 

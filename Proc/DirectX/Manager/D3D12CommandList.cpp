@@ -14,20 +14,35 @@ namespace {
 
 constexpr std::size_t kMaxRenderTargets = D3D12_SIMULTANEOUS_RENDER_TARGET_COUNT;
 
-void CheckRenderTarget(const D12Descriptor& descriptor, const std::source_location& location) {
-    ThrowUnless<DirectX12Exception>(descriptor.GetType() == D12Descriptor::RenderTarget,
+void CheckRenderTarget(const boost::intrusive_ptr<D12Descriptor>& descriptor,
+                       const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX12Exception>(descriptor != nullptr &&
+                                        descriptor->GetType() == D12Descriptor::RenderTarget,
                                     "The descriptor is not a render target view", location);
+}
+
+D3D12_VERTEX_BUFFER_VIEW ViewOf(const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
+    return buffer != nullptr ? buffer->GetView() : D3D12_VERTEX_BUFFER_VIEW{};
 }
 
 } // namespace
 
 D12CommandList::D12CommandList(const boost::intrusive_ptr<D12Device>& device,
-                               const CComPtr<ID3D12CommandList>& list)
+                               const CComPtr<ID3D12CommandList>& list,
+                               const CComPtr<ID3D12CommandAllocator>& allocator)
     : m_device(device),
+      m_allocator(allocator),
       m_list(list) {}
 
 D12CommandList::~D12CommandList() {
-    m_device->ReuseCommandList(std::move(m_list));
+    if (!m_isPoolable) {
+        return;
+    }
+    try {
+        m_device->ReuseCommandList(std::move(m_list));
+    } catch (...) {
+        m_list.Release(); // no memory to keep it: the next user makes one
+    }
 }
 
 D3D12_COMMAND_LIST_TYPE D12CommandList::GetType() const {
@@ -35,32 +50,31 @@ D3D12_COMMAND_LIST_TYPE D12CommandList::GetType() const {
 }
 
 void D12CommandList::TrackObject(ID3D12DeviceChild* object) {
-    const auto isSame = [object](const CComPtr<ID3D12DeviceChild>& tracked) {
-        return tracked.p == object;
-    };
-    if (object != nullptr && std::ranges::none_of(m_trackedComObjects, isSame)) {
-        m_trackedComObjects.emplace_back(object);
-    }
+    m_tracked.Add(object);
 }
 
 void D12CommandList::TrackObject(const boost::intrusive_ptr<IRefCountable>& object) {
-    if (object != nullptr &&
-        std::ranges::find(m_trackedObjects, object) == m_trackedObjects.end()) {
-        m_trackedObjects.push_back(object);
-    }
+    m_tracked.Add(object.get());
 }
 
 D12GraphicsCommandList::D12GraphicsCommandList(const boost::intrusive_ptr<D12Device>& device,
-                                               const CComPtr<ID3D12GraphicsCommandList>& list)
-    : D12CommandList(device, list.p),
+                                               const CComPtr<ID3D12GraphicsCommandList>& list,
+                                               const CComPtr<ID3D12CommandAllocator>& allocator)
+    : D12CommandList(device, CComPtr<ID3D12CommandList>(list.p), allocator),
       m_graphicsList(list) {}
 
 D12GraphicsCommandList::~D12GraphicsCommandList() {
-    // A recording that was given up, as a rule by an exception: the list goes back to the pool,
-    // where an open one would fail the next user's reset.
-    if (!IsClosed()) {
-        m_graphicsList->Close();
+    GiveUp();
+}
+
+void D12GraphicsCommandList::GiveUp() noexcept {
+    if (IsClosed()) {
+        return;
     }
+    if (FAILED(m_graphicsList->Close())) {
+        KeepOutOfPool(); // an open list would fail the next user's reset
+    }
+    MarkClosed();
 }
 
 void D12GraphicsCommandList::Close() {
@@ -71,8 +85,8 @@ void D12GraphicsCommandList::Close() {
 
 void D12GraphicsCommandList::OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                                                const boost::intrusive_ptr<D12Descriptor>& depth) {
-    CheckRenderTarget(*target, std::source_location::current());
-    SetTargets({target}, depth);
+    CheckRenderTarget(target);
+    SetTargets({&target, 1}, depth);
 }
 
 void D12GraphicsCommandList::OMSetRenderTargets(
@@ -81,14 +95,18 @@ void D12GraphicsCommandList::OMSetRenderTargets(
     ThrowUnless<DirectX12Exception>(targets.size() <= kMaxRenderTargets,
                                     "Invalid render target count");
     for (const auto& target : targets) {
-        CheckRenderTarget(*target, std::source_location::current());
+        CheckRenderTarget(target);
     }
     SetTargets(targets, depth);
 }
 
 void D12GraphicsCommandList::SetTargets(
-    const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
+    std::span<const boost::intrusive_ptr<D12Descriptor>> targets,
     const boost::intrusive_ptr<D12Descriptor>& depth) {
+    for (const auto& target : targets) {
+        Keep(target.get());
+    }
+    Keep(depth.get());
     std::array<D3D12_CPU_DESCRIPTOR_HANDLE, kMaxRenderTargets> handles = {};
     std::ranges::transform(targets, handles.begin(),
                            [](const auto& target) { return target->GetCPUHandle(); });
@@ -96,26 +114,24 @@ void D12GraphicsCommandList::SetTargets(
         depth != nullptr ? depth->GetCPUHandle() : D3D12_CPU_DESCRIPTOR_HANDLE{};
     m_graphicsList->OMSetRenderTargets(static_cast<UINT>(targets.size()), handles.data(), FALSE,
                                        depth != nullptr ? &depthHandle : nullptr);
-    for (const auto& target : targets) {
-        TrackObject(boost::intrusive_ptr<IRefCountable>(target));
-    }
-    TrackObject(boost::intrusive_ptr<IRefCountable>(depth));
 }
 
 void D12GraphicsCommandList::ClearRenderTargetView(
     const boost::intrusive_ptr<D12Descriptor>& target, const Proc::ColorF& color,
     const std::vector<RECT>& rects) {
-    CheckRenderTarget(*target, std::source_location::current());
+    CheckRenderTarget(target);
+    Keep(target.get());
     const float rgba[] = {color.r, color.g, color.b, color.a};
     m_graphicsList->ClearRenderTargetView(target->GetCPUHandle(), rgba,
                                           static_cast<UINT>(rects.size()),
                                           rects.empty() ? nullptr : rects.data());
-    TrackObject(boost::intrusive_ptr<IRefCountable>(target));
 }
 
 void D12GraphicsCommandList::IASetVertexBuffer(
     const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
-    IASetVertexBuffers(0, {buffer});
+    Keep(buffer.get());
+    const D3D12_VERTEX_BUFFER_VIEW view = ViewOf(buffer);
+    m_graphicsList->IASetVertexBuffers(0, 1, &view);
 }
 
 void D12GraphicsCommandList::IASetVertexBuffers(
@@ -123,15 +139,15 @@ void D12GraphicsCommandList::IASetVertexBuffers(
     std::vector<D3D12_VERTEX_BUFFER_VIEW> views;
     views.reserve(buffers.size());
     for (const auto& buffer : buffers) {
-        views.push_back(buffer->GetView());
-        TrackObject(boost::intrusive_ptr<IRefCountable>(buffer));
+        Keep(buffer.get());
+        views.push_back(ViewOf(buffer));
     }
     m_graphicsList->IASetVertexBuffers(startSlot, static_cast<UINT>(views.size()), views.data());
 }
 
 void D12GraphicsCommandList::IASetIndexBuffer(const boost::intrusive_ptr<D12IndexBuffer>& buffer) {
-    m_graphicsList->IASetIndexBuffer(&buffer->GetView());
-    TrackObject(boost::intrusive_ptr<IRefCountable>(buffer));
+    Keep(buffer.get());
+    m_graphicsList->IASetIndexBuffer(buffer != nullptr ? &buffer->GetView() : nullptr);
 }
 
 void D12GraphicsCommandList::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology) {
@@ -139,13 +155,15 @@ void D12GraphicsCommandList::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topol
 }
 
 void D12GraphicsCommandList::Draw(const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
+    ThrowUnless<DirectX12Exception>(buffer != nullptr, "Vertex buffer is null");
+    Keep(buffer.get());
     m_graphicsList->DrawInstanced(buffer->GetCount(), 1, 0, 0);
-    TrackObject(boost::intrusive_ptr<IRefCountable>(buffer));
 }
 
 void D12GraphicsCommandList::DrawIndexed(const boost::intrusive_ptr<D12IndexBuffer>& buffer) {
+    ThrowUnless<DirectX12Exception>(buffer != nullptr, "Index buffer is null");
+    Keep(buffer.get());
     m_graphicsList->DrawIndexedInstanced(buffer->GetCount(), 1, 0, 0, 0);
-    TrackObject(boost::intrusive_ptr<IRefCountable>(buffer));
 }
 
 void D12GraphicsCommandList::RSSetViewports(const std::vector<D3D12_VIEWPORT>& viewports) {
@@ -157,13 +175,13 @@ void D12GraphicsCommandList::RSSetScissorRects(const std::vector<RECT>& rects) {
 }
 
 void D12GraphicsCommandList::SetPipelineState(const CComPtr<ID3D12PipelineState>& pipelineState) {
+    Keep(pipelineState.p);
     m_graphicsList->SetPipelineState(pipelineState);
-    TrackObject(pipelineState.p);
 }
 
 void D12GraphicsCommandList::SetRootSignature(const CComPtr<ID3D12RootSignature>& rootSignature) {
+    Keep(rootSignature.p);
     m_graphicsList->SetGraphicsRootSignature(rootSignature);
-    TrackObject(rootSignature.p);
 }
 
 void D12GraphicsCommandList::SetDescriptorHeaps(
@@ -173,8 +191,8 @@ void D12GraphicsCommandList::SetDescriptorHeaps(
     UINT count = 0;
     for (const auto& heap : {views, samplers}) {
         if (heap != nullptr) {
+            Keep(heap.get());
             heaps[count++] = heap->GetHeap();
-            TrackObject(boost::intrusive_ptr<IRefCountable>(heap));
         }
     }
     if (count != 0) {
@@ -208,59 +226,71 @@ void D12GraphicsCommandList::SetRootUnorderedAccessView(unsigned rootIndex,
 }
 
 void D12GraphicsCommandList::ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers) {
-    m_graphicsList->ResourceBarrier(static_cast<UINT>(barriers.size()), barriers.data());
+    RecordBarriers(barriers);
+}
+
+void D12GraphicsCommandList::RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers) {
     for (const D3D12_RESOURCE_BARRIER& barrier : barriers) {
         switch (barrier.Type) {
         case D3D12_RESOURCE_BARRIER_TYPE_TRANSITION:
-            TrackObject(barrier.Transition.pResource);
+            Keep(barrier.Transition.pResource);
             break;
         case D3D12_RESOURCE_BARRIER_TYPE_ALIASING:
-            TrackObject(barrier.Aliasing.pResourceBefore);
-            TrackObject(barrier.Aliasing.pResourceAfter);
+            Keep(barrier.Aliasing.pResourceBefore);
+            Keep(barrier.Aliasing.pResourceAfter);
             break;
         case D3D12_RESOURCE_BARRIER_TYPE_UAV:
-            TrackObject(barrier.UAV.pResource);
+            Keep(barrier.UAV.pResource);
             break;
         }
     }
+    m_graphicsList->ResourceBarrier(static_cast<UINT>(barriers.size()), barriers.data());
 }
 
 void D12GraphicsCommandList::CopyResource(const CComPtr<ID3D12Resource>& destination,
                                           const CComPtr<ID3D12Resource>& source) {
+    ThrowUnless<DirectX12Exception>(destination != nullptr && source != nullptr,
+                                    "Resource is null");
+    Keep(destination.p);
+    Keep(source.p);
     m_graphicsList->CopyResource(destination, source);
-    TrackObject(destination.p);
-    TrackObject(source.p);
 }
 
 void D12GraphicsCommandList::CopyBufferRegion(const CComPtr<ID3D12Resource>& destination,
                                               std::uint64_t destinationOffset,
                                               const CComPtr<ID3D12Resource>& source,
                                               std::uint64_t sourceOffset, std::uint64_t size) {
+    ThrowUnless<DirectX12Exception>(destination != nullptr && source != nullptr,
+                                    "Resource is null");
+    Keep(destination.p);
+    Keep(source.p);
     m_graphicsList->CopyBufferRegion(destination, destinationOffset, source, sourceOffset, size);
-    TrackObject(destination.p);
-    TrackObject(source.p);
 }
 
 void D12GraphicsCommandList::CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION& destination,
                                                unsigned x, unsigned y, unsigned z,
                                                const D3D12_TEXTURE_COPY_LOCATION& source,
                                                const D3D12_BOX* sourceBox) {
+    ThrowUnless<DirectX12Exception>(destination.pResource != nullptr && source.pResource != nullptr,
+                                    "Resource is null");
+    Keep(destination.pResource);
+    Keep(source.pResource);
     m_graphicsList->CopyTextureRegion(&destination, x, y, z, &source, sourceBox);
-    TrackObject(destination.pResource);
-    TrackObject(source.pResource);
 }
 
 void D12GraphicsCommandList::BeginQuery(const boost::intrusive_ptr<D12Query>& query) {
+    ThrowUnless<DirectX12Exception>(query != nullptr, "Query is null");
+    Keep(query.get());
     m_graphicsList->BeginQuery(query->GetHeap()->GetHeap(), query->GetType(), query->GetIndex());
-    TrackObject(boost::intrusive_ptr<IRefCountable>(query));
 }
 
 void D12GraphicsCommandList::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
+    ThrowUnless<DirectX12Exception>(query != nullptr, "Query is null");
+    Keep(query.get());
     ID3D12QueryHeap* const heap = query->GetHeap()->GetHeap();
     m_graphicsList->EndQuery(heap, query->GetType(), query->GetIndex());
     m_graphicsList->ResolveQueryData(heap, query->GetType(), query->GetIndex(), 1,
                                      query->GetResource(), query->GetOffset());
-    TrackObject(boost::intrusive_ptr<IRefCountable>(query));
 }
 
 boost::intrusive_ptr<D12VertexBuffer>

@@ -1,15 +1,18 @@
 #pragma once
 
-// Command lists. A list collects the objects that it uses; on submission they move to the
-// allocator, which keeps them until the GPU has finished. One thread records a list at a time.
-// Throws DirectX12Exception. The direct forwards take their arguments as Direct3D 12 does and keep
-// alive the objects they are given.
+// Command lists. A list collects the objects that it uses, each before the call that uses it is
+// recorded; on submission they move to the allocator, which keeps them until the GPU has finished.
+// One thread records a list at a time. Throws DirectX12Exception; what is null where an object is
+// needed throws "... is null", with nothing recorded. The direct forwards take their arguments as
+// Direct3D 12 does and keep alive the objects they are given.
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "Host/Color.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
+#include "Proc/DirectX/Manager/D3D12CommandTracking.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
 
 namespace Norvex::DX {
@@ -19,8 +22,10 @@ class D12Query;
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
 public:
+    // A host's own list keeps its Direct3D allocator itself: `allocator` is null then.
     D12CommandList(const boost::intrusive_ptr<D12Device>& device,
-                   const CComPtr<ID3D12CommandList>& list);
+                   const CComPtr<ID3D12CommandList>& list,
+                   const CComPtr<ID3D12CommandAllocator>& allocator = nullptr);
     // Gives the Direct3D list back to the device.
     ~D12CommandList() override;
     D12CommandList(const D12CommandList&) = delete;
@@ -31,29 +36,39 @@ public:
     bool IsClosed() const { return m_closed; }
 
     // Keeps the object alive until the GPU has finished; null, and an object already kept, are
-    // ignored.
+    // ignored. The time it takes does not grow with the number of objects.
     void TrackObject(ID3D12DeviceChild* object);
     void TrackObject(const boost::intrusive_ptr<IRefCountable>& object);
 
 protected:
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     void MarkClosed() { m_closed = true; }
+    template <class Object>
+    void Keep(Object* object) {
+        m_tracked.Add(object);
+    }
+    // The Direct3D list dies with this object instead of going back to the device.
+    void KeepOutOfPool() { m_isPoolable = false; }
 
 private:
     friend class D12CommandAllocator;
 
     boost::intrusive_ptr<D12Device> m_device;
+    // An open list needs it, even when it outlives the wrapper of the allocator.
+    CComPtr<ID3D12CommandAllocator> m_allocator;
     bool m_closed = false;
+    bool m_isPoolable = true;
     CComPtr<ID3D12CommandList> m_list;
-    std::vector<CComPtr<ID3D12DeviceChild>> m_trackedComObjects;
-    std::vector<boost::intrusive_ptr<IRefCountable>> m_trackedObjects;
+    D12TrackedObjects m_tracked;
 };
 
 class NORVEX_DX_API D12GraphicsCommandList : public D12CommandList {
 public:
-    // The list is open.
+    // The list is open. It keeps the Direct3D allocator that it records on.
     D12GraphicsCommandList(const boost::intrusive_ptr<D12Device>& device,
-                           const CComPtr<ID3D12GraphicsCommandList>& list);
+                           const CComPtr<ID3D12GraphicsCommandList>& list,
+                           const CComPtr<ID3D12CommandAllocator>& allocator = nullptr);
+    // Closes an open list: its recording was given up.
     ~D12GraphicsCommandList() override;
 
     ID3D12GraphicsCommandList* GetGraphics() const { return m_graphicsList; }
@@ -72,12 +87,14 @@ public:
     void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
                                const Proc::ColorF& color, const std::vector<RECT>& rects);
 
+    // A null buffer leaves its slot (null index buffer: the index slot) without one.
     void IASetVertexBuffer(const boost::intrusive_ptr<D12VertexBuffer>& buffer); // slot 0
     void IASetVertexBuffers(unsigned startSlot,
                             const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers);
     void IASetIndexBuffer(const boost::intrusive_ptr<D12IndexBuffer>& buffer);
     void IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology);
-    // All vertices (indices) of the buffer, one instance.
+    // All vertices (indices) of the buffer, one instance. "Vertex buffer is null", "Index buffer is
+    // null".
     void Draw(const boost::intrusive_ptr<D12VertexBuffer>& buffer);
     void DrawIndexed(const boost::intrusive_ptr<D12IndexBuffer>& buffer);
 
@@ -121,17 +138,22 @@ public:
     boost::intrusive_ptr<D12IndexBuffer>
     CreateIndexBuffer(const std::vector<std::uint32_t>& indices);
 
-    // Record the transfer; messages as of D12CommandQueue. The data are read at once.
+    // Record the transfer; messages as of D12CommandQueue. The data are read at once. When one
+    // throws, nothing was recorded.
     void UploadRegion(const D12UploadRegionParams& params);
     void UploadResource(const D12UploadResourceParams& params);
 
 private:
+    friend class D12CommandAllocator;
     friend class D12CommandQueue;
 
+    // Ends a recording that failed, so that the next one finds the allocator free.
+    void GiveUp() noexcept;
+    void RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers);
     // Of all subresources; nothing when the states are equal.
     void RecordTransition(const CComPtr<ID3D12Resource>& resource, D3D12_RESOURCE_STATES before,
                           D3D12_RESOURCE_STATES after);
-    void SetTargets(const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
+    void SetTargets(std::span<const boost::intrusive_ptr<D12Descriptor>> targets,
                     const boost::intrusive_ptr<D12Descriptor>& depth);
     CComPtr<ID3D12Resource> CreateInputBuffer(const void* data, std::uint64_t size,
                                               const wchar_t* name);

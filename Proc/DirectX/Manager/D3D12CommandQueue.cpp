@@ -1,8 +1,8 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 
+#include <chrono>
 #include <cstring>
-
-#include <glog/logging.h>
+#include <thread>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
@@ -16,6 +16,7 @@ namespace Norvex::DX {
 
 D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device,
                                        D3D12_FENCE_FLAGS flags) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
     ThrowIfFailed<DirectX12Exception>(
         device->CreateFence(0, flags, __uuidof(ID3D12Fence), reinterpret_cast<void**>(&m_fence)),
         "Failed to create fence", device);
@@ -32,16 +33,28 @@ D12CompletionEvent::~D12CompletionEvent() {
     }
 }
 
+std::uint64_t D12CompletionEvent::PreIncrementValue() {
+    const std::lock_guard guard(m_signalLock);
+    return ++m_value;
+}
+
 bool D12CompletionEvent::IsCompleted() const {
     return m_value <= m_fence->GetCompletedValue();
 }
 
 void D12CompletionEvent::WaitComplete() {
-    const std::uint64_t target = m_value;
-    if (m_fence->GetCompletedValue() < target) {
+    WaitFor(m_value, std::source_location::current());
+}
+
+void D12CompletionEvent::WaitFor(std::uint64_t value, const std::source_location& location) const {
+    while (m_fence->GetCompletedValue() < value) {
         // A null event makes the call itself block.
-        ThrowIfFailed<DirectX12Exception>(m_fence->SetEventOnCompletion(target, nullptr),
-                                          "Failed to set event on completion");
+        ThrowIfFailed<DirectX12Exception>(m_fence->SetEventOnCompletion(value, nullptr),
+                                          "Failed to set event on completion", {}, location);
+        // Some systems block only the first of several threads that wait for the same value.
+        if (m_fence->GetCompletedValue() < value) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
 }
 
@@ -49,6 +62,7 @@ D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
                                  const D3D12_COMMAND_QUEUE_DESC& desc)
     : m_device(device),
       m_type(desc.Type) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
     ThrowIfFailed<DirectX12Exception>(
         m_device->Get()->CreateCommandQueue(&desc, __uuidof(ID3D12CommandQueue),
                                             reinterpret_cast<void**>(&m_queue)),
@@ -59,9 +73,12 @@ D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
 D12CommandQueue::~D12CommandQueue() {
     try {
         WaitComplete();
-    } catch (const DirectXException& e) {
-        LOG(ERROR) << "A command queue was released without waiting for the GPU: "
-                   << e.GetErrorDescription() << ". " << e.GetResultDescription();
+    } catch (...) {
+        LogCurrentException("A command queue was released without waiting for the GPU");
+        if (m_device->GetDeviceRemovedReason() == S_OK) {
+            m_queue.Detach();
+            m_completionEvent.detach();
+        }
     }
 }
 
@@ -93,54 +110,62 @@ D12CommandQueue::UploadResource(const D12UploadResourceParams& params) {
 }
 
 void D12CommandQueue::DownloadRegion(const D12DownloadRegionParams& params) {
+    ThrowUnless<DirectX12Exception>(params.source != nullptr, "Resource is null");
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(params.source);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER,
                                     "Source resource is not a buffer");
     ThrowUnless<DirectX12Exception>(params.size <= desc.Width &&
                                         params.sourceOffset <= desc.Width - params.size,
                                     "Downloading data does not fit in the source");
+    ThrowUnless<DirectX12Exception>(params.destination != nullptr || params.size == 0,
+                                    "Invalid download data");
     const auto staging = Staging::GetReadbackBuffer(*m_device, params.pool, params.size);
-    {
-        const auto allocator = CreateCommandAllocator();
-        const auto list = allocator->CreateCommandList(nullptr);
-        list->RecordTransition(params.source, params.stateBefore, D3D12_RESOURCE_STATE_COPY_SOURCE);
-        list->CopyBufferRegion(staging->GetResource(), 0, params.source, params.sourceOffset,
-                               params.size);
-        list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
-        list->Close();
-        allocator->Execute();
-        allocator->WaitComplete();
-    }
+    CopyToStaging(params, *staging, [&](D12GraphicsCommandList& list) {
+        list.CopyBufferRegion(staging->GetResource(), 0, params.source, params.sourceOffset,
+                              params.size);
+    });
     staging->Read(0, params.size, [&params](const std::uint8_t* data) {
         std::memcpy(params.destination, data, params.size);
     });
 }
 
 void D12CommandQueue::DownloadResource(const D12DownloadResourceParams& params) {
+    ThrowUnless<DirectX12Exception>(params.source != nullptr, "Resource is null");
     const Staging::Layout layout(*m_device, params.source, params.subresources.size());
     layout.Check(params.subresources, "Invalid download data");
     const auto staging = Staging::GetReadbackBuffer(*m_device, params.pool, layout.GetSize());
-    {
-        const auto allocator = CreateCommandAllocator();
-        const auto list = allocator->CreateCommandList(nullptr);
-        list->RecordTransition(params.source, params.stateBefore, D3D12_RESOURCE_STATE_COPY_SOURCE);
+    CopyToStaging(params, *staging, [&](D12GraphicsCommandList& list) {
         for (unsigned i = 0; i < layout.GetCount(); ++i) {
-            list->CopyTextureRegion(layout.InBuffer(staging->GetResource(), i), 0, 0, 0,
-                                    CD3DX12_TEXTURE_COPY_LOCATION(params.source, i), nullptr);
+            list.CopyTextureRegion(layout.InBuffer(staging->GetResource(), i), 0, 0, 0,
+                                   CD3DX12_TEXTURE_COPY_LOCATION(params.source, i), nullptr);
         }
-        list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
-        list->Close();
-        allocator->Execute();
-        allocator->WaitComplete();
-    }
+    });
     staging->Read(0, layout.GetSize(),
                   [&](const std::uint8_t* data) { layout.CopyOut(data, params.subresources); });
 }
 
+template <class Params, class Copy>
+void D12CommandQueue::CopyToStaging(const Params& params, D12Buffer& staging, const Copy& copy) {
+    const auto allocator = CreateCommandAllocator();
+    allocator->RecordList(nullptr, [&](const boost::intrusive_ptr<D12GraphicsCommandList>& list) {
+        // Whatever fails from here on: the buffer does not return to its pool under the copy.
+        list->TrackObject(boost::intrusive_ptr<IRefCountable>(&staging));
+        list->RecordTransition(params.source, params.stateBefore, D3D12_RESOURCE_STATE_COPY_SOURCE);
+        copy(*list);
+        list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
+    });
+    allocator->Execute();
+    allocator->WaitComplete();
+}
+
 void D12CommandQueue::WaitComplete() {
-    // Not checked: on a removed device the fence counts as reached.
-    m_queue->Signal(m_completionEvent->GetFence(), m_completionEvent->PreIncrementValue());
-    m_completionEvent->WaitComplete();
+    std::uint64_t signalled = 0;
+    const long result = m_completionEvent->SignalNext([&](std::uint64_t value) {
+        signalled = value;
+        return m_queue->Signal(m_completionEvent->GetFence(), value);
+    });
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to signal fence", m_device->Get());
+    m_completionEvent->WaitFor(signalled, std::source_location::current());
 }
 
 } // namespace Norvex::DX

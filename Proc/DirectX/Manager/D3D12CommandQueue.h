@@ -3,10 +3,13 @@
 // Queues and completion: when GPU work is finished. A D12CompletionEvent is a fence with a growing
 // target value; a D12CommandQueue submits, makes command allocators (D3D12Command.h) and copies
 // between CPU memory and resources. Events: any thread. Queues: any thread, as Direct3D's. The
-// queue's destructor waits for the GPU. Throws DirectX12Exception.
+// queue's destructor waits for the GPU. Throws DirectX12Exception; what is null where an object is
+// needed throws "... is null".
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <source_location>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -35,14 +38,35 @@ public:
     HANDLE GetSharedHandle() const { return m_sharedHandle; }
     // The current target.
     std::uint64_t GetValue() const { return m_value; }
-    // Raises the target by one; returns the new target, which the caller has some queue signal.
-    std::uint64_t PreIncrementValue() { return ++m_value; }
+    // Raises the target by one; returns the new target, which the caller has some queue signal. The
+    // signals follow in the order of the values: a fence takes whatever value comes, and one that
+    // goes back never wakes who waits. Threads that share an event call SignalNext.
+    std::uint64_t PreIncrementValue();
+    // Raises the target and has `signal` signal the new one, one caller at a time, so that signals
+    // follow in order. When it fails the target stays what it was, so that nobody waits for a value
+    // that nothing signals. Returns what `signal` returns: long signal(std::uint64_t value).
+    template <class Signal>
+    long SignalNext(const Signal& signal) {
+        const std::lock_guard guard(m_signalLock);
+        const std::uint64_t next = m_value + 1;
+        const long result = signal(next);
+        if (result >= 0) {
+            m_value = next;
+        }
+        return result;
+    }
     // The fence has reached the target.
     bool IsCompleted() const;
-    // Blocks until it has. "Failed to set event on completion".
+    // Blocks until it has reached the target of now; any number of threads at once. "Failed to set
+    // event on completion".
     void WaitComplete();
 
 private:
+    friend class D12CommandQueue;
+
+    void WaitFor(std::uint64_t value, const std::source_location& location) const;
+
+    std::mutex m_signalLock; // one raises the target at a time
     std::atomic<std::uint64_t> m_value{0};
     CComPtr<ID3D12Fence> m_fence;
     HANDLE m_sharedHandle = nullptr;
@@ -108,10 +132,11 @@ struct D12DownloadResourceParams {
 
 class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
 public:
-    // "Failed to create command queue".
+    // "Failed to create command queue", "DirectX 12 device is null".
     D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
                     const D3D12_COMMAND_QUEUE_DESC& desc);
-    // Blocks until the queue is idle.
+    // Blocks until the queue is idle. Where that fails and the device is not removed, it is logged
+    // and the Direct3D queue is never released: the GPU may be at work on it.
     ~D12CommandQueue() override;
     D12CommandQueue(const D12CommandQueue&) = delete;
     D12CommandQueue& operator=(const D12CommandQueue&) = delete;
@@ -125,19 +150,25 @@ public:
     CComPtr<IDXGISwapChain3> CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc);
 
     // Submit and return: wait on the allocator or drop it; what it uses lives until the GPU is
-    // done. "Destination resource is not a buffer", "Uploading data does not fit in the
-    // destination"; for resources "Invalid upload data" when a row pitch is smaller than the row.
+    // done. "Resource is null", "Destination resource is not a buffer", "Uploading data does not
+    // fit in the destination"; "Invalid upload data" without data, and for resources when a row
+    // pitch is smaller than the row.
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);
-    // Block until the data are in CPU memory. "Source resource is not a buffer", "Downloading data
-    // does not fit in the source"; for resources "Invalid download data".
+    // Block until the data are in CPU memory. "Resource is null", "Source resource is not a
+    // buffer", "Downloading data does not fit in the source", "Invalid download data" as above.
     void DownloadRegion(const D12DownloadRegionParams& params);
     void DownloadResource(const D12DownloadResourceParams& params);
 
-    // Blocks until everything submitted before is done.
+    // Blocks until everything submitted before is done. Any number of threads at once. "Failed to
+    // signal fence" (a removed device, as a rule), "Failed to set event on completion".
     void WaitComplete();
 
 private:
+    // copy(D12GraphicsCommandList&) records what goes from params.source into the staging buffer.
+    template <class Params, class Copy>
+    void CopyToStaging(const Params& params, D12Buffer& staging, const Copy& copy);
+
     boost::intrusive_ptr<D12Device> m_device;
     CComPtr<ID3D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;

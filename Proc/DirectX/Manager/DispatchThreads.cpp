@@ -3,11 +3,9 @@
 #include <memory>
 #include <mutex>
 
-#include <boost/exception/diagnostic_information.hpp>
-#include <glog/logging.h>
-
 #include "Core/Threading/DispatchQueue.h"
 #include "Platform/Direct3D.h"
+#include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
 
@@ -16,7 +14,11 @@ namespace {
 struct DispatchThreads {
     DispatchThreads()
         : queue([](const std::exception_ptr& error) {
-              LOG(ERROR) << "A completion task failed: " << boost::diagnostic_information(error);
+              try {
+                  std::rethrow_exception(error);
+              } catch (...) {
+                  LogCurrentException("A completion task failed");
+              }
           }) {
         queue.SetPoolFunction([this] { queue.RunTasks(); });
     }

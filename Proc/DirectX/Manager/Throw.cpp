@@ -1,5 +1,7 @@
 #include "Proc/DirectX/Manager/Throw.h"
 
+#include <glog/logging.h>
+
 #include "Host/ThrowSite.h"
 
 namespace Norvex::DX {
@@ -37,6 +39,21 @@ void ThrowResult(long result, const std::string& sentence, FailedDevice device,
     E exception;
     exception << ErrorDescription(sentence) << MakeHResult(result, device);
     ThrowException(exception, location);
+}
+
+void LogCurrentException(const char* what) noexcept {
+    try {
+        try {
+            throw;
+        } catch (const DirectXException& e) {
+            LOG(ERROR) << what << ": " << e.GetErrorDescription() << ". "
+                       << e.GetResultDescription();
+        } catch (const std::exception& e) {
+            LOG(ERROR) << what << ": " << e.what();
+        }
+    } catch (...) {
+        return; // not even memory for the log
+    }
 }
 
 template void Throw<DirectXException>(const std::string&, const std::source_location&);

@@ -53,4 +53,8 @@ inline void ThrowUnless(bool holds, const char* sentence,
     }
 }
 
+// Logs the exception that is being handled, for those who cannot throw on (destructors):
+// "what: sentence. result". In a catch block only.
+void LogCurrentException(const char* what) noexcept;
+
 } // namespace Norvex::DX
