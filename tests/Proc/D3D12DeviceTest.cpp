@@ -10,6 +10,7 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/FakeObject.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
@@ -28,6 +29,7 @@ using GetDeviceRemovedReason =
 
 TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
     HRESULT levels = DXGI_ERROR_UNSUPPORTED;
+    D3D_FEATURE_LEVEL highest = {};
     unsigned refused = 0;
     std::vector<D3D_ROOT_SIGNATURE_VERSION> asked;
     const auto other = D12Device::CreatePrimary();
@@ -36,6 +38,9 @@ TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
                                                       D3D12_FEATURE feature, void* data,
                                                       UINT size) {
         if (feature == D3D12_FEATURE_FEATURE_LEVELS) {
+            auto& wanted = *static_cast<D3D12_FEATURE_DATA_FEATURE_LEVELS*>(data);
+            highest = wanted.pFeatureLevelsRequested[0];
+            wanted.MaxSupportedFeatureLevel = D3D_FEATURE_LEVEL_12_1;
             return levels;
         }
         if (feature == D3D12_FEATURE_ROOT_SIGNATURE) {
@@ -44,13 +49,16 @@ TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
         }
         return original(self, feature, data, size);
     });
+    EXPECT_EQ(D12Device::CreatePrimary()->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_1);
+    levels = S_OK;
+    EXPECT_EQ(D12Device::CreatePrimary()->GetFeatureLevel(), D3D_FEATURE_LEVEL_12_1);
+    EXPECT_EQ(highest, D3D_FEATURE_LEVEL_12_2);
     constexpr D3D_ROOT_SIGNATURE_VERSION kVersions[] = {D3D_ROOT_SIGNATURE_VERSION_1_2,
                                                         D3D_ROOT_SIGNATURE_VERSION_1_1,
                                                         D3D_ROOT_SIGNATURE_VERSION_1_0};
     for (refused = 0; refused <= 3; ++refused) {
         asked.clear();
         const auto device = D12Device::CreatePrimary();
-        EXPECT_EQ(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_1);
         const unsigned last = std::min(refused, 2u);
         EXPECT_EQ(device->GetRootSignatureVersion(), kVersions[last]);
         EXPECT_THAT(asked, testing::ElementsAreArray(kVersions, last + 1));
@@ -154,6 +162,30 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     device->ReuseCommandList(CComPtr<ID3D12CommandList>(again.p));
     EXPECT_EQ(device->CreateClosedCommandList(kDirect, __uuidof(ID3D12GraphicsCommandList)).p, raw);
 
+    // A new one, of any type; this system has none, so that the answer is the test's.
+    Norvex::Test::FakeObject made;
+    HRESULT answer = S_OK;
+    using CreateCommandList1 = MethodPatch<Slot::kDevice4CreateCommandList1,
+                                           HRESULT(ID3D12Device4*, UINT, D3D12_COMMAND_LIST_TYPE,
+                                                   D3D12_COMMAND_LIST_FLAGS, REFIID, void**)>;
+    CComPtr<ID3D12Device4> device4;
+    ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device4)), S_OK);
+    const CreateCommandList1 patch(
+        device4, [&](auto, auto, UINT nodes, auto type, auto flags, REFIID riid, void** out) {
+            EXPECT_EQ(nodes, 0u);
+            EXPECT_EQ(type, D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE);
+            EXPECT_EQ(flags, D3D12_COMMAND_LIST_FLAG_NONE);
+            EXPECT_EQ(riid, __uuidof(ID3D12CommandList));
+            return SUCCEEDED(answer) ? made.GiveTo(out) : answer;
+        });
+    const auto makeClosed = [&] {
+        return device->CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE,
+                                               __uuidof(ID3D12CommandList));
+    };
+    EXPECT_EQ(makeClosed().p, made.As<ID3D12CommandList>());
+    answer = E_NOTIMPL;
+    Norvex::Test::ExpectFailure12(makeClosed, "Failed to create command list",
+                                  "CreateClosedCommandList", E_NOTIMPL);
     EXPECT_EQ(SentenceOf([&] {
                   device->CreateCommandList(D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE, allocator,
                                             nullptr);
@@ -176,6 +208,36 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     EXPECT_EQ(sizes.queryHeaps, 1u);
     EXPECT_EQ(sizes.buffers, 2u);
     EXPECT_EQ(sizes.bufferBytes, 128u + 1024u);
+}
+
+// After a time of much work at once a pool keeps what steady work needs, and that makes nothing
+// new.
+TEST(D3D12DeviceTest, PoolsShrink) {
+    constexpr auto kDirect = D3D12_COMMAND_LIST_TYPE_DIRECT;
+    const auto device = D12Device::CreatePrimary();
+    const auto use = [&](int count) {
+        std::vector<D12AllocatorState> states;
+        for (int i = 0; i < count; ++i) {
+            states.push_back(device->CreateCommandAllocator(kDirect));
+        }
+        for (auto& state : states) {
+            device->ReuseCommandAllocator(kDirect, std::move(state));
+        }
+    };
+    use(40);
+    EXPECT_EQ(device->GetPoolSizes().commandAllocators, 40u);
+    int made = 0;
+    const MethodPatch<Slot::kDeviceCreateCommandAllocator,
+                      HRESULT(ID3D12Device*, D3D12_COMMAND_LIST_TYPE, REFIID, void**)>
+        patch(device->Get(), [&](auto original, auto... arguments) {
+            ++made;
+            return original(arguments...);
+        });
+    for (int i = 0; i < 200; ++i) {
+        use(3);
+    }
+    EXPECT_EQ(device->GetPoolSizes().commandAllocators, 3u);
+    EXPECT_EQ(made, 0);
 }
 
 } // namespace

@@ -73,8 +73,27 @@ TYPED_TEST_P(DeviceRegistryTest, ARemovedDeviceIsReplacedButStillFound) {
     EXPECT_EQ(removed->GetDeviceRemovedReason(), DXGI_ERROR_DEVICE_HUNG);
     const auto fresh = TypeParam::CreateOnAdapterOf(*removed);
     EXPECT_NE(fresh, removed);
-    EXPECT_EQ(Device::Find(removed->Get()), removed);
-    EXPECT_EQ(Device::CreatePrimary(), fresh);
+    ASSERT_NE(Device::Find(removed->Get()), nullptr);
+    EXPECT_EQ(Device::Find(removed->Get())->Get(), removed->Get());
+    if (fresh->Get() != removed->Get()) { // where an adapter has more than one raw device
+        EXPECT_EQ(Device::Find(removed->Get()), removed);
+        EXPECT_EQ(Device::CreatePrimary(), fresh);
+    }
+}
+
+TYPED_TEST_P(DeviceRegistryTest, AnotherAdapterHasAnotherDevice) {
+    using Device = typename TypeParam::Device;
+    const auto device = Device::CreatePrimary();
+    const auto adapter = DXGIFactory::Create()->GetPrimaryAdapter();
+    const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)> patch(
+        adapter.Get(), [](auto original, auto* self, auto* desc) {
+            const HRESULT result = original(self, desc);
+            desc->AdapterLuid.HighPart ^= 1;
+            return result;
+        });
+    const auto other = Device::Create(adapter);
+    EXPECT_NE(other, device);
+    EXPECT_EQ(Device::Create(adapter), other);
 }
 
 // Each thread finds or makes the device and drops it at once; a dead object handed out would crash.
@@ -103,7 +122,8 @@ TYPED_TEST_P(DeviceRegistryTest, CreateFindAndLastReleaseMayRace) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives,
-                            ARemovedDeviceIsReplacedButStillFound, CreateFindAndLastReleaseMayRace);
+                            ARemovedDeviceIsReplacedButStillFound, AnotherAdapterHasAnotherDevice,
+                            CreateFindAndLastReleaseMayRace);
 INSTANTIATE_TYPED_TEST_SUITE_P(D3D11, DeviceRegistryTest, Generation11);
 INSTANTIATE_TYPED_TEST_SUITE_P(D3D12, DeviceRegistryTest, Generation12);
 

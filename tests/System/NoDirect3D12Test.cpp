@@ -33,6 +33,7 @@ TEST(NoDirect3D12Test, DevicesAreRefusedAndTheRestWorks) {
     const auto thrown = ThrownBy([&] { D12Device::Create(factory->GetPrimaryAdapter()); });
     EXPECT_EQ(thrown.sentence, "DirectX 12 device interface is not supported on this system");
     EXPECT_EQ(thrown.result, DXGI_ERROR_UNSUPPORTED);
+    EXPECT_EQ(thrown.function, "Create");
     EXPECT_FALSE(factory->EnumerateAdapterDescriptions(false).empty());
 }
 

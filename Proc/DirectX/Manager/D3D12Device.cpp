@@ -67,33 +67,12 @@ D3D_ROOT_SIGNATURE_VERSION ProbeRootSignatureVersion(ID3D12Device* device) {
     return D3D_ROOT_SIGNATURE_VERSION_1_0;
 }
 
-void ThrowUnlessAvailable() {
+void ThrowUnlessAvailable(const std::source_location& location) {
     if (!D12Device::IsAvailable()) {
         ThrowResult<DirectX12Exception>(
-            DXGI_ERROR_UNSUPPORTED, "DirectX 12 device interface is not supported on this system");
+            DXGI_ERROR_UNSUPPORTED, "DirectX 12 device interface is not supported on this system",
+            {}, location);
     }
-}
-
-// Pops the last element, or gives an empty optional.
-template <class Map>
-auto TakeLast(Map& pool, D3D12_COMMAND_LIST_TYPE type)
-    -> std::optional<typename Map::mapped_type::value_type> {
-    const auto found = pool.find(type);
-    if (found == pool.end() || found->second.empty()) {
-        return std::nullopt;
-    }
-    std::optional<typename Map::mapped_type::value_type> last(std::move(found->second.back()));
-    found->second.pop_back();
-    return last;
-}
-
-template <class Map>
-std::size_t CountAll(const Map& pool) {
-    std::size_t count = 0;
-    for (const auto& [type, idle] : pool) {
-        count += idle.size();
-    }
-    return count;
 }
 
 } // namespace
@@ -113,33 +92,34 @@ boost::intrusive_ptr<D12Device> D12Device::FindUsable(const LUID& luid) {
 
 boost::intrusive_ptr<D12Device>
 D12Device::CreateOn(const DXGIAdapter& adapter,
-                    std::shared_ptr<const AdapterDescription> description) {
+                    std::shared_ptr<const AdapterDescription> description,
+                    const std::source_location& location) {
     CComPtr<ID3D12Device> device;
     ThrowIfFailed<DirectX12Exception>(
         API::GetInstance().CreateDevice(adapter.Get(), GetMinFeatureLevel(), device),
-        "Failed to create D3D12 device");
+        "Failed to create D3D12 device", {}, location);
     const D3D_FEATURE_LEVEL level = GetMaxSupportedFeatureLevel(device);
     return boost::intrusive_ptr<D12Device>(new D12Device(device, std::move(description), level));
 }
 
 boost::intrusive_ptr<D12Device> D12Device::Create(const DXGIAdapter& adapter) {
-    ThrowUnlessAvailable();
+    ThrowUnlessAvailable(std::source_location::current());
     auto description = adapter.GetDescription();
     const std::lock_guard guard(GetRegistry().lock);
     if (auto found = FindUsable(description->adapterLuid)) {
         return found;
     }
-    return CreateOn(adapter, std::move(description));
+    return CreateOn(adapter, std::move(description), std::source_location::current());
 }
 
 boost::intrusive_ptr<D12Device> D12Device::Create(const LUID& luid) {
-    ThrowUnlessAvailable();
+    ThrowUnlessAvailable(std::source_location::current());
     const std::lock_guard guard(GetRegistry().lock);
     if (auto found = FindUsable(luid)) {
         return found;
     }
     const DXGIAdapter adapter = DXGIFactory::Create()->GetAdapter(luid);
-    return CreateOn(adapter, adapter.GetDescription());
+    return CreateOn(adapter, adapter.GetDescription(), std::source_location::current());
 }
 
 boost::intrusive_ptr<D12Device> D12Device::CreatePrimary() {
@@ -210,18 +190,14 @@ std::optional<unsigned> D12Device::GetFormatPlaneCount(DXGI_FORMAT format) const
 }
 
 D12AllocatorState D12Device::CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE type) {
-    {
-        const std::lock_guard guard(m_allocatorPoolLock);
-        if (auto idle = TakeLast(m_allocatorPool, type)) {
-            return std::move(*idle);
-        }
+    if (auto idle = m_allocatorPool.Take(type)) {
+        return std::move(*idle);
     }
     return D12AllocatorState(m_device, type);
 }
 
 void D12Device::ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12AllocatorState&& state) {
-    const std::lock_guard guard(m_allocatorPoolLock);
-    m_allocatorPool[type].push_back(std::move(state));
+    m_allocatorPool.Put(type, std::move(state));
 }
 
 CComPtr<ID3D12GraphicsCommandList>
@@ -232,7 +208,11 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
         Throw<DirectX12Exception>(
             fmt::format("Unsupported command list type: {}", static_cast<int>(type)));
     }
-    CComPtr<ID3D12GraphicsCommandList> list = TakePooledList(type);
+    CComPtr<ID3D12GraphicsCommandList> list;
+    if (const auto idle = m_commandListPool.Take(type)) {
+        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList),
+                                reinterpret_cast<void**>(&list));
+    }
     if (list != nullptr) {
         ThrowIfFailed<DirectX12Exception>(list->Reset(allocator, pipelineState),
                                           "Failed to reset command list", m_device);
@@ -246,35 +226,17 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
     return list;
 }
 
-CComPtr<ID3D12GraphicsCommandList> D12Device::TakePooledList(D3D12_COMMAND_LIST_TYPE type) {
-    const std::lock_guard guard(m_commandListPoolLock);
-    CComPtr<ID3D12GraphicsCommandList> list;
-    if (const auto idle = TakeLast(m_commandListPool, type)) {
-        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList),
-                                reinterpret_cast<void**>(&list));
-    }
-    return list;
-}
-
-long D12Device::TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid,
-                                 CComPtr<ID3D12CommandList>& list) {
-    const std::lock_guard guard(m_commandListPoolLock);
-    auto& idle = m_commandListPool[type];
-    if (idle.empty()) {
-        return S_FALSE;
-    }
-    const long result = idle.back()->QueryInterface(riid, reinterpret_cast<void**>(&list));
-    if (SUCCEEDED(result)) {
-        idle.pop_back();
-    }
-    return result;
-}
-
 CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type,
                                                               const GUID& riid) {
     static constexpr const char* kFailed = "Failed to create command list";
     CComPtr<ID3D12CommandList> list;
-    ThrowIfFailed<DirectX12Exception>(TakePooledListAs(type, riid, list), kFailed, m_device);
+    // A list without the interface stays in the pool.
+    long result = S_OK;
+    m_commandListPool.TakeIf(type, [&](const CComPtr<ID3D12CommandList>& idle) {
+        result = idle->QueryInterface(riid, reinterpret_cast<void**>(&list));
+        return SUCCEEDED(result);
+    });
+    ThrowIfFailed<DirectX12Exception>(result, kFailed, m_device);
     if (list != nullptr) {
         return list;
     }
@@ -291,20 +253,13 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
 
 void D12Device::ReuseCommandList(CComPtr<ID3D12CommandList>&& list) {
     const D3D12_COMMAND_LIST_TYPE type = list->GetType();
-    const std::lock_guard guard(m_commandListPoolLock);
-    m_commandListPool[type].push_back(std::move(list));
+    m_commandListPool.Put(type, std::move(list));
 }
 
 D12PoolSizes D12Device::GetPoolSizes() const {
     D12PoolSizes sizes;
-    {
-        const std::lock_guard guard(m_allocatorPoolLock);
-        sizes.commandAllocators = CountAll(m_allocatorPool);
-    }
-    {
-        const std::lock_guard guard(m_commandListPoolLock);
-        sizes.commandLists = CountAll(m_commandListPool);
-    }
+    sizes.commandAllocators = m_allocatorPool.Count();
+    sizes.commandLists = m_commandListPool.Count();
     sizes.descriptorHeaps = m_descriptorHeapPool->CountFreeHeaps();
     sizes.queryHeaps = m_queryHeapPool->CountFreeHeaps();
     for (const auto& pool : {m_uploadBufferPool, m_readbackBufferPool}) {

@@ -6,9 +6,8 @@
 // DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
 
 #include <array>
-#include <mutex>
 #include <optional>
-#include <unordered_map>
+#include <source_location>
 #include <utility>
 #include <vector>
 
@@ -16,6 +15,7 @@
 
 #include "Host/BitFlags.h"
 #include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/D3D12DevicePool.h"
 #include "Proc/DirectX/Manager/D3Device.h"
 
 namespace Norvex::DX {
@@ -148,9 +148,8 @@ public:
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 
-    // Idle allocators and lists, for the command classes. What comes back must be idle (the GPU is
-    // done; a list is closed); the last returned is the first reused. "Failed to create command
-    // allocator".
+    // Idle allocators and lists, for the command classes; see D12DevicePool. What comes back must
+    // be idle (the GPU is done; a list is closed). "Failed to create command allocator".
     D12AllocatorState CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE type);
     void ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12AllocatorState&& state);
     // Open for recording; types direct, bundle, compute and copy, else "Unsupported command list
@@ -175,11 +174,8 @@ private:
 
     static boost::intrusive_ptr<D12Device> FindUsable(const LUID& luid);
     static boost::intrusive_ptr<D12Device>
-    CreateOn(const DXGIAdapter& adapter, std::shared_ptr<const AdapterDescription> description);
-    CComPtr<ID3D12GraphicsCommandList> TakePooledList(D3D12_COMMAND_LIST_TYPE type);
-    // S_FALSE when none is idle; a list without the interface stays in the pool.
-    long TakePooledListAs(D3D12_COMMAND_LIST_TYPE type, const GUID& riid,
-                          CComPtr<ID3D12CommandList>& list);
+    CreateOn(const DXGIAdapter& adapter, std::shared_ptr<const AdapterDescription> description,
+             const std::source_location& location);
 
     CComPtr<ID3D12Device> m_device;
     D3D_ROOT_SIGNATURE_VERSION m_rootSignatureVersion;
@@ -187,11 +183,8 @@ private:
     boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;
     boost::intrusive_ptr<D12BufferPool> m_readbackBufferPool;
     boost::intrusive_ptr<D12BufferPool> m_uploadBufferPool;
-    mutable std::mutex m_allocatorPoolLock;
-    mutable std::mutex m_commandListPoolLock;
-    std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<D12AllocatorState>> m_allocatorPool;
-    std::unordered_map<D3D12_COMMAND_LIST_TYPE, std::vector<CComPtr<ID3D12CommandList>>>
-        m_commandListPool;
+    D12DevicePool<D12AllocatorState> m_allocatorPool;
+    D12DevicePool<CComPtr<ID3D12CommandList>> m_commandListPool;
 };
 
 } // namespace Norvex::DX
