@@ -63,6 +63,12 @@ void DispatchQueue::CreateThread(std::size_t target) {
 
 void DispatchQueue::Drain() {
     EndThreads(State::Drain);
+    // Left over where no thread could be started for them.
+    for (std::size_t left = GetCounts().queued; left > 0; --left) {
+        if (const std::optional<Task> task = Pop(Clock::now())) {
+            Call(*task);
+        }
+    }
 }
 
 void DispatchQueue::Stop() {

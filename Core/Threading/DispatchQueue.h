@@ -61,7 +61,7 @@ public:
     // is released on the pool's thread. A drained or stopped queue runs again. When no idle thread
     // is free for the task, CreateThread(kThreadTarget) follows. Throws CoreException "Task without
     // object or function" with nothing queued, and whatever CreateThread throws; the task is then
-    // in the queue already and runs once another Push finds or starts a thread.
+    // in the queue already and runs once another Push finds or starts a thread, or in Drain.
     void Push(Object object, Function function);
 
     // Joins threads that have ended, then starts one thread if fewer than `target` live; 0 means
@@ -70,10 +70,10 @@ public:
     void CreateThread(std::size_t target);
 
     // Returns when every task queued before has run and the pool's threads have ended and are
-    // joined; tasks pushed by others meanwhile are run too. (Only a task whose Push threw may
-    // still wait.) Any number of threads may drain at once. Throws std::system_error
-    // (resource_deadlock_would_occur), with nothing changed, on a thread of the pool: no thread
-    // joins itself.
+    // joined; tasks pushed by others meanwhile are run too. A task for which no thread could be
+    // started runs here, on the caller's thread. Any number of threads may drain at once. Throws
+    // std::system_error (resource_deadlock_would_occur), with nothing changed, on a thread of the
+    // pool: no thread joins itself.
     void Drain();
 
     // Ends the threads, each after the task it is in, joins them and drops the pool function;

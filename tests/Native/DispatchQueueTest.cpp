@@ -302,10 +302,13 @@ TEST_F(DispatchQueueTest, PushWithoutPoolFunctionThrowsAndTheTaskWaits) {
     }
     EXPECT_EQ(queue.GetCounts().queued, 1U);
     EXPECT_EQ(queue.GetCounts().threads, 0U);
+    queue.Drain();
+    EXPECT_EQ(calls, 1) << "the one who drains runs what has no thread";
+    EXPECT_THROW(Push(queue, [&] { ++calls; }), CoreException);
     Start(queue);
     Push(queue, [&] { ++calls; });
     queue.Drain();
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(calls, 3);
 }
 
 TEST_F(DispatchQueueTest, TasksNeedAnObjectAndAFunction) {
