@@ -50,6 +50,17 @@ TYPED_TEST_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives) {
     EXPECT_EQ(Device::Find(device->Get()), device);
     EXPECT_EQ(Device::Find(nullptr), nullptr);
     EXPECT_EQ(device->GetRefCount(), 1u) << "nothing kept a reference";
+    const auto primary = DXGIFactory::Create()->GetPrimaryAdapter();
+    for (const LUID& difference : {LUID{1, 0}, LUID{0, 1}}) {
+        const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>
+            patch(primary.Get(), [&](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
+                const HRESULT result = original(self, desc);
+                desc->AdapterLuid.LowPart ^= difference.LowPart;
+                desc->AdapterLuid.HighPart ^= difference.HighPart;
+                return result;
+            });
+        EXPECT_NE(Device::Create(primary), device) << "it is of another adapter";
+    }
 
     CComPtr<typename TypeParam::Raw> raw(device->Get());
     const LifeProbe probe(raw);

@@ -14,6 +14,8 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/RecordingTracker.h"
+#include "tests/support/TemporaryKey.h"
+#include "tests/support/TestWindow.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
@@ -228,15 +230,16 @@ TEST(ApiTest, RootSignaturesSerialiseUpToTheVersionAskedFor) {
     EXPECT_EQ(read->Desc_1_0.pParameters[2].Descriptor.ShaderRegister, 5u);
 }
 
-TEST(AdapterTest, VendorsAndVersionsHaveTheirForms) {
+TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
     const DXGIAdapter adapter = DXGIFactory::Create()->GetPrimaryAdapter();
+    const DXGI_ADAPTER_DESC1 known = {L"Kart\u00E9", 0, 2, 3, 4, 5, 6, 7, {8, 9}, 10};
     UINT vendorId = 0;
-    const GetDesc1 patch(adapter.Get(),
-                         [&vendorId](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
-                             const HRESULT result = original(self, desc);
-                             desc->VendorId = vendorId;
-                             return result;
-                         });
+    HRESULT result = S_OK;
+    const GetDesc1 patch(adapter.Get(), [&](auto, auto*, DXGI_ADAPTER_DESC1* desc) {
+        *desc = known;
+        desc->VendorId = vendorId;
+        return result;
+    });
     const struct {
         UINT id;
         std::uint32_t vendor;
@@ -252,10 +255,40 @@ TEST(AdapterTest, VendorsAndVersionsHaveTheirForms) {
         EXPECT_EQ(description->vendor, c.vendor) << std::hex << c.id;
         EXPECT_EQ(description->vendorNames, c.names) << std::hex << c.id;
     }
-    AdapterDescription description;
-    EXPECT_EQ(description.GetDriverVersion(), "0.0.0.0");
-    description.driverVersion = 31ull << 48 | 15ull << 16 | 3742;
+    EXPECT_EQ(adapter.GetDescription()->GetDriverVersion(), "0.0.0.0");
+
+    // Half of the id is not enough, nor is a value of another type.
+    const auto add = [](wchar_t name, std::uint64_t luid, const auto& version) {
+        auto key = std::make_unique<Norvex::Test::TemporaryKey>(
+            std::wstring(L"SOFTWARE\\Microsoft\\DirectX\\{norvex-test-") + name);
+        key->Set(L"", L"AdapterLuid", luid);
+        key->Set(L"", L"DriverVersion", version);
+        return key;
+    };
+    const auto lowHalf = add(L'0', 8, std::uint64_t{1});
+    const auto highHalf = add(L'1', 9ull << 32, std::uint64_t{2});
+    const auto text = add(L'2', 9ull << 32 | 8, std::wstring(L"1.2.3.4"));
+    const auto right = add(L'3', 9ull << 32 | 8, 31ull << 48 | 15ull << 16 | 3742);
+    const AdapterDescription description = *adapter.GetDescription();
     EXPECT_EQ(description.GetDriverVersion(), "31.0.15.3742");
+    EXPECT_EQ(description.name, "Kart\xC3\xA9");
+    EXPECT_EQ(description.vendorId, 0x00ABu);
+    EXPECT_EQ(description.deviceId, 2u);
+    EXPECT_EQ(description.subSysId, 3u);
+    EXPECT_EQ(description.revision, 4u);
+    EXPECT_EQ(description.dedicatedVideoMemory, 5u);
+    EXPECT_EQ(description.dedicatedSystemMemory, 6u);
+    EXPECT_EQ(description.sharedSystemMemory, 7u);
+    EXPECT_TRUE(IsSameLuid(description.adapterLuid, {8, 9}));
+    EXPECT_EQ(description.flags, 10u);
+
+    result = E_ACCESSDENIED;
+    const char* const kSentence = "Failed to get DXGI adapter description";
+    ExpectFailure([&] { adapter.GetDescription(); }, kSentence, "GetDescription", E_ACCESSDENIED);
+    ExpectFailure([] { DXGIAdapter().GetDescription(); }, kSentence, "GetDescription",
+                  E_INVALIDARG);
+    ExpectFailure([] { DXGIAdapter(static_cast<IDXGIAdapter*>(nullptr)); },
+                  "Failed to get DXGI adapter version 1", "GetIDXGIAdapter1", E_INVALIDARG);
 }
 
 TEST(FactoryTest, FindsAdapters) {
@@ -271,14 +304,23 @@ TEST(FactoryTest, FindsAdapters) {
 
     ExpectFailure([&] { factory->GetAdapter(LUID{0x7FFFFFF0, 0x7FFFFFF0}); },
                   "Failed to obtain adapter", "GetAdapter", DXGI_ERROR_NOT_FOUND);
+    ExpectFailure([] { DXGIFactory::GetFromDevice(nullptr); }, "Failed to get DXGI adapter",
+                  "GetFromDevice", E_INVALIDARG);
 }
 
 // Two adapters, the second a software one; then a failing call.
 TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
-    const auto factory = DXGIFactory::Create();
     CComPtr<IDXGIFactory1> raw;
-    const DXGIAdapter real = factory->GetPrimaryAdapter();
-    ASSERT_EQ(real.Get()->GetParent(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&raw)), S_OK);
+    const DXGIAdapter real = DXGIFactory::Create()->GetPrimaryAdapter();
+    ASSERT_EQ(real.Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
+    // Not even asked for.
+    const MethodPatch<Slot::kQueryInterface, HRESULT(IUnknown*, REFIID, void**)> query(
+        raw, [](auto original, IUnknown* self, REFIID riid, void** out) {
+            *out = nullptr;
+            return IsEqualGUID(riid, __uuidof(IDXGIFactory1)) ? E_NOINTERFACE
+                                                              : original(self, riid, out);
+        });
+    const auto factory = DXGIFactory::Create();
     HRESULT third = DXGI_ERROR_NOT_FOUND;
     const EnumAdapters1 adapters(
         raw, [&](auto original, IDXGIFactory1* self, UINT index, IDXGIAdapter1** out) {
@@ -312,36 +354,24 @@ TEST(FactoryTest, SwapChainFailuresNameTheGeneration) {
     ASSERT_EQ(device12->CreateCommandQueue(&queueDesc, __uuidof(ID3D12CommandQueue),
                                            reinterpret_cast<void**>(&queue)),
               S_OK);
-    DXGI_SWAP_CHAIN_DESC1 desc = {};
-    desc.Width = 1920;
-    desc.Height = 1080;
-    desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
-    desc.SampleDesc = {1, 0};
-    desc.BufferUsage = DXGI_USAGE_RENDER_TARGET_OUTPUT;
-    desc.BufferCount = 2;
-    desc.SwapEffect = DXGI_SWAP_EFFECT_FLIP_DISCARD;
-    try {
-        factory->CreateSwapChainForHwnd(device12, queue, nullptr, desc);
-        FAIL();
-    } catch (const DirectX12Exception& e) {
-        EXPECT_EQ(e.GetErrorDescription(),
-                  "Failed to create DXGI swap chain: width = 1920, height = 1080");
-        EXPECT_THAT(e.GetResultDescription(),
-                    HasSubstr("Adapter name: " + device->GetAdapterName()));
-    }
+    auto desc = Norvex::Test::MakeSwapChainDesc(1920, 1080);
+    const auto ofDevice12 =
+        ExpectFailure12([&] { factory->CreateSwapChainForHwnd(device12, queue, nullptr, desc); },
+                        "Failed to create DXGI swap chain: width = 1920, height = 1080",
+                        "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
+    EXPECT_THAT(ofDevice12.details, HasSubstr("Adapter name: " + device->GetAdapterName()));
     CComPtr<ID3D11Device> device11;
     ASSERT_EQ(D3D11CreateDevice(nullptr, D3D_DRIVER_TYPE_HARDWARE, nullptr, 0, nullptr, 0,
                                 D3D11_SDK_VERSION, &device11, nullptr, nullptr),
               S_OK);
+    ExpectFailure11([&] { factory->CreateSwapChainForHwnd(nullptr, nullptr, desc); },
+                    "Failed to create DXGI swap chain: width = 1920, height = 1080",
+                    "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
     desc.AlphaMode = DXGI_ALPHA_MODE_PREMULTIPLIED;
-    try {
-        factory->CreateSwapChainForHwnd(device11, nullptr, desc);
-        FAIL();
-    } catch (const DirectX11Exception& e) {
-        EXPECT_THAT(e.GetErrorDescription(),
-                    StartsWith("Alpha blended swapchains must be created with "));
-        EXPECT_EQ(e.GetResult(), DXGI_ERROR_INVALID_CALL);
-    }
+    ExpectFailure11([&] { factory->CreateSwapChainForHwnd(device11, nullptr, desc); },
+                    "Alpha blended swapchains must be created with CreateSwapChainForComposition, "
+                    "or CreateSwapChainForCoreWindow",
+                    "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
 }
 
 TEST(DebugModeTest, ComesTooLateAfterTheFirstFactory) {

@@ -14,15 +14,8 @@ namespace Norvex::Test {
 // Draws on a new window through a swap chain of two buffers and presents it; expects success.
 inline void DrawAndPresent(DX::D11Device& device) {
     const TestWindow window({160, 90});
-    DXGI_SWAP_CHAIN_DESC1 desc = {};
-    desc.Width = 160;
-    desc.Height = 90;
-    desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
-    desc.SampleDesc.Count = 1;
-    desc.BufferUsage = DXGI_USAGE_RENDER_TARGET_OUTPUT;
-    desc.BufferCount = 2;
-    desc.SwapEffect = DXGI_SWAP_EFFECT_FLIP_DISCARD;
-    const CComPtr<IDXGISwapChain> swapChain = device.CreateSwapChainForHwnd(window.Get(), desc);
+    const CComPtr<IDXGISwapChain> swapChain =
+        device.CreateSwapChainForHwnd(window.Get(), MakeSwapChainDesc(160, 90));
     CComPtr<ID3D11Texture2D> buffer;
     EXPECT_EQ(swapChain->GetBuffer(0, IID_PPV_ARGS(&buffer)), S_OK);
     const boost::intrusive_ptr target(new DX::D11RenderTexture2D(buffer, std::nullopt));

@@ -42,7 +42,11 @@ TestWindow::TestWindow(const DX::Size2DT<long>& clientSize, int command) {
 }
 
 TestWindow::~TestWindow() {
-    DestroyWindow(m_window);
+    Destroy();
+}
+
+void TestWindow::Destroy() {
+    DestroyWindow(m_window); // nothing where it is gone
     PumpMessages();
 }
 

@@ -9,6 +9,19 @@
 
 namespace Norvex::Test {
 
+// Two R8G8B8A8_UNORM buffers, flipped.
+inline DXGI_SWAP_CHAIN_DESC1 MakeSwapChainDesc(UINT width, UINT height) {
+    DXGI_SWAP_CHAIN_DESC1 desc = {};
+    desc.Width = width;
+    desc.Height = height;
+    desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
+    desc.SampleDesc.Count = 1;
+    desc.BufferUsage = DXGI_USAGE_RENDER_TARGET_OUTPUT;
+    desc.BufferCount = 2;
+    desc.SwapEffect = DXGI_SWAP_EFFECT_FLIP_DISCARD;
+    return desc;
+}
+
 class TestWindow {
 public:
     // An overlapped window with a client area of this size, shown by the command (SW_...).
@@ -18,6 +31,7 @@ public:
     TestWindow& operator=(const TestWindow&) = delete;
 
     HWND Get() const { return m_window; }
+    void Destroy();
     DX::Size2DT<long> GetClientSize() const;
 
     // Each returns when the window has handled it.

@@ -141,7 +141,9 @@ std::uint64_t FindDriverVersion(std::uint32_t vendorId, std::uint32_t deviceId) 
 CComPtr<IDXGIAdapter1> GetIDXGIAdapter1(IDXGIAdapter* adapter) {
     CComPtr<IDXGIAdapter1> adapter1;
     ThrowIfFailed<DirectXException>(
-        adapter->QueryInterface(__uuidof(IDXGIAdapter1), reinterpret_cast<void**>(&adapter1)),
+        adapter != nullptr
+            ? adapter->QueryInterface(__uuidof(IDXGIAdapter1), reinterpret_cast<void**>(&adapter1))
+            : E_INVALIDARG,
         "Failed to get DXGI adapter version 1");
     return adapter1;
 }
@@ -162,7 +164,8 @@ DXGIAdapter::DXGIAdapter(IDXGIAdapter* adapter) : m_adapter(GetIDXGIAdapter1(ada
 
 std::shared_ptr<const AdapterDescription> DXGIAdapter::GetDescription() const {
     DXGI_ADAPTER_DESC1 desc = {};
-    ThrowIfFailed<DirectXException>(m_adapter->GetDesc1(&desc),
+    ThrowIfFailed<DirectXException>(m_adapter != nullptr ? m_adapter->GetDesc1(&desc)
+                                                         : E_INVALIDARG,
                                     "Failed to get DXGI adapter description");
 
     const std::wstring_view text(desc.Description, std::size(desc.Description));

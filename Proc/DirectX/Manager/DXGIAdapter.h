@@ -43,16 +43,16 @@ public:
     DXGIAdapter() = default;
     // Adds a reference; null gives an empty adapter.
     explicit DXGIAdapter(IDXGIAdapter1* adapter);
-    // Throws DirectXException "Failed to get DXGI adapter version 1"; the pointer is not null.
+    // Throws DirectXException "Failed to get DXGI adapter version 1", with E_INVALIDARG for null.
     explicit DXGIAdapter(IDXGIAdapter* adapter);
 
     // The wrapped interface, borrowed; null when empty.
     IDXGIAdapter1* Get() const { return m_adapter; }
 
-    // A new description on every call: reads DXGI and the registry. Not for an empty adapter.
-    // Throws DirectXException "Failed to get DXGI adapter description"; std::invalid_argument or
-    // std::out_of_range when, before Windows 10, the registry holds a driver version that is not
-    // numbers.
+    // A new description on every call: reads DXGI and the registry. Throws DirectXException "Failed
+    // to get DXGI adapter description", with E_INVALIDARG for an empty adapter;
+    // std::invalid_argument or std::out_of_range when, before Windows 10, the registry holds a
+    // driver version that is not numbers.
     std::shared_ptr<const AdapterDescription> GetDescription() const;
 
 private:

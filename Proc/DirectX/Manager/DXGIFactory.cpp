@@ -44,7 +44,7 @@ DXGIFactory::DXGIFactory() {
     long result = API::GetInstance().CreateFactory2(
         Debug::IsLayerActive() ? DXGI_CREATE_FACTORY_DEBUG : 0, m_factory2);
     if (SUCCEEDED(result)) {
-        m_factory1 = Platform::Query<IDXGIFactory1>(m_factory2);
+        m_factory1 = m_factory2.p;
         m_factory4 = Platform::Query<IDXGIFactory4>(m_factory1);
         return;
     }
@@ -67,7 +67,8 @@ boost::intrusive_ptr<DXGIFactory> DXGIFactory::Create() {
 
 boost::intrusive_ptr<DXGIFactory> DXGIFactory::GetFromDevice(const CComPtr<IDXGIDevice>& device) {
     CComPtr<IDXGIAdapter> adapter;
-    ThrowIfFailed<DirectXException>(device->GetAdapter(&adapter), "Failed to get DXGI adapter");
+    ThrowIfFailed<DirectXException>(device != nullptr ? device->GetAdapter(&adapter) : E_INVALIDARG,
+                                    "Failed to get DXGI adapter");
     CComPtr<IDXGIFactory1> factory;
     ThrowIfFailed<DirectXException>(
         adapter->GetParent(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&factory)),

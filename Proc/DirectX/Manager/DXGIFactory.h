@@ -35,13 +35,12 @@ public:
     ~DXGIFactory() override;
 
     static boost::intrusive_ptr<DXGIFactory> Create();
-    // The factory that made the device's adapter. "Failed to get DXGI adapter", "Failed to get DXGI
-    // factory".
+    // The factory that made the device's adapter. "Failed to get DXGI adapter" (E_INVALIDARG for
+    // null), "Failed to get DXGI factory".
     static boost::intrusive_ptr<DXGIFactory> GetFromDevice(const CComPtr<IDXGIDevice>& device);
 
     // Replaces the contents of `out` by all adapters in DXGI's order, without the software ones
-    // when asked. On failure
-    // ("Failed to obtain adapter: " and the index) `out` is unchanged.
+    // when asked. On failure ("Failed to obtain adapter: " and the index) `out` is unchanged.
     void EnumerateAdapters(std::vector<DXGIAdapter>& out, bool excludeSoftware);
     // The descriptions of the same adapters in the same order.
     std::vector<std::shared_ptr<const AdapterDescription>>
@@ -55,8 +54,10 @@ public:
     bool IsCurrent() const;
 
     // Swap chains for a window, not full screen, on any output. AlphaMode must be unspecified.
-    // "Failed to create DXGI swap chain" with the size. For Direct3D 12 DXGI wants the queue that
-    // will present; the device is for the error record.
+    // "Failed to create DXGI swap chain" with the size, also for a null device, queue or window.
+    // For Direct3D 12 DXGI wants the queue that will present; the device is for the error record.
+    // On Direct3D 11, DXGI uses the immediate context: create, present and resize inside
+    // D11Device::Encode.
     CComPtr<IDXGISwapChain> CreateSwapChainForHwnd(const CComPtr<ID3D11Device>& device, HWND window,
                                                    const DXGI_SWAP_CHAIN_DESC1& desc);
     CComPtr<IDXGISwapChain3> CreateSwapChainForHwnd(const CComPtr<ID3D12Device>& device,

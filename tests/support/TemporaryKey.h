@@ -1,0 +1,46 @@
+#pragma once
+
+// A key under HKEY_LOCAL_MACHINE while this object lives. Volatile, since parts of the registry are
+// kept in memory only. Link advapi32.
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "Platform/Direct3D.h"
+
+namespace Norvex::Test {
+
+class TemporaryKey {
+public:
+    explicit TemporaryKey(std::wstring path) : m_path(std::move(path)) {}
+    ~TemporaryKey() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, m_path.c_str()); }
+    TemporaryKey(const TemporaryKey&) = delete;
+    TemporaryKey& operator=(const TemporaryKey&) = delete;
+
+    // In the key itself or, by its path, one below.
+    void Set(const std::wstring& subkey, const wchar_t* name, const std::wstring& text) {
+        Set(subkey, name, REG_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
+    }
+    void Set(const std::wstring& subkey, const wchar_t* name, std::uint64_t value) {
+        Set(subkey, name, REG_QWORD, &value, sizeof(value));
+    }
+
+private:
+    void Set(const std::wstring& subkey, const wchar_t* name, DWORD type, const void* data,
+             std::size_t size) {
+        HKEY key = nullptr;
+        if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, (m_path + subkey).c_str(), 0, nullptr,
+                            REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key,
+                            nullptr) != ERROR_SUCCESS) {
+            throw std::runtime_error("the registry cannot be written");
+        }
+        RegSetKeyValueW(key, nullptr, name, type, data, static_cast<DWORD>(size));
+        RegCloseKey(key);
+    }
+
+    std::wstring m_path;
+};
+
+} // namespace Norvex::Test
