@@ -1,9 +1,15 @@
 // Swap chains of both generations in a real window. What the screen shows is asked of the display
 // server.
 
+#include <atomic>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "tests/Proc/SwapChainFixture.h"
+#include "tests/support/Canvas11.h"
+#include "tests/support/Device11.h"
+#include "tests/support/HDRDisplay.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::Test {
@@ -56,6 +62,88 @@ TEST_P(DXGISwapChainTest, TheTargetsAreThoseOfTheGeneration) {
         presenter.Frame(kOrange);
         EXPECT_EQ(swapChain.GetRenderTarget(), first);
     }
+    EXPECT_EQ(DX::DXGISwapChain::Create(nullptr, m_window.Get()), nullptr);
+    EXPECT_EQ(SentenceOf([&] { const Presenter none(GetParam(), nullptr); }),
+              "Failed to create DXGI swap chain: width = 0, height = 0");
+}
+
+TEST_P(DXGISwapChainTest, AWindowMayComeMinimisedAndGoFirst) {
+    m_window.Show(SW_MINIMIZE);
+    Presenter presenter(GetParam(), m_window.Get());
+    auto& swapChain = presenter.GetSwapChain();
+    EXPECT_EQ(presenter.GetFormat(), DXGI_FORMAT_UNKNOWN);
+    m_window.Show(SW_RESTORE);
+    EXPECT_EQ(swapChain.RecreateBuffers(), kClientSize);
+    ExpectOnScreen(presenter, kTeal, "restored");
+    m_window.Destroy();
+    for (int i = 0; i < 10; ++i) {
+        presenter.Frame(kOrange);
+    }
+    EXPECT_EQ(swapChain.RecreateBuffers(), (DX::Size2DT<long>{0, 0}));
+    EXPECT_EQ(presenter.GetFormat(), DXGI_FORMAT_UNKNOWN);
+}
+
+// DXGI's own full screen is kept out and left, and Direct3D 11 destroys what was bound and
+// released.
+TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
+    std::optional<Presenter> presenter(std::in_place, GetParam(), m_window.Get());
+    const TestWindow other({16, 16}, SW_HIDE);
+    const auto probe = MakeRawSwapChain(GetParam() == Generation::Direct3D12, other.Get());
+    CComPtr<IDXGIFactory> factory;
+    ASSERT_EQ(probe->GetParent(IID_PPV_ARGS(&factory)), S_OK);
+    HWND associated = nullptr;
+    UINT association = 0;
+    const MethodPatch<8, HRESULT(IDXGIFactory*, HWND, UINT)> associate(
+        factory, [&](auto, auto*, HWND window, UINT flags) {
+            associated = window;
+            association = flags;
+            return S_OK;
+        });
+    presenter.reset();
+    presenter.emplace(GetParam(), m_window.Get());
+    EXPECT_EQ(associated, m_window.Get());
+    EXPECT_EQ(association, UINT{DXGI_MWA_NO_ALT_ENTER});
+
+    bool isFullScreen = true;
+    const MethodPatch<11, HRESULT(IDXGISwapChain*, BOOL*, IDXGIOutput**)> getState(
+        probe, [&](auto, auto*, BOOL* state, IDXGIOutput**) {
+            *state = isFullScreen ? TRUE : FALSE;
+            return S_OK;
+        });
+    const MethodPatch<10, HRESULT(IDXGISwapChain*, BOOL, IDXGIOutput*)> setState(
+        probe, [&](auto, auto*, BOOL state, IDXGIOutput*) {
+            isFullScreen = state != FALSE;
+            return S_OK;
+        });
+    CComPtr<ID3D11DeviceContext> context;
+    std::optional<MethodPatch<Slot::kContext11Flush, void(ID3D11DeviceContext*)>> flush;
+    bool isFlushed = false;
+    const auto isBound = [&] {
+        CComPtr<ID3D11RenderTargetView> bound;
+        context->OMGetRenderTargets(1, &bound, nullptr);
+        return bound != nullptr;
+    };
+    const auto bind = [&] {
+        const auto view = presenter->GetSwapChain().GetRenderTexture()->GetView();
+        context->OMSetRenderTargets(1, &view.p, nullptr);
+        EXPECT_TRUE(isBound());
+    };
+    if (const auto device = presenter->m_device11) {
+        context = GetImmediateContext(device->Get());
+        bind();
+        presenter->GetSwapChain().RecreateBuffers();
+        EXPECT_FALSE(isBound());
+        bind();
+        flush.emplace(context, [&](auto original, ID3D11DeviceContext* self) {
+            isFlushed = !isBound();
+            original(self);
+        });
+    }
+    presenter.reset();
+    EXPECT_FALSE(isFullScreen);
+    EXPECT_EQ(isFlushed, GetParam() == Generation::Direct3D11);
+    presenter.emplace(GetParam(), m_window.Get());
+    ExpectOnScreen(*presenter, kOrange, "by the next one");
 }
 
 // Two submissions that wait for ever, so that both background threads wait for them and release
@@ -104,6 +192,75 @@ TEST(SwapChainD12Test, BuffersAreMadeAnewRightAfterAFrame) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100)); // for the GPU, not the background
     swapChain.CreateCommandAllocator();
     EXPECT_EQ(SentenceOf([&] { swapChain.RecreateBuffers(); }), "(nothing)");
+}
+
+// What refers to the old buffers keeps them, and is not damaged: recorded work most of all.
+TEST(SwapChainD12Test, RecordedWorkSurvivesARefusedResize) {
+    TestWindow window(kClientSize);
+    Presenter presenter(Generation::Direct3D12, window.Get());
+    auto& swapChain = presenter.GetSwapChain();
+    auto frame = swapChain.CreateCommandAllocator();
+    const auto record = [&] {
+        const auto target = swapChain.GetRenderTarget();
+        frame->ClearRenderTargetView(target, kPresent, kTeal, {});
+        frame->ResourceBarrier(
+            {target->Transition(kRenderTarget, kPresent, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
+                                D3D12_RESOURCE_BARRIER_FLAG_NONE)});
+    };
+    record();
+    window.Resize({200, 100});
+    const auto resize = [&] { swapChain.RecreateBuffers(); };
+    const Thrown thrown = ThrownBy(resize);
+    EXPECT_EQ(thrown.sentence, "Failed to resize DXGI swap chain buffers");
+    EXPECT_EQ(thrown.result, DXGI_ERROR_INVALID_CALL);
+    ASSERT_NE(swapChain.GetRenderTarget(), nullptr) << "the old ones";
+    EXPECT_EQ(presenter.GetSize(), kClientSize);
+    frame->Execute();
+    swapChain.Present();
+    EXPECT_EQ(SentenceOf(resize), "(nothing)") << "executed";
+    record();
+    frame.reset();
+    EXPECT_EQ(SentenceOf(resize), "(nothing)") << "dropped";
+    EXPECT_EQ(presenter.GetSize(), (DX::Size2DT<long>{200, 100}));
+    presenter.Frame(kOrange);
+}
+
+// One device serves all windows, and threads that draw elsewhere.
+TEST(D3D11PresentTest, WindowsOfOneDeviceMayBelongToThreads) {
+    const auto device = DX::D11Device::CreatePrimary();
+    std::atomic<int> presenting{2};
+    const auto present = [&] {
+        {
+            TestWindow window(kClientSize);
+            Presenter presenter(Generation::Direct3D11, window.Get());
+            for (int i = 0; i < 200; ++i) {
+                presenter.Frame(kOrange);
+                TestWindow::PumpMessages();
+                if (i % 50 == 0) {
+                    window.Resize({300 + i, 200});
+                    presenter.GetSwapChain().RecreateBuffers();
+                }
+            }
+        }
+        --presenting;
+    };
+    std::thread threads[] = {std::thread(present), std::thread(present)};
+    Canvas11 canvas(device);
+    const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+    int drawn = 0;
+    for (; presenting > 0; ++drawn) {
+        const float level = static_cast<float>(drawn % 2);
+        device->Encode([&](const auto& context) {
+            for (int i = 0; i < 20; ++i) { // long enough for a present to come between
+                context->ClearRenderTargetView(target->GetView(), {level, level, level, level});
+            }
+        });
+        EXPECT_EQ(canvas.Read(target->GetTexture()).At(3, 3), (Color{level, level, level, level}));
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(drawn, 10);
 }
 
 } // namespace

@@ -1,74 +1,164 @@
 #pragma once
 
-// A display in HDR, or one that is not, for systems without: stands in for what the system answers
-// of its outputs and for what its swap chains do with colour spaces. For swap chains of one
-// generation at a time. One thread.
+// Displays in HDR, or not, for systems without: stands in for what the first adapter answers of its
+// outputs and for what swap chains do with colour spaces; counts the calls and fails those that a
+// test wants to fail. For swap chains of one generation at a time. One thread.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "Platform/ComPtr.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/FakeObject.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/TestWindow.h"
 
 namespace Norvex::Test {
 
+// A raw swap chain, of the class whose methods a test patches.
+inline CComPtr<IDXGISwapChain> MakeRawSwapChain(bool isDirect3D12, HWND window) {
+    const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
+    if (!isDirect3D12) {
+        return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
+    }
+    const boost::intrusive_ptr<DX::D12CommandQueue> queue(
+        new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
+    return queue->CreateSwapChainForHwnd(window, desc).p;
+}
+
 class HDRDisplay {
 public:
-    explicit HDRDisplay(bool isDirect3D12)
-        : m_probe(MakeSwapChain(isDirect3D12)),
-          m_getDesc(GetOutput(),
-                    [this](auto original, IDXGIOutput6* output, DXGI_OUTPUT_DESC1* desc) {
-                        const HRESULT result = original(output, desc);
-                        desc->ColorSpace = m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
-                                                   : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
-                        return result;
-                    }),
-          m_check(m_probe,
-                  [](auto, auto*, DXGI_COLOR_SPACE_TYPE, UINT* support) {
-                      *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
-                      return S_OK;
-                  }),
-          m_setColorSpace(m_probe, [](auto...) { return S_OK; }),
-          m_setMetadata(m_probe, [](auto...) { return S_OK; }) {}
+    enum Call { EnumOutputs, Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
+    using Outputs = std::vector<std::pair<RECT, bool>>; // place, whether in HDR
 
-    // The display is in HDR at first.
-    void Switch(bool isHDR) { m_isHDR = isHDR; }
+    // One display in HDR.
+    explicit HDRDisplay(bool isDirect3D12)
+        : m_probe(MakeRawSwapChain(isDirect3D12, m_window.Get())) {
+        Switch(true);
+    }
+
+    void Switch(bool isHDR) { SetOutputs({{{0, 0, 1280, 1024}, isHDR}}); }
+    void SetOutputs(const Outputs& outputs) {
+        m_outputs.clear();
+        for (const auto& [rect, isHDR] : outputs) {
+            m_outputs.push_back(std::make_unique<Output>(rect, isHDR));
+        }
+    }
+    // That others hold.
+    int CountReferences() const {
+        int references = 0;
+        for (const auto& output : m_outputs) {
+            references += output->GetReferences();
+        }
+        return references;
+    }
+
+    // The next calls answer E_ACCESSDENIED.
+    void Fail(Call call, int times) { m_failures[call] = times; }
+    int Count(Call call) const { return m_counts[call]; }
+
+    // As last set.
+    DXGI_COLOR_SPACE_TYPE colorSpace = DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+    DXGI_HDR_METADATA_TYPE metadataType = DXGI_HDR_METADATA_TYPE_NONE;
+    std::vector<std::uint8_t> metadata;
 
 private:
-    static CComPtr<IDXGIOutput6> GetOutput() {
-        CComPtr<IDXGIOutput> output;
-        CComPtr<IDXGIOutput6> output6;
-        DX::DXGIFactory::Create()->GetPrimaryAdapter().Get()->EnumOutputs(0, &output);
-        output.QueryInterface(&output6);
-        return output6;
-    }
-
-    // Of the class whose methods are patched.
-    CComPtr<IDXGISwapChain> MakeSwapChain(bool isDirect3D12) const {
-        DXGI_SWAP_CHAIN_DESC1 desc = {};
-        desc.Width = desc.Height = 16;
-        desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
-        desc.SampleDesc.Count = 1;
-        desc.BufferUsage = DXGI_USAGE_RENDER_TARGET_OUTPUT;
-        desc.BufferCount = 2;
-        desc.SwapEffect = DXGI_SWAP_EFFECT_FLIP_DISCARD;
-        if (!isDirect3D12) {
-            return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(m_window.Get(), desc);
+    class Output : public FakeObject {
+    public:
+        Output(const RECT& rect, bool isHDR) : m_rect(rect), m_isHDR(isHDR) {
+            Set(
+                0, +[](Output* self, REFIID riid, void** out) -> HRESULT {
+                    return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out)
+                                                                     : E_NOINTERFACE;
+                });
+            Set(
+                7, +[](Output* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
+                    *desc = {};
+                    desc->DesktopCoordinates = self->m_rect;
+                    return S_OK;
+                });
+            Set(
+                27, +[](Output* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
+                    *desc = {};
+                    desc->ColorSpace = self->m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
+                                                     : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+                    return S_OK;
+                });
         }
-        const boost::intrusive_ptr<DX::D12CommandQueue> queue(
-            new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
-        return queue->CreateSwapChainForHwnd(m_window.Get(), desc).p;
-    }
 
-    bool m_isHDR = true;
+    private:
+        RECT m_rect;
+        bool m_isHDR;
+    };
+
+    // In the place of a method: succeeds unless it is to fail.
+    template <class Succeed>
+    class Stand {
+    public:
+        Stand(HDRDisplay* display, Call call, Succeed succeed)
+            : m_display(display),
+              m_call(call),
+              m_succeed(std::move(succeed)) {}
+
+        template <class... Args>
+        HRESULT operator()(Args... args) const {
+            ++m_display->m_counts[m_call];
+            return m_display->m_failures[m_call]-- > 0 ? E_ACCESSDENIED : m_succeed(args...);
+        }
+
+    private:
+        HDRDisplay* m_display;
+        Call m_call;
+        Succeed m_succeed;
+    };
+
+    static constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
+
     TestWindow m_window{{16, 16}, SW_HIDE};
+    std::vector<std::unique_ptr<Output>> m_outputs;
+    std::array<int, 6> m_failures = {};
+    std::array<int, 6> m_counts = {};
     CComPtr<IDXGISwapChain> m_probe;
-    MethodPatch<27, HRESULT(IDXGIOutput6*, DXGI_OUTPUT_DESC1*)> m_getDesc;
-    MethodPatch<37, HRESULT(IDXGISwapChain3*, DXGI_COLOR_SPACE_TYPE, UINT*)> m_check;
-    MethodPatch<38, HRESULT(IDXGISwapChain3*, DXGI_COLOR_SPACE_TYPE)> m_setColorSpace;
-    MethodPatch<40, HRESULT(IDXGISwapChain4*, DXGI_HDR_METADATA_TYPE, UINT, void*)> m_setMetadata;
+    MethodPatch<7, HRESULT(IDXGIAdapter*, UINT, IDXGIOutput**)> m_enumOutputs{
+        DX::DXGIFactory::Create()->GetPrimaryAdapter().Get(),
+        [this](auto, IDXGIAdapter*, UINT index, IDXGIOutput** out) {
+            m_counts[EnumOutputs] += index == 0 ? 1 : 0;
+            return index < m_outputs.size()
+                       ? m_outputs[index]->GiveTo(reinterpret_cast<void**>(out))
+                       : DXGI_ERROR_NOT_FOUND;
+        }};
+    MethodPatch<9, HRESULT(IDXGISwapChain*, UINT, REFIID, void**)> m_getBuffer{
+        m_probe, Stand(this, GetBuffer, kPass)};
+    MethodPatch<13, HRESULT(IDXGISwapChain*, UINT, UINT, UINT, DXGI_FORMAT, UINT)> m_resize{
+        m_probe, Stand(this, Resize, kPass)};
+    MethodPatch<39, HRESULT(IDXGISwapChain*, UINT, UINT, UINT, DXGI_FORMAT, UINT, const UINT*,
+                            IUnknown* const*)>
+        m_resize1{m_probe, Stand(this, Resize, kPass)};
+    MethodPatch<37, HRESULT(IDXGISwapChain*, DXGI_COLOR_SPACE_TYPE, UINT*)> m_check{
+        m_probe,
+        Stand(this, CheckColorSpace, [](auto, auto*, DXGI_COLOR_SPACE_TYPE, UINT* support) {
+            *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
+            return S_OK;
+        })};
+    MethodPatch<38, HRESULT(IDXGISwapChain*, DXGI_COLOR_SPACE_TYPE)> m_setColorSpace{
+        m_probe, Stand(this, SetColorSpace, [this](auto, auto*, DXGI_COLOR_SPACE_TYPE space) {
+            colorSpace = space;
+            return S_OK;
+        })};
+    MethodPatch<40, HRESULT(IDXGISwapChain*, DXGI_HDR_METADATA_TYPE, UINT, void*)> m_setMetadata{
+        m_probe, Stand(this, SetMetadata,
+                       [this](auto, auto*, DXGI_HDR_METADATA_TYPE type, UINT size, void* data) {
+                           const auto* bytes = static_cast<const std::uint8_t*>(data);
+                           metadataType = type;
+                           metadata.assign(bytes, bytes + size);
+                           return S_OK;
+                       })};
 };
 
 } // namespace Norvex::Test

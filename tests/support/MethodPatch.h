@@ -21,6 +21,7 @@ constexpr std::size_t kAdapterGetDesc1 = 10;
 constexpr std::size_t kCommandAllocatorReset = 8;
 constexpr std::size_t kContext11Map = 14;
 constexpr std::size_t kContext11IASetVertexBuffers = 18;
+constexpr std::size_t kContext11Flush = 111;
 constexpr std::size_t kContext11Signal = 147;
 constexpr std::size_t kContext11Wait = 148;
 constexpr std::size_t kDevice11CreateBuffer = 3;

@@ -1,14 +1,17 @@
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
-#include <optional>
+#include <exception>
 #include <string>
+#include <utility>
 
 #include <glog/logging.h>
 
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
@@ -22,7 +25,6 @@ namespace Norvex::DX {
 
 namespace {
 
-constexpr DXGI_FORMAT kSDRFormat = DXGI_FORMAT_R8G8B8A8_UNORM;
 constexpr UINT kBufferCount = 2;
 
 // ITU-R BT.2408-7, 2.1; and the luminance of 1.0 in scRGB (IEC 61966-2-2).
@@ -35,11 +37,15 @@ Size2DT<long> GetClientSize(HWND window) {
     return {std::abs(rect.right - rect.left), std::abs(rect.bottom - rect.top)};
 }
 
-DXGI_SWAP_CHAIN_DESC1 MakeDesc(const Size2DT<long>& size) {
+bool HasArea(const Size2DT<long>& size) {
+    return size.width > 0 && size.height > 0;
+}
+
+DXGI_SWAP_CHAIN_DESC1 MakeDesc(const Size2DT<long>& size, DXGI_FORMAT format) {
     DXGI_SWAP_CHAIN_DESC1 desc = {};
     desc.Width = static_cast<UINT>(size.width);
     desc.Height = static_cast<UINT>(size.height);
-    desc.Format = kSDRFormat;
+    desc.Format = format;
     desc.SampleDesc = {1, 0};
     desc.BufferUsage = DXGI_USAGE_RENDER_TARGET_OUTPUT;
     desc.BufferCount = 1;
@@ -63,7 +69,7 @@ bool IsRenderTarget(const D12Device& device, DXGI_FORMAT format) {
 }
 
 template <class Device>
-DXGI_FORMAT ChooseHDRFormat(const Device& device) {
+DXGI_FORMAT ChooseHDRFormat(const Device& device, DXGI_FORMAT otherwise) {
     if (API::GetInstance().IsWindows10OrGreater()) {
         for (const auto format : {DXGI_FORMAT_R16G16B16A16_FLOAT, DXGI_FORMAT_R10G10B10A2_UNORM}) {
             if (IsRenderTarget(device, format)) {
@@ -71,62 +77,97 @@ DXGI_FORMAT ChooseHDRFormat(const Device& device) {
             }
         }
     }
-    return kSDRFormat;
+    return otherwise;
 }
 
-// H.273: BT.709 primaries, sRGB transfer, BT.709 matrix.
-constexpr Conf::ColorSpace kSRGB = {1, 13, 1};
+// Inside a catch.
+void LogFailure(const char* what) {
+    try {
+        throw;
+    } catch (const DirectXException& e) {
+        LOG(ERROR) << what << ": " << e.GetErrorDescription() << ". " << e.GetResultDescription();
+    } catch (const std::exception& e) {
+        LOG(ERROR) << what << ": " << e.what();
+    }
+}
+
+// DXGI would switch the swap chain to exclusive full screen, which nobody here asked for. Only the
+// factory that made it can forbid that; a failure leaves the key as it is.
+void IgnoreAltEnter(IDXGISwapChain* swapChain, HWND window) {
+    CComPtr<IDXGIFactory> factory;
+    if (SUCCEEDED(
+            swapChain->GetParent(__uuidof(IDXGIFactory), reinterpret_cast<void**>(&factory)))) {
+        factory->MakeWindowAssociation(window, DXGI_MWA_NO_ALT_ENTER);
+    }
+}
 
 } // namespace
 
 boost::intrusive_ptr<DXGISwapChain>
 DXGISwapChain::Create(const boost::intrusive_ptr<D3Device>& device, HWND window) {
+    const auto location = std::source_location::current();
     const Size2DT<long> size = GetClientSize(window);
-    const DXGI_SWAP_CHAIN_DESC1 desc = MakeDesc(size);
+    const DXGI_SWAP_CHAIN_DESC1 desc = MakeDesc(size, kSDR.format);
     boost::intrusive_ptr<DXGISwapChain> result;
     if (const auto device12 = boost::dynamic_pointer_cast<D12Device>(device)) {
         const boost::intrusive_ptr<D12CommandQueue> queue(new D12CommandQueue(device12, {}));
-        result = new DXGISwapChain(window, kSDRFormat, ChooseHDRFormat(*device12),
-                                   queue->CreateSwapChainForHwnd(window, desc), queue);
+        result = new DXGISwapChain(window, ChooseHDRFormat(*device12, kSDR.format),
+                                   queue->CreateSwapChainForHwnd(window, desc), nullptr, queue);
     } else if (const auto device11 = boost::dynamic_pointer_cast<D11Device>(device)) {
-        result = new DXGISwapChain(window, kSDRFormat, ChooseHDRFormat(*device11),
-                                   device11->CreateSwapChainForHwnd(window, desc), device11);
+        CComPtr<IDXGISwapChain> swapChain;
+        device11->Encode(
+            [&](const auto&) { swapChain = device11->CreateSwapChainForHwnd(window, desc); });
+        result = new DXGISwapChain(window, ChooseHDRFormat(*device11, kSDR.format), swapChain,
+                                   device11, nullptr);
     }
     if (result != nullptr) {
-        result->MakeBuffers(size, DXGI_FORMAT_UNKNOWN);
+        IgnoreAltEnter(result->m_swapChain, window);
+        result->MakeBuffers(size, kSDR.format, location);
     }
     return result;
 }
 
-DXGISwapChain::DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
-                             const CComPtr<IDXGISwapChain3>& swapChain,
+DXGISwapChain::DXGISwapChain(HWND window, DXGI_FORMAT hdrFormat, IDXGISwapChain* swapChain,
+                             const boost::intrusive_ptr<D11Device>& device,
                              const boost::intrusive_ptr<D12CommandQueue>& commandQueue)
     : m_window(window),
-      m_sdrFormat(sdrFormat),
-      m_hdrFormat(hdrFormat),
-      m_swapChain3(swapChain),
-      m_swapChain4(Platform::Query<IDXGISwapChain4>(m_swapChain3)),
-      m_commandQueue(commandQueue),
-      m_outputColorSpace(kSRGB) {}
-
-DXGISwapChain::DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
-                             const CComPtr<IDXGISwapChain>& swapChain,
-                             const boost::intrusive_ptr<D11Device>& device)
-    : m_window(window),
-      m_sdrFormat(sdrFormat),
       m_hdrFormat(hdrFormat),
       m_swapChain(swapChain),
       m_swapChain3(Platform::Query<IDXGISwapChain3>(m_swapChain)),
       m_swapChain4(Platform::Query<IDXGISwapChain4>(m_swapChain3)),
       m_device(device),
-      m_outputColorSpace(kSRGB) {}
+      m_commandQueue(commandQueue) {}
 
 DXGISwapChain::~DXGISwapChain() {
     try {
         WaitComplete();
-    } catch (const DirectXException& e) {
-        LOG(ERROR) << "A swap chain was released without waiting for the GPU: "
-                   << e.GetErrorDescription() << ". " << e.GetResultDescription();
+        LeaveFullScreen();
+        if (m_device != nullptr) {
+            // Direct3D 11 puts destruction off; a window takes its next swap chain only when the
+            // last one's buffers are destroyed.
+            m_device->Encode([this](const auto& context) {
+                context->OMSetRenderTargets({}, nullptr);
+                m_renderTexture.reset();
+                m_swapChain4.Release();
+                m_swapChain3.Release();
+                m_swapChain.Release();
+                context->Flush();
+            });
+        }
+    } catch (...) {
+        LogFailure("A swap chain was released without waiting for the GPU");
+        if (IsD12Level() && m_commandQueue->GetDevice()->GetDeviceRemovedReason() == S_OK) {
+            m_swapChain.Detach(); // the GPU may still use the buffers
+        }
+    }
+}
+
+// DXGI does not allow the last release of a full-screen one; whoever got it there is gone.
+void DXGISwapChain::LeaveFullScreen() {
+    BOOL isFullScreen = FALSE;
+    if (SUCCEEDED(m_swapChain->GetFullscreenState(&isFullScreen, nullptr)) &&
+        isFullScreen != FALSE) {
+        m_swapChain->SetFullscreenState(FALSE, nullptr);
     }
 }
 
@@ -134,13 +175,17 @@ boost::intrusive_ptr<D12CommandAllocator> DXGISwapChain::CreateCommandAllocator(
     if (!IsD12Level()) {
         return nullptr;
     }
-    // Completed is not enough: one that the host still holds may yet be executed, and until the
-    // background release has let go too the frame's objects, back buffers among them, are alive.
+    ForgetIdleAllocators();
+    m_inFlightAllocators.push_back(m_commandQueue->CreateCommandAllocator());
+    return m_inFlightAllocators.back();
+}
+
+// Completed is not enough: one that the host still holds may yet be executed, and until the
+// background release has let go too the frame's objects, back buffers among them, are alive.
+void DXGISwapChain::ForgetIdleAllocators() {
     m_inFlightAllocators.remove_if([](const auto& allocator) {
         return allocator->IsCompleted() && allocator->GetRefCount() == 1;
     });
-    m_inFlightAllocators.push_back(m_commandQueue->CreateCommandAllocator());
-    return m_inFlightAllocators.back();
 }
 
 boost::intrusive_ptr<D12Descriptor> DXGISwapChain::GetRenderTarget() const {
@@ -157,164 +202,222 @@ boost::intrusive_ptr<D11RenderTexture2D> DXGISwapChain::GetRenderTexture() const
 
 void DXGISwapChain::Present() {
     constexpr UINT kVerticalBlanks = 1;
-    if (m_swapChain3 != nullptr) {
+    if (IsWindow(m_window) == FALSE) {
+        return; // not every system's swap chain survives its window
+    }
+    if (IsD12Level()) {
         m_swapChain3->Present(kVerticalBlanks, 0);
     } else {
-        m_swapChain->Present(kVerticalBlanks, 0);
+        m_device->Encode([this](const auto&) { m_swapChain->Present(kVerticalBlanks, 0); });
     }
 }
 
 Size2DT<long> DXGISwapChain::RecreateBuffers() {
-    return RecreateBuffers(DXGI_FORMAT_UNKNOWN);
-}
-
-Size2DT<long> DXGISwapChain::RecreateBuffers(DXGI_FORMAT format) {
     const Size2DT<long> size = GetClientSize(m_window);
-    m_renderTexture.reset();
-    m_renderTargets.clear();
-    MakeBuffers(size, format);
+    MakeBuffers(size, m_output.format, std::source_location::current());
+    SetColorSpace(m_output.colorSpace);
     return size;
 }
 
-void DXGISwapChain::MakeBuffers(const Size2DT<long>& size, DXGI_FORMAT format) {
-    constexpr const char* kFailed = "Failed to resize DXGI swap chain buffers";
-    if (size.width <= 0 || size.height <= 0) {
+// Where the old buffers cannot be made anew, they stay, with targets.
+void DXGISwapChain::MakeBuffers(const Size2DT<long>& size, DXGI_FORMAT format,
+                                const std::source_location& location) {
+    const DXGI_MODE_DESC old = GetBufferDesc();
+    const bool areKept = !HasArea(size) && old.Format == format;
+    if (!areKept) {
+        WaitComplete();
+    }
+    m_renderTexture.reset();
+    m_renderTargets.clear();
+    if (areKept) {
         return;
     }
-    const auto width = static_cast<UINT>(size.width);
-    const auto height = static_cast<UINT>(size.height);
+    const long result = HasArea(size) ? ResizeBuffers(static_cast<UINT>(size.width),
+                                                      static_cast<UINT>(size.height), format)
+                                      : ResizeBuffers(old.Width, old.Height, format);
+    if (SUCCEEDED(result)) {
+        MakeRenderTexture(size, location);
+        return;
+    }
+    try {
+        MakeRenderTexture(size, location);
+    } catch (const std::exception&) { // what is told is why it came to this
+    }
+    constexpr const char* kFailed = "Failed to resize DXGI swap chain buffers";
     if (IsD12Level()) {
-        WaitComplete();
+        ThrowResult<DirectX12Exception>(result, kFailed, m_commandQueue->GetDevice()->Get());
+    }
+    ThrowResult<DirectX11Exception>(result, kFailed, m_device->Get());
+}
+
+DXGI_MODE_DESC DXGISwapChain::GetBufferDesc() const {
+    DXGI_SWAP_CHAIN_DESC desc = {};
+    m_swapChain->GetDesc(&desc);
+    return desc.BufferDesc;
+}
+
+long DXGISwapChain::ResizeBuffers(UINT width, UINT height, DXGI_FORMAT format) {
+    if (IsD12Level()) {
         const std::array<UINT, kBufferCount> nodeMasks = {};
         std::array<IUnknown*, kBufferCount> queues = {};
         queues.fill(m_commandQueue->Get());
-        ThrowIfFailed<DirectX12Exception>(m_swapChain3->ResizeBuffers1(kBufferCount, width, height,
-                                                                       format, 0, nodeMasks.data(),
-                                                                       queues.data()),
-                                          kFailed, m_commandQueue->GetDevice()->Get());
-    } else {
-        ThrowIfFailed<DirectX11Exception>(m_swapChain->ResizeBuffers(0, width, height, format, 0),
-                                          kFailed, m_device->Get());
+        return m_swapChain3->ResizeBuffers1(kBufferCount, width, height, format, 0,
+                                            nodeMasks.data(), queues.data());
     }
-    MakeRenderTexture();
+    long result = E_FAIL;
+    m_device->Encode([&](const auto& context) {
+        context->OMSetRenderTargets({}, nullptr); // what is bound is not dropped
+        result = m_swapChain->ResizeBuffers(0, width, height, format, 0);
+    });
+    return result;
 }
 
-void DXGISwapChain::MakeRenderTexture() {
-    if (IsD12Level()) {
-        ThrowUnless<DirectX12Exception>(m_renderTargets.empty(),
-                                        "Render targets view already make");
-        MakeRenderTargets12();
+void DXGISwapChain::MakeRenderTexture(const Size2DT<long>& size,
+                                      const std::source_location& location) {
+    if (!HasArea(size)) {
         return;
     }
-    ThrowUnless<DirectX11Exception>(m_renderTexture == nullptr, "Render target view already make");
+    if (IsD12Level()) {
+        MakeRenderTargets12(location);
+        return;
+    }
+    ThrowUnless<DirectX11Exception>(m_renderTexture == nullptr, "Render target view already make",
+                                    location);
     CComPtr<ID3D11Texture2D> texture;
     ThrowIfFailed<DirectX11Exception>(
         m_swapChain->GetBuffer(0, __uuidof(ID3D11Texture2D), reinterpret_cast<void**>(&texture)),
-        "Failed to get back buffer", m_device->Get());
+        "Failed to get back buffer", m_device->Get(), location);
     m_renderTexture = new D11RenderTexture2D(texture, std::nullopt);
 }
 
-void DXGISwapChain::MakeRenderTargets12() {
+void DXGISwapChain::MakeRenderTargets12(const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(m_renderTargets.empty(), "Render targets view already make",
+                                    location);
     const auto& device = m_commandQueue->GetDevice();
+    std::vector<boost::intrusive_ptr<D12Descriptor>> targets;
     for (UINT i = 0; i < kBufferCount; ++i) {
         CComPtr<ID3D12Resource> buffer;
         ThrowIfFailed<DirectX12Exception>(
             m_swapChain3->GetBuffer(i, __uuidof(ID3D12Resource), reinterpret_cast<void**>(&buffer)),
-            "Failed to get back buffer", device->Get());
+            "Failed to get back buffer", device->Get(), location);
         buffer->SetName((L"Swap chain back buffer #" + std::to_wstring(i)).c_str());
-        m_renderTargets.push_back(device->CreateRenderTargetView(buffer));
+        targets.push_back(device->CreateRenderTargetView(buffer));
     }
+    m_renderTargets = std::move(targets);
 }
 
 void DXGISwapChain::WaitComplete() {
+    if (!IsD12Level()) {
+        return;
+    }
     for (const auto& allocator : m_inFlightAllocators) {
         allocator->WaitComplete();
     }
-    m_inFlightAllocators.clear();
-    if (m_commandQueue != nullptr) {
-        m_commandQueue->WaitComplete();
-    }
+    m_commandQueue->WaitComplete();
+    ForgetIdleAllocators();
 }
 
 void DXGISwapChain::UpdateDisplayInfo() {
-    m_windowRect.right = 0;
-    m_windowRect.bottom = 0;
+    m_display.reset();
 }
 
+// Remembers the answer only when all that follows from it has succeeded.
 bool DXGISwapChain::CheckDisplayHDRSupport() {
-    const bool canShowHDR =
-        m_swapChain3 != nullptr && (m_hdrFormat == DXGI_FORMAT_R16G16B16A16_FLOAT ||
-                                    m_hdrFormat == DXGI_FORMAT_R10G10B10A2_UNORM);
-    if (!canShowHDR) {
-        m_isHDRSupported = false;
+    if (m_swapChain3 == nullptr || !Display::FindHDROutput(m_hdrFormat)) {
         return false;
     }
-    RECT rect = {};
-    GetWindowRect(m_window, &rect);
-    if (EqualRect(&rect, &m_windowRect) != FALSE) {
-        return m_isHDRSupported;
+    RECT window = {};
+    GetWindowRect(m_window, &window);
+    if (m_display && EqualRect(&window, &m_display->window) != FALSE) {
+        return m_display->isHDRSupported;
     }
-    m_windowRect = rect;
     if (m_factory == nullptr || !m_factory->IsCurrent()) {
         m_factory = DXGIFactory::Create();
     }
-    m_isHDRSupported = Display::IsInHDR(Display::FindOutputUnder(*m_factory, m_windowRect));
-    if (!m_isHDRSupported) {
+    const bool isInHDR = Display::IsInHDR(Display::FindOutputUnder(*m_factory, window));
+    if (!isInHDR) {
         DisableHDR();
     }
-    return m_isHDRSupported;
+    m_display = DisplayInfo{window, isInHDR};
+    return isInHDR;
 }
 
 bool DXGISwapChain::EnableHDRIfSupported(float maxMasteringNits, float minMasteringNits,
                                          float maxContentLightLevel,
                                          float maxFrameAverageLightLevel) {
-    if (!CheckDisplayHDRSupport() || m_isHDREnabled) {
-        return m_isHDREnabled;
+    if (!CheckDisplayHDRSupport() || IsHDREnabled()) {
+        return IsHDREnabled();
     }
-    const auto output = Display::FindHDROutput(m_hdrFormat);
-    if (!output) {
-        return false;
-    }
-    RecreateBuffers(m_hdrFormat);
-    UINT support = 0;
-    if (FAILED(m_swapChain3->CheckColorSpaceSupport(output->colorSpace, &support)) ||
-        (support & DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT) == 0) {
-        RecreateBuffers(m_sdrFormat);
-        return false;
-    }
-    SetColorSpace(output->colorSpace);
-    if (m_swapChain4 != nullptr) {
-        DXGI_HDR_METADATA_HDR10 metadata =
-            Display::MakeMetadata(output->primaries, maxMasteringNits, minMasteringNits,
-                                  maxContentLightLevel, maxFrameAverageLightLevel);
-        ThrowIfFailed<DirectXException>(
-            m_swapChain4->SetHDRMetaData(DXGI_HDR_METADATA_TYPE_HDR10, sizeof(metadata), &metadata),
-            "Failed to set HDR metadata");
-    }
-    m_outputColorSpace = ConvertColorSpace(output->colorSpace);
-    m_isHDREnabled = true;
-    return true;
+    const auto hdr = Display::FindHDROutput(m_hdrFormat);
+    DXGI_HDR_METADATA_HDR10 metadata =
+        Display::MakeMetadata(hdr->primaries, maxMasteringNits, minMasteringNits,
+                              maxContentLightLevel, maxFrameAverageLightLevel);
+    // A refused colour space is not asked for again in this place.
+    m_display->isHDRSupported =
+        SetOutput({m_hdrFormat, hdr->colorSpace}, &metadata, std::source_location::current());
+    return m_display->isHDRSupported;
 }
 
 void DXGISwapChain::DisableHDR() {
-    if (!m_isHDREnabled) {
-        return;
+    if (IsHDREnabled()) {
+        SetOutput(kSDR, nullptr, std::source_location::current());
     }
-    if (m_swapChain4 != nullptr) {
-        ThrowIfFailed<DirectXException>(
-            m_swapChain4->SetHDRMetaData(DXGI_HDR_METADATA_TYPE_NONE, 0, nullptr),
-            "Failed to set HDR metadata");
+}
+
+// Commits last: where a step fails, or the swap chain cannot show the colour space (false), the
+// output stays what it was. Without metadata: SDR.
+bool DXGISwapChain::SetOutput(const Output& output, DXGI_HDR_METADATA_HDR10* metadata,
+                              const std::source_location& location) {
+    try {
+        MakeBuffers(GetClientSize(m_window), output.format, location);
+        if (metadata != nullptr && !CanShow(output.colorSpace)) {
+            RecreateBuffers();
+            return false;
+        }
+        SetColorSpace(output.colorSpace);
+        SetMetadata(metadata, location);
+    } catch (...) {
+        RestoreOutput();
+        throw;
     }
-    RecreateBuffers(m_sdrFormat);
-    SetColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709);
-    m_isHDREnabled = false;
-    m_outputColorSpace = kSRGB;
+    m_output = output;
+    return true;
+}
+
+// Where this fails too, the next RecreateBuffers tries it again.
+void DXGISwapChain::RestoreOutput() {
+    try {
+        if (GetBufferDesc().Format != m_output.format) {
+            RecreateBuffers();
+        }
+    } catch (...) {
+        LogFailure("A swap chain could not go back to its output");
+    }
+}
+
+bool DXGISwapChain::CanShow(DXGI_COLOR_SPACE_TYPE colorSpace) const {
+    UINT support = 0;
+    return SUCCEEDED(m_swapChain3->CheckColorSpaceSupport(colorSpace, &support)) &&
+           (support & DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT) != 0;
 }
 
 void DXGISwapChain::SetColorSpace(DXGI_COLOR_SPACE_TYPE colorSpace) {
-    if (m_swapChain3 != nullptr) {
+    if (m_swapChain3 != nullptr && colorSpace != m_colorSpaceOfDXGI) {
         ThrowIfFailed<DirectXException>(m_swapChain3->SetColorSpace1(colorSpace),
                                         "Failed to set color space");
+        m_colorSpaceOfDXGI = colorSpace;
+    }
+}
+
+void DXGISwapChain::SetMetadata(DXGI_HDR_METADATA_HDR10* metadata,
+                                const std::source_location& location) {
+    if (m_swapChain4 != nullptr) {
+        const bool isHDR = metadata != nullptr;
+        ThrowIfFailed<DirectXException>(
+            m_swapChain4->SetHDRMetaData(isHDR ? DXGI_HDR_METADATA_TYPE_HDR10
+                                               : DXGI_HDR_METADATA_TYPE_NONE,
+                                         isHDR ? sizeof(*metadata) : 0, metadata),
+            "Failed to set HDR metadata", {}, location);
     }
 }
 
@@ -322,12 +425,13 @@ Proc::ColorAlphaConversionInfo DXGISwapChain::GetConversionInfo(const Conf::RGBC
                                                                 Proc::AlphaType sourceAlpha) const {
     Proc::ColorAlphaConversionInfo info;
     info.source = source;
-    info.target = {static_cast<Conf::ColorPrimaries>(m_outputColorSpace.primaries),
-                   static_cast<Conf::TransferCharacteristics>(m_outputColorSpace.transfer)};
-    info.mode = m_isHDREnabled ? Proc::LinearizationMode::DisplayReferredHDR
+    const Conf::ColorSpace target = ConvertColorSpace(m_output.colorSpace);
+    info.target = {static_cast<Conf::ColorPrimaries>(target.primaries),
+                   static_cast<Conf::TransferCharacteristics>(target.transfer)};
+    info.mode = IsHDREnabled() ? Proc::LinearizationMode::DisplayReferredHDR
                                : Proc::LinearizationMode::DisplayReferred;
     const bool isScRGB =
-        m_isHDREnabled && info.target.transfer == Conf::TransferCharacteristics::Linear;
+        IsHDREnabled() && info.target.transfer == Conf::TransferCharacteristics::Linear;
     info.linearScale = isScRGB ? kReferenceWhiteNits / kScRGBUnitNits : 1.0F;
     info.sourcePeakLuminance = 1000.0F;
     info.targetPeakLuminance = 1000.0F;

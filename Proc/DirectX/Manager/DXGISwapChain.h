@@ -2,11 +2,14 @@
 
 // Presents frames into a window, on either generation: back buffers that follow the window's client
 // area, and HDR10 output while the display under most of the window is in HDR. One thread at a
-// time; no lock. Owned by intrusive_ptr; the destructor waits for the GPU. Throws
+// time; no lock of its own. Owned by intrusive_ptr; the destructor waits for the GPU. Throws
 // DirectX11Exception or DirectX12Exception for buffers, DirectXException for colour space and
-// metadata. Next: D3D12Renderer.h, D11ImageDraw.h (what is drawn with GetConversionInfo).
+// metadata, and leaves the output as it was. Next: D3D12Renderer.h, D11ImageDraw.h (what is drawn
+// with GetConversionInfo).
 
 #include <list>
+#include <optional>
+#include <source_location>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -30,17 +33,20 @@ class DXGIFactory;
 class NORVEX_DX_API DXGISwapChain : public RefCountImpl {
 public:
     // For the window's client area, SDR (R8G8B8A8_UNORM, sRGB); on Direct3D 12 with a queue of its
-    // own. Two buffers, flipped; before Windows 10 one, copied. Null for a device that is neither
-    // D11Device nor D12Device. A window has at most one swap chain. Throws what the device's
-    // CreateSwapChainForHwnd throws, and see RecreateBuffers.
+    // own. Two buffers, flipped; before Windows 10 one, copied. DXGI does not answer Alt+Enter: the
+    // host shows full screen in a window without borders. Null for a device that is neither
+    // D11Device nor D12Device. A window has at most one swap chain; the next one comes after this
+    // one and the targets from it are gone. Throws what the device's CreateSwapChainForHwnd throws,
+    // and see RecreateBuffers.
     static boost::intrusive_ptr<DXGISwapChain> Create(const boost::intrusive_ptr<D3Device>& device,
                                                       HWND window);
+    // On Direct3D 11 render targets are unbound, and the context is flushed.
     ~DXGISwapChain() override;
     DXGISwapChain(const DXGISwapChain&) = delete;
     DXGISwapChain& operator=(const DXGISwapChain&) = delete;
 
     // True on Direct3D 12.
-    bool IsD12Level() const { return m_swapChain3 != nullptr && m_commandQueue != nullptr; }
+    bool IsD12Level() const { return m_commandQueue != nullptr; }
 
     // Direct3D 12: an allocator for a frame's work, which is executed before Present. Those still
     // on the GPU are kept and waited for when the buffers are made anew. Null on Direct3D 11.
@@ -51,21 +57,26 @@ public:
     // Direct3D 11: the back buffer. Null on Direct3D 12, and while the window has no area.
     boost::intrusive_ptr<D11RenderTexture2D> GetRenderTexture() const;
     // Shows the current back buffer at the next vertical blank. A failure (an occluded window, a
-    // removed device) is not told; the next call that creates something does.
+    // removed device, a window that is gone) is not told; the next call that creates something
+    // does. On Direct3D 11 other threads' Encode waits meanwhile, as for all below.
     void Present();
 
     // Follows the window's client area, to be called when it has changed: waits for the GPU, and
     // answers the size in pixels. A window without area, as a minimised one, keeps the swap chain
-    // as it is but has no targets. Drop render targets and textures before. "Failed to resize DXGI
-    // swap chain buffers", "Failed to get back buffer", "Render targets view already make",
-    // "Render target view already make".
+    // as it is but has no targets. Before the call, everything of the old buffers is dropped:
+    // targets, textures, views, and allocators with recorded work (executed or not wanted). While
+    // something is left it fails with DXGI_ERROR_INVALID_CALL, the buffers and their targets stay,
+    // recorded work too: execute, present, call again. "Failed to resize DXGI swap chain buffers",
+    // "Failed to get back buffer".
     Size2DT<long> RecreateBuffers();
 
     // Switches to HDR10 where the display under most of the window is in HDR, and back to SDR where
     // it is not any more; answers whether HDR is on. Luminances in cd/m2, of the mastering display
-    // and of the content (MaxCLL, MaxFALL; CTA-861.3). To be called when the window has moved, or
-    // after UpdateDisplayInfo; it costs little where neither is so. Switching makes the buffers
-    // anew. "Failed to set HDR metadata", "Failed to set color space".
+    // and of the content (MaxCLL, MaxFALL; CTA-861.3), taken when HDR goes on; what a field cannot
+    // hold is cut off. To be called when the window has moved, or after UpdateDisplayInfo; it costs
+    // little where neither is so, also where the display's colour space was refused. Switching
+    // makes the buffers anew, as RecreateBuffers does. "Failed to set HDR metadata", "Failed to set
+    // color space", and what DXGIFactory throws.
     bool EnableHDRIfSupported(float maxMasteringNits, float minMasteringNits,
                               float maxContentLightLevel, float maxFrameAverageLightLevel);
     // Back to SDR. The same failures.
@@ -81,35 +92,51 @@ public:
                                                      Proc::AlphaType sourceAlpha) const;
 
 private:
-    DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
-                  const CComPtr<IDXGISwapChain3>& swapChain,
-                  const boost::intrusive_ptr<D12CommandQueue>& commandQueue);
-    DXGISwapChain(HWND window, DXGI_FORMAT sdrFormat, DXGI_FORMAT hdrFormat,
-                  const CComPtr<IDXGISwapChain>& swapChain,
-                  const boost::intrusive_ptr<D11Device>& device);
+    struct Output {
+        DXGI_FORMAT format;
+        DXGI_COLOR_SPACE_TYPE colorSpace;
+    };
+    struct DisplayInfo {
+        RECT window; // its place at the look
+        bool isHDRSupported;
+    };
+    static constexpr Output kSDR = {DXGI_FORMAT_R8G8B8A8_UNORM,
+                                    DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709};
 
-    Size2DT<long> RecreateBuffers(DXGI_FORMAT format); // UNKNOWN: the present one
-    void MakeBuffers(const Size2DT<long>& size, DXGI_FORMAT format);
-    void MakeRenderTexture();
-    void MakeRenderTargets12();
-    void WaitComplete();
+    DXGISwapChain(HWND window, DXGI_FORMAT hdrFormat, IDXGISwapChain* swapChain,
+                  const boost::intrusive_ptr<D11Device>& device,
+                  const boost::intrusive_ptr<D12CommandQueue>& commandQueue);
+
+    bool IsHDREnabled() const { return m_output.colorSpace != kSDR.colorSpace; }
     bool CheckDisplayHDRSupport();
-    bool IsDisplayInHDR();
+    bool SetOutput(const Output& output, DXGI_HDR_METADATA_HDR10* metadata,
+                   const std::source_location& location);
+    void RestoreOutput();
+    bool CanShow(DXGI_COLOR_SPACE_TYPE colorSpace) const;
     void SetColorSpace(DXGI_COLOR_SPACE_TYPE colorSpace);
+    void SetMetadata(DXGI_HDR_METADATA_HDR10* metadata, const std::source_location& location);
+
+    void MakeBuffers(const Size2DT<long>& size, DXGI_FORMAT format,
+                     const std::source_location& location);
+    long ResizeBuffers(UINT width, UINT height, DXGI_FORMAT format);
+    DXGI_MODE_DESC GetBufferDesc() const;
+    void MakeRenderTexture(const Size2DT<long>& size, const std::source_location& location);
+    void MakeRenderTargets12(const std::source_location& location);
+    void WaitComplete();
+    void ForgetIdleAllocators();
+    void LeaveFullScreen();
 
     HWND m_window;
-    DXGI_FORMAT m_sdrFormat;
-    DXGI_FORMAT m_hdrFormat;               // the SDR format where there is no HDR
-    CComPtr<IDXGISwapChain> m_swapChain;   // Direct3D 11 only
+    DXGI_FORMAT m_hdrFormat; // the SDR format where there is no HDR
+    CComPtr<IDXGISwapChain> m_swapChain;
     CComPtr<IDXGISwapChain3> m_swapChain3; // on Direct3D 11 null on old systems
     CComPtr<IDXGISwapChain4> m_swapChain4; // null on old systems
     boost::intrusive_ptr<D11Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_commandQueue;
-    RECT m_windowRect = {}; // at the last look at the display
     boost::intrusive_ptr<DXGIFactory> m_factory;
-    bool m_isHDRSupported = false; // at that look
-    Conf::ColorSpace m_outputColorSpace;
-    bool m_isHDREnabled = false;
+    std::optional<DisplayInfo> m_display;
+    Output m_output = kSDR;                                     // what frames are drawn for
+    DXGI_COLOR_SPACE_TYPE m_colorSpaceOfDXGI = kSDR.colorSpace; // what DXGI was last told
     boost::intrusive_ptr<D11RenderTexture2D> m_renderTexture;
     std::vector<boost::intrusive_ptr<D12Descriptor>> m_renderTargets; // by buffer index
     std::list<boost::intrusive_ptr<D12CommandAllocator>> m_inFlightAllocators;
