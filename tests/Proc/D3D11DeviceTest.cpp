@@ -1,12 +1,15 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 
+#include <atomic>
 #include <functional>
+#include <span>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
@@ -52,6 +55,66 @@ TEST(D3D11DeviceTest, AttachTellsWhatIsMissing) {
     EXPECT_EQ(D11Device::Find(raw), nullptr);
 }
 
+// Without the lock the registry breaks, or a dead wrapper is handed out.
+TEST(D3D11DeviceTest, AttachMayRace) {
+    const auto raw = MakeRawDevice11();
+    const DXGIAdapter adapter = DXGIFactory::Create()->GetPrimaryAdapter();
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 500; ++round) {
+                const auto device = D11Device::Attach(raw);
+                EXPECT_NE(D11Device::Find(raw), nullptr);
+                EXPECT_EQ(D11Device::Create(adapter)->Get(), raw.p);
+            }
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(D11Device::Find(raw), nullptr);
+}
+
+TEST(D3D11DeviceTest, CreateAnswersWhatIsOnTheAdapterAndForAllThreads) {
+    const CComPtr<IDXGIAdapter1> adapter(DXGIFactory::Create()->GetPrimaryAdapter().Get());
+    const auto raw = MakeRawDevice11();
+    const auto isAnswered = [&](const LUID& difference, UINT flags) {
+        const auto attached = [&] {
+            const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>
+                patch(adapter, [&](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
+                    const HRESULT result = original(self, desc);
+                    desc->AdapterLuid.LowPart += difference.LowPart;
+                    desc->AdapterLuid.HighPart += difference.HighPart;
+                    return result;
+                });
+            return D11Device::Attach(raw);
+        }();
+        const MethodPatch<Slot::kDevice11GetCreationFlags, UINT(ID3D11Device*)> patch(
+            raw, [&](auto original, ID3D11Device* self) { return original(self) | flags; });
+        return D11Device::CreatePrimary() == attached;
+    };
+    EXPECT_TRUE(isAnswered({0, 0}, 0));
+    EXPECT_FALSE(isAnswered({1, 0}, 0));
+    EXPECT_FALSE(isAnswered({0, 1}, 0));
+    EXPECT_FALSE(isAnswered({0, 0}, D3D11_CREATE_DEVICE_SINGLETHREADED));
+}
+
+// What a host stores in its device goes with it, and may call the library.
+TEST(D3D11DeviceTest, TheLastReleaseHoldsNoLock) {
+    struct Stored : FakeObject {
+        Stored() {
+            Set(
+                2, +[](Stored* self) {
+                    self->isReleased = D11Device::Find(nullptr) == nullptr;
+                    return ULONG{0};
+                });
+        }
+        bool isReleased = false;
+    } stored;
+    auto device = D11Device::Attach(MakeRawDevice11());
+    device->Get()->SetPrivateDataInterface(__uuidof(IUnknown), stored.As<IUnknown>());
+    device.reset();
+    EXPECT_TRUE(stored.isReleased);
+}
+
 TEST(D3D11DeviceTest, LevelsAreTriedOneByOneDownwards) {
     const auto attempt = [](D3D_FEATURE_LEVEL level) {
         return CreateDevice11Patch::Attempt{level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT};
@@ -86,6 +149,8 @@ TEST(D3D11DeviceTest, EveryFailureNamesItsOperationAndTheAdapter) {
     const auto device = D11Device::CreatePrimary();
     const std::shared_ptr<D3ShaderBytecode> bytecode =
         std::make_shared<D11PixelShader>(device, "Main", "float4 Main() : SV_TARGET { return 1; }");
+    const auto texture = device->CreateTexture2D(MakeTextureDesc11(4, 4, kRgba8), nullptr);
+    ID3D11Resource* resource = nullptr;
     const struct {
         const char* function;
         const char* sentence;
@@ -97,13 +162,13 @@ TEST(D3D11DeviceTest, EveryFailureNamesItsOperationAndTheAdapter) {
          "Failed to create ID3D11Texture2D: width = 20, height = 10, format = 28",
          [&] { device->CreateTexture2D(MakeTextureDesc11(20, 10, kRgba8), nullptr); }},
         {"CreateShaderResourceView", "Failed to create shader resource view",
-         [&] { device->CreateShaderResourceView(nullptr); }},
+         [&] { device->CreateShaderResourceView(resource); }},
         {"CreateShaderResourceView", "Failed to create shader resource view",
-         [&] { device->CreateShaderResourceView(nullptr, {}); }},
+         [&] { device->CreateShaderResourceView(resource, {}); }},
         {"CreateRenderTargetView", "Failed to create render target view",
-         [&] { device->CreateRenderTargetView(nullptr, {}); }},
+         [&] { device->CreateRenderTargetView(resource, {}); }},
         {"CreateDepthStencilView", "Failed to create depth stencil view",
-         [&] { device->CreateDepthStencilView(nullptr, {}); }},
+         [&] { device->CreateDepthStencilView(resource, {}); }},
         {"CreateRasterizerState", "Failed to create rasterizer state",
          [&] { device->CreateRasterizerState({}); }},
         {"CreateDepthStencilState", "Failed to create depth stencil state",
@@ -114,6 +179,10 @@ TEST(D3D11DeviceTest, EveryFailureNamesItsOperationAndTheAdapter) {
          [&] { device->CreateInputLayout({}, bytecode); }},
         {"CreateBlendState", "Failed to create blend state", [&] { device->CreateBlendState({}); }},
     };
+    for (const auto& c : std::span(cases).subspan(2, 4)) { // views of null
+        ExpectFailure11(c.call, c.sentence, c.function, E_INVALIDARG);
+    }
+    resource = texture;
     const FailingMethod<Slot::kDevice11GetDeviceRemovedReason> removed(device->Get(),
                                                                        DXGI_ERROR_DEVICE_HUNG);
     const FailingMethods<Slot::kDevice11CreateBuffer, Slot::kDevice11CreateTexture2D,
@@ -140,86 +209,59 @@ TEST(D3D11DeviceTest, FormatQuestionsDoNotThrow) {
 
 TEST(D3D11DeviceTest, FencesNeedBothInterfaces) {
     const auto raw = MakeRawDevice11();
-    FakeObject device5;
-    FakeObject context4;
-    const auto device5Offering = [&](FakeObject* device, FakeObject* context) {
-        const FencePatch patch(raw, device, context);
-        const auto attached = D11Device::Attach(raw);
-        EXPECT_EQ(attached->IsFencesSupported(), attached->Get5() != nullptr);
-        return attached->Get5();
-    };
-    EXPECT_EQ(device5Offering(nullptr, nullptr), nullptr);
-    EXPECT_EQ(device5Offering(&device5, nullptr), nullptr);
-    EXPECT_EQ(device5Offering(nullptr, &context4), nullptr);
-    EXPECT_EQ(device5Offering(&device5, &context4), device5.As<ID3D11Device5>());
-    EXPECT_EQ(device5.GetReferences() + context4.GetReferences(), 0);
+    FakeObject fake;
+    for (const bool hasDevice : {false, true}) {
+        for (const bool hasContext : {false, true}) {
+            const FencePatch patch(raw, hasDevice ? &fake : nullptr, hasContext ? &fake : nullptr);
+            const auto device = D11Device::Attach(raw);
+            EXPECT_EQ(device->IsFencesSupported(), hasDevice && hasContext);
+            EXPECT_EQ(device->Get5(), hasDevice && hasContext ? fake.As<ID3D11Device5>() : nullptr);
+        }
+    }
+    EXPECT_EQ(fake.GetReferences(), 0);
 }
 
-// A target and what it is read through, for all who paint on one device.
-class Easel {
-public:
-    explicit Easel(const boost::intrusive_ptr<D11Device>& device) : m_device(device) {
-        auto desc = MakeTextureDesc11(64, 64, kRgba8);
-        m_target = D11RenderTexture2D::Create(device, desc);
-        desc.Usage = D3D11_USAGE_STAGING;
-        desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
-        m_staging = device->CreateTexture2D(desc, nullptr);
-    }
-
-    // Whether what is read is what this thread painted.
-    bool Paint(std::uint8_t level) {
-        bool isPainted = false;
-        m_device->Encode([&](const ContextPtr& context) {
-            context->ClearRenderTargetView(m_target->GetView(),
-                                           {static_cast<float>(level) / 255.0F, 0, 0, 1});
-            context->CopyResource(m_staging, m_target->GetTexture());
-            const auto mapped = context->Map(m_staging, 0, D3D11_MAP_READ, {});
-            const auto* bytes = static_cast<const std::uint8_t*>(mapped.pData);
-            isPainted = bytes[0] == level && bytes[63 * mapped.RowPitch + 63 * 4] == level;
-            context->Unmap(m_staging, 0);
+// Two wrappers of one device have one lock; another device has its own.
+TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
+    const auto device = D11Device::Attach(MakeRawDevice11());
+    const auto again = D11Device::Attach(device->Get());
+    const auto other = D11Device::Attach(MakeRawDevice11());
+    std::atomic<int> inside{0};
+    int calls = 0;
+    const auto encode = [&](D11Device& wrapper) {
+        wrapper.Encode([&](const ContextPtr& outer) {
+            EXPECT_EQ(++inside, 1);
+            std::this_thread::yield();
+            device->Encode([&](const ContextPtr& inner) { EXPECT_EQ(inner, outer); });
+            ++calls;
+            --inside;
         });
-        return isPainted;
-    }
-
-private:
-    boost::intrusive_ptr<D11Device> m_device;
-    boost::intrusive_ptr<D11RenderTexture2D> m_target;
-    CComPtr<ID3D11Texture2D> m_staging;
-};
-
-// Each easel's threads paint as often as told, all at once.
-void PaintAll(const std::vector<Easel*>& easelOfThread, int rounds) {
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < easelOfThread.size(); ++i) {
-        threads.emplace_back([&, i] {
-            for (int round = 0; round < rounds; ++round) {
-                EXPECT_TRUE(easelOfThread[i]->Paint(static_cast<std::uint8_t>(i * 31 + 1)));
+    };
+    std::vector<std::jthread> threads;
+    for (D11Device* wrapper : {device.get(), again.get(), device.get(), again.get()}) {
+        threads.emplace_back([&encode, wrapper] {
+            for (int round = 0; round < 1000; ++round) {
+                encode(*wrapper);
             }
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
+    EXPECT_EQ(calls, 4000);
+    other->Encode([&](const ContextPtr&) { std::thread([&] { encode(*device); }).join(); });
 }
 
-TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
-    Easel easel(D11Device::CreatePrimary());
-    PaintAll(std::vector<Easel*>(8, &easel), 100);
-}
-
-TEST(D3D11DeviceTest, TwoDevicesWorkAtOnce) {
-    Easel created(D11Device::CreatePrimary());
-    Easel attached(D11Device::Attach(MakeRawDevice11()));
-    PaintAll({&created, &attached}, 200);
-}
-
-TEST(D3D11DeviceTest, EncodeUnlocksWhateverIsThrown) {
-    const auto device = D11Device::CreatePrimary();
+TEST(D3D11DeviceTest, EncodeUnlocksWhateverHappensInside) {
+    auto device = D11Device::Attach(MakeRawDevice11());
+    const auto again = D11Device::Attach(device->Get());
     EXPECT_THROW(device->Encode({}), std::bad_function_call);
     EXPECT_THROW(device->Encode([](const ContextPtr&) { throw std::domain_error("host's"); }),
                  std::domain_error);
+    device->Encode([&device](const ContextPtr& context) {
+        device.reset();
+        context->Flush();
+    });
     int calls = 0;
-    std::thread([&] { device->Encode([&calls](const ContextPtr&) { ++calls; }); }).join();
+    std::thread([&] { again->Encode([&calls](const ContextPtr&) { ++calls; }); }).join();
     EXPECT_EQ(calls, 1);
 }
 

@@ -129,7 +129,7 @@ TYPED_TEST_P(DeviceRegistryTest, CreateFindAndLastReleaseMayRace) {
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_GT(made, 4);
+    EXPECT_GT(made, 1);
 }
 
 REGISTER_TYPED_TEST_SUITE_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives,

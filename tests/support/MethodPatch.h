@@ -37,6 +37,7 @@ constexpr std::size_t kDevice11CreateDepthStencilState = 21;
 constexpr std::size_t kDevice11CreateRasterizerState = 22;
 constexpr std::size_t kDevice11CreateSamplerState = 23;
 constexpr std::size_t kDevice11CheckFormatSupport = 29;
+constexpr std::size_t kDevice11GetCreationFlags = 38;
 constexpr std::size_t kDevice11GetDeviceRemovedReason = 39;
 constexpr std::size_t kDevice11OpenSharedFence = 67;
 constexpr std::size_t kDeviceCreateCommandAllocator = 9;

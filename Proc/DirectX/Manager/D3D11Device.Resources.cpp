@@ -36,10 +36,13 @@ CComPtr<ID3D11Texture2D> D11Device::CreateTexture2D(const D3D11_TEXTURE2D_DESC& 
     return texture;
 }
 
+// A null resource is refused here as Windows refuses it; elsewhere the call would end the process.
 CComPtr<ID3D11ShaderResourceView> D11Device::CreateShaderResourceView(ID3D11Resource* resource) {
     CComPtr<ID3D11ShaderResourceView> view;
-    ThrowIfFailed<DirectX11Exception>(m_device->CreateShaderResourceView(resource, nullptr, &view),
-                                      "Failed to create shader resource view", m_device);
+    const long result = resource != nullptr
+                            ? m_device->CreateShaderResourceView(resource, nullptr, &view)
+                            : E_INVALIDARG;
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to create shader resource view", m_device);
     return view;
 }
 
@@ -47,8 +50,10 @@ CComPtr<ID3D11ShaderResourceView>
 D11Device::CreateShaderResourceView(ID3D11Resource* resource,
                                     const D3D11_SHADER_RESOURCE_VIEW_DESC& desc) {
     CComPtr<ID3D11ShaderResourceView> view;
-    ThrowIfFailed<DirectX11Exception>(m_device->CreateShaderResourceView(resource, &desc, &view),
-                                      "Failed to create shader resource view", m_device);
+    const long result = resource != nullptr
+                            ? m_device->CreateShaderResourceView(resource, &desc, &view)
+                            : E_INVALIDARG;
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to create shader resource view", m_device);
     return view;
 }
 
@@ -56,8 +61,10 @@ CComPtr<ID3D11RenderTargetView>
 D11Device::CreateRenderTargetView(ID3D11Resource* resource,
                                   const D3D11_RENDER_TARGET_VIEW_DESC& desc) {
     CComPtr<ID3D11RenderTargetView> view;
-    ThrowIfFailed<DirectX11Exception>(m_device->CreateRenderTargetView(resource, &desc, &view),
-                                      "Failed to create render target view", m_device);
+    const long result = resource != nullptr
+                            ? m_device->CreateRenderTargetView(resource, &desc, &view)
+                            : E_INVALIDARG;
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to create render target view", m_device);
     return view;
 }
 
@@ -65,8 +72,10 @@ CComPtr<ID3D11DepthStencilView>
 D11Device::CreateDepthStencilView(ID3D11Resource* resource,
                                   const D3D11_DEPTH_STENCIL_VIEW_DESC& desc) {
     CComPtr<ID3D11DepthStencilView> view;
-    ThrowIfFailed<DirectX11Exception>(m_device->CreateDepthStencilView(resource, &desc, &view),
-                                      "Failed to create depth stencil view", m_device);
+    const long result = resource != nullptr
+                            ? m_device->CreateDepthStencilView(resource, &desc, &view)
+                            : E_INVALIDARG;
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to create depth stencil view", m_device);
     return view;
 }
 
@@ -95,6 +104,7 @@ CComPtr<ID3D11SamplerState> D11Device::CreateSamplerState(const D3D11_SAMPLER_DE
 CComPtr<ID3D11InputLayout>
 D11Device::CreateInputLayout(const std::vector<D3D11_INPUT_ELEMENT_DESC>& elements,
                              const std::shared_ptr<D3ShaderBytecode>& bytecode) {
+    ThrowUnless<DirectX11Exception>(bytecode != nullptr, "Shader bytecode is null");
     CComPtr<ID3D11InputLayout> layout;
     ID3D10Blob* const blob = bytecode->GetBuffer();
     ThrowIfFailed<DirectX11Exception>(

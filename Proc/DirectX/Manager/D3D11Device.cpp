@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <mutex>
 #include <unordered_set>
 #include <utility>
 
@@ -61,13 +62,17 @@ long CreateRawDevice(IDXGIAdapter* adapter, RawDevice& raw) {
     return result;
 }
 
+bool IsForOneThread(ID3D11Device* device) {
+    return (device->GetCreationFlags() & D3D11_CREATE_DEVICE_SINGLETHREADED) != 0;
+}
+
 } // namespace
 
 boost::intrusive_ptr<D11Device> D11Device::FindUsable(const LUID& luid) {
     const auto& devices = GetRegistry().devices;
     const auto found = std::ranges::find_if(devices, [&luid](D11Device* device) {
-        return device->GetDeviceRemovedReason() == S_OK &&
-               IsSameLuid(device->GetAdapterLuid(), luid);
+        return IsSameLuid(device->GetAdapterLuid(), luid) && !IsForOneThread(device->Get()) &&
+               device->GetDeviceRemovedReason() == S_OK;
     });
     return found != devices.end() ? boost::intrusive_ptr<D11Device>(*found) : nullptr;
 }
@@ -114,13 +119,25 @@ boost::intrusive_ptr<D11Device> D11Device::Find(ID3D11Device* device) {
     return found != devices.end() ? boost::intrusive_ptr<D11Device>(*found) : nullptr;
 }
 
-// The registry lock is held.
+// The registry lock is held. Another wrapper of the device has the context and the lock already.
 D11Device::D11Device(const CComPtr<ID3D11Device>& device,
                      const CComPtr<ID3D11DeviceContext>& context,
                      std::shared_ptr<const AdapterDescription> description,
                      D3D_FEATURE_LEVEL featureLevel)
     : D3Device(std::move(description), featureLevel),
       m_device(device) {
+    auto& devices = GetRegistry().devices;
+    const auto other = std::ranges::find(devices, m_device.p, &D11Device::Get);
+    if (other != devices.end()) {
+        m_device5 = (*other)->m_device5;
+        m_context = (*other)->m_context;
+    } else {
+        MakeContext(context);
+    }
+    devices.insert(this);
+}
+
+void D11Device::MakeContext(const CComPtr<ID3D11DeviceContext>& context) {
     CComPtr<ID3D11DeviceContext4> context4;
     m_device->QueryInterface(__uuidof(ID3D11Device5), reinterpret_cast<void**>(&m_device5));
     context->QueryInterface(__uuidof(ID3D11DeviceContext4), reinterpret_cast<void**>(&context4));
@@ -129,7 +146,6 @@ D11Device::D11Device(const CComPtr<ID3D11Device>& device,
         context4.Release();
     }
     m_context.reset(new D11DeviceContext(context, context4));
-    GetRegistry().devices.insert(this);
 }
 
 // The registry lock is held, by Release.
@@ -140,7 +156,14 @@ D11Device::~D11Device() {
 // Under the lock that Create and Find take, so that they never hand out a device whose count has
 // reached zero.
 std::uint32_t D11Device::Release() {
+    // Go after the lock: with them go objects that the host stored in them, which may call us.
+    CComPtr<ID3D11Device> device;
+    boost::intrusive_ptr<D11DeviceContext> context;
     const std::lock_guard guard(GetRegistry().lock);
+    if (GetRefCount() == 1) { // the last, since nobody else could add one
+        device = m_device;
+        context = m_context;
+    }
     return D3Device::Release();
 }
 
@@ -163,8 +186,9 @@ D11Device::CheckFormatSupport(DXGI_FORMAT format) const {
 
 void D11Device::Encode(
     const std::function<void(const boost::intrusive_ptr<D11DeviceContext>&)>& function) {
-    const std::lock_guard guard(m_encodeLock);
-    function(m_context);
+    const auto context = m_context; // the function may drop the device, which holds it
+    const std::lock_guard guard(context->m_encodeLock);
+    function(context);
 }
 
 CComPtr<IDXGISwapChain> D11Device::CreateSwapChainForHwnd(HWND window,
@@ -179,7 +203,11 @@ CComPtr<IDXGISwapChain> D11Device::CreateSwapChainForHwnd(HWND window,
             "Failed to get DXGI device", m_device);
         factory = DXGIFactory::GetFromDevice(dxgiDevice);
     }
-    return factory->CreateSwapChainForHwnd(m_device, window, desc);
+    CComPtr<IDXGISwapChain> swapChain;
+    Encode([&](const auto&) { // DXGI uses the immediate context
+        swapChain = factory->CreateSwapChainForHwnd(m_device, window, desc);
+    });
+    return swapChain;
 }
 
 } // namespace Norvex::DX

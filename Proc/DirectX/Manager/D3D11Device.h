@@ -2,11 +2,11 @@
 
 // The library's handle on one Direct3D 11 device, root of the Direct3D 11 side. Create finds or
 // makes the one device of an adapter; Attach wraps a device of the host's. Work on the immediate
-// context goes through Encode. Any thread may call any operation. Throws DirectX11Exception. Next:
-// D3D11DeviceContext.h, D3D11Resource.h.
+// context goes through Encode. Any thread may call any operation, but for a device that the host
+// made for one thread (see Attach). Throws DirectX11Exception. Next: D3D11DeviceContext.h,
+// D3D11Resource.h.
 
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -33,9 +33,11 @@ public:
     // On adapter 0. Also throws what DXGIFactory throws.
     static boost::intrusive_ptr<D11Device> CreatePrimary();
     // Wraps a device that the host made, and keeps it alive. Always a new wrapper: ask Find first
-    // to reuse one. Create may answer it from then on. The host uses its immediate context only
-    // while no Encode runs. "DirectX 11 device is null", "Failed to get DXGI device", "Failed to
-    // get DXGI adapter".
+    // to reuse one; the wrappers of one device share context and lock. Create may answer it from
+    // then on. The host uses its immediate context only while no Encode runs. A device made with
+    // D3D11_CREATE_DEVICE_SINGLETHREADED stays one thread's, with all that is made from the
+    // wrapper, and Create never answers it. "DirectX 11 device is null", "Failed to get DXGI
+    // device", "Failed to get DXGI adapter", and what DXGIAdapter throws.
     static boost::intrusive_ptr<D11Device> Attach(ID3D11Device* device);
     // A live wrapper of the raw device, removed or not; null when there is none.
     static boost::intrusive_ptr<D11Device> Find(ID3D11Device* device);
@@ -54,13 +56,15 @@ public:
     // Empty when the device does not know the format.
     std::optional<bitflags<D3D11_FORMAT_SUPPORT>> CheckFormatSupport(DXGI_FORMAT format) const;
 
-    // Calls the function with the immediate context, on this thread, while no other Encode of this
-    // wrapper runs. Not from within the function itself: the lock is not recursive. An empty
-    // function throws std::bad_function_call; what the function throws passes.
+    // Calls the function with the immediate context, on this thread, while no other thread's Encode
+    // of the device runs, nor a DXGISwapChain presents (for at most a vertical blank; who cannot
+    // wait that long takes a device of its own). The function may call Encode again, and may drop
+    // the device. An empty function throws std::bad_function_call; what the function throws passes.
     void Encode(const std::function<void(const boost::intrusive_ptr<D11DeviceContext>&)>& function);
 
-    // See DXGIFactory::CreateSwapChainForHwnd. Before Windows 10 the factory must be the one that
-    // made the device: "Failed to get DXGI device".
+    // See DXGIFactory::CreateSwapChainForHwnd; present and resize inside Encode, since DXGI uses
+    // the immediate context. Before Windows 10 the factory must be the one that made the device:
+    // "Failed to get DXGI device".
     CComPtr<IDXGISwapChain> CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc);
 
     // Each answers a new object. "Failed to create ID3D11Buffer: byteWidth = " and the size;
@@ -83,7 +87,7 @@ public:
     CComPtr<ID3D11RasterizerState> CreateRasterizerState(const D3D11_RASTERIZER_DESC& desc);
     CComPtr<ID3D11DepthStencilState> CreateDepthStencilState(const D3D11_DEPTH_STENCIL_DESC& desc);
     CComPtr<ID3D11SamplerState> CreateSamplerState(const D3D11_SAMPLER_DESC& desc);
-    // For the input of the vertex shader with this bytecode.
+    // For the input of the vertex shader with this bytecode. "Shader bytecode is null".
     CComPtr<ID3D11InputLayout>
     CreateInputLayout(const std::vector<D3D11_INPUT_ELEMENT_DESC>& elements,
                       const std::shared_ptr<D3ShaderBytecode>& bytecode);
@@ -96,11 +100,11 @@ private:
               D3D_FEATURE_LEVEL featureLevel);
 
     static boost::intrusive_ptr<D11Device> FindUsable(const LUID& luid);
+    void MakeContext(const CComPtr<ID3D11DeviceContext>& context);
 
     CComPtr<ID3D11Device> m_device;
     CComPtr<ID3D11Device5> m_device5;
     boost::intrusive_ptr<D11DeviceContext> m_context;
-    std::mutex m_encodeLock;
 };
 
 } // namespace Norvex::DX

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -93,6 +94,7 @@ private:
 
     CComPtr<ID3D11DeviceContext> m_context;
     CComPtr<ID3D11DeviceContext4> m_context4; // null where fences are not supported
+    std::recursive_mutex m_encodeLock;        // held while a D11Device::Encode runs
 };
 
 } // namespace Norvex::DX
