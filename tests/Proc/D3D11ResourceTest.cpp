@@ -3,7 +3,12 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <semaphore>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -24,6 +29,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr auto kRgba8 = DXGI_FORMAT_R8G8B8A8_UNORM;
+constexpr UINT kDrawAndRead = D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET;
 
 class D3D11ResourceTest : public Device11Test {
 protected:
@@ -34,35 +40,27 @@ protected:
 };
 
 TEST_F(D3D11ResourceTest, TexturesAddTheirBindFlagAndDieWithTheirWrapper) {
-    constexpr UINT kBoth = D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET;
+    const auto check = [](auto texture) {
+        D3D11_TEXTURE2D_DESC made = {};
+        texture->GetDesc(&made);
+        EXPECT_EQ(made.BindFlags, kDrawAndRead);
+        EXPECT_EQ(texture->GetSize(), (Size2DT<long>{20, 10}));
+        const LifeProbe probe(texture->GetTexture());
+        texture.reset();
+        EXPECT_FALSE(probe.IsAlive());
+    };
     D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(20, 10, kRgba8);
-    D3D11_TEXTURE2D_DESC made = {};
-    desc.MipLevels = 2;
     desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
-    auto render = D11RenderTexture2D::Create(s_device, desc);
-    render->GetDesc(&made);
-    EXPECT_EQ(made.BindFlags, kBoth);
-    EXPECT_EQ(render->GetSize(), (Size2DT<long>{20, 10}));
-    EXPECT_EQ(render->GetRect(), (Rect2DT<long>{0, 0, 20, 10}));
+    check(D11RenderTexture2D::Create(s_device, desc));
     desc.BindFlags = D3D11_BIND_RENDER_TARGET;
-    auto shader = D11ShaderTexture2D::Create(s_device, desc, nullptr);
-    shader->GetDesc(&made);
-    EXPECT_EQ(made.BindFlags, kBoth);
-    EXPECT_EQ(shader->GetSize(), (Size2DT<long>{20, 10}));
-    D3D11_SHADER_RESOURCE_VIEW_DESC view = {};
-    shader->GetView()->GetDesc(&view);
-    EXPECT_EQ(view.Texture2D.MipLevels, 1u);
-
-    const LifeProbe renderProbe(render->GetTexture());
-    const LifeProbe shaderProbe(shader->GetTexture());
-    render.reset();
-    shader.reset();
-    EXPECT_FALSE(renderProbe.IsAlive() || shaderProbe.IsAlive());
+    check(D11ShaderTexture2D::Create(s_device, desc, nullptr));
+    EXPECT_EQ(D11RenderTexture2D::Create(s_device, desc)->GetRect(), (Rect2DT<long>{0, 0, 20, 10}));
 }
 
 TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
     D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, DXGI_FORMAT_R8G8B8A8_TYPELESS);
-    desc.BindFlags = D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET;
+    desc.BindFlags = kDrawAndRead;
+    desc.MipLevels = 2;
     const auto texture = s_device->CreateTexture2D(desc, nullptr);
     D3D11_RENDER_TARGET_VIEW_DESC renderView = {};
     D11RenderTexture2D(texture, DXGI_FORMAT_R8G8B8A8_UNORM_SRGB).GetViewDesc(&renderView);
@@ -70,6 +68,7 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
     D3D11_SHADER_RESOURCE_VIEW_DESC shaderView = {};
     D11ShaderTexture2D(texture, kRgba8).GetView()->GetDesc(&shaderView);
     EXPECT_EQ(shaderView.Format, kRgba8);
+    EXPECT_EQ(shaderView.Texture2D.MipLevels, 1u);
 
     const FailingMethod<Slot::kDevice11CreateRenderTargetView> noRender(Raw(), E_ACCESSDENIED);
     const FailingMethod<Slot::kDevice11CreateShaderResourceView> noShader(Raw(), E_ACCESSDENIED);
@@ -82,28 +81,23 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
                     E_ACCESSDENIED);
 }
 
-struct FakeKeyedMutex : FakeObject {
-    FakeKeyedMutex() {
-        Set(Slot::kKeyedMutexAcquireSync, [](FakeKeyedMutex* self, UINT64 key, DWORD time) {
-            self->acquired = {key, time};
-            return self->answer;
-        });
-        Set(Slot::kKeyedMutexReleaseSync, [](FakeKeyedMutex* self, UINT64 key) {
-            self->released = key;
-            return self->answer;
-        });
-    }
-
-    HRESULT answer = S_OK;
-    std::pair<UINT64, DWORD> acquired;
-    UINT64 released = 0;
-};
-
-struct FakeSharedResource : FakeObject {
-    FakeSharedResource() {
-        Set(Slot::kResource1CreateSharedHandle,
-            [](FakeSharedResource* self, const SECURITY_ATTRIBUTES*, DWORD asked, LPCWSTR,
-               HANDLE* handle) {
+// What sharing adds to a texture, which this system lacks: a keyed mutex and a handle.
+struct FakeSharing : FakeObject {
+    FakeSharing() {
+        Set(
+            Slot::kKeyedMutexAcquireSync, [](FakeSharing* self, UINT64 key, DWORD time) {
+                self->acquired = {key, time};
+                self->isAcquired.release();
+                return self->answer;
+            });
+        Set(
+            Slot::kKeyedMutexReleaseSync, [](FakeSharing* self, UINT64 key) {
+                self->released = key;
+                return self->answer;
+            });
+        Set(
+            Slot::kResource1CreateSharedHandle, [](FakeSharing* self, const SECURITY_ATTRIBUTES*,
+                                                    DWORD asked, LPCWSTR, HANDLE* handle) {
                 self->access = asked;
                 *handle = self;
                 return self->answer;
@@ -111,6 +105,9 @@ struct FakeSharedResource : FakeObject {
     }
 
     HRESULT answer = S_OK;
+    std::pair<UINT64, DWORD> acquired;
+    std::counting_semaphore<> isAcquired{0};
+    std::atomic<UINT64> released = 0;
     DWORD access = 0;
 };
 
@@ -136,7 +133,7 @@ TEST_F(D3D11ResourceTest, SharedTexturesNeedLevel11_1AndAKeyedMutex) {
                         "Failed to get texture key mutex", "GetKeyedMutex", E_NOINTERFACE);
         EXPECT_THAT(miscFlags, ElementsAre(0x900u));
     }
-    FakeKeyedMutex mutex;
+    FakeSharing mutex;
     const InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex> patch(texture, &mutex);
     EXPECT_EQ(D11SharedTexture2D::Create(s_device, desc)->GetSize(), (Size2DT<long>{20, 10}));
     EXPECT_EQ(mutex.GetReferences(), 0);
@@ -144,57 +141,119 @@ TEST_F(D3D11ResourceTest, SharedTexturesNeedLevel11_1AndAKeyedMutex) {
 
 TEST_F(D3D11ResourceTest, ASharedTexturePassesKeyTimeAndAccess) {
     const auto texture = s_device->CreateTexture2D(MakeTextureDesc11(8, 8, kRgba8), nullptr);
-    FakeKeyedMutex mutex;
+    FakeSharing sharing;
     const auto shared = [&] {
-        const InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex> patch(texture, &mutex);
+        const InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex> patch(texture, &sharing);
         return boost::intrusive_ptr(new D11SharedTexture2D(texture));
     }();
     const auto acquire = [&] { shared->AcquireSync(7, 250); };
+    const auto release = [&] { shared->ReleaseSync(8); };
+    const auto share = [&] { EXPECT_NE(shared->CreateSharedHandle(9), nullptr); };
     for (const HRESULT answer : {HRESULT{S_OK}, HRESULT{WAIT_TIMEOUT}, HRESULT{WAIT_ABANDONED}}) {
-        mutex.answer = answer;
+        sharing.answer = answer;
         EXPECT_EQ(SentenceOf(acquire), "(nothing)");
+        sharing.isAcquired.acquire();
     }
-    EXPECT_EQ(mutex.acquired, std::pair(UINT64{7}, DWORD{250}));
-    shared->ReleaseSync(8);
-    EXPECT_EQ(mutex.released, 8u);
-    mutex.answer = E_ACCESSDENIED;
-    ExpectFailure11(acquire, "Failed to acquire texture key mutex", "AcquireSync", E_ACCESSDENIED);
-    ExpectFailure11([&] { shared->ReleaseSync(0); }, "Failed to release texture key mutex",
-                    "ReleaseSync", E_ACCESSDENIED);
-
-    const auto share = [&] { EXPECT_NE(shared->CreateSharedHandle(7), nullptr); };
+    EXPECT_EQ(sharing.acquired, std::pair(UINT64{7}, DWORD{250}));
+    std::jthread other;
+    Encode([&](D11DeviceContext&) {
+        other = std::jthread([&] {
+            acquire();
+            release();
+        });
+        sharing.isAcquired.acquire(); // without a turn on the context
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_EQ(sharing.released, 0u) << "the context was used by two threads";
+        shared->ReleaseSync(1);
+        EXPECT_EQ(sharing.released, 1u);
+    });
+    other.join();
+    EXPECT_EQ(sharing.released, 8u);
     {
         const InterfacePatch<ID3D11Texture2D, IDXGIResource1> none(texture, nullptr);
         ExpectFailure11(share, "Failed to query interface", "CreateSharedHandle", E_NOINTERFACE);
     }
-    FakeSharedResource resource;
-    const InterfacePatch<ID3D11Texture2D, IDXGIResource1> patch(texture, &resource);
+    const InterfacePatch<ID3D11Texture2D, IDXGIResource1> patch(texture, &sharing);
     share();
-    EXPECT_EQ(resource.access, 7u);
-    resource.answer = E_ACCESSDENIED;
+    EXPECT_EQ(sharing.access, 9u);
+    sharing.answer = E_ACCESSDENIED;
+    ExpectFailure11(acquire, "Failed to acquire texture key mutex", "AcquireSync", E_ACCESSDENIED);
+    ExpectFailure11(release, "Failed to release texture key mutex", "ReleaseSync", E_ACCESSDENIED);
     ExpectFailure11(share, "Failed to create shared handle", "CreateSharedHandle", E_ACCESSDENIED);
 }
 
 TEST_F(D3D11ResourceTest, BuffersAreAsLargeAsTheirContents) {
-    const std::vector<std::uint8_t> bytes(60);
-    const auto vertices = D11VertexBuffer::Create(s_device, bytes.data(), 20, 3);
-    EXPECT_EQ(vertices->GetStride(), 20u);
-    EXPECT_EQ(vertices->GetCount(), 3u);
-    const auto indices16 = D11IndexBuffer::Create(s_device, std::vector<std::uint16_t>(6));
-    EXPECT_EQ(indices16->GetFormat(), DXGI_FORMAT_R16_UINT);
-    EXPECT_EQ(indices16->GetCount(), 6u);
-    const auto indices32 = D11IndexBuffer::Create(s_device, std::vector<std::uint32_t>(6));
-    EXPECT_EQ(indices32->GetFormat(), DXGI_FORMAT_R32_UINT);
-    EXPECT_EQ(indices32->GetCount(), 6u);
-    const std::tuple<ID3D11Buffer*, UINT, UINT> cases[] = {
-        {vertices->GetBuffer(), 60, D3D11_BIND_VERTEX_BUFFER},
-        {indices16->GetBuffer(), 12, D3D11_BIND_INDEX_BUFFER},
-        {indices32->GetBuffer(), 24, D3D11_BIND_INDEX_BUFFER}};
-    for (const auto& [buffer, size, bindFlags] : cases) {
+    const auto check = [](const auto& made, UINT size, UINT bindFlags, UINT count) {
         D3D11_BUFFER_DESC desc = {};
-        buffer->GetDesc(&desc);
+        made->GetBuffer()->GetDesc(&desc);
         const D3D11_BUFFER_DESC expected = {size, D3D11_USAGE_DEFAULT, bindFlags, 0, 0, 0};
         EXPECT_EQ(std::memcmp(&desc, &expected, sizeof(desc)), 0) << size;
+        EXPECT_EQ(made->GetCount(), count);
+        return made;
+    };
+    const std::vector<std::uint8_t> bytes(60);
+    const std::vector<std::uint16_t> narrow(6);
+    const std::vector<std::uint32_t> wide(6);
+    EXPECT_EQ(check(D11VertexBuffer::Create(s_device, bytes.data(), 20, 3), 60,
+                    D3D11_BIND_VERTEX_BUFFER, 3)
+                  ->GetStride(),
+              20u);
+    EXPECT_EQ(check(D11IndexBuffer::Create(s_device, narrow), 12, D3D11_BIND_INDEX_BUFFER, 6)
+                  ->GetFormat(),
+              DXGI_FORMAT_R16_UINT);
+    EXPECT_EQ(
+        check(D11IndexBuffer::Create(s_device, wide), 24, D3D11_BIND_INDEX_BUFFER, 6)->GetFormat(),
+        DXGI_FORMAT_R32_UINT);
+    const auto refuse = [&](const char* size, const void* data, UINT stride, UINT count) {
+        ExpectFailure11([&] { D11VertexBuffer::Create(s_device, data, stride, count); },
+                        std::string("Failed to create ID3D11Buffer: byteWidth = ") + size, "Create",
+                        E_INVALIDARG);
+    };
+    refuse("4295032832", bytes.data(), 65536, 65537); // 65536 in 32 bits
+    refuse("0", bytes.data(), 20, 0);
+    refuse("60", nullptr, 20, 3);
+    ExpectFailure11([&] { D11IndexBuffer::Create(s_device, std::vector<std::uint32_t>()); },
+                    "Failed to create ID3D11Buffer: byteWidth = 0", "Create", E_INVALIDARG);
+}
+
+TEST_F(D3D11ResourceTest, NullIsRefusedByName) {
+    const auto texture = s_device->CreateTexture2D(MakeTextureDesc11(8, 8, kRgba8), nullptr);
+    const D3D11_TEXTURE2D_DESC desc = {};
+    const boost::intrusive_ptr<D11Device> none;
+    const auto on = [](auto operation) {
+        return [operation] { Encode([&](D11DeviceContext& context) { operation(context); }); };
+    };
+    constexpr auto kDevice = "DirectX 11 device is null";
+    const std::tuple<const char*, const char*, std::function<void()>> cases[] = {
+        {"Resource is null", "Map", on([](auto& c) { c.Map(nullptr, 0, D3D11_MAP_READ, {}); })},
+        {"Resource is null", "Unmap", on([](auto& c) { c.Unmap(nullptr, 0); })},
+        {"Resource is null", "CopyResource",
+         on([=](auto& c) { c.CopyResource(texture, nullptr); })},
+        {"Resource is null", "CopyResource",
+         on([=](auto& c) { c.CopyResource(nullptr, texture); })},
+        {"Resource is null", "UpdateSubresource",
+         on([](auto& c) { c.UpdateSubresource(nullptr, 0, nullptr, "", 1, 1); })},
+        {"Invalid upload data", "UpdateSubresource",
+         on([=](auto& c) { c.UpdateSubresource(texture, 0, nullptr, nullptr, 1, 1); })},
+        {"View is null", "ClearDepthStencilView",
+         on([](auto& c) { c.ClearDepthStencilView(nullptr, D3D11_CLEAR_DEPTH, 0, 0); })},
+        {"View is null", "ClearRenderTargetView",
+         on([](auto& c) { c.ClearRenderTargetView(nullptr, {}); })},
+        {"Vertex buffer is null", "Draw", on([](auto& c) { c.Draw(nullptr); })},
+        {"Index buffer is null", "DrawIndexed", on([](auto& c) { c.DrawIndexed(nullptr); })},
+        {"Shader bytecode is null", "CreateInputLayout",
+         [] { s_device->CreateInputLayout({}, nullptr); }},
+        {kDevice, "Create", [&] { D11RenderTexture2D::Create(none, desc); }},
+        {kDevice, "Create", [&] { D11ShaderTexture2D::Create(none, desc, nullptr); }},
+        {kDevice, "Create", [&] { D11SharedTexture2D::Create(none, desc); }},
+        {kDevice, "Create", [&] { D11VertexBuffer::Create(none, "", 1, 1); }},
+        {kDevice, "Create", [&] { D11IndexBuffer::Create(none, std::vector<std::uint16_t>(3)); }},
+        {"Texture is null", "D11RenderTexture2D", [] { D11RenderTexture2D(nullptr, {}); }},
+        {"Texture is null", "D11ShaderTexture2D", [] { D11ShaderTexture2D(nullptr, {}); }},
+        {"Texture is null", "D11SharedTexture2D", [] { D11SharedTexture2D{nullptr}; }},
+    };
+    for (const auto& [sentence, function, call] : cases) {
+        ExpectFailure11(call, sentence, function);
     }
 }
 
@@ -218,55 +277,138 @@ TEST_F(D3D11ResourceTest, MapPassesItsFlagsAndThrows) {
     });
 }
 
-TEST_F(D3D11ResourceTest, IndicesOfBothSizesDraw) {
+// What the device was asked for, by what it made.
+TEST_F(D3D11ResourceTest, ViewsAreOfTheirResourceAndDescription) {
+    D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, kRgba8);
+    desc.ArraySize = 3;
+    desc.BindFlags = kDrawAndRead;
+    const auto texture = s_device->CreateTexture2D(desc, nullptr);
+    desc.Format = DXGI_FORMAT_D24_UNORM_S8_UINT;
+    desc.BindFlags = D3D11_BIND_DEPTH_STENCIL;
+    const auto depth = s_device->CreateTexture2D(desc, nullptr);
+    const auto check = [](auto view, auto made, ID3D11Resource* resource, UINT slice, UINT count) {
+        CComPtr<ID3D11Resource> of;
+        view->GetResource(&of);
+        EXPECT_TRUE(of.IsEqualObject(resource));
+        view->GetDesc(&made);
+        EXPECT_EQ(made.Texture2DArray.FirstArraySlice, slice);
+        EXPECT_EQ(made.Texture2DArray.ArraySize, count);
+    };
+    D3D11_SHADER_RESOURCE_VIEW_DESC shader = {kRgba8, D3D11_SRV_DIMENSION_TEXTURE2DARRAY, {}};
+    shader.Texture2DArray = {0, 1, 1, 2};
+    check(s_device->CreateShaderResourceView(texture), shader, texture, 0, 3);
+    check(s_device->CreateShaderResourceView(texture, shader), shader, texture, 1, 2);
+    D3D11_RENDER_TARGET_VIEW_DESC target = {kRgba8, D3D11_RTV_DIMENSION_TEXTURE2DARRAY, {}};
+    target.Texture2DArray = {0, 1, 2};
+    check(s_device->CreateRenderTargetView(texture, target), target, texture, 1, 2);
+    D3D11_DEPTH_STENCIL_VIEW_DESC stencil = {
+        desc.Format, D3D11_DSV_DIMENSION_TEXTURE2DARRAY, 0, {}};
+    stencil.Texture2DArray = {0, 2, 1};
+    check(s_device->CreateDepthStencilView(depth, stencil), stencil, depth, 2, 1);
+}
+
+// A square whose depth grows from left to right, over a depth of one half and a stencil of 3.
+TEST_F(D3D11ResourceTest, IndicesDepthAndStencilChooseWhatIsDrawn) {
     constexpr auto kSource = "struct V { float4 p : SV_POSITION; float4 c : COLOR; };\n"
-                             "V VsMain(float2 p : POSITION, float4 c : COLOR) {\n"
-                             "    V v; v.p = float4(p, 0, 1); v.c = c; return v;\n"
+                             "V VsMain(float3 p : POSITION, float4 c : COLOR) {\n"
+                             "    V v; v.p = float4(p, 1); v.c = c; return v;\n"
                              "}\n"
                              "float4 PsMain(V v) : SV_TARGET { return v.c; }\n";
     const auto vertexShader = std::make_shared<D11VertexShader>(s_device, "VsMain", kSource);
     const auto pixelShader = std::make_shared<D11PixelShader>(s_device, "PsMain", kSource);
     const auto layout = s_device->CreateInputLayout(
-        {{"POSITION", 0, DXGI_FORMAT_R32G32_FLOAT, 0, 0, D3D11_INPUT_PER_VERTEX_DATA, 0},
+        {{"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D11_INPUT_PER_VERTEX_DATA, 0},
          {"COLOR", 0, DXGI_FORMAT_R32G32B32A32_FLOAT, 1, 0, D3D11_INPUT_PER_VERTEX_DATA, 0}},
         vertexShader);
-    const float corners[][2] = {{-1, -1}, {-1, 1}, {1, -1}, {1, 1}};
+    const float corners[][3] = {{-1, -1, 0}, {-1, 1, 0}, {1, -1, 1}, {1, 1, 1}};
     const std::vector<std::array<float, 4>> orange(4, {1, 0.2F, 0, 1});
     const auto places = D11VertexBuffer::Create(s_device, corners, sizeof(corners[0]), 4);
     const auto colors = D11VertexBuffer::Create(s_device, orange.data(), sizeof(orange[0]), 4);
+    D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, DXGI_FORMAT_D24_UNORM_S8_UINT);
+    desc.BindFlags = D3D11_BIND_DEPTH_STENCIL;
+    const auto depthView =
+        s_device->CreateDepthStencilView(s_device->CreateTexture2D(desc, nullptr),
+                                         {desc.Format, D3D11_DSV_DIMENSION_TEXTURE2D, 0, {}});
+    CD3D11_DEPTH_STENCIL_DESC stateDesc(D3D11_DEFAULT);
+    stateDesc.StencilEnable = TRUE;
+    stateDesc.FrontFace.StencilFunc = stateDesc.BackFace.StencilFunc = D3D11_COMPARISON_EQUAL;
+    const auto state = s_device->CreateDepthStencilState(stateDesc);
     Canvas11 canvas(s_device);
-    for (const auto& indices :
-         {D11IndexBuffer::Create(s_device, std::vector<std::uint16_t>{0, 1, 2, 2, 1, 3}),
-          D11IndexBuffer::Create(s_device, std::vector<std::uint32_t>{0, 1, 2, 2, 1, 3})}) {
+    const auto narrow =
+        D11IndexBuffer::Create(s_device, std::vector<std::uint16_t>{0, 1, 2, 2, 1, 3});
+    const auto wide =
+        D11IndexBuffer::Create(s_device, std::vector<std::uint32_t>{0, 1, 2, 2, 1, 3});
+    const std::tuple<boost::intrusive_ptr<D11IndexBuffer>, UINT, bool> cases[] = {
+        {narrow, 3, true}, {wide, 3, true}, {wide, 2, false}};
+    for (const auto& [indices, stencilRef, isDrawn] : cases) {
         const auto target = canvas.MakeTarget(8, 8, kRgba8);
         Encode([&](D11DeviceContext& context) {
             context.ClearState();
-            context.OMSetRenderTargets({target->GetView()}, nullptr);
+            context.ClearDepthStencilView(
+                depthView, D3D11_CLEAR_FLAG(D3D11_CLEAR_DEPTH | D3D11_CLEAR_STENCIL), 0.5F, 3);
+            context.OMSetRenderTargets({target->GetView()}, depthView);
+            context.OMSetDepthStencilState(state, stencilRef);
             context.RSSetViewports({{0, 0, 8, 8, 0, 1}});
             context.IASetInputLayout(layout);
             context.IASetPrimitiveTopology(D3D11_PRIMITIVE_TOPOLOGY_TRIANGLELIST);
-            context.IASetVertexBuffer(colors);
             context.IASetVertexBuffers({places, colors});
             context.IASetIndexBuffer(indices);
-            context.IASetVertexBuffer(nullptr); // no slot, and so nothing else
             context.VSSetShader(vertexShader);
             context.PSSetShader(pixelShader);
             context.DrawIndexed(indices);
             context.ClearState();
         });
-        EXPECT_THAT(canvas.Read(target->GetTexture()).colors,
-                    testing::Each(Color{1.0, 0.2, 0.0, 1.0}));
+        const auto drawn = canvas.Read(target->GetTexture());
+        const Color left = isDrawn ? Color{1.0, 0.2, 0.0, 1.0} : Color{};
+        for (unsigned i = 0; i < 8; ++i) {
+            EXPECT_EQ(drawn.At(i, 7 - i), i < 4 ? left : Color{}) << i;
+        }
     }
+}
+
+TEST_F(D3D11ResourceTest, NullUnbindsAndAnEmptyVectorLeavesWhatIsBound) {
+    const auto buffer = D11VertexBuffer::Create(s_device, "abcd", 4, 1);
+    const auto indices = D11IndexBuffer::Create(s_device, std::vector<std::uint16_t>(3));
+    const auto target = Canvas11(s_device).MakeTarget(4, 4, kRgba8);
+    const auto raw = GetImmediateContext(Raw());
+    const auto bound = [&raw] {
+        CComPtr<ID3D11Buffer> buffers[3];
+        CComPtr<ID3D11RenderTargetView> view;
+        UINT numbers[2] = {};
+        DXGI_FORMAT format = {};
+        raw->IAGetVertexBuffers(0, 1, &buffers[0], &numbers[0], &numbers[1]);
+        raw->IAGetVertexBuffers(1, 1, &buffers[1], &numbers[0], &numbers[1]);
+        raw->IAGetIndexBuffer(&buffers[2], &format, &numbers[0]);
+        raw->OMGetRenderTargets(1, &view, nullptr);
+        return std::array{buffers[0] != nullptr, buffers[1] != nullptr, buffers[2] != nullptr,
+                          view != nullptr};
+    };
+    Encode([&](D11DeviceContext& context) {
+        context.IASetVertexBuffers({buffer, buffer});
+        context.IASetIndexBuffer(indices);
+        context.OMSetRenderTargets({target->GetView()}, nullptr);
+        EXPECT_THAT(bound(), ElementsAre(true, true, true, true));
+        context.IASetVertexBuffer(nullptr);
+        context.IASetVertexBuffers({});
+        context.OMSetRenderTargets({}, nullptr);
+        EXPECT_THAT(bound(), ElementsAre(false, true, true, false));
+        context.IASetVertexBuffers({buffer, nullptr});
+        context.IASetIndexBuffer(nullptr);
+        EXPECT_THAT(bound(), ElementsAre(true, false, false, false));
+        context.VSSetShader(nullptr);
+        context.PSSetShader(nullptr);
+        context.ClearState();
+    });
 }
 
 // Forwards that drawing an image does not use.
 TEST_F(D3D11ResourceTest, UpdatesAndBlendFactorsReachTheContext) {
     Canvas11 canvas(s_device);
     const auto target = canvas.MakeTarget(4, 4, kRgba8);
-    const std::uint8_t bytes[] = {255, 0, 0, 255, 0, 0, 255, 255};
+    const std::array<std::uint32_t, 5> pixels = {0xff0000ff, 0xffff0000, 0, 0xff00ff00, 0xffffffff};
     Encode([&](D11DeviceContext& context) {
-        const D3D11_BOX box = {1, 2, 0, 3, 3, 1};
-        context.UpdateSubresource(target->GetTexture(), 0, &box, bytes, sizeof(bytes), 0);
+        const D3D11_BOX box = {1, 2, 0, 3, 4, 1};
+        context.UpdateSubresource(target->GetTexture(), 0, &box, pixels.data(), 12, 0);
         context.OMSetBlendState(nullptr, {0.1F, 0.2F, 0.3F, 0.4F});
         CComPtr<ID3D11BlendState> bound;
         std::array<float, 4> factor = {};
@@ -278,6 +420,8 @@ TEST_F(D3D11ResourceTest, UpdatesAndBlendFactorsReachTheContext) {
     const auto drawn = canvas.Read(target->GetTexture());
     EXPECT_EQ(drawn.At(1, 2), (Color{1, 0, 0, 1}));
     EXPECT_EQ(drawn.At(2, 2), (Color{0, 0, 1, 1}));
+    EXPECT_EQ(drawn.At(1, 3), (Color{0, 1, 0, 1}));
+    EXPECT_EQ(drawn.At(2, 3), (Color{1, 1, 1, 1}));
     EXPECT_EQ(drawn.At(3, 2), (Color{0, 0, 0, 0}));
 }
 

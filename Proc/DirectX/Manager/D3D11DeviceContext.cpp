@@ -15,6 +15,21 @@ UINT CountOf(const std::vector<T>& items) {
     return static_cast<UINT>(items.size());
 }
 
+void RequireResource(ID3D11Resource* resource,
+                     const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(resource != nullptr, "Resource is null", location);
+}
+
+void RequireView(ID3D11View* view,
+                 const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(view != nullptr, "View is null", location);
+}
+
+void RequireEvent(const boost::intrusive_ptr<D11CompletionEvent>& event,
+                  const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(event != nullptr, "Completion event is null", location);
+}
+
 } // namespace
 
 D11DeviceContext::D11DeviceContext(const CComPtr<ID3D11DeviceContext>& context,
@@ -27,6 +42,7 @@ D11DeviceContext::~D11DeviceContext() = default;
 D3D11_MAPPED_SUBRESOURCE D11DeviceContext::Map(ID3D11Resource* resource, UINT subresource,
                                                D3D11_MAP type,
                                                const std::optional<D3D11_MAP_FLAG>& flags) {
+    RequireResource(resource);
     D3D11_MAPPED_SUBRESOURCE mapped = {};
     const UINT mapFlags = flags ? static_cast<UINT>(*flags) : 0;
     ThrowIfFailed<DirectX11Exception>(
@@ -35,26 +51,33 @@ D3D11_MAPPED_SUBRESOURCE D11DeviceContext::Map(ID3D11Resource* resource, UINT su
 }
 
 void D11DeviceContext::Unmap(ID3D11Resource* resource, UINT subresource) {
+    RequireResource(resource);
     m_context->Unmap(resource, subresource);
 }
 
 void D11DeviceContext::UpdateSubresource(ID3D11Resource* resource, UINT subresource,
                                          const D3D11_BOX* box, const void* data, UINT rowPitch,
                                          UINT depthPitch) {
+    RequireResource(resource);
+    ThrowUnless<DirectX11Exception>(data != nullptr, "Invalid upload data");
     m_context->UpdateSubresource(resource, subresource, box, data, rowPitch, depthPitch);
 }
 
 void D11DeviceContext::CopyResource(ID3D11Resource* destination, ID3D11Resource* source) {
+    RequireResource(destination);
+    RequireResource(source);
     m_context->CopyResource(destination, source);
 }
 
 void D11DeviceContext::ClearDepthStencilView(ID3D11DepthStencilView* view, D3D11_CLEAR_FLAG flags,
                                              float depth, UINT8 stencil) {
+    RequireView(view);
     m_context->ClearDepthStencilView(view, flags, depth, stencil);
 }
 
 void D11DeviceContext::ClearRenderTargetView(ID3D11RenderTargetView* view,
                                              const Proc::ColorF& color) {
+    RequireView(view);
     const std::array<float, 4> channels = {color.r, color.g, color.b, color.a};
     m_context->ClearRenderTargetView(view, channels.data());
 }
@@ -76,12 +99,8 @@ void D11DeviceContext::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology) {
 }
 
 void D11DeviceContext::IASetVertexBuffer(const boost::intrusive_ptr<D11VertexBuffer>& buffer) {
-    if (buffer == nullptr) {
-        m_context->IASetVertexBuffers(0, 0, nullptr, nullptr, nullptr);
-        return;
-    }
-    ID3D11Buffer* const raw = buffer->GetBuffer();
-    const UINT stride = buffer->GetStride();
+    ID3D11Buffer* const raw = buffer != nullptr ? buffer->GetBuffer().p : nullptr;
+    const UINT stride = buffer != nullptr ? buffer->GetStride() : 0;
     const UINT offset = 0;
     m_context->IASetVertexBuffers(0, 1, &raw, &stride, &offset);
 }
@@ -91,19 +110,23 @@ void D11DeviceContext::IASetVertexBuffers(
     std::vector<ID3D11Buffer*> raw;
     std::vector<UINT> strides;
     for (const auto& buffer : buffers) {
-        raw.push_back(buffer->GetBuffer());
-        strides.push_back(buffer->GetStride());
+        raw.push_back(buffer != nullptr ? buffer->GetBuffer().p : nullptr);
+        strides.push_back(buffer != nullptr ? buffer->GetStride() : 0);
     }
     const std::vector<UINT> offsets(buffers.size(), 0);
     m_context->IASetVertexBuffers(0, CountOf(raw), raw.data(), strides.data(), offsets.data());
 }
 
 void D11DeviceContext::IASetIndexBuffer(const boost::intrusive_ptr<D11IndexBuffer>& buffer) {
+    if (buffer == nullptr) {
+        m_context->IASetIndexBuffer(nullptr, DXGI_FORMAT_UNKNOWN, 0);
+        return;
+    }
     m_context->IASetIndexBuffer(buffer->GetBuffer(), buffer->GetFormat(), 0);
 }
 
 void D11DeviceContext::VSSetShader(const std::shared_ptr<D11VertexShader>& shader) {
-    m_context->VSSetShader(shader->GetShader(), nullptr, 0);
+    m_context->VSSetShader(shader != nullptr ? shader->GetShader().p : nullptr, nullptr, 0);
 }
 
 void D11DeviceContext::VSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers) {
@@ -111,7 +134,7 @@ void D11DeviceContext::VSSetConstantBuffers(const std::vector<ID3D11Buffer*>& bu
 }
 
 void D11DeviceContext::PSSetShader(const std::shared_ptr<D11PixelShader>& shader) {
-    m_context->PSSetShader(shader->GetShader(), nullptr, 0);
+    m_context->PSSetShader(shader != nullptr ? shader->GetShader().p : nullptr, nullptr, 0);
 }
 
 void D11DeviceContext::PSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers) {
@@ -153,24 +176,26 @@ void D11DeviceContext::OMSetRenderTargets(const std::vector<ID3D11RenderTargetVi
 }
 
 void D11DeviceContext::Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer) {
+    ThrowUnless<DirectX11Exception>(buffer != nullptr, "Vertex buffer is null");
     m_context->Draw(buffer->GetCount(), 0);
 }
 
 void D11DeviceContext::DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer) {
+    ThrowUnless<DirectX11Exception>(buffer != nullptr, "Index buffer is null");
     m_context->DrawIndexed(buffer->GetCount(), 0, 0);
 }
 
 void D11DeviceContext::Signal(const boost::intrusive_ptr<D11CompletionEvent>& event) {
     ThrowUnless<DirectX11Exception>(m_context4 != nullptr,
                                     "The device context does not support this operation");
-    ThrowIfFailed<DirectX11Exception>(
-        m_context4->Signal(event->GetFence(), event->PreIncrementValue()),
-        "Failed to signal fence");
+    RequireEvent(event);
+    ThrowIfFailed<DirectX11Exception>(event->SignalOn(*m_context4), "Failed to signal fence");
 }
 
 void D11DeviceContext::Wait(const boost::intrusive_ptr<D11CompletionEvent>& event) {
     ThrowUnless<DirectX11Exception>(m_context4 != nullptr,
                                     "The device context does not support this operation");
+    RequireEvent(event);
     ThrowIfFailed<DirectX11Exception>(m_context4->Wait(event->GetFence(), event->GetValue()),
                                       "Failed to wait for fence");
 }

@@ -1,9 +1,10 @@
 #pragma once
 
-// The immediate context of a D11Device: what Encode hands out to record with. Mirrors the calls of
-// ID3D11DeviceContext; binders bind from slot 0 on, an empty vector binds nothing. It keeps nothing
-// alive beyond what Direct3D does. One thread at a time, inside D11Device::Encode. Only Map, Signal
-// and Wait throw, DirectX11Exception. Next: D3D11Resource.h.
+// The immediate context of a Direct3D 11 device: what D11Device::Encode hands out to record with,
+// to be used inside Encode alone. Mirrors the calls of ID3D11DeviceContext, and keeps nothing alive
+// beyond what Direct3D does. Throws DirectX11Exception: Map, Signal and Wait when the system fails,
+// and every operation that needs an object and gets null ("Resource is null", "View is null" ...).
+// On a removed device recording does nothing, and Map fails. Next: D3D11Resource.h.
 
 #include <array>
 #include <memory>
@@ -50,14 +51,13 @@ public:
 
     void IASetInputLayout(ID3D11InputLayout* layout);
     void IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology);
-    // Null unbinds.
-    void IASetVertexBuffer(const boost::intrusive_ptr<D11VertexBuffer>& buffer);
-    // None is null.
+    // All binders: null unbinds. Those that take a vector bind from slot 0 on, and slots after its
+    // end keep what they hold, so that an empty one changes nothing; but render targets and
+    // viewports are replaced as a whole, so that an empty one leaves none.
+    void IASetVertexBuffer(const boost::intrusive_ptr<D11VertexBuffer>& buffer); // slot 0
     void IASetVertexBuffers(const std::vector<boost::intrusive_ptr<D11VertexBuffer>>& buffers);
-    // Not null.
     void IASetIndexBuffer(const boost::intrusive_ptr<D11IndexBuffer>& buffer);
 
-    // Not null.
     void VSSetShader(const std::shared_ptr<D11VertexShader>& shader);
     void VSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers);
     void PSSetShader(const std::shared_ptr<D11PixelShader>& shader);
@@ -74,13 +74,14 @@ public:
     void OMSetRenderTargets(const std::vector<ID3D11RenderTargetView*>& targets,
                             ID3D11DepthStencilView* depthView);
 
-    // All vertices, or all indices, of a buffer that is bound.
+    // As many vertices, or indices, as the buffer has; what is drawn is what is bound.
     void Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer);
     void DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer);
 
     // Raises the event's target by one and has the GPU signal it after the work recorded so far;
     // Flush sends that work off. "The device context does not support this operation" where
-    // D11Device::IsFencesSupported is false (the target stays), "Failed to signal fence".
+    // D11Device::IsFencesSupported is false, "Failed to signal fence"; then the target stays, so
+    // that nobody waits for what is not signalled.
     void Signal(const boost::intrusive_ptr<D11CompletionEvent>& event);
     // The work recorded from now on waits on the GPU for the event's present target. The same
     // failures, "Failed to wait for fence".

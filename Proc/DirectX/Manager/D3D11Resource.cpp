@@ -1,12 +1,30 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 
+#include <limits>
+#include <utility>
+
+#include <fmt/format.h>
+
 #include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
 
 namespace {
+
+void Require(const boost::intrusive_ptr<D11Device>& device,
+             const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(device != nullptr, "DirectX 11 device is null", location);
+}
+
+const CComPtr<ID3D11Texture2D>&
+Required(const CComPtr<ID3D11Texture2D>& texture,
+         const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(texture != nullptr, "Texture is null", location);
+    return texture;
+}
 
 CComPtr<ID3D11Device> GetDevice(ID3D11DeviceChild* object) {
     CComPtr<ID3D11Device> device;
@@ -59,27 +77,38 @@ CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
     return mutex;
 }
 
-CComPtr<ID3D11Buffer> CreateFilledBuffer(D11Device& device, D3D11_BIND_FLAG bind, const void* data,
-                                         UINT sizeInBytes) {
+// Refuses what would not fit the description's 32 bits, and no data, as the system refuses it.
+CComPtr<ID3D11Buffer>
+CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, D3D11_BIND_FLAG bind,
+                   const void* data, UINT64 sizeInBytes,
+                   const std::source_location& location = std::source_location::current()) {
+    Require(device, location);
+    if (data == nullptr || sizeInBytes == 0 || sizeInBytes > std::numeric_limits<UINT>::max()) {
+        ThrowResult<DirectX11Exception>(
+            E_INVALIDARG, fmt::format("Failed to create ID3D11Buffer: byteWidth = {}", sizeInBytes),
+            device->Get(), location);
+    }
     D3D11_BUFFER_DESC desc = {};
-    desc.ByteWidth = sizeInBytes;
+    desc.ByteWidth = static_cast<UINT>(sizeInBytes);
     desc.Usage = D3D11_USAGE_DEFAULT;
     desc.BindFlags = bind;
     const D3D11_SUBRESOURCE_DATA initialData = {data, 0, 0};
-    return device.CreateBuffer(desc, &initialData);
+    return device->CreateBuffer(desc, &initialData);
 }
 
 template <class Index>
-CComPtr<ID3D11Buffer> CreateFilledBuffer(D11Device& device, const std::vector<Index>& indices) {
+CComPtr<ID3D11Buffer>
+CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
+                   const std::source_location& location = std::source_location::current()) {
     return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
-                              static_cast<UINT>(sizeof(Index) * indices.size()));
+                              UINT64{sizeof(Index)} * indices.size(), location);
 }
 
 } // namespace
 
 D11RenderTexture2D::D11RenderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                                        const std::optional<DXGI_FORMAT>& viewFormat)
-    : m_texture(texture),
+    : m_texture(Required(texture)),
       m_view(CreateRenderTargetView(texture, viewFormat)) {}
 
 D11RenderTexture2D::~D11RenderTexture2D() = default;
@@ -87,6 +116,7 @@ D11RenderTexture2D::~D11RenderTexture2D() = default;
 boost::intrusive_ptr<D11RenderTexture2D>
 D11RenderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
                            const D3D11_TEXTURE2D_DESC& desc) {
+    Require(device);
     D3D11_TEXTURE2D_DESC bound = desc;
     bound.BindFlags |= D3D11_BIND_RENDER_TARGET;
     return boost::intrusive_ptr<D11RenderTexture2D>(
@@ -104,7 +134,7 @@ Rect2DT<long> D11RenderTexture2D::GetRect() const {
 
 D11ShaderTexture2D::D11ShaderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                                        const std::optional<DXGI_FORMAT>& viewFormat)
-    : m_texture(texture),
+    : m_texture(Required(texture)),
       m_view(CreateShaderResourceView(texture, viewFormat)) {}
 
 D11ShaderTexture2D::~D11ShaderTexture2D() = default;
@@ -113,6 +143,7 @@ boost::intrusive_ptr<D11ShaderTexture2D>
 D11ShaderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
                            const D3D11_TEXTURE2D_DESC& desc,
                            const D3D11_SUBRESOURCE_DATA* initialData) {
+    Require(device);
     D3D11_TEXTURE2D_DESC bound = desc;
     bound.BindFlags |= D3D11_BIND_SHADER_RESOURCE;
     return boost::intrusive_ptr<D11ShaderTexture2D>(
@@ -124,7 +155,7 @@ Size2DT<long> D11ShaderTexture2D::GetSize() const {
 }
 
 D11SharedTexture2D::D11SharedTexture2D(const CComPtr<ID3D11Texture2D>& texture)
-    : m_texture(texture),
+    : m_texture(Required(texture)),
       m_keyedMutex(GetKeyedMutex(texture)) {}
 
 D11SharedTexture2D::~D11SharedTexture2D() = default;
@@ -132,6 +163,7 @@ D11SharedTexture2D::~D11SharedTexture2D() = default;
 boost::intrusive_ptr<D11SharedTexture2D>
 D11SharedTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
                            const D3D11_TEXTURE2D_DESC& desc) {
+    Require(device);
     ThrowUnless<DirectX11Exception>(device->GetFeatureLevel() >= D3D_FEATURE_LEVEL_11_1,
                                     "Shared texture not supported");
     D3D11_TEXTURE2D_DESC shared = desc;
@@ -144,14 +176,22 @@ Size2DT<long> D11SharedTexture2D::GetSize() const {
     return SizeOf(m_texture);
 }
 
+// Without the encode lock: it may wait for somebody who needs that lock to release.
 void D11SharedTexture2D::AcquireSync(UINT64 key, DWORD milliseconds) {
     ThrowIfFailed<DirectX11Exception>(m_keyedMutex->AcquireSync(key, milliseconds),
                                       "Failed to acquire texture key mutex", GetDevice(m_texture));
 }
 
 void D11SharedTexture2D::ReleaseSync(UINT64 key) {
-    ThrowIfFailed<DirectX11Exception>(m_keyedMutex->ReleaseSync(key),
-                                      "Failed to release texture key mutex", GetDevice(m_texture));
+    const auto device = GetDevice(m_texture);
+    long result = S_OK;
+    const auto release = [&](const auto&...) { result = m_keyedMutex->ReleaseSync(key); };
+    if (const auto wrapper = D11Device::Find(device)) {
+        wrapper->Encode(release);
+    } else {
+        release();
+    }
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to release texture key mutex", device);
 }
 
 HANDLE D11SharedTexture2D::CreateSharedHandle(DWORD access) {
@@ -177,7 +217,8 @@ D11VertexBuffer::~D11VertexBuffer() = default;
 boost::intrusive_ptr<D11VertexBuffer>
 D11VertexBuffer::Create(const boost::intrusive_ptr<D11Device>& device, const void* data,
                         UINT stride, UINT count) {
-    const auto buffer = CreateFilledBuffer(*device, D3D11_BIND_VERTEX_BUFFER, data, stride * count);
+    const auto buffer =
+        CreateFilledBuffer(device, D3D11_BIND_VERTEX_BUFFER, data, UINT64{stride} * count);
     return boost::intrusive_ptr<D11VertexBuffer>(new D11VertexBuffer(buffer, stride, count));
 }
 
@@ -192,7 +233,7 @@ boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint16_t>& indices) {
     return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(*device, indices), DXGI_FORMAT_R16_UINT,
+        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R16_UINT,
                            static_cast<UINT>(indices.size())));
 }
 
@@ -200,21 +241,26 @@ boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint32_t>& indices) {
     return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(*device, indices), DXGI_FORMAT_R32_UINT,
+        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R32_UINT,
                            static_cast<UINT>(indices.size())));
 }
 
 D11CompletionEvent::D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,
                                        const boost::intrusive_ptr<D12CompletionEvent>& event)
     : m_fence(fence),
-      m_event(event) {}
+      m_event(event) {
+    ThrowUnless<DirectX11Exception>(m_fence != nullptr && m_event != nullptr,
+                                    "Completion event is null");
+}
 
 D11CompletionEvent::~D11CompletionEvent() = default;
 
 boost::intrusive_ptr<D11CompletionEvent>
 D11CompletionEvent::OpenShared(const boost::intrusive_ptr<D11Device>& device,
                                const boost::intrusive_ptr<D12CompletionEvent>& event) {
+    Require(device);
     ThrowUnless<DirectX11Exception>(device->IsFencesSupported(), "Shared fence not supported");
+    ThrowUnless<DirectX11Exception>(event != nullptr, "Completion event is null");
     ThrowUnless<DirectX11Exception>(event->GetSharedHandle() != nullptr,
                                     "D12 completion event not shared");
     CComPtr<ID3D11Fence> fence;
@@ -231,6 +277,10 @@ UINT64 D11CompletionEvent::GetValue() const {
 
 UINT64 D11CompletionEvent::PreIncrementValue() const {
     return m_event->PreIncrementValue();
+}
+
+long D11CompletionEvent::SignalOn(ID3D11DeviceContext4& context) const {
+    return m_event->SignalNext([&](std::uint64_t value) { return context.Signal(m_fence, value); });
 }
 
 } // namespace Norvex::DX

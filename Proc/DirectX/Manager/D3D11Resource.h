@@ -2,8 +2,9 @@
 
 // Direct3D 11 resources with the one view, mutex or count that drawing needs: textures to draw on,
 // from and to share; vertex and index buffers; the Direct3D 11 side of a Direct3D 12 fence. Owned
-// by intrusive_ptr, immutable, without locks: any thread may hold and read them, Direct3D's rules
-// hold for their use. Throws DirectX11Exception. Next: D3D11DeviceContext.h, D11ImageDraw.h.
+// by intrusive_ptr, immutable: any thread. Throws DirectX11Exception, for a null argument "DirectX
+// 11 device is null", "Texture is null", "Completion event is null"; and what D11Device throws.
+// Next: D3D11DeviceContext.h, D11ImageDraw.h.
 
 #include <cstdint>
 #include <optional>
@@ -19,6 +20,7 @@
 namespace Norvex::DX {
 
 class D11Device;
+class D11DeviceContext;
 class D12CompletionEvent;
 
 // A texture to draw on.
@@ -29,6 +31,8 @@ public:
     D11RenderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                        const std::optional<DXGI_FORMAT>& viewFormat);
     ~D11RenderTexture2D() override;
+    D11RenderTexture2D(const D11RenderTexture2D&) = delete;
+    D11RenderTexture2D& operator=(const D11RenderTexture2D&) = delete;
 
     // A new texture, with D3D11_BIND_RENDER_TARGET added to the description.
     static boost::intrusive_ptr<D11RenderTexture2D>
@@ -53,6 +57,8 @@ public:
     D11ShaderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                        const std::optional<DXGI_FORMAT>& viewFormat);
     ~D11ShaderTexture2D() override;
+    D11ShaderTexture2D(const D11ShaderTexture2D&) = delete;
+    D11ShaderTexture2D& operator=(const D11ShaderTexture2D&) = delete;
 
     // A new texture, with D3D11_BIND_SHADER_RESOURCE added. initialData: null, or one record for
     // each subresource.
@@ -77,6 +83,8 @@ public:
     // Over a texture that has a keyed mutex. "Failed to get texture key mutex".
     explicit D11SharedTexture2D(const CComPtr<ID3D11Texture2D>& texture);
     ~D11SharedTexture2D() override;
+    D11SharedTexture2D(const D11SharedTexture2D&) = delete;
+    D11SharedTexture2D& operator=(const D11SharedTexture2D&) = delete;
 
     // A new texture, with the flags for a keyed mutex and an NT handle added. "Shared texture not
     // supported" below feature level 11_1.
@@ -88,10 +96,11 @@ public:
     Size2DT<long> GetSize() const; // pixels
 
     // Waits at most `milliseconds` (INFINITE: for ever). A time-out and an abandoned mutex return
-    // as success does: wait without limit, or know otherwise that the key is there. "Failed to
-    // acquire texture key mutex".
+    // as success does: wait without limit, or know otherwise that the key is there. Outside Encode
+    // others may encode meanwhile. "Failed to acquire texture key mutex".
     void AcquireSync(UINT64 key, DWORD milliseconds);
-    // "Failed to release texture key mutex".
+    // Submits what was recorded and unbinds the texture, for which it waits for its turn as Encode
+    // does. "Failed to release texture key mutex".
     void ReleaseSync(UINT64 key);
     // Access: DXGI_SHARED_RESOURCE_READ, DXGI_SHARED_RESOURCE_WRITE. The caller closes the handle.
     // "Failed to query interface", "Failed to create shared handle".
@@ -105,8 +114,10 @@ private:
 class NORVEX_DX_API D11VertexBuffer : public RefCountImpl {
 public:
     ~D11VertexBuffer() override;
+    D11VertexBuffer(const D11VertexBuffer&) = delete;
+    D11VertexBuffer& operator=(const D11VertexBuffer&) = delete;
 
-    // data: count vertices of stride bytes, copied.
+    // data: count vertices of stride bytes, copied; at least one byte, and less than 4 GiB.
     static boost::intrusive_ptr<D11VertexBuffer>
     Create(const boost::intrusive_ptr<D11Device>& device, const void* data, UINT stride,
            UINT count);
@@ -126,8 +137,10 @@ private:
 class NORVEX_DX_API D11IndexBuffer : public RefCountImpl {
 public:
     ~D11IndexBuffer() override;
+    D11IndexBuffer(const D11IndexBuffer&) = delete;
+    D11IndexBuffer& operator=(const D11IndexBuffer&) = delete;
 
-    // The indices, at least one, are copied.
+    // The indices, at least one and less than 4 GiB, are copied.
     static boost::intrusive_ptr<D11IndexBuffer>
     Create(const boost::intrusive_ptr<D11Device>& device,
            const std::vector<std::uint16_t>& indices);
@@ -155,6 +168,8 @@ public:
     D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,
                        const boost::intrusive_ptr<D12CompletionEvent>& event);
     ~D11CompletionEvent() override;
+    D11CompletionEvent(const D11CompletionEvent&) = delete;
+    D11CompletionEvent& operator=(const D11CompletionEvent&) = delete;
 
     // Opens an event made with D3D12_FENCE_FLAG_SHARED and keeps it. "Shared fence not supported"
     // where D11Device::IsFencesSupported is false, "D12 completion event not shared", "Failed to
@@ -171,6 +186,11 @@ public:
     UINT64 PreIncrementValue() const;
 
 private:
+    friend class D11DeviceContext;
+
+    // Raises the target and signals it; the target stays when that fails. Answers the result.
+    long SignalOn(ID3D11DeviceContext4& context) const;
+
     CComPtr<ID3D11Fence> m_fence;
     boost::intrusive_ptr<D12CompletionEvent> m_event;
 };
