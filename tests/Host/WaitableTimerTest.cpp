@@ -157,7 +157,7 @@ TEST(WaitableTimerTest, RefusesWhatCannotTick) {
     expectFailure(nullptr, "Timer callback not set");
     const Norvex::Test::ImportPatch none(
         L"NorvexHost.dll", "CreateThreadpoolTimer",
-        +[](PTP_TIMER_CALLBACK, void*, PTP_CALLBACK_ENVIRON) -> PTP_TIMER { return nullptr; });
+        [](PTP_TIMER_CALLBACK, void*, PTP_CALLBACK_ENVIRON) -> PTP_TIMER { return nullptr; });
     expectFailure([] {}, "Failed to create timer");
 }
 

@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <span>
 #include <stdexcept>
@@ -55,7 +56,25 @@ TEST(D3D11DeviceTest, AttachTellsWhatIsMissing) {
     EXPECT_EQ(D11Device::Find(raw), nullptr);
 }
 
-// Without the lock the registry breaks, or a dead wrapper is handed out.
+TEST(D3D11DeviceTest, AttachWaitsWhileCreateLooksAtTheRegistry) {
+    const auto raw = MakeRawDevice11();
+    std::atomic<bool> isAttached = false;
+    std::jthread other;
+    const CreateDevice11Patch patch([&](const auto&) -> HRESULT {
+        other = std::jthread([&] {
+            const auto device = D11Device::Attach(raw);
+            isAttached = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(isAttached);
+        return S_OK;
+    });
+    EXPECT_NE(D11Device::CreatePrimary(), nullptr);
+    other.join();
+    EXPECT_TRUE(isAttached);
+}
+
+// A dead wrapper that is handed out would crash.
 TEST(D3D11DeviceTest, AttachMayRace) {
     const auto raw = MakeRawDevice11();
     const DXGIAdapter adapter = DXGIFactory::Create()->GetPrimaryAdapter();
@@ -102,7 +121,7 @@ TEST(D3D11DeviceTest, TheLastReleaseHoldsNoLock) {
     struct Stored : FakeObject {
         Stored() {
             Set(
-                2, +[](Stored* self) {
+                2, [](Stored* self) {
                     self->isReleased = D11Device::Find(nullptr) == nullptr;
                     return ULONG{0};
                 });

@@ -45,6 +45,7 @@ struct FakeFence : FakeObject {
             });
         Set(
             Slot::kContext11Signal, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+                std::this_thread::yield(); // so that others overtake, where they may
                 self->signalled.push_back(value);
                 return self->answer;
             });

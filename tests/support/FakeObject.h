@@ -10,6 +10,7 @@
 #include <cstddef>
 
 #include "Platform/Direct3D.h"
+#include "tests/support/FunctionOf.h"
 
 namespace Norvex::Test {
 
@@ -33,16 +34,11 @@ protected:
     // deriving class, which has no virtual functions.
     template <class Method>
     void Set(std::size_t slot, const Method& method) {
-        Store(slot, GetFunction(method, &Method::operator()));
+        Store(slot, reinterpret_cast<void*>(FunctionOf(method)));
     }
 
 private:
     static constexpr std::size_t kMaxMethods = 160;
-
-    template <class Method, class Result, class... Parameters>
-    static void* GetFunction(const Method& method, Result (Method::*)(Parameters...) const) {
-        return reinterpret_cast<void*>(static_cast<Result (*)(Parameters...)>(method));
-    }
 
     // Out of sight of the compiler, which may take the method table for constant.
     void Store(std::size_t slot, void* method);

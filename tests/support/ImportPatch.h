@@ -5,6 +5,7 @@
 // does not import the function.
 
 #include "Platform/Direct3D.h"
+#include "tests/support/FunctionOf.h"
 
 namespace Norvex::Test {
 
@@ -14,6 +15,10 @@ public:
     template <class Function>
     ImportPatch(const wchar_t* module, const char* name, Function* replacement)
         : ImportPatch(module, name, reinterpret_cast<void*>(replacement)) {}
+    // The same with a lambda without captures.
+    template <class Lambda>
+    ImportPatch(const wchar_t* module, const char* name, const Lambda& replacement)
+        : ImportPatch(module, name, FunctionOf(replacement)) {}
     ImportPatch(const wchar_t* module, const char* name, void* replacement);
     ~ImportPatch();
     ImportPatch(const ImportPatch&) = delete;
