@@ -283,6 +283,7 @@ ULONG CountDeviceObjects(const Presenter& presenter) {
 
 TEST_P(SwapChainHDRTest, TwoHundredRandomActionsLeaveNothingBehind) {
     std::mt19937 random(4711);
+    m_display.SetOutputs({{{0, 0, 1280, 1024}, true}});
     auto& swapChain = m_presenter.GetSwapChain();
     ULONG objectsAtHalf = 0;
     const auto act = [&] {

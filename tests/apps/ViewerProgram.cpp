@@ -13,7 +13,7 @@ namespace Norvex::Test {
 
 namespace {
 
-constexpr DWORD kTimeLimit = 30000; // ms
+constexpr DWORD kWindowTimeLimit = 30000; // ms
 
 std::vector<std::string> Prepend(const char* command, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), command);
@@ -93,7 +93,7 @@ ViewerProgram::ViewerProgram(std::vector<std::string> arguments)
     : m_program(Prepend("view", std::move(arguments))) {
     const DWORD start = GetTickCount();
     while ((m_window = FindShownWindow(m_program.GetId())) == nullptr) {
-        if (m_program.HasEnded(10) || GetTickCount() - start > kTimeLimit) {
+        if (m_program.HasEnded(10) || GetTickCount() - start > kWindowTimeLimit) {
             throw std::runtime_error("the viewer shows no window");
         }
     }
@@ -108,7 +108,7 @@ DX::Size2DT<long> ViewerProgram::GetClientSize() const {
 void ViewerProgram::Post(UINT message, WPARAM wparam, LPARAM lparam) {
     PostMessageW(m_window, message, wparam, lparam);
     DWORD_PTR answer = 0;
-    SendMessageTimeoutW(m_window, WM_NULL, 0, 0, SMTO_NORMAL, kTimeLimit, &answer);
+    SendMessageTimeoutW(m_window, WM_NULL, 0, 0, SMTO_NORMAL, kWindowTimeLimit, &answer);
 }
 
 void ViewerProgram::Press(unsigned key) {

@@ -37,14 +37,17 @@ public:
     enum Call { EnumOutputs, Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
     using Outputs = std::vector<std::pair<RECT, bool>>; // place, whether in HDR
 
-    // One display in HDR.
+    // The displays that there are, in HDR.
     explicit HDRDisplay(bool isDirect3D12)
-        : m_probe(MakeRawSwapChain(isDirect3D12, m_window.Get())) {
-        Switch(true);
-    }
+        : m_probe(MakeRawSwapChain(isDirect3D12, m_window.Get())) {}
 
-    void Switch(bool isHDR) { SetOutputs({{{0, 0, 1280, 1024}, isHDR}}); }
+    void Switch(bool isHDR) {
+        m_isHDR = isHDR;
+        m_areReal = true;
+    }
+    // Other displays than there are; meanwhile the system makes no devices.
     void SetOutputs(const Outputs& outputs) {
+        m_areReal = false;
         m_outputs.clear();
         for (const auto& [rect, isHDR] : outputs) {
             m_outputs.push_back(std::make_unique<Output>(rect, isHDR));
@@ -97,6 +100,14 @@ private:
         bool m_isHDR;
     };
 
+    static CComPtr<IDXGIOutput6> GetOutput() {
+        CComPtr<IDXGIOutput> output;
+        CComPtr<IDXGIOutput6> output6;
+        DX::DXGIFactory::Create()->GetPrimaryAdapter().Get()->EnumOutputs(0, &output);
+        output.QueryInterface(&output6);
+        return output6;
+    }
+
     // In the place of a method: succeeds unless it is to fail.
     template <class Succeed>
     class Stand {
@@ -120,15 +131,27 @@ private:
 
     static constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
 
+    bool m_isHDR = true;
+    bool m_areReal = true;
     TestWindow m_window{{16, 16}, SW_HIDE};
     std::vector<std::unique_ptr<Output>> m_outputs;
     std::array<int, 6> m_failures = {};
     std::array<int, 6> m_counts = {};
     CComPtr<IDXGISwapChain> m_probe;
+    MethodPatch<27, HRESULT(IDXGIOutput6*, DXGI_OUTPUT_DESC1*)> m_getDesc1{
+        GetOutput(), [this](auto original, IDXGIOutput6* self, DXGI_OUTPUT_DESC1* desc) {
+            const HRESULT result = original(self, desc);
+            desc->ColorSpace = m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
+                                       : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+            return result;
+        }};
     MethodPatch<7, HRESULT(IDXGIAdapter*, UINT, IDXGIOutput**)> m_enumOutputs{
         DX::DXGIFactory::Create()->GetPrimaryAdapter().Get(),
-        [this](auto, IDXGIAdapter*, UINT index, IDXGIOutput** out) {
+        [this](auto original, IDXGIAdapter* self, UINT index, IDXGIOutput** out) {
             m_counts[EnumOutputs] += index == 0 ? 1 : 0;
+            if (m_areReal) {
+                return original(self, index, out);
+            }
             return index < m_outputs.size()
                        ? m_outputs[index]->GiveTo(reinterpret_cast<void**>(out))
                        : DXGI_ERROR_NOT_FOUND;

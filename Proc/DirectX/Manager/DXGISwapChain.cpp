@@ -7,8 +7,6 @@
 #include <string>
 #include <utility>
 
-#include <glog/logging.h>
-
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
@@ -80,17 +78,6 @@ DXGI_FORMAT ChooseHDRFormat(const Device& device, DXGI_FORMAT otherwise) {
     return otherwise;
 }
 
-// Inside a catch.
-void LogFailure(const char* what) {
-    try {
-        throw;
-    } catch (const DirectXException& e) {
-        LOG(ERROR) << what << ": " << e.GetErrorDescription() << ". " << e.GetResultDescription();
-    } catch (const std::exception& e) {
-        LOG(ERROR) << what << ": " << e.what();
-    }
-}
-
 // DXGI would switch the swap chain to exclusive full screen, which nobody here asked for. Only the
 // factory that made it can forbid that; a failure leaves the key as it is.
 void IgnoreAltEnter(IDXGISwapChain* swapChain, HWND window) {
@@ -155,7 +142,7 @@ DXGISwapChain::~DXGISwapChain() {
             });
         }
     } catch (...) {
-        LogFailure("A swap chain was released without waiting for the GPU");
+        LogCurrentException("A swap chain was released without waiting for the GPU");
         if (IsD12Level() && m_commandQueue->GetDevice()->GetDeviceRemovedReason() == S_OK) {
             m_swapChain.Detach(); // the GPU may still use the buffers
         }
@@ -391,7 +378,7 @@ void DXGISwapChain::RestoreOutput() {
             RecreateBuffers();
         }
     } catch (...) {
-        LogFailure("A swap chain could not go back to its output");
+        LogCurrentException("A swap chain could not go back to its output");
     }
 }
 
