@@ -3,8 +3,8 @@
 # and with clang in the manner of Microsoft's compiler. Runs inside the root.
 #   lint.sh BUILD-FOLDER TOOLS [--fix]
 # BUILD-FOLDER is configured without precompiled headers; TOOLS is where the tools were unpacked.
-# A source that passed is not checked again until it, a header, the rules, the tools or its command
-# line change.
+# A source that passed is not checked again, in whichever clone, until it, a header that it sees, the
+# rules, the tools or its command line change.
 set -euo pipefail
 
 build=$(readlink -f "$1")
@@ -54,11 +54,12 @@ command_of() {
 
 # check TOOL SOURCE: says what the tool said, unless it is content
 check() {
-    local tool=$1 source=$2 command key output
+    local tool=$1 source=$2 command headers key output
     command=$(command_of "$tool" "$source")
     # What is not compiled for Windows is not here; the compiler's own warnings must do there.
     [ -n "$command" ] || return 0
-    key=$(printf '%s\n' "$tool" "$command" "$common" | cat - "$source" | sha256sum | cut -c1-32)
+    mapfile -t headers < <(awk -F '\t' -v source="$source" '$1 == source { print $2 }' "$build/headers" | tr -s ' ' '\n' | sort)
+    key=$(printf '%s\n' "$tool" "${command//$PWD/.}" "$common" | cat - "$source" "${headers[@]:1}" | sha256sum | cut -c1-32)
     [ ! -e "$passed/$key" ] || return 0
     if [ "$tool" = clang-tidy ]; then
         command="clang-tidy --quiet -p '$build/clang-tidy' --extra-arg=--target=x86_64-w64-mingw32 '$source'"
@@ -71,7 +72,8 @@ check() {
         return 1
     fi
 }
-common=$({ echo "$tools"; printf '%s\n' "${sources[@]}" | grep '\.h$' | xargs cat .clang-tidy scripts/msvc-mode/*; } | sha256sum)
+awk -f scripts/headers-of.awk "${sources[@]}" >"$build/headers"
+common=$(echo "$tools" | cat - .clang-tidy tests/.clang-tidy scripts/msvc-mode/* | sha256sum)
 export -f check command_of
 export build common passed
 

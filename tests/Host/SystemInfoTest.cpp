@@ -62,8 +62,8 @@ TEST(MemoryInfoTest, AgreesWithTheSystemAndSeesThisProcessGrow) {
     EXPECT_GE(after.processVirtualCurrent, before.processVirtualCurrent + kBytes / 2);
     EXPECT_EQ(touched.back(), 'x');
 
-    const Norvex::Test::ImportPatch refusal(
-        L"NorvexHost.dll", "K32GetProcessMemoryInfo", [](HANDLE, void*, DWORD) { return FALSE; });
+    const Norvex::Test::ImportPatch refusal(L"NorvexHost.dll", "K32GetProcessMemoryInfo",
+                                            [](HANDLE, void*, DWORD) { return FALSE; });
     after.memoryLoad = 777;
     EXPECT_FALSE(Utils::GetMemoryInfo(after));
     EXPECT_EQ(after.memoryLoad, 777U) << "unchanged";

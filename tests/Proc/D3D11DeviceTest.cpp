@@ -120,11 +120,10 @@ TEST(D3D11DeviceTest, CreateAnswersWhatIsOnTheAdapterAndForAllThreads) {
 TEST(D3D11DeviceTest, TheLastReleaseHoldsNoLock) {
     struct Stored : FakeObject {
         Stored() {
-            Set(
-                2, [](Stored* self) {
-                    self->isReleased = D11Device::Find(nullptr) == nullptr;
-                    return ULONG{0};
-                });
+            Set(2, [](Stored* self) {
+                self->isReleased = D11Device::Find(nullptr) == nullptr;
+                return ULONG{0};
+            });
         }
         bool isReleased = false;
     } stored;

@@ -84,24 +84,21 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
 // What sharing adds to a texture, which this system lacks: a keyed mutex and a handle.
 struct FakeSharing : FakeObject {
     FakeSharing() {
-        Set(
-            Slot::kKeyedMutexAcquireSync, [](FakeSharing* self, UINT64 key, DWORD time) {
-                self->acquired = {key, time};
-                self->isAcquired.release();
-                return self->answer;
-            });
-        Set(
-            Slot::kKeyedMutexReleaseSync, [](FakeSharing* self, UINT64 key) {
-                self->released = key;
-                return self->answer;
-            });
-        Set(
-            Slot::kResource1CreateSharedHandle, [](FakeSharing* self, const SECURITY_ATTRIBUTES*,
-                                                    DWORD asked, LPCWSTR, HANDLE* handle) {
-                self->access = asked;
-                *handle = self;
-                return self->answer;
-            });
+        Set(Slot::kKeyedMutexAcquireSync, [](FakeSharing* self, UINT64 key, DWORD time) {
+            self->acquired = {key, time};
+            self->isAcquired.release();
+            return self->answer;
+        });
+        Set(Slot::kKeyedMutexReleaseSync, [](FakeSharing* self, UINT64 key) {
+            self->released = key;
+            return self->answer;
+        });
+        Set(Slot::kResource1CreateSharedHandle, [](FakeSharing* self, const SECURITY_ATTRIBUTES*,
+                                                   DWORD asked, LPCWSTR, HANDLE* handle) {
+            self->access = asked;
+            *handle = self;
+            return self->answer;
+        });
     }
 
     HRESULT answer = S_OK;

@@ -87,8 +87,8 @@ TEST(ResultTest, AResultIsCapturedFromItsDevice) {
     const HResult removal(DXGI_ERROR_DEVICE_REMOVED, device->Get());
     EXPECT_EQ(removal.value().result, E_OUTOFMEMORY);
     EXPECT_EQ(removal.value().memoryInfo, nullptr) << "the call itself did not run out of memory";
-    const ImportPatch refusal(
-        L"NorvexHost.dll", "GlobalMemoryStatusEx", [](void*) { return FALSE; });
+    const ImportPatch refusal(L"NorvexHost.dll", "GlobalMemoryStatusEx",
+                              [](void*) { return FALSE; });
     EXPECT_EQ(HResult(E_OUTOFMEMORY).value().memoryInfo, nullptr) << "the system does not tell";
     EXPECT_THAT(log.GetEntries(), testing::IsEmpty());
 }

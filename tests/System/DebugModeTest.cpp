@@ -49,7 +49,8 @@ struct Generation12 {
 template <class Message>
 struct FakeInfoQueue : FakeObject {
     FakeInfoQueue() {
-        Set(Slot::kInfoQueueGetMessage, [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
+        Set(Slot::kInfoQueueGetMessage,
+            [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
                 if (index == 6 || (index == 7 && message != nullptr)) {
                     return E_INVALIDARG;
                 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// The plain function of a lambda without captures. (A plus before the lambda is ambiguous to some of
-// Microsoft's compilers, which offer a conversion for each calling convention.)
+// The plain function of a lambda without captures. (A plus before the lambda is ambiguous to some
+// of Microsoft's compilers, which offer a conversion for each calling convention.)
 
 namespace Norvex::Test {
 

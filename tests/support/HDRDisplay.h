@@ -75,24 +75,21 @@ private:
     class Output : public FakeObject {
     public:
         Output(const RECT& rect, bool isHDR) : m_rect(rect), m_isHDR(isHDR) {
-            Set(
-                0, [](Output* self, REFIID riid, void** out) -> HRESULT {
-                    return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out)
-                                                                     : E_NOINTERFACE;
-                });
-            Set(
-                7, [](Output* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
-                    *desc = {};
-                    desc->DesktopCoordinates = self->m_rect;
-                    return S_OK;
-                });
-            Set(
-                27, [](Output* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
-                    *desc = {};
-                    desc->ColorSpace = self->m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
-                                                     : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
-                    return S_OK;
-                });
+            Set(0, [](Output* self, REFIID riid, void** out) -> HRESULT {
+                return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out)
+                                                                 : E_NOINTERFACE;
+            });
+            Set(7, [](Output* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
+                *desc = {};
+                desc->DesktopCoordinates = self->m_rect;
+                return S_OK;
+            });
+            Set(27, [](Output* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
+                *desc = {};
+                desc->ColorSpace = self->m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
+                                                 : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+                return S_OK;
+            });
         }
 
     private:
