@@ -99,10 +99,10 @@ void Album::Begin(std::size_t index) {
         return;
     }
     Entry& entry = m_entries[index];
-    std::promise<DecodedPicture> promise;
-    entry.future = promise.get_future();
+    std::promise<DecodedPicture> decoded;
+    entry.future = decoded.get_future();
     // Not std::async: the picture is there before it is told.
-    entry.thread = std::jthread([this, index, promise = std::move(promise)]() mutable {
+    entry.thread = std::jthread([this, index, promise = std::move(decoded)]() mutable {
         promise.set_value(Decode(m_files[index]));
         m_onDecoded();
     });

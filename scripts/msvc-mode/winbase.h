@@ -5,3 +5,5 @@
 #include_next <winbase.h>
 
 extern "C" BOOL WINAPI GetPhysicallyInstalledSystemMemory(PULONGLONG kilobytes);
+extern "C" PRUNTIME_FUNCTION WINAPI RtlLookupFunctionEntry(ULONG_PTR address, ULONG_PTR* base,
+                                                           void* history);
