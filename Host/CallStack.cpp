@@ -191,7 +191,7 @@ private:
 };
 
 // Where the function begins that holds the address; empty where the system cannot tell.
-std::optional<std::uint64_t> FindFunctionStart(std::uint64_t address) {
+std::optional<std::uint64_t> FindFunctionStart(const Module& module, std::uint64_t address) {
     std::uint64_t base = 0;
     const RUNTIME_FUNCTION* entry = RtlLookupFunctionEntry(address, &base, nullptr);
     if (entry == nullptr) {
@@ -200,10 +200,12 @@ std::optional<std::uint64_t> FindFunctionStart(std::uint64_t address) {
     // Parts of a function lead to the one before them: flags in the upper five bits of the unwind
     // information, the number of its two-byte codes at 2, after the codes (an even number of them)
     // the other entry.
-    const auto* info = reinterpret_cast<const std::uint8_t*>(base + entry->UnwindData);
+    const auto* image = reinterpret_cast<const std::uint8_t*>(module.handle);
+    const auto* info = image + entry->UnwindData;
     while ((info[0] >> 3 & UNW_FLAG_CHAININFO) != 0) {
-        entry = reinterpret_cast<const RUNTIME_FUNCTION*>(info + 4 + 2 * ((info[2] + 1) & ~1));
-        info = reinterpret_cast<const std::uint8_t*>(base + entry->UnwindData);
+        const std::size_t codes = (std::size_t{info[2]} + 1) / 2 * 2;
+        entry = reinterpret_cast<const RUNTIME_FUNCTION*>(info + 4 + 2 * codes);
+        info = image + entry->UnwindData;
     }
     return base + entry->BeginAddress;
 }
@@ -219,7 +221,7 @@ std::optional<Symbol> FindNearest(const Module& module, std::uint64_t address) {
 }
 
 std::optional<Symbol> FindSymbol(const Module& module, std::uint64_t address) {
-    const auto start = FindFunctionStart(address);
+    const auto start = FindFunctionStart(module, address);
     auto symbol = FindNearest(module, address);
     const bool isOfFunction = start && symbol && address - symbol->displacement >= *start;
     return isOfFunction ? std::move(symbol) : std::nullopt;

@@ -5,6 +5,7 @@ namespace Norvex {
 // Only Boost itself can copy facts of every kind; its own clones are made by the same function.
 using boost::exception_detail::copy_boost_exception;
 
+// NOLINTNEXTLINE(bugprone-copy-constructor-init): the base's own copy would share the facts
 ExceptionFacts::ExceptionFacts(const ExceptionFacts& other) noexcept : boost::exception() {
     try {
         copy_boost_exception(this, &other);

@@ -52,7 +52,7 @@ protected:
         return DispatchQueue::Object(new Probe(m_alive, std::move(onDestroy)));
     }
     void Push(DispatchQueue& queue, std::function<void()> work) {
-        queue.Push(MakeObject(), [work = std::move(work)](Norvex::IRefCountable&) { work(); });
+        queue.Push(MakeObject(), [task = std::move(work)](Norvex::IRefCountable&) { task(); });
     }
     static void ExpectSoon(const std::function<bool()>& holds, const char* what) {
         const auto deadline = std::chrono::steady_clock::now() + kPatience;

@@ -19,7 +19,7 @@ void Require(const boost::intrusive_ptr<D11Device>& device,
     ThrowUnless<DirectX11Exception>(device != nullptr, "DirectX 11 device is null", location);
 }
 
-const CComPtr<ID3D11Texture2D>&
+CComPtr<ID3D11Texture2D>
 Required(const CComPtr<ID3D11Texture2D>& texture,
          const std::source_location& location = std::source_location::current()) {
     ThrowUnless<DirectX11Exception>(texture != nullptr, "Texture is null", location);

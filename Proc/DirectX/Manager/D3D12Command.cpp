@@ -25,7 +25,7 @@ void D12AllocatorState::Abandon() noexcept {
 
 namespace {
 
-const boost::intrusive_ptr<D12CommandQueue>&
+boost::intrusive_ptr<D12CommandQueue>
 Checked(const boost::intrusive_ptr<D12CommandQueue>& queue, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(queue != nullptr, "Command queue is null", location);
     return queue;

@@ -17,7 +17,7 @@ namespace Norvex::DX {
 
 // The device; "There is no device" for a null one.
 template <class E, class Device>
-const boost::intrusive_ptr<Device>&
+boost::intrusive_ptr<Device>
 CheckDevice(const boost::intrusive_ptr<Device>& device,
             const std::source_location& location = std::source_location::current()) {
     ThrowUnless<E>(device != nullptr, "There is no device", location);
