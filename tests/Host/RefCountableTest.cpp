@@ -45,7 +45,8 @@ TEST(RefCountableTest, ThreadsNeitherLoseNorDoubleReferences) {
         for (int i = 0; i < 8; ++i) {
             threads.emplace_back([&shared] {
                 for (int round = 0; round < 20'000; ++round) {
-                    const boost::intrusive_ptr<Counted> own = shared;
+                    boost::intrusive_ptr<Counted> own = shared;
+                    own.reset();
                 }
             });
         }
