@@ -261,14 +261,15 @@ TEST_P(DrawTest, RectAndTransformPlaceThePicture) {
                              Rect{0, -50, 64, 0}, Rect{30, 20, 30, 25}, Rect{40, 4, 20, 28}}) {
         const float width = static_cast<float>(rect.right) - static_cast<float>(rect.left);
         const float height = static_cast<float>(rect.bottom) - static_cast<float>(rect.top);
-        const auto right = static_cast<float>(32 - (rect.left + rect.right) / 2);
-        const auto up = static_cast<float>((rect.top + rect.bottom) / 2 - 16);
+        const long right = 32 - (rect.left + rect.right) / 2;
+        const long up = (rect.top + rect.bottom) / 2 - 16;
         for (const float side : {1.0F, -1.0F}) {
             const Pixels drawn =
                 Draw({.source = card,
                       .rect = rect,
                       .transform = AffineTransform::Scale(side * 64 / width, 32 / height)
-                                       .Then(AffineTransform::Translation(right, up))});
+                                       .Then(AffineTransform::Translation(
+                                           static_cast<float>(right), static_cast<float>(up)))});
             const Worst worst = Compare(drawn, [&](std::size_t i) {
                 const auto x = static_cast<unsigned>(i % 64);
                 const auto y = static_cast<unsigned>(i / 64);

@@ -25,8 +25,8 @@ void D12AllocatorState::Abandon() noexcept {
 
 namespace {
 
-boost::intrusive_ptr<D12CommandQueue>
-Checked(const boost::intrusive_ptr<D12CommandQueue>& queue, const std::source_location& location) {
+boost::intrusive_ptr<D12CommandQueue> Checked(const boost::intrusive_ptr<D12CommandQueue>& queue,
+                                              const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(queue != nullptr, "Command queue is null", location);
     return queue;
 }
