@@ -353,7 +353,7 @@ bool ShowsGradient(HWND window) {
     GetClientRect(window, &client);
     POINT point = {client.right / 2 + client.bottom / 4, client.bottom / 2};
     ClientToScreen(window, &point);
-    const HDC screen = GetDC(nullptr);
+    HDC screen = GetDC(nullptr);
     const COLORREF color = GetPixel(screen, point.x, point.y);
     ReleaseDC(nullptr, screen);
     return std::abs(GetRValue(color) - 192) < 4 && std::abs(GetGValue(color) - 128) < 4 &&
