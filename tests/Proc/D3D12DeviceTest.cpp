@@ -20,12 +20,9 @@ namespace {
 using Norvex::Test::ExpectFailure12;
 using Norvex::Test::MethodPatch;
 using Norvex::Test::SentenceOf;
-namespace Slot = Norvex::Test::Slot;
 
-using CheckFeatureSupport = MethodPatch<Slot::kDeviceCheckFeatureSupport,
-                                        HRESULT(ID3D12Device*, D3D12_FEATURE, void*, UINT)>;
-using GetDeviceRemovedReason =
-    MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
+using CheckFeatureSupport = MethodPatch<&ID3D12Device::CheckFeatureSupport>;
+using GetDeviceRemovedReason = MethodPatch<&ID3D12Device::GetDeviceRemovedReason>;
 
 TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
     HRESULT levels = DXGI_ERROR_UNSUPPORTED;
@@ -165,9 +162,7 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     // A new one, of any type; this system has none, so that the answer is the test's.
     Norvex::Test::FakeObject made;
     HRESULT answer = S_OK;
-    using CreateCommandList1 = MethodPatch<Slot::kDevice4CreateCommandList1,
-                                           HRESULT(ID3D12Device4*, UINT, D3D12_COMMAND_LIST_TYPE,
-                                                   D3D12_COMMAND_LIST_FLAGS, REFIID, void**)>;
+    using CreateCommandList1 = MethodPatch<&ID3D12Device4::CreateCommandList1>;
     CComPtr<ID3D12Device4> device4;
     ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device4)), S_OK);
     const CreateCommandList1 patch(
@@ -227,8 +222,7 @@ TEST(D3D12DeviceTest, PoolsShrink) {
     use(40);
     EXPECT_EQ(device->GetPoolSizes().commandAllocators, 40u);
     int made = 0;
-    const MethodPatch<Slot::kDeviceCreateCommandAllocator,
-                      HRESULT(ID3D12Device*, D3D12_COMMAND_LIST_TYPE, REFIID, void**)>
+    const MethodPatch<&ID3D12Device::CreateCommandAllocator>
         patch(device->Get(), [&](auto original, auto... arguments) {
             ++made;
             return original(arguments...);
