@@ -1,114 +1,91 @@
+#include "Host/Color.h"
+
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <stdexcept>
-#include <tuple>
-
-#include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
 
 namespace Norvex {
 namespace {
 
 using Conf::YCbCrMatrix;
-using Proc::ColorConversionInfo;
-using Proc::LinearizationMode;
-using Transfer = Conf::TransferCharacteristics;
+using enum Conf::TransferCharacteristics;
+using Conf::TransferCharacteristics;
+using Mode = Proc::LinearizationMode;
 
+// Four-digit coefficients as printed: ITU-R BT.601-7, 2.5.1-2.5.2 (as differences over 1.772 and
+// 1.402), BT.709-6, items 3.2-3.3 (1.8556, 1.5748), BT.2020-2, table 4 (1.8814, 1.4746).
 TEST(YCbCrMatrixTest, HoldsThePublishedCoefficients) {
-    // Four-digit coefficients as printed: ITU-R BT.601-7, 2.5.1-2.5.2 (as differences over 1.772
-    // and 1.402), BT.709-6, items 3.2-3.3 (1.8556, 1.5748), BT.2020-2, table 4 (1.8814, 1.4746).
-    const struct {
-        YCbCrMatrix matrix;
-        double kr, kg, kb, pbDivisor, prDivisor;
-    } cases[] = {
-        {YCbCrMatrix::BT601, 0.299, 0.587, 0.114, 1.772, 1.402},
-        {YCbCrMatrix::BT709, 0.2126, 0.7152, 0.0722, 1.8556, 1.5748},
-        {YCbCrMatrix::BT2020NonConstant, 0.2627, 0.6780, 0.0593, 1.8814, 1.4746},
-    };
-    for (const auto& item : cases) {
+    const auto check = [](YCbCrMatrix which, double kr, double kg, double kb, double pb,
+                          double pr) {
         const double expected[3][3] = {
-            {item.kr, item.kg, item.kb},
-            {-item.kr / item.pbDivisor, -item.kg / item.pbDivisor, 0.5},
-            {0.5, -item.kg / item.prDivisor, -item.kb / item.prDivisor},
-        };
-        const auto matrix = Conf::GetRGBToYpPbPrMatrix(item.matrix);
-        for (std::size_t row = 0; row < 3; ++row) {
-            for (std::size_t column = 0; column < 3; ++column) {
-                EXPECT_NEAR(matrix[row][column], expected[row][column], 1e-12)
-                    << static_cast<int>(item.matrix) << " at " << row << ", " << column;
-            }
+            {kr, kg, kb}, {-kr / pb, -kg / pb, 0.5}, {0.5, -kg / pr, -kb / pr}};
+        const auto matrix = Conf::GetRGBToYpPbPrMatrix(which);
+        for (std::size_t i = 0; i < 9; ++i) {
+            EXPECT_NEAR(matrix[i / 3][i % 3], expected[i / 3][i % 3], 1e-12) << kr << " at " << i;
         }
-    }
+    };
+    check(YCbCrMatrix::BT601, 0.299, 0.587, 0.114, 1.772, 1.402);
+    check(YCbCrMatrix::BT709, 0.2126, 0.7152, 0.0722, 1.8556, 1.5748);
+    check(YCbCrMatrix::BT2020NonConstant, 0.2627, 0.6780, 0.0593, 1.8814, 1.4746);
     EXPECT_THROW(Conf::GetRGBToYpPbPrMatrix(static_cast<YCbCrMatrix>(8)), std::invalid_argument);
 }
 
-ColorConversionInfo MakeInfo(Transfer source, Transfer target) {
-    ColorConversionInfo info;
+Proc::ColorConversionInfo MakeInfo(TransferCharacteristics source, TransferCharacteristics target) {
+    Proc::ColorConversionInfo info;
     info.source.transfer = source;
     info.target.transfer = target;
     return info;
 }
 
 TEST(ColorConversionInfoTest, ScalesLightBetweenSDRAndHDR) {
-    const struct {
-        Transfer source, target;
-        float linearScale, referenceWhite, expected;
-    } cases[] = {
-        {Transfer::sRGB, Transfer::PQ, 1.0F, 203.0F, 2.03F}, // SDR white at 203 cd/m2
-        {Transfer::PQ, Transfer::sRGB, 1.0F, 203.0F, 100.0F / 203.0F},
-        {Transfer::BT709, Transfer::HLG, 0.5F, 100.0F, 0.5F},
-        {Transfer::HLG, Transfer::BT709, 2.0F, 400.0F, 0.5F},
-        {Transfer::PQ, Transfer::PQ, 1.0F, 203.0F, 1.0F},
-        {Transfer::HLG, Transfer::PQ, 3.0F, 203.0F, 3.0F},
-        {Transfer::sRGB, Transfer::Linear, 2.5F, 203.0F, 2.5F},
-        // scRGB counts in 80 cd/m2: PQ light of 100 cd/m2 becomes 1.25.
-        {Transfer::PQ, Transfer::Linear, 203.0F / 80.0F, 203.0F, 1.25F},
+    const auto check = [](TransferCharacteristics source, TransferCharacteristics target,
+                          float linearScale, float referenceWhite, float expected) {
+        auto info = MakeInfo(source, target);
+        info.linearScale = linearScale;
+        info.referenceWhite = referenceWhite;
+        EXPECT_FLOAT_EQ(info.GetLinearScale(), expected) << linearScale << " " << referenceWhite;
     };
-    for (const auto& item : cases) {
-        auto info = MakeInfo(item.source, item.target);
-        info.linearScale = item.linearScale;
-        info.referenceWhite = item.referenceWhite;
-        EXPECT_FLOAT_EQ(info.GetLinearScale(), item.expected)
-            << static_cast<int>(item.source) << " to " << static_cast<int>(item.target);
-    }
+    check(sRGB, PQ, 1.0F, 203.0F, 2.03F); // SDR white at 203 cd/m2
+    check(PQ, sRGB, 1.0F, 203.0F, 100.0F / 203.0F);
+    check(BT709, HLG, 0.5F, 100.0F, 0.5F);
+    check(HLG, BT709, 2.0F, 400.0F, 0.5F);
+    check(PQ, PQ, 1.0F, 203.0F, 1.0F);
+    check(HLG, PQ, 3.0F, 203.0F, 3.0F);
+    check(sRGB, Linear, 2.5F, 203.0F, 2.5F);
+    // scRGB counts in 80 cd/m2: PQ light of 100 cd/m2 becomes 1.25.
+    check(PQ, Linear, 203.0F / 80.0F, 203.0F, 1.25F);
 }
 
 TEST(ColorConversionInfoTest, TonemapsOnlyPQThatIsTooBright) {
-    const auto hdr = LinearizationMode::DisplayReferredHDR;
-    const auto display = LinearizationMode::DisplayReferred;
-    const struct {
-        Transfer source, target;
-        LinearizationMode mode;
-        float sourcePeak, targetPeak;
-        double shownPeak; // what the curve leads to, in 100 cd/m2; 0: no curve
-    } cases[] = {
-        {Transfer::PQ, Transfer::PQ, hdr, 4000.0F, 1000.0F, 10.0},
-        {Transfer::PQ, Transfer::HLG, display, 4000.0F, 1000.0F, 10.0},
-        {Transfer::PQ, Transfer::Linear, hdr, 1000.0F, 600.0F, 6.0},
-        {Transfer::PQ, Transfer::Linear, display, 1000.0F, 600.0F, 2.03},
-        {Transfer::PQ, Transfer::sRGB, display, 1000.0F, 1000.0F, 2.03},
-        {Transfer::PQ, Transfer::PQ, hdr, 1000.0F, 1000.0F, 0.0},
-        {Transfer::PQ, Transfer::PQ, hdr, 600.0F, 1000.0F, 0.0},
-        {Transfer::PQ, Transfer::sRGB, display, 203.0F, 100.0F, 0.0},
-        {Transfer::HLG, Transfer::PQ, hdr, 4000.0F, 1000.0F, 0.0},
-        {Transfer::sRGB, Transfer::PQ, hdr, 4000.0F, 1000.0F, 0.0},
+    const auto getCurve = [](TransferCharacteristics source, TransferCharacteristics target,
+                             Mode mode, float sourcePeak, float targetPeak) {
+        auto info = MakeInfo(source, target);
+        info.mode = mode;
+        info.sourcePeakLuminance = sourcePeak;
+        info.targetPeakLuminance = targetPeak;
+        return info.GetPQTonemapCoefs();
     };
-    for (const auto& item : cases) {
-        auto info = MakeInfo(item.source, item.target);
-        info.mode = item.mode;
-        info.sourcePeakLuminance = item.sourcePeak;
-        info.targetPeakLuminance = item.targetPeak;
-        const auto [a, b] = info.GetPQTonemapCoefs();
-        SCOPED_TRACE(testing::Message() << item.sourcePeak << " to " << item.targetPeak);
-        if (item.shownPeak == 0.0) {
-            EXPECT_EQ(std::pair(a, b), std::pair(0.0F, 0.0F));
-            continue;
-        }
-        const double peak = item.sourcePeak / 100.0;
-        EXPECT_NEAR(a, item.shownPeak / (peak * peak), 1e-6);
-        EXPECT_NEAR(peak * (1.0 + a * peak) / (1.0 + b * peak), item.shownPeak, 1e-4);
-    }
+    // shownPeak: what the curve leads to, in 100 cd/m2.
+    const auto check = [&](TransferCharacteristics target, Mode mode, float sourcePeak,
+                           float targetPeak, double shownPeak) {
+        const auto [a, b] = getCurve(PQ, target, mode, sourcePeak, targetPeak);
+        const double peak = sourcePeak / 100.0;
+        EXPECT_NEAR(a, shownPeak / (peak * peak), 1e-6) << sourcePeak << " to " << targetPeak;
+        EXPECT_NEAR(peak * (1.0 + a * peak) / (1.0 + b * peak), shownPeak, 1e-4) << targetPeak;
+    };
+    check(PQ, Mode::DisplayReferredHDR, 4000.0F, 1000.0F, 10.0);
+    check(HLG, Mode::DisplayReferred, 4000.0F, 1000.0F, 10.0);
+    check(Linear, Mode::DisplayReferredHDR, 1000.0F, 600.0F, 6.0);
+    check(Linear, Mode::DisplayReferred, 1000.0F, 600.0F, 2.03);
+    check(sRGB, Mode::DisplayReferred, 1000.0F, 1000.0F, 2.03);
+    constexpr std::pair kNone(0.0F, 0.0F);
+    EXPECT_EQ(getCurve(PQ, PQ, Mode::DisplayReferredHDR, 1000.0F, 1000.0F), kNone);
+    EXPECT_EQ(getCurve(PQ, PQ, Mode::DisplayReferredHDR, 600.0F, 1000.0F), kNone);
+    EXPECT_EQ(getCurve(PQ, sRGB, Mode::DisplayReferred, 203.0F, 100.0F), kNone);
+    EXPECT_EQ(getCurve(HLG, PQ, Mode::DisplayReferredHDR, 4000.0F, 1000.0F), kNone);
+    EXPECT_EQ(getCurve(sRGB, PQ, Mode::DisplayReferredHDR, 4000.0F, 1000.0F), kNone);
 }
 
 TEST(ColorConversionInfoTest, DerivesTheHLGSystemGammaFromTheDisplay) {
@@ -121,9 +98,7 @@ TEST(ColorConversionInfoTest, DerivesTheHLGSystemGammaFromTheDisplay) {
         {250.0F, 0.9721946},  // 1.2 x 1.111^-2
     };
     for (const auto& [peak, expected] : cases) {
-        for (const auto& [source, target] :
-             {std::pair(Transfer::HLG, Transfer::PQ), std::pair(Transfer::sRGB, Transfer::HLG)}) {
-            auto info = MakeInfo(source, target);
+        for (auto info : {MakeInfo(HLG, PQ), MakeInfo(sRGB, HLG)}) {
             info.sourcePeakLuminance = 777.0F;
             info.targetPeakLuminance = peak;
             EXPECT_EQ(info.GetHLGDisplayPeakLuminance(), peak);

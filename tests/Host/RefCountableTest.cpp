@@ -1,8 +1,6 @@
 // Plain C++: built for Windows, and for the building machine under sanitizers.
 
 #include <atomic>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,6 +8,7 @@
 
 #include "Host/BitFlags.h"
 #include "Host/RefCountable.h"
+#include "tests/support/Threads.h"
 
 namespace Norvex {
 namespace {
@@ -40,17 +39,12 @@ TEST(RefCountableTest, LastReleaseDestroysAndCopiesHaveTheirOwnCount) {
 
 TEST(RefCountableTest, ThreadsNeitherLoseNorDoubleReferences) {
     boost::intrusive_ptr<Counted> shared(new Counted);
-    {
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 8; ++i) {
-            threads.emplace_back([&shared] {
-                for (int round = 0; round < 20'000; ++round) {
-                    boost::intrusive_ptr<Counted> own = shared;
-                    own.reset();
-                }
-            });
+    Norvex::Test::RunThreads(8, [&](unsigned) {
+        for (int round = 0; round < 20'000; ++round) {
+            boost::intrusive_ptr<Counted> own = shared;
+            own.reset();
         }
-    }
+    });
     EXPECT_EQ(shared->GetRefCount(), 1U);
     shared.reset();
     EXPECT_EQ(Counted::s_alive, 0);

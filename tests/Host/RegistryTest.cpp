@@ -46,38 +46,29 @@ TEST_F(RegistryTest, EnumeratesOpensAndReopens) {
 }
 
 TEST_F(RegistryTest, ReadsValuesOfTheirTypeAndSizeOnly) {
-    using Text = std::optional<std::wstring>;
-    using Number = std::optional<std::uint64_t>;
     using namespace std::string_literals;
-    const std::wstring longText(5000, L'n');
-    const struct {
-        const char* what;
-        DWORD type;
-        std::wstring data;
-        Text text;
-        Number number;
-    } cases[] = {
-        {"text", REG_SZ, L"ven_10de\0"s, L"ven_10de", {}},
-        {"unterminated", REG_SZ, L"open", L"open", {}},
-        {"of two parts", REG_SZ, L"one\0two\0"s, L"one", {}},
-        {"long", REG_SZ, longText + L'\0', longText, {}},
-        {"not expanded", REG_EXPAND_SZ, L"%windir%\0"s, L"%windir%", {}},
-        {"empty", REG_SZ, L"", L"", {}},
-        {"of eight bytes", REG_QWORD, L"\x0E9E\x000F\0\x001F"s, {}, 0x001F'0000'000F'0E9E},
-        {"of four bytes", REG_QWORD, L"\x0E9E\x000F"s, {}, {}},
-        {"of ten bytes", REG_QWORD, L"\x0E9E\x000F\0\x001F\0"s, {}, {}},
-        {"of another type", REG_DWORD, L"\x0E9E\x000F"s, {}, {}},
-    };
     RegKey key;
     ASSERT_TRUE(key.Open(HKEY_CURRENT_USER, m_path, KEY_READ));
-    for (const auto& item : cases) {
-        ASSERT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, m_path.c_str(), L"value", item.type,
-                                  item.data.data(),
-                                  static_cast<DWORD>(item.data.size() * sizeof(wchar_t))),
+    const auto check = [&](DWORD type, const std::wstring& data,
+                           const std::optional<std::wstring>& text,
+                           std::optional<std::uint64_t> number = {}) {
+        ASSERT_EQ(RegSetKeyValueW(HKEY_CURRENT_USER, m_path.c_str(), L"value", type, data.data(),
+                                  static_cast<DWORD>(data.size() * sizeof(wchar_t))),
                   ERROR_SUCCESS);
-        EXPECT_EQ(key.QueryString(L"value"), item.text) << item.what;
-        EXPECT_EQ(key.QueryQword(L"value"), item.number) << item.what;
-    }
+        EXPECT_EQ(key.QueryString(L"value"), text) << type;
+        EXPECT_EQ(key.QueryQword(L"value"), number) << type;
+    };
+    const std::wstring longText(5000, L'n');
+    check(REG_SZ, L"ven_10de\0"s, L"ven_10de");
+    check(REG_SZ, L"not ended", L"not ended");
+    check(REG_SZ, L"of\0two\0"s, L"of");
+    check(REG_SZ, longText + L'\0', longText);
+    check(REG_SZ, L"", L"");
+    check(REG_EXPAND_SZ, L"%windir%\0"s, L"%windir%");
+    check(REG_QWORD, L"\x0E9E\x000F\0\x001F"s, {}, 0x001F'0000'000F'0E9E);
+    check(REG_QWORD, L"\x0E9E\x000F"s, {});
+    check(REG_QWORD, L"\x0E9E\x000F\0\x001F\0"s, {});
+    check(REG_DWORD, L"\x0E9E\x000F"s, {});
     EXPECT_FALSE(key.QueryString(L"missing") || key.QueryQword(L"missing"));
 }
 

@@ -1,90 +1,75 @@
-#include <gtest/gtest.h>
+#include "Host/ThrowSite.h"
 
+#include <regex>
+#include <sstream>
 #include <string>
 
-#include "Host/ThrowSite.h"
+#include <gtest/gtest.h>
 
 namespace Norvex {
 namespace {
 
+// A name, and signatures of every compiler that are shortened to it. Lambdas go by the function
+// around them, however deep.
+constexpr auto kSignatures = R"(
+main | int main()
+Open | Open | void Ns::File::Open(int) const | static constexpr bool Ns::File::Open(int) noexcept
+Open | Ns::File::Open(int)::<lambda(char)> | Ns::File::Open::<lambda_1>::operator ()
+Open | auto Ns::File::Open(int)::(anonymous class)::operator()(char) const
+Open | auto __cdecl Ns::File::Open::<lambda_1>::operator ()(char) const
+File | Ns::File::File(const std::string&)
+File | __cdecl Ns::File::File::<lambda_1>::operator ()(void) const noexcept
+~File | Ns::File::~File()
+~Box | Ns::Box<T>::~Box() [with T = std::vector<int>]
+Get | void Ns::File::Get() && | std::string Ns::Get[abi:cxx11](int) | void (* Ns::Get(int))(char)
+Get | std::vector<std::pair<int, Ns::A> > Ns::Get(std::function<void(int)>)
+Get | auto Ns::Get(int) -> std::vector<Ns::A> | T Ns::Get<T>(std::size_t) [T = std::map<int, Ns::A>]
+Get | decltype (((a) + b)) Ns::Get(T, U) [with T = int; U = long int]
+Get | void Ns::Get(T) requires std::same_as<T, int> [with T = int]
+Get | void __cdecl Ns::Box<class Ns::A,7>::Get<int>(const int &) const
+Run | void {anonymous}::Run() | void Ns::(anonymous namespace)::Run(int)
+Run | void __cdecl Ns::`anonymous-namespace'::Run(void)
+Run | Ns::Run(T)::<lambda(auto:1)>::<lambda()> [with auto:1 = int; T = char]
+Run | auto Ns::Run()::(lambda at a.cpp:3:5)::operator()() const
+Run | void __cdecl Ns::Run::<lambda_1>::operator ()::<lambda_2>::operator ()(void) const
+Run | auto __cdecl Ns::Run::<lambda_1>::operator ()<int>(int) const
+Run | auto Ns::Run(F) [F = (lambda at a.cpp:3:5)]
+Apply | void Ns::Apply(F) [with F = Ns::Run()::<lambda()>]
+Apply | void __cdecl Ns::Apply<class Ns::Run::<lambda_1>>(class Ns::Run::<lambda_1>)
+Step | Ns::Run()::Local::Step()
+operator== | bool Ns::A::operator==(const Ns::A&) const
+operator<< | std::ostream& Ns::operator<<(std::ostream&, const A&)
+operator-> | T* Ns::P<T>::operator->() const [with T = int]
+operator() | int Ns::A::operator()(int) const
+operator[] | int& Ns::A::operator[](int)
+operator new [] | static void* Ns::A::operator new [](std::size_t)
+operator bool | __cdecl Ns::A::operator bool(void) const
+operator std::function<void(int)> | Ns::A::operator std::function<void(int)>() const
+<lambda()> | <lambda()>
+((( | (((
+)";
+
 TEST(ThrowSiteTest, ShortensTheSignaturesOfEveryCompiler) {
-    const struct {
-        const char* signature;
-        const char* expected;
-    } cases[] = {
-        // Plain, members, constructors and destructors.
-        {"Open", "Open"},
-        {"int main()", "main"},
-        {"void Ns::File::Open(int) const", "Open"},
-        {"Ns::File::File(const std::string&)", "File"},
-        {"Ns::File::~File()", "~File"},
-        {"Ns::Box<T>::~Box() [with T = std::vector<int>]", "~Box"},
-        {"static constexpr bool Ns::File::IsOpen(int) noexcept", "IsOpen"},
-        {"void Ns::File::Take() &&", "Take"},
-        // Return types and parameters that hold names, templates and brackets.
-        {"std::vector<std::pair<int, Ns::A> > Ns::List(std::function<void(int)>)", "List"},
-        {"auto Ns::List(int) -> std::vector<Ns::A>", "List"},
-        {"decltype (((a) + b)) Ns::Sum(T, U) [with T = int; U = long int]", "Sum"},
-        {"void (* Ns::GetHandler(int))(char)", "GetHandler"},
-        {"void Ns::Check(T) requires std::same_as<T, int> [with T = int]", "Check"},
-        {"std::string Ns::Name[abi:cxx11](int)", "Name"},
-        {"T Ns::Get<T>(std::size_t) [T = std::map<int, Ns::A>]", "Get"},
-        // Namespaces without a name, in the three spellings.
-        {"void {anonymous}::Run()", "Run"},
-        {"void Ns::(anonymous namespace)::Run(int)", "Run"},
-        {"void __cdecl Ns::`anonymous-namespace'::Run(void)", "Run"},
-        // Operators and conversions.
-        {"bool Ns::A::operator==(const Ns::A&) const", "operator=="},
-        {"std::ostream& Ns::operator<<(std::ostream&, const A&)", "operator<<"},
-        {"T* Ns::P<T>::operator->() const [with T = int]", "operator->"},
-        {"int Ns::A::operator()(int) const", "operator()"},
-        {"int& Ns::A::operator[](int)", "operator[]"},
-        {"static void* Ns::A::operator new [](std::size_t)", "operator new []"},
-        {"Ns::A::operator std::function<void(int)>() const", "operator std::function<void(int)>"},
-        {"__cdecl Ns::A::operator bool(void) const", "operator bool"},
-        // Lambdas go by the function around them, however deep.
-        {"Ns::File::Open(int)::<lambda(char)>", "Open"},
-        {"Ns::Run(T)::<lambda(auto:1)>::<lambda()> [with auto:1 = int; T = char]", "Run"},
-        {"auto Ns::File::Open(int)::(anonymous class)::operator()(char) const", "Open"},
-        {"auto Ns::Run()::(lambda at a.cpp:3:5)::operator()() const", "Run"},
-        {"auto __cdecl Ns::File::Open::<lambda_1>::operator ()(char) const", "Open"},
-        {"void __cdecl Ns::Run::<lambda_1>::operator ()::<lambda_2>::operator ()(void) const",
-         "Run"},
-        {"auto __cdecl Ns::Run::<lambda_1>::operator ()<int>(int) const", "Run"},
-        {"__cdecl Ns::File::File::<lambda_1>::operator ()(void) const noexcept", "File"},
-        {"Ns::File::Open::<lambda_1>::operator ()", "Open"},
-        {"auto Ns::Run(F) [F = (lambda at a.cpp:3:5)]", "Run"},
-        {"void Ns::Apply(F) [with F = Ns::Run()::<lambda()>]", "Apply"},
-        {"void __cdecl Ns::Box<class Ns::A,7>::Put<int>(const int &) const", "Put"},
-        {"void __cdecl Ns::Apply<class Ns::Run::<lambda_1>>(class Ns::Run::<lambda_1>)", "Apply"},
-        {"Ns::Run()::Local::Step()", "Step"},
-        // Nothing to shorten.
-        {"", ""},
-        {"<lambda()>", "<lambda()>"},
-        {"(((", "((("},
-        {"void Ns::\u00d6ffnen(int)", "\u00d6ffnen"},
-    };
-    for (const auto& item : cases) {
-        EXPECT_EQ(ShortFunctionName(item.signature), item.expected) << item.signature;
+    const std::regex separator(" \\| ");
+    std::istringstream table(kSignatures);
+    for (std::string line; std::getline(table, line);) {
+        std::sregex_token_iterator at(line.begin(), line.end(), separator, -1);
+        for (const std::string name = *at; ++at != std::sregex_token_iterator();) {
+            EXPECT_EQ(ShortFunctionName(at->str()), name) << at->str();
+        }
     }
+    EXPECT_EQ(ShortFunctionName(""), "");
+    EXPECT_EQ(ShortFunctionName("void Ns::\u00d6ffnen(int)"), "\u00d6ffnen");
 }
 
 TEST(ThrowSiteTest, MakesPathsRelativeToTheTree) {
-    const struct {
-        const char* path;
-        const char* expected;
-    } cases[] = {
-        {"Host/Registry.cpp", "Host/Registry.cpp"},
-        {"C:\\src\\Host\\Registry.cpp", "Host/Registry.cpp"},
-        {"/home/Host/norvex/Proc/DirectX/Manager/API.cpp", "Proc/DirectX/Manager/API.cpp"},
-        {"C:/a/Core/Threading/DispatchQueue.cpp", "Core/Threading/DispatchQueue.cpp"},
-        {"/src/tests/Host/ThrowSiteTest.cpp", "tests/Host/ThrowSiteTest.cpp"},
-        {"/src/MyHost/main.cpp", "/src/MyHost/main.cpp"},
-        {"main.cpp", "main.cpp"},
-    };
-    for (const auto& item : cases) {
-        EXPECT_EQ(RelativeSourcePath(item.path), item.expected);
-    }
+    EXPECT_EQ(RelativeSourcePath("Host/Registry.cpp"), "Host/Registry.cpp");
+    EXPECT_EQ(RelativeSourcePath("C:\\src\\Host\\Registry.cpp"), "Host/Registry.cpp");
+    EXPECT_EQ(RelativeSourcePath("/home/Host/norvex/Proc/DirectX/A.cpp"), "Proc/DirectX/A.cpp");
+    EXPECT_EQ(RelativeSourcePath("C:/a/Core/Threading/A.cpp"), "Core/Threading/A.cpp");
+    EXPECT_EQ(RelativeSourcePath("/src/tests/Host/A.cpp"), "tests/Host/A.cpp");
+    EXPECT_EQ(RelativeSourcePath("/src/MyHost/main.cpp"), "/src/MyHost/main.cpp");
+    EXPECT_EQ(RelativeSourcePath("main.cpp"), "main.cpp");
 }
 
 // Sites as this compiler gives them.

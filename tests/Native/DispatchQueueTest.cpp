@@ -12,55 +12,54 @@
 
 #include "Core/Threading/DispatchQueue.h"
 #include "Host/CoreException.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Norvex::Core::CoreException;
 using Norvex::Core::DispatchQueue;
+using Norvex::Test::RunThreads;
+using Object = Norvex::IRefCountable;
+using Work = std::function<void()>;
 
 constexpr auto kPatience = 20s; // for what must come; far below the idle time of 30 s
 
-class Probe : public Norvex::RefCountImpl {
-public:
-    Probe(std::atomic<int>& alive, std::function<void()> onDestroy)
-        : m_alive(alive),
-          m_onDestroy(onDestroy) {
-        ++m_alive;
-    }
-    ~Probe() override {
-        if (m_onDestroy) {
-            m_onDestroy();
-        }
-        --m_alive;
-    }
+struct Probe : Norvex::RefCountImpl {
+    Probe(std::shared_ptr<int> held, Work work)
+        : token(std::move(held)),
+          onDestroy(std::move(work)) {}
+    ~Probe() override { onDestroy(); }
 
-private:
-    std::atomic<int>& m_alive;
-    std::function<void()> m_onDestroy;
+    std::shared_ptr<int> token;
+    Work onDestroy;
 };
+
+void Start(DispatchQueue& queue) {
+    queue.SetPoolFunction([&queue] { queue.RunTasks(); });
+}
+
+void ExpectSoon(const std::function<bool()>& holds, const char* what) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!holds() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_TRUE(holds()) << what;
+}
 
 class DispatchQueueTest : public testing::Test {
 protected:
     DispatchQueueTest() { Start(m_queue); }
-    ~DispatchQueueTest() override { EXPECT_EQ(m_alive, 0); }
+    ~DispatchQueueTest() override { EXPECT_EQ(CountObjects(), 0); }
 
-    static void Start(DispatchQueue& queue) {
-        queue.SetPoolFunction([&queue] { queue.RunTasks(); });
+    long CountObjects() const { return m_token.use_count() - 1; }
+    DispatchQueue::Object MakeObject(Work onDestroy = [] {}) {
+        return DispatchQueue::Object(new Probe(m_token, std::move(onDestroy)));
     }
-    DispatchQueue::Object MakeObject(std::function<void()> onDestroy = {}) {
-        return DispatchQueue::Object(new Probe(m_alive, std::move(onDestroy)));
+    void Push(DispatchQueue& queue, Work work) {
+        queue.Push(MakeObject(), [task = std::move(work)](Object&) { task(); });
     }
-    void Push(DispatchQueue& queue, std::function<void()> work) {
-        queue.Push(MakeObject(), [task = std::move(work)](Norvex::IRefCountable&) { task(); });
-    }
-    static void ExpectSoon(const std::function<bool()>& holds, const char* what) {
-        const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (!holds() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(1ms);
-        }
-        EXPECT_TRUE(holds()) << what;
-    }
+    void Push(Work work) { Push(m_queue, std::move(work)); }
 
     // A thread counts as idle until it has woken, so an empty queue belongs to it.
     void ExpectOneIdle() {
@@ -70,10 +69,14 @@ protected:
         };
         ExpectSoon(isIdle, "the thread waits for work");
     }
+    static void ExpectCounts(const DispatchQueue& queue, unsigned threads, unsigned queued) {
+        EXPECT_EQ(queue.GetCounts().threads, threads);
+        EXPECT_EQ(queue.GetCounts().queued, queued);
+    }
 
-    std::atomic<int> m_alive{0};
-    std::vector<std::string>
-        m_errors; // written by one pool thread at a time in the cases that use it
+    std::shared_ptr<int> m_token = std::make_shared<int>(); // held by every object
+    std::atomic<int> m_calls{0};
+    std::vector<std::string> m_errors; // by one thread at a time in the case that uses it
     DispatchQueue m_queue{[this](const std::exception_ptr& error) {
         try {
             std::rethrow_exception(error);
@@ -87,22 +90,22 @@ protected:
 };
 
 TEST_F(DispatchQueueTest, DrainReturnsWhenEveryTaskHasRunAndEveryThreadHasEnded) {
-    std::atomic<int> calls{0};
-    for (int round = 0; round < 3; ++round) {
-        std::vector<std::jthread> pushers;
-        for (int pusher = 0; pusher < 4; ++pusher) {
-            pushers.emplace_back([&] {
-                for (int task = 0; task < 250; ++task) {
-                    Push(m_queue, [&] { ++calls; });
-                }
-            });
+    const std::function<void(int)> spread = [&](int depth) { // 63 tasks, of which some push two
+        ++m_calls;
+        for (int child = 0; child < 2 && depth > 0; ++child) {
+            Push([&, depth] { spread(depth - 1); });
         }
-        pushers.clear();
+    };
+    for (int round = 1; round <= 3; ++round) {
+        RunThreads(4, [&](unsigned) {
+            for (int task = 0; task < 10; ++task) {
+                Push([&] { spread(5); });
+            }
+        });
         m_queue.Drain();
-        EXPECT_EQ(calls, (round + 1) * 1000);
-        EXPECT_EQ(m_alive, 0);
-        EXPECT_EQ(m_queue.GetCounts().threads, 0U);
-        EXPECT_EQ(m_queue.GetCounts().queued, 0U);
+        EXPECT_EQ(m_calls, round * 40 * 63);
+        EXPECT_EQ(CountObjects(), 0);
+        ExpectCounts(m_queue, 0, 0);
     }
 }
 
@@ -113,15 +116,15 @@ TEST_F(DispatchQueueTest, TaskReceivesItsObjectAndReleasesItOutsideTheMutex) {
         m_queue.GetCounts(); // takes the mutex: a release under it would never return
         isReleasedByPool = std::this_thread::get_id() != mainThread;
     });
-    const Norvex::IRefCountable* const expected = object.get();
-    std::promise<const Norvex::IRefCountable*> received;
+    const Object* const expected = object.get();
+    std::promise<const Object*> received;
     std::latch mayEnd{1};
-    m_queue.Push(std::move(object), [&](Norvex::IRefCountable& given) {
+    m_queue.Push(std::move(object), [&](Object& given) {
         received.set_value(&given);
         mayEnd.wait();
     });
     EXPECT_EQ(received.get_future().get(), expected);
-    EXPECT_EQ(m_alive, 1);
+    EXPECT_EQ(CountObjects(), 1);
     mayEnd.count_down();
     m_queue.Drain();
     EXPECT_TRUE(isReleasedByPool);
@@ -131,12 +134,11 @@ TEST_F(DispatchQueueTest, ThreadsStartOnlyWhenNoneIsFreeAndNeverMoreThanTwo) {
     // Many rounds, for the moment after the first push when the idle thread has not woken yet.
     for (int round = 0; round < 100 && !HasFailure(); ++round) {
         std::latch mayEnd{1};
-        const auto block = [&](Norvex::IRefCountable&) { mayEnd.wait(); };
+        const auto block = [&](Object&) { mayEnd.wait(); };
         const DispatchQueue::Object object = MakeObject();
-
-        Push(m_queue, [] {});
+        Push([] {});
         ExpectOneIdle();
-        Push(m_queue, [] {});
+        Push([] {});
         ExpectOneIdle();
         EXPECT_EQ(m_queue.GetCounts().threads, 1U) << "a free thread takes the task";
 
@@ -145,8 +147,7 @@ TEST_F(DispatchQueueTest, ThreadsStartOnlyWhenNoneIsFreeAndNeverMoreThanTwo) {
         EXPECT_EQ(m_queue.GetCounts().threads, 2U) << "one idle thread is not free for two tasks";
         ExpectSoon([&] { return m_queue.GetCounts().queued == 0; }, "both are taken");
         m_queue.Push(object, block);
-        EXPECT_EQ(m_queue.GetCounts().threads, 2U) << "both busy";
-        EXPECT_EQ(m_queue.GetCounts().queued, 1U);
+        ExpectCounts(m_queue, 2, 1); // both busy
         mayEnd.count_down();
         m_queue.Drain();
     }
@@ -160,48 +161,51 @@ TEST_F(DispatchQueueTest, CreateThreadStartsOneAtATimeUpToTheTarget) {
     }
 }
 
-TEST_F(DispatchQueueTest, IdleThreadsEndAndTheNextTaskStartsOneAgain) {
-    DispatchQueue queue({}, 5ms);
+TEST_F(DispatchQueueTest, IdleThreadsEndAndLoseNoTaskThatArrivesThen) {
+    DispatchQueue queue({}, 1ms);
     Start(queue);
+    RunThreads(3, [&](unsigned pusher) {
+        for (int task = 0; task < 200; ++task) {
+            Push(queue, [&] { ++m_calls; });
+            std::this_thread::sleep_for(std::chrono::microseconds(700 + 150 * pusher));
+        }
+    });
+    ExpectSoon([&] { return m_calls == 600; }, "every task runs without a drain");
     for (int round = 0; round < 3; ++round) {
+        ExpectSoon([&] { return queue.GetCounts().threads == 0; }, "idle threads end");
         std::promise<std::thread::id> ran;
         Push(queue, [&] { ran.set_value(std::this_thread::get_id()); });
-        ASSERT_NE(ran.get_future().get(), std::this_thread::get_id());
-        ExpectSoon([&] { return queue.GetCounts().threads == 0; }, "idle threads end");
+        EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
     }
 }
 
 TEST_F(DispatchQueueTest, EveryDrainWaitsForTheTasksButNotForTheIdleTime) {
     std::latch started{1};
     std::latch mayEnd{1};
-    std::atomic<int> calls{0};
-    Push(m_queue, [&] {
+    Push([&] {
         started.count_down();
         mayEnd.wait();
-        ++calls;
+        ++m_calls;
     });
     started.wait();
     const auto start = std::chrono::steady_clock::now();
-    {
-        std::vector<std::jthread> drainers;
-        for (int drainer = 0; drainer < 3; ++drainer) {
-            drainers.emplace_back([&] {
-                m_queue.Drain();
-                EXPECT_GE(calls, 1) << "one thread ends for all drains, not for the first alone";
-            });
+    RunThreads(4, [&](unsigned thread) {
+        if (thread < 3) {
+            m_queue.Drain();
+            EXPECT_GE(m_calls, 1) << "one thread ends for all drains, not for the first alone";
+            return;
         }
         std::this_thread::sleep_for(20ms);
-        Push(m_queue, [&] { ++calls; }); // the queue runs again, while the drains still wait
+        Push([&] { ++m_calls; }); // the queue runs again, while the drains still wait
         std::this_thread::sleep_for(5ms);
         mayEnd.count_down();
-    }
+    });
     EXPECT_LT(std::chrono::steady_clock::now() - start, kPatience);
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(m_calls, 2);
     EXPECT_EQ(m_queue.GetCounts().threads, 0U);
 }
 
 TEST_F(DispatchQueueTest, StopLeavesWhatHasNotStarted) {
-    std::atomic<int> calls{0};
     {
         DispatchQueue queue;
         Start(queue);
@@ -211,39 +215,34 @@ TEST_F(DispatchQueueTest, StopLeavesWhatHasNotStarted) {
             Push(queue, [&] {
                 started.count_down();
                 mayEnd.wait();
-                ++calls;
+                ++m_calls;
             });
         }
         started.wait();
         for (int task = 0; task < 5; ++task) {
-            Push(queue, [&] { ++calls; });
+            Push(queue, [&] { ++m_calls; });
         }
         std::jthread stopper([&] { queue.Stop(); });
         std::this_thread::sleep_for(20ms);
         mayEnd.count_down();
         stopper.join();
-        EXPECT_EQ(calls, 2);
-        EXPECT_EQ(queue.GetCounts().threads, 0U);
-        EXPECT_EQ(queue.GetCounts().queued, 5U);
-        EXPECT_THROW(Push(queue, [&] { ++calls; }), CoreException)
-            << "Stop drops the pool function";
+        ExpectCounts(queue, 0, 5);
+        EXPECT_THROW(Push(queue, [] {}), CoreException) << "Stop drops the pool function";
     }
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(m_alive, 0) << "the queue's end releases the objects";
+    EXPECT_EQ(m_calls, 2);
+    EXPECT_EQ(CountObjects(), 0) << "the queue's end releases the objects";
 }
 
 TEST_F(DispatchQueueTest, FailingTasksAreReportedAndTheThreadGoesOn) {
     std::set<std::thread::id> threads;
-    const auto fail = [&](const std::function<void()>& doThrow) {
-        Push(m_queue, [&, doThrow] {
+    for (const Work& work :
+         {Work([] { throw std::runtime_error("first"); }), Work([] { throw 7; }), Work([] {})}) {
+        Push([&, work] {
             threads.insert(std::this_thread::get_id());
-            doThrow();
+            work();
         });
         ExpectOneIdle();
-    };
-    fail([] { throw std::runtime_error("first"); });
-    fail([] { throw 7; });
-    fail([] {});
+    }
     m_queue.Drain();
     EXPECT_EQ(m_errors, (std::vector<std::string>{"first", "unknown"}));
     EXPECT_EQ(threads.size(), 1U);
@@ -257,7 +256,7 @@ TEST_F(DispatchQueueTest, FailingTasksAreReportedAndTheThreadGoesOn) {
 TEST_F(DispatchQueueTest, PoolThreadsCannotWaitForThePool) {
     for (void (DispatchQueue::*operation)() : {&DispatchQueue::Drain, &DispatchQueue::Stop}) {
         std::promise<std::error_code> code;
-        Push(m_queue, [&] {
+        Push([&] {
             try {
                 (m_queue.*operation)();
                 code.set_value({});
@@ -267,71 +266,32 @@ TEST_F(DispatchQueueTest, PoolThreadsCannotWaitForThePool) {
         });
         EXPECT_EQ(code.get_future().get(), std::errc::resource_deadlock_would_occur);
     }
-    bool isRunning = false;
-    Push(m_queue, [&] { isRunning = true; });
+    Push([&] { ++m_calls; });
     m_queue.Drain();
-    EXPECT_TRUE(isRunning);
-}
-
-TEST_F(DispatchQueueTest, TasksMayPushTasks) {
-    std::atomic<int> calls{0};
-    std::function<void(int)> spread = [&](int depth) {
-        ++calls;
-        for (int child = 0; child < 2 && depth > 0; ++child) {
-            Push(m_queue, [&, depth] { spread(depth - 1); });
-        }
-    };
-    Push(m_queue, [&] { spread(9); });
-    m_queue.Drain();
-    EXPECT_EQ(calls, 1023);
+    EXPECT_EQ(m_calls, 1);
 }
 
 TEST_F(DispatchQueueTest, PushWithoutPoolFunctionThrowsAndTheTaskWaits) {
-    DispatchQueue queue;
-    std::atomic<int> calls{0};
-    try {
-        Push(queue, [&] { ++calls; });
-        ADD_FAILURE() << "no exception";
-    } catch (const CoreException& error) {
-        const std::string* const sentence = boost::get_error_info<Norvex::ErrorDescription>(error);
-        ASSERT_NE(sentence, nullptr);
-        EXPECT_EQ(*sentence, "Thread pool function not set");
-        const char* const* const function = boost::get_error_info<boost::throw_function>(error);
-        ASSERT_NE(function, nullptr);
-        EXPECT_STREQ(*function, "CreateThread");
-    }
-    EXPECT_EQ(queue.GetCounts().queued, 1U);
-    EXPECT_EQ(queue.GetCounts().threads, 0U);
-    queue.Drain();
-    EXPECT_EQ(calls, 1) << "the one who drains runs what has no thread";
-    EXPECT_THROW(Push(queue, [&] { ++calls; }), CoreException);
-    Start(queue);
-    Push(queue, [&] { ++calls; });
-    queue.Drain();
-    EXPECT_EQ(calls, 3);
-}
-
-TEST_F(DispatchQueueTest, TasksNeedAnObjectAndAFunction) {
-    EXPECT_THROW(m_queue.Push({}, [](Norvex::IRefCountable&) {}), CoreException);
+    EXPECT_THROW(m_queue.Push({}, [](Object&) {}), CoreException);
     EXPECT_THROW(m_queue.Push(MakeObject(), {}), CoreException);
-    EXPECT_EQ(m_queue.GetCounts().queued, 0U);
-}
-
-TEST_F(DispatchQueueTest, ThreadsThatEndWhileTasksArriveLoseNone) {
-    DispatchQueue queue({}, 1ms);
-    Start(queue);
-    std::atomic<int> calls{0};
-    std::vector<std::jthread> pushers;
-    for (int pusher = 0; pusher < 3; ++pusher) {
-        pushers.emplace_back([&, pusher] {
-            for (int task = 0; task < 200; ++task) {
-                Push(queue, [&] { ++calls; });
-                std::this_thread::sleep_for(std::chrono::microseconds(700 + 150 * pusher));
-            }
-        });
+    ExpectCounts(m_queue, 0, 0); // tasks need an object and a function
+    DispatchQueue queue;
+    try {
+        Push(queue, [&] { ++m_calls; });
+        FAIL();
+    } catch (const CoreException& error) {
+        EXPECT_EQ(*boost::get_error_info<Norvex::ErrorDescription>(error),
+                  "Thread pool function not set");
+        EXPECT_STREQ(*boost::get_error_info<boost::throw_function>(error), "CreateThread");
     }
-    pushers.clear();
-    ExpectSoon([&] { return calls == 600; }, "every task runs without a drain");
+    ExpectCounts(queue, 0, 1);
+    queue.Drain();
+    EXPECT_EQ(m_calls, 1) << "the one who drains runs what has no thread";
+    EXPECT_THROW(Push(queue, [&] { ++m_calls; }), CoreException);
+    Start(queue);
+    Push(queue, [&] { ++m_calls; });
+    queue.Drain();
+    EXPECT_EQ(m_calls, 3);
 }
 
 } // namespace

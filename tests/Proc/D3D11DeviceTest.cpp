@@ -48,7 +48,7 @@ TEST(D3D11DeviceTest, AttachTellsWhatIsMissing) {
     const auto raw = MakeRawDevice11();
     CComPtr<IDXGIDevice> dxgiDevice;
     ASSERT_EQ(raw.QueryInterface(&dxgiDevice), S_OK);
-    const FailingMethod<Slot::kDxgiDeviceGetAdapter> adapter(dxgiDevice, E_ACCESSDENIED);
+    const FailingMethod<&IDXGIDevice::GetAdapter> adapter(dxgiDevice, E_ACCESSDENIED);
     const auto attach = [&raw] { D11Device::Attach(raw); };
     ExpectFailure11(attach, "Failed to get DXGI adapter", "Attach", E_ACCESSDENIED);
     const InterfacePatch<ID3D11Device, IDXGIDevice> device(raw, nullptr);
@@ -97,7 +97,7 @@ TEST(D3D11DeviceTest, CreateAnswersWhatIsOnTheAdapterAndForAllThreads) {
     const auto raw = MakeRawDevice11();
     const auto isAnswered = [&](const LUID& difference, UINT flags) {
         const auto attached = [&] {
-            const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>
+            const MethodPatch<&IDXGIAdapter1::GetDesc1>
                 patch(adapter, [&](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
                     const HRESULT result = original(self, desc);
                     desc->AdapterLuid.LowPart += difference.LowPart;
@@ -106,7 +106,7 @@ TEST(D3D11DeviceTest, CreateAnswersWhatIsOnTheAdapterAndForAllThreads) {
                 });
             return D11Device::Attach(raw);
         }();
-        const MethodPatch<Slot::kDevice11GetCreationFlags, UINT(ID3D11Device*)> patch(
+        const MethodPatch<&ID3D11Device::GetCreationFlags> patch(
             raw, [&](auto original, ID3D11Device* self) { return original(self) | flags; });
         return D11Device::CreatePrimary() == attached;
     };
@@ -157,7 +157,7 @@ TEST(D3D11DeviceTest, LevelsAreTriedOneByOneDownwards) {
         << "nothing of the failure stayed in the registry";
 }
 
-template <std::size_t... slots>
+template <auto... slots>
 struct FailingMethods : FailingMethod<slots>... {
     FailingMethods(IUnknown* object, HRESULT result) : FailingMethod<slots>(object, result)... {}
 };
@@ -201,14 +201,14 @@ TEST(D3D11DeviceTest, EveryFailureNamesItsOperationAndTheAdapter) {
         ExpectFailure11(c.call, c.sentence, c.function, E_INVALIDARG);
     }
     resource = texture;
-    const FailingMethod<Slot::kDevice11GetDeviceRemovedReason> removed(device->Get(),
+    const FailingMethod<&ID3D11Device::GetDeviceRemovedReason> removed(device->Get(),
                                                                        DXGI_ERROR_DEVICE_HUNG);
-    const FailingMethods<Slot::kDevice11CreateBuffer, Slot::kDevice11CreateTexture2D,
-                         Slot::kDevice11CreateShaderResourceView,
-                         Slot::kDevice11CreateRenderTargetView,
-                         Slot::kDevice11CreateDepthStencilView, Slot::kDevice11CreateInputLayout,
-                         Slot::kDevice11CreateBlendState, Slot::kDevice11CreateDepthStencilState,
-                         Slot::kDevice11CreateRasterizerState, Slot::kDevice11CreateSamplerState>
+    const FailingMethods<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
+                         &ID3D11Device::CreateShaderResourceView,
+                         &ID3D11Device::CreateRenderTargetView,
+                         &ID3D11Device::CreateDepthStencilView, &ID3D11Device::CreateInputLayout,
+                         &ID3D11Device::CreateBlendState, &ID3D11Device::CreateDepthStencilState,
+                         &ID3D11Device::CreateRasterizerState, &ID3D11Device::CreateSamplerState>
         failures(device->Get(), DXGI_ERROR_DEVICE_REMOVED);
     for (const auto& c : cases) {
         const auto thrown = ExpectFailure11(c.call, c.sentence, c.function, DXGI_ERROR_DEVICE_HUNG);
@@ -221,7 +221,7 @@ TEST(D3D11DeviceTest, FormatQuestionsDoNotThrow) {
     const auto support = device->CheckFormatSupport(kRgba8);
     ASSERT_TRUE(support);
     EXPECT_TRUE(support->has(D3D11_FORMAT_SUPPORT_RENDER_TARGET));
-    const FailingMethod<Slot::kDevice11CheckFormatSupport> patch(device->Get(), E_FAIL);
+    const FailingMethod<&ID3D11Device::CheckFormatSupport> patch(device->Get(), E_FAIL);
     EXPECT_EQ(device->CheckFormatSupport(kRgba8), std::nullopt);
 }
 

@@ -70,8 +70,8 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
     EXPECT_EQ(shaderView.Format, kRgba8);
     EXPECT_EQ(shaderView.Texture2D.MipLevels, 1u);
 
-    const FailingMethod<Slot::kDevice11CreateRenderTargetView> noRender(Raw(), E_ACCESSDENIED);
-    const FailingMethod<Slot::kDevice11CreateShaderResourceView> noShader(Raw(), E_ACCESSDENIED);
+    const FailingMethod<&ID3D11Device::CreateRenderTargetView> noRender(Raw(), E_ACCESSDENIED);
+    const FailingMethod<&ID3D11Device::CreateShaderResourceView> noShader(Raw(), E_ACCESSDENIED);
     const auto thrown = ExpectFailure11([&] { D11RenderTexture2D(texture, {}); },
                                         "Failed to create render rarget view",
                                         "CreateRenderTargetView", E_ACCESSDENIED);
@@ -84,16 +84,16 @@ TEST_F(D3D11ResourceTest, ViewsTakeTheFormatTheyAreGiven) {
 // What sharing adds to a texture, which this system lacks: a keyed mutex and a handle.
 struct FakeSharing : FakeObject {
     FakeSharing() {
-        Set(Slot::kKeyedMutexAcquireSync, [](FakeSharing* self, UINT64 key, DWORD time) {
+        Set(SlotOf(&IDXGIKeyedMutex::AcquireSync), [](FakeSharing* self, UINT64 key, DWORD time) {
             self->acquired = {key, time};
             self->isAcquired.release();
             return self->answer;
         });
-        Set(Slot::kKeyedMutexReleaseSync, [](FakeSharing* self, UINT64 key) {
+        Set(SlotOf(&IDXGIKeyedMutex::ReleaseSync), [](FakeSharing* self, UINT64 key) {
             self->released = key;
             return self->answer;
         });
-        Set(Slot::kResource1CreateSharedHandle, [](FakeSharing* self, const SECURITY_ATTRIBUTES*,
+        Set(SlotOf(&IDXGIResource1::CreateSharedHandle), [](FakeSharing* self, const SECURITY_ATTRIBUTES*,
                                                    DWORD asked, LPCWSTR, HANDLE* handle) {
             self->access = asked;
             *handle = self;
@@ -112,9 +112,7 @@ TEST_F(D3D11ResourceTest, SharedTexturesNeedLevel11_1AndAKeyedMutex) {
     const D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(20, 10, kRgba8);
     const auto texture = s_device->CreateTexture2D(desc, nullptr);
     std::vector<UINT> miscFlags;
-    const MethodPatch<Slot::kDevice11CreateTexture2D,
-                      HRESULT(ID3D11Device*, const D3D11_TEXTURE2D_DESC*,
-                              const D3D11_SUBRESOURCE_DATA*, ID3D11Texture2D**)>
+    const MethodPatch<&ID3D11Device::CreateTexture2D>
         create(Raw(), [&](auto original, ID3D11Device* self, const D3D11_TEXTURE2D_DESC* asked,
                           const D3D11_SUBRESOURCE_DATA* data, ID3D11Texture2D** out) {
             miscFlags.push_back(asked->MiscFlags);
@@ -260,8 +258,7 @@ TEST_F(D3D11ResourceTest, MapPassesItsFlagsAndThrows) {
         const auto map = [&] { context.Map(unmappable, 0, D3D11_MAP_READ, {}); };
         EXPECT_LT(ThrownBy(map).result, 0) << "not for the CPU";
         std::vector<UINT> flags;
-        const MethodPatch<Slot::kContext11Map, HRESULT(ID3D11DeviceContext*, ID3D11Resource*, UINT,
-                                                       D3D11_MAP, UINT, D3D11_MAPPED_SUBRESOURCE*)>
+        const MethodPatch<&ID3D11DeviceContext::Map>
             patch(GetImmediateContext(Raw()),
                   [&flags](auto, ID3D11DeviceContext*, ID3D11Resource*, UINT, D3D11_MAP, UINT flag,
                            D3D11_MAPPED_SUBRESOURCE*) {

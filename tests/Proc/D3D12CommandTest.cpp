@@ -33,20 +33,17 @@ using ObjectPtr = boost::intrusive_ptr<IRefCountable>;
 using ListPtr = boost::intrusive_ptr<D12GraphicsCommandList>;
 using EventPtr = boost::intrusive_ptr<D12CompletionEvent>;
 using ListResourceBarrier =
-    MethodPatch<Slot::kListResourceBarrier,
-                void(ID3D12GraphicsCommandList*, UINT, const D3D12_RESOURCE_BARRIER*)>;
+    MethodPatch<&ID3D12GraphicsCommandList::ResourceBarrier>;
 using CreateCommandAllocator =
-    MethodPatch<Slot::kDeviceCreateCommandAllocator,
-                HRESULT(ID3D12Device*, D3D12_COMMAND_LIST_TYPE, REFIID, void**)>;
-using AllocatorReset = MethodPatch<Slot::kCommandAllocatorReset, HRESULT(ID3D12CommandAllocator*)>;
-using ExecuteCommandLists = MethodPatch<Slot::kQueueExecuteCommandLists,
-                                        void(ID3D12CommandQueue*, UINT, ID3D12CommandList* const*)>;
+    MethodPatch<&ID3D12Device::CreateCommandAllocator>;
+using AllocatorReset = MethodPatch<&ID3D12CommandAllocator::Reset>;
+using ExecuteCommandLists = MethodPatch<&ID3D12CommandQueue::ExecuteCommandLists>;
 using QueueSignal =
-    MethodPatch<Slot::kQueueSignal, HRESULT(ID3D12CommandQueue*, ID3D12Fence*, UINT64)>;
+    MethodPatch<&ID3D12CommandQueue::Signal>;
 using SetEventOnCompletion =
-    MethodPatch<Slot::kFenceSetEventOnCompletion, HRESULT(ID3D12Fence*, UINT64, HANDLE)>;
+    MethodPatch<&ID3D12Fence::SetEventOnCompletion>;
 using GetDeviceRemovedReason =
-    MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
+    MethodPatch<&ID3D12Device::GetDeviceRemovedReason>;
 
 // Something whose life can be watched.
 class Tracked : public RefCountImpl {
@@ -573,13 +570,13 @@ TEST_F(D3D12CommandTest, RefusedWaitsAndSignals) {
     allocator->Wait(gate);
     Record(allocator);
     {
-        const FailingMethod<Slot::kQueueWait> patch(Queue()->Get(), E_OUTOFMEMORY);
+        const FailingMethod<&ID3D12CommandQueue::Wait> patch(Queue()->Get(), E_OUTOFMEMORY);
         ExpectFailure12([&] { allocator->Execute(); }, "Failed to wait for fence", "Execute",
                         E_OUTOFMEMORY);
         EXPECT_TRUE(allocator->IsCompleted()) << "nothing was submitted";
     }
     {
-        const FailingMethod<Slot::kQueueSignal> patch(Queue()->Get(), E_OUTOFMEMORY);
+        const FailingMethod<&ID3D12CommandQueue::Signal> patch(Queue()->Get(), E_OUTOFMEMORY);
         const auto fails = [](const auto& call, const char* function) {
             ExpectFailure12(call, "Failed to signal fence", function, E_OUTOFMEMORY);
         };
@@ -591,7 +588,7 @@ TEST_F(D3D12CommandTest, RefusedWaitsAndSignals) {
     }
     EXPECT_EQ(m_alive, 1);
     {
-        const FailingMethod<Slot::kFenceSetEventOnCompletion> patch(gate->GetFence(),
+        const FailingMethod<&ID3D12Fence::SetEventOnCompletion> patch(gate->GetFence(),
                                                                     E_OUTOFMEMORY);
         const auto fails = [](const auto& call) {
             ExpectFailure12(call, "Failed to set event on completion", "WaitComplete",

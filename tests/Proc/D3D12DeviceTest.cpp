@@ -10,8 +10,8 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
+#include "tests/support/DeviceTest.h"
 #include "tests/support/FakeObject.h"
-#include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
@@ -20,23 +20,20 @@ namespace {
 using Norvex::Test::ExpectFailure12;
 using Norvex::Test::MethodPatch;
 using Norvex::Test::SentenceOf;
-namespace Slot = Norvex::Test::Slot;
 
-using CheckFeatureSupport = MethodPatch<Slot::kDeviceCheckFeatureSupport,
-                                        HRESULT(ID3D12Device*, D3D12_FEATURE, void*, UINT)>;
-using GetDeviceRemovedReason =
-    MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
+using CheckFeatureSupport = MethodPatch<&ID3D12Device::CheckFeatureSupport>;
+constexpr auto kDirect = D3D12_COMMAND_LIST_TYPE_DIRECT;
 
-TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
+class D3D12DeviceTest : public Norvex::Test::DeviceTest {};
+
+TEST_F(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
     HRESULT levels = DXGI_ERROR_UNSUPPORTED;
     D3D_FEATURE_LEVEL highest = {};
     unsigned refused = 0;
     std::vector<D3D_ROOT_SIGNATURE_VERSION> asked;
-    const auto other = D12Device::CreatePrimary();
-    const GetDeviceRemovedReason removed(other->Get(), [](auto...) { return E_FAIL; });
-    const CheckFeatureSupport patch(other->Get(), [&](auto original, ID3D12Device* self,
-                                                      D3D12_FEATURE feature, void* data,
-                                                      UINT size) {
+    const Norvex::Test::FailingMethod<&ID3D12Device::GetDeviceRemovedReason> removed(Raw(), E_FAIL);
+    const CheckFeatureSupport patch(Raw(), [&](auto original, auto* self, auto feature, void* data,
+                                               UINT size) {
         if (feature == D3D12_FEATURE_FEATURE_LEVELS) {
             auto& wanted = *static_cast<D3D12_FEATURE_DATA_FEATURE_LEVELS*>(data);
             highest = wanted.pFeatureLevelsRequested[0];
@@ -69,66 +66,54 @@ TEST(D3D12DeviceTest, CapabilitiesAreProbedDownwards) {
                     E_ACCESSDENIED);
 }
 
-TEST(D3D12DeviceTest, FormatQuestionsDoNotThrow) {
-    const auto device = D12Device::CreatePrimary();
-    EXPECT_EQ(device->GetLevelName(), "11.1");
-    EXPECT_TRUE(device->CheckFormatSupport(DXGI_FORMAT_R8G8B8A8_UNORM)
+TEST_F(D3D12DeviceTest, FormatQuestionsDoNotThrow) {
+    EXPECT_EQ(s_device->GetLevelName(), "11.1");
+    EXPECT_TRUE(s_device->CheckFormatSupport(DXGI_FORMAT_R8G8B8A8_UNORM)
                     .first.has(D3D12_FORMAT_SUPPORT1_RENDER_TARGET));
-    EXPECT_EQ(device->GetFormatPlaneCount(DXGI_FORMAT_R8G8B8A8_UNORM), 1u);
-    const CheckFeatureSupport patch(device->Get(), [](auto, ID3D12Device*, D3D12_FEATURE, void*,
-                                                      UINT) { return E_INVALIDARG; });
-    EXPECT_TRUE(device->CheckFormatSupport(DXGI_FORMAT_NV12).first.empty());
-    EXPECT_EQ(device->GetFormatPlaneCount(DXGI_FORMAT_NV12), std::nullopt);
+    EXPECT_EQ(s_device->GetFormatPlaneCount(DXGI_FORMAT_R8G8B8A8_UNORM), 1u);
+    const CheckFeatureSupport patch(Raw(), [](auto...) { return E_INVALIDARG; });
+    EXPECT_TRUE(s_device->CheckFormatSupport(DXGI_FORMAT_NV12).first.empty());
+    EXPECT_EQ(s_device->GetFormatPlaneCount(DXGI_FORMAT_NV12), std::nullopt);
 }
 
-TEST(D3D12DeviceTest, BuffersAndHandlesAreChecked) {
-    const auto device = D12Device::CreatePrimary();
+TEST_F(D3D12DeviceTest, BuffersAndHandlesAreChecked) {
+    constexpr auto kUploadType = D3D12_HEAP_TYPE_UPLOAD;
+    constexpr auto kReadbackType = D3D12_HEAP_TYPE_READBACK;
     const std::uint8_t data[16] = {1, 2, 3};
-    const struct {
-        D12BufferDesc desc;
-        const char* sentence;
-        long result = E_FAIL;
-    } cases[] = {
-        {{.heapType = D3D12_HEAP_TYPE_UPLOAD, .size = 16}, "Invalid initial state"},
-        {{.heapType = D3D12_HEAP_TYPE_READBACK, .size = 16}, "Invalid initial state"},
-        {{.heapType = D3D12_HEAP_TYPE_READBACK,
-          .size = 16,
-          .initialState = D3D12_RESOURCE_STATE_COPY_DEST,
-          .initialData = data},
-         "Invalid heap type"},
-        {{.size = 0}, "Failed to create buffer", E_INVALIDARG},
-        {{.size = 1ull << 44}, "Failed to create buffer", E_OUTOFMEMORY},
+    const auto refuse = [](const D12BufferDesc& desc, const char* sentence, long result = E_FAIL) {
+        ExpectFailure12([&] { s_device->CreateBuffer(desc); }, sentence, "CreateBuffer", result);
     };
-    for (const auto& c : cases) {
-        ExpectFailure12([&] { device->CreateBuffer(c.desc); }, c.sentence, "CreateBuffer",
-                        c.result);
-    }
-    EXPECT_NE(device->CreateBuffer({.heapType = D3D12_HEAP_TYPE_UPLOAD,
-                                    .size = 16,
-                                    .initialState = D3D12_RESOURCE_STATE_GENERIC_READ,
-                                    .initialData = data}),
-              nullptr);
-    ExpectFailure12([&] { device->CreateSharedHandle(nullptr); }, "Failed to create shared handle",
+    refuse({.heapType = kUploadType, .size = 16}, "Invalid initial state");
+    refuse({.heapType = kReadbackType, .size = 16}, "Invalid initial state");
+    D12BufferDesc desc = {.heapType = kReadbackType, .size = 16};
+    desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
+    desc.initialData = data;
+    refuse(desc, "Invalid heap type");
+    refuse({.size = 0}, "Failed to create buffer", E_INVALIDARG);
+    refuse({.size = 1ull << 44}, "Failed to create buffer", E_OUTOFMEMORY);
+    desc.heapType = kUploadType;
+    desc.initialState = D3D12_RESOURCE_STATE_GENERIC_READ;
+    EXPECT_NE(s_device->CreateBuffer(desc), nullptr);
+    ExpectFailure12([&] { s_device->CreateSharedHandle(nullptr); }, "Failed to create shared handle",
                     "CreateSharedHandle", E_INVALIDARG);
 }
 
-TEST(D3D12DeviceTest, FootprintsAreLimitedToTheSubresourcesOfDirect3D) {
-    const auto device = D12Device::CreatePrimary();
+TEST_F(D3D12DeviceTest, FootprintsAreLimitedToTheSubresourcesOfDirect3D) {
     const auto desc = CD3DX12_RESOURCE_DESC::Tex2D(DXGI_FORMAT_R8G8B8A8_UNORM, 70, 3, 2, 1);
     std::vector<D12PlacedSubResourceFootprint> footprints(5);
     std::uint64_t total = 0;
-    device->GetCopyableFootprints(desc, 0, 2, 512, footprints, total);
+    s_device->GetCopyableFootprints(desc, 0, 2, 512, footprints, total);
     ASSERT_EQ(footprints.size(), 2u);
     EXPECT_EQ(footprints[0].Offset, 512u);
     EXPECT_EQ(footprints[0].Footprint.RowPitch, 512u);
     EXPECT_EQ(footprints[1].NumRows, 3u);
     EXPECT_EQ(footprints[1].RowSizeInBytes, 280u);
-    device->GetCopyableFootprints(desc, 0, 0, 0, footprints, total);
+    s_device->GetCopyableFootprints(desc, 0, 0, 0, footprints, total);
     EXPECT_TRUE(footprints.empty());
     constexpr unsigned kLast = D3D12_REQ_SUBRESOURCES - 1;
     const auto ask = [&](unsigned first, unsigned count) {
         return SentenceOf(
-            [&] { device->GetCopyableFootprints(desc, first, count, 0, footprints, total); });
+            [&] { s_device->GetCopyableFootprints(desc, first, count, 0, footprints, total); });
     };
     EXPECT_EQ(ask(kLast, 1), "(nothing)");
     EXPECT_EQ(ask(kLast, 2), "Subresource index out of range");
@@ -136,8 +121,7 @@ TEST(D3D12DeviceTest, FootprintsAreLimitedToTheSubresourcesOfDirect3D) {
     EXPECT_EQ(ask(1, ~0u), "Subresource index out of range");
 }
 
-TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
-    constexpr auto kDirect = D3D12_COMMAND_LIST_TYPE_DIRECT;
+TEST_F(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     const auto device = D12Device::CreatePrimary();
     D12AllocatorState first = device->CreateCommandAllocator(kDirect);
     D12AllocatorState second = device->CreateCommandAllocator(kDirect);
@@ -165,12 +149,9 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     // A new one, of any type; this system has none, so that the answer is the test's.
     Norvex::Test::FakeObject made;
     HRESULT answer = S_OK;
-    using CreateCommandList1 = MethodPatch<Slot::kDevice4CreateCommandList1,
-                                           HRESULT(ID3D12Device4*, UINT, D3D12_COMMAND_LIST_TYPE,
-                                                   D3D12_COMMAND_LIST_FLAGS, REFIID, void**)>;
     CComPtr<ID3D12Device4> device4;
     ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device4)), S_OK);
-    const CreateCommandList1 patch(
+    const MethodPatch<&ID3D12Device4::CreateCommandList1> patch(
         device4, [&](auto, auto, UINT nodes, auto type, auto flags, REFIID riid, void** out) {
             EXPECT_EQ(nodes, 0u);
             EXPECT_EQ(type, D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE);
@@ -184,7 +165,7 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     };
     EXPECT_EQ(makeClosed().p, made.As<ID3D12CommandList>());
     answer = E_NOTIMPL;
-    Norvex::Test::ExpectFailure12(makeClosed, "Failed to create command list",
+    ExpectFailure12(makeClosed, "Failed to create command list",
                                   "CreateClosedCommandList", E_NOTIMPL);
     EXPECT_EQ(SentenceOf([&] {
                   device->CreateCommandList(D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE, allocator,
@@ -202,8 +183,7 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
     }
     queries.clear();
     const D12PoolSizes sizes = device->GetPoolSizes();
-    EXPECT_EQ(sizes.commandAllocators, 0u);
-    EXPECT_EQ(sizes.commandLists, 0u);
+    EXPECT_EQ(sizes.commandAllocators + sizes.commandLists, 0u);
     EXPECT_EQ(sizes.descriptorHeaps, 1u);
     EXPECT_EQ(sizes.queryHeaps, 1u);
     EXPECT_EQ(sizes.buffers, 2u);
@@ -212,8 +192,7 @@ TEST(D3D12DeviceTest, ListsAndAllocatorsAreReusedLastInFirstOut) {
 
 // After a time of much work at once a pool keeps what steady work needs, and that makes nothing
 // new.
-TEST(D3D12DeviceTest, PoolsShrink) {
-    constexpr auto kDirect = D3D12_COMMAND_LIST_TYPE_DIRECT;
+TEST_F(D3D12DeviceTest, PoolsShrink) {
     const auto device = D12Device::CreatePrimary();
     const auto use = [&](int count) {
         std::vector<D12AllocatorState> states;
@@ -227,8 +206,7 @@ TEST(D3D12DeviceTest, PoolsShrink) {
     use(40);
     EXPECT_EQ(device->GetPoolSizes().commandAllocators, 40u);
     int made = 0;
-    const MethodPatch<Slot::kDeviceCreateCommandAllocator,
-                      HRESULT(ID3D12Device*, D3D12_COMMAND_LIST_TYPE, REFIID, void**)>
+    const MethodPatch<&ID3D12Device::CreateCommandAllocator>
         patch(device->Get(), [&](auto original, auto... arguments) {
             ++made;
             return original(arguments...);

@@ -138,12 +138,10 @@ struct Bench11 {
                 desc->Format = self == planar.p ? format.planar : desc->Format;
             });
         using View = D3D11_RENDER_TARGET_VIEW_DESC;
-        const MethodPatch<Slot::kDevice11CreateRenderTargetView,
-                          HRESULT(ID3D11Device*, ID3D11Resource*, const View*,
-                                  ID3D11RenderTargetView**)>
-            makeView(canvas.GetDevice()->Get(), [&](auto original, ID3D11Device* self,
-                                                    ID3D11Resource* resource, const View* view,
-                                                    ID3D11RenderTargetView** out) {
+        const MethodPatch<&ID3D11Device::CreateRenderTargetView> makeView(
+            canvas.GetDevice()->Get(),
+            [&](auto original, ID3D11Device* self, ID3D11Resource* resource, const View* view,
+                ID3D11RenderTargetView** out) {
                 const bool isChroma = resource == planar.p && view->Format == format.chroma;
                 return original(self, isChroma ? chroma.p : resource, view, out);
             });
@@ -199,20 +197,17 @@ struct Bench12 {
     template <class Call>
     void AsPlanar(const Texture& planar, const Texture& chroma, const Format& format,
                   const Call& call) {
-        const MethodPatch<Slot::kResourceGetDesc,
-                          D3D12_RESOURCE_DESC*(ID3D12Resource*, D3D12_RESOURCE_DESC*)>
-            describe(planar, [&](auto original, ID3D12Resource* self, D3D12_RESOURCE_DESC* desc) {
+        const MethodPatch<&ID3D12Resource::GetDesc> describe(
+            planar, [&](auto original, ID3D12Resource* self, D3D12_RESOURCE_DESC* desc) {
                 original(self, desc);
                 desc->Format = self == planar.p ? format.planar : desc->Format;
                 return desc;
             });
         using View = D3D12_RENDER_TARGET_VIEW_DESC;
-        const MethodPatch<Slot::kDeviceCreateRenderTargetView,
-                          void(ID3D12Device*, ID3D12Resource*, const View*,
-                               D3D12_CPU_DESCRIPTOR_HANDLE)>
-            makeView(canvas.GetDevice()->Get(), [&](auto original, ID3D12Device* self,
-                                                    ID3D12Resource* resource, const View* view,
-                                                    D3D12_CPU_DESCRIPTOR_HANDLE handle) {
+        const MethodPatch<&ID3D12Device::CreateRenderTargetView> makeView(
+            canvas.GetDevice()->Get(),
+            [&](auto original, ID3D12Device* self, ID3D12Resource* resource, const View* view,
+                D3D12_CPU_DESCRIPTOR_HANDLE handle) {
                 View plane = view != nullptr ? *view : View{};
                 const bool isChroma = resource == planar.p && plane.Texture2D.PlaneSlice == 1;
                 plane.Texture2D.PlaneSlice = 0;
@@ -417,11 +412,8 @@ TEST(D12YUVConverterTest, KeepsItsSetUp) {
     const auto source = bench.MakeSource(noise, kSourceFormat);
     const auto luma = bench.MakeTarget({16, 8}, DXGI_FORMAT_R8_UNORM);
     const auto chroma = bench.MakeTarget({8, 4}, DXGI_FORMAT_R8G8_UNORM);
-    const MethodPatch<Slot::kDeviceCreateCommittedResource,
-                      HRESULT(ID3D12Device*, const D3D12_HEAP_PROPERTIES*, D3D12_HEAP_FLAGS,
-                              const D3D12_RESOURCE_DESC*, D3D12_RESOURCE_STATES,
-                              const D3D12_CLEAR_VALUE*, REFIID, void**)>
-        count(bench.canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
+    const MethodPatch<&ID3D12Device::CreateCommittedResource> count(
+        bench.canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
             ++resources;
             return original(arguments...);
         });
@@ -446,21 +438,20 @@ TEST(D12YUVConverterTest, RecordsOnlyTheTransitionsThatAreDue) {
     const auto probe = bench.canvas.GetQueue()->CreateCommandAllocator();
     const auto probeList = probe->CreateCommandList(nullptr);
     Transitions transitions;
-    const MethodPatch<Slot::kListResourceBarrier,
-                      void(ID3D12GraphicsCommandList*, UINT, const D3D12_RESOURCE_BARRIER*)>
-        record(probeList->GetGraphics(),
-               [&](auto original, auto* self, UINT number, const D3D12_RESOURCE_BARRIER* barriers) {
-                   for (UINT i = 0; i < number; ++i) {
-                       const auto& [resource, subresource, before, after] = barriers[i].Transition;
-                       const char* name = resource == source.p   ? "source"
-                                          : resource == luma.p   ? "luma"
-                                          : resource == chroma.p ? "chroma"
-                                                                 : "";
-                       transitions.push_back(fmt::format(
-                           "{} {} to {}", name, static_cast<int>(before), static_cast<int>(after)));
-                   }
-                   original(self, number, barriers);
-               });
+    const MethodPatch<&ID3D12GraphicsCommandList::ResourceBarrier> record(
+        probeList->GetGraphics(),
+        [&](auto original, auto* self, UINT number, const D3D12_RESOURCE_BARRIER* barriers) {
+            for (UINT i = 0; i < number; ++i) {
+                const auto& [resource, subresource, before, after] = barriers[i].Transition;
+                const char* name = resource == source.p   ? "source"
+                                   : resource == luma.p   ? "luma"
+                                   : resource == chroma.p ? "chroma"
+                                                          : "";
+                transitions.push_back(fmt::format("{} {} to {}", name, static_cast<int>(before),
+                                                  static_cast<int>(after)));
+            }
+            original(self, number, barriers);
+        });
     const Transitions own = {" 0 to 4", " 4 to 128", " 128 to 0"}; // the intermediate texture
     const auto with = [&own](Transitions more) {
         more.insert(more.end(), own.begin(), own.end());

@@ -87,14 +87,13 @@ TEST_P(SwapChainHDRTest, SwitchesToScRGBAndBack) {
 TEST_P(SwapChainFormatTest, TakesTenBitsWhereFloatingPointIsNoTarget) {
     const auto device11 = DX::D11Device::CreatePrimary();
     const auto device12 = DX::D12Device::CreatePrimary();
-    const MethodPatch<Slot::kDevice11CheckFormatSupport, HRESULT(ID3D11Device*, DXGI_FORMAT, UINT*)>
+    const MethodPatch<&ID3D11Device::CheckFormatSupport>
         no11(device11->Get(),
              [](auto original, ID3D11Device* self, DXGI_FORMAT format, UINT* support) {
                  return format == DXGI_FORMAT_R16G16B16A16_FLOAT ? E_FAIL
                                                                  : original(self, format, support);
              });
-    const MethodPatch<Slot::kDeviceCheckFeatureSupport,
-                      HRESULT(ID3D12Device*, D3D12_FEATURE, void*, UINT)>
+    const MethodPatch<&ID3D12Device::CheckFeatureSupport>
         no12(device12->Get(), [](auto original, ID3D12Device* self, D3D12_FEATURE feature,
                                  void* data, UINT size) {
             const bool isRefused = feature == D3D12_FEATURE_FORMAT_SUPPORT &&
@@ -239,7 +238,7 @@ TEST_P(SwapChainHDRTest, ALookThatFailedIsTakenAgain) {
     m_display.Switch(false);
     m_window.MoveTo(60, 60);
     {
-        const FailingMethod<Slot::kFactoryEnumAdapters1> enumerate(factory, E_ACCESSDENIED);
+        const FailingMethod<&IDXGIFactory1::EnumAdapters1> enumerate(factory, E_ACCESSDENIED);
         EXPECT_EQ(SentenceOf([&] { EnableHDR(); }), "Failed to obtain adapter: 0");
         ExpectOutput(true);
     }

@@ -116,7 +116,7 @@ TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
             return S_OK;
         });
     CComPtr<ID3D11DeviceContext> context;
-    std::optional<MethodPatch<Slot::kContext11Flush, void(ID3D11DeviceContext*)>> flush;
+    std::optional<MethodPatch<&ID3D11DeviceContext::Flush>> flush;
     bool isFlushed = false;
     const auto isBound = [&] {
         CComPtr<ID3D11RenderTargetView> bound;

@@ -21,7 +21,7 @@ using namespace Norvex::Test;
 struct Generation11 {
     using Device = D11Device;
     using Raw = ID3D11Device;
-    static constexpr std::size_t kGetDeviceRemovedReason = Slot::kDevice11GetDeviceRemovedReason;
+    static constexpr auto kGetDeviceRemovedReason = &ID3D11Device::GetDeviceRemovedReason;
 
     static auto CreateOnAdapterOf(Device&) {
         return Device::Create(DXGIFactory::Create()->GetPrimaryAdapter());
@@ -31,7 +31,7 @@ struct Generation11 {
 struct Generation12 {
     using Device = D12Device;
     using Raw = ID3D12Device;
-    static constexpr std::size_t kGetDeviceRemovedReason = Slot::kDeviceGetDeviceRemovedReason;
+    static constexpr auto kGetDeviceRemovedReason = &ID3D12Device::GetDeviceRemovedReason;
 
     static auto CreateOnAdapterOf(Device& device) {
         return Device::Create(device.GetAdapterLuid());
@@ -52,7 +52,7 @@ TYPED_TEST_P(DeviceRegistryTest, OneDeviceAnAdapterWhileItLives) {
     EXPECT_EQ(device->GetRefCount(), 1u) << "nothing kept a reference";
     const auto primary = DXGIFactory::Create()->GetPrimaryAdapter();
     for (const LUID& difference : {LUID{1, 0}, LUID{0, 1}}) {
-        const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>
+        const MethodPatch<&IDXGIAdapter1::GetDesc1>
             patch(primary.Get(), [&](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
                 const HRESULT result = original(self, desc);
                 desc->AdapterLuid.LowPart ^= difference.LowPart;
@@ -96,7 +96,7 @@ TYPED_TEST_P(DeviceRegistryTest, AnotherAdapterHasAnotherDevice) {
     using Device = typename TypeParam::Device;
     const auto device = Device::CreatePrimary();
     const auto adapter = DXGIFactory::Create()->GetPrimaryAdapter();
-    const MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)> patch(
+    const MethodPatch<&IDXGIAdapter1::GetDesc1> patch(
         adapter.Get(), [](auto original, auto* self, auto* desc) {
             const HRESULT result = original(self, desc);
             desc->AdapterLuid.HighPart ^= 1;

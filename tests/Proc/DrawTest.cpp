@@ -390,7 +390,7 @@ protected:
     // Fill, image draw, conversion, each by a new drawer.
     std::vector<Draw> MakeDraws();
     // Has each call of the method fail once in a draw, the drawer's first or second.
-    template <std::size_t kSlot, class... Arguments>
+    template <auto method>
     void FailEachCall(IUnknown* object, bool isFirst);
 
     Canvas m_canvas;
@@ -448,12 +448,13 @@ std::vector<D3D12DrawTest::Draw> D3D12DrawTest::MakeDraws() {
             }};
 }
 
-template <std::size_t kSlot, class... Arguments>
+template <auto method>
 void D3D12DrawTest::FailEachCall(IUnknown* object, bool isFirst) {
     for (std::size_t kind = 0; kind < 3; ++kind) {
         bool failed = true;
         for (int failing = 1; failed; ++failing) {
-            SCOPED_TRACE(fmt::format("method {}, drawer {}, call {}", kSlot, kind, failing));
+            SCOPED_TRACE(
+                fmt::format("method {}, drawer {}, call {}", SlotOf(method), kind, failing));
             const Draw draw = MakeDraws()[kind];
             auto allocator = MakeAllocator();
             if (!isFirst) {
@@ -464,10 +465,9 @@ void D3D12DrawTest::FailEachCall(IUnknown* object, bool isFirst) {
             int calls = 0;
             Thrown thrown;
             {
-                const MethodPatch<kSlot, HRESULT(Arguments...)> patch(
-                    object, [&](auto original, Arguments... arguments) {
-                        return ++calls == failing ? E_ABORT : original(arguments...);
-                    });
+                const MethodPatch<method> patch(object, [&](auto original, auto&&... arguments) {
+                    return ++calls == failing ? E_ABORT : original(arguments...);
+                });
                 thrown = ThrownBy([&] { draw(allocator); });
             }
             failed = calls >= failing;
@@ -487,13 +487,10 @@ TEST_F(D3D12DrawTest, AFailureLeavesTheAllocatorAsItWas) {
     const auto probe = MakeAllocator();
     const auto list = probe->CreateCommandList(nullptr);
     list->Close();
-    FailEachCall<Slot::kDeviceCreateCommittedResource, ID3D12Device*, const D3D12_HEAP_PROPERTIES*,
-                 D3D12_HEAP_FLAGS, const D3D12_RESOURCE_DESC*, D3D12_RESOURCE_STATES,
-                 const D3D12_CLEAR_VALUE*, REFIID, void**>(Device()->Get(), true);
-    FailEachCall<Slot::kResourceMap, ID3D12Resource*, UINT, const D3D12_RANGE*, void**>(
-        m_target->GetFirstResource(), true);
+    FailEachCall<&ID3D12Device::CreateCommittedResource>(Device()->Get(), true);
+    FailEachCall<&ID3D12Resource::Map>(m_target->GetFirstResource(), true);
     // Not the first draw: a texture whose first list is dropped stays without a layout on vkd3d.
-    FailEachCall<Slot::kListClose, ID3D12GraphicsCommandList*>(list->GetGraphics(), false);
+    FailEachCall<&ID3D12GraphicsCommandList::Close>(list->GetGraphics(), false);
 }
 
 TEST_F(D3D12DrawTest, OneDrawServesSeveralThreads) {

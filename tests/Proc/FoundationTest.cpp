@@ -10,13 +10,14 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
-#include "tests/support/ImportPatch.h"
+#include "tests/support/Canvas.h"
+#include "tests/support/Device11.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/MethodPatch.h"
 #include "tests/support/RecordingTracker.h"
 #include "tests/support/TemporaryKey.h"
 #include "tests/support/TestWindow.h"
 #include "tests/support/Thrown.h"
+#include "tests/support/Words.h"
 
 namespace Norvex::DX {
 namespace {
@@ -27,12 +28,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-using GetDeviceRemovedReason =
-    MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)>;
-using QueryInterface = MethodPatch<Slot::kQueryInterface, HRESULT(ID3D12Device*, REFIID, void**)>;
-using GetDesc1 = MethodPatch<Slot::kAdapterGetDesc1, HRESULT(IDXGIAdapter1*, DXGI_ADAPTER_DESC1*)>;
-using EnumAdapters1 =
-    MethodPatch<Slot::kFactoryEnumAdapters1, HRESULT(IDXGIFactory1*, UINT, IDXGIAdapter1**)>;
+using GetDesc1 = MethodPatch<&IDXGIAdapter1::GetDesc1>;
 
 constexpr auto kInvalidCall = static_cast<long>(0x887A0001);
 
@@ -68,7 +64,7 @@ TEST(ResultTest, AResultIsCapturedFromItsDevice) {
     const auto device = D12Device::CreatePrimary();
     const LogCapture log;
     {
-        const QueryInterface unasked(device->Get(), [](auto, auto...) -> HRESULT {
+        const MethodPatch<kQueryInterface> unasked(device->Get(), [](auto...) -> HRESULT {
             ADD_FAILURE() << "nobody asks for messages without debug mode";
             return E_NOINTERFACE;
         });
@@ -82,35 +78,30 @@ TEST(ResultTest, AResultIsCapturedFromItsDevice) {
         EXPECT_EQ(result.value().adapter, nullptr);
         EXPECT_GT(result.value().memoryInfo->physicalTotal, 0u);
     }
-    const GetDeviceRemovedReason removed(device->Get(),
-                                         [](auto, ID3D12Device*) { return E_OUTOFMEMORY; });
+    const FailingMethod<&ID3D12Device::GetDeviceRemovedReason> removed(device->Get(),
+                                                                       E_OUTOFMEMORY);
     const HResult removal(DXGI_ERROR_DEVICE_REMOVED, device->Get());
     EXPECT_EQ(removal.value().result, E_OUTOFMEMORY);
     EXPECT_EQ(removal.value().memoryInfo, nullptr) << "the call itself did not run out of memory";
-    const ImportPatch refusal(L"NorvexHost.dll", "GlobalMemoryStatusEx",
-                              [](void*) { return FALSE; });
+    const ImportPatch refusal(
+        L"NorvexHost.dll", "GlobalMemoryStatusEx", [](void*) { return FALSE; });
     EXPECT_EQ(HResult(E_OUTOFMEMORY).value().memoryInfo, nullptr) << "the system does not tell";
     EXPECT_THAT(log.GetEntries(), testing::IsEmpty());
 }
 
-TEST(ExceptionTest, ClassesSayWhatTheyAre) {
-    EXPECT_STREQ(DirectXException().what(), "DirectX exception");
+TEST(ExceptionTest, SaysWhatItIsWithPlaceAndStack) {
     EXPECT_STREQ(DirectX11Exception().what(), "DirectX 11 exception");
     EXPECT_STREQ(DirectX12Exception().what(), "DirectX 12 exception");
-    EXPECT_STREQ(D12EncoderException().what(), "DirectX 12 encoder exception");
-    EXPECT_EQ(DirectXException().GetResult(), E_FAIL);
     EXPECT_EQ(DirectXException().GetResultDescription(), "Undefined result");
     const auto exception = D12EncoderException() << HResult(kInvalidCall);
+    EXPECT_STREQ(exception.what(), "DirectX 12 encoder exception");
     EXPECT_EQ(exception.GetResult(), kInvalidCall);
     EXPECT_EQ(boost::get_error_info<ErrorResult>(exception)->result, kInvalidCall);
-}
-
-TEST(ExceptionTest, AThrowCarriesPlaceAndStack) {
     try {
         ConvertColorSpace(DXGI_COLOR_SPACE_CUSTOM);
         FAIL();
-    } catch (const std::exception& e) {
-        EXPECT_STREQ(e.what(), "DirectX exception");
+    } catch (const DirectXException& e) {
+        EXPECT_EQ(e.GetResult(), E_FAIL);
         EXPECT_STREQ(*boost::get_error_info<boost::throw_file>(e),
                      "Proc/DirectX/Manager/CommonTypes.cpp");
         const std::string stack = *boost::get_error_info<ErrorCallStack>(e);
@@ -164,12 +155,13 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnownWhateverTheLocale) {
 }
 
 TEST(ValueTypeTest, ColorSpacesConvert) {
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709),
-              (Conf::ColorSpace{1, 13, 1}));
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G10_NONE_P709),
-              (Conf::ColorSpace{1, 8, 1}));
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020),
-              (Conf::ColorSpace{9, 16, 9}));
+    const std::pair<DXGI_COLOR_SPACE_TYPE, Conf::ColorSpace> cases[] = {
+        {DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709, {1, 13, 1}},
+        {DXGI_COLOR_SPACE_RGB_FULL_G10_NONE_P709, {1, 8, 1}},
+        {DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020, {9, 16, 9}}};
+    for (const auto& [type, expected] : cases) {
+        EXPECT_EQ(ConvertColorSpace(type), expected);
+    }
     ExpectFailure([] { ConvertColorSpace(DXGI_COLOR_SPACE_CUSTOM); }, "Unknown DXGI color space",
                   "ConvertColorSpace");
 }
@@ -194,40 +186,36 @@ TEST(ApiTest, RootSignaturesSerialiseUpToTheVersionAskedFor) {
     desc.Init_1_1(3, parameters, 0, nullptr,
                   D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT);
 
-    const auto serialize = [&desc](int version, CComPtr<ID3D10Blob>& blob) {
+    const auto serialize = [&desc](int version) {
+        CComPtr<ID3D10Blob> blob;
         CComPtr<ID3D10Blob> errors;
-        return API::GetInstance().SerializeRootSignature(
+        const HRESULT result = API::GetInstance().SerializeRootSignature(
             &desc, static_cast<D3D_ROOT_SIGNATURE_VERSION>(version), blob, errors);
+        return std::pair(result, blob);
     };
-    CComPtr<ID3D10Blob> blob10;
-    CComPtr<ID3D10Blob> blob11;
-    CComPtr<ID3D10Blob> none;
-    EXPECT_EQ(serialize(1, blob10), S_OK);
-    EXPECT_EQ(serialize(2, blob11), S_OK);
-    EXPECT_EQ(serialize(0, none), E_INVALIDARG);
-    EXPECT_EQ(serialize(4, none), E_INVALIDARG);
+    const auto blob = serialize(1).second;
+    EXPECT_EQ(serialize(2).first, S_OK);
+    EXPECT_EQ(serialize(0).first, E_INVALIDARG);
+    EXPECT_EQ(serialize(4).first, E_INVALIDARG);
     // Of a type that nobody knows: read as a table it would have four billion ranges.
     parameters[1].InitAsConstants(~0u, ~0u, ~0u);
     parameters[1].ParameterType = static_cast<D3D12_ROOT_PARAMETER_TYPE>(5);
-    EXPECT_EQ(serialize(1, none), E_INVALIDARG);
+    EXPECT_EQ(serialize(1).first, E_INVALIDARG);
 
     // Read the 1.0 form back: the same parameters, without the flags.
     CComPtr<ID3D12VersionedRootSignatureDeserializer> reader;
     ASSERT_EQ(D3D12CreateVersionedRootSignatureDeserializer(
-                  blob10->GetBufferPointer(), blob10->GetBufferSize(),
-                  __uuidof(ID3D12VersionedRootSignatureDeserializer),
-                  reinterpret_cast<void**>(&reader)),
+                  blob->GetBufferPointer(), blob->GetBufferSize(), IID_PPV_ARGS(&reader)),
               S_OK);
-    const auto* read = reader->GetUnconvertedRootSignatureDesc();
-    ASSERT_EQ(read->Version, D3D_ROOT_SIGNATURE_VERSION_1_0);
-    ASSERT_EQ(read->Desc_1_0.NumParameters, 3u);
-    EXPECT_EQ(read->Desc_1_0.Flags, D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT);
-    const auto& table = read->Desc_1_0.pParameters[0].DescriptorTable;
-    ASSERT_EQ(table.NumDescriptorRanges, 1u);
-    EXPECT_EQ(table.pDescriptorRanges[0].NumDescriptors, 3u);
-    EXPECT_EQ(table.pDescriptorRanges[0].BaseShaderRegister, 2u);
-    EXPECT_EQ(read->Desc_1_0.pParameters[1].Constants.RegisterSpace, 2u);
-    EXPECT_EQ(read->Desc_1_0.pParameters[2].Descriptor.ShaderRegister, 5u);
+    const auto& read = *reader->GetUnconvertedRootSignatureDesc();
+    ASSERT_EQ(read.Version, D3D_ROOT_SIGNATURE_VERSION_1_0);
+    EXPECT_EQ(read.Desc_1_0.NumParameters, 3u);
+    EXPECT_EQ(read.Desc_1_0.Flags, desc.Desc_1_1.Flags);
+    const auto* params = read.Desc_1_0.pParameters;
+    const auto& table = params[0].DescriptorTable;
+    EXPECT_EQ(WordsOf(table.pDescriptorRanges, table.NumDescriptorRanges), "0 3 2 0 -1");
+    EXPECT_EQ(WordsOf(&params[1].Constants), "1 2 4");
+    EXPECT_EQ(WordsOf(&params[2].Descriptor), "5 6");
 }
 
 TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
@@ -235,31 +223,27 @@ TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
     const DXGI_ADAPTER_DESC1 known = {L"Kart\u00E9", 0, 2, 3, 4, 5, 6, 7, {8, 9}, 10};
     UINT vendorId = 0;
     HRESULT result = S_OK;
-    const GetDesc1 patch(adapter.Get(), [&](auto, auto*, DXGI_ADAPTER_DESC1* desc) {
+    const GetDesc1 patch(adapter.Get(), [&](auto, auto*, auto* desc) {
         *desc = known;
         desc->VendorId = vendorId;
         return result;
     });
-    const struct {
-        UINT id;
-        std::uint32_t vendor;
-        std::vector<std::string> names;
-    } cases[] = {
-        {0x8087, 0x8086, {"Intel"}},      {0x12D2, 0x10DE, {"NVIDIA"}},
-        {0x1022, 0x1002, {"AMD", "ATI"}}, {0x045E, 0x1414, {"Microsoft"}},
-        {0x5143, 0, {"Unknown_5143"}},    {0x00AB, 0, {"Unknown_  AB"}},
+    const auto check = [&](UINT id, std::uint32_t vendor, const std::vector<std::string>& names) {
+        vendorId = id;
+        EXPECT_EQ(adapter.GetDescription()->vendor, vendor) << names[0];
+        EXPECT_EQ(adapter.GetDescription()->vendorNames, names);
     };
-    for (const auto& c : cases) {
-        vendorId = c.id;
-        const auto description = adapter.GetDescription();
-        EXPECT_EQ(description->vendor, c.vendor) << std::hex << c.id;
-        EXPECT_EQ(description->vendorNames, c.names) << std::hex << c.id;
-    }
+    check(0x8087, 0x8086, {"Intel"});
+    check(0x12D2, 0x10DE, {"NVIDIA"});
+    check(0x1022, 0x1002, {"AMD", "ATI"});
+    check(0x045E, 0x1414, {"Microsoft"});
+    check(0x5143, 0, {"Unknown_5143"});
+    check(0x00AB, 0, {"Unknown_  AB"});
     EXPECT_EQ(adapter.GetDescription()->GetDriverVersion(), "0.0.0.0");
 
     // Half of the id is not enough, nor is a value of another type.
     const auto add = [](wchar_t name, std::uint64_t luid, const auto& version) {
-        auto key = std::make_unique<Norvex::Test::TemporaryKey>(
+        auto key = std::make_unique<TemporaryKey>(
             std::wstring(L"SOFTWARE\\Microsoft\\DirectX\\{norvex-test-") + name);
         key->Set(L"", L"AdapterLuid", luid);
         key->Set(L"", L"DriverVersion", version);
@@ -269,18 +253,14 @@ TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
     const auto highHalf = add(L'1', 9ull << 32, std::uint64_t{2});
     const auto text = add(L'2', 9ull << 32 | 8, std::wstring(L"1.2.3.4"));
     const auto right = add(L'3', 9ull << 32 | 8, 31ull << 48 | 15ull << 16 | 3742);
-    const AdapterDescription description = *adapter.GetDescription();
-    EXPECT_EQ(description.GetDriverVersion(), "31.0.15.3742");
-    EXPECT_EQ(description.name, "Kart\xC3\xA9");
-    EXPECT_EQ(description.vendorId, 0x00ABu);
-    EXPECT_EQ(description.deviceId, 2u);
-    EXPECT_EQ(description.subSysId, 3u);
-    EXPECT_EQ(description.revision, 4u);
-    EXPECT_EQ(description.dedicatedVideoMemory, 5u);
-    EXPECT_EQ(description.dedicatedSystemMemory, 6u);
-    EXPECT_EQ(description.sharedSystemMemory, 7u);
-    EXPECT_TRUE(IsSameLuid(description.adapterLuid, {8, 9}));
-    EXPECT_EQ(description.flags, 10u);
+    const AdapterDescription d = *adapter.GetDescription();
+    EXPECT_EQ(d.GetDriverVersion(), "31.0.15.3742");
+    EXPECT_EQ(d.name, "Kart\xC3\xA9");
+    EXPECT_EQ((std::array<std::uint64_t, 8>{d.vendorId, d.deviceId, d.subSysId, d.revision,
+                                            d.dedicatedVideoMemory, d.dedicatedSystemMemory,
+                                            d.sharedSystemMemory, d.flags}),
+              (std::array<std::uint64_t, 8>{0xAB, 2, 3, 4, 5, 6, 7, 10}));
+    EXPECT_TRUE(IsSameLuid(d.adapterLuid, {8, 9}));
 
     result = E_ACCESSDENIED;
     const char* const kSentence = "Failed to get DXGI adapter description";
@@ -314,25 +294,24 @@ TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
     const DXGIAdapter real = DXGIFactory::Create()->GetPrimaryAdapter();
     ASSERT_EQ(real.Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
     // Not even asked for.
-    const MethodPatch<Slot::kQueryInterface, HRESULT(IUnknown*, REFIID, void**)> query(
-        raw, [](auto original, IUnknown* self, REFIID riid, void** out) {
+    const MethodPatch<kQueryInterface> query(
+        raw, [](auto original, auto* self, REFIID riid, void** out) {
             *out = nullptr;
             return IsEqualGUID(riid, __uuidof(IDXGIFactory1)) ? E_NOINTERFACE
                                                               : original(self, riid, out);
         });
     const auto factory = DXGIFactory::Create();
     HRESULT third = DXGI_ERROR_NOT_FOUND;
-    const EnumAdapters1 adapters(
-        raw, [&](auto original, IDXGIFactory1* self, UINT index, IDXGIAdapter1** out) {
+    const MethodPatch<&IDXGIFactory1::EnumAdapters1> adapters(
+        raw, [&](auto original, auto* self, UINT index, auto** out) {
             return index < 2 ? original(self, 0, out) : third;
         });
     int call = 0;
-    const GetDesc1 patch(real.Get(),
-                         [&call](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
-                             const HRESULT result = original(self, desc);
-                             desc->Flags = call++ % 2 == 1 ? UINT{DXGI_ADAPTER_FLAG_SOFTWARE} : 0;
-                             return result;
-                         });
+    const GetDesc1 patch(real.Get(), [&](auto original, auto* self, auto* desc) {
+        const HRESULT result = original(self, desc);
+        desc->Flags = call++ % 2 == 1 ? UINT{DXGI_ADAPTER_FLAG_SOFTWARE} : 0;
+        return result;
+    });
     std::vector<DXGIAdapter> out(7);
     factory->EnumerateAdapters(out, false);
     EXPECT_EQ(out.size(), 2u);
@@ -347,28 +326,24 @@ TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
 
 TEST(FactoryTest, SwapChainFailuresNameTheGeneration) {
     const auto factory = DXGIFactory::Create();
-    const auto device = D12Device::CreatePrimary();
-    const CComPtr<ID3D12Device> device12(device->Get());
-    CComPtr<ID3D12CommandQueue> queue;
-    const D3D12_COMMAND_QUEUE_DESC queueDesc = {};
-    ASSERT_EQ(device12->CreateCommandQueue(&queueDesc, __uuidof(ID3D12CommandQueue),
-                                           reinterpret_cast<void**>(&queue)),
-              S_OK);
-    auto desc = Norvex::Test::MakeSwapChainDesc(1920, 1080);
-    const auto ofDevice12 =
-        ExpectFailure12([&] { factory->CreateSwapChainForHwnd(device12, queue, nullptr, desc); },
-                        "Failed to create DXGI swap chain: width = 1920, height = 1080",
-                        "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
-    EXPECT_THAT(ofDevice12.details, HasSubstr("Adapter name: " + device->GetAdapterName()));
-    CComPtr<ID3D11Device> device11;
-    ASSERT_EQ(D3D11CreateDevice(nullptr, D3D_DRIVER_TYPE_HARDWARE, nullptr, 0, nullptr, 0,
-                                D3D11_SDK_VERSION, &device11, nullptr, nullptr),
-              S_OK);
-    ExpectFailure11([&] { factory->CreateSwapChainForHwnd(nullptr, nullptr, desc); },
-                    "Failed to create DXGI swap chain: width = 1920, height = 1080",
-                    "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
+    const Canvas canvas;
+    const auto& device = canvas.GetDevice();
+    auto desc = MakeSwapChainDesc(1920, 1080);
+    constexpr auto kSentence = "Failed to create DXGI swap chain: width = 1920, height = 1080";
+    const auto create = [&](const CComPtr<ID3D11Device>& device11) {
+        factory->CreateSwapChainForHwnd(device11, nullptr, desc);
+    };
+    const auto thrown = ExpectFailure12(
+        [&] {
+            factory->CreateSwapChainForHwnd(CComPtr(device->Get()), canvas.GetQueue()->Get(),
+                                            nullptr, desc);
+        },
+        kSentence, "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
+    EXPECT_THAT(thrown.details, HasSubstr("Adapter name: " + device->GetAdapterName()));
+    ExpectFailure11([&] { create(nullptr); }, kSentence, "CreateSwapChainForHwnd",
+                    DXGI_ERROR_INVALID_CALL);
     desc.AlphaMode = DXGI_ALPHA_MODE_PREMULTIPLIED;
-    ExpectFailure11([&] { factory->CreateSwapChainForHwnd(device11, nullptr, desc); },
+    ExpectFailure11([&] { create(MakeRawDevice11()); },
                     "Alpha blended swapchains must be created with CreateSwapChainForComposition, "
                     "or CreateSwapChainForCoreWindow",
                     "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);

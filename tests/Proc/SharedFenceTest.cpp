@@ -27,24 +27,24 @@ using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
 // either generation, the context of Direct3D 11, and the fence, which notes its values.
 struct FakeFence : FakeObject {
     FakeFence() {
-        Set(Slot::kDeviceCreateFence, [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
+        Set(SlotOf(&ID3D12Device::CreateFence), [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
                                          void** out) { return self->GiveTo(out); });
-        Set(Slot::kDeviceCreateSharedHandle,
+        Set(SlotOf(&ID3D12Device::CreateSharedHandle),
             [](FakeFence*, ID3D12DeviceChild*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR,
                HANDLE* handle) -> HRESULT {
                 *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
                 return S_OK;
             });
-        Set(Slot::kDevice11OpenSharedFence, [](FakeFence* self, HANDLE handle, REFIID, void** out) {
+        Set(SlotOf(&ID3D11Device5::OpenSharedFence), [](FakeFence* self, HANDLE handle, REFIID, void** out) {
             self->opened = handle;
             return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
         });
-        Set(Slot::kContext11Signal, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+        Set(SlotOf(&ID3D11DeviceContext4::Signal), [](FakeFence* self, ID3D11Fence*, UINT64 value) {
             std::this_thread::yield(); // so that others overtake, where they may
             self->signalled.push_back(value);
             return self->answer;
         });
-        Set(Slot::kContext11Wait, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+        Set(SlotOf(&ID3D11DeviceContext4::Wait), [](FakeFence* self, ID3D11Fence*, UINT64 value) {
             self->awaited.push_back(value);
             return self->answer;
         });

@@ -49,7 +49,7 @@ struct Generation12 {
 template <class Message>
 struct FakeInfoQueue : FakeObject {
     FakeInfoQueue() {
-        Set(Slot::kInfoQueueGetMessage,
+        Set(SlotOf(&ID3D11InfoQueue::GetMessage),
             [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
                 if (index == 6 || (index == 7 && message != nullptr)) {
                     return E_INVALIDARG;
@@ -64,8 +64,8 @@ struct FakeInfoQueue : FakeObject {
                 }
                 return S_OK;
             });
-        Set(Slot::kInfoQueueGetNumStoredMessages, [](FakeInfoQueue* self) { return self->count; });
-        Set(Slot::kInfoQueueClearStoredMessages, [](FakeInfoQueue* self) { self->count = 0; });
+        Set(SlotOf(&ID3D11InfoQueue::GetNumStoredMessages), [](FakeInfoQueue* self) { return self->count; });
+        Set(SlotOf(&ID3D11InfoQueue::ClearStoredMessages), [](FakeInfoQueue* self) { self->count = 0; });
     }
 
     UINT64 count = 8;

@@ -507,7 +507,7 @@ TEST(LostDeviceTest, IsNoFinishedFrame) {
     const auto encoder =
         FrameEncoder::Open(*graphics, {GetFormat("nv12"), YCbCrMatrix::BT709, {4, 4}, {}});
     encoder->Submit(MakePlain(4, 4, {}));
-    const MethodPatch<Slot::kDeviceGetDeviceRemovedReason, HRESULT(ID3D12Device*)> removed(
+    const MethodPatch<&ID3D12Device::GetDeviceRemovedReason> removed(
         device.Get(), [](auto...) { return DXGI_ERROR_DEVICE_HUNG; });
     Bytes planes;
     EXPECT_THROW(encoder->Collect(planes), DX::DirectX12Exception);

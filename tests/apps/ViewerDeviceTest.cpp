@@ -101,7 +101,7 @@ INSTANTIATE_TEST_SUITE_P(, ViewerDeviceTest,
 
 // Answers of a method of all devices: the real one, but for the calls that the function picks by
 // their number, from 1 on. Its other arguments are left alone, as in FailingMethod.
-template <std::size_t slot>
+template <auto slot>
 class DeviceMethod {
 public:
     DeviceMethod(IUnknown* device, std::function<HRESULT(int)> answer)
@@ -121,7 +121,7 @@ private:
         m_patch;
 };
 
-template <std::size_t slot11, std::size_t slot12>
+template <auto slot11, auto slot12>
 std::shared_ptr<void> Interpose(bool isDirect3D12, const std::function<HRESULT(int)>& answer) {
     if (isDirect3D12) {
         CComPtr<ID3D12Device> device;
@@ -136,9 +136,9 @@ std::shared_ptr<void> Interpose(bool isDirect3D12, const std::function<HRESULT(i
 }
 
 constexpr auto& InterposeRemovedReason =
-    Interpose<Slot::kDevice11GetDeviceRemovedReason, Slot::kDeviceGetDeviceRemovedReason>;
+    Interpose<&ID3D11Device::GetDeviceRemovedReason, &ID3D12Device::GetDeviceRemovedReason>;
 constexpr auto& InterposeCreation =
-    Interpose<Slot::kDevice11CreateTexture2D, Slot::kDeviceCreateCommittedResource>;
+    Interpose<&ID3D11Device::CreateTexture2D, &ID3D12Device::CreateCommittedResource>;
 
 TEST_P(ViewerDeviceTest, BeginsAnewWhenTheDeviceIsLost) {
     for (const int call : {1, 2, 5, 8}) {

@@ -44,7 +44,7 @@ public:
           }) {}
 
 private:
-    MethodPatch<Slot::kQueryInterface, HRESULT(Object*, REFIID, void**)> m_patch;
+    MethodPatch<kQueryInterface, HRESULT(Object*, REFIID, void**)> m_patch;
 };
 
 // The fence interfaces of devices and immediate contexts.

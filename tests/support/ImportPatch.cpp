@@ -37,26 +37,26 @@ void** FindImport(HMODULE module, const std::string& name) {
 
 } // namespace
 
+void StoreProtected(void** place, void* value) {
+    DWORD protection = 0;
+    if (!VirtualProtect(static_cast<void*>(place), sizeof(void*), PAGE_READWRITE, &protection)) {
+        throw std::runtime_error("the table cannot be written");
+    }
+    *place = value;
+    VirtualProtect(static_cast<void*>(place), sizeof(void*), protection, &protection);
+}
+
 ImportPatch::ImportPatch(const wchar_t* module, const char* name, void* replacement)
     : m_place(FindImport(GetModuleHandleW(module), name)) {
     if (m_place == nullptr) {
         throw std::runtime_error(std::string("not imported: ") + name);
     }
     m_original = *m_place;
-    Store(replacement);
+    StoreProtected(m_place, replacement);
 }
 
 ImportPatch::~ImportPatch() {
-    Store(m_original);
-}
-
-void ImportPatch::Store(void* value) {
-    DWORD protection = 0;
-    if (!VirtualProtect(static_cast<void*>(m_place), sizeof(void*), PAGE_READWRITE, &protection)) {
-        throw std::runtime_error("the import table cannot be written");
-    }
-    *m_place = value;
-    VirtualProtect(static_cast<void*>(m_place), sizeof(void*), protection, &protection);
+    StoreProtected(m_place, m_original);
 }
 
 } // namespace Norvex::Test

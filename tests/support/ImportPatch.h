@@ -9,6 +9,9 @@
 
 namespace Norvex::Test {
 
+// Writes where the memory is write-protected. Throws std::runtime_error.
+void StoreProtected(void** place, void* value);
+
 class ImportPatch {
 public:
     // ImportPatch(L"NorvexDX.dll", "GetProcAddress", &Replacement)
@@ -25,8 +28,6 @@ public:
     ImportPatch& operator=(const ImportPatch&) = delete;
 
 private:
-    void Store(void* value);
-
     void** m_place;
     void* m_original;
 };

@@ -4,10 +4,12 @@
 
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 
@@ -67,6 +69,35 @@ template <class Call>
 Thrown ExpectFailure12(const Call& call, const std::string& sentence, const std::string& function,
                        long result = E_FAIL) {
     return ExpectFailureOf("DirectX 12 exception", call, sentence, function, result);
+}
+
+// The name of the last function that is called in the text of an expression.
+inline std::string FunctionIn(std::string_view call) {
+    std::size_t end = 0;
+    int depth = 0;
+    for (std::size_t i = 0; i < call.size(); ++i) {
+        if (call[i] == '(' && depth++ == 0) {
+            end = i;
+        } else if (call[i] == ')') {
+            --depth;
+        }
+    }
+    const std::size_t begin = call.find_last_of(">.: ", end) + 1;
+    return std::string(call.substr(begin, end - begin));
+}
+
+// Expects the call, which comes last, to be refused by the function that it names, without a
+// result.
+#define NORVEX_EXPECT_REFUSED12(sentence, ...)                                                     \
+    Norvex::Test::ExpectFailure12([&] { __VA_ARGS__; }, sentence,                                  \
+                                  Norvex::Test::FunctionIn(#__VA_ARGS__))
+
+// As ExpectFailure12, because the object's method fails.
+template <auto method, class Call>
+Thrown ExpectFailure12By(IUnknown* object, const Call& call, const std::string& sentence,
+                         const std::string& function, HRESULT result = E_ABORT) {
+    const FailingMethod<method> fail(object, result);
+    return ExpectFailure12(call, sentence, function, result);
 }
 
 } // namespace Norvex::Test
