@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
+#include <stdexcept>
 
 #include "Platform/ComPtr.h"
 #include "Platform/Direct3D.h"
@@ -13,7 +15,6 @@
 #include <zlib.h>
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include "apps/norvexdx/InputFile.h"
 
@@ -25,7 +26,8 @@ using App::Image;
 TemporaryFolder::TemporaryFolder() {
     static std::atomic<int> counter{0};
     m_path = fs::temp_directory_path() /
-             fmt::format("norvexdx-test-{}-{}", GetCurrentProcessId(), counter.fetch_add(1));
+             App::PathFromUtf8(fmt::format("norvexdx test \xC3\xA4\xE2\x82\xAC\xCF\x80 {} {}",
+                                           GetCurrentProcessId(), counter.fetch_add(1)));
     fs::create_directories(m_path);
 }
 
@@ -34,16 +36,25 @@ TemporaryFolder::~TemporaryFolder() {
     fs::remove_all(m_path, error);
 }
 
-std::string TemporaryFolder::GetText(const char* name) const {
-    return App::Utf8FromPath(m_path / App::PathFromUtf8(name));
+fs::path TemporaryFolder::GetPath(const std::string& name) const {
+    return m_path / App::PathFromUtf8(name);
 }
 
-std::vector<std::string> TemporaryFolder::GetFiles() const {
+std::vector<std::string> TemporaryFolder::Split(const std::string& commandLine) const {
+    std::istringstream stream(commandLine);
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word.front() == '@' ? App::Utf8FromPath(GetPath(word.substr(1))) : word);
+    }
+    return words;
+}
+
+std::vector<std::string> TemporaryFolder::GetFiles(const std::string& subfolder) const {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(m_path)) {
+    for (const auto& entry : fs::directory_iterator(GetPath(subfolder))) {
         names.push_back(App::Utf8FromPath(entry.path().filename()));
     }
-    std::sort(names.begin(), names.end());
+    std::ranges::sort(names);
     return names;
 }
 
@@ -53,150 +64,160 @@ void WriteBytes(const fs::path& path, std::span<const std::uint8_t> bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-Image MakeNoise(std::uint32_t width, std::uint32_t height, unsigned bitsPerChannel, bool isOpaque,
-                unsigned seed) {
-    Image image{.width = width,
-                .height = height,
-                .bitsPerChannel = bitsPerChannel,
-                .pixels = {},
-                .colorSpace = {}};
-    image.Allocate();
-    std::mt19937 random(seed);
-    const std::size_t sampleSize = bitsPerChannel / 8;
-    for (std::size_t i = 0; i < image.pixels.size(); ++i) {
-        const bool isAlpha = i / sampleSize % Image::kChannels == 3;
-        image.pixels[i] = isAlpha && isOpaque ? 0xFF : static_cast<std::uint8_t>(random() >> 8);
-    }
-    return image;
-}
-
-Image MakePlain(std::uint32_t width, std::uint32_t height,
-                const std::array<std::uint8_t, 4>& rgba) {
-    Image image{
-        .width = width, .height = height, .bitsPerChannel = 8, .pixels = {}, .colorSpace = {}};
-    image.Allocate();
-    for (std::size_t i = 0; i < image.pixels.size(); ++i) {
-        image.pixels[i] = rgba[i % rgba.size()];
-    }
-    return image;
-}
-
-unsigned GetSample(const Image& image, std::size_t x, std::size_t y, std::size_t channel) {
-    const std::size_t index = (y * image.width + x) * Image::kChannels + channel;
-    if (image.bitsPerChannel == 8) {
-        return image.pixels.at(index);
-    }
-    std::uint16_t sample = 0;
-    std::memcpy(&sample, &image.pixels.at(index * 2), sizeof(sample));
-    return sample;
+std::string ReadText(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 namespace {
 
-void AppendBigEndian(std::string& bytes, std::uint32_t value) {
+DXGI_FORMAT GetFormat(unsigned bitsPerChannel) {
+    return bitsPerChannel == 8 ? DXGI_FORMAT_R8G8B8A8_UNORM : DXGI_FORMAT_R16G16B16A16_UNORM;
+}
+
+} // namespace
+
+Image MakeImage(const Pixels& pixels, unsigned bitsPerChannel) {
+    return {.width = pixels.width,
+            .height = pixels.height,
+            .bitsPerChannel = bitsPerChannel,
+            .pixels = EncodePixels(pixels, GetFormat(bitsPerChannel)),
+            .colorSpace = {}};
+}
+
+Pixels GetPixels(const Image& image) {
+    return DecodePixels(image.pixels.data(), image.GetRowSize(), image.width, image.height,
+                        GetFormat(image.bitsPerChannel));
+}
+
+unsigned GetSample(const Image& image, std::size_t x, std::size_t y, std::size_t channel) {
+    const std::size_t index = (y * image.width + x) * Image::kChannels + channel;
+    return image.bitsPerChannel == 8
+               ? image.pixels.at(index)
+               : image.pixels.at(2 * index) + 256U * image.pixels.at(2 * index + 1);
+}
+
+Image MakeNoise(unsigned width, unsigned height, unsigned bitsPerChannel, bool isOpaque,
+                unsigned seed) {
+    std::mt19937 random(seed);
+    const auto sample = [&random] { return random() / 4294967295.0; };
+    const auto color = [&](unsigned, unsigned) {
+        return Color{sample(), sample(), sample(), isOpaque ? 1.0 : sample()};
+    };
+    return MakeImage(MakePixels(width, height, color), bitsPerChannel);
+}
+
+Image MakePlain(unsigned width, unsigned height, const std::array<int, 4>& rgba) {
+    Color color{};
+    std::ranges::transform(rgba, color.begin(), [](int sample) { return sample / 255.0; });
+    return MakeImage(MakePixels(width, height, [&](unsigned, unsigned) { return color; }));
+}
+
+Image MakeStripes(unsigned width, unsigned height) {
+    return MakeImage(MakePixels(width, height, [](unsigned x, unsigned) {
+        return x % 2 == 0 ? Color{1, 1, 1, 1} : Color{0, 0, 0, 1};
+    }));
+}
+
+std::array<float, 2> Locate(const App::View& view, const DX::Size2DT<long>& picture,
+                            const DX::Size2DT<long>& window, float x, float y) {
+    const auto rows = App::PlacePicture(view, picture, window).transform.rows;
+    const std::array half = {static_cast<float>(window.width) / 2.0F,
+                             static_cast<float>(window.height) / 2.0F};
+    return {half[0] + (x * rows[0][0] + y * rows[1][0]) * half[0] + rows[3][0],
+            half[1] - (x * rows[0][1] + y * rows[1][1]) * half[1] - rows[3][1]};
+}
+
+namespace {
+
+std::string BigEndian(std::uint32_t value) {
+    std::string bytes;
     for (int shift = 24; shift >= 0; shift -= 8) {
         bytes += static_cast<char>(value >> shift & 0xFF);
     }
+    return bytes;
 }
 
-void AppendChunk(std::string& file, const std::string& name, const std::string& data) {
-    AppendBigEndian(file, static_cast<std::uint32_t>(data.size()));
-    const std::string body = name + data;
-    file += body;
-    AppendBigEndian(file,
-                    static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(body.data()),
-                                                     static_cast<uInt>(body.size()))));
+const Bytef* Data(const std::string& bytes) {
+    return reinterpret_cast<const Bytef*>(bytes.data());
 }
 
-void Expect(HRESULT result) {
+// body: the name and the data.
+std::string MakeChunk(const std::string& body) {
+    const auto size = static_cast<uInt>(body.size());
+    return BigEndian(size - 4) + body +
+           BigEndian(static_cast<std::uint32_t>(crc32(0, Data(body), size)));
+}
+
+std::string Deflate(const std::string& data) {
+    auto size = compressBound(static_cast<uLong>(data.size()));
+    std::string packed(size, '\0');
+    compress(reinterpret_cast<Bytef*>(packed.data()), &size, Data(data),
+             static_cast<uLong>(data.size()));
+    return packed.substr(0, size);
+}
+
+void Check(HRESULT result) {
     if (FAILED(result)) {
         throw std::runtime_error(fmt::format("WIC: {:08x}", static_cast<std::uint32_t>(result)));
     }
 }
 
-void WriteWithWic(const fs::path& path, const GUID& container, const GUID& format,
-                  std::uint32_t width, std::uint32_t height, std::vector<std::uint8_t> pixels) {
-    const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    {
-        CComPtr<IWICImagingFactory> factory;
-        Expect(factory.CoCreateInstance(CLSID_WICImagingFactory));
-        CComPtr<IWICStream> stream;
-        Expect(factory->CreateStream(&stream));
-        Expect(stream->InitializeFromFilename(path.c_str(), GENERIC_WRITE));
-        CComPtr<IWICBitmapEncoder> encoder;
-        Expect(factory->CreateEncoder(container, nullptr, &encoder));
-        Expect(encoder->Initialize(stream, WICBitmapEncoderNoCache));
-        CComPtr<IWICBitmapFrameEncode> frame;
-        Expect(encoder->CreateNewFrame(&frame, nullptr));
-        Expect(frame->Initialize(nullptr));
-        Expect(frame->SetSize(width, height));
-        WICPixelFormatGUID accepted = format;
-        Expect(frame->SetPixelFormat(&accepted));
-        Expect(accepted == format ? S_OK : WINCODEC_ERR_UNSUPPORTEDPIXELFORMAT);
-        const auto size = static_cast<UINT>(pixels.size());
-        Expect(frame->WritePixels(height, size / height, size, pixels.data()));
-        Expect(frame->Commit());
-        Expect(encoder->Commit());
-    }
-    if (SUCCEEDED(apartment)) {
-        CoUninitialize();
-    }
-}
-
-// The channels named by `order`, of every pixel.
-std::vector<std::uint8_t> PickChannels(const Image& image,
-                                       std::initializer_list<std::size_t> order) {
+// The channels of the order, of every pixel.
+void WriteWithWic(const fs::path& path, const GUID& container, WICPixelFormatGUID format,
+                  const Image& image, std::initializer_list<std::size_t> order) {
+    Bytes pixels;
     const std::size_t sampleSize = image.bitsPerChannel / 8;
-    std::vector<std::uint8_t> result;
-    for (std::size_t pixel = 0; pixel < image.pixels.size(); pixel += image.GetPixelSize()) {
+    for (auto at = image.pixels.begin(); at != image.pixels.end(); at += image.GetPixelSize()) {
         for (const std::size_t channel : order) {
-            for (std::size_t i = 0; i < sampleSize; ++i) {
-                result.push_back(image.pixels[pixel + channel * sampleSize + i]);
-            }
+            pixels.insert(pixels.end(), at + channel * sampleSize, at + (channel + 1) * sampleSize);
         }
     }
-    return result;
+    const auto size = static_cast<UINT>(pixels.size());
+    [[maybe_unused]] static const HRESULT kApartment =
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    CComPtr<IWICImagingFactory> factory;
+    Check(factory.CoCreateInstance(CLSID_WICImagingFactory));
+    CComPtr<IWICStream> stream;
+    Check(factory->CreateStream(&stream));
+    Check(stream->InitializeFromFilename(path.c_str(), GENERIC_WRITE));
+    CComPtr<IWICBitmapEncoder> encoder;
+    Check(factory->CreateEncoder(container, nullptr, &encoder));
+    Check(encoder->Initialize(stream, WICBitmapEncoderNoCache));
+    CComPtr<IWICBitmapFrameEncode> frame;
+    Check(encoder->CreateNewFrame(&frame, nullptr));
+    Check(frame->Initialize(nullptr));
+    Check(frame->SetSize(image.width, image.height));
+    Check(frame->SetPixelFormat(&format));
+    Check(frame->WritePixels(image.height, size / image.height, size, pixels.data()));
+    Check(frame->Commit());
+    Check(encoder->Commit());
 }
 
 } // namespace
 
-std::vector<std::uint8_t> MakePng(std::uint32_t width, std::uint32_t height, unsigned bitDepth,
-                                  unsigned colorType, const std::vector<std::string>& rows,
-                                  const std::string& palette, const std::string& transparency) {
-    std::string file = "\x89PNG\r\n\x1a\n";
-    std::string header;
-    AppendBigEndian(header, width);
-    AppendBigEndian(header, height);
+Bytes MakePng(std::uint32_t width, std::uint32_t height, unsigned bitDepth, unsigned colorType,
+              const std::vector<std::string>& rows, const std::string& palette,
+              const std::string& transparency) {
+    std::string header = "IHDR" + BigEndian(width) + BigEndian(height);
     header += {static_cast<char>(bitDepth), static_cast<char>(colorType), 0, 0, 0};
-    AppendChunk(file, "IHDR", header);
-    if (!palette.empty()) {
-        AppendChunk(file, "PLTE", palette);
-    }
-    if (!transparency.empty()) {
-        AppendChunk(file, "tRNS", transparency);
-    }
+    std::string file = "\x89PNG\r\n\x1a\n" + MakeChunk(header);
+    file += palette.empty() ? "" : MakeChunk("PLTE" + palette);
+    file += transparency.empty() ? "" : MakeChunk("tRNS" + transparency);
     std::string data;
     for (const std::string& row : rows) {
         data += '\0' + row; // no filter
     }
-    std::string packed(compressBound(static_cast<uLong>(data.size())), '\0');
-    auto size = static_cast<uLongf>(packed.size());
-    compress(reinterpret_cast<Bytef*>(packed.data()), &size,
-             reinterpret_cast<const Bytef*>(data.data()), static_cast<uLong>(data.size()));
-    packed.resize(size);
-    AppendChunk(file, "IDAT", packed);
-    AppendChunk(file, "IEND", {});
+    file += MakeChunk("IDAT" + Deflate(data)) + MakeChunk("IEND");
     return {file.begin(), file.end()};
 }
 
 void WriteTiff16(const fs::path& path, const Image& image) {
-    WriteWithWic(path, GUID_ContainerFormatTiff, GUID_WICPixelFormat48bppRGB, image.width,
-                 image.height, PickChannels(image, {0, 1, 2}));
+    WriteWithWic(path, GUID_ContainerFormatTiff, GUID_WICPixelFormat48bppRGB, image, {0, 1, 2});
 }
 
 void WriteJpeg(const fs::path& path, const Image& image) {
-    WriteWithWic(path, GUID_ContainerFormatJpeg, GUID_WICPixelFormat24bppBGR, image.width,
-                 image.height, PickChannels(image, {2, 1, 0}));
+    WriteWithWic(path, GUID_ContainerFormatJpeg, GUID_WICPixelFormat24bppBGR, image, {2, 1, 0});
 }
 
 } // namespace Norvex::Test

@@ -1,10 +1,12 @@
 #include "tests/apps/Process.h"
 
-#include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
+#include <gmock/gmock.h>
+
 #include "Host/Strings.h"
+#include "apps/norvexdx/ImageFile.h"
 
 namespace Norvex::Test {
 
@@ -13,16 +15,11 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr DWORD kTimeLimit = 60000; // ms
+SECURITY_ATTRIBUTES g_inheritable = {sizeof(g_inheritable), nullptr, TRUE};
 
 HANDLE OpenInheritable(const fs::path& path) {
-    SECURITY_ATTRIBUTES attributes = {sizeof(attributes), nullptr, TRUE};
-    return CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &attributes, CREATE_ALWAYS,
+    return CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &g_inheritable, CREATE_ALWAYS,
                        FILE_ATTRIBUTE_NORMAL, nullptr);
-}
-
-std::string ReadText(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 fs::path GetProgramPath(const wchar_t* program) {
@@ -38,8 +35,13 @@ fs::path GetProgramPath(const wchar_t* program) {
 
 } // namespace
 
-ProcessResult RunProgram(const std::vector<std::string>& arguments) {
-    return StartedProgram(arguments).Wait();
+std::vector<std::string> GetLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
 }
 
 StartedProgram::StartedProgram(const std::vector<std::string>& arguments, HANDLE standardInput,
@@ -85,6 +87,55 @@ ProcessResult StartedProgram::Wait() {
     result.out = ReadText(m_folder.GetPath("out"));
     result.err = ReadText(m_folder.GetPath("err"));
     return result;
+}
+
+ProcessResult ProgramTest::Start(const std::string& commandLine, const Bytes& input) const {
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!CreatePipe(&readEnd, &writeEnd, &g_inheritable, 0)) {
+        throw std::runtime_error("there is no pipe");
+    }
+    SetHandleInformation(writeEnd, HANDLE_FLAG_INHERIT, 0);
+    StartedProgram program(m_folder.Split(commandLine + m_options), readEnd);
+    CloseHandle(readEnd);
+    DWORD written = 0; // less when the program ends without reading
+    WriteFile(writeEnd, input.data(), static_cast<DWORD>(input.size()), &written, nullptr);
+    CloseHandle(writeEnd);
+    return program.Wait();
+}
+
+std::string ProgramTest::Run(const std::string& commandLine, const Bytes& input,
+                             const std::string& message) const {
+    const ProcessResult result = Start(commandLine, input);
+    EXPECT_EQ(0U, result.exitCode) << commandLine;
+    EXPECT_THAT(result.err, testing::HasSubstr(message));
+    EXPECT_EQ(message.empty() ? 0U : 1U, GetLines(result.err).size()) << result.err;
+    return result.out;
+}
+
+std::string ProgramTest::ExpectFailure(const std::string& commandLine, unsigned exitCode,
+                                       const std::vector<std::string>& texts,
+                                       const Bytes& input) const {
+    const auto files = m_folder.GetFiles();
+    const ProcessResult result = Start(commandLine, input);
+    EXPECT_EQ(exitCode, result.exitCode) << commandLine;
+    const auto lines = GetLines(result.err);
+    EXPECT_THAT(lines, testing::Each(testing::StartsWith("norvexdx: ")));
+    std::vector<testing::Matcher<std::string>> expected;
+    for (const std::string& text : texts) {
+        expected.emplace_back(testing::HasSubstr(text));
+    }
+    EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected));
+    EXPECT_EQ(files, m_folder.GetFiles()) << commandLine;
+    return result.out;
+}
+
+App::Image ProgramTest::Read(const std::string& name) const {
+    return App::ReadImage(m_folder.GetPath(name));
+}
+
+void ProgramTest::Write(const std::string& name, const App::Image& image) const {
+    App::WriteImage(m_folder.GetPath(name), image);
 }
 
 } // namespace Norvex::Test

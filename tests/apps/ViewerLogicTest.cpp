@@ -22,18 +22,24 @@ namespace {
 using namespace App;
 using DX::RenderFitMode;
 
-Viewer MakeViewer(std::size_t pictures = 3) {
-    Viewer viewer(pictures);
-    viewer.SetPictureSize({400, 300});
-    viewer.SetWindowSize({640, 360});
+constexpr DX::Size2DT<long> kPicture = {400, 300};
+constexpr DX::Size2DT<long> kWindow = {640, 360};
+
+Viewer MakeViewer() {
+    Viewer viewer(3);
+    viewer.SetPictureSize(kPicture);
+    viewer.SetWindowSize(kWindow);
     return viewer;
 }
 
-// Where a point of the picture (-1 to 1, y up) lies in the window.
+// Where a point of the picture lies in the window.
 std::array<float, 2> Locate(const Viewer& viewer, float x, float y) {
-    const auto rows = PlacePicture(viewer.GetView(), {400, 300}, {640, 360}).transform.rows;
-    return {(x * rows[0][0] + y * rows[1][0]) * 320.0F + 320.0F + rows[3][0],
-            180.0F - (x * rows[0][1] + y * rows[1][1]) * 180.0F - rows[3][1]};
+    return Test::Locate(viewer.GetView(), kPicture, kWindow, x, y);
+}
+
+void ExpectPoint(const std::array<float, 2>& expected, const std::array<float, 2>& actual) {
+    EXPECT_NEAR(expected[0], actual[0], 0.01F);
+    EXPECT_NEAR(expected[1], actual[1], 0.01F);
 }
 
 TEST(ViewerLogicTest, ZoomKeepsThePointUnderThePointer) {
@@ -43,17 +49,14 @@ TEST(ViewerLogicTest, ZoomKeepsThePointUnderThePointer) {
             viewer.Apply(turn);
             viewer.MoveBy(-20.0F, 35.0F);
             const auto point = Locate(viewer, 0.3F, -0.7F);
-            const float before = PlacePicture(viewer.GetView(), {400, 300}, {640, 360}).scale;
+            const float before = PlacePicture(viewer.GetView(), kPicture, kWindow).scale;
             viewer.ZoomAbout(point, steps);
-            const auto after = Locate(viewer, 0.3F, -0.7F);
-            EXPECT_NEAR(point[0], after[0], 0.01F);
-            EXPECT_NEAR(point[1], after[1], 0.01F);
+            ExpectPoint(point, Locate(viewer, 0.3F, -0.7F));
             EXPECT_FLOAT_EQ(*viewer.GetView().scale, before * std::pow(1.25F, steps));
             const auto other = Locate(viewer, 1.0F, 1.0F);
             viewer.ZoomAbout({7.0F, 300.0F}, 2.0F);
-            viewer.ZoomAbout({7.0F, 300.0F}, -2.0F);
-            EXPECT_NEAR(other[0], Locate(viewer, 1.0F, 1.0F)[0], 0.01F) << "there and back";
-            EXPECT_NEAR(other[1], Locate(viewer, 1.0F, 1.0F)[1], 0.01F) << "there and back";
+            viewer.ZoomAbout({7.0F, 300.0F}, -2.0F); // there and back
+            ExpectPoint(other, Locate(viewer, 1.0F, 1.0F));
         }
     }
     Viewer viewer = MakeViewer();
@@ -105,11 +108,10 @@ TEST(ViewerLogicTest, PixelsLieOnPixelsAtOneToOne) {
 
 TEST(ViewerLogicTest, NavigationEndsAtTheEnds) {
     Viewer viewer = MakeViewer();
-    const struct {
-        Action action;
-        std::size_t index;
-    } kSteps[] = {{Action::Previous, 0}, {Action::Next, 1}, {Action::Next, 2},    {Action::Next, 2},
-                  {Action::First, 0},    {Action::Last, 2}, {Action::Previous, 1}};
+    constexpr std::pair<Action, std::size_t> kSteps[] = {
+        {Action::Previous, 0}, {Action::Next, 1}, {Action::Next, 2},     {Action::Next, 2},
+        {Action::First, 0},    {Action::Last, 2}, {Action::Previous, 1},
+    };
     for (const auto& [action, index] : kSteps) {
         viewer.Apply(action);
         EXPECT_EQ(viewer.GetIndex(), index);
@@ -145,12 +147,10 @@ TEST(ViewerLogicTest, EveryActionHasItsKeysAndItsHelp) {
 
 TEST(ViewerLogicTest, GivesUpAtTheThirdLossWithinTenSeconds) {
     LossLimit limit;
-    const LossLimit::Clock::time_point start;
-    using std::chrono::seconds;
-    EXPECT_FALSE(limit.Add(start));
-    EXPECT_FALSE(limit.Add(start + seconds(6)));
-    EXPECT_FALSE(limit.Add(start + seconds(11)));
-    EXPECT_TRUE(limit.Add(start + seconds(15)));
+    for (const int second : {0, 6, 11, 15}) {
+        const auto time = LossLimit::Clock::time_point() + std::chrono::seconds(second);
+        EXPECT_EQ(limit.Add(time), second == 15) << second;
+    }
 }
 
 TEST(ViewerLogicTest, CountsHalvingsUntilHalfIsEnough) {
@@ -162,13 +162,10 @@ TEST(ViewerLogicTest, CountsHalvingsUntilHalfIsEnough) {
 
 TEST(ViewerLogicTest, DecodesTheSelectedPictureAndItsNeighbours) {
     const TemporaryFolder folder;
-    std::vector<std::string> files;
-    for (const char* name : {"0.png", "1.png", "2.png", "3.png"}) {
-        const auto width = static_cast<std::uint32_t>(files.size() + 1);
-        WriteImage(folder.GetPath(name), MakePlain(width, 1, {}));
-        files.push_back(folder.GetText(name));
+    const auto files = folder.Split("@1.png @2.png @3.png @4.png @missing.png");
+    for (unsigned width = 1; width <= 4; ++width) {
+        WriteImage(folder.GetPath(std::to_string(width) + ".png"), MakePlain(width, 1, {}));
     }
-    files.push_back(folder.GetText("missing.png"));
     std::atomic<int> decoded{0};
     {
         Album album(files, [&] { ++decoded; });
@@ -184,21 +181,18 @@ TEST(ViewerLogicTest, DecodesTheSelectedPictureAndItsNeighbours) {
 }
 
 TEST(ViewerLogicTest, ScreenshotsOfHDRArePQ) {
-    // scRGB in half precision: 203 / 80 in grey; 1.0 in red; less than nothing.
-    ScreenPixels scRGB = {{3, 1}, DXGI_FORMAT_R16G16B16A16_FLOAT, {}};
-    for (const unsigned half : {0x4113U, 0x4113U, 0x4113U, 0x3C00U, 0x3C00U, 0U, 0U, 0x3C00U,
-                                0xBC00U, 0xBC00U, 0xBC00U, 0x3C00U}) {
-        scRGB.bytes.push_back(static_cast<std::uint8_t>(half & 0xFF));
-        scRGB.bytes.push_back(static_cast<std::uint8_t>(half >> 8));
-    }
-    const Image shot = MakeScreenshot(scRGB);
+    // Grey of 203 cd/m2; red of 80; less than nothing.
+    constexpr double kWhite = 203.0 / 80.0;
+    const Pixels colors = {3, 1, {{kWhite, kWhite, kWhite, 1}, {1, 0, 0, 1}, {-1, -1, -1, 1}}};
+    constexpr auto kScRGB = DXGI_FORMAT_R16G16B16A16_FLOAT;
+    const Image shot = MakeScreenshot({{3, 1}, kScRGB, EncodePixels(colors, kScRGB)});
     EXPECT_EQ(shot.colorSpace, (Conf::RGBColorSpace{Conf::ColorPrimaries::BT2020,
                                                     Conf::TransferCharacteristics::PQ}));
     // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
     EXPECT_NEAR(GetSample(shot, 0, 0, 1), 38055, 8);
     EXPECT_EQ(GetSample(shot, 0, 0, 3), 65535U);
     EXPECT_EQ(GetSample(shot, 2, 0, 0), 0U);
-    // Red of 80 cd/m2, as the conversion of sRGB red to PQ has it with that reference white.
+    // As the conversion of sRGB red to PQ has it with that reference white.
     Proc::ColorAlphaConversionInfo info;
     info.target = *shot.colorSpace;
     info.referenceWhite = 80.0F;
@@ -207,12 +201,9 @@ TEST(ViewerLogicTest, ScreenshotsOfHDRArePQ) {
         EXPECT_NEAR(GetSample(shot, 1, 0, channel), red[channel] * 65535.0, 40.0);
     }
 
-    const std::uint32_t packed = 1023U | 512U << 10 | 3U << 30;
-    ScreenPixels tenBits = {{1, 1}, DXGI_FORMAT_R10G10B10A2_UNORM, {}};
-    for (unsigned shift = 0; shift < 32; shift += 8) {
-        tenBits.bytes.push_back(static_cast<std::uint8_t>(packed >> shift & 0xFF));
-    }
-    const Image deep = MakeScreenshot(tenBits);
+    // 1023, 512, 0 and 3, from the low bits on.
+    const Image deep =
+        MakeScreenshot({{1, 1}, DXGI_FORMAT_R10G10B10A2_UNORM, {0xFF, 0x03, 0x08, 0xC0}});
     EXPECT_EQ(deep.colorSpace, shot.colorSpace);
     EXPECT_EQ(GetSample(deep, 0, 0, 0), 65535U);
     EXPECT_NEAR(GetSample(deep, 0, 0, 1), 32800, 1); // 512 of 1023

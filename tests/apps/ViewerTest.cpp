@@ -1,6 +1,6 @@
-// The viewer as a user has it: a process, its window, and what the screen shows of it.
+// The viewer as a user has it: a process, its window, worked with messages, and what the screen
+// shows of it.
 
-#include <chrono>
 #include <cmath>
 #include <random>
 
@@ -8,9 +8,12 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/InputFile.h"
-#include "tests/apps/ViewerProgram.h"
+#include "apps/norvexdx/View.h"
+#include "apps/norvexdx/ViewerWindow.h"
+#include "tests/apps/Process.h"
+#include "tests/support/TestWindow.h"
+
+#include <psapi.h>
 
 namespace Norvex::Test {
 
@@ -19,239 +22,268 @@ namespace {
 using namespace App;
 using nlohmann::json;
 using testing::HasSubstr;
-using RGB = std::array<int, 3>;
+using RGB = TestWindow::RGB;
+using DX::RenderFitMode;
 using Point = std::array<long, 2>;
+using Size = DX::Size2DT<long>;
 
-constexpr DX::Size2DT<long> kPicture = {320, 200};
-constexpr int kBackground = 0x20;
-constexpr RGB kDark = {kBackground, kBackground, kBackground};
+constexpr RGB kDark = {0x20, 0x20, 0x20};
+constexpr RGB kPlain = {12, 140, 200};
+constexpr Size kPicture = {320, 200};
 
-// Straight alpha, in the order of reading. The last one lets the background through.
-constexpr std::array<std::array<std::uint8_t, 4>, 4> kQuadrants = {
-    {{255, 0, 0, 255}, {0, 255, 0, 255}, {16, 32, 240, 255}, {200, 100, 50, 128}}};
+// In the order of reading, as the screen shows them. The last one is half transparent.
+constexpr std::array<RGB, 4> kQuadrants = {{{255, 0, 0}, {0, 255, 0}, {16, 32, 240}, {116, 66, 41}}};
 
 Image MakeQuadrants() {
-    Image image = MakePlain(kPicture.width, kPicture.height, {});
+    Image image = MakePlain(320, 200, {200, 100, 50, 128});
     for (std::size_t i = 0; i < image.pixels.size(); ++i) {
-        const std::size_t x = i / 4 % image.width;
-        const std::size_t y = i / 4 / image.width;
-        image.pixels[i] =
-            kQuadrants[(y >= image.height / 2 ? 2U : 0U) + (x >= image.width / 2 ? 1U : 0U)][i % 4];
+        const std::size_t quadrant = (i / 4 / 320 >= 100 ? 2U : 0U) + (i / 4 % 320 >= 160 ? 1U : 0U);
+        if (quadrant < 3) {
+            image.pixels[i] = static_cast<std::uint8_t>(i % 4 == 3 ? 255 : kQuadrants[quadrant][i % 4]);
+        }
     }
     return image;
 }
 
-RGB GetShownColor(std::size_t quadrant) {
-    const auto& color = kQuadrants[quadrant];
-    RGB result{};
-    for (std::size_t i = 0; i < result.size(); ++i) {
-        result[i] = static_cast<int>(
-            std::lround((color[i] * color[3] + kBackground * (255 - color[3])) / 255.0));
-    }
-    return result;
-}
-
-std::string DescribePixel(const Image& image, const Point& at, const RGB& expected) {
-    const auto seen = [&](std::size_t channel) {
-        return static_cast<int>(GetSample(image, static_cast<std::size_t>(at[0]),
-                                          static_cast<std::size_t>(at[1]), channel));
-    };
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        if (std::abs(seen(i) - expected[i]) > 1) {
-            return fmt::format("({}, {}) is {} {} {} instead of {} {} {}", at[0], at[1], seen(0),
-                               seen(1), seen(2), expected[0], expected[1], expected[2]);
+std::string DescribePixel(HWND window, long x, long y, const RGB& expected) {
+    const RGB rgb = TestWindow::GetPixel(window, x, y);
+    for (std::size_t i = 0; i < rgb.size(); ++i) {
+        if (std::abs(rgb[i] - expected[i]) > 1) {
+            return fmt::format("({}, {}) is {} instead of {}", x, y, testing::PrintToString(rgb),
+                               testing::PrintToString(expected));
         }
     }
     return {};
 }
 
-// How the quadrants lie on the window.
-struct Shown {
-    double scale = 0.0;   // 0: the largest with which all of the picture is seen
-    int quarterTurns = 0; // to the right
-    Point moved = {0, 0};
+Size GetClientSize(HWND window) {
+    RECT rect = {};
+    GetClientRect(window, &rect);
+    return {rect.right, rect.bottom};
+}
+
+// In the quadrants, close to the picture's edges and beside them, as far as the window goes.
+std::string DescribeQuadrants(HWND window, const App::View& view) {
+    const Size size = GetClientSize(window);
+    std::string difference;
+    for (const float x : {-1.03F, -0.97F, -0.3F, 0.3F, 0.97F, 1.03F}) {
+        for (const float y : {-1.03F, -0.97F, -0.3F, 0.3F, 0.97F, 1.03F}) {
+            const auto at = Locate(view, kPicture, size, x, y);
+            const bool isOutside = std::abs(x) > 1.0F || std::abs(y) > 1.0F;
+            const RGB& rgb = isOutside ? kDark : kQuadrants[(y < 0 ? 2U : 0U) + (x > 0 ? 1U : 0U)];
+            const long left = std::lround(std::floor(at[0]));
+            const long top = std::lround(std::floor(at[1]));
+            if (difference.empty() && left >= 0 && top >= 0 && left < size.width &&
+                top < size.height) {
+                difference = DescribePixel(window, left, top, rgb);
+            }
+        }
+    }
+    return difference;
+}
+
+// Of all processes, as the system tells them under the number 64, five words each of which the
+// second is the process; GetProcessHandleCount is not everywhere more than a stub.
+std::ptrdiff_t CountHandles(DWORD process) {
+    using Query = LONG(WINAPI*)(ULONG, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<Query>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
+    std::vector<std::uint64_t> words(1 << 18);
+    const LONG result = query(64, words.data(), static_cast<ULONG>(words.size() * 8), nullptr);
+    EXPECT_EQ(result, 0) << "the system does not tell its handles";
+    std::ptrdiff_t count = 0;
+    for (std::uint64_t i = 0; result == 0 && i < words[0]; ++i) {
+        count += words[2 + 5 * i + 1] == process ? 1 : 0;
+    }
+    return count;
+}
+
+double GetMilliseconds(const FILETIME& time) {
+    return static_cast<double>(std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime) / 1e4;
+}
+
+class ViewerProgram {
+public:
+    // Returns when the window is shown.
+    explicit ViewerProgram(const std::vector<std::string>& arguments) : m_program(arguments) {
+        for (int i = 0; !FindShownWindow(); ++i) {
+            if (m_program.HasEnded(10) || i == 3000) {
+                throw std::runtime_error("the viewer shows no window");
+            }
+        }
+    }
+
+    // Looks at the screen until it is as described; after some seconds that is a failure.
+    template <class Describe>
+    static void Expect(const char* when, const Describe& describe) {
+        const ULONGLONG end = GetTickCount64() + 5000;
+        std::string difference;
+        while (!(difference = describe()).empty() && GetTickCount64() < end) {
+        }
+        EXPECT_EQ(difference, "") << when;
+    }
+    void ExpectPixel(const char* when, const Point& at, const RGB& rgb) const {
+        Expect(when, [&] { return DescribePixel(m_window, at[0], at[1], rgb); });
+    }
+    // size: of the window, where that matters.
+    void ExpectQuadrants(const char* when, const App::View& view = {},
+                         const std::optional<Size>& size = {}) const {
+        Expect(when, [&] {
+            return !size || *size == GetClientSize(m_window) ? DescribeQuadrants(m_window, view)
+                                                             : "another size";
+        });
+    }
+
+    // Keys and the mouse: each returns when the viewer answers messages, so that it has got this
+    // one or gets it next.
+    void Press(unsigned key) const { Post(WM_KEYDOWN, key, 0); } // VK_..., without modifiers
+    void Wheel(const Point& point, int steps) const {
+        POINT onScreen = {point[0], point[1]};
+        ClientToScreen(m_window, &onScreen);
+        const auto delta = static_cast<WORD>(static_cast<short>(steps * WHEEL_DELTA));
+        Post(WM_MOUSEWHEEL, WPARAM{delta} << 16, MAKELPARAM(onScreen.x, onScreen.y));
+    }
+    void Drag(const Point& from, const Point& to) const {
+        Post(WM_LBUTTONDOWN, MK_LBUTTON, MAKELPARAM(from[0], from[1]));
+        Post(WM_MOUSEMOVE, MK_LBUTTON, MAKELPARAM(to[0], to[1]));
+        Post(WM_LBUTTONUP, 0, MAKELPARAM(to[0], to[1]));
+    }
+    void Resize(const Size& clientSize) const {
+        RECT outer = {};
+        GetWindowRect(m_window, &outer);
+        const Size client = GetClientSize(m_window);
+        SetWindowPos(m_window, nullptr, 0, 0,
+                     outer.right - outer.left - client.width + clientSize.width,
+                     outer.bottom - outer.top - client.height + clientSize.height,
+                     SWP_NOMOVE | SWP_NOZORDER);
+    }
+    void MoveTo(long left, long top) const {
+        SetWindowPos(m_window, nullptr, left, top, 0, 0, SWP_NOSIZE | SWP_NOZORDER);
+    }
+    void Show(int command) const { ShowWindow(m_window, command); } // SW_...
+
+    // With Esc. It must succeed.
+    ProcessResult Close() {
+        PostMessageW(m_window, WM_KEYDOWN, VK_ESCAPE, 0);
+        const ProcessResult result = m_program.Wait();
+        EXPECT_EQ(result.exitCode, 0U);
+        return result;
+    }
+
+    bool IsRunning() const { return !m_program.HasEnded(); }
+    double GetProcessorMs() const {
+        FILETIME times[4] = {};
+        GetProcessTimes(m_program.GetHandle(), &times[0], &times[1], &times[2], &times[3]);
+        return GetMilliseconds(times[2]) + GetMilliseconds(times[3]);
+    }
+    double GetMemoryMiB() const {
+        PROCESS_MEMORY_COUNTERS memory = {};
+        GetProcessMemoryInfo(m_program.GetHandle(), &memory, sizeof(memory));
+        return static_cast<double>(memory.WorkingSetSize) / (1 << 20);
+    }
+    std::ptrdiff_t CountHandles() const { return Test::CountHandles(m_program.GetId()); }
+
+private:
+    bool FindShownWindow() {
+        DWORD owner = 0;
+        do {
+            m_window = FindWindowExW(nullptr, m_window, ViewerWindow::kClassName, nullptr);
+            GetWindowThreadProcessId(m_window, &owner);
+        } while (m_window != nullptr && owner != m_program.GetId());
+        return m_window != nullptr && IsWindowVisible(m_window) != FALSE;
+    }
+    void Post(UINT message, WPARAM wparam, LPARAM lparam) const {
+        PostMessageW(m_window, message, wparam, lparam);
+        DWORD_PTR answer = 0;
+        SendMessageTimeoutW(m_window, WM_NULL, 0, 0, SMTO_NORMAL, 30000, &answer);
+    }
+
+    StartedProgram m_program;
+    HWND m_window = nullptr;
 };
 
-// Close to the picture's four corners, as far as the window shows them, and beside the picture.
-std::string DescribeQuadrants(const Image& image, const Shown& shown) {
-    constexpr double kInside = 0.47; // of the way from the middle to both corners
-    constexpr std::array<std::size_t, 4> kAround = {0, 1, 3, 2}; // to the right
-    constexpr std::array<Point, 4> kSides = {{{-1, -1}, {1, -1}, {1, 1}, {-1, 1}}};
-    const Point window = {static_cast<long>(image.width), static_cast<long>(image.height)};
-    std::array<double, 2> picture = {kPicture.width, kPicture.height};
-    if (shown.quarterTurns % 2 != 0) {
-        std::swap(picture[0], picture[1]);
-    }
-    const double fitting = std::min(image.width / picture[0], image.height / picture[1]);
-    const double scale = shown.scale > 0.0 ? shown.scale : fitting;
-    std::array<double, 2> middle{};
-    for (std::size_t axis = 0; axis < 2; ++axis) {
-        middle[axis] =
-            static_cast<double>(window[axis]) / 2.0 + static_cast<double>(shown.moved[axis]);
-    }
-    for (std::size_t i = 0; i < kSides.size(); ++i) {
-        Point at{};
-        for (std::size_t axis = 0; axis < 2; ++axis) {
-            const double offset =
-                static_cast<double>(kSides[i][axis]) * kInside * picture[axis] * scale;
-            at[axis] = std::clamp(std::lround(middle[axis] + offset), 1L, window[axis] - 2);
-        }
-        const std::size_t quadrant =
-            kAround[(i + 4 - static_cast<std::size_t>(shown.quarterTurns) % 4) % 4];
-        std::string difference = DescribePixel(image, at, GetShownColor(quadrant));
-        if (!difference.empty()) {
-            return difference;
-        }
-    }
-    for (std::size_t axis = 0; axis < 2; ++axis) {
-        const long edge = std::lround(middle[axis] - picture[axis] * scale / 2.0);
-        Point at = {window[0] / 2, window[1] / 2};
-        at[axis] = edge - 2;
-        std::string difference = edge > 2 ? DescribePixel(image, at, kDark) : std::string();
-        if (!difference.empty()) {
-            return difference;
-        }
-    }
-    return {};
-}
-
-// Of pictures that differ from what was expected.
-std::filesystem::path GetScreenshotFolder() {
-    const std::filesystem::path folder = PathFromUtf8(NORVEX_SOURCE_DIR "/out");
-    std::filesystem::create_directories(folder);
-    return folder;
-}
-
-class ViewerTest : public testing::TestWithParam<const char*> {
+class ViewerTest : public ProgramTestOfBoth {
 protected:
     ViewerTest() {
-        WriteImage(m_folder.GetPath("quadrants.png"), MakeQuadrants());
-        WriteImage(m_folder.GetPath("plain.png"), MakePlain(64, 64, {12, 140, 200, 255}));
+        Write("quadrants.png", MakeQuadrants());
+        Write("plain.png", MakePlain(64, 64, {kPlain[0], kPlain[1], kPlain[2], 255}));
+        m_options += " --size 320x200";
     }
 
-    std::vector<std::string> MakeArguments(const std::vector<std::string>& options) const {
-        std::vector<std::string> arguments = {m_folder.GetText("quadrants.png"),
-                                              m_folder.GetText("plain.png"),
-                                              "--api",
-                                              GetParam(),
-                                              "--size",
-                                              "320x200"};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        return arguments;
+    ViewerProgram View(const std::string& files) const {
+        return ViewerProgram(m_folder.Split("view " + files + m_options));
     }
-
-    // Looks at the screen until it is as described; after some seconds that is a failure, and the
-    // picture is kept.
-    template <class Describe>
-    void Expect(const ViewerProgram& viewer, const char* when, const Describe& describe) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        Image image;
-        std::string difference;
-        do {
-            image = viewer.ReadScreen();
-            difference = describe(image);
-        } while (!difference.empty() && std::chrono::steady_clock::now() < end);
-        EXPECT_EQ(difference, "") << when;
-        if (!difference.empty()) {
-            WriteImage(GetScreenshotFolder() / fmt::format("viewer {} {}.png", GetParam(), when),
-                       image);
-        }
-    }
-    void ExpectQuadrants(const ViewerProgram& viewer, const char* when, const Shown& shown = {}) {
-        Expect(viewer, when, [&](const Image& image) { return DescribeQuadrants(image, shown); });
-    }
-    void ExpectPlain(const ViewerProgram& viewer, const char* when) {
-        Expect(viewer, when,
-               [](const Image& image) { return DescribePixel(image, {320, 240}, {12, 140, 200}); });
-    }
-
-    TemporaryFolder m_folder;
 };
 
-INSTANTIATE_TEST_SUITE_P(Api, ViewerTest, testing::Values("d3d11", "d3d12"),
-                         [](const auto& api) { return std::string(api.param); });
+INSTANTIATE_TEST_SUITE_P(, ViewerTest, BothGenerations(), &NameOf);
 
 TEST_P(ViewerTest, ShowsThePictureWhateverTheWindowDoes) {
-    ViewerProgram viewer(MakeArguments({}));
-    EXPECT_EQ(viewer.GetClientSize(), kPicture);
-    ExpectQuadrants(viewer, "at first");
-    for (const DX::Size2DT<long>& size : {DX::Size2DT<long>{501, 333}, {900, 250}, {150, 400}}) {
+    ViewerProgram viewer = View("@quadrants.png");
+    viewer.ExpectQuadrants("at first", {}, kPicture);
+    for (const Size& size : {Size{501, 333}, {900, 250}, {150, 400}}) {
         viewer.Resize(size);
-        ExpectQuadrants(viewer, "resized");
+        viewer.ExpectQuadrants("resized");
     }
     viewer.MoveTo(200, 150);
-    ExpectQuadrants(viewer, "moved");
+    viewer.ExpectQuadrants("moved");
     viewer.Show(SW_MINIMIZE);
     viewer.Show(SW_RESTORE);
-    ExpectQuadrants(viewer, "restored");
-
-    viewer.Press(VK_F11);
-    const DX::Size2DT<long> screen = {GetSystemMetrics(SM_CXSCREEN), GetSystemMetrics(SM_CYSCREEN)};
-    Expect(viewer, "in full screen", [&](const Image& image) {
-        return viewer.GetClientSize() == screen ? DescribeQuadrants(image, {}) : "smaller";
-    });
-    viewer.Press(VK_F11);
-    Expect(viewer, "back from full screen", [&](const Image& image) {
-        return viewer.GetClientSize().width == 150 ? DescribeQuadrants(image, {}) : "larger";
-    });
+    viewer.ExpectQuadrants("restored");
+    for (const Size& size :
+         {Size{GetSystemMetrics(SM_CXSCREEN), GetSystemMetrics(SM_CYSCREEN)}, {150, 400}}) {
+        viewer.Press(VK_F11);
+        viewer.ExpectQuadrants("in full screen, and back", {}, size);
+    }
     const ProcessResult result = viewer.Close();
-    EXPECT_EQ(result.exitCode, 0U);
     EXPECT_EQ(result.out + result.err, "");
 }
 
 TEST_P(ViewerTest, DoesWhatTheUserAsksFor) {
-    ViewerProgram viewer(MakeArguments({}));
+    ViewerProgram viewer = View("@quadrants.png @plain.png");
     viewer.Resize({640, 480});
-    ExpectQuadrants(viewer, "at first");
+    viewer.ExpectQuadrants("at first");
     viewer.Press('R');
-    ExpectQuadrants(viewer, "turned", {.quarterTurns = 1});
+    viewer.ExpectQuadrants("turned", {.rotationDegrees = 270.0F});
     viewer.Press('R');
     viewer.Press('R');
-    ExpectQuadrants(viewer, "turned thrice", {.quarterTurns = 3});
+    viewer.ExpectQuadrants("turned thrice", {.rotationDegrees = 90.0F});
     viewer.Press('0');
-    ExpectQuadrants(viewer, "reset");
+    viewer.ExpectQuadrants("reset");
     viewer.Press('F');
-    ExpectQuadrants(viewer, "filled", {.scale = 2.4});
+    viewer.ExpectQuadrants("filled", {.fit = RenderFitMode::Fill});
     viewer.Press('F');
-    ExpectQuadrants(viewer, "one to one", {.scale = 1.0});
+    viewer.ExpectQuadrants("one to one", {.fit = RenderFitMode::Free});
     viewer.Drag({300, 200}, {330, 160});
-    ExpectQuadrants(viewer, "dragged", {.scale = 1.0, .moved = {30, -40}});
+    viewer.ExpectQuadrants("dragged", {.fit = RenderFitMode::Free, .translation = {30.0F, -40.0F}});
     // About a corner of the window, from which the picture's middle moves away.
     viewer.Wheel({0, 0}, 1);
-    ExpectQuadrants(viewer, "zoomed", {.scale = 1.25, .moved = {118, 10}});
+    viewer.ExpectQuadrants("zoomed", {.fit = RenderFitMode::Free, .scale = 1.25F, .translation = {117.5F, 10.0F}});
     viewer.Wheel({0, 0}, -1);
     viewer.Press(VK_RIGHT);
-    ExpectPlain(viewer, "the next picture");
+    viewer.ExpectPixel("the next picture", {320, 240}, kPlain);
     viewer.Press(VK_RIGHT);
     viewer.Press(VK_LEFT);
-    ExpectQuadrants(viewer, "the picture before", {.scale = 1.0});
+    viewer.ExpectQuadrants("the picture before", {.fit = RenderFitMode::Free});
 
     viewer.Press('0');
-    ExpectQuadrants(viewer, "before the help");
+    viewer.ExpectQuadrants("before the help");
     viewer.Press('F'); // filled: the corner is red
     viewer.Press('H');
-    // Its margin, without text, lets 95 of 255 parts through.
-    Expect(viewer, "with help",
-           [](const Image& image) { return DescribePixel(image, {3, 3}, {95, 0, 0}); });
+    viewer.ExpectPixel("with help: its margin lets 95 of 255 parts through", {3, 3}, {95, 0, 0});
     viewer.Press('H');
-    Expect(viewer, "without help",
-           [](const Image& image) { return DescribePixel(image, {3, 3}, {255, 0, 0}); });
-    const ProcessResult result = viewer.Close();
-    EXPECT_EQ(result.exitCode, 0U);
-    EXPECT_EQ(result.err, "");
+    viewer.ExpectPixel("without help", {3, 3}, {255, 0, 0});
+    EXPECT_EQ(viewer.Close().err, "");
 }
 
 TEST_P(ViewerTest, RestsWhileNothingChanges) {
-    ViewerProgram viewer(MakeArguments({"--json", "--stats"}));
+    ViewerProgram viewer = View("@quadrants.png --json --stats");
     Sleep(1500);
-    for (const bool isMinimised : {false, true}) {
-        if (isMinimised) {
-            viewer.Show(SW_MINIMIZE);
-            Sleep(500);
-        }
-        const double before = viewer.GetUsage().processorMs;
+    for (const int command : {SW_SHOW, SW_MINIMIZE}) {
+        viewer.Show(command);
+        Sleep(500);
+        const double before = viewer.GetProcessorMs();
         Sleep(1000);
-        EXPECT_LT(viewer.GetUsage().processorMs - before, 50.0) << isMinimised;
+        EXPECT_LT(viewer.GetProcessorMs() - before, 50.0) << command;
     }
     const ProcessResult result = viewer.Close();
     EXPECT_EQ(result.err, "");
@@ -259,10 +291,11 @@ TEST_P(ViewerTest, RestsWhileNothingChanges) {
 }
 
 TEST_P(ViewerTest, TwoHundredRandomActionsLeaveNothingBehind) {
-    ViewerProgram viewer(MakeArguments({}));
+    ViewerProgram viewer = View("@quadrants.png @plain.png");
     std::mt19937 random(4711);
     const auto below = [&](unsigned end) { return static_cast<long>(random() % end); };
-    const auto act = [&](unsigned kind) {
+    const auto point = [&] { return Point{below(300), below(200)}; };
+    const auto act = [&](long kind) {
         constexpr unsigned kKeys[] = {'R',    'F',      'D',     'S',      'H',    '0',     VK_HOME,
                                       VK_END, VK_RIGHT, VK_LEFT, VK_SPACE, VK_F11, VK_PRIOR};
         switch (kind) {
@@ -275,99 +308,45 @@ TEST_P(ViewerTest, TwoHundredRandomActionsLeaveNothingBehind) {
             return viewer.Show(SW_RESTORE);
         case 3:
         case 4:
-            return viewer.Wheel({below(300), below(200)}, below(2) != 0 ? 1 : -1);
+            return viewer.Wheel(point(), below(2) != 0 ? 1 : -1);
         case 5:
-            return viewer.Drag({below(300), below(200)}, {below(300), below(200)});
+            return viewer.Drag(point(), point());
         default:
             return viewer.Press(kKeys[random() % std::size(kKeys)]);
         }
     };
-    std::array<ViewerProgram::Usage, 2> usage;
-    for (ViewerProgram::Usage& atEnd : usage) {
+    std::array<double, 2> memory{};
+    std::array<std::ptrdiff_t, 2> handles{};
+    for (std::size_t half = 0; half < 2; ++half) {
         for (int i = 0; i < 100; ++i) {
-            act(random() % 12);
+            act(below(12));
             ASSERT_TRUE(viewer.IsRunning()) << "action " << i;
         }
         // As at first: what a state needs more of is no leak.
         viewer.Show(SW_RESTORE);
         viewer.Resize(kPicture);
         Sleep(1000);
-        atEnd = viewer.GetUsage();
+        memory[half] = viewer.GetMemoryMiB();
+        handles[half] = viewer.CountHandles();
     }
-    EXPECT_LE(usage[1].memoryMiB, usage[0].memoryMiB + 16.0);
-    EXPECT_GT(usage[0].handles, 0);
-    EXPECT_LE(usage[1].handles, usage[0].handles + 8);
-    RecordProperty("memoryMiB",
-                   fmt::format("{:.1f} {:.1f}", usage[0].memoryMiB, usage[1].memoryMiB));
-    RecordProperty("handles", fmt::format("{} {}", usage[0].handles, usage[1].handles));
-    const ProcessResult result = viewer.Close();
-    EXPECT_EQ(result.exitCode, 0U);
-    EXPECT_EQ(result.err, "");
-}
-
-TEST_P(ViewerTest, SavesAndReportsWhatItShowedUnattended) {
-    const auto show = [&](std::vector<std::string> arguments) {
-        arguments = MakeArguments(arguments);
-        arguments.insert(arguments.begin(), "view");
-        const ProcessResult result = RunProgram(arguments);
-        EXPECT_EQ(result.exitCode, 0U) << result.err;
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    };
-    const std::string file = m_folder.GetText("shot.png");
-    const json report = json::parse(show({"--frames", "20", "--screenshot", file, "--json"}));
-    const Image shot = ReadImage(m_folder.GetPath("shot.png"));
-    EXPECT_EQ(shot.bitsPerChannel, 8U);
-    EXPECT_EQ(DescribeQuadrants(shot, {}), "");
-    EXPECT_EQ(report.at("frames"), 20);
-    EXPECT_EQ(report.at("api"), GetParam());
-    EXPECT_NE(report.at("adapter"), "");
-    EXPECT_EQ(report.at("hdr"), false);
-    EXPECT_EQ(report.at("format"), "R8G8B8A8_UNORM");
-    EXPECT_GT(report.at("frameTimeMs").at("median"), 0.0);
-    EXPECT_GE(report.at("frameTimeMs").at("p95"), report.at("frameTimeMs").at("median"));
-    EXPECT_GT(report.at("recordingMs").at("median"), 0.0);
-    EXPECT_GT(report.at("presentIntervalMs").at("median"), 0.0);
-    EXPECT_GE(report.at("redraws"), 20);
-    EXPECT_GE(report.at("peakFramesInFlight"), 1);
-    EXPECT_LE(report.at("peakFramesInFlight"), 3);
-    EXPECT_EQ(report.at("deviceLosses"), 0);
-    EXPECT_EQ(report.at("idlePools").is_null(), std::string_view(GetParam()) == "d3d11");
-    EXPECT_THAT(show({"--frames", "2"}), HasSubstr("frame "));
-
-    // Fine stripes become grey, in every frame.
-    Image stripes = MakePlain(1024, 1024, {0, 0, 0, 255});
-    for (std::size_t i = 0; i < stripes.pixels.size(); i += 8) {
-        std::fill_n(stripes.pixels.begin() + static_cast<std::ptrdiff_t>(i), 3, std::uint8_t{255});
-    }
-    WriteImage(m_folder.GetPath("quadrants.png"), stripes);
-    for (const char* frames : {"1", "3"}) {
-        show({"--frames", frames, "--screenshot", file});
-        EXPECT_NEAR(GetSample(ReadImage(m_folder.GetPath("shot.png")), 160, 100, 0), 128, 6);
-    }
+    EXPECT_LE(memory[1], memory[0] + 16.0);
+    EXPECT_GT(handles[0], 0);
+    EXPECT_LE(handles[1], handles[0] + 8);
+    EXPECT_EQ(viewer.Close().err, "");
 }
 
 TEST_P(ViewerTest, GoesOnWithoutThePicturesThatCannotBeRead) {
-    WriteBytes(m_folder.GetPath("text.png"), std::vector<std::uint8_t>(100, 'a'));
-    const std::string text = m_folder.GetText("text.png");
-    const std::string missing = m_folder.GetText("missing.png");
-    ViewerProgram viewer({missing, m_folder.GetText("quadrants.png"), text, "--api", GetParam(),
-                          "--size", "320x200"});
-    ExpectQuadrants(viewer, "the first that can be read");
+    WriteBytes(m_folder.GetPath("text.png"), Bytes(100, 'a'));
+    ViewerProgram viewer = View("@missing.png @quadrants.png @text.png");
+    viewer.ExpectQuadrants("the first that can be read");
     viewer.Press(VK_END);
-    Expect(viewer, "one that cannot be read",
-           [](const Image& image) { return DescribePixel(image, {160, 199}, kDark); });
+    viewer.ExpectPixel("one that cannot be read", {160, 199}, kDark);
     viewer.Press(VK_LEFT);
-    ExpectQuadrants(viewer, "again");
-    const ProcessResult result = viewer.Close();
-    EXPECT_EQ(result.exitCode, 0U);
-    EXPECT_THAT(result.err, testing::AllOf(testing::StartsWith("norvexdx: there is no file"),
-                                           HasSubstr("text.png: not a picture")));
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 2) << result.err;
-
-    const ProcessResult none = RunProgram({"view", missing, text, "--api", GetParam()});
-    EXPECT_EQ(none.exitCode, 1U);
-    EXPECT_THAT(none.err, testing::AllOf(HasSubstr("missing.png"), HasSubstr("not a picture")));
+    viewer.ExpectQuadrants("again");
+    EXPECT_THAT(GetLines(viewer.Close().err),
+                testing::ElementsAre(testing::StartsWith("norvexdx: there is no file"),
+                                     HasSubstr("text.png: not a picture")));
+    ExpectFailure("view @missing.png @text.png", 1, {"missing.png", "not a picture"});
 }
 
 } // namespace

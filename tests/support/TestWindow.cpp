@@ -91,9 +91,9 @@ void TestWindow::PumpMessages() {
     }
 }
 
-TestWindow::RGB TestWindow::GetPixel(long x, long y) const {
+TestWindow::RGB TestWindow::GetPixel(HWND window, long x, long y) {
     POINT point = {x, y};
-    ClientToScreen(m_window, &point);
+    ClientToScreen(window, &point);
     HDC screen = GetDC(nullptr);
     const COLORREF color = ::GetPixel(screen, point.x, point.y);
     ReleaseDC(nullptr, screen);

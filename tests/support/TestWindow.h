@@ -43,8 +43,9 @@ public:
     static void PumpMessages();
 
     using RGB = std::array<int, 3>;
-    // What the screen shows at a point of the client area.
-    RGB GetPixel(long x, long y) const;
+    // What the screen shows at a point of the client area; of any window's.
+    RGB GetPixel(long x, long y) const { return GetPixel(m_window, x, y); }
+    static RGB GetPixel(HWND window, long x, long y);
 
 private:
     HWND m_window;

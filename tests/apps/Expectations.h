@@ -1,0 +1,34 @@
+#pragma once
+
+// What the program fails with, and what its reports hold.
+
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "apps/norvexdx/Failure.h"
+
+namespace Norvex::Test {
+
+// The line that the call fails with, and the program with this exit code; "(nothing)" when it
+// returns. Lets other exceptions pass.
+template <class Call>
+std::string FailureOf(const Call& call, App::ExitCode exitCode = App::ExitCode::Failure) {
+    try {
+        call();
+    } catch (const App::Failure& failure) {
+        EXPECT_EQ(failure.GetExitCode(), exitCode) << failure.what();
+        return failure.what();
+    }
+    return "(nothing)";
+}
+
+// Expects these fields, also of objects within, whatever else there is.
+inline void ExpectFields(const nlohmann::json& report, const std::string& fields) {
+    nlohmann::json patched = report;
+    patched.merge_patch(nlohmann::json::parse(fields));
+    EXPECT_EQ(report, patched);
+}
+
+} // namespace Norvex::Test
