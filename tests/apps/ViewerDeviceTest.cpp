@@ -117,7 +117,7 @@ TEST_P(ViewerDeviceTest, SavesAndReportsWhatItShowedUnattended) {
 
 // Answers of a method of all devices: a failure where the function gives one for the number of the
 // call, from 1 on, else the real one. Up to seven arguments are left alone, as in FailingMethod.
-template <std::size_t slot11, std::size_t slot12>
+template <auto slot11, auto slot12>
 std::shared_ptr<void> Interpose(bool isDirect3D12, const std::function<HRESULT(int)>& answer) {
     using Signature = HRESULT(IUnknown*, void*, void*, void*, void*, void*, void*, void*);
     const auto method = [answer, calls = 0](auto original, auto... arguments) mutable {
