@@ -29,8 +29,8 @@ clang-tidy --verify-config >/dev/null || failed=1
 # What only the checks need counts as test, benchmarks as neither.
 kMostTestsInPercent=33
 count_lines() { grep -hcvE '^[[:space:]]*(//.*)?$' "$@" | awk '{ sum += $1 } END { print sum }'; }
-mapfile -t testing < <(find tests scripts -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
-mapfile -t tested < <(find apps cmake Core examples Host Platform Proc -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
+mapfile -t testing < <(find tests scripts cmake/PrecompiledTests.h -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
+mapfile -t tested < <(find apps cmake/Precompiled.h Core examples Host Platform Proc -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
 testLines=$(count_lines "${testing[@]}")
 otherLines=$(count_lines "${tested[@]}")
 echo "lint: $testLines lines of tests to $otherLines others, $((testLines * 100 / otherLines)) %"
