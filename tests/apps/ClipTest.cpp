@@ -4,9 +4,9 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/FrameEncoder.h"
-#include "apps/norvexdx/PlanePacking.h"
-#include "apps/norvexdx/Y4m.h"
+#include "apps/norvexdx/clips/PlanePacking.h"
+#include "apps/norvexdx/clips/Y4m.h"
+#include "apps/norvexdx/graphics/FrameEncoder.h"
 #include "tests/apps/Expectations.h"
 #include "tests/support/YCbCrReference.h"
 

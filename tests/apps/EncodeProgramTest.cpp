@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/VideoFormat.h"
+#include "apps/norvexdx/clips/VideoFormat.h"
 #include "tests/apps/Process.h"
 #include "tests/support/ColorReference.h"
 #include "tests/support/YCbCrReference.h"

@@ -2,9 +2,9 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/InputFile.h"
-#include "apps/norvexdx/OutputFile.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/pictures/InputFile.h"
+#include "apps/norvexdx/pictures/OutputFile.h"
 #include "tests/apps/Expectations.h"
 #include "tests/support/ImportPatch.h"
 
@@ -28,8 +28,6 @@ TEST(PictureFileTest, ReadsEveryKindOfSamples) {
         Samples samples;
         std::vector<WICColor> palette = {};
     } kCases[] = {
-        {kPng, GUID_WICPixelFormat64bppRGBA, {1, 2, 3, 4, 5, 6, 7, 8}, {513, 1027, 1541, 2055}},
-        {kPng, GUID_WICPixelFormat48bppRGB, {1, 2, 3, 4, 5, 6}, {513, 1027, 1541, 65535}},
         {kPng, GUID_WICPixelFormat32bppBGRA, {3, 2, 1, 4}, {1, 2, 3, 4}},
         {kPng, GUID_WICPixelFormatBlackWhite, {0x80}, {255, 255, 255, 255}},
         {kPng, GUID_WICPixelFormat8bppIndexed, {1}, {1, 2, 3, 128}, {0xFF000000, 0x80010203}},
@@ -45,6 +43,13 @@ TEST(PictureFileTest, ReadsEveryKindOfSamples) {
         EXPECT_EQ(image.bitsPerChannel, samples[0] > 255 ? 16U : 8U);
         EXPECT_EQ(GetPixel(image, 0, 0), samples);
     }
+    // Not every encoder of the system has the bytes of 16 bits in PNG's order.
+    WriteBytes(path, Bytes{137, 80,  78,  71,  13,  10,  26,  10, 0,  0,  0,   13,  73,  72, 68,
+                           82,  0,   0,   0,   1,   0,   0,   0,  1,  16, 6,   0,   0,   0,  79,
+                           133, 24,  202, 0,   0,   0,   17,  73, 68, 65, 84,  120, 218, 99, 16,
+                           50,  9,   171, 152, 181, 231, 222, 7,  0,  13, 169, 4,   57,  46, 239,
+                           86,  164, 0,   0,   0,   0,   73,  69, 78, 68, 174, 66,  96,  130});
+    EXPECT_EQ(GetPixel(ReadImage(path), 0, 0), (Samples{0x1234, 0x5678, 0x9ABC, 0xDEF0}));
 }
 
 TEST(PictureFileTest, ReadsFilesThatAreWholeAndThatTheDeviceCanHold) {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "Platform/ComPtr.h"
-#include "apps/norvexdx/InputFile.h"
+#include "apps/norvexdx/pictures/InputFile.h"
 
 namespace Norvex::Test {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Platform/Direct3D.h"
-#include "apps/norvexdx/Image.h"
+#include "apps/norvexdx/pictures/Image.h"
 #include "tests/support/Pixels.h"
 
 #include <wincodec.h>

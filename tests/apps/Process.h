@@ -11,7 +11,7 @@
 
 #include "Host/Strings.h"
 #include "Platform/Direct3D.h"
-#include "apps/norvexdx/ImageFile.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/Generation.h"
 
@@ -71,7 +71,11 @@ public:
         }
         DWORD exitCode = 0;
         GetExitCodeProcess(m_process.hProcess, &exitCode);
-        return {exitCode, ReadText(m_folder.GetPath("out")), ReadText(m_folder.GetPath("err"))};
+        std::string out = ReadText(m_folder.GetPath("out"));
+        while (out.starts_with("Validation Layer Info")) { // the layer's own, where there is one
+            out.erase(0, out.find('\n') + 1);
+        }
+        return {exitCode, out, ReadText(m_folder.GetPath("err"))};
     }
 
 private:

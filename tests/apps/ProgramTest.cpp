@@ -100,65 +100,57 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
         std::size_t y;
         Samples rgba;
     };
-    const struct {
-        std::string commandLine;
-        std::vector<Probe> probes;
-        unsigned tolerance = 1;
-    } kCases[] = {
-        // A quarter turn counter-clockwise: the right end goes up.
-        {kPair + "--rotate 90 --size 1x2", {{0, 0, kGreen}, {0, 1, kRed}}},
-        // Moved right and down, in a rectangle of its own.
-        {kPair + "--size 8x8 --rect 2,2,6,6 --fit free --translate 1,0.5",
-         {{4, 4, kRed}, {5, 4, kGreen}, {3, 4, kBlue}, {4, 3, kBlue}}},
-        {kPair + "--size 4x4 --scale 2", {{0, 1, kRed}, {3, 2, kGreen}, {0, 0, kBlue}}},
-        // The whole of it inside; then as large as covers all: its first pixel is 1/16 green.
-        {kPair + "--size 8x8", {{0, 2, kRed}, {7, 5, kGreen}, {0, 1, kBlue}}},
-        {kPair + "--size 8x8 --fit fill", {{0, 0, {239, 16, 0, 255}}, {7, 7, {16, 239, 0, 255}}}},
-        // An eighth clockwise: the left end goes up. Its first pixel is 1/18 green.
-        {kPair + "--size 9x9 --fit fill --rotate -45",
-         {{0, 0, {241, 14, 0, 255}}, {8, 8, {14, 241, 0, 255}}, {8, 0, {128, 128, 0, 255}}}},
-        // Fine patterns are grey when they shrink.
-        {"convert @stripes.png @out.png --size 50x50",
-         {{0, 25, kGrey}, {1, 25, kGrey}, {2, 25, kGrey}, {7, 25, kGrey}, {20, 25, kGrey}},
-         6},
-        {kHalf + "--target-alpha premultiplied", {{0, 0, {100, 50, 25, 128}}}},
-        {kHalf + "--target-alpha one", {{0, 0, {100, 50, 25, 255}}}},
-        {kHalf + "--source-alpha one", {{0, 0, {200, 100, 50, 255}}}, 0},
-        {kHalf + "--background 0000FF", {{0, 0, {100, 50, 152, 255}}}},
-        {kHalf + "--background 0000FF80 --target-alpha premultiplied",
-         {{0, 0, {100, 50, 89, 192}}}},
-        {kHalf + "--background #0000FF80 --target-alpha one", {{0, 0, {100, 50, 89, 255}}}},
-        {kHalf + "--background FF000000 --size 8x2", // and beside the picture
-         {{4, 0, {200, 100, 50, 128}}, {0, 0, {255, 0, 0, 0}}},
-         0},
-        {kHalf + "--target-alpha one --size 8x2", {{0, 0, kBlack}}, 0},
-        {"convert @premultiplied.png @out.png --source-alpha premultiplied",
-         {{0, 0, {199, 100, 50, 128}}}},
-        {"fill @out.png --size 6x4 --color FF804020 --rect -1,1,3,9 --background 01020304 --depth "
-         "16",
-         {{2, 1, {65535, 32896, 16448, 8224}},
-          {0, 3, {65535, 32896, 16448, 8224}},
-          {3, 1, kDeep},
-          {2, 0, kDeep}}},
-        // 40 x 10 in a cell of 40 x 20.
-        {"sheet @out.png @wide.png @glass.png --cell 40x20 --gap 5 --background 000000",
-         {{4, 15, kBlack}, {5, 15, kRed}, {25, 8, kBlack}, {70, 15, kGrey}, {94, 29, kBlack}}},
-        // SMPTE ST 2084 of 203 cd/m2 is 0.580688881; and back.
-        {"fill @white.png --size 2x2 --color FFFFFFFF", {}},
-        {"convert @white.png @out.png --from srgb --to rec2020-pq --depth 16",
-         {{1, 1, {38055, 38055, 38055, 65535}}},
-         8},
-        {"convert @out.png @out.png --from rec2020-pq --to srgb --source-peak 203 --depth 8",
-         {{1, 1, {255, 255, 255, 255}}},
-         0},
-    };
-    for (const auto& [commandLine, probes, tolerance] : kCases) {
+    const auto expect = [&](const std::string& commandLine, const std::vector<Probe>& probes,
+                            unsigned tolerance = 1) {
         SCOPED_TRACE(commandLine);
         Run(commandLine);
         for (const auto& [x, y, rgba] : probes) {
             ExpectPixel(Read("out.png"), x, y, rgba, tolerance);
         }
-    }
+    };
+    // A quarter turn counter-clockwise: the right end goes up.
+    expect(kPair + "--rotate 90 --size 1x2", {{0, 0, kGreen}, {0, 1, kRed}});
+    // Moved right and down, in a rectangle of its own.
+    expect(kPair + "--size 8x8 --rect 2,2,6,6 --fit free --translate 1,0.5",
+           {{4, 4, kRed}, {5, 4, kGreen}, {3, 4, kBlue}, {4, 3, kBlue}});
+    expect(kPair + "--size 4x4 --scale 2", {{0, 1, kRed}, {3, 2, kGreen}, {0, 0, kBlue}});
+    // The whole of it inside; then as large as covers all: its first pixel is 1/16 green.
+    expect(kPair + "--size 8x8", {{0, 2, kRed}, {7, 5, kGreen}, {0, 1, kBlue}});
+    expect(kPair + "--size 8x8 --fit fill", {{0, 0, {239, 16, 0, 255}}, {7, 7, {16, 239, 0, 255}}});
+    // An eighth clockwise: the left end goes up. Its first pixel is 1/18 green.
+    expect(kPair + "--size 9x9 --fit fill --rotate -45",
+           {{0, 0, {241, 14, 0, 255}}, {8, 8, {14, 241, 0, 255}}, {8, 0, {128, 128, 0, 255}}});
+    // Fine patterns are grey when they shrink.
+    expect("convert @stripes.png @out.png --size 50x50",
+           {{0, 25, kGrey}, {1, 25, kGrey}, {2, 25, kGrey}, {7, 25, kGrey}, {20, 25, kGrey}}, 6);
+    expect(kHalf + "--target-alpha premultiplied", {{0, 0, {100, 50, 25, 128}}});
+    expect(kHalf + "--target-alpha one", {{0, 0, {100, 50, 25, 255}}});
+    expect(kHalf + "--source-alpha one", {{0, 0, {200, 100, 50, 255}}}, 0);
+    expect(kHalf + "--background 0000FF", {{0, 0, {100, 50, 152, 255}}});
+    expect(kHalf + "--background 0000FF80 --target-alpha premultiplied",
+           {{0, 0, {100, 50, 89, 192}}});
+    expect(kHalf + "--background #0000FF80 --target-alpha one", {{0, 0, {100, 50, 89, 255}}});
+    // Also beside the picture.
+    expect(kHalf + "--background FF000000 --size 8x2",
+           {{4, 0, {200, 100, 50, 128}}, {0, 0, {255, 0, 0, 0}}}, 0);
+    expect(kHalf + "--target-alpha one --size 8x2", {{0, 0, kBlack}}, 0);
+    expect("convert @premultiplied.png @out.png --source-alpha premultiplied",
+           {{0, 0, {199, 100, 50, 128}}});
+    expect("fill @out.png --size 6x4 --color FF804020 --rect -1,1,3,9 --background 01020304 "
+           "--depth 16",
+           {{2, 1, {65535, 32896, 16448, 8224}},
+            {0, 3, {65535, 32896, 16448, 8224}},
+            {3, 1, kDeep},
+            {2, 0, kDeep}});
+    // 40 x 10 in a cell of 40 x 20.
+    expect("sheet @out.png @wide.png @glass.png --cell 40x20 --gap 5 --background 000000",
+           {{4, 15, kBlack}, {5, 15, kRed}, {25, 8, kBlack}, {70, 15, kGrey}, {94, 29, kBlack}});
+    // SMPTE ST 2084 of 203 cd/m2 is 0.580688881; and back.
+    Run("fill @white.png --size 2x2 --color FFFFFFFF");
+    expect("convert @white.png @out.png --from srgb --to rec2020-pq --depth 16",
+           {{1, 1, {38055, 38055, 38055, 65535}}}, 8);
+    expect("convert @out.png @out.png --from rec2020-pq --to srgb --source-peak 203 --depth 8",
+           {{1, 1, {255, 255, 255, 255}}}, 0);
 }
 
 TEST_P(PictureTest, ReportsAsJson) {

@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/ViewerWindow.h"
+#include "apps/norvexdx/viewer/ViewerWindow.h"
 #include "tests/apps/Process.h"
 #include "tests/support/TestWindow.h"
 
