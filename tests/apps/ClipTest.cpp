@@ -128,7 +128,7 @@ private:
 std::unique_ptr<FrameSource> MakeSource(const std::string& bytes,
                                         std::optional<DX::Size2DT<long>> size = {}) {
     EncodePlan plan;
-    plan.size = size;
+    plan.options.size = size;
     return MakeStreamSource(std::make_unique<TrickleStream>(bytes), plan);
 }
 
@@ -310,7 +310,7 @@ TEST(ClipTest, ThePipelineKeepsOrderAndBoundsAndTellsTheFirstFailure) {
             planes[0] = frame.pixels[0];
         });
         FrameSink sink(std::make_unique<StagedSink>(sinkStage), Container::Raw, params.format, {});
-        EncodeProgress progress(false, {});
+        Progress progress(false);
         return RunPipeline(std::make_shared<StagedSource>(sourceStage), encoder, sink, progress);
     };
     Stage written;

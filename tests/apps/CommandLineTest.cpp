@@ -94,7 +94,7 @@ TEST_F(CommandLineTest, TellsWrongUsageInItsOwnWords) {
 TEST_F(CommandLineTest, PlansWhatTheOptionsMeanTogether) {
     EXPECT_FALSE(Plan("").conversion);
     EXPECT_FALSE(Plan("").blends);
-    EXPECT_EQ(ApiChoice::Auto, Plan("").graphics.api);
+    EXPECT_EQ(ApiChoice::Auto, Plan("").options.graphics.api);
     EXPECT_EQ(DX::RenderFitMode::Free, Plan("--scale 2").view.fit);
     EXPECT_EQ(2.0F, Plan("--scale 2").view.scale);
     EXPECT_EQ(DX::RenderFitMode::Fit, Plan("--size 4x4").view.fit);

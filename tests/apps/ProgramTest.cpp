@@ -194,14 +194,40 @@ TEST_P(PictureTest, FillsRectangles) {
 TEST_P(PictureTest, MakesContactSheets) {
     Write("red.png", MakePlain(400, 100, {255, 0, 0, 255}));
     Write("half.png", MakePlain(10, 10, {255, 255, 255, 128}));
-    Run("sheet @sheet.png @red.png @half.png --cell 40x20 --gap 5 --background 000000");
+    Run("sheet @sheet.png @red.png @half.png @red.png --columns 2 --cell 40x20 --gap 5 "
+        "--background 000000");
     const Image sheet = Read("sheet.png");
     EXPECT_EQ(95U, sheet.width);
-    EXPECT_EQ(30U, sheet.height);
-    ExpectPixel(sheet, 4, 15, {0, 0, 0, 255});
-    ExpectPixel(sheet, 5, 15, {255, 0, 0, 255});
-    ExpectPixel(sheet, 25, 8, {0, 0, 0, 255}); // 40 x 10 in a cell of 40 x 20
-    ExpectPixel(sheet, 70, 15, {128, 128, 128, 255}, 1);
+    // 64 x 16 and 16 x 16 fill two places; the last row's place that is empty has a cell's shape.
+    for (const auto& [x, y] : {std::pair(5U, 5U), {68U, 20U}}) {
+        ExpectPixel(sheet, x, y, {255, 0, 0, 255});
+    }
+    ExpectPixel(sheet, 74, 5, {128, 128, 128, 255}, 1);
+    ExpectPixel(sheet, 89, 20, {128, 128, 128, 255}, 1);
+    for (const auto& [x, y] : {std::pair(4U, 15U), {71U, 15U}, {90U, 15U}, {71U, 22U}}) {
+        ExpectPixel(sheet, x, y, {0, 0, 0, 255});
+    }
+    const auto isRow = [&](unsigned y) {
+        return GetSample(sheet, 30, y, 0) == 255 && GetSample(sheet, 30, y, 1) == 0;
+    };
+    unsigned second = 21;
+    while (second < sheet.height && !isRow(second)) {
+        ++second;
+    }
+    EXPECT_FALSE(isRow(second + 13) || !isRow(second + 12)) << "53 x 13";
+    // Below each picture its name, in grey on black.
+    const auto isGrey = [&](unsigned x, unsigned y) {
+        const unsigned red = GetSample(sheet, x, y, 0);
+        return red > 64 && red == GetSample(sheet, x, y, 1);
+    };
+    unsigned grey = 0;
+    for (unsigned y = 22; y < second; ++y) {
+        for (unsigned x = 5; x < 69; ++x) {
+            grey += isGrey(x, y) ? 1 : 0;
+        }
+    }
+    EXPECT_LT(20U, grey);
+    EXPECT_GT(600U, grey);
 }
 
 TEST_P(PictureTest, ReportsAsJson) {
@@ -275,6 +301,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     for (const auto& [commandLine, exitCode, words, input] : kCases) {
         EXPECT_EQ("", ExpectFailure(commandLine, exitCode, {words}, input)) << commandLine;
     }
+    EXPECT_EQ("", Run("encode @in.png --format nv12 -o NUL"));
     EXPECT_THAT(Run("convert --help"), HasSubstr("--rotate"));
     EXPECT_THAT(Run("--version"), StartsWith("norvexdx "));
 }

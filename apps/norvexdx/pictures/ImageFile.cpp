@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/pictures/ColorProfile.h"
 #include "apps/norvexdx/pictures/InputFile.h"
 #include "apps/norvexdx/pictures/JpegStructure.h"
 #include "apps/norvexdx/pictures/Orientation.h"
@@ -14,6 +16,8 @@
 namespace Norvex::App {
 
 namespace {
+
+constexpr Conf::RGBColorSpace kSRGB = {};
 
 Image Decode(std::span<const std::uint8_t> file) {
     if (IsPng(file)) {
@@ -29,6 +33,18 @@ Image Decode(std::span<const std::uint8_t> file) {
     return MakeUpright(ReadWithWic(file), structure.orientation);
 }
 
+void ApplyOrTell(const std::filesystem::path& path, Image& image) {
+    try {
+        ApplyProfile(image);
+    } catch (const Failure& failure) {
+        const std::string& name = image.profile->name;
+        Console::PrintMessage(fmt::format("{}: its colour profile{} is left aside: {}",
+                                          Utf8FromPath(path),
+                                          name.empty() ? "" : " \"" + name + "\"", failure.what()));
+        image.profile.reset();
+    }
+}
+
 } // namespace
 
 void CheckDimensions(std::uint32_t width, std::uint32_t height) {
@@ -42,10 +58,14 @@ void CheckDimensions(std::uint32_t width, std::uint32_t height) {
     }
 }
 
-Image ReadImage(const std::filesystem::path& path) {
+Image ReadImage(const std::filesystem::path& path, const std::optional<Conf::RGBColorSpace>& from) {
     const std::vector<std::uint8_t> file = ReadInputFile(path);
     try {
-        return Decode(file);
+        Image image = Decode(file);
+        if (image.profile && !image.colorSpace && from.value_or(kSRGB) == kSRGB) {
+            ApplyOrTell(path, image);
+        }
+        return image;
     } catch (const Failure& failure) {
         throw Failure(Utf8FromPath(path) + ": " + failure.what());
     }
