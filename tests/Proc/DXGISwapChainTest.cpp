@@ -194,6 +194,41 @@ TEST(SwapChainD12Test, BuffersAreMadeAnewRightAfterAFrame) {
     EXPECT_EQ(SentenceOf([&] { swapChain.RecreateBuffers(); }), "(nothing)");
 }
 
+// What a host keeps with a frame, its render target, and is slow to release.
+class SlowFrame : public RefCountImpl {
+public:
+    SlowFrame(const boost::intrusive_ptr<DX::D12Descriptor>& target, std::atomic<bool>& isReleasing)
+        : m_target(target),
+          m_isReleasing(isReleasing) {}
+    ~SlowFrame() override {
+        m_isReleasing = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+
+private:
+    boost::intrusive_ptr<DX::D12Descriptor> m_target;
+    std::atomic<bool>& m_isReleasing;
+};
+
+// A frame that the background is in the middle of releasing is waited for.
+TEST(SwapChainD12Test, BuffersAreMadeAnewWhileAFrameIsReleased) {
+    const TestWindow window(kClientSize);
+    Presenter presenter(Generation::Direct3D12, window.Get());
+    auto& swapChain = presenter.GetSwapChain();
+    std::atomic<bool> isReleasing{false};
+    {
+        const auto frame = swapChain.CreateCommandAllocator();
+        frame->CreateCommandList(nullptr)->Close();
+        frame->TrackObject(boost::intrusive_ptr<IRefCountable>(
+            new SlowFrame(swapChain.GetRenderTarget(), isReleasing)));
+        frame->Execute();
+    }
+    while (!isReleasing) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(SentenceOf([&] { swapChain.RecreateBuffers(); }), "(nothing)");
+}
+
 // What refers to the old buffers keeps them, and is not damaged: recorded work most of all.
 TEST(SwapChainD12Test, RecordedWorkSurvivesARefusedResize) {
     TestWindow window(kClientSize);
@@ -218,6 +253,7 @@ TEST(SwapChainD12Test, RecordedWorkSurvivesARefusedResize) {
     frame->Execute();
     swapChain.Present();
     EXPECT_EQ(SentenceOf(resize), "(nothing)") << "executed";
+    DX::D12CommandAllocator::WaitAllComplete(); // which holds it as well
     record();
     frame.reset();
     EXPECT_EQ(SentenceOf(resize), "(nothing)") << "dropped";
