@@ -162,8 +162,6 @@ void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& 
 }
 
 void D12CommandAllocator::Execute() {
-    // Released after the lock: the objects' destructors may wait for this allocator.
-    std::vector<D12TrackedObjects> finished;
     {
         const std::lock_guard guard(m_lock);
         ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
@@ -171,7 +169,7 @@ void D12CommandAllocator::Execute() {
         ThrowUnless<DirectX12Exception>(
             std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
             "Found command list that was not closed");
-        finished = WaitAndTake(Location::current());
+        const auto finished = WaitAndTake(Location::current());
         Submit(Location::current());
     }
     QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
@@ -227,9 +225,8 @@ std::vector<D12TrackedObjects> D12CommandAllocator::WaitAndTake(const Location& 
 }
 
 void D12CommandAllocator::WaitComplete() {
-    std::vector<D12TrackedObjects> finished; // released after the lock, as in Execute
     const std::lock_guard guard(m_lock);
-    finished = WaitAndTake(Location::current());
+    const auto finished = WaitAndTake(Location::current());
 }
 
 void D12CommandAllocator::DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,
