@@ -4,8 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/EncodePipeline.h"
-#include "apps/norvexdx/PlanePacking.h"
+#include "apps/norvexdx/clips/EncodePipeline.h"
+#include "apps/norvexdx/clips/PlanePacking.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/YCbCrReference.h"

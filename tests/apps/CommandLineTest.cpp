@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/CommandLine.h"
-#include "apps/norvexdx/ViewCommand.h"
+#include "apps/norvexdx/commands/ViewCommand.h"
+#include "apps/norvexdx/console/CommandLine.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Pictures.h"
 

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/Arguments.h"
-#include "apps/norvexdx/FrameEncoder.h"
-#include "apps/norvexdx/PlanePacking.h"
-#include "apps/norvexdx/Y4m.h"
+#include "apps/norvexdx/clips/PlanePacking.h"
+#include "apps/norvexdx/clips/Y4m.h"
+#include "apps/norvexdx/console/Arguments.h"
+#include "apps/norvexdx/graphics/FrameEncoder.h"
 #include "tests/apps/Process.h"
 #include "tests/support/ColorReference.h"
 #include "tests/support/YCbCrReference.h"

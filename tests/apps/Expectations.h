@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/Failure.h"
+#include "apps/norvexdx/console/Failure.h"
 
 namespace Norvex::Test {
 

@@ -2,12 +2,12 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/InputFile.h"
-#include "apps/norvexdx/JpegStructure.h"
-#include "apps/norvexdx/Orientation.h"
-#include "apps/norvexdx/OutputFile.h"
-#include "apps/norvexdx/PngReader.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/pictures/InputFile.h"
+#include "apps/norvexdx/pictures/JpegStructure.h"
+#include "apps/norvexdx/pictures/Orientation.h"
+#include "apps/norvexdx/pictures/OutputFile.h"
+#include "apps/norvexdx/pictures/PngReader.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/ImportPatch.h"

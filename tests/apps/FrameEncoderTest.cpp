@@ -4,8 +4,8 @@
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
-#include "apps/norvexdx/FrameEncoder11.h"
-#include "apps/norvexdx/PlanePacking.h"
+#include "apps/norvexdx/clips/PlanePacking.h"
+#include "apps/norvexdx/graphics/FrameEncoder11.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/Generation.h"
 #include "tests/support/MethodPatch.h"
@@ -108,7 +108,7 @@ TEST(LostDeviceTest, IsNoFinishedFrame) {
         FrameEncoder::Open(*graphics, MakeEncoderParams("nv12", YCbCrMatrix::BT709, {4, 4}));
     encoder->Submit(MakePlain(4, 4, {}));
     const FailingMethod<&ID3D12Device::GetDeviceRemovedReason> removed(device.Get(),
-                                                                     DXGI_ERROR_DEVICE_HUNG);
+                                                                       DXGI_ERROR_DEVICE_HUNG);
     Bytes planes;
     EXPECT_THROW(encoder->Collect(planes), DX::DirectX12Exception);
 }

@@ -16,7 +16,7 @@
 
 #include <fmt/format.h>
 
-#include "apps/norvexdx/InputFile.h"
+#include "apps/norvexdx/pictures/InputFile.h"
 
 namespace Norvex::Test {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "apps/norvexdx/Image.h"
-#include "apps/norvexdx/View.h"
+#include "apps/norvexdx/pictures/Image.h"
+#include "apps/norvexdx/viewer/View.h"
 #include "tests/support/Pixels.h"
 
 namespace Norvex::Test {

@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "Host/Strings.h"
-#include "apps/norvexdx/ImageFile.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
 
 namespace Norvex::Test {
 

@@ -8,8 +8,8 @@
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/InputFile.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/pictures/InputFile.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Process.h"
 #include "tests/support/ColorReference.h"

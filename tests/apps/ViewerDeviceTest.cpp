@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/Console.h"
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/ViewCommand.h"
-#include "apps/norvexdx/ViewerScene.h"
+#include "apps/norvexdx/commands/ViewCommand.h"
+#include "apps/norvexdx/console/Console.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/viewer/ViewerScene.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/ColorReference.h"

@@ -6,12 +6,12 @@
 
 #include <gmock/gmock.h>
 
-#include "apps/norvexdx/Album.h"
-#include "apps/norvexdx/Graphics.h"
-#include "apps/norvexdx/ImageFile.h"
-#include "apps/norvexdx/Screenshot.h"
-#include "apps/norvexdx/TextOverlay.h"
-#include "apps/norvexdx/ViewSession.h"
+#include "apps/norvexdx/graphics/Graphics.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/viewer/Album.h"
+#include "apps/norvexdx/viewer/Screenshot.h"
+#include "apps/norvexdx/viewer/TextOverlay.h"
+#include "apps/norvexdx/viewer/ViewSession.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/ColorReference.h"
 

@@ -8,8 +8,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "apps/norvexdx/View.h"
-#include "apps/norvexdx/ViewerWindow.h"
+#include "apps/norvexdx/viewer/View.h"
+#include "apps/norvexdx/viewer/ViewerWindow.h"
 #include "tests/apps/Process.h"
 #include "tests/support/TestWindow.h"
 
@@ -32,14 +32,17 @@ constexpr RGB kPlain = {12, 140, 200};
 constexpr Size kPicture = {320, 200};
 
 // In the order of reading, as the screen shows them. The last one is half transparent.
-constexpr std::array<RGB, 4> kQuadrants = {{{255, 0, 0}, {0, 255, 0}, {16, 32, 240}, {116, 66, 41}}};
+constexpr std::array<RGB, 4> kQuadrants = {
+    {{255, 0, 0}, {0, 255, 0}, {16, 32, 240}, {116, 66, 41}}};
 
 Image MakeQuadrants() {
     Image image = MakePlain(320, 200, {200, 100, 50, 128});
     for (std::size_t i = 0; i < image.pixels.size(); ++i) {
-        const std::size_t quadrant = (i / 4 / 320 >= 100 ? 2U : 0U) + (i / 4 % 320 >= 160 ? 1U : 0U);
+        const std::size_t quadrant =
+            (i / 4 / 320 >= 100 ? 2U : 0U) + (i / 4 % 320 >= 160 ? 1U : 0U);
         if (quadrant < 3) {
-            image.pixels[i] = static_cast<std::uint8_t>(i % 4 == 3 ? 255 : kQuadrants[quadrant][i % 4]);
+            image.pixels[i] =
+                static_cast<std::uint8_t>(i % 4 == 3 ? 255 : kQuadrants[quadrant][i % 4]);
         }
     }
     return image;
@@ -257,7 +260,8 @@ TEST_P(ViewerTest, DoesWhatTheUserAsksFor) {
     viewer.ExpectQuadrants("dragged", {.fit = RenderFitMode::Free, .translation = {30.0F, -40.0F}});
     // About a corner of the window, from which the picture's middle moves away.
     viewer.Wheel({0, 0}, 1);
-    viewer.ExpectQuadrants("zoomed", {.fit = RenderFitMode::Free, .scale = 1.25F, .translation = {117.5F, 10.0F}});
+    viewer.ExpectQuadrants(
+        "zoomed", {.fit = RenderFitMode::Free, .scale = 1.25F, .translation = {117.5F, 10.0F}});
     viewer.Wheel({0, 0}, -1);
     viewer.Press(VK_RIGHT);
     viewer.ExpectPixel("the next picture", {320, 240}, kPlain);
