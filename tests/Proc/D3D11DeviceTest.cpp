@@ -8,7 +8,6 @@
 
 #include <gmock/gmock.h>
 
-#include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
@@ -70,20 +69,6 @@ TEST(D3D11DeviceTest, AttachWaitsWhileCreateLooksAtTheRegistry) {
     EXPECT_NE(D11Device::CreatePrimary(), nullptr);
     other.join();
     EXPECT_TRUE(isAttached);
-}
-
-// A dead wrapper that is handed out would crash.
-TEST(D3D11DeviceTest, AttachMayRace) {
-    const auto raw = MakeRawDevice11();
-    const DXGIAdapter adapter = DXGIFactory::Create()->GetPrimaryAdapter();
-    RunThreads(4, [&](unsigned) {
-        for (int round = 0; round < 500; ++round) {
-            const auto device = D11Device::Attach(raw);
-            EXPECT_NE(D11Device::Find(raw), nullptr);
-            EXPECT_EQ(D11Device::Create(adapter)->Get(), raw.p);
-        }
-    });
-    EXPECT_EQ(D11Device::Find(raw), nullptr);
 }
 
 TEST(D3D11DeviceTest, CreateAnswersWhatIsForAllThreads) {

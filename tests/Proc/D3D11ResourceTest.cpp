@@ -7,12 +7,11 @@
 #include <chrono>
 #include <semaphore>
 #include <thread>
-#include <tuple>
 #include <vector>
 
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
-#include "Proc/DirectX/Manager/DirectXShader.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/DeviceTest.h"
@@ -247,88 +246,47 @@ TEST_F(D3D11ResourceTest, MapPassesItsFlagsAndThrows) {
     });
 }
 
-// A square whose depth grows from left to right, over a depth of one half and a stencil of 3.
-TEST_F(D3D11ResourceTest, IndicesDepthAndStencilChooseWhatIsDrawn) {
-    constexpr auto kSource = "struct V { float4 p : SV_POSITION; float4 c : COLOR; };\n"
-                             "V VsMain(float3 p : POSITION, float4 c : COLOR) {\n"
-                             "    V v; v.p = float4(p, 1); v.c = c; return v;\n"
-                             "}\n"
-                             "float4 PsMain(V v) : SV_TARGET { return v.c; }\n";
-    const auto vertexShader = std::make_shared<D11VertexShader>(s_device, "VsMain", kSource);
-    const auto pixelShader = std::make_shared<D11PixelShader>(s_device, "PsMain", kSource);
-    const auto layout = s_device->CreateInputLayout(
-        {{"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D11_INPUT_PER_VERTEX_DATA, 0},
-         {"COLOR", 0, DXGI_FORMAT_R32G32B32A32_FLOAT, 1, 0, D3D11_INPUT_PER_VERTEX_DATA, 0}},
-        vertexShader);
-    const float corners[][3] = {{-1, -1, 0}, {-1, 1, 0}, {1, -1, 1}, {1, 1, 1}};
-    const std::vector<std::array<float, 4>> orange(4, {1, 0.2F, 0, 1});
-    const auto places = D11VertexBuffer::Create(s_device, corners, sizeof(corners[0]), 4);
-    const auto colors = D11VertexBuffer::Create(s_device, orange.data(), sizeof(orange[0]), 4);
-    constexpr auto kDepthFormat = DXGI_FORMAT_D24_UNORM_S8_UINT;
-    const auto depthView =
-        s_device->CreateDepthStencilView(MakeTexture(D3D11_BIND_DEPTH_STENCIL, kDepthFormat),
-                                         {kDepthFormat, D3D11_DSV_DIMENSION_TEXTURE2D, 0, {}});
-    CD3D11_DEPTH_STENCIL_DESC stateDesc(D3D11_DEFAULT);
-    stateDesc.StencilEnable = TRUE;
-    stateDesc.FrontFace.StencilFunc = stateDesc.BackFace.StencilFunc = D3D11_COMPARISON_EQUAL;
-    const auto state = s_device->CreateDepthStencilState(stateDesc);
-    Canvas11 canvas(s_device);
-    const auto draw = [&](const auto& indices, UINT stencilRef, const Color& left) {
-        const auto target = canvas.MakeTarget(8, 8, kRgba8);
-        Encode([&](D11DeviceContext& context) {
-            context.ClearState();
-            context.ClearDepthStencilView(
-                depthView, D3D11_CLEAR_FLAG(D3D11_CLEAR_DEPTH | D3D11_CLEAR_STENCIL), 0.5F, 3);
-            context.OMSetRenderTargets({target->GetView()}, depthView);
-            context.OMSetDepthStencilState(state, stencilRef);
-            context.RSSetViewports({{0, 0, 8, 8, 0, 1}});
-            context.IASetInputLayout(layout);
-            context.IASetPrimitiveTopology(D3D11_PRIMITIVE_TOPOLOGY_TRIANGLELIST);
-            context.IASetVertexBuffers({places, colors});
-            context.IASetIndexBuffer(indices);
-            context.VSSetShader(vertexShader);
-            context.PSSetShader(pixelShader);
-            context.DrawIndexed(indices);
-            context.ClearState();
-        });
-        const auto drawn = canvas.Read(target->GetTexture());
-        for (unsigned i = 0; i < 8; ++i) {
-            EXPECT_EQ(drawn.At(i, 7 - i), i < 4 ? left : Color{}) << i;
-        }
-    };
-    const auto wide = D11IndexBuffer::Create(s_device, std::vector<UINT32>{0, 1, 2, 2, 1, 3});
-    draw(D11IndexBuffer::Create(s_device, std::vector<UINT16>{0, 1, 2, 2, 1, 3}), 3,
-         {1, 0.2, 0, 1});
-    draw(wide, 3, {1, 0.2, 0, 1});
-    draw(wide, 2, {});
-}
-
-TEST_F(D3D11ResourceTest, NullUnbindsAndAnEmptyVectorLeavesWhatIsBound) {
-    const auto buffer = D11VertexBuffer::Create(s_device, "abcd", 4, 1);
+TEST_F(D3D11ResourceTest, BindersReplaceWhatIsBound) {
     const auto raw = GetImmediateContext(Raw());
+    // Strides and offsets of two vertex buffers; format and offset of the index buffer; the stencil
+    // reference; what of state, target and depth view there is.
     const auto bound = [&raw] {
         CComPtr<ID3D11Buffer> buffers[3];
-        CComPtr<ID3D11RenderTargetView> view;
-        UINT numbers[2] = {};
+        CComPtr<ID3D11DepthStencilState> state;
+        CComPtr<ID3D11RenderTargetView> target;
+        CComPtr<ID3D11DepthStencilView> depthView;
+        std::array<UINT, 7> words = {};
         DXGI_FORMAT format = {};
-        raw->IAGetVertexBuffers(0, 1, &buffers[0], &numbers[0], &numbers[1]);
-        raw->IAGetVertexBuffers(1, 1, &buffers[1], &numbers[0], &numbers[1]);
-        raw->IAGetIndexBuffer(&buffers[2], &format, &numbers[0]);
-        raw->OMGetRenderTargets(1, &view, nullptr);
-        return std::array{!!buffers[0], !!buffers[1], !!buffers[2], !!view};
+        raw->IAGetVertexBuffers(0, 2, &buffers[0], &words[0], &words[2]);
+        raw->IAGetIndexBuffer(&buffers[2], &format, &words[5]);
+        raw->OMGetDepthStencilState(&state, &words[6]);
+        raw->OMGetRenderTargets(1, &target, &depthView);
+        words[4] = format;
+        return fmt::format("{}, {} {} {}", fmt::join(words, " "), !!state, !!target, !!depthView);
     };
+    const auto two = D11VertexBuffer::Create(s_device, "abcd", 2, 1);
+    const auto four = D11VertexBuffer::Create(s_device, "abcd", 4, 1);
+    constexpr auto kDepthFormat = DXGI_FORMAT_D24_UNORM_S8_UINT;
+    const auto depth =
+        s_device->CreateDepthStencilView(MakeTexture(D3D11_BIND_DEPTH_STENCIL, kDepthFormat),
+                                         {kDepthFormat, D3D11_DSV_DIMENSION_TEXTURE2D, 0, {}});
+    const auto state = s_device->CreateDepthStencilState(CD3D11_DEPTH_STENCIL_DESC(D3D11_DEFAULT));
     Encode([&](D11DeviceContext& context) {
-        context.IASetVertexBuffers({buffer, buffer});
+        context.ClearState();
+        EXPECT_EQ(bound(), "0 0 0 0 0 0 0, false false false");
+        context.IASetVertexBuffers({two, four});
         context.IASetIndexBuffer(D11IndexBuffer::Create(s_device, std::vector<UINT16>(3)));
-        context.OMSetRenderTargets({Canvas11(s_device).MakeTarget(4, 4, kRgba8)->GetView()}, {});
-        EXPECT_THAT(bound(), ElementsAre(true, true, true, true));
+        context.OMSetDepthStencilState(state, 3);
+        context.OMSetRenderTargets({Canvas11(s_device).MakeTarget(8, 8, kRgba8)->GetView()}, depth);
+        EXPECT_EQ(bound(), "2 4 0 0 57 0 3, true true true");
         context.IASetVertexBuffer(nullptr);
         context.IASetVertexBuffers({});
+        context.IASetIndexBuffer(D11IndexBuffer::Create(s_device, std::vector<UINT32>(3)));
         context.OMSetRenderTargets({}, nullptr);
-        EXPECT_THAT(bound(), ElementsAre(false, true, true, false));
-        context.IASetVertexBuffers({buffer, nullptr});
+        EXPECT_EQ(bound(), "0 4 0 0 42 0 3, true false false");
+        context.IASetVertexBuffers({two, nullptr});
         context.IASetIndexBuffer(nullptr);
-        EXPECT_THAT(bound(), ElementsAre(true, false, false, false));
+        EXPECT_EQ(bound(), "2 0 0 0 0 0 3, true false false");
         context.VSSetShader(nullptr);
         context.PSSetShader(nullptr);
         context.ClearState();
@@ -336,10 +294,20 @@ TEST_F(D3D11ResourceTest, NullUnbindsAndAnEmptyVectorLeavesWhatIsBound) {
 }
 
 // Forwards that drawing an image does not use.
-TEST_F(D3D11ResourceTest, UpdatesAndBlendFactorsReachTheContext) {
+TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
     Canvas11 canvas(s_device);
     const auto target = canvas.MakeTarget(4, 4, kRgba8);
     const std::array<std::uint32_t, 5> pixels = {0xff0000ff, 0xffff0000, 0, 0xff00ff00, 0xffffffff};
+    const auto raw = GetImmediateContext(Raw());
+    std::string calls;
+    const MethodPatch<&ID3D11DeviceContext::ClearDepthStencilView> clear(
+        raw, [&](auto, auto*, auto*, UINT flags, FLOAT depth, UINT8 stencil) {
+            calls += fmt::format("clear {} {} {}; ", flags, depth, stencil);
+        });
+    const MethodPatch<&ID3D11DeviceContext::DrawIndexed> draw(
+        raw, [&](auto, auto*, UINT count, UINT start, INT base) {
+            calls += fmt::format("draw {} {} {}", count, start, base);
+        });
     Encode([&](D11DeviceContext& context) {
         const D3D11_BOX box = {1, 2, 0, 3, 4, 1};
         context.UpdateSubresource(target->GetTexture(), 0, &box, pixels.data(), 12, 0);
@@ -347,10 +315,15 @@ TEST_F(D3D11ResourceTest, UpdatesAndBlendFactorsReachTheContext) {
         CComPtr<ID3D11BlendState> bound;
         std::array<float, 4> factor = {};
         UINT mask = 0;
-        GetImmediateContext(Raw())->OMGetBlendState(&bound, factor.data(), &mask);
+        raw->OMGetBlendState(&bound, factor.data(), &mask);
         EXPECT_THAT(factor, ElementsAre(0.1F, 0.2F, 0.3F, 0.4F));
         EXPECT_EQ(mask, 0xffffffffu);
+        FakeObject view;
+        context.ClearDepthStencilView(view.As<ID3D11DepthStencilView>(), D3D11_CLEAR_STENCIL, 0.5F,
+                                      3);
+        context.DrawIndexed(D11IndexBuffer::Create(s_device, std::vector<UINT16>(6)));
     });
+    EXPECT_EQ(calls, "clear 2 0.5 3; draw 6 0 0");
     const auto drawn = canvas.Read(target->GetTexture());
     const std::array corner = {drawn.At(1, 2), drawn.At(2, 2), drawn.At(1, 3), drawn.At(2, 3)};
     EXPECT_THAT(corner, ElementsAre(Color{1, 0, 0, 1}, Color{0, 0, 1, 1}, Color{0, 1, 0, 1},

@@ -289,13 +289,6 @@ TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
     CComPtr<IDXGIFactory1> raw;
     const DXGIAdapter real = DXGIFactory::Create()->GetPrimaryAdapter();
     ASSERT_EQ(real.Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
-    // Not even asked for.
-    const MethodPatch<kQueryInterface> query(
-        raw, [](auto original, auto* self, REFIID riid, void** out) {
-            *out = nullptr;
-            return IsEqualGUID(riid, __uuidof(IDXGIFactory1)) ? E_NOINTERFACE
-                                                              : original(self, riid, out);
-        });
     const auto factory = DXGIFactory::Create();
     HRESULT third = DXGI_ERROR_NOT_FOUND;
     const MethodPatch<&IDXGIFactory1::EnumAdapters1> adapters(
