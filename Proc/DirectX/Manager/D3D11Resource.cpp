@@ -71,9 +71,8 @@ CreateShaderResourceView(ID3D11Texture2D* texture, const std::optional<DXGI_FORM
 
 CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
     CComPtr<IDXGIKeyedMutex> mutex;
-    ThrowIfFailed<DirectX11Exception>(
-        texture->QueryInterface(__uuidof(IDXGIKeyedMutex), reinterpret_cast<void**>(&mutex)),
-        "Failed to get texture key mutex", GetDevice(texture));
+    ThrowIfFailed<DirectX11Exception>(texture->QueryInterface(IID_PPV_ARGS(&mutex)),
+                                      "Failed to get texture key mutex", GetDevice(texture));
     return mutex;
 }
 
@@ -197,9 +196,8 @@ void D11SharedTexture2D::ReleaseSync(UINT64 key) {
 HANDLE D11SharedTexture2D::CreateSharedHandle(DWORD access) {
     const auto device = GetDevice(m_texture);
     CComPtr<IDXGIResource1> resource;
-    ThrowIfFailed<DirectX11Exception>(
-        m_texture->QueryInterface(__uuidof(IDXGIResource1), reinterpret_cast<void**>(&resource)),
-        "Failed to query interface", device);
+    ThrowIfFailed<DirectX11Exception>(m_texture->QueryInterface(IID_PPV_ARGS(&resource)),
+                                      "Failed to query interface", device);
     HANDLE handle = nullptr;
     ThrowIfFailed<DirectX11Exception>(
         resource->CreateSharedHandle(nullptr, access, nullptr, &handle),
@@ -265,8 +263,7 @@ D11CompletionEvent::OpenShared(const boost::intrusive_ptr<D11Device>& device,
                                     "D12 completion event not shared");
     CComPtr<ID3D11Fence> fence;
     ThrowIfFailed<DirectX11Exception>(
-        device->Get5()->OpenSharedFence(event->GetSharedHandle(), __uuidof(ID3D11Fence),
-                                        reinterpret_cast<void**>(&fence)),
+        device->Get5()->OpenSharedFence(event->GetSharedHandle(), IID_PPV_ARGS(&fence)),
         "Failed to create fence", device->Get());
     return boost::intrusive_ptr<D11CompletionEvent>(new D11CompletionEvent(fence, event));
 }

@@ -209,9 +209,8 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
             fmt::format("Unsupported command list type: {}", static_cast<int>(type)));
     }
     CComPtr<ID3D12GraphicsCommandList> list;
-    if (const auto idle = m_commandListPool.Take(type)) {
-        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList),
-                                reinterpret_cast<void**>(&list));
+    if (const auto idle = m_commandListPool->Take(type)) {
+        list = Platform::Query<ID3D12GraphicsCommandList>(*idle);
     }
     if (list != nullptr) {
         ThrowIfFailed<DirectX12Exception>(list->Reset(allocator, pipelineState),
@@ -219,9 +218,7 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
         return list;
     }
     ThrowIfFailed<DirectX12Exception>(
-        m_device->CreateCommandList(0, type, allocator, pipelineState,
-                                    __uuidof(ID3D12GraphicsCommandList),
-                                    reinterpret_cast<void**>(&list)),
+        m_device->CreateCommandList(0, type, allocator, pipelineState, IID_PPV_ARGS(&list)),
         "Failed to create command list", m_device);
     return list;
 }
@@ -241,9 +238,8 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
         return list;
     }
     CComPtr<ID3D12Device4> device4;
-    ThrowIfFailed<DirectX12Exception>(
-        m_device->QueryInterface(__uuidof(ID3D12Device4), reinterpret_cast<void**>(&device4)),
-        kFailed, m_device);
+    ThrowIfFailed<DirectX12Exception>(m_device->QueryInterface(IID_PPV_ARGS(&device4)), kFailed,
+                                      m_device);
     ThrowIfFailed<DirectX12Exception>(
         device4->CreateCommandList1(0, type, D3D12_COMMAND_LIST_FLAG_NONE, riid,
                                     reinterpret_cast<void**>(&list)),
