@@ -9,6 +9,14 @@
 #include <memory>
 #include <optional>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/AffineTransform.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"

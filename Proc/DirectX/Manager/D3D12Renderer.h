@@ -11,6 +11,14 @@
 #include <mutex>
 #include <optional>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/Color.h"
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/AffineTransform.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"

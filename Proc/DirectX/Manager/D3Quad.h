@@ -10,6 +10,7 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
+#include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
