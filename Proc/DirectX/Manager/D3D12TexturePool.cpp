@@ -89,12 +89,7 @@ public:
         const auto slot = m_slots.Allocate();
         ThrowUnless<DirectX12Exception>(slot.has_value(),
                                         "There are no free textures in the array");
-        try {
-            return CreateTexture(m_resource, *slot);
-        } catch (...) {
-            m_slots.Free(*slot);
-            throw;
-        }
+        return m_slots.Fill(*slot, [&] { return CreateTexture(m_resource, *slot); });
     }
 
     void ReuseTexture(D12Texture2D* texture) override { m_slots.Free(texture->GetSubresource()); }
