@@ -25,6 +25,8 @@
 
 namespace Norvex::DX {
 
+class D11QuadPipeline;
+
 class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
 public:
     // Compiles the shaders; makes the quad and the states.
@@ -74,22 +76,9 @@ protected:
     std::optional<AffineTransform> m_transform;
 
 private:
-    CComPtr<ID3D11Buffer>
-    CreateParamsBuffer(const AffineTransform& clipTransform,
-                       const std::optional<Proc::ColorAlphaConversionInfo>& conversion) const;
-    void BindOutput(D11DeviceContext& context, const D11RenderTexture2D& target,
-                    const Rect2DT<long>& viewport) const;
-    void BindInput(D11DeviceContext& context, const D11ShaderTexture2D& source,
-                   ID3D11Buffer* parameters) const;
-
     boost::intrusive_ptr<D11Device> m_device;
-    std::shared_ptr<D11VertexShader> m_vertexShader;
+    std::unique_ptr<D11QuadPipeline> m_pipeline;
     std::shared_ptr<D11PixelShader> m_pixelShader;
-    boost::intrusive_ptr<D11VertexBuffer> m_vertexBuffer;
-    CComPtr<ID3D11InputLayout> m_inputLayout;
-    CComPtr<ID3D11SamplerState> m_sampler;
-    CComPtr<ID3D11RasterizerState> m_rasterizer;
-    CComPtr<ID3D11DepthStencilState> m_depthStencil;
     CComPtr<ID3D11BlendState> m_blendState;
 };
 

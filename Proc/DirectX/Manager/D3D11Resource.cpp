@@ -7,6 +7,7 @@
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -76,11 +77,19 @@ CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
     return mutex;
 }
 
-// Refuses what would not fit the description's 32 bits, and no data, as the system refuses it.
+template <class Index>
 CComPtr<ID3D11Buffer>
-CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, D3D11_BIND_FLAG bind,
-                   const void* data, UINT64 sizeInBytes,
-                   const std::source_location& location = std::source_location::current()) {
+CreateIndices(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
+              const std::source_location& location = std::source_location::current()) {
+    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
+                              UINT64{sizeof(Index)} * indices.size(), location);
+}
+
+} // namespace
+
+CComPtr<ID3D11Buffer> CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device,
+                                         D3D11_BIND_FLAG bind, const void* data, UINT64 sizeInBytes,
+                                         const std::source_location& location) {
     Require(device, location);
     if (data == nullptr || sizeInBytes == 0 || sizeInBytes > std::numeric_limits<UINT>::max()) {
         ThrowResult<DirectX11Exception>(
@@ -94,16 +103,6 @@ CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, D3D11_BIND_FLA
     const D3D11_SUBRESOURCE_DATA initialData = {data, 0, 0};
     return device->CreateBuffer(desc, &initialData);
 }
-
-template <class Index>
-CComPtr<ID3D11Buffer>
-CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
-                   const std::source_location& location = std::source_location::current()) {
-    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
-                              UINT64{sizeof(Index)} * indices.size(), location);
-}
-
-} // namespace
 
 D11RenderTexture2D::D11RenderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                                        const std::optional<DXGI_FORMAT>& viewFormat)
@@ -230,17 +229,15 @@ D11IndexBuffer::~D11IndexBuffer() = default;
 boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint16_t>& indices) {
-    return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R16_UINT,
-                           static_cast<UINT>(indices.size())));
+    return boost::intrusive_ptr<D11IndexBuffer>(new D11IndexBuffer(
+        CreateIndices(device, indices), DXGI_FORMAT_R16_UINT, static_cast<UINT>(indices.size())));
 }
 
 boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint32_t>& indices) {
-    return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R32_UINT,
-                           static_cast<UINT>(indices.size())));
+    return boost::intrusive_ptr<D11IndexBuffer>(new D11IndexBuffer(
+        CreateIndices(device, indices), DXGI_FORMAT_R32_UINT, static_cast<UINT>(indices.size())));
 }
 
 D11CompletionEvent::D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,

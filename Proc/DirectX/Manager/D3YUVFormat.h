@@ -20,6 +20,16 @@ struct YUVFormat {
     DXGI_FORMAT chroma;
 };
 
+// What a converter is set up for.
+struct YUVDestination {
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // NV12, P010 or P016
+    Size2DT<long> size;                       // of the luma, pixels
+    Size2DT<long> chromaSize;
+    Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
+
+    friend bool operator==(const YUVDestination&, const YUVDestination&) = default;
+};
+
 // NV12, P010, P016; nothing for any other.
 std::optional<YUVFormat> FindYUVFormat(DXGI_FORMAT format);
 
