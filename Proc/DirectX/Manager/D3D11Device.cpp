@@ -162,7 +162,7 @@ std::uint32_t D11Device::Release() {
         device = m_device;
         context = m_context;
     }
-    return D3Device::Release();
+    return RefCountImpl::Release();
 }
 
 long D11Device::GetDeviceRemovedReason() {

@@ -15,7 +15,7 @@
 
 #include "Host/BitFlags.h"
 #include "Platform/ComPtr.h"
-#include "Proc/DirectX/Manager/D3D12DevicePool.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3Device.h"
 
 namespace Norvex::DX {
@@ -31,6 +31,8 @@ class D12Query;
 class D12QueryHeapPool;
 class D12ShaderParameters;
 struct D12GraphicsPipelineDesc;
+template <class T>
+class D12DevicePool;
 
 // What CreateBuffer makes.
 struct D12BufferDesc {
@@ -183,8 +185,8 @@ private:
     boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;
     boost::intrusive_ptr<D12BufferPool> m_readbackBufferPool;
     boost::intrusive_ptr<D12BufferPool> m_uploadBufferPool;
-    D12DevicePool<D12AllocatorState> m_allocatorPool;
-    D12DevicePool<CComPtr<ID3D12CommandList>> m_commandListPool;
+    std::unique_ptr<D12DevicePool<D12AllocatorState>> m_allocatorPool;
+    std::unique_ptr<D12DevicePool<CComPtr<ID3D12CommandList>>> m_commandListPool;
 };
 
 } // namespace Norvex::DX

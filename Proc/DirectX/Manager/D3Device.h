@@ -20,9 +20,6 @@ public:
     D3Device& operator=(const D3Device&) = delete;
     ~D3Device() override;
 
-    std::uint32_t AddRef() override;
-    std::uint32_t GetRefCount() const override;
-    std::uint32_t Release() override = 0;
     // S_OK while the device works; else why it was removed.
     virtual long GetDeviceRemovedReason() = 0;
     // Moves the device's pending debug messages to the log; nothing without debug mode.
