@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/OutOfMemory.h"
 #include "tests/support/Threads.h"
 
 namespace Norvex::DX {

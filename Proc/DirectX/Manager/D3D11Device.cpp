@@ -8,6 +8,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Host/RefCountable.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"

@@ -1,7 +1,7 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 
 #include <limits>
-#include <utility>
+#include <source_location>
 
 #include <fmt/format.h>
 

@@ -1,9 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 
 #include <bit>
-#include <new>
 #include <optional>
-#include <utility>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12FreeList.h"

@@ -5,20 +5,16 @@
 // that runs every 2 s while there are free buffers. The pool lives as long as any of its buffers.
 // Pools: any thread. A buffer: one thread at a time. Throws DirectX12Exception.
 
-#include <array>
-#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
-#include <mutex>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
 #include "Host/RefCountable.h"
-#include "Host/WaitableTimer.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 

@@ -1,7 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"

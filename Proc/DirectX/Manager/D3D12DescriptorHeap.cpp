@@ -1,6 +1,5 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 
-#include <new>
 #include <utility>
 
 #include "Platform/D3D12Abi.h"

@@ -6,11 +6,18 @@
 // and keeps one shared CPU heap a type for one-off views. Pool and CPU heaps: any thread. A GPU
 // heap: one thread at a time. Throws DirectX12Exception.
 
-#include <map>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <source_location>
-#include <unordered_map>
+#include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
 
 namespace Norvex::DX {

@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "Platform/D3D12Abi.h"

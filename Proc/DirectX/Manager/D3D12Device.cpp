@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <iterator>
+#include <mutex>
 #include <unordered_set>
 
 #include <fmt/format.h>
 
+#include "Host/RefCountable.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D12DevicePool.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"

@@ -6,6 +6,9 @@
 // DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <source_location>
 #include <utility>

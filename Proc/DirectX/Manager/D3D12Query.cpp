@@ -1,9 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12Query.h"
 
-#include <algorithm>
 #include <cstring>
-#include <limits>
-#include <new>
+#include <source_location>
 #include <utility>
 
 #include "Proc/DirectX/Manager/D3D12PooledHeaps.h"

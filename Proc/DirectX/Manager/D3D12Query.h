@@ -6,10 +6,9 @@
 // readers do not wait. Pool and heaps: any thread. A query: one thread at a time. Throws
 // DirectX12Exception.
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <mutex>
-#include <unordered_map>
+#include <memory>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 

@@ -1,5 +1,8 @@
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 
+#include <source_location>
+#include <string>
+
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/Throw.h"

@@ -7,7 +7,7 @@
 // thread at a time; the others: any thread. Throws DirectX12Exception, for a null device "There is
 // no device", for a null allocator "There is no command allocator". Next: D3ImageRenderer.h.
 
-#include <array>
+#include <memory>
 #include <mutex>
 #include <optional>
 

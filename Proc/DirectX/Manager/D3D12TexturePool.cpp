@@ -1,12 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 
-#include <chrono>
-#include <list>
-#include <mutex>
-#include <new>
 #include <utility>
 
-#include "Host/WaitableTimer.h"
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12FreeList.h"
 #include "Proc/DirectX/Manager/SlotBitmap.h"

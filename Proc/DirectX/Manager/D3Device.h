@@ -3,10 +3,12 @@
 // Base of both devices: the description of the adapter that the device runs on, and its feature
 // level. Immutable after construction, any thread. Next: D3D12Device.h.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "Host/RefCountable.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 namespace Norvex::DX {

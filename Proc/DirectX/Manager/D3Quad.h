@@ -5,7 +5,7 @@
 
 #include <array>
 #include <optional>
-#include <vector>
+#include <source_location>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 

@@ -1,8 +1,14 @@
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
+
+#include <optional>
+#include <source_location>
+#include <string>
+
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
+#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {

@@ -1,9 +1,15 @@
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
+
+#include <cstdint>
+#include <source_location>
+#include <string>
+
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
+#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {

@@ -8,7 +8,8 @@
 // and has recorded nothing then. Next: D3D12Renderer.h, D11ImageDraw.h.
 
 #include <array>
-#include <optional>
+#include <memory>
+#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -20,7 +21,6 @@
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
-#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 

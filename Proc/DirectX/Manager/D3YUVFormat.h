@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <source_location>
 #include <string>
 #include <vector>
 

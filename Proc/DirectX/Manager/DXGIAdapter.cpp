@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <stdexcept>

@@ -1,6 +1,8 @@
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include <fmt/format.h>
 

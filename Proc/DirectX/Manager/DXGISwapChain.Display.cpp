@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 

@@ -1,7 +1,7 @@
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
 
-#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <string>

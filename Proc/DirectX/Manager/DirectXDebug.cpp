@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <new>

@@ -8,8 +8,6 @@
 #include <optional>
 #include <vector>
 
-#include "Platform/Export.h"
-
 namespace Norvex::DX {
 
 class SlotBitmap {
