@@ -5,8 +5,8 @@
 # unity builds, so that a mistake in the library costs one source and a link. A mistake elsewhere is
 # built in BUILD-FOLDER itself. PATTERN picks mistakes by their first line.
 #
-# Sources are changed in place and put back, also at Ctrl-C; whoever kills this otherwise has
-# `git checkout` to do. Prints a table for docs/testing.md; fails below kLeastShare percent found.
+# Sources are changed in place and put back; after a run that was killed, at the start of the next.
+# Prints a table for docs/testing.md; fails below kLeastShare percent found.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -23,13 +23,14 @@ mkdir -p "$kept"
 export GTEST_FAIL_FAST=1
 
 put_back() {
-    if [ -n "${file:-}" ]; then
-        cp -p "$kept/source" "$project/$file"
-        touch "$project/$file" # newer than what was built from the mistake
-    fi
+    local changed library
+    [ -e "$kept/changed" ] || return 0
+    changed=$(cat "$kept/changed")
+    cp "$kept/source" "$project/$changed" # newer than what was built from the mistake
     for library in "${libraries[@]}"; do
         cp -p "$kept/$library" "$build/bin/$library"
     done
+    rm "$kept/changed"
 }
 
 # make_mistake: puts $new in the place of $old in $file, which must have it once
@@ -70,7 +71,8 @@ finder() {
 # try: one line of the table
 try() {
     local reason verdict
-    cp -p "$project/$file" "$kept/source"
+    cp "$project/$file" "$kept/source"
+    echo "$file" >"$kept/changed"
     if ! reason=$(make_mistake); then
         put_back
         echo "$what: $file: $reason" >&2
@@ -92,6 +94,7 @@ try() {
     echo "| ${file##*/} | $what | $verdict |"
 }
 
+put_back
 for library in "${libraries[@]}"; do
     cp -p "$build/bin/$library" "$kept/$library"
 done

@@ -69,16 +69,16 @@ std::string MakeProfile(const std::string& colorModel) {
 }
 
 // Each a picture of one colour, which its profile sees as (188, 0, 255) of sRGB.
-constexpr std::array<int, 4> kColor = {255, 0, 128, 255};
+constexpr Samples kColor = {255, 0, 128, 255};
 
-std::string MakePngWith(const std::string& profile) {
+std::string MakePngWith(const TemporaryFolder& folder, const std::string& profile) {
     auto size = compressBound(static_cast<uLong>(profile.size()));
     std::string packed(size, '\0');
     compress(reinterpret_cast<Bytef*>(packed.data()), &size,
              reinterpret_cast<const Bytef*>(profile.data()), static_cast<uLong>(profile.size()));
     const std::string chunk = "iCCPswap\0\0"s + packed.substr(0, size);
-    const Bytes plain = MakePng(1, 1, 8, 2, {"\xFF\0\x80"s});
-    std::string file(plain.begin(), plain.end());
+    WriteImage(folder.GetPath("plain.png"), MakePlain(1, 1, kColor));
+    std::string file = ReadText(folder.GetPath("plain.png"));
     constexpr std::size_t kBehindHeader = 33;
     file.insert(kBehindHeader, Word(chunk.size() - 4) + chunk +
                                    Word(crc32(0, reinterpret_cast<const Bytef*>(chunk.data()),
@@ -114,14 +114,14 @@ std::string MakeTiffWith(const std::string& profile) {
 
 void ExpectColor(const Image& image, const std::array<unsigned, 3>& color, unsigned bound) {
     for (std::size_t i = 0; i < color.size(); ++i) {
-        EXPECT_NEAR(GetSample(image, 0, 0, i), color[i], bound) << "channel " << i;
+        EXPECT_NEAR(GetPixel(image, 0, 0)[i], color[i], bound) << "channel " << i;
     }
 }
 
 class ColorProfileTest : public testing::Test {
 protected:
     Image Read(const std::string& file, const std::optional<Conf::RGBColorSpace>& from = {}) const {
-        WriteBytes(m_path, Bytes(file.begin(), file.end()));
+        WriteBytes(m_path, ToBytes(file));
         return ReadImage(m_path, from);
     }
 
@@ -131,7 +131,7 @@ protected:
 
 TEST_F(ColorProfileTest, PicturesBecomeSRGB) {
     const std::string profile = MakeProfile("RGB ");
-    const std::pair<std::string, unsigned> kFiles[] = {{MakePngWith(profile), 1},
+    const std::pair<std::string, unsigned> kFiles[] = {{MakePngWith(m_folder, profile), 1},
                                                        {MakeJpegWith(m_folder, profile), 6},
                                                        {MakeTiffWith(profile), 1}};
     for (const auto& [file, bound] : kFiles) {
@@ -152,12 +152,12 @@ TEST_F(ColorProfileTest, PicturesBecomeSRGB) {
     GetSystemDirectoryW(system.data(), MAX_PATH);
     const auto own =
         std::filesystem::path(system.data()) / L"spool/drivers/color/sRGB Color Space Profile.icm";
-    ExpectColor(Read(MakePngWith(ReadText(own))), {255, 0, 128}, 0);
+    ExpectColor(Read(MakePngWith(m_folder, ReadText(own))), {255, 0, 128}, 0);
 }
 
 TEST_F(ColorProfileTest, WhatCannotBeUsedIsToldAndLeftAside) {
     for (const std::string& profile : {MakeProfile("GRAY"), "no profile at all"s}) {
-        for (const std::string& file : {MakePngWith(profile), MakeTiffWith(profile)}) {
+        for (const std::string& file : {MakePngWith(m_folder, profile), MakeTiffWith(profile)}) {
             HANDLE errors = GetStdHandle(STD_ERROR_HANDLE);
             HANDLE told = CreateFileW(m_folder.GetPath("told").c_str(), GENERIC_WRITE,
                                       FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);
