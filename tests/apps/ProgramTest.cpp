@@ -148,7 +148,7 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
             {89, 20, kGrey}, {90, 15, kBlack}, {71, 22, kBlack}});
     const Image sheet = Read("out.png");
     bool hasName = false;
-    for (std::size_t i = 0; i < 10 * 64; ++i) {
+    for (std::size_t i = 0; i < 28 * 64; ++i) {
         const Samples sample = GetPixel(sheet, 5 + i % 64, 23 + i / 64);
         hasName = hasName || (sample[0] > 96 && sample[0] == sample[1]);
     }

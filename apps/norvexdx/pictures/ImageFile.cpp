@@ -1,5 +1,7 @@
 #include "apps/norvexdx/pictures/ImageFile.h"
 
+#include <utility>
+
 #include <fmt/format.h>
 
 #include "apps/norvexdx/console/Console.h"
@@ -26,11 +28,15 @@ Image Decode(std::span<const std::uint8_t> file) {
     if (!IsJpeg(file)) {
         return ReadWithWic(file);
     }
-    const JpegStructure structure = ReadJpegStructure(file);
+    JpegStructure structure = ReadJpegStructure(file);
     if (!structure.isComplete) {
         throw Failure("the file is cut short");
     }
-    return MakeUpright(ReadWithWic(file), structure.orientation);
+    Image image = ReadWithWic(file);
+    if (!structure.profile.empty()) {
+        image.profile = IccProfile{.bytes = std::move(structure.profile), .name = {}};
+    }
+    return MakeUpright(std::move(image), structure.orientation);
 }
 
 void ApplyOrTell(const std::filesystem::path& path, Image& image) {
