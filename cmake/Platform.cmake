@@ -1,5 +1,6 @@
 # norvex_platform: language level, definitions, include folder and debug information, for every
 #     target of the project
+# norvex_quickly_compiled: for tests, without optimisation in whichever configuration
 # norvex_precompile(<target> [<norvex_precompiled or norvex_precompiled_tests>]): gives it precompiled
 #     headers; those of Direct3D, and a test's GoogleMock, cost every source seconds
 # norvex_split_debug_information(<target>): moves it into a file beside the program or DLL, which loads
@@ -27,9 +28,13 @@ else()
         /bigobj # sources compiled in groups have more sections than an object file otherwise takes
         # Members and bases of exported classes that are not exported themselves (the C++ library's,
         # smart pointers): all modules share one compiler and one runtime.
-        /wd4251 /wd4275
-        # Sources in groups have more sections than an object file has otherwise.
-        /bigobj)
+        /wd4251 /wd4275)
+endif()
+
+# A test waits for its compiler longer than for its own code.
+add_library(norvex_quickly_compiled INTERFACE)
+if(NOT MSVC)
+    target_compile_options(norvex_quickly_compiled INTERFACE -O0)
 endif()
 
 function(norvex_precompile target)
@@ -62,7 +67,7 @@ endfunction()
 if(NORVEX_PCH AND NOT MSVC)
     norvex_add_precompiled(norvex_precompiled Precompiled.h)
     if(NORVEX_TESTS)
-        norvex_add_precompiled(norvex_precompiled_tests PrecompiledTests.h GTest::gmock)
+        norvex_add_precompiled(norvex_precompiled_tests PrecompiledTests.h GTest::gmock norvex_quickly_compiled)
     endif()
 endif()
 

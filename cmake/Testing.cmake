@@ -54,7 +54,7 @@ function(norvex_add_test)
     norvex_parse_test_arguments(${ARGN})
     add_executable(${arg_NAME} ${arg_SOURCES})
     target_link_libraries(${arg_NAME} PRIVATE
-        norvex_platform norvex_warnings ${arg_LIBRARIES} norvex_test_support)
+        norvex_platform norvex_warnings norvex_quickly_compiled ${arg_LIBRARIES} norvex_test_support)
     norvex_precompile(${arg_NAME} norvex_precompiled_tests)
     if(NOT arg_NO_MAIN)
         target_link_libraries(${arg_NAME} PRIVATE GTest::gmock_main)

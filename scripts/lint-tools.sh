@@ -4,6 +4,7 @@ kLintPackages=(
     clang-format clang-tidy
     # the sources as MSVC would read them, with a C++ library and Windows headers fit for that
     clang-19 libc++-19-dev libwine-dev
+    shellcheck
 )
 
 # An apt that knows what the system has downloads what else the tools need.
@@ -21,5 +22,5 @@ download_lint_tools() {
 
 ensure_lint_tools() {
     lintTools=$cache/lint-tools-$(hash_of "${kLintPackages[*]}" "$rootKey")
-    locked "$cache/lock" make_once "$lintTools" "Downloading clang, clang-format and clang-tidy" download_lint_tools
+    locked "$cache/lock" make_once "$lintTools" "Downloading clang, clang-format, clang-tidy and shellcheck" download_lint_tools
 }

@@ -16,18 +16,28 @@ passed=$NORVEXDX_CACHE/lint
 mkdir -p "$passed"
 failed=
 
-for script in dev .ci/run scripts/*; do
-    case $script in
-    *.awk | *.conf) ;;
-    *) [ -d "$script" ] || bash -n "$script" || failed=1 ;;
-    esac
-done
+mapfile -t scripts < <(find dev .ci/run scripts -maxdepth 1 -type f ! -name '*.awk' ! -name '*.conf')
+shellcheck --shell=bash --severity=warning "${scripts[@]}" || failed=1
 
 mapfile -t sources < <(find . -path ./build -prune -o -path ./out -prune -o \
     \( -name '*.cpp' -o -name '*.h' \) -printf '%P\n' | LC_ALL=C sort)
 [ "${3:-}" != --fix ] || clang-format -i "${sources[@]}"
 clang-format --dry-run -Werror "${sources[@]}" || failed=1
 clang-tidy --verify-config >/dev/null || failed=1
+
+# Tests stay small beside what they test: lines of C++ and HLSL that are neither blank nor comment.
+# What only the checks need counts as test, benchmarks as neither.
+kMostTestsInPercent=33
+count_lines() { grep -hcvE '^[[:space:]]*(//.*)?$' "$@" | awk '{ sum += $1 } END { print sum }'; }
+mapfile -t testing < <(find tests scripts cmake/PrecompiledTests.h -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
+mapfile -t tested < <(find apps cmake/Precompiled.h Core examples Host Platform Proc -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
+testLines=$(count_lines "${testing[@]}")
+otherLines=$(count_lines "${tested[@]}")
+echo "lint: $testLines lines of tests to $otherLines others, $((testLines * 100 / otherLines)) %"
+if [ $((testLines * 100)) -gt $((otherLines * kMostTestsInPercent)) ]; then
+    echo "lint: tests are more than $kMostTestsInPercent % of the other code" >&2
+    failed=1
+fi
 
 # Microsoft's compiler, acted by clang: a C++ library and Windows headers that Debian has, and what
 # those lack in msvc-mode. Back end, linker, the real SDK and ATL are not seen this way.

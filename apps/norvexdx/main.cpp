@@ -8,12 +8,12 @@
 
 #include "Host/Strings.h"
 #include "Platform/Direct3D.h"
-#include "apps/norvexdx/CommandLine.h"
-#include "apps/norvexdx/Console.h"
-#include "apps/norvexdx/ConvertCommand.h"
-#include "apps/norvexdx/EncodeCommand.h"
-#include "apps/norvexdx/OutputFile.h"
-#include "apps/norvexdx/ViewCommand.h"
+#include "apps/norvexdx/commands/ConvertCommand.h"
+#include "apps/norvexdx/commands/EncodeCommand.h"
+#include "apps/norvexdx/commands/ViewCommand.h"
+#include "apps/norvexdx/console/CommandLine.h"
+#include "apps/norvexdx/console/Console.h"
+#include "apps/norvexdx/pictures/OutputFile.h"
 
 #include <shellapi.h>
 

@@ -302,17 +302,21 @@ TEST_F(D3D12CommandTest, WaitingKeepsWhatIsRecorded) {
     EXPECT_THAT(s_canvas->Read(target).colors, testing::Each(Color{1, 0, 0, 1}));
 }
 
-// A host that waits for nothing itself: two Direct3D allocators take turns.
+// A host that waits for nothing itself: two Direct3D allocators take turns, and the recording thread
+// resets them.
 TEST_F(D3D12CommandTest, OneAllocatorServesFrameAfterFrame) {
     constexpr int kFrames = 100;
-    int resets = 0;
+    const auto thread = std::this_thread::get_id();
+    std::vector<ID3D12CommandAllocator*> resets;
     int made = 0;
+    D12CommandAllocator::WaitAllComplete(); // what came before
     const auto allocator = Queue()->CreateCommandAllocator();
+    CComPtr<ID3D12CommandAllocator> any;
+    ASSERT_EQ(Device()->Get()->CreateCommandAllocator({}, IID_PPV_ARGS(&any)), S_OK);
     {
-        const CComPtr<ID3D12CommandAllocator> raw(
-            Device()->CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE_COPY).Get());
-        const AllocatorReset patch(raw, [&](auto original, auto* self) {
-            ++resets;
+        const AllocatorReset patch(any, [&](auto original, auto* self) {
+            EXPECT_EQ(std::this_thread::get_id(), thread);
+            resets.push_back(self);
             return original(self);
         });
         const CreateCommandAllocator patchMake(Device()->Get(),
@@ -320,14 +324,14 @@ TEST_F(D3D12CommandTest, OneAllocatorServesFrameAfterFrame) {
                                                    ++made;
                                                    return original(arguments...);
                                                });
-        EventPtr last;
+        EventPtr last; // the GPU is busy with that frame while the next one is recorded
         for (int i = 0; i < kFrames; ++i) {
-            auto gate = MakeGate();
+            const auto gate = MakeGate();
             allocator->Wait(gate);
             Record(allocator);
             Record(allocator);
             if (last != nullptr) {
-                Open(last); // the GPU was busy with the frame before while this one was recorded
+                Open(last);
             }
             allocator->Execute();
             last = i % 3 != 0 ? gate : nullptr;
@@ -336,11 +340,12 @@ TEST_F(D3D12CommandTest, OneAllocatorServesFrameAfterFrame) {
                 Queue()->WaitComplete();
             }
         }
-        if (last != nullptr) {
-            Open(last);
-        }
     }
-    EXPECT_EQ(resets, kFrames - 1);
+    ASSERT_EQ(resets.size(), kFrames - 1u);
+    EXPECT_NE(resets[0], resets[1]);
+    for (std::size_t i = 0; i < resets.size(); ++i) {
+        EXPECT_EQ(resets[i], resets[i % 3 == 1 ? 1 : 0]) << "frame " << i + 1;
+    }
     EXPECT_LE(made, 1);
     allocator->WaitComplete();
     D12CommandAllocator::WaitAllComplete();

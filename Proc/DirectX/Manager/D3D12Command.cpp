@@ -1,7 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"
@@ -12,8 +11,7 @@ namespace Norvex::DX {
 D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device,
                                      D3D12_COMMAND_LIST_TYPE type) {
     ThrowIfFailed<DirectX12Exception>(
-        device->CreateCommandAllocator(type, __uuidof(ID3D12CommandAllocator),
-                                       reinterpret_cast<void**>(&m_allocator)),
+        device->CreateCommandAllocator(type, IID_PPV_ARGS(&m_allocator)),
         "Failed to create command allocator", device);
     m_completionEvent.reset(new D12CompletionEvent(device, D3D12_FENCE_FLAG_NONE));
 }

@@ -15,6 +15,13 @@
 #include <utility>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/BitFlags.h"
+#include "Host/Color.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 
 namespace Norvex::DX {

@@ -1,0 +1,49 @@
+#pragma once
+
+// Where the frames of a clip come from: raw frames, a Y4M stream, or pictures. One thread at a
+// time. Throws Failure.
+
+#include <memory>
+#include <optional>
+
+#include "apps/norvexdx/commands/EncodePlan.h"
+#include "apps/norvexdx/pictures/ByteStream.h"
+#include "apps/norvexdx/pictures/Image.h"
+
+namespace Norvex::App {
+
+class FrameSource {
+public:
+    virtual ~FrameSource() = default;
+    FrameSource(const FrameSource&) = delete;
+    FrameSource& operator=(const FrameSource&) = delete;
+
+    // The next frame, into memory that is used again; false at the end. Failure when the input ends
+    // in the middle of a frame.
+    virtual bool Read(Image& frame) = 0;
+
+    // Of the first frame.
+    const DX::Size2DT<long>& GetSize() const { return m_size; }
+    // How many frames there will be, where that is known.
+    const std::optional<std::uint64_t>& GetCount() const { return m_count; }
+    // What the input says of itself.
+    const std::optional<FrameRate>& GetRate() const { return m_rate; }
+    const std::string& GetPixelAspect() const { return m_pixelAspect; }
+
+protected:
+    FrameSource() = default;
+
+    DX::Size2DT<long> m_size;
+    std::optional<std::uint64_t> m_count;
+    std::optional<FrameRate> m_rate;
+    std::string m_pixelAspect = "0:0"; // as in Y4mHeader
+};
+
+// As the plan says. Failures: no such file, not a picture, not a Y4M stream that is taken, raw
+// frames of unknown size.
+std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan);
+// Raw RGBA frames of 8 or 16 bits a channel, or the Y4M stream that it turns out to be.
+std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
+                                              const EncodePlan& plan);
+
+} // namespace Norvex::App

@@ -1,0 +1,126 @@
+#include "apps/norvexdx/clips/VideoFormat.h"
+
+#include <algorithm>
+#include <iterator>
+#include <numeric>
+
+#include "apps/norvexdx/console/Arguments.h"
+
+namespace Norvex::App {
+
+namespace {
+
+constexpr VideoFormat kFormats[] = {
+    {"nv12", 8, DXGI_FORMAT_NV12, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM,
+     "R8_UNORM and R8G8_UNORM", "420jpeg"},
+    {"p010", 10, DXGI_FORMAT_P010, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM,
+     "R16_UNORM and R16G16_UNORM", "420p10"},
+    {"p016", 16, DXGI_FORMAT_P016, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM,
+     "R16_UNORM and R16G16_UNORM", "420p16"},
+};
+
+struct NamedMatrix {
+    const char* name;
+    Conf::YCbCrMatrix matrix;
+};
+
+constexpr NamedMatrix kMatrices[] = {
+    {"bt601", Conf::YCbCrMatrix::BT601},
+    {"bt709", Conf::YCbCrMatrix::BT709},
+    {"bt2020", Conf::YCbCrMatrix::BT2020NonConstant},
+};
+
+struct NamedRate {
+    const char* name;
+    FrameRate rate;
+};
+
+constexpr NamedRate kBroadcastRates[] = {
+    {"23.976", {24000, 1001}},
+    {"29.97", {30000, 1001}},
+    {"59.94", {60000, 1001}},
+    {"119.88", {120000, 1001}},
+};
+
+std::size_t CountPixels(const DX::Size2DT<long>& size) {
+    return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
+}
+
+// A whole number without sign.
+std::optional<unsigned> ParseDigits(std::string_view text) {
+    return text.find_first_not_of("0123456789") == std::string_view::npos ? ParseIndex(text)
+                                                                          : std::nullopt;
+}
+
+std::optional<FrameRate> MakeRate(std::optional<unsigned> numerator,
+                                  std::optional<unsigned> denominator) {
+    constexpr unsigned kMax = 1000000;
+    if (!numerator || !denominator || *numerator == 0 || *denominator == 0) {
+        return std::nullopt;
+    }
+    const unsigned divisor = std::gcd(*numerator, *denominator);
+    const FrameRate rate = {*numerator / divisor, *denominator / divisor};
+    return rate.numerator <= kMax && rate.denominator <= kMax ? std::optional(rate) : std::nullopt;
+}
+
+std::optional<FrameRate> ParseDecimalRate(std::string_view whole, std::string_view decimals) {
+    constexpr std::size_t kMaxDecimals = 3;
+    constexpr unsigned kScales[] = {1, 10, 100, 1000};
+    if (whole.empty() || decimals.empty() || decimals.size() > kMaxDecimals) {
+        return std::nullopt;
+    }
+    return MakeRate(ParseDigits(std::string(whole) + std::string(decimals)),
+                    kScales[decimals.size()]);
+}
+
+} // namespace
+
+std::size_t VideoFormat::GetLumaBytes(const DX::Size2DT<long>& size) const {
+    return CountPixels(size) * GetSampleSize();
+}
+
+std::size_t VideoFormat::GetChromaBytes(const DX::Size2DT<long>& size) const {
+    return CountPixels(GetChromaSize(size)) * 2 * GetSampleSize();
+}
+
+DX::Size2DT<long> GetChromaSize(const DX::Size2DT<long>& size) {
+    return {(size.width + 1) / 2, (size.height + 1) / 2};
+}
+
+std::optional<VideoFormat> ParseVideoFormat(std::string_view name) {
+    const auto* found =
+        std::find_if(std::begin(kFormats), std::end(kFormats),
+                     [&](const VideoFormat& format) { return format.name == name; });
+    return found != std::end(kFormats) ? std::optional(*found) : std::nullopt;
+}
+
+std::optional<Conf::YCbCrMatrix> ParseMatrix(std::string_view name) {
+    const auto* found = std::find_if(std::begin(kMatrices), std::end(kMatrices),
+                                     [&](const NamedMatrix& entry) { return entry.name == name; });
+    return found != std::end(kMatrices) ? std::optional(found->matrix) : std::nullopt;
+}
+
+std::string GetMatrixName(Conf::YCbCrMatrix matrix) {
+    const auto* found =
+        std::find_if(std::begin(kMatrices), std::end(kMatrices),
+                     [&](const NamedMatrix& entry) { return entry.matrix == matrix; });
+    return found != std::end(kMatrices) ? found->name : std::string();
+}
+
+std::optional<FrameRate> ParseFrameRate(std::string_view text) {
+    for (const NamedRate& entry : kBroadcastRates) {
+        if (entry.name == text) {
+            return entry.rate;
+        }
+    }
+    const std::size_t slash = text.find('/');
+    if (slash != std::string_view::npos) {
+        return MakeRate(ParseDigits(text.substr(0, slash)), ParseDigits(text.substr(slash + 1)));
+    }
+    const std::size_t point = text.find('.');
+    return point != std::string_view::npos
+               ? ParseDecimalRate(text.substr(0, point), text.substr(point + 1))
+               : MakeRate(ParseDigits(text), 1);
+}
+
+} // namespace Norvex::App

@@ -1,0 +1,61 @@
+#include "apps/norvexdx/commands/EncodeCommand.h"
+
+#include "Host/SystemInfo.h"
+#include "apps/norvexdx/clips/EncodePipeline.h"
+#include "apps/norvexdx/commands/EncodeReport.h"
+#include "apps/norvexdx/console/Console.h"
+#include "apps/norvexdx/console/Failure.h"
+
+namespace Norvex::App {
+
+namespace {
+
+std::uint64_t GetPeakMemory() {
+    Core::Utils::MEMINFO info;
+    return Core::Utils::GetMemoryInfo(info) ? info.processPhysicalPeak : 0;
+}
+
+void Tell(const EncodePlan& plan, const std::string& text) {
+    if (plan.WritesToStandardOutput()) {
+        Console::PrintError(text);
+    } else {
+        Console::Print(text);
+    }
+}
+
+} // namespace
+
+void RunEncode(const EncodeOptions& options) {
+    const EncodePlan plan = MakeEncodePlan(options);
+    std::shared_ptr<FrameSource> source = OpenFrameSource(plan);
+    EncodeReport report;
+    report.format = plan.format;
+    report.matrix = plan.matrix;
+    report.size = plan.size.value_or(source->GetSize());
+    FrameSink sink(OpenByteSink(plan.output), plan.container, plan.format,
+                   {report.size, plan.rate ? plan.rate : source->GetRate(),
+                    source->GetPixelAspect(), plan.format.y4mColors});
+    // Nothing is drawn with it: the kind whose shaders compile fastest.
+    const auto graphics = Graphics::Open(plan.graphics, DrawKind::Fill, &Console::PrintMessage);
+    const auto encoder =
+        FrameEncoder::Open(*graphics, {plan.format, plan.matrix, report.size, plan.conversion});
+    report.isPlanar = encoder->IsPlanar();
+    {
+        EncodeProgress progress(plan.progress || Console::IsErrorTerminal(), source->GetCount());
+        report.totals = RunPipeline(source, *encoder, sink, progress);
+    }
+    if (report.totals.frames == 0) {
+        throw Failure("the input has no frames");
+    }
+    source.reset(); // the clip may take the place of the file that it was made from
+    sink.Commit();
+    report.peakMemory = GetPeakMemory();
+    if (plan.json) {
+        Tell(plan, MakeEncodeJson(*graphics, report));
+    }
+    if (plan.stats) {
+        Tell(plan, MakeEncodeText(*graphics, report));
+    }
+}
+
+} // namespace Norvex::App

@@ -1,0 +1,108 @@
+#include "apps/norvexdx/console/Report.h"
+
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "apps/norvexdx/console/ReportParts.h"
+
+namespace Norvex::App {
+
+namespace {
+
+template <class T>
+T ReadField(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
+    T value{};
+    std::memcpy(&value, bytes.data() + offset, sizeof(T));
+    return value;
+}
+
+// The layout of the shader's parameter block; see D3ImageRenderer::MakeParamsBuffer.
+Json MakeParametersJson(const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const auto bytes = DX::D3ImageRenderer::MakeParamsBuffer({}, conversion);
+    const auto integer = [&](std::size_t offset) {
+        return ReadField<std::uint32_t>(bytes, offset);
+    };
+    const auto number = [&](std::size_t offset) { return ReadField<float>(bytes, offset); };
+    return {{"sourceColorSpace", integer(64)},    {"targetColorSpace", integer(68)},
+            {"sourceAlphaType", integer(72)},     {"targetAlphaType", integer(76)},
+            {"displayLinear", integer(80) != 0},  {"linearScale", number(84)},
+            {"pqTonemapA", number(88)},           {"pqTonemapB", number(92)},
+            {"displayPeakLuminance", number(96)}, {"hlgOOTFGamma", number(100)}};
+}
+
+Json MakePictureJson(const PictureReport& picture) {
+    Json json;
+    if (!picture.input.empty()) {
+        json["input"] = picture.input;
+        json["sourceFormat"] = GetFormatName(picture.sourceFormat);
+        json["transform"] = picture.transform.rows;
+    }
+    json["output"] = picture.output;
+    json["width"] = picture.width;
+    json["height"] = picture.height;
+    json["targetFormat"] = GetFormatName(picture.targetFormat);
+    Json& times = json["timesMs"];
+    if (!picture.input.empty()) {
+        times["decode"] = picture.times.decode;
+        times["upload"] = picture.times.upload;
+    }
+    times["draw"] = picture.times.draw;
+    times["readback"] = picture.times.readback;
+    times["encode"] = picture.times.encode;
+    return json;
+}
+
+Json MakeRunJson(const Graphics& graphics) {
+    Json json;
+    const DX::D3Device& device = graphics.GetDevice();
+    json["adapter"] = MakeAdapterJson(graphics.GetAdapterIndex(), *device.GetDescription());
+    json["device"] = MakeDeviceJson(device);
+    json["timesMs"] = {{"deviceCreation", graphics.GetCreationMs()},
+                       {"shaderCompilation", graphics.GetShaderCompilationMs()}};
+    return json;
+}
+
+} // namespace
+
+std::string MakeConvertJson(const Graphics& graphics,
+                            const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                            const std::vector<PictureReport>& pictures) {
+    Json json = MakeRunJson(graphics);
+    json["parameters"] = MakeParametersJson(conversion);
+    json["pictures"] = Json::array();
+    for (const PictureReport& picture : pictures) {
+        json["pictures"].push_back(MakePictureJson(picture));
+    }
+    return DumpJson(json);
+}
+
+std::string MakeConvertText(const Graphics& graphics, const std::vector<PictureReport>& pictures) {
+    if (pictures.empty()) {
+        return {};
+    }
+    std::string text = fmt::format("{} on {}: device {:.0f} ms, shaders {:.1f} ms\n",
+                                   graphics.GetApiName(), graphics.GetDevice().GetAdapterName(),
+                                   graphics.GetCreationMs(), graphics.GetShaderCompilationMs());
+    for (const PictureReport& picture : pictures) {
+        const PictureTimes& times = picture.times;
+        const std::string reading =
+            picture.input.empty()
+                ? std::string()
+                : fmt::format("decode {:.1f}, upload {:.1f}, ", times.decode, times.upload);
+        text += fmt::format("{}: {} x {}, {}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
+                            picture.output, picture.width, picture.height,
+                            GetFormatName(picture.targetFormat), reading, times.draw,
+                            times.readback, times.encode);
+    }
+    return text;
+}
+
+std::string MakeDrawJson(const Graphics& graphics, const PictureReport& picture) {
+    Json json = MakeRunJson(graphics);
+    json["pictures"] = Json::array({MakePictureJson(picture)});
+    return DumpJson(json);
+}
+
+} // namespace Norvex::App

@@ -1,0 +1,236 @@
+#include "apps/norvexdx/graphics/FrameEncoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/graphics/FrameEncoder11.h"
+#include "apps/norvexdx/graphics/FrameEncoder12.h"
+#include "apps/norvexdx/graphics/Graphics11.h"
+#include "apps/norvexdx/graphics/Graphics12.h"
+
+namespace Norvex::App {
+
+namespace {
+
+using Codes = std::array<double, 3>; // of luma, C'b, C'r, divided by 2^bits
+
+constexpr std::array<std::array<std::uint8_t, 3>, 8> kTestColors = {{{255, 0, 0},
+                                                                     {0, 255, 0},
+                                                                     {0, 0, 255},
+                                                                     {255, 255, 255},
+                                                                     {0, 0, 0},
+                                                                     {200, 100, 50},
+                                                                     {30, 60, 220},
+                                                                     {128, 240, 128}}};
+constexpr long kBlock = 2; // pixels of one colour, so that halving chroma changes nothing
+
+std::size_t GetTestColor(long x, long y) {
+    const long block = y / kBlock * (kTestSize.width / kBlock) + x / kBlock;
+    return static_cast<std::size_t>(block);
+}
+
+std::size_t GetTestPixel(long x, long y) {
+    const long pixel = y * kTestSize.width + x;
+    return static_cast<std::size_t>(pixel);
+}
+
+Image MakeTestPicture() {
+    Image picture{.width = static_cast<std::uint32_t>(kTestSize.width),
+                  .height = static_cast<std::uint32_t>(kTestSize.height),
+                  .bitsPerChannel = 8,
+                  .pixels = {},
+                  .colorSpace = {}};
+    for (long y = 0; y < kTestSize.height; ++y) {
+        for (long x = 0; x < kTestSize.width; ++x) {
+            const auto& color = kTestColors[GetTestColor(x, y)];
+            picture.pixels.insert(picture.pixels.end(), color.begin(), color.end());
+            picture.pixels.push_back(0xFF);
+        }
+    }
+    return picture;
+}
+
+// Narrow range.
+Codes GetCodes(const std::array<std::uint8_t, 3>& color, Conf::YCbCrMatrix matrix) {
+    const auto rows = Conf::GetRGBToYpPbPrMatrix(matrix);
+    Codes codes = {16.0 / 256.0, 128.0 / 256.0, 128.0 / 256.0};
+    for (std::size_t i = 0; i < codes.size(); ++i) {
+        const double range = i == 0 ? 219.0 : 224.0;
+        for (std::size_t j = 0; j < color.size(); ++j) {
+            codes[i] += rows[i][j] * color[j] / 255.0 * range / 256.0;
+        }
+    }
+    return codes;
+}
+
+// Sample `index`, divided by the largest.
+double GetSample(const std::vector<std::uint8_t>& planes, std::size_t index, bool isDeep) {
+    if (!isDeep) {
+        return planes[index] / 255.0;
+    }
+    std::uint16_t sample = 0;
+    std::memcpy(&sample, &planes[2 * index], sizeof(sample));
+    return sample / 65535.0;
+}
+
+FormatUses GetUses(const DX::D3Device& device, DXGI_FORMAT format) {
+    const auto* d12 = dynamic_cast<const DX::D12Device*>(&device);
+    return d12 != nullptr ? GetFormatUses(*d12, format)
+                          : GetFormatUses(dynamic_cast<const DX::D11Device&>(device), format);
+}
+
+long GetLargestSide(D3D_FEATURE_LEVEL level) {
+    constexpr long kSideBefore11 = 8192; // D3D10_REQ_TEXTURE2D_U_OR_V_DIMENSION
+    return level >= D3D_FEATURE_LEVEL_11_0 ? D3D11_REQ_TEXTURE2D_U_OR_V_DIMENSION : kSideBefore11;
+}
+
+std::unique_ptr<FrameEncoder> Make(const Graphics& graphics, const EncoderParams& params,
+                                   const EncoderTextures& textures) {
+    const auto* d12 = dynamic_cast<const DX::D12Device*>(&graphics.GetDevice());
+    if (d12 != nullptr) {
+        return MakeFrameEncoder12(DX::D12Device::Find(d12->Get()), params, textures);
+    }
+    const auto& d11 = dynamic_cast<const DX::D11Device&>(graphics.GetDevice());
+    return MakeFrameEncoder11(DX::D11Device::Find(d11.Get()), params, textures);
+}
+
+bool PassesPlanarTest(const Graphics& graphics, const EncoderParams& params) {
+    try {
+        const EncoderParams test = {params.format, params.matrix, kTestSize, std::nullopt};
+        return HasTruePlanes(*Make(graphics, test, {.isPlanar = true}), test);
+    } catch (const DX::DirectXException&) {
+        return false;
+    }
+}
+
+std::string GetUpperName(const VideoFormat& format) {
+    std::string name = format.name;
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+    return name;
+}
+
+bool IsEven(const DX::Size2DT<long>& size) {
+    return size.width % 2 == 0 && size.height % 2 == 0;
+}
+
+DXGI_FORMAT ChooseCanvasFormat(const std::function<FormatUses(DXGI_FORMAT)>& usesOf) {
+    for (const DXGI_FORMAT format :
+         {DXGI_FORMAT_R16G16B16A16_UNORM, DXGI_FORMAT_R16G16B16A16_FLOAT}) {
+        const FormatUses uses = usesOf(format);
+        if (uses.drawTo && uses.drawFrom) {
+            return format;
+        }
+    }
+    throw Failure("the adapter cannot draw pictures of 16 bits a channel");
+}
+
+} // namespace
+
+std::unique_ptr<FrameEncoder> FrameEncoder::Open(const Graphics& graphics,
+                                                 const EncoderParams& params) {
+    const DX::D3Device& device = graphics.GetDevice();
+    const TextureChoice choice =
+        ChooseTextures(params, GetLargestSide(device.GetFeatureLevel()),
+                       [&device](DXGI_FORMAT format) { return GetUses(device, format); });
+    const bool isPlanar = choice.mayBePlanar && PassesPlanarTest(graphics, params);
+    if (!isPlanar && !choice.hasPair) {
+        throw Failure(fmt::format("the adapter's {} textures come out wrong, and it cannot draw on "
+                                  "{} instead",
+                                  GetUpperName(params.format), params.format.planesName));
+    }
+    return Make(graphics, params, {isPlanar, choice.canvasFormat});
+}
+
+std::size_t FrameEncoder::Submit(const Image& frame) {
+    if (m_count == kSlots) {
+        throw std::logic_error("all slots are in flight");
+    }
+    const std::size_t slot = (m_oldest + m_count) % kSlots;
+    Begin(slot, frame);
+    ++m_count;
+    const std::size_t canvas = IsDrawn(frame) ? static_cast<std::size_t>(m_params.size.width) *
+                                                    static_cast<std::size_t>(m_params.size.height) *
+                                                    App::GetPixelSize(m_textures.canvasFormat)
+                                              : 0;
+    // Each in a texture and in memory for its transfer.
+    m_bytes[slot] =
+        2 * frame.pixels.size() + canvas + 2 * m_params.format.GetFrameBytes(m_params.size);
+    return m_bytes[slot];
+}
+
+FrameEncoder::Collected FrameEncoder::Collect(std::vector<std::uint8_t>& planes) {
+    if (m_count == 0) {
+        throw std::logic_error("nothing is in flight");
+    }
+    planes.resize(m_params.format.GetFrameBytes(m_params.size));
+    const std::size_t slot = m_oldest;
+    const auto gpuMs = End(slot, planes.data());
+    m_oldest = (m_oldest + 1) % kSlots;
+    --m_count;
+    return {gpuMs, m_bytes[slot]};
+}
+
+bool FrameEncoder::IsDrawn(const Image& frame) const {
+    return m_params.conversion || GetImageSize(frame) != m_params.size;
+}
+
+TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
+                             const std::function<FormatUses(DXGI_FORMAT)>& usesOf) {
+    if (params.size.width > largestSide || params.size.height > largestSide) {
+        throw Failure(fmt::format("frames of {} x {} pixels are larger than the adapter takes "
+                                  "({} x {})",
+                                  params.size.width, params.size.height, largestSide, largestSide));
+    }
+    const VideoFormat& format = params.format;
+    const auto isTarget = [&](DXGI_FORMAT plane) {
+        const FormatUses uses = usesOf(plane);
+        return uses.drawTo && uses.drawFrom; // chroma is drawn twice
+    };
+    TextureChoice choice;
+    choice.mayBePlanar = IsEven(params.size) && usesOf(format.planar).drawTo;
+    choice.hasPair = isTarget(format.luma) && isTarget(format.chroma);
+    if (!choice.mayBePlanar && !choice.hasPair) {
+        throw Failure(fmt::format(
+            "the adapter cannot draw {}: neither on such textures{} nor on {}",
+            GetUpperName(format), IsEven(params.size) ? "" : " of odd size", format.planesName));
+    }
+    choice.canvasFormat = ChooseCanvasFormat(usesOf);
+    return choice;
+}
+
+bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params) {
+    constexpr double kTolerance = 2.5 / 256.0;
+    std::vector<std::uint8_t> planes;
+    encoder.Submit(MakeTestPicture());
+    encoder.Collect(planes);
+    const bool isDeep = params.format.bits > 8;
+    const auto isNear = [&](std::size_t index, double code) {
+        return std::abs(GetSample(planes, index, isDeep) - code) <= kTolerance;
+    };
+    const std::size_t lumaCount = GetTestPixel(0, kTestSize.height);
+    for (long y = 0; y < kTestSize.height; ++y) {
+        for (long x = 0; x < kTestSize.width; ++x) {
+            const std::size_t pixel = GetTestPixel(x, y);
+            const std::size_t pair = lumaCount + 2 * GetTestColor(x, y);
+            const Codes codes = GetCodes(kTestColors[GetTestColor(x, y)], params.matrix);
+            if (!isNear(pixel, codes[0]) || !isNear(pair, codes[1]) ||
+                !isNear(pair + 1, codes[2])) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+DXGI_FORMAT GetSourceFormat(const Image& frame) {
+    return frame.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM : DXGI_FORMAT_R8G8B8A8_UNORM;
+}
+
+} // namespace Norvex::App

@@ -1,0 +1,282 @@
+#include "apps/norvexdx/graphics/FrameEncoder12.h"
+
+#include <cstring>
+
+#include <boost/throw_exception.hpp>
+
+#include "Proc/DirectX/Manager/D3D12BufferPool.h"
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
+#include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/D3D12TexturePool.h"
+#include "Proc/DirectX/Manager/D3YUVConverter.h"
+#include "Proc/DirectX/Manager/Exceptions.h"
+
+namespace Norvex::App {
+
+namespace {
+
+// The states in which textures wait in their pools.
+constexpr auto kSourceState = D3D12_RESOURCE_STATE_COPY_DEST;
+constexpr auto kCanvasState = D3D12_RESOURCE_STATE_RENDER_TARGET;
+constexpr auto kPlaneState = D3D12_RESOURCE_STATE_COPY_SOURCE;
+constexpr auto kReadable = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+
+DX::D12Texture2DDesc MakeFrameDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format,
+                                     D3D12_RESOURCE_STATES state, bool isTarget) {
+    DX::D12Texture2DDesc desc;
+    desc.width = static_cast<std::uint64_t>(size.width);
+    desc.height = static_cast<std::uint32_t>(size.height);
+    desc.format = format;
+    desc.initialState = state;
+    if (isTarget) {
+        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
+    }
+    return desc;
+}
+
+D3D12_RESOURCE_BARRIER Transition(ID3D12Resource* resource, D3D12_RESOURCE_STATES before,
+                                  D3D12_RESOURCE_STATES after) {
+    return CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after);
+}
+
+class FrameEncoder12 : public FrameEncoder {
+public:
+    FrameEncoder12(const boost::intrusive_ptr<DX::D12Device>& device, const EncoderParams& params,
+                   const EncoderTextures& textures)
+        : FrameEncoder(params, textures),
+          m_device(device),
+          m_queue(new DX::D12CommandQueue(device, {.Type = D3D12_COMMAND_LIST_TYPE_DIRECT,
+                                                   .Priority = D3D12_COMMAND_QUEUE_PRIORITY_NORMAL,
+                                                   .Flags = D3D12_COMMAND_QUEUE_FLAG_NONE,
+                                                   .NodeMask = 0})),
+          m_draw(new DX::D12ImageDraw(device)),
+          m_converter(new DX::D12YUVConverter(device, Proc::AlphaType::NonPremultiplied)),
+          m_canvasPool(DX::D12Texture2DPool::Create(
+              device, MakeFrameDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
+        MakePlanePools();
+        PlacePlanes();
+        m_queue->Get()->GetTimestampFrequency(&m_ticksPerSecond);
+        for (Slot& slot : m_slots) {
+            slot.begin = device->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
+            slot.end = device->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
+        }
+    }
+
+private:
+    using Texture = boost::intrusive_ptr<DX::D12Texture2D>;
+
+    // What one frame holds while it is in flight. What the device uses of it, the allocator keeps
+    // alive.
+    struct Work {
+        Texture source;
+        Texture canvas;                // null when the frame is not drawn
+        std::array<Texture, 2> planes; // of a planar texture only the first
+        boost::intrusive_ptr<DX::D12Buffer> readback;
+        boost::intrusive_ptr<DX::D12CommandAllocator> allocator;
+    };
+
+    struct Slot {
+        boost::intrusive_ptr<DX::D12Query> begin;
+        boost::intrusive_ptr<DX::D12Query> end;
+        Work work;
+    };
+
+    void MakePlanePools() {
+        const VideoFormat& format = GetParams().format;
+        const auto make = [&](const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
+            return DX::D12Texture2DPool::Create(m_device,
+                                                MakeFrameDesc12(size, plane, kPlaneState, true));
+        };
+        const DX::Size2DT<long>& size = GetParams().size;
+        if (IsPlanar()) {
+            m_planePools[0] = make(size, format.planar);
+        } else {
+            m_planePools[0] = make(size, format.luma);
+            m_planePools[1] = make(GetChromaSize(size), format.chroma);
+        }
+    }
+
+    // Where both planes lie in a readback buffer.
+    void PlacePlanes() {
+        for (const auto& pool : m_planePools) {
+            if (pool == nullptr) {
+                continue;
+            }
+            const auto desc = CD3DX12_RESOURCE_DESC::Tex2D(pool->GetDesc().format, pool->GetWidth(),
+                                                           pool->GetHeight(), 1, 1);
+            std::vector<DX::D12PlacedSubResourceFootprint> places;
+            std::uint64_t size = 0;
+            m_readbackSize += D3D12_TEXTURE_DATA_PLACEMENT_ALIGNMENT - 1;
+            m_readbackSize -= m_readbackSize % D3D12_TEXTURE_DATA_PLACEMENT_ALIGNMENT;
+            m_device->GetCopyableFootprints(desc, 0, IsPlanar() ? 2 : 1, m_readbackSize, places,
+                                            size);
+            m_places.insert(m_places.end(), places.begin(), places.end());
+            m_readbackSize += size;
+        }
+    }
+
+    void Begin(std::size_t slot, const Image& frame) override {
+        Slot& place = m_slots[slot];
+        Work work;
+        work.source = ObtainSource(frame);
+        work.canvas = IsDrawn(frame) ? m_canvasPool->ObtainTexture() : nullptr;
+        for (std::size_t i = 0; i < work.planes.size(); ++i) {
+            work.planes[i] = m_planePools[i] ? m_planePools[i]->ObtainTexture() : nullptr;
+        }
+        work.readback = m_device->CreateReadbackBuffer(m_readbackSize);
+        work.allocator = m_queue->CreateCommandAllocator();
+        RecordUpload(work, frame, place.begin);
+        if (work.canvas) {
+            RecordDraw(work, GetImageSize(frame));
+        }
+        RecordConversion(work);
+        RecordReadback(work, place.end);
+        work.allocator->Execute();
+        place.work = std::move(work);
+    }
+
+    std::optional<double> End(std::size_t slot, std::uint8_t* planes) override {
+        Slot& place = m_slots[slot];
+        place.work.allocator->WaitComplete();
+        CheckDevice();
+        place.work.readback->Read(0, m_readbackSize, [&](const std::uint8_t* data) {
+            for (const auto& plane : m_places) {
+                for (std::uint32_t row = 0; row < plane.NumRows; ++row) {
+                    std::memcpy(planes,
+                                data + plane.Offset + std::uint64_t{row} * plane.Footprint.RowPitch,
+                                plane.RowSizeInBytes);
+                    planes += plane.RowSizeInBytes;
+                }
+            }
+        });
+        place.work = {};
+        const std::uint64_t ticks = place.end->GetUint64Stats() - place.begin->GetUint64Stats();
+        constexpr double kMsPerSecond = 1000.0;
+        return m_ticksPerSecond != 0 ? std::optional(static_cast<double>(ticks) * kMsPerSecond /
+                                                     static_cast<double>(m_ticksPerSecond))
+                                     : std::nullopt;
+    }
+
+    // The fence of a lost device counts as reached, but its planes are not there.
+    void CheckDevice() {
+        const long reason = m_device->GetDeviceRemovedReason();
+        if (reason != S_OK) {
+            DX::DirectX12Exception failure;
+            failure << ErrorDescription("The device was lost during the conversion of a frame")
+                    << HResult(reason, m_device->Get());
+            boost::throw_exception(failure);
+        }
+    }
+
+    // Pictures of one clip may differ in size; each size has its pool.
+    Texture ObtainSource(const Image& frame) {
+        const auto desc =
+            MakeFrameDesc12(GetImageSize(frame), GetSourceFormat(frame), kSourceState, false);
+        if (!m_sourcePool || m_sourcePool->GetDesc().width != desc.width ||
+            m_sourcePool->GetDesc().height != desc.height ||
+            m_sourcePool->GetDesc().format != desc.format) {
+            m_sourcePool = DX::D12Texture2DPool::Create(m_device, desc);
+        }
+        return m_sourcePool->ObtainTexture();
+    }
+
+    void RecordUpload(const Work& work, const Image& frame,
+                      const boost::intrusive_ptr<DX::D12Query>& begin) {
+        DX::D12UploadResourceParams params;
+        params.destination = work.source->GetResource();
+        params.stateBefore = kSourceState;
+        params.stateAfter = kReadable;
+        params.subresources = {{frame.pixels.data(), frame.GetRowSize(), frame.pixels.size()}};
+        const auto list = work.allocator->CreateCommandList(nullptr);
+        list->EndQuery(begin);
+        list->UploadResource(params);
+        list->Close();
+    }
+
+    void RecordDraw(const Work& work, const DX::Size2DT<long>& sourceSize) {
+        const auto& allocator = work.allocator;
+        const auto target = m_device->CreateRenderTargetView(work.canvas->GetResource());
+        const Placement placement = PlacePicture({}, sourceSize, GetParams().size);
+        allocator->ClearRenderTargetView(target, kBlack, {});
+        auto source = m_device->CreateTextureShaderResourceView(work.source->GetResource());
+        for (unsigned i = Graphics::CountHalvings(sourceSize, placement.scale); i > 0; --i) {
+            source = RecordHalving(allocator, source);
+        }
+        m_draw->Encode(allocator, source, target, placement.transform, GetParams().conversion,
+                       std::nullopt);
+    }
+
+    // So that a picture that gets much smaller does not alias.
+    boost::intrusive_ptr<DX::D12Descriptor>
+    RecordHalving(const boost::intrusive_ptr<DX::D12CommandAllocator>& allocator,
+                  const boost::intrusive_ptr<DX::D12Descriptor>& source) {
+        const DX::Size2DT<long> size = source->GetSize();
+        const auto half = m_device->CreateTexture2D(
+            MakeFrameDesc12({(size.width + 1) / 2, (size.height + 1) / 2},
+                            GetTextures().canvasFormat, kCanvasState, true));
+        m_draw->Encode(allocator, source, m_device->CreateRenderTargetView(half), {}, std::nullopt,
+                       std::nullopt);
+        allocator->ResourceBarrier({Transition(half, kCanvasState, kReadable)});
+        return m_device->CreateTextureShaderResourceView(half);
+    }
+
+    void RecordConversion(const Work& work) {
+        const auto& source = work.canvas ? work.canvas : work.source;
+        const DX::D12ResourceStates sourceStates =
+            work.canvas ? DX::D12ResourceStates{kCanvasState, kCanvasState}
+                        : DX::D12ResourceStates{kReadable, kSourceState};
+        constexpr DX::D12ResourceStates kPlaneStates = {kPlaneState, kPlaneState};
+        const EncoderParams& params = GetParams();
+        if (IsPlanar()) {
+            m_converter->Encode(work.allocator, source->GetResource(),
+                                work.planes[0]->GetResource(), params.matrix,
+                                {{sourceStates, kPlaneStates}});
+        } else {
+            m_converter->Encode(work.allocator, source->GetResource(),
+                                work.planes[0]->GetResource(), work.planes[1]->GetResource(),
+                                params.format.planar, params.matrix,
+                                {{sourceStates, kPlaneStates, kPlaneStates}});
+        }
+    }
+
+    void RecordReadback(const Work& work, const boost::intrusive_ptr<DX::D12Query>& end) {
+        const auto list = work.allocator->CreateCommandList(nullptr);
+        for (unsigned i = 0; i < m_places.size(); ++i) {
+            const Texture& plane = work.planes[IsPlanar() ? 0 : i];
+            list->CopyTextureRegion(
+                CD3DX12_TEXTURE_COPY_LOCATION(work.readback->GetResource(),
+                                              {m_places[i].Offset, m_places[i].Footprint}),
+                0, 0, 0, CD3DX12_TEXTURE_COPY_LOCATION(plane->GetResource(), IsPlanar() ? i : 0),
+                nullptr);
+        }
+        if (work.canvas) {
+            list->ResourceBarrier(
+                {Transition(work.source->GetResource(), kReadable, kSourceState)});
+        }
+        list->EndQuery(end);
+        list->Close();
+    }
+
+    boost::intrusive_ptr<DX::D12Device> m_device;
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;
+    boost::intrusive_ptr<DX::D12YUVConverter> m_converter;
+    boost::intrusive_ptr<DX::D12Texture2DPool> m_sourcePool; // for the size of the last frame
+    boost::intrusive_ptr<DX::D12Texture2DPool> m_canvasPool;
+    std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 2> m_planePools;
+    std::vector<DX::D12PlacedSubResourceFootprint> m_places; // of luma and chroma
+    std::uint64_t m_readbackSize = 0;                        // bytes
+    std::uint64_t m_ticksPerSecond = 0;
+    std::array<Slot, kSlots> m_slots;
+};
+
+} // namespace
+
+std::unique_ptr<FrameEncoder> MakeFrameEncoder12(const boost::intrusive_ptr<DX::D12Device>& device,
+                                                 const EncoderParams& params,
+                                                 const EncoderTextures& textures) {
+    return std::make_unique<FrameEncoder12>(device, params, textures);
+}
+
+} // namespace Norvex::App

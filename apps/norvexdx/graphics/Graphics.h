@@ -1,0 +1,177 @@
+#pragma once
+
+// What the program draws with: one device of one Direct3D generation, its shaders, and the pictures
+// and canvases on it. What is the same for both generations (placing, reducing, formats) is here;
+// the rest is in Graphics11.cpp and Graphics12.cpp, which read side by side. Graphics: any thread;
+// a canvas: one thread at a time. Pictures and canvases go with the Graphics that made them. Throws
+// Failure and what the library throws. Windows: Screen.h.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "Host/ColorConversionInfo.h"
+#include "Proc/DirectX/Manager/D3Device.h"
+#include "apps/norvexdx/graphics/Formats.h"
+#include "apps/norvexdx/pictures/Image.h"
+#include "apps/norvexdx/viewer/View.h"
+
+namespace Norvex::App {
+
+class Screen;
+
+enum class ApiChoice { Auto, Direct3D11, Direct3D12 };
+
+// The device that the user asks for.
+struct GraphicsChoice {
+    ApiChoice api = ApiChoice::Auto;
+    unsigned adapter = 0; // in DXGI's order
+};
+
+// Decides which shaders are compiled at once; others are when they are first needed.
+enum class DrawKind {
+    Replace, // pictures take the place of what the canvas holds
+    Over,    // pictures, premultiplied when drawn, are laid over it
+    Fill,    // rectangles of one colour
+};
+
+// Pixels on the device.
+class Surface {
+public:
+    virtual ~Surface() = default;
+    Surface(const Surface&) = delete;
+    Surface& operator=(const Surface&) = delete;
+
+    const DX::Size2DT<long>& GetSize() const { return m_size; }
+    DXGI_FORMAT GetFormat() const { return m_format; }
+
+protected:
+    Surface(const DX::Size2DT<long>& size, DXGI_FORMAT format) : m_size(size), m_format(format) {}
+
+private:
+    DX::Size2DT<long> m_size;
+    DXGI_FORMAT m_format;
+};
+
+// What is drawn.
+class Picture : public Surface {
+protected:
+    using Surface::Surface;
+};
+
+// What is drawn on. Transparent black at first, or undefined.
+class Canvas : public Surface {
+public:
+    // Ends drawing: the pixels, once the device has finished, with 8 or 16 bits a channel as asked
+    // for when the canvas was made.
+    Image Download();
+    // The same, but as the device holds them: rows without padding, in the canvas's format.
+    std::vector<std::uint8_t> DownloadBytes();
+
+protected:
+    using Surface::Surface;
+
+    // Rows of rowSize bytes, without padding.
+    virtual void ReadBack(std::uint8_t* pixels, std::size_t rowSize) = 0;
+};
+
+struct DrawParams {
+    DX::AffineTransform transform;
+    std::optional<Proc::ColorAlphaConversionInfo> conversion;
+    std::optional<DX::Rect2DT<long>> rect; // all of the canvas without one
+    bool blends = false;
+};
+
+// Records the work of one Graphics::Run, or of a frame of a Screen, in order.
+class Recorder {
+public:
+    Recorder() = default;
+    virtual ~Recorder() = default;
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    virtual void Clear(const Canvas& canvas, const Proc::ColorF& color) = 0;
+    virtual void Fill(const Canvas& canvas, const Proc::ColorF& color,
+                      const DX::Rect2DT<long>& rect) = 0;
+    virtual void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) = 0;
+    // What has been drawn, as a picture; the canvas is not drawn on any more.
+    virtual std::unique_ptr<Picture> TakePicture(const Canvas& canvas) = 0;
+};
+
+class Graphics {
+public:
+    // Failures: no Direct3D 12, no HLSL compiler, no such adapter. With ApiChoice::Auto it is
+    // Direct3D 12 where system and adapter have it, else Direct3D 11, of which `tell` gets a line.
+    static std::unique_ptr<Graphics> Open(const GraphicsChoice& choice, DrawKind kind,
+                                          const std::function<void(std::string_view)>& tell);
+
+    virtual ~Graphics() = default;
+    Graphics(const Graphics&) = delete;
+    Graphics& operator=(const Graphics&) = delete;
+
+    virtual const char* GetApiName() const = 0; // "Direct3D 12"
+    virtual const DX::D3Device& GetDevice() const = 0;
+    unsigned GetAdapterIndex() const { return m_adapterIndex; }
+    double GetCreationMs() const { return m_creationMs; }
+    double GetShaderCompilationMs() const { return m_shaderCompilationMs; }
+    // S_OK while the device works; else why it was lost. Then all of it is to be made anew.
+    virtual long GetDeviceRemovedReason() const = 0;
+    // Work on the device may outlive its Graphics on background threads: waits for that.
+    static void WaitUntilReleased();
+
+    // As R8G8B8A8_UNORM or R16G16B16A16_UNORM; the image may go afterwards.
+    virtual std::unique_ptr<Picture> Upload(const Image& image) = 0;
+
+    // R8G8B8A8_UNORM for 8 bits; for 16 R16G16B16A16_UNORM where the device draws and blends on it,
+    // else R16G16B16A16_FLOAT. Failure when the device has neither.
+    std::unique_ptr<Canvas> MakeCanvas(const DX::Size2DT<long>& size, unsigned bitsPerChannel);
+
+    // For the client area of a window, which has no other Screen.
+    virtual std::unique_ptr<Screen> OpenScreen(HWND window) = 0;
+
+    // How often a picture of this size is to be halved before it is drawn at this scale (target
+    // pixels per source pixel), so that every source pixel counts.
+    static unsigned CountHalvings(const DX::Size2DT<long>& size, float scale);
+    // The picture, halved so many times, at least once.
+    std::unique_ptr<Picture> Halve(Recorder& recorder, const Picture& source, unsigned times);
+
+    struct DrawOptions {
+        View view;
+        std::optional<Proc::ColorAlphaConversionInfo> conversion;
+        std::optional<DX::Rect2DT<long>> rect;  // all of the canvas without one
+        std::optional<Proc::ColorF> background; // what the canvas is filled with before
+        bool blends = false;                    // as of DrawKind::Over
+    };
+    struct DrawResult {
+        DX::AffineTransform transform;
+        double drawMs = 0.0; // from submission until the device has finished
+    };
+    // Draws and waits. A picture that gets smaller than half its size is first reduced by halves.
+    DrawResult Draw(const Picture& source, const Canvas& canvas, const DrawOptions& options);
+    // Fills the canvas with the background, the rectangle with the colour, and waits. Milliseconds,
+    // as DrawResult's. One thread at a time.
+    double Fill(const Canvas& canvas, const Proc::ColorF& color, const DX::Rect2DT<long>& rect,
+                const Proc::ColorF& background);
+
+protected:
+    Graphics() = default;
+
+private:
+    virtual void CompileShaders(DrawKind kind) = 0;
+    virtual FormatUses GetUses(DXGI_FORMAT format) const = 0;
+    virtual std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
+                                                 DXGI_FORMAT format) = 0;
+    // Submits what the function records and waits for it. Milliseconds, as DrawResult's.
+    virtual double Run(const std::function<void(Recorder&)>& record) = 0;
+
+    DXGI_FORMAT ChooseTargetFormat(unsigned bitsPerChannel) const;
+    std::unique_ptr<Picture> HalveOnce(Recorder& recorder, const Picture& source);
+
+    unsigned m_adapterIndex = 0;
+    double m_creationMs = 0.0;
+    double m_shaderCompilationMs = 0.0;
+};
+
+} // namespace Norvex::App

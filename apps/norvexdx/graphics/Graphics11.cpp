@@ -1,0 +1,336 @@
+#include "apps/norvexdx/graphics/Graphics11.h"
+
+#include <array>
+#include <cstring>
+#include <deque>
+#include <optional>
+#include <thread>
+
+#include <boost/throw_exception.hpp>
+
+#include "Proc/DirectX/Manager/D11ImageDraw.h"
+#include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/Screen.h"
+
+namespace Norvex::App {
+
+namespace {
+
+D3D11_TEXTURE2D_DESC MakeTextureDesc11(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    desc.Width = static_cast<UINT>(size.width);
+    desc.Height = static_cast<UINT>(size.height);
+    desc.MipLevels = 1;
+    desc.ArraySize = 1;
+    desc.Format = format;
+    desc.SampleDesc.Count = 1;
+    desc.Usage = D3D11_USAGE_DEFAULT;
+    return desc;
+}
+
+// Premultiplied colour over what is there.
+D3D11_RENDER_TARGET_BLEND_DESC MakeOverBlend11() {
+    return {.BlendEnable = TRUE,
+            .SrcBlend = D3D11_BLEND_ONE,
+            .DestBlend = D3D11_BLEND_INV_SRC_ALPHA,
+            .BlendOp = D3D11_BLEND_OP_ADD,
+            .SrcBlendAlpha = D3D11_BLEND_ONE,
+            .DestBlendAlpha = D3D11_BLEND_INV_SRC_ALPHA,
+            .BlendOpAlpha = D3D11_BLEND_OP_ADD,
+            .RenderTargetWriteMask = D3D11_COLOR_WRITE_ENABLE_ALL};
+}
+
+class Picture11 : public Picture {
+public:
+    Picture11(const boost::intrusive_ptr<DX::D11ShaderTexture2D>& texture, DXGI_FORMAT format)
+        : Picture(texture->GetSize(), format),
+          m_texture(texture) {}
+
+    const boost::intrusive_ptr<DX::D11ShaderTexture2D>& GetTexture() const { return m_texture; }
+
+private:
+    boost::intrusive_ptr<DX::D11ShaderTexture2D> m_texture;
+};
+
+// A staging texture's memory, readable while this object lives. Inside Encode.
+class Mapping {
+public:
+    Mapping(const boost::intrusive_ptr<DX::D11DeviceContext>& context,
+            const CComPtr<ID3D11Texture2D>& texture)
+        : m_context(context),
+          m_texture(texture),
+          m_mapped(context->Map(texture, 0, D3D11_MAP_READ, std::nullopt)) {}
+    ~Mapping() { m_context->Unmap(m_texture, 0); }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+
+    const std::uint8_t* GetRow(std::size_t row) const {
+        return static_cast<const std::uint8_t*>(m_mapped.pData) + row * m_mapped.RowPitch;
+    }
+
+private:
+    boost::intrusive_ptr<DX::D11DeviceContext> m_context;
+    CComPtr<ID3D11Texture2D> m_texture;
+    D3D11_MAPPED_SUBRESOURCE m_mapped;
+};
+
+class Canvas11 : public Canvas {
+public:
+    Canvas11(const boost::intrusive_ptr<DX::D11Device>& device,
+             const boost::intrusive_ptr<DX::D11RenderTexture2D>& target, DXGI_FORMAT format)
+        : Canvas(target->GetSize(), format),
+          m_device(device),
+          m_target(target) {}
+
+    const boost::intrusive_ptr<DX::D11RenderTexture2D>& GetTarget() const { return m_target; }
+
+protected:
+    void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
+        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(GetSize(), GetFormat());
+        desc.Usage = D3D11_USAGE_STAGING;
+        desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
+        const auto staging = m_device->CreateTexture2D(desc, nullptr);
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            context->CopyResource(staging, m_target->GetTexture());
+            const Mapping mapping(context, staging);
+            for (std::size_t row = 0; row < desc.Height; ++row) {
+                std::memcpy(pixels + row * rowSize, mapping.GetRow(row), rowSize);
+            }
+        });
+    }
+
+private:
+    boost::intrusive_ptr<DX::D11Device> m_device;
+    boost::intrusive_ptr<DX::D11RenderTexture2D> m_target;
+};
+
+const boost::intrusive_ptr<DX::D11ShaderTexture2D>& TextureOf(const Picture& picture) {
+    return static_cast<const Picture11&>(picture).GetTexture();
+}
+
+const boost::intrusive_ptr<DX::D11RenderTexture2D>& TargetOf11(const Canvas& canvas) {
+    return static_cast<const Canvas11&>(canvas).GetTarget();
+}
+
+// The library's one drawer, for one thread at a time: inside Encode.
+class Drawer {
+public:
+    explicit Drawer(const boost::intrusive_ptr<DX::D11Device>& device)
+        : m_draw(new DX::D11ImageDraw(device)),
+          m_overBlend(device->CreateBlendState(MakeOverBlend11())) {}
+
+    const boost::intrusive_ptr<DX::D11ImageDraw>& GetImageDraw(bool blends) {
+        m_draw->SetBlendState(blends ? m_overBlend : CComPtr<ID3D11BlendState>());
+        return m_draw;
+    }
+
+private:
+    boost::intrusive_ptr<DX::D11ImageDraw> m_draw;
+    CComPtr<ID3D11BlendState> m_overBlend;
+};
+
+class Recorder11 : public Recorder {
+public:
+    Recorder11(Drawer& drawer, const boost::intrusive_ptr<DX::D11DeviceContext>& context)
+        : m_drawer(drawer),
+          m_context(context) {}
+
+    void Clear(const Canvas& canvas, const Proc::ColorF& color) override {
+        m_context->ClearRenderTargetView(TargetOf11(canvas)->GetView(), color);
+    }
+
+    // The library fills on Direct3D 12 only; here one pixel is stretched over the rectangle.
+    void Fill(const Canvas& canvas, const Proc::ColorF& color,
+              const DX::Rect2DT<long>& rect) override {
+        const std::array pixel = {color.r, color.g, color.b, color.a};
+        const D3D11_SUBRESOURCE_DATA data = {pixel.data(), sizeof(pixel), 0};
+        const auto& draw = m_drawer.GetImageDraw(false);
+        const auto source = DX::D11ShaderTexture2D::Create(
+            draw->GetDevice(), MakeTextureDesc11({1, 1}, DXGI_FORMAT_R32G32B32A32_FLOAT), &data);
+        draw->Encode(m_context, source, TargetOf11(canvas), std::nullopt, rect);
+    }
+
+    void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
+        m_drawer.GetImageDraw(params.blends)
+            ->Encode(m_context, TextureOf(source), TargetOf11(canvas), params.transform,
+                     params.conversion, params.rect);
+    }
+
+    std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
+        const boost::intrusive_ptr<DX::D11ShaderTexture2D> texture(
+            new DX::D11ShaderTexture2D(TargetOf11(canvas)->GetTexture(), std::nullopt));
+        return std::make_unique<Picture11>(texture, canvas.GetFormat());
+    }
+
+private:
+    Drawer& m_drawer;
+    boost::intrusive_ptr<DX::D11DeviceContext> m_context;
+};
+
+void ThrowIfFailed(HRESULT result, const char* sentence, DX::D11Device& device) {
+    if (FAILED(result)) {
+        DX::DirectX11Exception failure;
+        failure << ErrorDescription(sentence) << HResult(result, device.Get());
+        boost::throw_exception(failure);
+    }
+}
+
+// A place in what is recorded, which the device passes some time after Flush. Inside Encode.
+class Marker {
+public:
+    explicit Marker(const boost::intrusive_ptr<DX::D11Device>& device) : m_device(device) {
+        m_device->Get()->GetImmediateContext(&m_context);
+        const D3D11_QUERY_DESC desc = {D3D11_QUERY_EVENT, 0};
+        ThrowIfFailed(m_device->Get()->CreateQuery(&desc, &m_query), "Failed to create query",
+                      *m_device);
+        m_context->End(m_query);
+    }
+
+    bool IsPassed() const {
+        const HRESULT result =
+            m_context->GetData(m_query, nullptr, 0, D3D11_ASYNC_GETDATA_DONOTFLUSH);
+        ThrowIfFailed(result, "Failed to wait for the device", *m_device);
+        return result == S_OK;
+    }
+    void Wait() const {
+        while (!IsPassed()) {
+            std::this_thread::yield();
+        }
+    }
+
+private:
+    boost::intrusive_ptr<DX::D11Device> m_device;
+    CComPtr<ID3D11DeviceContext> m_context;
+    CComPtr<ID3D11Query> m_query;
+};
+
+class Screen11 : public Screen {
+public:
+    Screen11(const boost::intrusive_ptr<DX::D11Device>& device, Drawer& drawer, HWND window)
+        : Screen(DX::DXGISwapChain::Create(device, window)),
+          m_device(device),
+          m_drawer(drawer) {}
+
+    std::size_t CountFramesInFlight() override {
+        m_device->Encode([&](const auto&) {
+            while (!m_frames.empty() && m_frames.front().IsPassed()) {
+                m_frames.pop_front();
+            }
+        });
+        return m_frames.size();
+    }
+
+private:
+    std::unique_ptr<Canvas> GetBackBuffer() const override {
+        const auto target = GetSwapChain().GetRenderTexture();
+        if (target == nullptr) {
+            return nullptr;
+        }
+        D3D11_TEXTURE2D_DESC desc = {};
+        target->GetDesc(&desc);
+        return std::make_unique<Canvas11>(m_device, target, desc.Format);
+    }
+
+    void WaitForFrames(std::size_t mayBeInFlight) override {
+        m_device->Encode([&](const auto&) {
+            while (m_frames.size() > mayBeInFlight) {
+                m_frames.front().Wait();
+                m_frames.pop_front();
+            }
+        });
+    }
+
+    double Submit(Canvas& backBuffer, const Record& record, ScreenPixels* pixels) override {
+        const Stopwatch stopwatch;
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            Recorder11 recorder(m_drawer, context);
+            record(recorder, backBuffer);
+            m_frames.emplace_back(m_device);
+            context->Flush();
+        });
+        const double milliseconds = stopwatch.GetMilliseconds();
+        if (pixels != nullptr) {
+            *pixels = {backBuffer.GetSize(), backBuffer.GetFormat(), backBuffer.DownloadBytes()};
+        }
+        return milliseconds;
+    }
+
+    boost::intrusive_ptr<DX::D11Device> m_device;
+    Drawer& m_drawer;
+    std::deque<Marker> m_frames; // submitted, the oldest first
+};
+
+class Graphics11 : public Graphics {
+public:
+    explicit Graphics11(const boost::intrusive_ptr<DX::D11Device>& device) : m_device(device) {}
+
+    const char* GetApiName() const override { return "Direct3D 11"; }
+    const DX::D3Device& GetDevice() const override { return *m_device; }
+    long GetDeviceRemovedReason() const override { return m_device->GetDeviceRemovedReason(); }
+
+    std::unique_ptr<Picture> Upload(const Image& image) override {
+        const auto desc =
+            MakeTextureDesc11({static_cast<long>(image.width), static_cast<long>(image.height)},
+                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
+                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
+        const D3D11_SUBRESOURCE_DATA data = {image.pixels.data(),
+                                             static_cast<UINT>(image.GetRowSize()), 0};
+        return std::make_unique<Picture11>(DX::D11ShaderTexture2D::Create(m_device, desc, &data),
+                                           desc.Format);
+    }
+
+    std::unique_ptr<Screen> OpenScreen(HWND window) override {
+        return std::make_unique<Screen11>(m_device, m_drawer.value(), window);
+    }
+
+private:
+    // One drawer serves all kinds.
+    void CompileShaders(DrawKind /*kind*/) override { m_drawer.emplace(m_device); }
+
+    FormatUses GetUses(DXGI_FORMAT format) const override {
+        return GetFormatUses(*m_device, format);
+    }
+
+    std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
+                                         DXGI_FORMAT format) override {
+        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(size, format);
+        desc.BindFlags = D3D11_BIND_SHADER_RESOURCE; // for TakePicture
+        return std::make_unique<Canvas11>(m_device, DX::D11RenderTexture2D::Create(m_device, desc),
+                                          format);
+    }
+
+    double Run(const std::function<void(Recorder&)>& record) override {
+        double milliseconds = 0.0;
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            const Stopwatch stopwatch; // what is recorded may start before it is flushed
+            Recorder11 recorder(m_drawer.value(), context);
+            record(recorder);
+            const Marker end(m_device);
+            context->Flush();
+            end.Wait();
+            milliseconds = stopwatch.GetMilliseconds();
+        });
+        return milliseconds;
+    }
+
+    boost::intrusive_ptr<DX::D11Device> m_device;
+    std::optional<Drawer> m_drawer; // empty until the shaders are compiled
+};
+
+} // namespace
+
+std::unique_ptr<Graphics> MakeGraphics11(const boost::intrusive_ptr<DX::D11Device>& device) {
+    return std::make_unique<Graphics11>(device);
+}
+
+FormatUses GetFormatUses(const DX::D11Device& device, DXGI_FORMAT format) {
+    const auto support =
+        device.CheckFormatSupport(format).value_or(bitflags<D3D11_FORMAT_SUPPORT>());
+    return {.drawFrom = support.has(D3D11_FORMAT_SUPPORT_SHADER_SAMPLE),
+            .drawTo = support.has(D3D11_FORMAT_SUPPORT_TEXTURE2D) &&
+                      support.has(D3D11_FORMAT_SUPPORT_RENDER_TARGET),
+            .blend = support.has(D3D11_FORMAT_SUPPORT_BLENDABLE)};
+}
+
+} // namespace Norvex::App

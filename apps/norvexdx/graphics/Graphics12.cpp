@@ -1,0 +1,313 @@
+#include "apps/norvexdx/graphics/Graphics12.h"
+
+#include <array>
+#include <deque>
+#include <mutex>
+
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/Screen.h"
+
+namespace Norvex::App {
+
+namespace {
+
+DX::D12Texture2DDesc MakeTextureDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
+    DX::D12Texture2DDesc desc;
+    desc.width = static_cast<std::uint64_t>(size.width);
+    desc.height = static_cast<std::uint32_t>(size.height);
+    desc.format = format;
+    return desc;
+}
+
+// Premultiplied colour over what is there.
+DX::D12BlendState MakeOverBlend12() {
+    DX::D12RenderTargetBlend blend;
+    blend.destBlend = D3D12_BLEND_INV_SRC_ALPHA;
+    blend.destBlendAlpha = D3D12_BLEND_INV_SRC_ALPHA;
+    DX::D12BlendState state;
+    state.targets = {blend};
+    return state;
+}
+
+class Picture12 : public Picture {
+public:
+    explicit Picture12(const boost::intrusive_ptr<DX::D12Descriptor>& view)
+        : Picture(view->GetSize(), view->GetFormat()),
+          m_view(view) {}
+
+    const boost::intrusive_ptr<DX::D12Descriptor>& GetView() const { return m_view; }
+
+private:
+    boost::intrusive_ptr<DX::D12Descriptor> m_view;
+};
+
+// In the render-target state until it is read back or becomes a picture.
+class Canvas12 : public Canvas {
+public:
+    Canvas12(const boost::intrusive_ptr<DX::D12CommandQueue>& queue,
+             const boost::intrusive_ptr<DX::D12Descriptor>& target)
+        : Canvas(target->GetSize(), target->GetFormat()),
+          m_queue(queue),
+          m_target(target) {}
+
+    const boost::intrusive_ptr<DX::D12Descriptor>& GetTarget() const { return m_target; }
+
+protected:
+    void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
+        DX::D12DownloadResourceParams params;
+        params.source = m_target->GetFirstResource();
+        params.stateBefore = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        params.stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
+        params.subresources = {
+            {pixels, rowSize, rowSize * static_cast<std::size_t>(GetSize().height)}};
+        m_queue->DownloadResource(params);
+    }
+
+private:
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    boost::intrusive_ptr<DX::D12Descriptor> m_target;
+};
+
+const boost::intrusive_ptr<DX::D12Descriptor>& ViewOf(const Picture& picture) {
+    return static_cast<const Picture12&>(picture).GetView();
+}
+
+const boost::intrusive_ptr<DX::D12Descriptor>& TargetOf12(const Canvas& canvas) {
+    return static_cast<const Canvas12&>(canvas).GetTarget();
+}
+
+D3D12_RESOURCE_BARRIER Transition(const DX::D12Descriptor& view, D3D12_RESOURCE_STATES before,
+                                  D3D12_RESOURCE_STATES after) {
+    return view.Transition(before, after, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
+                           D3D12_RESOURCE_BARRIER_FLAG_NONE);
+}
+
+// The library's drawers, each with shaders of its own, made when first needed. Any thread.
+class Drawers {
+public:
+    explicit Drawers(const boost::intrusive_ptr<DX::D12Device>& device) : m_device(device) {}
+
+    const boost::intrusive_ptr<DX::D12ImageDraw>& GetImageDraw(bool blends) {
+        const std::lock_guard lock(m_mutex);
+        auto& draw = blends ? m_blendingDraw : m_draw;
+        if (!draw) {
+            draw.reset(new DX::D12ImageDraw(m_device));
+            if (blends) {
+                draw->SetBlendState(MakeOverBlend12());
+            }
+        }
+        return draw;
+    }
+
+    const boost::intrusive_ptr<DX::D12FillDraw>& GetFillDraw() {
+        const std::lock_guard lock(m_mutex);
+        if (!m_fill) {
+            m_fill.reset(new DX::D12FillDraw(m_device));
+        }
+        return m_fill;
+    }
+
+private:
+    boost::intrusive_ptr<DX::D12Device> m_device;
+    std::mutex m_mutex;
+    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;
+    boost::intrusive_ptr<DX::D12ImageDraw> m_blendingDraw;
+    boost::intrusive_ptr<DX::D12FillDraw> m_fill;
+};
+
+class Recorder12 : public Recorder {
+public:
+    Recorder12(Drawers& drawers, const boost::intrusive_ptr<DX::D12CommandAllocator>& allocator)
+        : m_drawers(drawers),
+          m_allocator(allocator) {}
+
+    void Clear(const Canvas& canvas, const Proc::ColorF& color) override {
+        m_allocator->ClearRenderTargetView(TargetOf12(canvas), color, {});
+    }
+
+    void Fill(const Canvas& canvas, const Proc::ColorF& color,
+              const DX::Rect2DT<long>& rect) override {
+        m_drawers.GetFillDraw()->Encode(m_allocator, color, TargetOf12(canvas), rect);
+    }
+
+    void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
+        m_drawers.GetImageDraw(params.blends)
+            ->Encode(m_allocator, ViewOf(source), TargetOf12(canvas), params.transform,
+                     params.conversion, params.rect);
+    }
+
+    std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
+        const auto& target = TargetOf12(canvas);
+        m_allocator->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                                 D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE)});
+        return std::make_unique<Picture12>(
+            m_allocator->GetDevice()->CreateTextureShaderResourceView(target->GetFirstResource()));
+    }
+
+private:
+    Drawers& m_drawers;
+    boost::intrusive_ptr<DX::D12CommandAllocator> m_allocator;
+};
+
+class Screen12 : public Screen {
+public:
+    // The queue is for reading back: the swap chain has one of its own.
+    Screen12(const boost::intrusive_ptr<DX::D12CommandQueue>& queue, Drawers& drawers, HWND window)
+        : Screen(DX::DXGISwapChain::Create(queue->GetDevice(), window)),
+          m_queue(queue),
+          m_drawers(drawers) {}
+
+    std::size_t CountFramesInFlight() override {
+        while (!m_frames.empty() && m_frames.front()->IsCompleted()) {
+            m_frames.pop_front();
+        }
+        return m_frames.size();
+    }
+
+private:
+    std::unique_ptr<Canvas> GetBackBuffer() const override {
+        const auto target = GetSwapChain().GetRenderTarget();
+        return target != nullptr ? std::make_unique<Canvas12>(m_queue, target) : nullptr;
+    }
+
+    void WaitForFrames(std::size_t mayBeInFlight) override {
+        while (m_frames.size() > mayBeInFlight) {
+            m_frames.front()->WaitComplete();
+            m_frames.pop_front();
+        }
+    }
+
+    double Submit(Canvas& backBuffer, const Record& record, ScreenPixels* pixels) override {
+        const Stopwatch stopwatch;
+        const auto frame = GetSwapChain().CreateCommandAllocator();
+        const auto& target = TargetOf12(backBuffer);
+        frame->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_PRESENT,
+                                           D3D12_RESOURCE_STATE_RENDER_TARGET)});
+        Recorder12 recorder(m_drawers, frame);
+        record(recorder, backBuffer);
+        const auto copy = pixels != nullptr ? Copy(*frame, *target) : nullptr;
+        frame->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                           D3D12_RESOURCE_STATE_PRESENT)});
+        frame->Execute();
+        m_frames.push_back(frame);
+        const double milliseconds = stopwatch.GetMilliseconds();
+        if (pixels != nullptr) {
+            frame->WaitComplete();
+            *pixels = {copy->GetSize(), copy->GetFormat(), copy->DownloadBytes()};
+        }
+        return milliseconds;
+    }
+
+    // A back buffer is for the swap chain's own queue.
+    std::unique_ptr<Canvas> Copy(DX::D12CommandAllocator& frame, const DX::D12Descriptor& target) {
+        auto desc = MakeTextureDesc12(target.GetSize(), target.GetFormat());
+        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
+        desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
+        const auto& device = m_queue->GetDevice();
+        const auto copy = device->CreateRenderTargetView(device->CreateTexture2D(desc));
+        const auto list = frame.CreateCommandList({});
+        list->ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                          D3D12_RESOURCE_STATE_COPY_SOURCE)});
+        list->CopyResource(copy->GetFirstResource(), target.GetFirstResource());
+        list->ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_COPY_SOURCE,
+                                          D3D12_RESOURCE_STATE_RENDER_TARGET),
+                               Transition(*copy, D3D12_RESOURCE_STATE_COPY_DEST,
+                                          D3D12_RESOURCE_STATE_RENDER_TARGET)});
+        list->Close();
+        return std::make_unique<Canvas12>(m_queue, copy);
+    }
+
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    Drawers& m_drawers;
+    std::deque<boost::intrusive_ptr<DX::D12CommandAllocator>> m_frames; // the oldest first
+};
+
+class Graphics12 : public Graphics {
+public:
+    explicit Graphics12(const boost::intrusive_ptr<DX::D12Device>& device)
+        : m_device(device),
+          m_queue(new DX::D12CommandQueue(device, {.Type = D3D12_COMMAND_LIST_TYPE_DIRECT,
+                                                   .Priority = D3D12_COMMAND_QUEUE_PRIORITY_NORMAL,
+                                                   .Flags = D3D12_COMMAND_QUEUE_FLAG_NONE,
+                                                   .NodeMask = 0})),
+          m_drawers(device) {}
+
+    const char* GetApiName() const override { return "Direct3D 12"; }
+    const DX::D3Device& GetDevice() const override { return *m_device; }
+    long GetDeviceRemovedReason() const override { return m_device->GetDeviceRemovedReason(); }
+
+    std::unique_ptr<Picture> Upload(const Image& image) override {
+        auto desc =
+            MakeTextureDesc12({static_cast<long>(image.width), static_cast<long>(image.height)},
+                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
+                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
+        desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
+        DX::D12UploadResourceParams params;
+        params.destination = m_device->CreateTexture2D(desc);
+        params.stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
+        params.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+        params.subresources = {{image.pixels.data(), image.GetRowSize(), image.pixels.size()}};
+        m_queue->UploadResource(params)->WaitComplete();
+        return std::make_unique<Picture12>(
+            m_device->CreateTextureShaderResourceView(params.destination));
+    }
+
+    std::unique_ptr<Screen> OpenScreen(HWND window) override {
+        return std::make_unique<Screen12>(m_queue, m_drawers, window);
+    }
+
+private:
+    void CompileShaders(DrawKind kind) override {
+        if (kind == DrawKind::Fill) {
+            m_drawers.GetFillDraw();
+        } else {
+            m_drawers.GetImageDraw(kind == DrawKind::Over);
+        }
+    }
+
+    FormatUses GetUses(DXGI_FORMAT format) const override {
+        return GetFormatUses(*m_device, format);
+    }
+
+    std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
+                                         DXGI_FORMAT format) override {
+        auto desc = MakeTextureDesc12(size, format);
+        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
+        desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        desc.clearColor = std::array{0.0F, 0.0F, 0.0F, 0.0F};
+        return std::make_unique<Canvas12>(
+            m_queue, m_device->CreateRenderTargetView(m_device->CreateTexture2D(desc)));
+    }
+
+    double Run(const std::function<void(Recorder&)>& record) override {
+        const auto allocator = m_queue->CreateCommandAllocator();
+        Recorder12 recorder(m_drawers, allocator);
+        record(recorder);
+        const Stopwatch stopwatch;
+        allocator->Execute();
+        allocator->WaitComplete();
+        return stopwatch.GetMilliseconds();
+    }
+
+    boost::intrusive_ptr<DX::D12Device> m_device;
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    Drawers m_drawers;
+};
+
+} // namespace
+
+std::unique_ptr<Graphics> MakeGraphics12(const boost::intrusive_ptr<DX::D12Device>& device) {
+    return std::make_unique<Graphics12>(device);
+}
+
+FormatUses GetFormatUses(const DX::D12Device& device, DXGI_FORMAT format) {
+    const auto support = device.CheckFormatSupport(format).first;
+    return {.drawFrom = support.has(D3D12_FORMAT_SUPPORT1_SHADER_SAMPLE),
+            .drawTo = support.has(D3D12_FORMAT_SUPPORT1_TEXTURE2D) &&
+                      support.has(D3D12_FORMAT_SUPPORT1_RENDER_TARGET),
+            .blend = support.has(D3D12_FORMAT_SUPPORT1_BLENDABLE)};
+}
+
+} // namespace Norvex::App

@@ -1,0 +1,56 @@
+#pragma once
+
+// The viewer's pictures in CPU memory: the selected one and its neighbours, decoded in the
+// background, the selected one first; the others are forgotten. One thread, but for the function
+// that it is given. The destructor waits for decoding to end. Throws nothing of its own: a picture
+// that cannot be read has a failure instead of an image.
+
+#include <functional>
+#include <future>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "apps/norvexdx/pictures/Image.h"
+
+namespace Norvex::App {
+
+struct DecodedPicture {
+    Image image;         // of no size after a failure
+    std::string failure; // one line; empty after success
+};
+
+class Album {
+public:
+    // onDecoded is called on another thread whenever a picture is there.
+    Album(std::vector<std::string> files, std::function<void()> onDecoded);
+
+    std::size_t GetCount() const { return m_files.size(); }
+    const std::string& GetName(std::size_t index) const { return m_files[index]; }
+
+    // Also to be called when a picture is there: begins what is next to be decoded.
+    void Select(std::size_t index);
+    // Null while it is being decoded, and when it is neither selected nor a neighbour. Valid until
+    // the next Select.
+    const DecodedPicture* Find(std::size_t index);
+    // Selects it and waits.
+    const DecodedPicture& Get(std::size_t index);
+
+private:
+    struct Entry {
+        std::future<DecodedPicture> future; // invalid once the picture is there
+        DecodedPicture picture;
+        std::jthread thread; // last: it ends before the others go
+    };
+
+    void Forget(std::size_t selected);
+    void Begin(std::size_t index);
+    void WaitFor(std::size_t index);
+
+    std::vector<std::string> m_files;
+    std::function<void()> m_onDecoded;
+    std::map<std::size_t, Entry> m_entries;
+};
+
+} // namespace Norvex::App
