@@ -24,6 +24,7 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "tests/support/DeviceTest.h"
 #include "tests/support/LifeProbe.h"
+#include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
 #include "tests/support/Words.h"
 
@@ -124,8 +125,8 @@ Ptr<Object> CopyOf(const Ptr<Object>& object) {
     }
 }
 
-// Takes, copies and gives back at random, and expects the lowest free slot each time. Returns what
-// fills all slots.
+// Takes, copies and gives back at random, at times without memory, and expects the lowest free slot
+// each time. Returns what fills all slots.
 template <class Take, class IndexOf>
 auto ExpectLowestFirst(std::size_t count, const Take& take, const IndexOf& indexOf) {
     std::vector<decltype(take())> held(count);
@@ -135,6 +136,10 @@ auto ExpectLowestFirst(std::size_t count, const Take& take, const IndexOf& index
         auto& any = held[random() % count];
         // In the end more are taken than given back.
         if (free != held.end() && (round > 4 * count || random() % 8 < 5)) {
+            if (round % 4 == 0) {
+                const OutOfMemory outOfMemory;
+                EXPECT_THROW(take(), std::bad_alloc);
+            }
             *free = take();
             EXPECT_EQ(indexOf(*free), free - held.begin());
         } else if (any != nullptr && random() % 2 == 0) {
