@@ -2,20 +2,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <sstream>
-#include <stdexcept>
-
-#include "Platform/ComPtr.h"
-#include "Platform/Direct3D.h"
-
-#include <wincodec.h>
-#include <zlib.h>
 
 #include <fmt/format.h>
+#include <gtest/gtest.h>
 
+#include "Platform/ComPtr.h"
 #include "apps/norvexdx/pictures/InputFile.h"
 
 namespace Norvex::Test {
@@ -90,11 +86,13 @@ Pixels GetPixels(const Image& image) {
                         GetFormat(image.bitsPerChannel));
 }
 
-unsigned GetSample(const Image& image, std::size_t x, std::size_t y, std::size_t channel) {
-    const std::size_t index = (y * image.width + x) * Image::kChannels + channel;
-    return image.bitsPerChannel == 8
-               ? image.pixels.at(index)
-               : image.pixels.at(2 * index) + 256U * image.pixels.at(2 * index + 1);
+Samples GetPixel(const Image& image, std::size_t x, std::size_t y) {
+    const std::size_t size = image.bitsPerChannel / 8;
+    Samples samples{};
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        std::memcpy(&samples[i], &image.pixels.at(((y * image.width + x) * 4 + i) * size), size);
+    }
+    return samples;
 }
 
 Image MakeNoise(unsigned width, unsigned height, unsigned bitsPerChannel, bool isOpaque,
@@ -107,10 +105,10 @@ Image MakeNoise(unsigned width, unsigned height, unsigned bitsPerChannel, bool i
     return MakeImage(MakePixels(width, height, color), bitsPerChannel);
 }
 
-Image MakePlain(unsigned width, unsigned height, const std::array<int, 4>& rgba) {
-    Color color{};
-    std::ranges::transform(rgba, color.begin(), [](int sample) { return sample / 255.0; });
-    return MakeImage(MakePixels(width, height, [&](unsigned, unsigned) { return color; }));
+Image MakePlain(unsigned width, unsigned height, const Samples& rgba) {
+    return MakeImage(MakePixels(width, height, [&](unsigned, unsigned) {
+        return Color{rgba[0] / 255.0, rgba[1] / 255.0, rgba[2] / 255.0, rgba[3] / 255.0};
+    }));
 }
 
 Image MakeStripes(unsigned width, unsigned height) {
@@ -119,105 +117,47 @@ Image MakeStripes(unsigned width, unsigned height) {
     }));
 }
 
-std::array<float, 2> Locate(const App::View& view, const DX::Size2DT<long>& picture,
-                            const DX::Size2DT<long>& window, float x, float y) {
-    const auto rows = App::PlacePicture(view, picture, window).transform.rows;
-    const std::array half = {static_cast<float>(window.width) / 2.0F,
-                             static_cast<float>(window.height) / 2.0F};
-    return {half[0] + (x * rows[0][0] + y * rows[1][0]) * half[0] + rows[3][0],
-            half[1] - (x * rows[0][1] + y * rows[1][1]) * half[1] - rows[3][1]};
-}
-
-namespace {
-
-std::string BigEndian(std::uint32_t value) {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes += static_cast<char>(value >> shift & 0xFF);
-    }
-    return bytes;
-}
-
-const Bytef* Data(const std::string& bytes) {
-    return reinterpret_cast<const Bytef*>(bytes.data());
-}
-
-// body: the name and the data.
-std::string MakeChunk(const std::string& body) {
-    const auto size = static_cast<uInt>(body.size());
-    return BigEndian(size - 4) + body +
-           BigEndian(static_cast<std::uint32_t>(crc32(0, Data(body), size)));
-}
-
-std::string Deflate(const std::string& data) {
-    auto size = compressBound(static_cast<uLong>(data.size()));
-    std::string packed(size, '\0');
-    compress(reinterpret_cast<Bytef*>(packed.data()), &size, Data(data),
-             static_cast<uLong>(data.size()));
-    return packed.substr(0, size);
-}
-
-void Check(HRESULT result) {
-    if (FAILED(result)) {
-        throw std::runtime_error(fmt::format("WIC: {:08x}", static_cast<std::uint32_t>(result)));
-    }
-}
-
-// The channels of the order, of every pixel.
 void WriteWithWic(const fs::path& path, const GUID& container, WICPixelFormatGUID format,
-                  const Image& image, std::initializer_list<std::size_t> order) {
-    Bytes pixels;
-    const std::size_t sampleSize = image.bitsPerChannel / 8;
-    for (auto at = image.pixels.begin(); at != image.pixels.end(); at += image.GetPixelSize()) {
-        for (const std::size_t channel : order) {
-            pixels.insert(pixels.end(), at + channel * sampleSize, at + (channel + 1) * sampleSize);
-        }
-    }
+                  unsigned width, unsigned height, Bytes pixels, std::vector<WICColor> palette) {
+    const auto check = [](HRESULT result) { EXPECT_EQ(result, S_OK) << "of the encoder"; };
     const auto size = static_cast<UINT>(pixels.size());
-    [[maybe_unused]] static const HRESULT kApartment =
-        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     CComPtr<IWICImagingFactory> factory;
-    Check(factory.CoCreateInstance(CLSID_WICImagingFactory));
+    check(factory.CoCreateInstance(CLSID_WICImagingFactory));
     CComPtr<IWICStream> stream;
-    Check(factory->CreateStream(&stream));
-    Check(stream->InitializeFromFilename(path.c_str(), GENERIC_WRITE));
+    check(factory->CreateStream(&stream));
+    check(stream->InitializeFromFilename(path.c_str(), GENERIC_WRITE));
     CComPtr<IWICBitmapEncoder> encoder;
-    Check(factory->CreateEncoder(container, nullptr, &encoder));
-    Check(encoder->Initialize(stream, WICBitmapEncoderNoCache));
+    check(factory->CreateEncoder(container, nullptr, &encoder));
+    check(encoder->Initialize(stream, WICBitmapEncoderNoCache));
     CComPtr<IWICBitmapFrameEncode> frame;
-    Check(encoder->CreateNewFrame(&frame, nullptr));
-    Check(frame->Initialize(nullptr));
-    Check(frame->SetSize(image.width, image.height));
-    Check(frame->SetPixelFormat(&format));
-    Check(frame->WritePixels(image.height, size / image.height, size, pixels.data()));
-    Check(frame->Commit());
-    Check(encoder->Commit());
-}
-
-} // namespace
-
-Bytes MakePng(std::uint32_t width, std::uint32_t height, unsigned bitDepth, unsigned colorType,
-              const std::vector<std::string>& rows, const std::string& palette,
-              const std::string& transparency) {
-    std::string header = "IHDR" + BigEndian(width) + BigEndian(height);
-    header += {static_cast<char>(bitDepth), static_cast<char>(colorType), 0, 0, 0};
-    std::string file = "\x89PNG\r\n\x1a\n" + MakeChunk(header);
-    file += palette.empty() ? "" : MakeChunk("PLTE" + palette);
-    file += transparency.empty() ? "" : MakeChunk("tRNS" + transparency);
-    std::string data;
-    for (const std::string& row : rows) {
-        data += '\0' + row; // no filter
+    check(encoder->CreateNewFrame(&frame, nullptr));
+    check(frame->Initialize(nullptr));
+    check(frame->SetSize(width, height));
+    check(frame->SetPixelFormat(&format));
+    if (!palette.empty()) {
+        CComPtr<IWICPalette> colors;
+        check(factory->CreatePalette(&colors));
+        check(colors->InitializeCustom(palette.data(), static_cast<UINT>(palette.size())));
+        check(frame->SetPalette(colors));
     }
-    file += MakeChunk("IDAT" + Deflate(data)) + MakeChunk("IEND");
-    return {file.begin(), file.end()};
+    check(frame->WritePixels(height, size / height, size, pixels.data()));
+    check(frame->Commit());
+    check(encoder->Commit());
 }
 
-void WriteTiff16(const fs::path& path, const Image& image) {
-    WriteWithWic(path, GUID_ContainerFormatTiff, GUID_WICPixelFormat48bppRGB, image, {0, 1, 2});
+void WriteTiff(const fs::path& path, const Image& image) {
+    WriteWithWic(path, GUID_ContainerFormatTiff, GUID_WICPixelFormat64bppRGBA, image.width,
+                 image.height, image.pixels);
 }
 
 void WriteJpeg(const fs::path& path, const Image& image) {
-    WriteWithWic(path, GUID_ContainerFormatJpeg, GUID_WICPixelFormat24bppBGR, image, {2, 1, 0});
+    Bytes pixels;
+    for (auto at = image.pixels.begin(); at != image.pixels.end(); at += 4) {
+        pixels.insert(pixels.end(), {at[2], at[1], at[0]});
+    }
+    WriteWithWic(path, GUID_ContainerFormatJpeg, GUID_WICPixelFormat24bppBGR, image.width,
+                 image.height, pixels);
 }
 
 } // namespace Norvex::Test

@@ -2,18 +2,22 @@
 
 // Pictures for tests, made in code, and folders to put them in.
 
+#include <array>
 #include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "Platform/Direct3D.h"
 #include "apps/norvexdx/pictures/Image.h"
-#include "apps/norvexdx/viewer/View.h"
 #include "tests/support/Pixels.h"
+
+#include <wincodec.h>
 
 namespace Norvex::Test {
 
 using Bytes = std::vector<std::uint8_t>;
+using Samples = std::array<unsigned, 4>; // of a pixel: red, green, blue, alpha
 
 // A new folder, removed with all that is in it. Names are in UTF-8; the folder's own has a space
 // and letters that no code page has together.
@@ -36,32 +40,31 @@ private:
 
 void WriteBytes(const std::filesystem::path& path, std::span<const std::uint8_t> bytes);
 std::string ReadText(const std::filesystem::path& path);
+inline Bytes ToBytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
 
 // Values from 0 to 1.
 App::Image MakeImage(const Pixels& pixels, unsigned bitsPerChannel = 8);
 Pixels GetPixels(const App::Image& image);
-// Sample of one channel, 8 or 16 bits.
-unsigned GetSample(const App::Image& image, std::size_t x, std::size_t y, std::size_t channel);
+// 8 or 16 bits a channel.
+Samples GetPixel(const App::Image& image, std::size_t x, std::size_t y);
 
 // Random samples; the same for the same seed.
 App::Image MakeNoise(unsigned width, unsigned height, unsigned bitsPerChannel, bool isOpaque,
                      unsigned seed = 1);
-App::Image MakePlain(unsigned width, unsigned height, const std::array<int, 4>& rgba);
+App::Image MakePlain(unsigned width, unsigned height, const Samples& rgba);
 // Columns of white and black by turns.
 App::Image MakeStripes(unsigned width, unsigned height);
 
-// Where a point of a picture (-1 to 1, y up) lies in a window of this size: pixels, y down.
-std::array<float, 2> Locate(const App::View& view, const DX::Size2DT<long>& picture,
-                            const DX::Size2DT<long>& window, float x, float y);
-
-// A PNG file put together by hand, without libpng: one byte string a row; palette and tRNS may be
-// empty.
-Bytes MakePng(std::uint32_t width, std::uint32_t height, unsigned bitDepth, unsigned colorType,
-              const std::vector<std::string>& rows, const std::string& palette = {},
-              const std::string& transparency = {});
-
-// Through the system's encoders. TIFF keeps 16-bit RGB exactly; JPEG gets 8-bit RGB.
-void WriteTiff16(const std::filesystem::path& path, const App::Image& image);
+// A file of the system's encoders: rows without padding of pixels of that format; the palette of an
+// indexed one.
+void WriteWithWic(const std::filesystem::path& path, const GUID& container,
+                  WICPixelFormatGUID format, unsigned width, unsigned height, Bytes pixels,
+                  std::vector<WICColor> palette = {});
+// 16 bits a channel.
+void WriteTiff(const std::filesystem::path& path, const App::Image& image);
+// 8 bits a channel, without alpha.
 void WriteJpeg(const std::filesystem::path& path, const App::Image& image);
 
 } // namespace Norvex::Test

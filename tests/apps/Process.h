@@ -2,12 +2,16 @@
 
 // Runs the program as a user would, and collects what it leaves. Throws std::runtime_error.
 
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include "Host/Strings.h"
 #include "Platform/Direct3D.h"
+#include "apps/norvexdx/pictures/ImageFile.h"
 #include "tests/apps/Pictures.h"
 #include "tests/support/Generation.h"
 
@@ -19,27 +23,77 @@ struct ProcessResult {
     std::string err;
 };
 
-std::vector<std::string> GetLines(const std::string& text);
-
 // norvexdx.exe beside this test, or what NORVEX_TEST_PROGRAM names there, while it runs. What has
 // not ended is stopped with the object.
 class StartedProgram {
 public:
-    // arguments: in UTF-8. standardInput: an inheritable handle, or none. program: another that is
-    // beside this test.
-    explicit StartedProgram(const std::vector<std::string>& arguments,
-                            HANDLE standardInput = nullptr, const wchar_t* program = nullptr);
-    ~StartedProgram();
+    // Arguments are in UTF-8, the input is a file. program: another one beside this test.
+    explicit StartedProgram(const std::vector<std::string>& arguments, const Bytes& input = {},
+                            const wchar_t* program = nullptr) {
+        std::wstring commandLine = L"\"" + GetPath(program).wstring() + L"\"";
+        for (const std::string& argument : arguments) {
+            commandLine += L" \"" + Core::WstringFromUtf8(argument) + L"\"";
+        }
+        WriteBytes(m_folder.GetPath("in"), input);
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof(startup);
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = Open("in", GENERIC_READ, OPEN_EXISTING);
+        startup.hStdOutput = Open("out", GENERIC_WRITE, CREATE_ALWAYS);
+        startup.hStdError = Open("err", GENERIC_WRITE, CREATE_ALWAYS);
+        const BOOL isStarted = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE,
+                                              0, nullptr, nullptr, &startup, &m_process);
+        for (HANDLE file : {startup.hStdInput, startup.hStdOutput, startup.hStdError}) {
+            CloseHandle(file);
+        }
+        if (isStarted == FALSE) {
+            throw std::runtime_error("the program does not start");
+        }
+    }
+    ~StartedProgram() {
+        TerminateProcess(m_process.hProcess, 1);
+        HasEnded(kTimeLimit);
+        CloseHandle(m_process.hThread);
+        CloseHandle(m_process.hProcess);
+    }
     StartedProgram(const StartedProgram&) = delete;
     StartedProgram& operator=(const StartedProgram&) = delete;
 
     HANDLE GetHandle() const { return m_process.hProcess; }
     DWORD GetId() const { return m_process.dwProcessId; }
-    bool HasEnded(DWORD waitMs = 0) const;
+    bool HasEnded(DWORD waitMs = 0) const {
+        return WaitForSingleObject(m_process.hProcess, waitMs) == WAIT_OBJECT_0;
+    }
     // Waits for the end, a minute at most.
-    ProcessResult Wait();
+    ProcessResult Wait() const {
+        if (!HasEnded(kTimeLimit)) {
+            throw std::runtime_error("the program does not end");
+        }
+        DWORD exitCode = 0;
+        GetExitCodeProcess(m_process.hProcess, &exitCode);
+        std::string out = ReadText(m_folder.GetPath("out"));
+        while (out.starts_with("Validation Layer Info")) { // the layer's own, where there is one
+            out.erase(0, out.find('\n') + 1);
+        }
+        return {exitCode, out, ReadText(m_folder.GetPath("err"))};
+    }
 
 private:
+    static constexpr DWORD kTimeLimit = 60000; // ms
+
+    static std::filesystem::path GetPath(const wchar_t* program) {
+        wchar_t self[MAX_PATH] = {};
+        GetModuleFileNameW(nullptr, self, MAX_PATH);
+        wchar_t named[MAX_PATH] = L"norvexdx.exe";
+        GetEnvironmentVariableW(L"NORVEX_TEST_PROGRAM", named, MAX_PATH);
+        return std::filesystem::path(self).parent_path() / (program != nullptr ? program : named);
+    }
+    HANDLE Open(const char* name, DWORD access, DWORD disposition) const {
+        SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
+        return CreateFileW(m_folder.GetPath(name).c_str(), access, FILE_SHARE_READ, &inheritable,
+                           disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    }
+
     TemporaryFolder m_folder;
     PROCESS_INFORMATION m_process = {};
 };
@@ -47,18 +101,37 @@ private:
 // A folder, and command lines about its files (TemporaryFolder::Split).
 class ProgramTest : public testing::Test {
 protected:
-    // Standard input is a pipe.
-    ProcessResult Start(const std::string& commandLine, const Bytes& input = {}) const;
-    // What it prints. It must succeed, and say nothing but one line with this on standard error.
-    std::string Run(const std::string& commandLine, const Bytes& input = {},
-                    const std::string& message = {}) const;
-    // It must fail with a line on standard error for each of the texts, in any order, which holds
-    // it, and leave neither more nor fewer files. Answers what it prints.
-    std::string ExpectFailure(const std::string& commandLine, unsigned exitCode,
-                              const std::vector<std::string>& texts, const Bytes& input = {}) const;
+    // Expects the exit code, and for each of the texts, in any order, a line on standard error that
+    // holds it. A failure leaves neither more nor fewer files. Answers what is printed.
+    std::string Run(const std::string& commandLine, const std::vector<std::string>& texts = {},
+                    unsigned exitCode = 0, const Bytes& input = {}) const {
+        const auto files = m_folder.GetFiles();
+        const ProcessResult result =
+            StartedProgram(m_folder.Split(commandLine + m_options), input).Wait();
+        std::vector<std::string> lines;
+        std::istringstream stream(result.err);
+        for (std::string line; std::getline(stream, line);) {
+            lines.push_back(line);
+        }
+        std::vector<testing::Matcher<std::string>> expected;
+        for (const std::string& text : texts) {
+            expected.emplace_back(testing::HasSubstr(text));
+        }
+        EXPECT_EQ(exitCode, result.exitCode) << commandLine;
+        EXPECT_THAT(lines, testing::UnorderedElementsAreArray(expected)) << commandLine;
+        if (exitCode != 0) {
+            EXPECT_THAT(lines, testing::Each(testing::StartsWith("norvexdx: ")));
+            EXPECT_EQ(files, m_folder.GetFiles()) << commandLine;
+        }
+        return result.out;
+    }
 
-    App::Image Read(const std::string& name) const;
-    void Write(const std::string& name, const App::Image& image) const;
+    App::Image Read(const std::string& name) const {
+        return App::ReadImage(m_folder.GetPath(name));
+    }
+    void Write(const std::string& name, const App::Image& image) const {
+        App::WriteImage(m_folder.GetPath(name), image);
+    }
 
     TemporaryFolder m_folder;
     std::string m_options; // behind each command line
