@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include <boost/core/demangle.hpp>

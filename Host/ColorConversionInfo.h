@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Host/Color.h"
+#include "Platform/Export.h"
 
 namespace Norvex::Proc {
 

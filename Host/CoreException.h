@@ -3,8 +3,10 @@
 // Failures of the foundation libraries (threads, I/O), thrown with a description and a call stack.
 
 #include <source_location>
+#include <string>
 
 #include "Host/Exception.h"
+#include "Platform/Export.h"
 
 namespace Norvex::Core {
 

@@ -10,6 +10,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/RefCountable.h"
+#include "Platform/Export.h"
 
 namespace Norvex::Proc {
 

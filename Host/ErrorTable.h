@@ -1,6 +1,6 @@
 #pragma once
 
-// Names and English texts of the result codes that graphics, imaging and COM calls answer; internal
+// Names and English texts of the result codes that graphics and COM calls answer; internal
 // to GetErrorInfo. Read-only data, any thread.
 
 #include <span>

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Host/Exception.h"
+#include "Platform/Export.h"
 
 namespace Norvex::Proc {
 

@@ -1,5 +1,6 @@
 #include "Host/Strings.h"
 
+#include <cstddef>
 #include <limits>
 #include <stdexcept>
 

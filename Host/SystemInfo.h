@@ -31,7 +31,7 @@ NORVEX_HOST_API bool GetMemoryInfo(MEMINFO& info);
 
 // {code, description} of a result code. Code: the symbolic name where there is one
 // ("DXGI_ERROR_DEVICE_REMOVED"), else hexadecimal ("0x887A1234"). Description: the system's text
-// without trailing line breaks; for DXGI, Direct3D and WIC codes that the system has no text for,
+// without trailing line breaks; for DXGI and Direct3D codes that the system has no text for,
 // this library's own; empty when there is neither.
 NORVEX_HOST_API std::pair<std::string, std::string> GetErrorInfo(long result);
 

@@ -115,8 +115,8 @@ using ATL::CComPtr;
 namespace Norvex::Platform {
 
 // Another interface of the object; null where it has none, and for null.
-template <class To, class From>
-CComPtr<To> Query(const CComPtr<From>& from) {
+template <class To>
+CComPtr<To> Query(IUnknown* from) {
     CComPtr<To> to;
     if (from != nullptr) {
         from->QueryInterface(__uuidof(To), reinterpret_cast<void**>(&to));

@@ -58,13 +58,24 @@ locked() {
     exec {descriptor}>&-
 }
 
+# Whoever holds this pipe is part of the run. When the last of them is gone, however it ended, what was
+# named in the pipe goes too; the one who waits for that is out of reach of signals to the run.
+watch_leftovers() {
+    exec {leftovers}> >(exec setsid bash -c 'mapfile -t paths && rm -rf --one-file-system "${paths[@]}"' \
+        >/dev/null 2>&1)
+    sessions=$cache/sessions/$$
+    goes_with_run "$sessions"
+}
+
+goes_with_run() { printf '%s\n' "$1" >&"$leftovers"; }
+
 # make_once TARGET MESSAGE COMMAND...: runs the command with a fresh folder name as last argument
 # and gives that folder the name TARGET; nothing to do where TARGET is there
 make_once() {
-    local target=$1 message=$2
+    local target=$1 message=$2 passing=$1.$$.tmp
     shift 2
     [ ! -e "$target" ] || return 0
     say "$message"
-    rm -rf --one-file-system "$target.tmp"
-    quietly "$target.log" "$@" "$target.tmp" && mv -T "$target.tmp" "$target"
+    goes_with_run "$passing"
+    quietly "$target.log" "$@" "$passing" && mv -T "$passing" "$target"
 }

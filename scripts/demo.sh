@@ -51,7 +51,7 @@ for input; do
     picture "$name-premultiplied" "$input" --from srgb --to srgb --size 1280x720 --fit fit \
         --rotate -10 --target-alpha premultiplied --background 00000000
     view "$name-view" "$input"
-    "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}" >/dev/null
+    "$here/wine-run" "$program" sheet "$out/$name-sheet.png" "${pictures[@]}" --columns 4 >/dev/null
     printf '  %-34s               %s\n' "$name-sheet.png" "the source and all of these, side by side"
 done
 echo "The pictures are in $out"

@@ -140,7 +140,7 @@ check_folders() {
 # The environment inside: little of the user's, so that results do not depend on it.
 root_environment() {
     printf '%s\0' "HOME=$cache/home" PATH=/usr/bin:/usr/sbin:/usr/lib/wine LC_ALL=C.UTF-8 "TERM=${TERM:-dumb}" \
-        "NORVEXDX_CACHE=$cache" "NORVEX_SDK=${sdk:-}" "NORVEX_WINE_PREFIX=${winePrefix:-}"
+        "NORVEXDX_CACHE=$cache" "NORVEX_SESSIONS=$sessions" "NORVEX_SDK=${sdk:-}" "NORVEX_WINE_PREFIX=${winePrefix:-}"
     [ -z "${microsoftCompiler:-}" ] || printf '%s\0' "NORVEX_TEST_D3DCOMPILER_FILE=$microsoftCompiler" \
         "NORVEX_TEST_D3DCOMPILER=Z:${microsoftCompiler//\//\\}"
     local name

@@ -24,7 +24,6 @@ TEST(ErrorInfoTest, NamesAndDescribesCodes) {
         {0x887E0003, "D3D12_ERROR_INVALID_REDIST"},
         {0x887C0001, "D3D11_ERROR_TOO_MANY_UNIQUE_STATE_OBJECTS"},
         {0x8876086C, "D3DERR_INVALIDCALL"},
-        {0x88982F50, "WINCODEC_ERR_COMPONENTNOTFOUND"},
         {0x087A0001, "DXGI_STATUS_OCCLUDED"},
         {0x887A1234, "0x887A1234"}, // this and the next nobody knows
         {0xE0ABCDEF, "0xE0ABCDEF"},

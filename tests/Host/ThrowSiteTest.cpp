@@ -16,10 +16,7 @@ main | int main()
 Open | Open | void Ns::File::Open(int) const | static constexpr bool Ns::File::Open(int) noexcept
 Open | Ns::File::Open(int)::<lambda(char)> | Ns::File::Open::<lambda_1>::operator ()
 Open | auto Ns::File::Open(int)::(anonymous class)::operator()(char) const
-Open | auto __cdecl Ns::File::Open::<lambda_1>::operator ()(char) const
-File | Ns::File::File(const std::string&)
 File | __cdecl Ns::File::File::<lambda_1>::operator ()(void) const noexcept
-~File | Ns::File::~File()
 ~Box | Ns::Box<T>::~Box() [with T = std::vector<int>]
 Get | void Ns::File::Get() && | std::string Ns::Get[abi:cxx11](int) | void (* Ns::Get(int))(char)
 Get | std::vector<std::pair<int, Ns::A> > Ns::Get(std::function<void(int)>)
@@ -32,18 +29,13 @@ Run | void __cdecl Ns::`anonymous-namespace'::Run(void)
 Run | Ns::Run(T)::<lambda(auto:1)>::<lambda()> [with auto:1 = int; T = char]
 Run | auto Ns::Run()::(lambda at a.cpp:3:5)::operator()() const
 Run | void __cdecl Ns::Run::<lambda_1>::operator ()::<lambda_2>::operator ()(void) const
-Run | auto __cdecl Ns::Run::<lambda_1>::operator ()<int>(int) const
-Run | auto Ns::Run(F) [F = (lambda at a.cpp:3:5)]
 Apply | void Ns::Apply(F) [with F = Ns::Run()::<lambda()>]
 Apply | void __cdecl Ns::Apply<class Ns::Run::<lambda_1>>(class Ns::Run::<lambda_1>)
 Step | Ns::Run()::Local::Step()
 operator== | bool Ns::A::operator==(const Ns::A&) const
-operator<< | std::ostream& Ns::operator<<(std::ostream&, const A&)
 operator-> | T* Ns::P<T>::operator->() const [with T = int]
 operator() | int Ns::A::operator()(int) const
-operator[] | int& Ns::A::operator[](int)
 operator new [] | static void* Ns::A::operator new [](std::size_t)
-operator bool | __cdecl Ns::A::operator bool(void) const
 operator std::function<void(int)> | Ns::A::operator std::function<void(int)>() const
 <lambda()> | <lambda()>
 ((( | (((

@@ -2,8 +2,8 @@
 // sanitizers, so the cases are written to interleave as much as to check.
 
 #include <atomic>
-#include <future>
 #include <latch>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -60,6 +60,21 @@ protected:
         queue.Push(MakeObject(), [task = std::move(work)](Object&) { task(); });
     }
     void Push(Work work) { Push(m_queue, std::move(work)); }
+    void PushCounted(DispatchQueue& queue) {
+        Push(queue, [this] { ++m_calls; });
+    }
+    // Returns when so many tasks run, each of which goes on until the latch opens.
+    void Block(DispatchQueue& queue, int count, std::latch& mayEnd) {
+        const auto started = std::make_shared<std::latch>(count);
+        for (int task = 0; task < count; ++task) {
+            Push(queue, [this, started, &mayEnd] {
+                started->count_down();
+                mayEnd.wait();
+                ++m_calls;
+            });
+        }
+        started->wait();
+    }
 
     // A thread counts as idle until it has woken, so an empty queue belongs to it.
     void ExpectOneIdle() {
@@ -110,50 +125,38 @@ TEST_F(DispatchQueueTest, DrainReturnsWhenEveryTaskHasRunAndEveryThreadHasEnded)
 }
 
 TEST_F(DispatchQueueTest, TaskReceivesItsObjectAndReleasesItOutsideTheMutex) {
-    const auto mainThread = std::this_thread::get_id();
-    std::atomic<bool> isReleasedByPool{false};
+    std::atomic<std::thread::id> releasedBy;
     auto object = MakeObject([&] {
         m_queue.GetCounts(); // takes the mutex: a release under it would never return
-        isReleasedByPool = std::this_thread::get_id() != mainThread;
+        releasedBy = std::this_thread::get_id();
     });
     const Object* const expected = object.get();
-    std::promise<const Object*> received;
-    std::latch mayEnd{1};
     m_queue.Push(std::move(object), [&](Object& given) {
-        received.set_value(&given);
-        mayEnd.wait();
+        EXPECT_EQ(&given, expected);
+        EXPECT_EQ(CountObjects(), 1);
+        ++m_calls;
     });
-    EXPECT_EQ(received.get_future().get(), expected);
-    EXPECT_EQ(CountObjects(), 1);
-    mayEnd.count_down();
     m_queue.Drain();
-    EXPECT_TRUE(isReleasedByPool);
+    EXPECT_EQ(m_calls, 1);
+    EXPECT_NE(releasedBy.load(), std::thread::id());
+    EXPECT_NE(releasedBy.load(), std::this_thread::get_id());
 }
 
 TEST_F(DispatchQueueTest, ThreadsStartOnlyWhenNoneIsFreeAndNeverMoreThanTwo) {
     // Many rounds, for the moment after the first push when the idle thread has not woken yet.
     for (int round = 0; round < 100 && !HasFailure(); ++round) {
+        for (int task = 0; task < 2; ++task) {
+            PushCounted(m_queue);
+            ExpectOneIdle();
+            EXPECT_EQ(m_queue.GetCounts().threads, 1U) << "a free thread takes the task";
+        }
         std::latch mayEnd{1};
-        const auto block = [&](Object&) { mayEnd.wait(); };
-        const DispatchQueue::Object object = MakeObject();
-        Push([] {});
-        ExpectOneIdle();
-        Push([] {});
-        ExpectOneIdle();
-        EXPECT_EQ(m_queue.GetCounts().threads, 1U) << "a free thread takes the task";
-
-        m_queue.Push(object, block);
-        m_queue.Push(object, block);
-        EXPECT_EQ(m_queue.GetCounts().threads, 2U) << "one idle thread is not free for two tasks";
-        ExpectSoon([&] { return m_queue.GetCounts().queued == 0; }, "both are taken");
-        m_queue.Push(object, block);
+        Block(m_queue, 2, mayEnd); // returns: one idle thread is not free for two tasks
+        PushCounted(m_queue);
         ExpectCounts(m_queue, 2, 1); // both busy
         mayEnd.count_down();
         m_queue.Drain();
     }
-}
-
-TEST_F(DispatchQueueTest, CreateThreadStartsOneAtATimeUpToTheTarget) {
     const unsigned hardware = std::max(1U, std::thread::hardware_concurrency());
     for (unsigned call = 1; call <= hardware + 1; ++call) {
         m_queue.CreateThread(0);
@@ -166,28 +169,21 @@ TEST_F(DispatchQueueTest, IdleThreadsEndAndLoseNoTaskThatArrivesThen) {
     Start(queue);
     RunThreads(3, [&](unsigned pusher) {
         for (int task = 0; task < 200; ++task) {
-            Push(queue, [&] { ++m_calls; });
+            PushCounted(queue);
             std::this_thread::sleep_for(std::chrono::microseconds(700 + 150 * pusher));
         }
     });
     ExpectSoon([&] { return m_calls == 600; }, "every task runs without a drain");
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 1; round <= 3; ++round) {
         ExpectSoon([&] { return queue.GetCounts().threads == 0; }, "idle threads end");
-        std::promise<std::thread::id> ran;
-        Push(queue, [&] { ran.set_value(std::this_thread::get_id()); });
-        EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
+        PushCounted(queue);
+        ExpectSoon([&] { return m_calls == 600 + round; }, "a new one starts");
     }
 }
 
 TEST_F(DispatchQueueTest, EveryDrainWaitsForTheTasksButNotForTheIdleTime) {
-    std::latch started{1};
     std::latch mayEnd{1};
-    Push([&] {
-        started.count_down();
-        mayEnd.wait();
-        ++m_calls;
-    });
-    started.wait();
+    Block(m_queue, 1, mayEnd);
     const auto start = std::chrono::steady_clock::now();
     RunThreads(4, [&](unsigned thread) {
         if (thread < 3) {
@@ -196,7 +192,7 @@ TEST_F(DispatchQueueTest, EveryDrainWaitsForTheTasksButNotForTheIdleTime) {
             return;
         }
         std::this_thread::sleep_for(20ms);
-        Push([&] { ++m_calls; }); // the queue runs again, while the drains still wait
+        PushCounted(m_queue); // the queue runs again, while the drains still wait
         std::this_thread::sleep_for(5ms);
         mayEnd.count_down();
     });
@@ -209,34 +205,34 @@ TEST_F(DispatchQueueTest, StopLeavesWhatHasNotStarted) {
     {
         DispatchQueue queue;
         Start(queue);
-        std::latch started{2};
         std::latch mayEnd{1};
-        for (int task = 0; task < 2; ++task) {
-            Push(queue, [&] {
-                started.count_down();
-                mayEnd.wait();
-                ++m_calls;
-            });
-        }
-        started.wait();
+        Block(queue, 2, mayEnd);
         for (int task = 0; task < 5; ++task) {
-            Push(queue, [&] { ++m_calls; });
+            PushCounted(queue);
         }
         std::jthread stopper([&] { queue.Stop(); });
         std::this_thread::sleep_for(20ms);
         mayEnd.count_down();
         stopper.join();
         ExpectCounts(queue, 0, 5);
-        EXPECT_THROW(Push(queue, [] {}), CoreException) << "Stop drops the pool function";
+        EXPECT_THROW(PushCounted(queue), CoreException) << "Stop drops the pool function";
     }
     EXPECT_EQ(m_calls, 2);
     EXPECT_EQ(CountObjects(), 0) << "the queue's end releases the objects";
 }
 
-TEST_F(DispatchQueueTest, FailingTasksAreReportedAndTheThreadGoesOn) {
+TEST_F(DispatchQueueTest, WhatTasksThrowIsReportedAndTheThreadGoesOn) {
+    const auto expectDeadlock = [&](void (DispatchQueue::*operation)()) {
+        try {
+            (m_queue.*operation)();
+        } catch (const std::system_error& error) {
+            m_calls += error.code() == std::errc::resource_deadlock_would_occur ? 1 : 0;
+        }
+    };
     std::set<std::thread::id> threads;
-    for (const Work& work :
-         {Work([] { throw std::runtime_error("first"); }), Work([] { throw 7; }), Work([] {})}) {
+    for (const Work& work : {Work([] { throw std::runtime_error("first"); }), Work([] { throw 7; }),
+                             Work([&] { expectDeadlock(&DispatchQueue::Drain); }),
+                             Work([&] { expectDeadlock(&DispatchQueue::Stop); }), Work([] {})}) {
         Push([&, work] {
             threads.insert(std::this_thread::get_id());
             work();
@@ -245,6 +241,7 @@ TEST_F(DispatchQueueTest, FailingTasksAreReportedAndTheThreadGoesOn) {
     }
     m_queue.Drain();
     EXPECT_EQ(m_errors, (std::vector<std::string>{"first", "unknown"}));
+    EXPECT_EQ(m_calls, 2) << "threads of the pool cannot wait for the pool";
     EXPECT_EQ(threads.size(), 1U);
 
     DispatchQueue silent;
@@ -253,31 +250,13 @@ TEST_F(DispatchQueueTest, FailingTasksAreReportedAndTheThreadGoesOn) {
     silent.Drain();
 }
 
-TEST_F(DispatchQueueTest, PoolThreadsCannotWaitForThePool) {
-    for (void (DispatchQueue::*operation)() : {&DispatchQueue::Drain, &DispatchQueue::Stop}) {
-        std::promise<std::error_code> code;
-        Push([&] {
-            try {
-                (m_queue.*operation)();
-                code.set_value({});
-            } catch (const std::system_error& error) {
-                code.set_value(error.code());
-            }
-        });
-        EXPECT_EQ(code.get_future().get(), std::errc::resource_deadlock_would_occur);
-    }
-    Push([&] { ++m_calls; });
-    m_queue.Drain();
-    EXPECT_EQ(m_calls, 1);
-}
-
 TEST_F(DispatchQueueTest, PushWithoutPoolFunctionThrowsAndTheTaskWaits) {
     EXPECT_THROW(m_queue.Push({}, [](Object&) {}), CoreException);
     EXPECT_THROW(m_queue.Push(MakeObject(), {}), CoreException);
     ExpectCounts(m_queue, 0, 0); // tasks need an object and a function
     DispatchQueue queue;
     try {
-        Push(queue, [&] { ++m_calls; });
+        PushCounted(queue);
         FAIL();
     } catch (const CoreException& error) {
         EXPECT_EQ(*boost::get_error_info<Norvex::ErrorDescription>(error),
@@ -285,13 +264,17 @@ TEST_F(DispatchQueueTest, PushWithoutPoolFunctionThrowsAndTheTaskWaits) {
         EXPECT_STREQ(*boost::get_error_info<boost::throw_function>(error), "CreateThread");
     }
     ExpectCounts(queue, 0, 1);
+    for (const int expected : {1, 2, 3}) {
+        const auto expectTurn = [&, expected] { EXPECT_EQ(m_calls++, expected); };
+        EXPECT_THROW(Push(queue, expectTurn), CoreException);
+    }
     queue.Drain();
-    EXPECT_EQ(m_calls, 1) << "the one who drains runs what has no thread";
-    EXPECT_THROW(Push(queue, [&] { ++m_calls; }), CoreException);
+    EXPECT_EQ(m_calls, 4) << "the one who drains runs what has no thread";
+    EXPECT_THROW(PushCounted(queue), CoreException);
     Start(queue);
-    Push(queue, [&] { ++m_calls; });
+    PushCounted(queue);
     queue.Drain();
-    EXPECT_EQ(m_calls, 3);
+    EXPECT_EQ(m_calls, 6);
 }
 
 } // namespace

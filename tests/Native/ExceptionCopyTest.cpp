@@ -2,12 +2,11 @@
 // building machine under sanitizers.
 
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Host/CoreException.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
@@ -56,15 +55,12 @@ TEST(ExceptionCopyTest, ThreadsCopyOneExceptionAtOnce) {
             ExpectFacts(exception);
         }
     };
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 200; ++round) {
-                expectCopies([&] { std::rethrow_exception(thrown); });
-                expectCopies([&] { boost::rethrow_exception(cloned); });
-            }
-        });
-    }
+    Norvex::Test::RunThreads(4, [&](unsigned) {
+        for (int round = 0; round < 200; ++round) {
+            expectCopies([&] { std::rethrow_exception(thrown); });
+            expectCopies([&] { boost::rethrow_exception(cloned); });
+        }
+    });
 }
 
 } // namespace

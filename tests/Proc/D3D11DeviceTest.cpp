@@ -3,18 +3,16 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <span>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
 
-#include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/SwapChain11.h"
+#include "tests/support/Threads.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
@@ -23,7 +21,6 @@ namespace {
 using namespace Norvex::Test;
 using testing::ElementsAre;
 using testing::HasSubstr;
-constexpr auto kRgba8 = DXGI_FORMAT_R8G8B8A8_UNORM;
 using ContextPtr = boost::intrusive_ptr<D11DeviceContext>;
 
 TEST(D3D11DeviceTest, AttachedDevicesAreFoundUntilTheirLastRelease) {
@@ -74,46 +71,14 @@ TEST(D3D11DeviceTest, AttachWaitsWhileCreateLooksAtTheRegistry) {
     EXPECT_TRUE(isAttached);
 }
 
-// A dead wrapper that is handed out would crash.
-TEST(D3D11DeviceTest, AttachMayRace) {
-    const auto raw = MakeRawDevice11();
-    const DXGIAdapter adapter = DXGIFactory::Create()->GetPrimaryAdapter();
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 500; ++round) {
-                const auto device = D11Device::Attach(raw);
-                EXPECT_NE(D11Device::Find(raw), nullptr);
-                EXPECT_EQ(D11Device::Create(adapter)->Get(), raw.p);
-            }
+TEST(D3D11DeviceTest, CreateAnswersWhatIsForAllThreads) {
+    const auto attached = D11Device::Attach(MakeRawDevice11());
+    EXPECT_EQ(D11Device::CreatePrimary(), attached);
+    const MethodPatch<&ID3D11Device::GetCreationFlags> patch(
+        attached->Get(), [&](auto original, ID3D11Device* self) {
+            return original(self) | D3D11_CREATE_DEVICE_SINGLETHREADED;
         });
-    }
-    threads.clear();
-    EXPECT_EQ(D11Device::Find(raw), nullptr);
-}
-
-TEST(D3D11DeviceTest, CreateAnswersWhatIsOnTheAdapterAndForAllThreads) {
-    const CComPtr<IDXGIAdapter1> adapter(DXGIFactory::Create()->GetPrimaryAdapter().Get());
-    const auto raw = MakeRawDevice11();
-    const auto isAnswered = [&](const LUID& difference, UINT flags) {
-        const auto attached = [&] {
-            const MethodPatch<&IDXGIAdapter1::GetDesc1>
-                patch(adapter, [&](auto original, IDXGIAdapter1* self, DXGI_ADAPTER_DESC1* desc) {
-                    const HRESULT result = original(self, desc);
-                    desc->AdapterLuid.LowPart += difference.LowPart;
-                    desc->AdapterLuid.HighPart += difference.HighPart;
-                    return result;
-                });
-            return D11Device::Attach(raw);
-        }();
-        const MethodPatch<&ID3D11Device::GetCreationFlags> patch(
-            raw, [&](auto original, ID3D11Device* self) { return original(self) | flags; });
-        return D11Device::CreatePrimary() == attached;
-    };
-    EXPECT_TRUE(isAnswered({0, 0}, 0));
-    EXPECT_FALSE(isAnswered({1, 0}, 0));
-    EXPECT_FALSE(isAnswered({0, 1}, 0));
-    EXPECT_FALSE(isAnswered({0, 0}, D3D11_CREATE_DEVICE_SINGLETHREADED));
+    EXPECT_NE(D11Device::CreatePrimary(), attached);
 }
 
 // What a host stores in its device goes with it, and may call the library.
@@ -137,92 +102,84 @@ TEST(D3D11DeviceTest, LevelsAreTriedOneByOneDownwards) {
     const auto attempt = [](D3D_FEATURE_LEVEL level) {
         return CreateDevice11Patch::Attempt{level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT};
     };
-    const auto allLevels =
-        ElementsAre(attempt(D3D_FEATURE_LEVEL_11_1), attempt(D3D_FEATURE_LEVEL_11_0),
-                    attempt(D3D_FEATURE_LEVEL_10_1), attempt(D3D_FEATURE_LEVEL_10_0));
     const auto create = [&](HRESULT higherLevels, HRESULT lowestLevel) {
-        const CreateDevice11Patch patch([=](const auto& tried) {
+        CreateDevice11Patch patch([=](const auto& tried) {
             return tried.level == D3D_FEATURE_LEVEL_10_0 ? lowestLevel : higherLevels;
         });
-        const auto level = D11Device::CreatePrimary()->GetFeatureLevel();
-        EXPECT_THAT(patch.attempts, allLevels);
-        return level;
+        const auto thrown = ThrownBy([] {
+            EXPECT_EQ(D11Device::CreatePrimary()->GetFeatureLevel(), D3D_FEATURE_LEVEL_10_0);
+        });
+        EXPECT_THAT(patch.attempts,
+                    ElementsAre(attempt(D3D_FEATURE_LEVEL_11_1), attempt(D3D_FEATURE_LEVEL_11_0),
+                                attempt(D3D_FEATURE_LEVEL_10_1), attempt(D3D_FEATURE_LEVEL_10_0)));
+        return thrown.sentence;
     };
-    EXPECT_EQ(create(DXGI_ERROR_UNSUPPORTED, S_OK), D3D_FEATURE_LEVEL_10_0);
-    EXPECT_EQ(create(DXGI_ERROR_SDK_COMPONENT_MISSING, S_OK), D3D_FEATURE_LEVEL_10_0)
+    EXPECT_EQ(create(DXGI_ERROR_UNSUPPORTED, S_OK), "(nothing)");
+    EXPECT_EQ(create(DXGI_ERROR_SDK_COMPONENT_MISSING, S_OK), "(nothing)")
         << "without the debug flag no level is tried twice";
-    ExpectFailure11([&] { create(DXGI_ERROR_UNSUPPORTED, E_ACCESSDENIED); },
-                    "Failed to create D3D11 device", "Create", E_ACCESSDENIED);
-    EXPECT_GE(D11Device::CreatePrimary()->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_0)
-        << "nothing of the failure stayed in the registry";
+    EXPECT_EQ(create(DXGI_ERROR_UNSUPPORTED, E_ACCESSDENIED), "Failed to create D3D11 device");
+    CreateDevice11Patch patch([](const auto&) { return E_ACCESSDENIED; });
+    ExpectFailure11([&] { D11Device::CreatePrimary(); }, "Failed to create D3D11 device", "Create",
+                    E_ACCESSDENIED);
 }
-
-template <auto... slots>
-struct FailingMethods : FailingMethod<slots>... {
-    FailingMethods(IUnknown* object, HRESULT result) : FailingMethod<slots>(object, result)... {}
-};
 
 // The device was removed, so that the reason of that is what the records tell.
 TEST(D3D11DeviceTest, EveryFailureNamesItsOperationAndTheAdapter) {
     const auto device = D11Device::CreatePrimary();
     const std::shared_ptr<D3ShaderBytecode> bytecode =
         std::make_shared<D11PixelShader>(device, "Main", "float4 Main() : SV_TARGET { return 1; }");
-    const auto texture = device->CreateTexture2D(MakeTextureDesc11(4, 4, kRgba8), nullptr);
-    ID3D11Resource* resource = nullptr;
-    const struct {
-        const char* function;
-        const char* sentence;
-        std::function<void()> call;
-    } cases[] = {
-        {"CreateBuffer", "Failed to create ID3D11Buffer: byteWidth = 48",
-         [&] { device->CreateBuffer({48, {}, 0, 0, 0, 0}, nullptr); }},
-        {"CreateTexture2D",
-         "Failed to create ID3D11Texture2D: width = 20, height = 10, format = 28",
-         [&] { device->CreateTexture2D(MakeTextureDesc11(20, 10, kRgba8), nullptr); }},
-        {"CreateShaderResourceView", "Failed to create shader resource view",
-         [&] { device->CreateShaderResourceView(resource); }},
-        {"CreateShaderResourceView", "Failed to create shader resource view",
-         [&] { device->CreateShaderResourceView(resource, {}); }},
-        {"CreateRenderTargetView", "Failed to create render target view",
-         [&] { device->CreateRenderTargetView(resource, {}); }},
-        {"CreateDepthStencilView", "Failed to create depth stencil view",
-         [&] { device->CreateDepthStencilView(resource, {}); }},
-        {"CreateRasterizerState", "Failed to create rasterizer state",
-         [&] { device->CreateRasterizerState({}); }},
-        {"CreateDepthStencilState", "Failed to create depth stencil state",
-         [&] { device->CreateDepthStencilState({}); }},
-        {"CreateSamplerState", "Failed to create sampler state",
-         [&] { device->CreateSamplerState({}); }},
-        {"CreateInputLayout", "Failed to create input layout",
-         [&] { device->CreateInputLayout({}, bytecode); }},
-        {"CreateBlendState", "Failed to create blend state", [&] { device->CreateBlendState({}); }},
-    };
-    for (const auto& c : std::span(cases).subspan(2, 4)) { // views of null
-        ExpectFailure11(c.call, c.sentence, c.function, E_INVALIDARG);
-    }
-    resource = texture;
-    const FailingMethod<&ID3D11Device::GetDeviceRemovedReason> removed(device->Get(),
-                                                                       DXGI_ERROR_DEVICE_HUNG);
-    const FailingMethods<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
-                         &ID3D11Device::CreateShaderResourceView,
-                         &ID3D11Device::CreateRenderTargetView,
-                         &ID3D11Device::CreateDepthStencilView, &ID3D11Device::CreateInputLayout,
-                         &ID3D11Device::CreateBlendState, &ID3D11Device::CreateDepthStencilState,
-                         &ID3D11Device::CreateRasterizerState, &ID3D11Device::CreateSamplerState>
-        failures(device->Get(), DXGI_ERROR_DEVICE_REMOVED);
-    for (const auto& c : cases) {
-        const auto thrown = ExpectFailure11(c.call, c.sentence, c.function, DXGI_ERROR_DEVICE_HUNG);
+    const auto texture =
+        device->CreateTexture2D(MakeTextureDesc11(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM), nullptr);
+    HRESULT result = E_INVALIDARG;
+    const auto expect = [&](const char* function, const std::string& what, const auto& call) {
+        const auto thrown = ExpectFailure11(call, "Failed to create " + what, function, result);
         EXPECT_THAT(thrown.details, HasSubstr("Adapter name: " + device->GetAdapterName()));
-    }
+    };
+    const auto expectNoViews = [&](ID3D11Resource* of) {
+        constexpr auto kShaderView = "CreateShaderResourceView";
+        expect(kShaderView, "shader resource view", [&] { device->CreateShaderResourceView(of); });
+        expect(kShaderView, "shader resource view",
+               [&] { device->CreateShaderResourceView(of, {}); });
+        expect("CreateRenderTargetView", "render target view",
+               [&] { device->CreateRenderTargetView(of, {}); });
+        expect("CreateDepthStencilView", "depth stencil view",
+               [&] { device->CreateDepthStencilView(of, {}); });
+    };
+    expectNoViews(nullptr);
+    result = DXGI_ERROR_DEVICE_HUNG;
+    const FailingMethod<&ID3D11Device::GetDeviceRemovedReason> removed(device->Get(), result);
+    const FailingMethod<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
+                        &ID3D11Device::CreateShaderResourceView,
+                        &ID3D11Device::CreateRenderTargetView,
+                        &ID3D11Device::CreateDepthStencilView, &ID3D11Device::CreateInputLayout,
+                        &ID3D11Device::CreateBlendState, &ID3D11Device::CreateDepthStencilState,
+                        &ID3D11Device::CreateRasterizerState, &ID3D11Device::CreateSamplerState>
+        failures(device->Get(), DXGI_ERROR_DEVICE_REMOVED);
+    expectNoViews(texture);
+    expect("CreateShaderResourceView", "shader resource view",
+           [&] { D11ShaderTexture2D(texture, {}); });
+    expect("CreateRenderTargetView", "render rarget view",
+           [&] { D11RenderTexture2D(texture, {}); });
+    expect("CreateBuffer", "ID3D11Buffer: byteWidth = 48",
+           [&] { device->CreateBuffer({48, {}, 0, 0, 0, 0}, nullptr); });
+    expect("CreateTexture2D", "ID3D11Texture2D: width = 20, height = 10, format = 28", [&] {
+        device->CreateTexture2D(MakeTextureDesc11(20, 10, DXGI_FORMAT_R8G8B8A8_UNORM), nullptr);
+    });
+    expect("CreateRasterizerState", "rasterizer state", [&] { device->CreateRasterizerState({}); });
+    expect("CreateDepthStencilState", "depth stencil state",
+           [&] { device->CreateDepthStencilState({}); });
+    expect("CreateSamplerState", "sampler state", [&] { device->CreateSamplerState({}); });
+    expect("CreateInputLayout", "input layout", [&] { device->CreateInputLayout({}, bytecode); });
+    expect("CreateBlendState", "blend state", [&] { device->CreateBlendState({}); });
 }
 
 TEST(D3D11DeviceTest, FormatQuestionsDoNotThrow) {
     const auto device = D11Device::CreatePrimary();
-    const auto support = device->CheckFormatSupport(kRgba8);
+    const auto support = device->CheckFormatSupport(DXGI_FORMAT_R8G8B8A8_UNORM);
     ASSERT_TRUE(support);
     EXPECT_TRUE(support->has(D3D11_FORMAT_SUPPORT_RENDER_TARGET));
     const FailingMethod<&ID3D11Device::CheckFormatSupport> patch(device->Get(), E_FAIL);
-    EXPECT_EQ(device->CheckFormatSupport(kRgba8), std::nullopt);
+    EXPECT_EQ(device->CheckFormatSupport(DXGI_FORMAT_R8G8B8A8_UNORM), std::nullopt);
 }
 
 TEST(D3D11DeviceTest, FencesNeedBothInterfaces) {
@@ -246,8 +203,8 @@ TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
     const auto other = D11Device::Attach(MakeRawDevice11());
     std::atomic<int> inside{0};
     int calls = 0;
-    const auto encode = [&](D11Device& wrapper) {
-        wrapper.Encode([&](const ContextPtr& outer) {
+    const auto encode = [&](unsigned thread) {
+        (thread % 2 == 0 ? device : again)->Encode([&](const ContextPtr& outer) {
             EXPECT_EQ(++inside, 1);
             std::this_thread::yield();
             device->Encode([&](const ContextPtr& inner) { EXPECT_EQ(inner, outer); });
@@ -255,17 +212,13 @@ TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
             --inside;
         });
     };
-    std::vector<std::jthread> threads;
-    for (D11Device* wrapper : {device.get(), again.get(), device.get(), again.get()}) {
-        threads.emplace_back([&encode, wrapper] {
-            for (int round = 0; round < 1000; ++round) {
-                encode(*wrapper);
-            }
-        });
-    }
-    threads.clear();
+    RunThreads(4, [&](unsigned thread) {
+        for (int round = 0; round < 1000; ++round) {
+            encode(thread);
+        }
+    });
     EXPECT_EQ(calls, 4000);
-    other->Encode([&](const ContextPtr&) { std::thread([&] { encode(*device); }).join(); });
+    other->Encode([&](const ContextPtr&) { RunThreads(1, encode); });
 }
 
 TEST(D3D11DeviceTest, EncodeUnlocksWhateverHappensInside) {
@@ -278,9 +231,9 @@ TEST(D3D11DeviceTest, EncodeUnlocksWhateverHappensInside) {
         device.reset();
         context->Flush();
     });
-    int calls = 0;
-    std::thread([&] { again->Encode([&calls](const ContextPtr&) { ++calls; }); }).join();
-    EXPECT_EQ(calls, 1);
+    bool isCalled = false;
+    RunThreads(1, [&](unsigned) { again->Encode([&](const auto&) { isCalled = true; }); });
+    EXPECT_TRUE(isCalled);
 }
 
 TEST(DeviceSwapChainTest, ANewFactoryMakesTheSwapChain) {

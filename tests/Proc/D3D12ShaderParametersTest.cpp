@@ -1,30 +1,18 @@
-#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
-
-#include <functional>
-#include <string>
-#include <vector>
-
-#include <fmt/ranges.h>
-#include <gmock/gmock.h>
+// What shaders are bound to: parameters, their tables and the root signature; and pipelines.
 
 #include "Platform/D3D12Abi.h"
-#include "tests/support/DeviceTest.h"
-#include "tests/support/LifeProbe.h"
-#include "tests/support/Thrown.h"
-#include "tests/support/Words.h"
+#include "tests/Proc/Direct3D12Fixture.h"
 
-namespace Norvex::Test {
+namespace Norvex::DX {
 namespace {
 
-using DX::D12Descriptor;
-using testing::ElementsAre;
-using ViewPtr = boost::intrusive_ptr<D12Descriptor>;
-using ParametersPtr = boost::intrusive_ptr<DX::D12ShaderParameters>;
-using CreateRootSignature = MethodPatch<&ID3D12Device::CreateRootSignature>;
+using namespace Norvex::Test;
+using ParametersPtr = Ptr<D12ShaderParameters>;
 
 constexpr auto kPixel = D3D12_SHADER_VISIBILITY_PIXEL;   // 5
 constexpr auto kVertex = D3D12_SHADER_VISIBILITY_VERTEX; // 1
 constexpr auto kClamp = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+constexpr D3D12_SAMPLER_DESC kSampler = {{}, kClamp, kClamp, kClamp, 0, 0, {}, {}, 0, 0};
 constexpr auto kStatic = D3D12_DESCRIPTOR_RANGE_FLAG_DATA_STATIC;
 constexpr auto kSrv = D12Descriptor::ShaderResource;
 constexpr auto kCbv = D12Descriptor::ConstantBuffer;
@@ -40,15 +28,12 @@ std::string TextOf(const D3D12_ROOT_PARAMETER1& parameter) {
                            : WordsOf(&parameter.Descriptor));
 }
 
-class D3D12ShaderParametersTest : public CanvasTest {
+class D3D12ShaderParametersTest : public Direct3D12Test {
 protected:
-    static CComPtr<ID3D12Resource> MakeBuffer() {
-        return Device()->CreateBuffer(
-            {.size = 1024, .resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS});
-    }
+    static ResourcePtr Make1024() { return MakeBuffer(1024, {}, kUnordered); }
     static ParametersPtr MakeParameters(int version) {
-        return ParametersPtr(new DX::D12ShaderParameters(
-            Device()->Get(), nullptr, static_cast<D3D_ROOT_SIGNATURE_VERSION>(version)));
+        return ParametersPtr(new D12ShaderParameters(
+            Raw(), nullptr, static_cast<D3D_ROOT_SIGNATURE_VERSION>(version)));
     }
     ViewPtr MakeView(D12Descriptor::DescriptorType type = kSrv) {
         return type == kCbv   ? m_views->CreateConstantBufferView(m_buffer)
@@ -64,77 +49,27 @@ protected:
     }
 
     ParametersPtr m_parameters = Device()->CreateShaderParameters();
-    boost::intrusive_ptr<DX::D12DescriptorCPUHeap> m_views = Device()->CreateShaderViewHeap(64);
-    CComPtr<ID3D12Resource> m_buffer = MakeBuffer();
-    ViewPtr m_sampler = Device()->CreateSamplerHeap(1)->CreateSampler(
-        {{}, kClamp, kClamp, kClamp, 0, 0, {}, {}, 0, 0});
-    boost::intrusive_ptr<DX::D12CommandAllocator> m_allocator = Queue()->CreateCommandAllocator();
-    boost::intrusive_ptr<DX::D12GraphicsCommandList> m_list;
+    Ptr<D12DescriptorCPUHeap> m_views = Device()->CreateShaderViewHeap(64);
+    ResourcePtr m_buffer = Make1024();
+    ViewPtr m_sampler = Device()->CreateSamplerHeap(1)->CreateSampler(kSampler);
+    Ptr<D12CommandAllocator> m_allocator = Queue()->CreateCommandAllocator();
+    ListPtr m_list;
 };
 
-struct BindNotes {
-    auto Noter(const char* form) {
-        return [this, form](auto, auto*, UINT index, auto argument) {
-            calls.push_back(fmt::format(fmt::runtime(form), index, argument));
-        };
-    }
-    // In its heap, counted in descriptors. The heaps are set before anything points into them.
-    template <class StartOf>
-    std::string PlaceOf(UINT64 handle, const StartOf& startOf) const {
-        for (ID3D12DescriptorHeap* heap : heaps) {
-            const auto type = Platform::GetDesc(heap).Type;
-            const UINT64 place =
-                (handle - startOf(heap).ptr) / device->GetDescriptorHandleIncrementSize(type);
-            if (place < 64) { // a great number for what lies before
-                return fmt::format("{}[{}]", +type, place);
-            }
+// Where in its heap, counted in descriptors.
+template <class StartOf>
+std::string PlaceOf(UINT64 handle, const std::vector<ID3D12DescriptorHeap*>& heaps,
+                    const DevicePtr& device, const StartOf& startOf) {
+    for (ID3D12DescriptorHeap* heap : heaps) {
+        const auto type = Platform::GetDesc(heap).Type;
+        const UINT64 place =
+            (handle - startOf(heap).ptr) / device->Get()->GetDescriptorHandleIncrementSize(type);
+        if (place < 64) { // a great number for what lies before
+            return fmt::format("{}[{}]", +type, place);
         }
-        return "nowhere";
     }
-
-    ID3D12Device* device;
-    ID3D12GraphicsCommandList* list;
-    std::vector<std::string> calls;
-    std::vector<SIZE_T> sources;
-    std::vector<ID3D12DescriptorHeap*> heaps;
-};
-
-// Notes what is bound to lists of the library's class and what is copied, in order, instead of
-// having it done.
-class BindRecorder : public BindNotes {
-    using List = ID3D12GraphicsCommandList;
-
-public:
-    BindRecorder(ID3D12Device* onDevice, List* onList) : BindNotes{onDevice, onList, {}, {}, {}} {}
-
-private:
-    MethodPatch<&List::SetGraphicsRootSignature> m_signature{
-        list, [this](auto...) { calls.emplace_back("signature"); }};
-    MethodPatch<&List::SetDescriptorHeaps> m_heaps{list,
-                                                   [this](auto, auto*, UINT count, auto* set) {
-                                                       calls.emplace_back("heaps");
-                                                       heaps.assign(set, set + count);
-                                                   }};
-    MethodPatch<&List::SetGraphicsRoot32BitConstants> m_constants{
-        list, [this](auto, auto*, UINT index, UINT count, const void* data, UINT offset) {
-            const auto* values = static_cast<const std::uint32_t*>(data);
-            calls.push_back(fmt::format("{}: {} from {}", index,
-                                        fmt::join(values, values + count, " "), offset));
-        }};
-    MethodPatch<&List::SetGraphicsRootDescriptorTable> m_table{
-        list, [this](auto, auto*, UINT index, auto handle) {
-            calls.push_back(
-                fmt::format("{}: table {}", index, PlaceOf(handle.ptr, &Platform::GetGPUStart)));
-        }};
-    MethodPatch<&List::SetGraphicsRootConstantBufferView> m_cbv{list, Noter("{}: CBV {}")};
-    MethodPatch<&List::SetGraphicsRootShaderResourceView> m_srv{list, Noter("{}: SRV {}")};
-    MethodPatch<&List::SetGraphicsRootUnorderedAccessView> m_uav{list, Noter("{}: UAV {}")};
-    MethodPatch<&ID3D12Device::CopyDescriptorsSimple> m_copy{
-        device, [this](auto, auto*, UINT, auto to, auto from, auto) {
-            calls.push_back("copy " + PlaceOf(to.ptr, &Platform::GetCPUStart));
-            sources.push_back(from.ptr);
-        }};
-};
+    return "nowhere";
+}
 
 TEST_F(D3D12ShaderParametersTest, RootSignatureHoldsWhatWasAddedInTheVersionAskedFor) {
     constexpr auto kVolatile = D3D12_ROOT_DESCRIPTOR_FLAG_DATA_VOLATILE; // 2
@@ -151,8 +86,8 @@ TEST_F(D3D12ShaderParametersTest, RootSignatureHoldsWhatWasAddedInTheVersionAske
         parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_DENY_HULL_SHADER_ROOT_ACCESS,         // 4
                               D3D12_ROOT_SIGNATURE_FLAG_DENY_DOMAIN_SHADER_ROOT_ACCESS});     // 8
         CComPtr<ID3D12VersionedRootSignatureDeserializer> reader;
-        const CreateRootSignature patch(
-            Device()->Get(), [&](auto original, auto* self, UINT node, auto* data, auto... rest) {
+        const MethodPatch<&ID3D12Device::CreateRootSignature> patch(
+            Raw(), [&](auto original, auto* self, UINT node, auto* data, auto... rest) {
                 EXPECT_EQ(D3D12CreateVersionedRootSignatureDeserializer(
                               data, std::get<0>(std::tuple(rest...)), IID_PPV_ARGS(&reader)),
                           S_OK);
@@ -206,7 +141,7 @@ TEST_F(D3D12ShaderParametersTest, TableMergesNeighbours) {
 // Copies share the tables, and each has its own root signature to keep up to date.
 TEST_F(D3D12ShaderParametersTest, EachCopySerializesWhatChanged) {
     const auto table = m_parameters->AddViewTable(1, kPixel);
-    const ParametersPtr copy(new DX::D12ShaderParameters(*m_parameters));
+    const ParametersPtr copy(new D12ShaderParameters(*m_parameters));
     const auto check = [&](const char* change, bool serializes, bool copySerializes,
                            const std::function<void()>& make) {
         SCOPED_TRACE(change);
@@ -214,7 +149,7 @@ TEST_F(D3D12ShaderParametersTest, EachCopySerializesWhatChanged) {
         make();
         if (serializes) { // a failure is tried again
             ExpectFailure12By<&ID3D12Device::CreateRootSignature>(
-                Device()->Get(), [&] { m_parameters->SerializeRootSignature(); },
+                Raw(), [&] { m_parameters->SerializeRootSignature(); },
                 "Failed to create root signature", "SerializeRootSignature");
             EXPECT_EQ(m_parameters->GetRootSignature(), before);
         }
@@ -238,12 +173,12 @@ TEST_F(D3D12ShaderParametersTest, EachCopySerializesWhatChanged) {
 TEST_F(D3D12ShaderParametersTest, RefusesWhatDoesNotFit) {
     const auto views = m_parameters->AddViewTable(2, kPixel);
     const auto samplers = m_parameters->AddSamplerTable(2, kPixel);
-    const auto target = s_canvas->MakeTarget(8, 8, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const auto target = s_canvas->MakeTarget(8, 8, kColor);
     for (const ViewPtr& view : {m_sampler, target, ViewPtr()}) {
-        NORVEX_EXPECT_REFUSED12("Invalid descriptor type", views->SetView(0, 0, view, 0, {}));
+        NORVEX_REFUSED("Invalid descriptor type", views->SetView(0, 0, view, 0, {}));
     }
     for (const ViewPtr& view : {MakeView(), ViewPtr()}) {
-        NORVEX_EXPECT_REFUSED12("Invalid descriptor type", samplers->SetSampler(0, 0, view, {}));
+        NORVEX_REFUSED("Invalid descriptor type", samplers->SetSampler(0, 0, view, {}));
     }
     ExpectFailure12([&] { views->SetView(2, 0, MakeView(), 0, {}); }, "Table index out of range",
                     "SetDescriptor");
@@ -253,9 +188,8 @@ TEST_F(D3D12ShaderParametersTest, RefusesWhatDoesNotFit) {
                     "Serialize");
     ExpectFailure12([&] { MakeParameters(0)->SerializeRootSignature(); },
                     "Failed to serialize root signature: ", "SerializeRootSignature", E_INVALIDARG);
-    NORVEX_EXPECT_REFUSED12("Invalid command list", m_parameters->SetToCommandList(nullptr));
-    NORVEX_EXPECT_REFUSED12("Root signature not serialized",
-                            m_parameters->SetToCommandList(MakeList()));
+    NORVEX_REFUSED("Invalid command list", m_parameters->SetToCommandList(nullptr));
+    NORVEX_REFUSED("Root signature not serialized", m_parameters->SetToCommandList(MakeList()));
 }
 
 // 64 views, so that the empty tables begin past the heap's end. Without tables no heaps are set.
@@ -263,9 +197,45 @@ TEST_F(D3D12ShaderParametersTest, BindsEverythingInOrder) {
     const auto constants = m_parameters->AddContants(2, 0, 0, kPixel);
     constants->SetData(std::vector<unsigned char>{0xFF});
     m_parameters->SerializeRootSignature();
-    BindRecorder recorder(Device()->Get(), MakeList()->GetGraphics());
+    std::vector<std::string> calls; // in order, instead of being done
+    std::vector<SIZE_T> sources;
+    std::vector<ID3D12DescriptorHeap*> heaps; // set before anything points into them
+    const auto noter = [&](const char* form) {
+        return [&calls, form](auto, auto*, UINT index, auto argument) {
+            calls.push_back(fmt::format(fmt::runtime(form), index, argument));
+        };
+    };
+    using List = ID3D12GraphicsCommandList;
+    List* const list = MakeList()->GetGraphics();
+    const MethodPatch<&List::SetGraphicsRootSignature> onSignature(
+        list, [&](auto...) { calls.emplace_back("signature"); });
+    const MethodPatch<&List::SetDescriptorHeaps> onHeaps(list,
+                                                         [&](auto, auto*, UINT count, auto* set) {
+                                                             calls.emplace_back("heaps");
+                                                             heaps.assign(set, set + count);
+                                                         });
+    const MethodPatch<&List::SetGraphicsRoot32BitConstants> onConstants(
+        list, [&](auto, auto*, UINT index, UINT count, const void* data, UINT offset) {
+            const auto* values = static_cast<const std::uint32_t*>(data);
+            calls.push_back(fmt::format("{}: {} from {}", index,
+                                        fmt::join(values, values + count, " "), offset));
+        });
+    const MethodPatch<&List::SetGraphicsRootDescriptorTable> onTable(list, [&](auto, auto*,
+                                                                               UINT index,
+                                                                               auto handle) {
+        calls.push_back(fmt::format("{}: table {}", index,
+                                    PlaceOf(handle.ptr, heaps, Device(), &Platform::GetGPUStart)));
+    });
+    const MethodPatch<&List::SetGraphicsRootConstantBufferView> onCbv(list, noter("{}: CBV {}"));
+    const MethodPatch<&List::SetGraphicsRootShaderResourceView> onSrv(list, noter("{}: SRV {}"));
+    const MethodPatch<&List::SetGraphicsRootUnorderedAccessView> onUav(list, noter("{}: UAV {}"));
+    const MethodPatch<&ID3D12Device::CopyDescriptorsSimple> onCopy(
+        Raw(), [&](auto, auto*, UINT, auto to, auto from, auto) {
+            calls.push_back("copy " + PlaceOf(to.ptr, heaps, Device(), &Platform::GetCPUStart));
+            sources.push_back(from.ptr);
+        });
     m_parameters->SetToCommandList(m_list);
-    EXPECT_THAT(std::exchange(recorder.calls, {}), ElementsAre("signature", "0: 255 from 0"));
+    EXPECT_THAT(std::exchange(calls, {}), ElementsAre("signature", "0: 255 from 0"));
 
     const auto first = m_parameters->AddViewTable(2, kPixel);
     const auto cbv = m_parameters->AddConstantBufferView(1, 0, {}, kPixel);
@@ -284,37 +254,34 @@ TEST_F(D3D12ShaderParametersTest, BindsEverythingInOrder) {
         second->SetView(i, 2 + i, views[2], 0, {});
     }
     samplers->SetSampler(0, 0, m_sampler, {});
-    const CComPtr<ID3D12Resource> buffers[] = {m_buffer, MakeBuffer(), MakeBuffer()};
+    const ResourcePtr buffers[] = {m_buffer, Make1024(), Make1024()};
     cbv->SetBuffer(buffers[0]);
     srv->SetBuffer(buffers[1]);
     m_parameters->SerializeRootSignature();
-    NORVEX_EXPECT_REFUSED12("Inline descriptor has no buffer",
-                            m_parameters->SetToCommandList(m_list));
-    EXPECT_THAT(recorder.calls, testing::IsEmpty());
+    NORVEX_REFUSED("Inline descriptor has no buffer", m_parameters->SetToCommandList(m_list));
+    EXPECT_THAT(calls, testing::IsEmpty());
     uav->SetBuffer(buffers[2]);
     m_parameters->SetToCommandList(m_list);
-    ASSERT_EQ(recorder.calls.size(), 74u);
-    recorder.calls.erase(recorder.calls.begin() + 11, recorder.calls.begin() + 71);
+    ASSERT_EQ(calls.size(), 74u);
+    calls.erase(calls.begin() + 11, calls.begin() + 71);
     const auto at = [&](const char* kind, int i) {
         return fmt::format("{} {}", kind, buffers[i]->GetGPUVirtualAddress());
     };
-    EXPECT_THAT(recorder.calls,
-                ElementsAre("signature", "heaps", "0: 67305985 5 from 0", "copy 0[0]", "copy 0[1]",
-                            "1: table 0[0]", at("2: CBV", 0), "copy 1[0]", "3: table 1[0]",
-                            at("4: SRV", 1), "copy 0[2]", "copy 0[63]", "5: table 0[2]",
-                            at("6: UAV", 2)));
-    recorder.sources.resize(4);
-    EXPECT_THAT(recorder.sources,
-                ElementsAre(views[0]->GetCPUHandle().ptr, views[1]->GetCPUHandle().ptr,
-                            m_sampler->GetCPUHandle().ptr, views[2]->GetCPUHandle().ptr));
+    EXPECT_THAT(calls, ElementsAre("signature", "heaps", "0: 67305985 5 from 0", "copy 0[0]",
+                                   "copy 0[1]", "1: table 0[0]", at("2: CBV", 0), "copy 1[0]",
+                                   "3: table 1[0]", at("4: SRV", 1), "copy 0[2]", "copy 0[63]",
+                                   "5: table 0[2]", at("6: UAV", 2)));
+    sources.resize(4);
+    EXPECT_THAT(sources, ElementsAre(views[0]->GetCPUHandle().ptr, views[1]->GetCPUHandle().ptr,
+                                     m_sampler->GetCPUHandle().ptr, views[2]->GetCPUHandle().ptr));
 }
 
 TEST_F(D3D12ShaderParametersTest, BindConsumesTablesAndBuffers) {
     const auto table = m_parameters->AddViewTable(1, kPixel);
     const auto cbv = m_parameters->AddConstantBufferView(0, 0, {}, kPixel);
-    CComPtr<ID3D12Resource> buffers[] = {MakeBuffer(), MakeBuffer()};
+    ResourcePtr buffers[] = {Make1024(), Make1024()};
     const LifeProbe probes[] = {LifeProbe(buffers[0]), LifeProbe(buffers[1])};
-    const auto setTable = [&](const CComPtr<ID3D12Resource>& buffer) {
+    const auto setTable = [&](const ResourcePtr& buffer) {
         table->SetView(0, 0, m_views->CreateBufferShaderResourceView(buffer, 16), 0, {});
     };
     setTable(buffers[0]);
@@ -325,8 +292,7 @@ TEST_F(D3D12ShaderParametersTest, BindConsumesTablesAndBuffers) {
     EXPECT_TRUE(probes[0].IsAlive() && probes[1].IsAlive()) << "the list keeps what it uses";
 
     cbv->SetBuffer(m_buffer);
-    NORVEX_EXPECT_REFUSED12("Table not fully initialized",
-                            m_parameters->SetToCommandList(MakeList()));
+    NORVEX_REFUSED("Table not fully initialized", m_parameters->SetToCommandList(MakeList()));
     cbv->SetBuffer(m_buffer);
     setTable(m_buffer);
     EXPECT_FALSE(m_parameters->SerializeRootSignature());
@@ -336,5 +302,54 @@ TEST_F(D3D12ShaderParametersTest, BindConsumesTablesAndBuffers) {
     EXPECT_FALSE(probes[0].IsAlive() || probes[1].IsAlive());
 }
 
+std::string TextOf(const D3D12_RENDER_TARGET_BLEND_DESC& t) {
+    return fmt::format("{} {} {} {} {} {} {} {} {} {}", +t.BlendEnable, +t.LogicOpEnable,
+                       +t.SrcBlend, +t.DestBlend, +t.BlendOp, +t.SrcBlendAlpha, +t.DestBlendAlpha,
+                       +t.BlendOpAlpha, +t.LogicOp, +t.RenderTargetWriteMask);
+}
+
+// What draws do not show.
+TEST(D3D12GraphicsPipelineStateTest, ConvertsUpToEightTargets) {
+    const D12RenderTargetBlend over = {D3D12_BLEND_SRC_ALPHA,
+                                       D3D12_BLEND_INV_SRC_ALPHA,
+                                       D3D12_BLEND_OP_SUBTRACT,
+                                       D3D12_BLEND_DEST_ALPHA,
+                                       D3D12_BLEND_ONE,
+                                       D3D12_BLEND_OP_MAX,
+                                       5};
+    D12GraphicsPipelineDesc source;
+    source.stripCutValue = D3D12_INDEX_BUFFER_STRIP_CUT_VALUE_0xFFFF;
+    source.sampleDesc = {4, 1};
+    constexpr auto kUnblended = "0 0 2 1 1 2 1 1 4 15";
+    for (std::size_t count = 0; count <= 8; ++count) {
+        source.renderTargetFormats.assign(count, DXGI_FORMAT_R16_FLOAT);
+        source.blend.targets.assign(count, over);
+        source.blend.alphaToCoverageEnable = count == 2;
+        const auto desc = source.ToDesc();
+        EXPECT_EQ(desc.NumRenderTargets, count);
+        EXPECT_EQ(std::ranges::count(desc.RTVFormats, DXGI_FORMAT_R16_FLOAT), count);
+        EXPECT_EQ(desc.IBStripCutValue, source.stripCutValue);
+        EXPECT_EQ(desc.SampleDesc.Quality, 1u);
+        EXPECT_EQ(desc.BlendState.AlphaToCoverageEnable, count == 2);
+        EXPECT_EQ(desc.BlendState.IndependentBlendEnable, count > 1) << count;
+        for (std::size_t i = 0; i < 8; ++i) {
+            EXPECT_EQ(TextOf(desc.BlendState.RenderTarget[i]),
+                      i < count ? "1 0 5 6 2 7 2 5 4 5" : kUnblended);
+        }
+    }
+    source.blend.targets.push_back(over);
+    NORVEX_REFUSED("The number of blend states exceeds the allowed limit", source.blend.ToDesc());
+    source.blend.logicOpEnable = true;
+    source.blend.logicOp = D3D12_LOGIC_OP_XOR;
+    source.blend.logicOpWriteMask = 3;
+    NORVEX_REFUSED("It's not valid for logic operation and blend to both be enabled",
+                   source.blend.ToDesc());
+    source.blend.targets.clear();
+    EXPECT_EQ(TextOf(source.ToDesc().BlendState.RenderTarget[0]), "0 1 2 1 1 2 1 1 10 3");
+    EXPECT_EQ(TextOf(source.ToDesc().BlendState.RenderTarget[1]), kUnblended);
+    source.renderTargetFormats.resize(9);
+    NORVEX_REFUSED("The number of render targets exceeds the allowed limit", source.ToDesc());
+}
+
 } // namespace
-} // namespace Norvex::Test
+} // namespace Norvex::DX

@@ -2,7 +2,9 @@
 // planar textures, so the planes are separate textures; where one planar texture is the point,
 // methods of a real texture and of its device are interposed, so that it answers as one.
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <random>
 
 #include <fmt/format.h>
@@ -15,6 +17,7 @@
 #include "tests/support/Device11.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
+#include "tests/support/YCbCrReference.h"
 
 namespace Norvex::Test {
 
@@ -34,80 +37,13 @@ struct Format {
     DXGI_FORMAT planar;
     unsigned bits;
     DXGI_FORMAT luma, chroma;
-    double bound; // of the codes
 };
 
 constexpr Format kFormats[] = {
-    {DXGI_FORMAT_NV12, 8, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM, 1.0},
-    {DXGI_FORMAT_P010, 10, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM, 1.0},
-    {DXGI_FORMAT_P016, 16, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM, 8.0},
+    {DXGI_FORMAT_NV12, 8, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM},
+    {DXGI_FORMAT_P010, 10, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM},
+    {DXGI_FORMAT_P016, 16, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM},
 };
-
-// Samples from 0 to 1: Y' in the first channel; C'b and C'r in the first two.
-struct Planes {
-    Pixels luma, chroma;
-};
-
-// The largest code of the depth. The converter divides codes by one more than that.
-double MaxCode(unsigned bits) {
-    return std::pow(2.0, bits) - 1.0;
-}
-
-// ITU-R BT.601-7, BT.709-6, BT.2020-2: Y' from Kr and Kb, the differences scaled, narrow range.
-Color ReferenceSample(const Color& color, AlphaType alpha, YCbCrMatrix matrix) {
-    const auto [kr, kb] = matrix == YCbCrMatrix::BT601   ? std::pair(0.299, 0.114)
-                          : matrix == YCbCrMatrix::BT709 ? std::pair(0.2126, 0.0722)
-                                                         : std::pair(0.2627, 0.0593);
-    const double opacity = alpha == AlphaType::NonPremultiplied ? color[3] : 1.0;
-    const double r = color[0] * opacity;
-    const double b = color[2] * opacity;
-    const double y = kr * r + (1.0 - kr - kb) * color[1] * opacity + kb * b;
-    const auto chroma = [](double difference) {
-        return std::clamp(224.0 * difference + 128.0, 16.0, 240.0) / 256.0;
-    };
-    return {std::clamp(219.0 * y + 16.0, 16.0, 235.0) / 256.0, chroma((b - y) / (2.0 * (1.0 - kb))),
-            chroma((r - y) / (2.0 * (1.0 - kr)))};
-}
-
-Planes Reference(const Pixels& pixels, const Size& chromaSize, AlphaType alpha,
-                 YCbCrMatrix matrix) {
-    const auto at = [&](unsigned x, unsigned y) {
-        return ReferenceSample(
-            pixels.At(std::min(x, pixels.width - 1), std::min(y, pixels.height - 1)), alpha,
-            matrix);
-    };
-    const auto mean = [&](unsigned x, unsigned y) {
-        Color sum = {};
-        for (const auto& c : {at(x, y), at(x + 1, y), at(x, y + 1), at(x + 1, y + 1)}) {
-            sum[0] += c[1] / 4.0;
-            sum[1] += c[2] / 4.0;
-        }
-        return sum;
-    };
-    return {MakePixels(pixels.width, pixels.height, at),
-            MakePixels(chromaSize.width, chromaSize.height,
-                       [&](unsigned x, unsigned y) { return mean(2 * x, 2 * y); })};
-}
-
-// The first sample that is off by more than the format's bound, in codes.
-std::string DescribeDifference(const Planes& drawn, const Planes& expected, const Format& format) {
-    const double unit = MaxCode(format.bits);
-    const auto compare = [&](const Pixels& actual, const Pixels& reference, std::size_t channels) {
-        for (std::size_t i = 0; i < reference.colors.size(); ++i) {
-            for (std::size_t channel = 0; channel < channels; ++channel) {
-                const double is = actual.colors.at(i)[channel] * unit;
-                const double should = reference.colors[i][channel] * unit;
-                if (!(std::fabs(is - std::round(should)) <= format.bound)) {
-                    return fmt::format(
-                        "{} channels, channel {} at ({}, {}): {:.3f} instead of {:.3f}", channels,
-                        channel, i % reference.width, i / reference.width, is, should);
-                }
-            }
-        }
-        return std::string();
-    };
-    return compare(drawn.luma, expected.luma, 1) + compare(drawn.chroma, expected.chroma, 2);
-}
 
 struct Bench11 {
     explicit Bench11(AlphaType type = AlphaType::NonPremultiplied) : alpha(type) {}
@@ -227,13 +163,27 @@ struct Bench12 {
         new DX::D12YUVConverter(canvas.GetDevice(), alpha)};
 };
 
+// The frame in each format, against the reference.
 template <class Bench>
-Planes Convert(Bench& bench, const Pixels& pixels, const Format& format, const Size& chromaSize,
-               YCbCrMatrix matrix, DXGI_FORMAT sourceFormat = kSourceFormat) {
-    const auto luma = bench.MakeTarget({pixels.width, pixels.height}, format.luma);
-    const auto chroma = bench.MakeTarget(chromaSize, format.chroma);
-    bench.Encode(bench.MakeSource(pixels, sourceFormat), luma, chroma, format.planar, matrix);
-    return {bench.Read(luma), bench.Read(chroma)};
+void ExpectReference(Bench& bench, const Pixels& pixels, const Size& half, YCbCrMatrix matrix,
+                     bool isPlanar = false, DXGI_FORMAT sourceFormat = kSourceFormat) {
+    const auto expected = ReferenceFrame(pixels, matrix, bench.alpha, half);
+    for (const Format& format : kFormats) {
+        const auto source = bench.MakeSource(pixels, sourceFormat);
+        const auto luma = bench.MakeTarget({pixels.width, pixels.height}, format.luma);
+        const auto chroma = bench.MakeTarget(half, format.chroma);
+        if (isPlanar) {
+            bench.AsPlanar(luma, chroma, format, [&] { bench.Encode(source, luma, matrix); });
+        } else {
+            bench.Encode(source, luma, chroma, format.planar, matrix);
+        }
+        auto frame = EncodePixels(bench.Read(luma), format.luma);
+        std::ranges::copy(EncodePixels(bench.Read(chroma), format.chroma),
+                          std::back_inserter(frame));
+        EXPECT_EQ(DescribeDifference(frame, format.bits, expected), "")
+            << pixels.width << " x " << pixels.height << ", " << format.bits << " bits, matrix "
+            << static_cast<int>(matrix) << ", alpha " << static_cast<int>(bench.alpha);
+    }
 }
 
 Pixels MakeNoise(const Size& size) {
@@ -262,24 +212,16 @@ TYPED_TEST(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReferen
     for (const auto alpha :
          {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne, AlphaType::Premultiplied}) {
         TypeParam bench(alpha);
-        for (const Size& size : {Size{2, 2}, Size{6, 4}, Size{257, 129}}) {
-            const Pixels noise = MakeNoise(size);
-            // Both ways of halving an odd size.
-            for (const unsigned up : {0U, 1U}) {
-                const Size half = {(size.width + up) / 2, (size.height + up) / 2};
-                for (const Format& format : kFormats) {
-                    for (const auto matrix :
-                         {YCbCrMatrix::BT601, YCbCrMatrix::BT709, YCbCrMatrix::BT2020NonConstant}) {
-                        EXPECT_EQ(DescribeDifference(Convert(bench, noise, format, half, matrix),
-                                                     Reference(noise, half, alpha, matrix), format),
-                                  "")
-                            << size.width << " x " << size.height << ", " << format.bits
-                            << " bits, matrix " << static_cast<int>(matrix) << ", alpha "
-                            << static_cast<int>(alpha);
-                    }
+        for (const auto matrix :
+             {YCbCrMatrix::BT601, YCbCrMatrix::BT709, YCbCrMatrix::BT2020NonConstant}) {
+            for (const Size& size : {Size{2, 2}, Size{6, 4}, Size{257, 129}}) {
+                for (const unsigned up : {0U, 1U}) { // both ways of halving an odd size
+                    ExpectReference(bench, MakeNoise(size),
+                                    {(size.width + up) / 2, (size.height + up) / 2}, matrix);
                 }
             }
         }
+        ExpectReference(bench, MakeNoise({64, 36}), {32, 18}, YCbCrMatrix::BT709, true);
     }
 }
 
@@ -288,20 +230,11 @@ TYPED_TEST(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReferen
 TYPED_TEST(D3YUVConverterTest, AFullHDFrameAgreesWithTheReference) {
     TypeParam bench;
     const auto wave = [](double phase) { return 0.5 + 0.5 * std::sin(phase); };
-    const Pixels waves =
-        Quantize(MakePixels(1920, 1080,
-                            [&](unsigned x, unsigned y) {
-                                return Color{wave(x / 11.0), wave(y / 13.0), wave((x + y) / 17.0),
-                                             wave((x + 2.0 * y) / 19.0)};
-                            }),
-                 kSourceFormat);
-    const Planes reference = Reference(waves, {960, 540}, bench.alpha, YCbCrMatrix::BT709);
-    for (const Format& format : kFormats) {
-        EXPECT_EQ(DescribeDifference(Convert(bench, waves, format, {960, 540}, YCbCrMatrix::BT709),
-                                     reference, format),
-                  "")
-            << format.bits;
-    }
+    const Pixels waves = MakePixels(1920, 1080, [&](unsigned x, unsigned y) {
+        return Color{wave(x / 11.0), wave(y / 13.0), wave((x + y) / 17.0),
+                     wave((x + 2.0 * y) / 19.0)};
+    });
+    ExpectReference(bench, Quantize(waves, kSourceFormat), {960, 540}, YCbCrMatrix::BT709);
 }
 
 // What filters and scRGB leave in 16-bit floats is cut to the narrow range.
@@ -309,55 +242,8 @@ TYPED_TEST(D3YUVConverterTest, ColorsBeyondTheRangeAreClamped) {
     TypeParam bench;
     constexpr Color kColors[] = {{2, 2, 2, 1},   {-1, -1, -1, 1}, {4, -1, -1, 1}, {-1, 4, -1, 1},
                                  {-1, -1, 4, 1}, {4, 4, -1, 1},   {-1, 4, 4, 1},  {1.5, 0, 1.5, 1}};
-    const Pixels wide = MakePixels(16, 2, [&](unsigned x, unsigned) { return kColors[x / 2]; });
-    for (const Format& format : kFormats) {
-        EXPECT_EQ(DescribeDifference(Convert(bench, wide, format, {8, 1}, YCbCrMatrix::BT709,
-                                             DXGI_FORMAT_R16G16B16A16_FLOAT),
-                                     Reference(wide, {8, 1}, bench.alpha, YCbCrMatrix::BT709),
-                                     format),
-                  "")
-            << format.bits;
-    }
-}
-
-TYPED_TEST(D3YUVConverterTest, ColorsGiveTheirPublishedCodes) {
-    const struct {
-        Color color;
-        YCbCrMatrix matrix;
-        std::array<double, 3> codes; // at 10 bits
-    } cases[] = {
-        {{0.25, 0.5, 0.75, 1}, YCbCrMatrix::BT601, {461, 662, 382}},
-        {{1, 1, 1, 1}, YCbCrMatrix::BT709, {940, 512, 512}},
-        {{0, 0, 0, 1}, YCbCrMatrix::BT709, {64, 512, 512}},
-        {{1, 0, 0, 1}, YCbCrMatrix::BT709, {250, 409, 960}},
-        {{0, 1, 0, 1}, YCbCrMatrix::BT2020NonConstant, {658, 189, 100}},
-        {{0, 0, 1, 1}, YCbCrMatrix::BT601, {164, 960, 439}},
-    };
-    TypeParam bench;
-    for (const auto& [color, matrix, codes] : cases) {
-        const auto [luma, chroma] =
-            Convert(bench, MakePixels(2, 2, [&c = color](unsigned, unsigned) { return c; }),
-                    kFormats[1], {1, 1}, matrix);
-        EXPECT_THAT((std::array{1024 * luma.At(0, 0)[0], 1024 * chroma.At(0, 0)[0],
-                                1024 * chroma.At(0, 0)[1]}),
-                    testing::Pointwise(testing::DoubleNear(0.55), codes));
-    }
-}
-
-TYPED_TEST(D3YUVConverterTest, PlanarTexturesAreDrawnPlaneByPlane) {
-    TypeParam bench;
-    const Pixels noise = MakeNoise({64, 36});
-    const Planes reference = Reference(noise, {32, 18}, bench.alpha, YCbCrMatrix::BT709);
-    for (const Format& format : kFormats) {
-        const auto source = bench.MakeSource(noise, kSourceFormat);
-        const auto planar = bench.MakeTarget({64, 36}, format.luma);
-        const auto chroma = bench.MakeTarget({32, 18}, format.chroma);
-        bench.AsPlanar(planar, chroma, format,
-                       [&] { bench.Encode(source, planar, YCbCrMatrix::BT709); });
-        EXPECT_EQ(DescribeDifference({bench.Read(planar), bench.Read(chroma)}, reference, format),
-                  "")
-            << format.bits;
-    }
+    ExpectReference(bench, MakePixels(16, 2, [&](unsigned x, unsigned) { return kColors[x / 2]; }),
+                    {8, 1}, YCbCrMatrix::BT709, false, DXGI_FORMAT_R16G16B16A16_FLOAT);
 }
 
 TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
@@ -374,52 +260,56 @@ TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
     constexpr auto kFormat = "Unsupported pixel format";
     constexpr auto kHalf = "The chroma plane is expected to have half the size of the luma plane";
     constexpr auto kMatrix = YCbCrMatrix::BT709;
-    const auto expect = [&](const char* sentence, const auto&... arguments) {
+    constexpr auto kNV12 = DXGI_FORMAT_NV12;
+    const auto refuses = [&](const char* sentence, const auto&... arguments) {
         ExpectFailureOf(
             TypeParam::kKind, [&] { bench.Encode(arguments...); }, sentence, "Encode", E_FAIL);
     };
-    expect(kFormat, source, rgba, kMatrix);
-    expect(kFormat, source, none, kMatrix);
-    expect("There is no source texture", none, luma, chroma, DXGI_FORMAT_NV12, kMatrix);
-    const struct {
-        Texture luma, chroma;
-        DXGI_FORMAT format;
-        const char* sentence;
-    } cases[] = {
-        {rgba, chroma, DXGI_FORMAT_NV12, kFormat}, {luma, rgba, DXGI_FORMAT_NV12, kFormat},
-        {chroma, luma, DXGI_FORMAT_NV12, kFormat}, {luma16, chroma, DXGI_FORMAT_NV12, kFormat},
-        {luma, chroma, DXGI_FORMAT_P010, kFormat}, {luma, chroma, DXGI_FORMAT_R8_UNORM, kFormat},
-        {none, chroma, DXGI_FORMAT_NV12, kFormat}, {luma, none, DXGI_FORMAT_NV12, kFormat},
-        {luma, full, DXGI_FORMAT_NV12, kHalf},     {luma, low, DXGI_FORMAT_NV12, kHalf},
-    };
-    for (const auto& c : cases) {
-        expect(c.sentence, source, c.luma, c.chroma, c.format, kMatrix);
+    refuses(kFormat, source, rgba, kMatrix);
+    refuses(kFormat, source, none, kMatrix);
+    refuses("There is no source texture", none, luma, chroma, kNV12, kMatrix);
+    for (const auto& [first, second] : {std::pair(rgba, chroma),
+                                        {luma, rgba},
+                                        {chroma, luma},
+                                        {luma16, chroma},
+                                        {none, chroma},
+                                        {luma, none}}) {
+        refuses(kFormat, source, first, second, kNV12, kMatrix);
     }
+    refuses(kFormat, source, luma, chroma, DXGI_FORMAT_P010, kMatrix);
+    refuses(kFormat, source, luma, chroma, DXGI_FORMAT_R8_UNORM, kMatrix);
+    refuses(kHalf, source, luma, full, kNV12, kMatrix);
+    refuses(kHalf, source, luma, low, kNV12, kMatrix);
 }
 
 TEST(D11YUVConverterTest, LeavesNothingBoundThatItDrawsTo) {
     Bench11 bench;
-    Convert(bench, MakeNoise({16, 8}), kFormats[0], {8, 4}, YCbCrMatrix::BT709);
+    ExpectReference(bench, MakeNoise({16, 8}), {8, 4}, YCbCrMatrix::BT709);
     CComPtr<ID3D11ShaderResourceView> bound;
     GetImmediateContext(bench.canvas.GetDevice()->Get())->PSGetShaderResources(0, 1, &bound);
     EXPECT_EQ(bound.p, nullptr);
 }
 
-TEST(D12YUVConverterTest, KeepsItsSetUp) {
-    Bench12 bench;
+class D12YUVConverterTest : public testing::Test {
+protected:
+    using States = DX::D12ResourceStates;
+
+    Bench12 m_bench;
+    CComPtr<ID3D12Resource> m_source = m_bench.MakeSource(MakeNoise({16, 8}), kSourceFormat);
+    CComPtr<ID3D12Resource> m_luma = m_bench.MakeTarget({16, 8}, DXGI_FORMAT_R8_UNORM);
+    CComPtr<ID3D12Resource> m_chroma = m_bench.MakeTarget({8, 4}, DXGI_FORMAT_R8G8_UNORM);
+};
+
+TEST_F(D12YUVConverterTest, KeepsItsSetUp) {
     int resources = 0;
-    const Pixels noise = MakeNoise({16, 8});
-    const auto source = bench.MakeSource(noise, kSourceFormat);
-    const auto luma = bench.MakeTarget({16, 8}, DXGI_FORMAT_R8_UNORM);
-    const auto chroma = bench.MakeTarget({8, 4}, DXGI_FORMAT_R8G8_UNORM);
     const MethodPatch<&ID3D12Device::CreateCommittedResource> count(
-        bench.canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
+        m_bench.canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
             ++resources;
             return original(arguments...);
         });
     const auto encode = [&](YCbCrMatrix matrix) {
         resources = 0;
-        bench.Encode(source, luma, chroma, DXGI_FORMAT_NV12, matrix);
+        m_bench.Encode(m_source, m_luma, m_chroma, DXGI_FORMAT_NV12, matrix);
         return resources;
     };
     EXPECT_GE(encode(YCbCrMatrix::BT709), 2) << "parameters and the intermediate texture";
@@ -427,63 +317,50 @@ TEST(D12YUVConverterTest, KeepsItsSetUp) {
     EXPECT_GE(encode(YCbCrMatrix::BT601), 2) << "another matrix";
 }
 
-// Each as text.
-using Transitions = std::vector<std::string>;
-
-TEST(D12YUVConverterTest, RecordsOnlyTheTransitionsThatAreDue) {
-    Bench12 bench;
-    const auto source = bench.MakeSource(MakeNoise({16, 8}), kSourceFormat);
-    const auto luma = bench.MakeTarget({16, 8}, DXGI_FORMAT_R8_UNORM);
-    const auto chroma = bench.MakeTarget({8, 4}, DXGI_FORMAT_R8G8_UNORM);
-    const auto probe = bench.canvas.GetQueue()->CreateCommandAllocator();
+TEST_F(D12YUVConverterTest, RecordsOnlyTheTransitionsThatAreDue) {
+    const auto probe = m_bench.canvas.GetQueue()->CreateCommandAllocator();
     const auto probeList = probe->CreateCommandList(nullptr);
-    Transitions transitions;
+    std::vector<std::string> transitions;
     const MethodPatch<&ID3D12GraphicsCommandList::ResourceBarrier> record(
         probeList->GetGraphics(),
         [&](auto original, auto* self, UINT number, const D3D12_RESOURCE_BARRIER* barriers) {
             for (UINT i = 0; i < number; ++i) {
                 const auto& [resource, subresource, before, after] = barriers[i].Transition;
-                const char* name = resource == source.p   ? "source"
-                                   : resource == luma.p   ? "luma"
-                                   : resource == chroma.p ? "chroma"
-                                                          : "";
+                const char* name = resource == m_source.p   ? "source"
+                                   : resource == m_luma.p   ? "luma"
+                                   : resource == m_chroma.p ? "chroma"
+                                                            : "own";
                 transitions.push_back(fmt::format("{} {} to {}", name, static_cast<int>(before),
                                                   static_cast<int>(after)));
             }
             original(self, number, barriers);
         });
-    const Transitions own = {" 0 to 4", " 4 to 128", " 128 to 0"}; // the intermediate texture
-    const auto with = [&own](Transitions more) {
-        more.insert(more.end(), own.begin(), own.end());
-        return testing::UnorderedElementsAreArray(more);
+    // The transitions of the intermediate texture, and more.
+    const auto expect = [&](std::vector<std::string> expected) {
+        expected.insert(expected.end(), {"own 0 to 4", "own 4 to 128", "own 128 to 0"});
+        EXPECT_THAT(transitions, testing::UnorderedElementsAreArray(expected));
+        transitions.clear();
     };
-    const auto matrix = YCbCrMatrix::BT709;
-    bench.Encode(source, luma, chroma, DXGI_FORMAT_NV12, matrix);
-    EXPECT_THAT(transitions, testing::ElementsAreArray(own));
-
-    using States = DX::D12ResourceStates;
-    transitions.clear();
-    bench.Submit(
-        source, luma, chroma, DXGI_FORMAT_NV12, matrix,
-        std::array{States{kReadable, kCommon}, States{kTarget, kCopied}, States{kTarget, kCommon}});
-    EXPECT_THAT(transitions, with({"source 128 to 0", "luma 4 to 2048", "chroma 4 to 0"}));
-
-    transitions.clear();
-    bench.Submit(
-        source, luma, chroma, DXGI_FORMAT_NV12, matrix,
-        std::array{States{kCommon, kReadable}, States{kCopied, kTarget}, States{kCommon, kTarget}});
-    EXPECT_THAT(transitions, with({"source 0 to 128", "luma 2048 to 4", "chroma 0 to 4"}));
-
-    transitions.clear();
-    bench.AsPlanar(luma, chroma, kFormats[0], [&] {
-        bench.Submit(source, luma, matrix,
-                     std::array{States{kReadable, kCommon}, States{kTarget, kCopied}});
-        bench.Submit(source, luma, matrix,
-                     std::array{States{kCommon, kReadable}, States{kCopied, kTarget}});
-    });
-    EXPECT_THAT(transitions, testing::IsSupersetOf({"source 128 to 0", "luma 4 to 2048",
-                                                    "source 0 to 128", "luma 2048 to 4"}));
-    EXPECT_EQ(transitions.size(), 2 * own.size() + 4);
+    const auto submit = [&](const auto&... states) {
+        m_bench.Submit(m_source, m_luma, m_chroma, DXGI_FORMAT_NV12, YCbCrMatrix::BT709,
+                       std::array{states...});
+    };
+    const auto submitPlanar = [&](const States& source, const States& planar) {
+        m_bench.AsPlanar(m_luma, m_chroma, kFormats[0], [&] {
+            m_bench.Submit(m_source, m_luma, YCbCrMatrix::BT709, std::array{source, planar});
+        });
+    };
+    submit(Bench12::kStaysReadable, Bench12::kStaysTarget, Bench12::kStaysTarget);
+    EXPECT_EQ(transitions.back(), "own 128 to 0");
+    expect({});
+    submit(States{kReadable, kCommon}, States{kTarget, kCopied}, States{kTarget, kCommon});
+    expect({"source 128 to 0", "luma 4 to 2048", "chroma 4 to 0"});
+    submit(States{kCommon, kReadable}, States{kCopied, kTarget}, States{kCommon, kTarget});
+    expect({"source 0 to 128", "luma 2048 to 4", "chroma 0 to 4"});
+    submitPlanar({kReadable, kCommon}, {kTarget, kCopied});
+    expect({"source 128 to 0", "luma 4 to 2048"});
+    submitPlanar({kCommon, kReadable}, {kCopied, kTarget});
+    expect({"source 0 to 128", "luma 2048 to 4"});
     probeList->Close();
 }
 

@@ -87,15 +87,14 @@ TEST_P(SwapChainHDRTest, SwitchesToScRGBAndBack) {
 TEST_P(SwapChainFormatTest, TakesTenBitsWhereFloatingPointIsNoTarget) {
     const auto device11 = DX::D11Device::CreatePrimary();
     const auto device12 = DX::D12Device::CreatePrimary();
-    const MethodPatch<&ID3D11Device::CheckFormatSupport>
-        no11(device11->Get(),
-             [](auto original, ID3D11Device* self, DXGI_FORMAT format, UINT* support) {
-                 return format == DXGI_FORMAT_R16G16B16A16_FLOAT ? E_FAIL
-                                                                 : original(self, format, support);
-             });
-    const MethodPatch<&ID3D12Device::CheckFeatureSupport>
-        no12(device12->Get(), [](auto original, ID3D12Device* self, D3D12_FEATURE feature,
-                                 void* data, UINT size) {
+    const MethodPatch<&ID3D11Device::CheckFormatSupport> no11(
+        device11->Get(), [](auto original, ID3D11Device* self, DXGI_FORMAT format, UINT* support) {
+            return format == DXGI_FORMAT_R16G16B16A16_FLOAT ? E_FAIL
+                                                            : original(self, format, support);
+        });
+    const MethodPatch<&ID3D12Device::CheckFeatureSupport> no12(
+        device12->Get(),
+        [](auto original, ID3D12Device* self, D3D12_FEATURE feature, void* data, UINT size) {
             const bool isRefused = feature == D3D12_FEATURE_FORMAT_SUPPORT &&
                                    static_cast<D3D12_FEATURE_DATA_FORMAT_SUPPORT*>(data)->Format ==
                                        DXGI_FORMAT_R16G16B16A16_FLOAT;
@@ -123,23 +122,17 @@ TEST_P(SwapChainHDRTest, TheDisplayUnderMostOfTheWindowDecides) {
     const RECT most = {at.left + 20, 0, 1280, 1024};
     const RECT rest = {0, 0, at.left + 20, 1024};
     const RECT away = {5000, 0, 6000, 1024};
-    const struct {
-        const char* name;
-        HDRDisplay::Outputs outputs;
-        bool isHDR;
-    } cases[] = {
-        {"most of it", {{rest, false}, {most, true}}, true},
-        {"the smaller part", {{rest, true}, {most, false}}, false},
-        {"equal parts: the first", {{left, true}, {right, false}}, isEven},
-        {"no part: the first", {{away, true}, {away, false}}, true},
-        {"no output", {}, false},
-    };
-    for (const auto& c : cases) {
-        m_display.SetOutputs(c.outputs);
+    const auto expect = [&](const char* name, const HDRDisplay::Outputs& outputs, bool isHDR) {
+        m_display.SetOutputs(outputs);
         m_presenter.GetSwapChain().UpdateDisplayInfo();
-        EXPECT_EQ(EnableHDR(), c.isHDR) << c.name;
+        EXPECT_EQ(EnableHDR(), isHDR) << name;
         m_presenter.GetSwapChain().DisableHDR();
-    }
+    };
+    expect("most of it", {{rest, false}, {most, true}}, true);
+    expect("the smaller part", {{rest, true}, {most, false}}, false);
+    expect("equal parts: the first", {{left, true}, {right, false}}, isEven);
+    expect("no part: the first", {{away, true}, {away, false}}, true);
+    expect("no output", {}, false);
 }
 
 TEST_P(SwapChainHDRTest, LooksAtTheDisplayOnlyWhenSomethingMayHaveChanged) {
@@ -164,7 +157,7 @@ TEST_P(SwapChainHDRTest, LooksAtTheDisplayOnlyWhenSomethingMayHaveChanged) {
     int created = 0;
     CComPtr<IDXGIFactory1> factory;
     ASSERT_EQ(CreateDXGIFactory1(IID_PPV_ARGS(&factory)), S_OK);
-    const MethodPatch<13, BOOL(IDXGIFactory1*)> old(factory, [&](auto, auto*) {
+    const MethodPatch<&IDXGIFactory1::IsCurrent> old(factory, [&](auto, auto*) {
         ++created;
         return FALSE;
     });
@@ -189,41 +182,34 @@ TEST_P(SwapChainHDRTest, ARefusedColorSpaceIsNotAskedForAgain) {
 // However a switch ends: what it leaves fits together, and the next one works.
 TEST_P(SwapChainHDRTest, AFailedSwitchLeavesTheOutputAsItWas) {
     auto& swapChain = m_presenter.GetSwapChain();
-    const struct {
-        HDRDisplay::Call call;
-        const char* sentence;
-        const char* enabling;
-        const char* disabling;
-    } cases[] = {
-        {HDRDisplay::Resize, "Failed to resize DXGI swap chain buffers", "MakeBuffers",
-         "MakeBuffers"},
-        {HDRDisplay::GetBuffer, "Failed to get back buffer", "EnableHDRIfSupported", "DisableHDR"},
-        {HDRDisplay::SetColorSpace, "Failed to set color space", "SetColorSpace", "SetColorSpace"},
-        {HDRDisplay::SetMetadata, "Failed to set HDR metadata", "EnableHDRIfSupported",
-         "DisableHDR"},
-    };
     const auto switchTo = [&](bool isHDR) { isHDR ? void(EnableHDR()) : swapChain.DisableHDR(); };
-    for (const auto& c : cases) {
-        for (const bool isHDR : {true, false}) {
-            for (const int times : {1, 1000}) {
-                SCOPED_TRACE(fmt::format("{}, to HDR: {}, {} times", c.sentence, isHDR, times));
-                switchTo(!isHDR);
-                m_display.Fail(c.call, times);
-                const Thrown thrown = ThrownBy([&] { switchTo(isHDR); });
-                EXPECT_EQ(thrown.sentence, c.sentence);
-                EXPECT_EQ(thrown.function, isHDR ? c.enabling : c.disabling);
-                EXPECT_EQ(thrown.result, E_ACCESSDENIED);
-                m_display.Fail(c.call, 0);
-                if (times > 1) {
-                    swapChain.RecreateBuffers(); // what could not be undone
-                }
-                ExpectOutput(!isHDR);
-                m_presenter.Frame(kOrange);
-                switchTo(isHDR);
-                ExpectOutput(isHDR);
+    // The function that tells; null: the operation itself.
+    const auto expect = [&](HDRDisplay::Call call, const char* sentence, const char* function) {
+        for (const auto& [isHDR, times] :
+             {std::pair(true, 1), {true, 99}, {false, 1}, {false, 99}}) {
+            SCOPED_TRACE(fmt::format("{}, to HDR: {}, {} times", sentence, isHDR, times));
+            switchTo(!isHDR);
+            m_display.Fail(call, times);
+            const Thrown thrown = ThrownBy([&] { switchTo(isHDR); });
+            EXPECT_EQ(thrown.sentence, sentence);
+            EXPECT_EQ(thrown.function, function != nullptr ? function
+                                       : isHDR             ? "EnableHDRIfSupported"
+                                                           : "DisableHDR");
+            EXPECT_EQ(thrown.result, E_ACCESSDENIED);
+            m_display.Fail(call, 0);
+            if (times > 1) {
+                swapChain.RecreateBuffers(); // what could not be undone
             }
+            ExpectOutput(!isHDR);
+            m_presenter.Frame(kOrange);
+            switchTo(isHDR);
+            ExpectOutput(isHDR);
         }
-    }
+    };
+    expect(HDRDisplay::Resize, "Failed to resize DXGI swap chain buffers", "MakeBuffers");
+    expect(HDRDisplay::GetBuffer, "Failed to get back buffer", nullptr);
+    expect(HDRDisplay::SetColorSpace, "Failed to set color space", "SetColorSpace");
+    expect(HDRDisplay::SetMetadata, "Failed to set HDR metadata", nullptr);
     m_display.Fail(HDRDisplay::GetBuffer, 1);
     EXPECT_EQ(ThrownBy([&] { swapChain.RecreateBuffers(); }).function, "RecreateBuffers");
     EXPECT_EQ(swapChain.RecreateBuffers(), kClientSize);
@@ -256,11 +242,7 @@ TEST_P(SwapChainHDRTest, SwitchesWhileTheWindowIsMinimised) {
     for (const bool isHDR : {true, false}) {
         m_window.Show(SW_MINIMIZE);
         swapChain.RecreateBuffers();
-        if (isHDR) {
-            EXPECT_TRUE(EnableHDR());
-        } else {
-            swapChain.DisableHDR();
-        }
+        isHDR ? void(EnableHDR()) : swapChain.DisableHDR();
         EXPECT_EQ(m_presenter.GetFormat(), DXGI_FORMAT_UNKNOWN) << "there are no targets";
         m_window.Show(SW_RESTORE);
         EXPECT_EQ(swapChain.RecreateBuffers(), kClientSize);
@@ -285,30 +267,25 @@ TEST_P(SwapChainHDRTest, TwoHundredRandomActionsLeaveNothingBehind) {
     m_display.SetOutputs({{{0, 0, 1280, 1024}, true}});
     auto& swapChain = m_presenter.GetSwapChain();
     ULONG objectsAtHalf = 0;
+    const auto minimize = [&] {
+        m_window.Show(SW_MINIMIZE);
+        swapChain.RecreateBuffers();
+        m_window.Show(SW_RESTORE);
+    };
+    const auto upTo = [&random](unsigned end) { return static_cast<long>(random() % end); };
+    const std::function<void()> actions[] = {
+        [&] { m_window.Resize({120 + upTo(500), 40 + upTo(400)}); },
+        minimize,
+        [&] { EXPECT_TRUE(EnableHDR()); },
+        [&] { swapChain.DisableHDR(); },
+        [&] { m_window.MoveTo(upTo(500), upTo(400)); },
+        [] {},
+    };
     const auto act = [&] {
-        switch (random() % 6) {
-        case 0:
-            m_window.Resize(
-                {static_cast<long>(120 + random() % 500), static_cast<long>(40 + random() % 400)});
+        const auto action = random() % std::size(actions);
+        actions[action]();
+        if (action < 2) {
             swapChain.RecreateBuffers();
-            break;
-        case 1:
-            m_window.Show(SW_MINIMIZE);
-            swapChain.RecreateBuffers();
-            m_window.Show(SW_RESTORE);
-            swapChain.RecreateBuffers();
-            break;
-        case 2:
-            EXPECT_TRUE(EnableHDR());
-            break;
-        case 3:
-            swapChain.DisableHDR();
-            break;
-        case 4:
-            m_window.MoveTo(static_cast<long>(random() % 500), static_cast<long>(random() % 400));
-            break;
-        default:
-            break;
         }
         m_presenter.Frame(kOrange);
     };

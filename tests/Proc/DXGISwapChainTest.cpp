@@ -50,6 +50,11 @@ TEST_P(DXGISwapChainTest, TheScreenShowsTheFrameWhateverTheWindowDoes) {
 }
 
 TEST_P(DXGISwapChainTest, TheTargetsAreThoseOfTheGeneration) {
+    // Before a frame is shown: a factory that Wine makes meanwhile may wait for ever for its OpenGL
+    // context, since Mesa's thread that presents needs the same connection to the display server.
+    EXPECT_EQ(DX::DXGISwapChain::Create(nullptr, m_window.Get()), nullptr);
+    EXPECT_EQ(SentenceOf([&] { const Presenter none(GetParam(), nullptr); }),
+              "Failed to create DXGI swap chain: width = 0, height = 0");
     Presenter presenter(GetParam(), m_window.Get());
     auto& swapChain = presenter.GetSwapChain();
     const bool isD12 = GetParam() == Generation::Direct3D12;
@@ -62,9 +67,6 @@ TEST_P(DXGISwapChainTest, TheTargetsAreThoseOfTheGeneration) {
         presenter.Frame(kOrange);
         EXPECT_EQ(swapChain.GetRenderTarget(), first);
     }
-    EXPECT_EQ(DX::DXGISwapChain::Create(nullptr, m_window.Get()), nullptr);
-    EXPECT_EQ(SentenceOf([&] { const Presenter none(GetParam(), nullptr); }),
-              "Failed to create DXGI swap chain: width = 0, height = 0");
 }
 
 TEST_P(DXGISwapChainTest, AWindowMayComeMinimisedAndGoFirst) {
@@ -93,7 +95,7 @@ TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
     ASSERT_EQ(probe->GetParent(IID_PPV_ARGS(&factory)), S_OK);
     HWND associated = nullptr;
     UINT association = 0;
-    const MethodPatch<8, HRESULT(IDXGIFactory*, HWND, UINT)> associate(
+    const MethodPatch<&IDXGIFactory::MakeWindowAssociation> associate(
         factory, [&](auto, auto*, HWND window, UINT flags) {
             associated = window;
             association = flags;
@@ -105,13 +107,13 @@ TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
     EXPECT_EQ(association, UINT{DXGI_MWA_NO_ALT_ENTER});
 
     bool isFullScreen = true;
-    const MethodPatch<11, HRESULT(IDXGISwapChain*, BOOL*, IDXGIOutput**)> getState(
-        probe, [&](auto, auto*, BOOL* state, IDXGIOutput**) {
+    const MethodPatch<&IDXGISwapChain::GetFullscreenState> getState(
+        probe, [&](auto, auto*, BOOL* state, auto*) {
             *state = isFullScreen ? TRUE : FALSE;
             return S_OK;
         });
-    const MethodPatch<10, HRESULT(IDXGISwapChain*, BOOL, IDXGIOutput*)> setState(
-        probe, [&](auto, auto*, BOOL state, IDXGIOutput*) {
+    const MethodPatch<&IDXGISwapChain::SetFullscreenState> setState(
+        probe, [&](auto, auto*, BOOL state, auto*) {
             isFullScreen = state != FALSE;
             return S_OK;
         });
@@ -146,88 +148,98 @@ TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
     ExpectOnScreen(*presenter, kOrange, "by the next one");
 }
 
-// Two submissions that wait for ever, so that both background threads wait for them and release
-// nothing else.
-class BusyBackground {
+// What a host keeps with a frame, its render target, and is slow to release.
+class SlowFrame : public RefCountImpl {
 public:
-    explicit BusyBackground(const boost::intrusive_ptr<DX::D12Device>& device)
-        : m_gate(device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE)),
-          m_queue(new DX::D12CommandQueue(device, {})) {
-        m_gate->PreIncrementValue();
-        for (int i = 0; i < 2; ++i) {
-            const auto allocator = m_queue->CreateCommandAllocator();
-            allocator->Wait(m_gate);
-            allocator->CreateCommandList(nullptr)->Close();
-            allocator->Execute();
-        }
+    SlowFrame(const boost::intrusive_ptr<DX::D12Descriptor>& target, std::atomic<bool>& isReleasing)
+        : m_target(target),
+          m_isReleasing(isReleasing) {}
+    ~SlowFrame() override {
+        m_isReleasing = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-    ~BusyBackground() { m_gate->GetFence()->Signal(m_gate->GetValue()); }
-    BusyBackground(const BusyBackground&) = delete;
-    BusyBackground& operator=(const BusyBackground&) = delete;
 
 private:
-    boost::intrusive_ptr<DX::D12CompletionEvent> m_gate;
-    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    boost::intrusive_ptr<DX::D12Descriptor> m_target;
+    std::atomic<bool>& m_isReleasing;
+};
+
+class SwapChainD12Test : public testing::Test {
+protected:
+    void Resize() { m_swapChain.RecreateBuffers(); }
+
+    TestWindow m_window{kClientSize};
+    Presenter m_presenter{Generation::Direct3D12, m_window.Get()};
+    DX::DXGISwapChain& m_swapChain = m_presenter.GetSwapChain();
 };
 
 // Whatever is late in letting go of the back buffers, making them anew does not fail: neither an
 // allocator that was executed after a younger one was handed out, nor one that has just completed.
-TEST(SwapChainD12Test, BuffersAreMadeAnewRightAfterAFrame) {
-    const TestWindow window(kClientSize);
-    Presenter presenter(Generation::Direct3D12, window.Get());
-    auto& swapChain = presenter.GetSwapChain();
-    const BusyBackground busy(presenter.m_device12);
-    {
-        const auto target = swapChain.GetRenderTarget();
-        const auto early = swapChain.CreateCommandAllocator();
-        const auto late = swapChain.CreateCommandAllocator();
-        early->ClearRenderTargetView(target, kPresent, kTeal, {});
-        early->ResourceBarrier(
-            {target->Transition(kRenderTarget, kPresent, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
-                                D3D12_RESOURCE_BARRIER_FLAG_NONE)});
-        early->Execute();
-        swapChain.Present();
+TEST_F(SwapChainD12Test, BuffersAreMadeAnewRightAfterAFrame) {
+    // Both background threads wait, until the gate opens, and release nothing else.
+    const auto gate = m_presenter.m_device12->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
+    gate->PreIncrementValue();
+    const boost::intrusive_ptr queue(new DX::D12CommandQueue(m_presenter.m_device12, {}));
+    for (int i = 0; i < 2; ++i) {
+        const auto allocator = queue->CreateCommandAllocator();
+        allocator->Wait(gate);
+        allocator->CreateCommandList(nullptr)->Close();
+        allocator->Execute();
     }
-    presenter.Frame(kOrange);
+    {
+        const auto early = m_swapChain.CreateCommandAllocator();
+        const auto late = m_swapChain.CreateCommandAllocator();
+        m_presenter.Record(*early, kTeal);
+        early->Execute();
+        m_swapChain.Present();
+    }
+    m_presenter.Frame(kOrange);
     std::this_thread::sleep_for(std::chrono::milliseconds(100)); // for the GPU, not the background
-    swapChain.CreateCommandAllocator();
-    EXPECT_EQ(SentenceOf([&] { swapChain.RecreateBuffers(); }), "(nothing)");
+    m_swapChain.CreateCommandAllocator();
+    EXPECT_EQ(SentenceOf([&] { Resize(); }), "(nothing)");
+    gate->GetFence()->Signal(gate->GetValue());
+}
+
+// A frame that the background is in the middle of releasing is waited for.
+TEST_F(SwapChainD12Test, BuffersAreMadeAnewWhileAFrameIsReleased) {
+    std::atomic<bool> isReleasing{false};
+    {
+        const auto frame = m_swapChain.CreateCommandAllocator();
+        frame->CreateCommandList(nullptr)->Close();
+        frame->TrackObject(boost::intrusive_ptr<IRefCountable>(
+            new SlowFrame(m_swapChain.GetRenderTarget(), isReleasing)));
+        frame->Execute();
+    }
+    while (!isReleasing) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(SentenceOf([&] { Resize(); }), "(nothing)");
 }
 
 // What refers to the old buffers keeps them, and is not damaged: recorded work most of all.
-TEST(SwapChainD12Test, RecordedWorkSurvivesARefusedResize) {
-    TestWindow window(kClientSize);
-    Presenter presenter(Generation::Direct3D12, window.Get());
-    auto& swapChain = presenter.GetSwapChain();
-    auto frame = swapChain.CreateCommandAllocator();
-    const auto record = [&] {
-        const auto target = swapChain.GetRenderTarget();
-        frame->ClearRenderTargetView(target, kPresent, kTeal, {});
-        frame->ResourceBarrier(
-            {target->Transition(kRenderTarget, kPresent, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
-                                D3D12_RESOURCE_BARRIER_FLAG_NONE)});
-    };
-    record();
-    window.Resize({200, 100});
-    const auto resize = [&] { swapChain.RecreateBuffers(); };
-    const Thrown thrown = ThrownBy(resize);
+TEST_F(SwapChainD12Test, RecordedWorkSurvivesARefusedResize) {
+    auto frame = m_swapChain.CreateCommandAllocator();
+    m_presenter.Record(*frame, kTeal);
+    m_window.Resize({200, 100});
+    const Thrown thrown = ThrownBy([&] { Resize(); });
     EXPECT_EQ(thrown.sentence, "Failed to resize DXGI swap chain buffers");
     EXPECT_EQ(thrown.result, DXGI_ERROR_INVALID_CALL);
-    ASSERT_NE(swapChain.GetRenderTarget(), nullptr) << "the old ones";
-    EXPECT_EQ(presenter.GetSize(), kClientSize);
+    ASSERT_NE(m_swapChain.GetRenderTarget(), nullptr) << "the old ones";
+    EXPECT_EQ(m_presenter.GetSize(), kClientSize);
     frame->Execute();
-    swapChain.Present();
-    EXPECT_EQ(SentenceOf(resize), "(nothing)") << "executed";
-    record();
+    m_swapChain.Present();
+    EXPECT_EQ(SentenceOf([&] { Resize(); }), "(nothing)") << "executed";
+    DX::D12CommandAllocator::WaitAllComplete(); // which holds it as well
+    m_presenter.Record(*frame, kTeal);
     frame.reset();
-    EXPECT_EQ(SentenceOf(resize), "(nothing)") << "dropped";
-    EXPECT_EQ(presenter.GetSize(), (DX::Size2DT<long>{200, 100}));
-    presenter.Frame(kOrange);
+    EXPECT_EQ(SentenceOf([&] { Resize(); }), "(nothing)") << "dropped";
+    EXPECT_EQ(m_presenter.GetSize(), (DX::Size2DT<long>{200, 100}));
+    m_presenter.Frame(kOrange);
 }
 
 // One device serves all windows, and threads that draw elsewhere.
 TEST(D3D11PresentTest, WindowsOfOneDeviceMayBelongToThreads) {
-    const auto device = DX::D11Device::CreatePrimary();
+    Canvas11 canvas;
     std::atomic<int> presenting{2};
     const auto present = [&] {
         {
@@ -244,21 +256,17 @@ TEST(D3D11PresentTest, WindowsOfOneDeviceMayBelongToThreads) {
         }
         --presenting;
     };
-    std::thread threads[] = {std::thread(present), std::thread(present)};
-    Canvas11 canvas(device);
+    const std::jthread threads[] = {std::jthread(present), std::jthread(present)};
     const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
     int drawn = 0;
     for (; presenting > 0; ++drawn) {
         const float level = static_cast<float>(drawn % 2);
-        device->Encode([&](const auto& context) {
+        canvas.GetDevice()->Encode([&](const auto& context) {
             for (int i = 0; i < 20; ++i) { // long enough for a present to come between
                 context->ClearRenderTargetView(target->GetView(), {level, level, level, level});
             }
         });
         EXPECT_EQ(canvas.Read(target->GetTexture()).At(3, 3), (Color{level, level, level, level}));
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
     }
     EXPECT_GT(drawn, 10);
 }

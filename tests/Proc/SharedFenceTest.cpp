@@ -1,6 +1,7 @@
 // Direct3D 11 events over Direct3D 12 fences.
 
 #include <algorithm>
+#include <array>
 #include <thread>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "tests/support/Device11.h"
+#include "tests/support/Threads.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {
@@ -19,7 +21,6 @@ namespace {
 using namespace Norvex::Test;
 using testing::ElementsAre;
 
-using ContextPtr = boost::intrusive_ptr<D11DeviceContext>;
 using EventPtr11 = boost::intrusive_ptr<D11CompletionEvent>;
 using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
 
@@ -27,30 +28,31 @@ using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
 // either generation, the context of Direct3D 11, and the fence, which notes its values.
 struct FakeFence : FakeObject {
     FakeFence() {
-        Set(SlotOf(&ID3D12Device::CreateFence), [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
-                                         void** out) { return self->GiveTo(out); });
-        Set(SlotOf(&ID3D12Device::CreateSharedHandle),
+        Set(&ID3D12Device::CreateFence, [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
+                                           void** out) { return self->GiveTo(out); });
+        Set(&ID3D12Device::CreateSharedHandle,
             [](FakeFence*, ID3D12DeviceChild*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR,
                HANDLE* handle) -> HRESULT {
                 *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
                 return S_OK;
             });
-        Set(SlotOf(&ID3D11Device5::OpenSharedFence), [](FakeFence* self, HANDLE handle, REFIID, void** out) {
-            self->opened = handle;
-            return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
-        });
-        Set(SlotOf(&ID3D11DeviceContext4::Signal), [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+        Set(&ID3D11Device5::OpenSharedFence,
+            [](FakeFence* self, HANDLE handle, REFIID, void** out) {
+                self->opened = handle;
+                return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
+            });
+        Set(&ID3D11DeviceContext4::Signal, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
             std::this_thread::yield(); // so that others overtake, where they may
             self->signalled.push_back(value);
             return self->answer;
         });
-        Set(SlotOf(&ID3D11DeviceContext4::Wait), [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+        Set(&ID3D11DeviceContext4::Wait, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
             self->awaited.push_back(value);
             return self->answer;
         });
     }
 
-    EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags) {
+    EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags = D3D12_FENCE_FLAG_NONE) {
         return EventPtr12(new D12CompletionEvent(CComPtr(As<ID3D12Device>()), flags));
     }
 
@@ -60,99 +62,91 @@ struct FakeFence : FakeObject {
     std::vector<UINT64> awaited;
 };
 
-TEST(D3D11EventTest, OpensWhatCanBeShared) {
+struct D3D11EventTest : testing::Test {
     FakeFence fake;
-    const auto raw = MakeRawDevice11();
+    CComPtr<ID3D11Device> raw = MakeRawDevice11();
+    EventPtr12 event12 = fake.MakeEvent();
+    EventPtr11 event{new D11CompletionEvent(CComPtr(fake.As<ID3D11Fence>()), event12)};
+};
+
+TEST_F(D3D11EventTest, OpensWhatCanBeShared) {
     const auto shared = fake.MakeEvent(D3D12_FENCE_FLAG_SHARED);
-    const auto open = [&](const EventPtr12& event) {
-        return [device = D11Device::Attach(raw), event] {
-            return D11CompletionEvent::OpenShared(device, event);
-        };
+    const auto open = [this](const EventPtr12& of) {
+        return D11CompletionEvent::OpenShared(D11Device::Attach(raw), of);
+    };
+    const auto refuse = [&](const EventPtr12& of, const char* sentence, long result = E_FAIL) {
+        ExpectFailure11([&] { open(of); }, sentence, "OpenShared", result);
     };
     {
         const FencePatch none(raw, nullptr, nullptr);
-        ExpectFailure11(open(shared), "Shared fence not supported", "OpenShared");
+        refuse(shared, "Shared fence not supported");
     }
     const FencePatch patch(raw, &fake, &fake);
-    ExpectFailure11([&] { D11CompletionEvent::OpenShared(nullptr, shared); },
-                    "DirectX 11 device is null", "OpenShared");
-    ExpectFailure11(open(nullptr), "Completion event is null", "OpenShared");
-    ExpectFailure11([&] { D11CompletionEvent(nullptr, shared); }, "Completion event is null",
-                    "D11CompletionEvent");
-    ExpectFailure11(open(fake.MakeEvent(D3D12_FENCE_FLAG_NONE)), "D12 completion event not shared",
-                    "OpenShared");
+    NORVEX_EXPECT_REFUSED11("DirectX 11 device is null",
+                            D11CompletionEvent::OpenShared(nullptr, shared));
+    NORVEX_EXPECT_REFUSED11("Completion event is null", D11CompletionEvent(nullptr, shared));
+    refuse(nullptr, "Completion event is null");
+    refuse(event12, "D12 completion event not shared");
     fake.answer = E_ACCESSDENIED;
-    ExpectFailure11(open(shared), "Failed to create fence", "OpenShared", E_ACCESSDENIED);
+    refuse(shared, "Failed to create fence", E_ACCESSDENIED);
     fake.answer = S_OK;
     const int references = fake.GetReferences();
-    const auto first = open(shared)();
+    const auto first = open(shared);
     EXPECT_EQ(fake.opened, shared->GetSharedHandle());
     EXPECT_EQ(first->GetFence(), fake.As<ID3D11Fence>());
     EXPECT_EQ(first->PreIncrementValue(), 1u);
-    EXPECT_EQ(open(shared)()->PreIncrementValue(), 2u);
+    EXPECT_EQ(open(shared)->PreIncrementValue(), 2u);
     EXPECT_EQ(shared->PreIncrementValue(), 3u);
     EXPECT_EQ(first->GetValue(), 3u);
     EXPECT_EQ(fake.GetReferences(), references + 1) << "the first event's";
 }
 
-TEST(D3D11EventTest, SignalsAndWaitsDrawFromOneSequence) {
-    FakeFence fake;
-    const auto raw = MakeRawDevice11();
-    const auto event12 = fake.MakeEvent(D3D12_FENCE_FLAG_NONE);
-    const EventPtr11 event(new D11CompletionEvent(CComPtr(fake.As<ID3D11Fence>()), event12));
-    const auto call = [&raw](auto operation, const EventPtr11& on) {
-        return [&raw, operation, on] {
-            D11Device::Attach(raw)->Encode(
-                [&](const ContextPtr& context) { (context.get()->*operation)(on); });
-        };
+TEST_F(D3D11EventTest, SignalsAndWaitsDrawFromOneSequence) {
+    const auto call = [this](auto operation, const EventPtr11& on) {
+        D11Device::Attach(raw)->Encode(
+            [&](const auto& context) { (context.get()->*operation)(on); });
     };
-    const auto signal = call(&D11DeviceContext::Signal, event);
-    const auto wait = call(&D11DeviceContext::Wait, event);
+    const auto refuse = [&](const EventPtr11& on, const std::string& signalSentence,
+                            const std::string& waitSentence, long result = E_FAIL) {
+        ExpectFailure11([&] { call(&D11DeviceContext::Signal, on); }, signalSentence, "Signal",
+                        result);
+        ExpectFailure11([&] { call(&D11DeviceContext::Wait, on); }, waitSentence, "Wait", result);
+    };
     {
         const FencePatch none(raw, nullptr, nullptr);
         constexpr auto kUnsupported = "The device context does not support this operation";
-        ExpectFailure11(signal, kUnsupported, "Signal");
-        ExpectFailure11(wait, kUnsupported, "Wait");
+        refuse(event, kUnsupported, kUnsupported);
     }
     const FencePatch patch(raw, &fake, &fake);
-    ExpectFailure11(call(&D11DeviceContext::Signal, nullptr), "Completion event is null", "Signal");
-    ExpectFailure11(call(&D11DeviceContext::Wait, nullptr), "Completion event is null", "Wait");
+    refuse(nullptr, "Completion event is null", "Completion event is null");
     fake.answer = E_ACCESSDENIED;
-    ExpectFailure11(signal, "Failed to signal fence", "Signal", E_ACCESSDENIED);
-    ExpectFailure11(wait, "Failed to wait for fence", "Wait", E_ACCESSDENIED);
+    refuse(event, "Failed to signal fence", "Failed to wait for fence", E_ACCESSDENIED);
     fake.answer = S_OK;
-    signal();
-    wait();
+    call(&D11DeviceContext::Signal, event);
+    call(&D11DeviceContext::Wait, event);
     event12->PreIncrementValue();
-    wait();
-    signal();
+    call(&D11DeviceContext::Wait, event);
+    call(&D11DeviceContext::Signal, event);
     EXPECT_THAT(fake.signalled, ElementsAre(1u, 1u, 3u)) << "again what was not signalled";
     EXPECT_THAT(fake.awaited, ElementsAre(0u, 1u, 2u));
 }
 
 // Two devices on two threads; a fence that goes down never wakes who waits.
-TEST(D3D11EventTest, SignalsOfAllThreadsFollowInOrder) {
-    FakeFence fake;
-    const auto event12 = fake.MakeEvent(D3D12_FENCE_FLAG_NONE);
-    const EventPtr11 event(new D11CompletionEvent(CComPtr(fake.As<ID3D11Fence>()), event12));
-    const auto raw = MakeRawDevice11();
+TEST_F(D3D11EventTest, SignalsOfAllThreadsFollowInOrder) {
     const FencePatch patch(raw, &fake, &fake);
-    std::vector<std::jthread> threads;
-    for (const auto& device : {D11Device::Attach(raw), D11Device::Attach(MakeRawDevice11())}) {
-        threads.emplace_back([device, &event] {
-            for (int i = 0; i < 5000; ++i) {
-                device->Encode([&](const ContextPtr& context) { context->Signal(event); });
-            }
-        });
-    }
-    threads.clear();
+    const std::array devices = {D11Device::Attach(raw), D11Device::Attach(MakeRawDevice11())};
+    RunThreads(2, [&](unsigned thread) {
+        for (int i = 0; i < 5000; ++i) {
+            devices.at(thread)->Encode([&](const auto& context) { context->Signal(event); });
+        }
+    });
     EXPECT_EQ(fake.signalled.size(), 10'000u);
     EXPECT_TRUE(std::is_sorted(fake.signalled.begin(), fake.signalled.end()));
 }
 
-// What only some systems have.
-TEST(D3D11RealFenceTest, SignalsReachTheirValues) {
-    const auto device = D11Device::CreatePrimary();
+// What only some systems have; the fake only counts.
+TEST_F(D3D11EventTest, SignalsReachTheirValues) {
+    const auto device = D11Device::Attach(raw);
     if (!device->IsFencesSupported()) {
         GTEST_SKIP() << "this system has no ID3D11Device5 and ID3D11DeviceContext4";
     }
@@ -160,9 +154,8 @@ TEST(D3D11RealFenceTest, SignalsReachTheirValues) {
     ASSERT_EQ(device->Get5()->CreateFence(0, D3D11_FENCE_FLAG_NONE, __uuidof(ID3D11Fence),
                                           reinterpret_cast<void**>(&fence)),
               S_OK);
-    FakeFence fake; // counts; the fence is Direct3D 11's own
-    const EventPtr11 event(new D11CompletionEvent(fence, fake.MakeEvent(D3D12_FENCE_FLAG_NONE)));
-    device->Encode([&](const ContextPtr& context) {
+    event.reset(new D11CompletionEvent(fence, event12));
+    device->Encode([&](const auto& context) {
         context->Signal(event);
         context->Signal(event);
         context->Wait(event);

@@ -25,31 +25,16 @@ namespace Norvex::DX {
 namespace {
 
 using namespace Norvex::Test;
+using testing::ElementsAre;
 
 using Entry = std::pair<google::LogSeverity, std::string>;
-
-struct Generation11 {
-    using Device = D11Device;
-    using Raw = ID3D11Device;
-    using Queue = ID3D11InfoQueue;
-    using Message = D3D11_MESSAGE;
-    static constexpr auto kName = "D3D11";
-};
-
-struct Generation12 {
-    using Device = D12Device;
-    using Raw = ID3D12Device;
-    using Queue = ID3D12InfoQueue;
-    using Message = D3D12_MESSAGE;
-    static constexpr auto kName = "D3D12";
-};
 
 // Messages with the severities and the ids 0 to 5, five of which exist, one that has no size and
 // one that cannot be fetched.
 template <class Message>
 struct FakeInfoQueue : FakeObject {
     FakeInfoQueue() {
-        Set(SlotOf(&ID3D11InfoQueue::GetMessage),
+        Set(&ID3D11InfoQueue::GetMessage,
             [](FakeInfoQueue*, UINT64 index, Message* message, SIZE_T* size) -> HRESULT {
                 if (index == 6 || (index == 7 && message != nullptr)) {
                     return E_INVALIDARG;
@@ -64,8 +49,9 @@ struct FakeInfoQueue : FakeObject {
                 }
                 return S_OK;
             });
-        Set(SlotOf(&ID3D11InfoQueue::GetNumStoredMessages), [](FakeInfoQueue* self) { return self->count; });
-        Set(SlotOf(&ID3D11InfoQueue::ClearStoredMessages), [](FakeInfoQueue* self) { self->count = 0; });
+        Set(&ID3D11InfoQueue::GetNumStoredMessagesAllowedByRetrievalFilter,
+            [](FakeInfoQueue* self) { return self->count; });
+        Set(&ID3D11InfoQueue::ClearStoredMessages, [](FakeInfoQueue* self) { self->count = 0; });
     }
 
     UINT64 count = 8;
@@ -103,47 +89,44 @@ private:
     std::jthread m_thread;
 };
 
-template <class Generation>
-void CheckMessages(typename Generation::Device& device) {
-    SCOPED_TRACE(Generation::kName);
-    using Patch = InterfacePatch<typename Generation::Raw, typename Generation::Queue>;
-    const std::string name = Generation::kName;
+template <class Queue, class Message, class Device>
+void CheckMessages(const Device& device, const std::string& name) {
+    SCOPED_TRACE(name);
+    const auto fail = [&device] { return Norvex::HResult(E_FAIL, device->Get()); };
+    FakeInfoQueue<Message> queue;
+    InterfacePatch<std::remove_reference_t<decltype(*device->Get())>, Queue> patch(device->Get(),
+                                                                                   nullptr);
     {
         const LogCapture log;
-        const Patch patch(device.Get(), nullptr);
-        const Norvex::HResult result(E_FAIL, device.Get());
-        EXPECT_THAT(log.GetEntries(),
-                    testing::ElementsAre(
-                        Entry(google::GLOG_ERROR, name + ": Failed to get information queue")));
+        fail();
+        const Entry noQueue(google::GLOG_ERROR, name + ": Failed to get information queue");
+        EXPECT_THAT(log.GetEntries(), ElementsAre(noQueue));
     }
-    std::vector<Entry> expected;
-    const google::LogSeverity severities[] = {google::GLOG_ERROR, google::GLOG_ERROR,
-                                              google::GLOG_WARNING, google::GLOG_INFO,
-                                              google::GLOG_INFO};
-    for (const auto severity : severities) {
-        expected.emplace_back(
-            severity, fmt::format("{}: Something is wrong{} ({})", name, '\0', expected.size()));
-    }
-    expected.resize(
-        7, Entry(google::GLOG_ERROR,
-                 fmt::format("{}: I{}InfoQueue::GetMessage failed with -2147024809", name, name)));
-
-    FakeInfoQueue<typename Generation::Message> queue;
-    const Patch patch(device.Get(), &queue);
+    patch.fake = &queue;
     std::atomic<int> calls{0};
     const CallingSink log([&] {
         queue.count = ++calls == 1 ? 8 : 0;
-        const Norvex::HResult inSink(E_FAIL, device.Get());
+        fail();
     });
-    const Norvex::HResult result(E_FAIL, device.Get());
+    EXPECT_EQ(fail().value().adapter, device->GetDescription());
     // What the sink caused follows; then everything was fetched.
-    const std::vector<Entry> again = expected;
-    expected.insert(expected.end(), again.begin(), again.end());
+    std::vector<Entry> expected;
+    for (int round = 0; round < 2; ++round) {
+        for (int id = 0; id < 5; ++id) {
+            constexpr google::LogSeverity kSeverities[] = {google::GLOG_ERROR, google::GLOG_ERROR,
+                                                           google::GLOG_WARNING, google::GLOG_INFO,
+                                                           google::GLOG_INFO};
+            expected.emplace_back(kSeverities[id],
+                                  fmt::format("{}: Something is wrong{} ({})", name, '\0', id));
+        }
+        const std::string refused =
+            fmt::format("{}: I{}InfoQueue::GetMessage failed with -2147024809", name, name);
+        expected.resize(expected.size() + 2, Entry(google::GLOG_ERROR, refused));
+    }
     EXPECT_EQ(log.GetEntries(), expected);
     EXPECT_EQ(calls, 2);
     EXPECT_EQ(queue.count, 0u);
     EXPECT_EQ(queue.GetReferences(), 0);
-    EXPECT_EQ(result.value().adapter, device.GetDescription());
 }
 
 TEST(DebugModeTest, MessagesReachTheLog) {
@@ -163,19 +146,18 @@ TEST(DebugModeTest, MessagesReachTheLog) {
     EXPECT_EQ(log.Count(google::GLOG_WARNING, warning), hasLayer ? 0 : 1);
 
     // Without the layer's component the same level is tried again without it.
-    const CreateDevice11Patch creation([](const auto& attempt) -> HRESULT {
+    CreateDevice11Patch creation([](const auto& attempt) -> HRESULT {
         return (attempt.flags & D3D11_CREATE_DEVICE_DEBUG) != 0 ? DXGI_ERROR_SDK_COMPONENT_MISSING
                                                                 : S_OK;
     });
     const auto device11 = D11Device::CreatePrimary();
-    const auto level = D3D_FEATURE_LEVEL_11_1;
-    EXPECT_THAT(creation.attempts,
-                testing::ElementsAre(
-                    CreateDevice11Patch::Attempt{
-                        level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT | D3D11_CREATE_DEVICE_DEBUG},
-                    CreateDevice11Patch::Attempt{level, 1, D3D11_CREATE_DEVICE_BGRA_SUPPORT}));
-    CheckMessages<Generation11>(*device11);
-    CheckMessages<Generation12>(*D12Device::CreatePrimary());
+    const auto attempt = [](UINT flags) {
+        return CreateDevice11Patch::Attempt{D3D_FEATURE_LEVEL_11_1, 1,
+                                            flags | D3D11_CREATE_DEVICE_BGRA_SUPPORT};
+    };
+    EXPECT_THAT(creation.attempts, ElementsAre(attempt(D3D11_CREATE_DEVICE_DEBUG), attempt(0)));
+    CheckMessages<ID3D11InfoQueue, D3D11_MESSAGE>(device11, "D3D11");
+    CheckMessages<ID3D12InfoQueue, D3D12_MESSAGE>(D12Device::CreatePrimary(), "D3D12");
 }
 
 } // namespace

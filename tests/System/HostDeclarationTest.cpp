@@ -6,28 +6,27 @@
 #include "Proc/DirectX/Manager/API.h"
 #include "tests/support/LogCapture.h"
 
+extern "C" {
 // The name is the system's. NOLINTNEXTLINE(readability-identifier-naming)
-extern "C" __declspec(dllexport) const unsigned D3D12SDKVersion = NORVEX_DECLARED_SDK_VERSION;
+__declspec(dllexport) unsigned D3D12SDKVersion = 615;
+}
 
 namespace Norvex::DX {
 namespace {
 
 TEST(HostDeclarationTest, OnlyTheRequiredVersionIsAccepted) {
-    if constexpr (NORVEX_DECLARED_SDK_VERSION == API::kRequiredSDKVersion) {
-        const Norvex::Test::LogCapture log;
-        API& api = API::GetInstance();
-        EXPECT_EQ(log.Count(google::GLOG_INFO, "Required DirectX 12 library version: 614"), 1);
-        // No redistributable runtime is mapped here, which counts as an older one.
-        EXPECT_EQ(api.D3D12SDKVersion(), std::nullopt);
-        EXPECT_EQ(api.D3D12SDKVersion(), std::nullopt);
-        EXPECT_EQ(log.Count(google::GLOG_INFO, "Current DirectX 12 library version: 0"), 1)
-            << "read once";
-        EXPECT_EQ(
-            log.Count(google::GLOG_ERROR, "An older version of the DirectX 12 library was loaded"),
-            1);
-    } else {
-        EXPECT_DEATH(API::GetInstance(), "The application is using the wrong DirectX 12 version");
-    }
+    EXPECT_DEATH(API::GetInstance(), "The application is using the wrong DirectX 12 version");
+    D3D12SDKVersion = 614;
+    const Norvex::Test::LogCapture log;
+    API& api = API::GetInstance();
+    // No redistributable runtime is mapped here, which counts as an older one.
+    EXPECT_EQ(api.D3D12SDKVersion(), std::nullopt);
+    EXPECT_EQ(api.D3D12SDKVersion(), std::nullopt);
+    const auto info = google::GLOG_INFO;
+    EXPECT_EQ(log.Count(info, "Required DirectX 12 library version: 614"), 1);
+    EXPECT_EQ(log.Count(info, "Current DirectX 12 library version: 0"), 1) << "read once";
+    EXPECT_EQ(
+        log.Count(google::GLOG_ERROR, "An older version of the DirectX 12 library was loaded"), 1);
 }
 
 } // namespace

@@ -105,6 +105,32 @@ TEST_P(EncodeProgramTest, FitsFramesOfAnySizeOverBlack) {
     }
 }
 
+TEST_P(EncodeProgramTest, TakesTheMatrixOfTheFirstPicture) {
+    Image wide = MakeNoise(4, 2, 16, true);
+    wide.colorSpace = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
+    Write("wide.png", wide);
+    Write("plain.png", MakeNoise(4, 2, 16, true));
+    const struct {
+        const char* options;
+        YCbCrMatrix matrix;
+        const char* stats;
+        std::vector<std::string> messages = {};
+    } kCases[] = {
+        {"@wide.png", YCbCrMatrix::BT2020NonConstant, "p016 (bt2020 of rec2020-pq,"},
+        {"@wide.png --matrix bt601", YCbCrMatrix::BT601, "p016 (bt601 of rec2020-pq,"},
+        {"@wide.png @plain.png", YCbCrMatrix::BT2020NonConstant, "(bt2020", {"plain.png is srgb"}},
+        {"@wide.png --from rec2020-pq --to srgb", YCbCrMatrix::BT709, "p016 (bt709 of srgb,"},
+        {"@plain.png", YCbCrMatrix::BT709, "p016 (bt709,"},
+    };
+    for (const auto& [options, matrix, stats, messages] : kCases) {
+        const std::string command = "encode -o @clip --format p016 --stats ";
+        EXPECT_THAT(Run(command + options, messages), testing::HasSubstr(stats)) << options;
+        if (options == std::string("@wide.png")) {
+            ExpectFrame(ReadClip(), 16, GetPixels(wide), matrix);
+        }
+    }
+}
+
 TEST_P(EncodeProgramTest, KeepsItsMemoryHoweverLongTheClip) {
     const auto encode = [&](std::size_t frames) {
         Bytes input(frames * 16 * 16 * 4);

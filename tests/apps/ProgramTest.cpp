@@ -142,9 +142,20 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
             {0, 3, {65535, 32896, 16448, 8224}},
             {3, 1, kDeep},
             {2, 0, kDeep}});
-    // 40 x 10 in a cell of 40 x 20.
+    // 64 x 16 and 16 x 16 fill the width of two cells; below them stand their names.
     expect("sheet @out.png @wide.png @glass.png --cell 40x20 --gap 5 --background 000000",
-           {{4, 15, kBlack}, {5, 15, kRed}, {25, 8, kBlack}, {70, 15, kGrey}, {94, 29, kBlack}});
+           {{4, 15, kBlack}, {5, 5, kRed}, {68, 20, kRed}, {71, 15, kBlack}, {74, 5, kGrey},
+            {89, 20, kGrey}, {90, 15, kBlack}, {71, 22, kBlack}});
+    const Image sheet = Read("out.png");
+    bool hasName = false;
+    for (std::size_t i = 0; i < 28 * 64; ++i) {
+        const Samples sample = GetPixel(sheet, 5 + i % 64, 23 + i / 64);
+        hasName = hasName || (sample[0] > 96 && sample[0] == sample[1]);
+    }
+    EXPECT_TRUE(hasName);
+    // The last row's place that is empty has a cell's shape: 53 x 13.
+    expect("sheet @out.png @wide.png --columns 2 --cell 40x20 --gap 5 --background 000000",
+           {{5, 5, kRed}, {57, 17, kRed}, {58, 17, kBlack}, {5, 18, kBlack}});
     // SMPTE ST 2084 of 203 cd/m2 is 0.580688881; and back.
     Run("fill @white.png --size 2x2 --color FFFFFFFF");
     expect("convert @white.png @out.png --from srgb --to rec2020-pq --depth 16",
@@ -222,6 +233,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     for (const auto& [commandLine, exitCode, words, input] : kCases) {
         EXPECT_EQ("", Run(commandLine, {words}, exitCode, ToBytes(input))) << commandLine;
     }
+    EXPECT_EQ("", Run("encode @in.png --format nv12 -o NUL"));
     EXPECT_THAT(Run("convert --help"), HasSubstr("--rotate"));
     EXPECT_THAT(Run("--version"), StartsWith("norvexdx "));
 }

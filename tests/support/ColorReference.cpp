@@ -7,15 +7,10 @@ namespace Norvex::Test {
 
 namespace {
 
+using enum Conf::TransferCharacteristics;
+using Info = Proc::ColorAlphaConversionInfo;
 using Proc::AlphaType;
 using RGB = std::array<double, 3>;
-
-enum Transfer : unsigned { kBT709 = 1, kLinear = 8, kSRGB = 13, kPQ = 16, kHLG = 18 };
-enum Primaries : unsigned { kPrimaries709 = 1, kPrimaries2020 = 9 };
-
-constexpr unsigned Code(Primaries primaries, Transfer transfer) {
-    return primaries * 256U + transfer;
-}
 
 template <class F>
 RGB Each(const RGB& color, F function) {
@@ -43,61 +38,54 @@ double DisplayFromScene(double light) {
     return DisplayFromRec709(Rec709FromScene(light));
 }
 
-// ITU-R BT.2100-2, table 5: Y of scene light.
-double Luminance(const RGB& color) {
-    return 0.2627 * color[0] + 0.6780 * color[1] + 0.0593 * color[2];
+bool IsInDisplayLight(const Info& info) {
+    return info.mode != Proc::LinearizationMode::SceneReferred;
+}
+
+// The power of the luminance of light from 0 to 1 that an OOTF multiplies it with, or its inverse.
+double PowerOfLuminance(const RGB& light, double exponent) {
+    return std::pow(0.2627 * light[0] + 0.6780 * light[1] + 0.0593 * light[2], exponent);
 }
 
 // ITU-R BT.2100-2, table 5, OOTF: F_D = alpha Y_S^(gamma - 1) E, alpha the peak; light 1.0 is 100
 // cd/m2.
-RGB HLGDisplayFromScene(const RGB& scene, const ReferenceParams& params) {
+RGB HLGDisplayFromScene(const RGB& scene, const Info& info) {
     const RGB normal = Each(scene, [](double s) { return std::clamp(s / 12.0, 0.0, 1.0); });
-    const double y = Luminance(normal);
-    return y > 0.0
-               ? Scaled(normal, std::pow(y, params.systemGamma - 1.0) * params.displayPeak / 100.0)
-               : RGB{};
+    return normal == RGB{} ? normal
+                           : Scaled(normal, PowerOfLuminance(normal, info.GetHLGOOTFGamma() - 1.0) *
+                                                info.GetHLGDisplayPeakLuminance() / 100.0);
 }
 
 // The inverse; light below a ten-thousandth of the peak is left as it is.
-RGB HLGSceneFromDisplay(const RGB& light, const ReferenceParams& params) {
-    const RGB normal =
-        Each(light, [&](double c) { return std::clamp(c * 100.0 / params.displayPeak, 0.0, 1.0); });
-    const double y = Luminance(normal);
-    return y > 0.0001 ? Scaled(normal, 12.0 * std::pow(y, 1.0 / params.systemGamma - 1.0)) : light;
+RGB HLGSceneFromDisplay(const RGB& light, const Info& info) {
+    const double peak = info.GetHLGDisplayPeakLuminance() / 100.0;
+    const RGB normal = Each(light, [peak](double c) { return std::clamp(c / peak, 0.0, 1.0); });
+    return PowerOfLuminance(normal, 1.0) > 0.0001
+               ? Scaled(normal, 12.0 * PowerOfLuminance(normal, 1.0 / info.GetHLGOOTFGamma() - 1.0))
+               : light;
 }
 
-RGB Tonemapped(const RGB& light, const ReferenceParams& params) {
+RGB Tonemapped(const RGB& light, const Info& info) {
+    const auto [a, b] = info.GetPQTonemapCoefs();
     const double maximum = *std::ranges::max_element(light);
-    if (params.tonemapA <= 0.0 || maximum <= 0.0) {
-        return light;
-    }
-    return Scaled(light, (1.0 + params.tonemapA * maximum) / (1.0 + params.tonemapB * maximum));
+    return maximum > 0.0 ? Scaled(light, (1.0 + a * maximum) / (1.0 + b * maximum)) : light;
 }
 
-RGB Decode(const RGB& color, const ReferenceParams& params) {
-    const bool isDisplay = params.isDisplayLight;
-    switch (params.sourceCode) {
-    case Code(kPrimaries709, kSRGB): {
-        const RGB light = Each(color, LightFromSRGB);
-        return isDisplay ? light : Each(light, SceneFromDisplay);
-    }
-    case Code(kPrimaries709, kBT709):
-    case Code(kPrimaries2020, kBT709):
+RGB Decode(const RGB& color, const Info& info) {
+    const bool isDisplay = IsInDisplayLight(info);
+    if (info.source.transfer == BT709) {
         return Each(color, isDisplay ? DisplayFromRec709 : SceneFromRec709);
-    case Code(kPrimaries2020, kPQ): {
-        const RGB light = Tonemapped(Each(color, LightFromPQ), params);
-        return isDisplay ? light : Each(light, SceneFromDisplay);
     }
-    case Code(kPrimaries2020, kHLG): {
+    if (info.source.transfer == HLG) {
         const RGB scene = Each(color, SceneFromHLG);
-        return isDisplay ? HLGDisplayFromScene(scene, params) : scene;
+        return isDisplay ? HLGDisplayFromScene(scene, info) : scene;
     }
-    default:
-        return {1.0, 0.0, 0.0};
-    }
+    const RGB light = info.source.transfer == PQ ? Tonemapped(Each(color, LightFromPQ), info)
+                                                 : Each(color, LightFromSRGB);
+    return isDisplay ? light : Each(light, SceneFromDisplay);
 }
 
-RGB ConvertPrimaries(const RGB& color, unsigned from, unsigned to) {
+RGB ConvertPrimaries(const RGB& color, Conf::ColorPrimaries from, Conf::ColorPrimaries to) {
     constexpr std::array<RGB, 3> kTo2020 = {{{0.627402, 0.329292, 0.043306},
                                              {0.069095, 0.919544, 0.011360},
                                              {0.016394, 0.088028, 0.895578}}};
@@ -107,49 +95,38 @@ RGB ConvertPrimaries(const RGB& color, unsigned from, unsigned to) {
     if (from == to) {
         return color;
     }
-    const bool isTo2020 = from == kPrimaries709 && to == kPrimaries2020;
-    if (!isTo2020 && !(from == kPrimaries2020 && to == kPrimaries709)) {
-        return {0.0, 1.0, 0.0};
-    }
-    RGB result{};
-    for (std::size_t row = 0; row < 3; ++row) {
-        for (std::size_t column = 0; column < 3; ++column) {
-            result[row] += (isTo2020 ? kTo2020 : kTo709)[row][column] * color[column];
-        }
-    }
-    return result;
+    const auto& matrix = to == Conf::ColorPrimaries::BT2020 ? kTo2020 : kTo709;
+    const auto row = [&](std::size_t i) {
+        return matrix[i][0] * color[0] + matrix[i][1] * color[1] + matrix[i][2] * color[2];
+    };
+    return {row(0), row(1), row(2)};
 }
 
-RGB Encode(const RGB& light, const ReferenceParams& params) {
-    const bool isDisplay = params.isDisplayLight;
-    switch (params.targetCode) {
-    case Code(kPrimaries709, kSRGB):
-        return Each(isDisplay ? light : Each(light, DisplayFromScene), SRGBFromLight);
-    case Code(kPrimaries709, kBT709):
-    case Code(kPrimaries2020, kBT709):
-        return Each(light, isDisplay ? Rec709FromDisplay : Rec709FromScene);
-    case Code(kPrimaries2020, kPQ):
-        return Each(isDisplay ? light : Each(light, DisplayFromScene), PQFromLight);
-    case Code(kPrimaries2020, kHLG):
-        return Each(isDisplay ? HLGSceneFromDisplay(light, params) : light, HLGFromScene);
-    case Code(kPrimaries709, kLinear):
+RGB Encode(const RGB& light, const Info& info) {
+    const bool isDisplay = IsInDisplayLight(info);
+    switch (info.target.transfer) {
+    case Linear:
         return light;
+    case BT709:
+        return Each(light, isDisplay ? Rec709FromDisplay : Rec709FromScene);
+    case HLG:
+        return Each(isDisplay ? HLGSceneFromDisplay(light, info) : light, HLGFromScene);
     default:
-        return {0.0, 0.0, 1.0};
+        return Each(isDisplay ? light : Each(light, DisplayFromScene),
+                    info.target.transfer == PQ ? PQFromLight : SRGBFromLight);
     }
 }
 
-RGB ConvertColor(const RGB& color, const ReferenceParams& params) {
-    if (params.sourceCode == params.targetCode && params.linearScale == 1.0) {
-        return color;
-    }
+// Results are bounded by what a 16-bit float holds.
+constexpr double kMaxResult = 65504.0;
+
+RGB ConvertColor(const RGB& color, const Info& info) {
+    const double scale = info.GetLinearScale();
     const RGB light =
-        ConvertPrimaries(Decode(color, params), params.sourceCode / 256U, params.targetCode / 256U);
-    return Encode(Scaled(light, params.linearScale), params);
-}
-
-unsigned CodeOf(const Conf::RGBColorSpace& space) {
-    return static_cast<unsigned>(space.primaries) * 256U + static_cast<unsigned>(space.transfer);
+        ConvertPrimaries(Decode(color, info), info.source.primaries, info.target.primaries);
+    return Each(info.source == info.target && scale == 1.0 ? color
+                                                           : Encode(Scaled(light, scale), info),
+                [](double channel) { return std::clamp(channel, -kMaxResult, kMaxResult); });
 }
 
 } // namespace
@@ -202,41 +179,14 @@ double SceneFromRec709(double value) {
     return value < 0.081 ? value / 4.5 : std::pow((value + 0.099) / 1.099, 1.0 / 0.45);
 }
 
-// Results are bounded by what a 16-bit float holds.
-constexpr double kMaxResult = 65504.0;
-
-Pixel ReferenceConvert(const Pixel& color, const ReferenceParams& params) {
-    if (params.sourceCode == 0 || params.targetCode == 0) {
-        return color;
-    }
-    double alpha = params.sourceAlpha == AlphaType::AlphaIsOne ? 1.0 : color[3];
-    const bool isDivided = params.sourceAlpha == AlphaType::Premultiplied && alpha > 0.0;
+Pixel ReferenceConvert(const Pixel& color, const Info& info) {
+    const double alpha = info.sourceAlpha == AlphaType::AlphaIsOne ? 1.0 : color[3];
+    const bool isDivided = info.sourceAlpha == AlphaType::Premultiplied && alpha > 0.0;
     const RGB straight = Scaled({color[0], color[1], color[2]}, isDivided ? 1.0 / alpha : 1.0);
-    RGB converted = ConvertColor(straight, params);
-    for (double& channel : converted) {
-        channel = std::clamp(channel, -kMaxResult, kMaxResult);
-    }
-    const RGB result =
-        Scaled(converted, params.targetAlpha == AlphaType::NonPremultiplied ? 1.0 : alpha);
-    if (params.targetAlpha == AlphaType::AlphaIsOne) {
-        alpha = 1.0;
-    }
-    return {result[0], result[1], result[2], alpha};
-}
-
-Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo& info) {
-    const auto [tonemapA, tonemapB] = info.GetPQTonemapCoefs();
-    return ReferenceConvert(color,
-                            {.sourceCode = CodeOf(info.source),
-                             .targetCode = CodeOf(info.target),
-                             .sourceAlpha = info.sourceAlpha,
-                             .targetAlpha = info.targetAlpha,
-                             .isDisplayLight = info.mode != Proc::LinearizationMode::SceneReferred,
-                             .linearScale = info.GetLinearScale(),
-                             .tonemapA = tonemapA,
-                             .tonemapB = tonemapB,
-                             .displayPeak = info.GetHLGDisplayPeakLuminance(),
-                             .systemGamma = info.GetHLGOOTFGamma()});
+    const RGB result = Scaled(ConvertColor(straight, info),
+                              info.targetAlpha == AlphaType::NonPremultiplied ? 1.0 : alpha);
+    return {result[0], result[1], result[2],
+            info.targetAlpha == AlphaType::AlphaIsOne ? 1.0 : alpha};
 }
 
 } // namespace Norvex::Test

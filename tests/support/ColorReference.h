@@ -3,7 +3,7 @@
 // The colour conversion of one pixel in double precision, to judge pictures by. Written from the
 // standards, not from the shader: ITU-R BT.709-6, BT.1886, BT.2020-2, BT.2100-2, IEC 61966-2-1,
 // SMPTE ST 2084, ITU-T H.273. What the library lays down beyond them (the order of the steps, the
-// six-digit primaries matrices, error colours, what is clamped) is followed. Pure functions.
+// six-digit primaries matrices, what is clamped) is followed. Pure functions.
 
 #include <array>
 
@@ -13,22 +13,7 @@ namespace Norvex::Test {
 
 using Pixel = std::array<double, 4>; // red, green, blue, alpha; encoded as its colour space says
 
-// The numbers of one conversion; a code is (primaries << 8) | transfer of H.273.
-struct ReferenceParams {
-    unsigned sourceCode = 0;
-    unsigned targetCode = 0;
-    Proc::AlphaType sourceAlpha = Proc::AlphaType::NonPremultiplied;
-    Proc::AlphaType targetAlpha = Proc::AlphaType::NonPremultiplied;
-    bool isDisplayLight = false;
-    double linearScale = 1.0;
-    double tonemapA = 0.0;
-    double tonemapB = 0.0;
-    double displayPeak = 1000.0; // cd/m2
-    double systemGamma = 1.0;
-};
-
-Pixel ReferenceConvert(const Pixel& color, const ReferenceParams& params);
-// With the numbers that the description's own getters give.
+// Between the spaces that the library converts, with the numbers that the description gives.
 Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo& info);
 
 // The transfer functions by themselves. PQ: light 1.0 is 100 cd/m2. HLG: scene light from 0 to 12.

@@ -8,7 +8,6 @@
 
 #include "Platform/ComPtr.h"
 #include "tests/support/FakeObject.h"
-#include "tests/support/ImportPatch.h"
 #include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
@@ -29,19 +28,22 @@ inline CComPtr<ID3D11DeviceContext> GetImmediateContext(ID3D11Device* device) {
     return context;
 }
 
-// A QueryInterface that answers for one interface: with the fake, or, where that is null, that
+// A QueryInterface that answers for some interfaces: with the fake, or, while that is null, that
 // there is none.
-template <class Object, class Interface>
+template <class Object, class... Interfaces>
 class InterfacePatch {
 public:
-    InterfacePatch(Object* object, FakeObject* fake)
-        : m_patch(object, [fake](auto original, Object* self, REFIID riid, void** out) {
-              if (!IsEqualGUID(riid, __uuidof(Interface))) {
+    InterfacePatch(Object* object, FakeObject* answer)
+        : fake(answer),
+          m_patch(object, [this](auto original, Object* self, REFIID riid, void** out) {
+              if (!(IsEqualGUID(riid, __uuidof(Interfaces)) || ...)) {
                   return original(self, riid, out);
               }
               *out = nullptr;
               return fake != nullptr ? fake->GiveTo(out) : E_NOINTERFACE;
           }) {}
+
+    FakeObject* fake;
 
 private:
     MethodPatch<kQueryInterface, HRESULT(Object*, REFIID, void**)> m_patch;
@@ -72,32 +74,23 @@ public:
     };
 
     explicit CreateDevice11Patch(std::function<HRESULT(const Attempt&)> answer)
-        : m_answer(std::move(answer)) {
-        s_current = this;
-    }
-    ~CreateDevice11Patch() { s_current = nullptr; }
-    CreateDevice11Patch(const CreateDevice11Patch&) = delete;
-    CreateDevice11Patch& operator=(const CreateDevice11Patch&) = delete;
+        : m_answer(std::move(answer)) {}
 
     std::vector<Attempt> attempts;
 
 private:
-    static HRESULT WINAPI Call(IDXGIAdapter* adapter, D3D_DRIVER_TYPE type, HMODULE module,
-                               UINT flags, const D3D_FEATURE_LEVEL* levels, UINT levelCount,
-                               UINT version, ID3D11Device** device, D3D_FEATURE_LEVEL* level,
-                               ID3D11DeviceContext** context) {
-        s_current->attempts.push_back({*levels, levelCount, flags});
-        const HRESULT answer = s_current->m_answer(s_current->attempts.back());
-        return FAILED(answer) ? answer
-                              : D3D11CreateDevice(adapter, type, module,
-                                                  flags & ~UINT{D3D11_CREATE_DEVICE_DEBUG}, levels,
-                                                  levelCount, version, device, level, context);
-    }
-
-    static inline CreateDevice11Patch* s_current = nullptr;
-
     std::function<HRESULT(const Attempt&)> m_answer;
-    ImportPatch m_patch{L"NorvexDX.dll", "D3D11CreateDevice", &Call};
+    MethodPatch<&D3D11CreateDevice> m_patch{
+        FindImport(L"NorvexDX.dll", "D3D11CreateDevice"),
+        [this](auto original, auto* adapter, auto type, auto module, UINT flags, const auto* levels,
+               UINT levelCount, auto... rest) {
+            attempts.push_back({*levels, levelCount, flags});
+            const HRESULT result = m_answer(attempts.back());
+            flags &= ~UINT{D3D11_CREATE_DEVICE_DEBUG};
+            return FAILED(result)
+                       ? result
+                       : original(adapter, type, module, flags, levels, levelCount, rest...);
+        }};
 };
 
 } // namespace Norvex::Test

@@ -9,16 +9,16 @@
 #include <atomic>
 #include <cstddef>
 
-#include "Platform/Direct3D.h"
+#include <boost/core/noncopyable.hpp>
+
 #include "tests/support/FunctionOf.h"
+#include "tests/support/MethodSlot.h"
 
 namespace Norvex::Test {
 
-class FakeObject {
+class FakeObject : boost::noncopyable {
 public:
     FakeObject();
-    FakeObject(const FakeObject&) = delete;
-    FakeObject& operator=(const FakeObject&) = delete;
 
     template <class Interface>
     Interface* As() {
@@ -30,11 +30,12 @@ public:
     int GetReferences() const { return m_references; }
 
 protected:
-    // A lambda without captures, whose first parameter is the object itself, as a pointer to the
-    // deriving class, which has no virtual functions.
-    template <class Method>
-    void Set(std::size_t slot, const Method& method) {
-        Store(slot, reinterpret_cast<void*>(FunctionOf(method)));
+    // The place is a method that interfaces have there, or its number. A lambda without captures,
+    // whose first parameter is the object itself, as a pointer to the deriving class, which has no
+    // virtual functions.
+    template <class Place, class Method>
+    void Set(const Place& place, const Method& method) {
+        Store(SlotOf(place), reinterpret_cast<void*>(FunctionOf(method)));
     }
 
 private:

@@ -86,8 +86,7 @@ private:
             });
             Set(27, [](Output* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
                 *desc = {};
-                desc->ColorSpace = self->m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
-                                                 : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+                desc->ColorSpace = SpaceOf(self->m_isHDR);
                 return S_OK;
             });
         }
@@ -105,25 +104,23 @@ private:
         return output6;
     }
 
+    static DXGI_COLOR_SPACE_TYPE SpaceOf(bool isHDR) {
+        return isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
+                     : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+    }
+
     // In the place of a method: succeeds unless it is to fail.
     template <class Succeed>
-    class Stand {
-    public:
-        Stand(HDRDisplay* display, Call call, Succeed succeed)
-            : m_display(display),
-              m_call(call),
-              m_succeed(std::move(succeed)) {}
+    struct Stand {
+        HDRDisplay* display;
+        Call call;
+        Succeed succeed;
 
         template <class... Args>
         HRESULT operator()(Args... args) const {
-            ++m_display->m_counts[m_call];
-            return m_display->m_failures[m_call]-- > 0 ? E_ACCESSDENIED : m_succeed(args...);
+            ++display->m_counts[call];
+            return display->m_failures[call]-- > 0 ? E_ACCESSDENIED : succeed(args...);
         }
-
-    private:
-        HDRDisplay* m_display;
-        Call m_call;
-        Succeed m_succeed;
     };
 
     static constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
@@ -135,16 +132,15 @@ private:
     std::array<int, 6> m_failures = {};
     std::array<int, 6> m_counts = {};
     CComPtr<IDXGISwapChain> m_probe;
-    MethodPatch<27, HRESULT(IDXGIOutput6*, DXGI_OUTPUT_DESC1*)> m_getDesc1{
-        GetOutput(), [this](auto original, IDXGIOutput6* self, DXGI_OUTPUT_DESC1* desc) {
+    MethodPatch<&IDXGIOutput6::GetDesc1> m_getDesc1{
+        GetOutput(), [this](auto original, auto* self, DXGI_OUTPUT_DESC1* desc) {
             const HRESULT result = original(self, desc);
-            desc->ColorSpace = m_isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
-                                       : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+            desc->ColorSpace = SpaceOf(m_isHDR);
             return result;
         }};
-    MethodPatch<7, HRESULT(IDXGIAdapter*, UINT, IDXGIOutput**)> m_enumOutputs{
+    MethodPatch<&IDXGIAdapter::EnumOutputs> m_enumOutputs{
         DX::DXGIFactory::Create()->GetPrimaryAdapter().Get(),
-        [this](auto original, IDXGIAdapter* self, UINT index, IDXGIOutput** out) {
+        [this](auto original, auto* self, UINT index, IDXGIOutput** out) {
             m_counts[EnumOutputs] += index == 0 ? 1 : 0;
             if (m_areReal) {
                 return original(self, index, out);
@@ -153,32 +149,26 @@ private:
                        ? m_outputs[index]->GiveTo(reinterpret_cast<void**>(out))
                        : DXGI_ERROR_NOT_FOUND;
         }};
-    MethodPatch<9, HRESULT(IDXGISwapChain*, UINT, REFIID, void**)> m_getBuffer{
-        m_probe, Stand(this, GetBuffer, kPass)};
-    MethodPatch<13, HRESULT(IDXGISwapChain*, UINT, UINT, UINT, DXGI_FORMAT, UINT)> m_resize{
-        m_probe, Stand(this, Resize, kPass)};
-    MethodPatch<39, HRESULT(IDXGISwapChain*, UINT, UINT, UINT, DXGI_FORMAT, UINT, const UINT*,
-                            IUnknown* const*)>
-        m_resize1{m_probe, Stand(this, Resize, kPass)};
-    MethodPatch<37, HRESULT(IDXGISwapChain*, DXGI_COLOR_SPACE_TYPE, UINT*)> m_check{
-        m_probe,
-        Stand(this, CheckColorSpace, [](auto, auto*, DXGI_COLOR_SPACE_TYPE, UINT* support) {
-            *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
-            return S_OK;
-        })};
-    MethodPatch<38, HRESULT(IDXGISwapChain*, DXGI_COLOR_SPACE_TYPE)> m_setColorSpace{
-        m_probe, Stand(this, SetColorSpace, [this](auto, auto*, DXGI_COLOR_SPACE_TYPE space) {
-            colorSpace = space;
-            return S_OK;
-        })};
-    MethodPatch<40, HRESULT(IDXGISwapChain*, DXGI_HDR_METADATA_TYPE, UINT, void*)> m_setMetadata{
-        m_probe, Stand(this, SetMetadata,
-                       [this](auto, auto*, DXGI_HDR_METADATA_TYPE type, UINT size, void* data) {
+    MethodPatch<&IDXGISwapChain::GetBuffer> m_getBuffer{m_probe, Stand{this, GetBuffer, kPass}};
+    MethodPatch<&IDXGISwapChain::ResizeBuffers> m_resize{m_probe, Stand{this, Resize, kPass}};
+    MethodPatch<&IDXGISwapChain3::ResizeBuffers1> m_resize1{m_probe, Stand{this, Resize, kPass}};
+    MethodPatch<&IDXGISwapChain3::CheckColorSpaceSupport> m_check{
+        m_probe, Stand{this, CheckColorSpace, [](auto, auto*, auto, UINT* support) {
+                           *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
+                           return S_OK;
+                       }}};
+    MethodPatch<&IDXGISwapChain3::SetColorSpace1> m_setColorSpace{
+        m_probe, Stand{this, SetColorSpace, [this](auto, auto*, DXGI_COLOR_SPACE_TYPE space) {
+                           colorSpace = space;
+                           return S_OK;
+                       }}};
+    MethodPatch<&IDXGISwapChain4::SetHDRMetaData> m_setMetadata{
+        m_probe, Stand{this, SetMetadata, [this](auto, auto*, auto type, UINT size, void* data) {
                            const auto* bytes = static_cast<const std::uint8_t*>(data);
                            metadataType = type;
                            metadata.assign(bytes, bytes + size);
                            return S_OK;
-                       })};
+                       }}};
 };
 
 } // namespace Norvex::Test

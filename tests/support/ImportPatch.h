@@ -4,6 +4,8 @@
 // patch lives. Calls of other modules are not touched. Throws std::runtime_error when the module
 // does not import the function.
 
+#include <boost/core/noncopyable.hpp>
+
 #include "Platform/Direct3D.h"
 #include "tests/support/FunctionOf.h"
 
@@ -11,21 +13,23 @@ namespace Norvex::Test {
 
 // Writes where the memory is write-protected. Throws std::runtime_error.
 void StoreProtected(void** place, void* value);
+// The place in the module's import table that holds the function's address.
+void** FindImport(const wchar_t* module, const char* name);
 
-class ImportPatch {
+class ImportPatch : boost::noncopyable {
 public:
     // ImportPatch(L"NorvexDX.dll", "GetProcAddress", &Replacement)
     template <class Function>
     ImportPatch(const wchar_t* module, const char* name, Function* replacement)
-        : ImportPatch(module, name, reinterpret_cast<void*>(replacement)) {}
+        : m_place(FindImport(module, name)),
+          m_original(*m_place) {
+        StoreProtected(m_place, reinterpret_cast<void*>(replacement));
+    }
     // The same with a lambda without captures.
     template <class Lambda>
     ImportPatch(const wchar_t* module, const char* name, const Lambda& replacement)
         : ImportPatch(module, name, FunctionOf(replacement)) {}
-    ImportPatch(const wchar_t* module, const char* name, void* replacement);
-    ~ImportPatch();
-    ImportPatch(const ImportPatch&) = delete;
-    ImportPatch& operator=(const ImportPatch&) = delete;
+    ~ImportPatch() { StoreProtected(m_place, m_original); }
 
 private:
     void** m_place;

@@ -8,16 +8,15 @@
 #include <utility>
 #include <vector>
 
+#include <boost/core/noncopyable.hpp>
 #include <glog/logging.h>
 
 namespace Norvex::Test {
 
-class LogCapture : public google::LogSink {
+class LogCapture : public google::LogSink, boost::noncopyable {
 public:
     LogCapture() { google::AddLogSink(this); }
     ~LogCapture() override { google::RemoveLogSink(this); }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     void send(google::LogSeverity severity, const char*, const char*, int,
               const google::LogMessageTime&, const char* message, std::size_t length) override {

@@ -3,13 +3,14 @@
 // Puts a function of the test in the place of one COM method, for as long as the patch lives:
 // MethodPatch<&ID3D12Device::CreateFence> patch(device, [](auto original, ID3D12Device* self,
 // auto... args) { ... }). All objects of the class share the method table, so the others are
-// patched too. Patches of one method do not nest. The function may run on any thread.
+// patched too. Patches of one method do not nest. The function may run on any thread. The same for
+// an imported function, by its name: MethodPatch<&D3D11CreateDevice> patch(FindImport(...), ...).
 
-#include <cstddef>
 #include <functional>
 #include <stdexcept>
-#include <type_traits>
 #include <utility>
+
+#include <boost/core/noncopyable.hpp>
 
 #include "tests/support/ImportPatch.h"
 #include "tests/support/MethodSlot.h"
@@ -26,6 +27,10 @@ auto MakeSignature(Result (WINAPI Object::*)(Args...)) {
         return std::type_identity<Result(Object*, Args...)>();
     }
 }
+template <class Result, class... Args>
+auto MakeSignature(Result(WINAPI*)(Args...)) {
+    return std::type_identity<Result(Args...)>();
+}
 template <auto method>
 using SignatureOf = typename decltype(MakeSignature(method))::type;
 
@@ -34,15 +39,17 @@ template <auto method, class Signature = SignatureOf<method>>
 class MethodPatch;
 
 template <auto method, class Result, class... Args>
-class MethodPatch<method, Result(Args...)> {
+class MethodPatch<method, Result(Args...)> : boost::noncopyable {
 public:
     using Original = Result(WINAPI*)(Args...);
     using Function = std::function<Result(Original, Args...)>;
 
     MethodPatch(IUnknown* object, Function function)
-        : m_entry(*reinterpret_cast<void***>(object) + SlotOf(method)),
+        : MethodPatch(*reinterpret_cast<void***>(object) + SlotOf(method), std::move(function)) {}
+    MethodPatch(void** entry, Function function)
+        : m_entry(entry),
           m_function(std::move(function)),
-          m_original(reinterpret_cast<Original>(*m_entry)) {
+          m_original(reinterpret_cast<Original>(*entry)) {
         if (s_current != nullptr) {
             throw std::logic_error("this method is already patched");
         }
@@ -53,8 +60,6 @@ public:
         StoreProtected(m_entry, reinterpret_cast<void*>(m_original));
         s_current = nullptr;
     }
-    MethodPatch(const MethodPatch&) = delete;
-    MethodPatch& operator=(const MethodPatch&) = delete;
 
 private:
     static Result WINAPI Call(Args... args) {
@@ -68,16 +73,14 @@ private:
     Original m_original;
 };
 
-// Makes a method answer a failure. It needs none of its other arguments, since on x64 it is the
+// Makes methods answer a failure. They need none of their other arguments, since on x64 it is the
 // caller who takes them off the stack.
-template <auto method>
-class FailingMethod {
+template <auto... methods>
+class FailingMethod : MethodPatch<methods, HRESULT(IUnknown*)>... {
 public:
     FailingMethod(IUnknown* object, HRESULT result)
-        : m_patch(object, [result](auto, IUnknown*) { return result; }) {}
-
-private:
-    MethodPatch<method, HRESULT(IUnknown*)> m_patch;
+        : MethodPatch<methods, HRESULT(IUnknown*)>(
+              object, [result](auto, IUnknown*) { return result; })... {}
 };
 
 } // namespace Norvex::Test

@@ -24,8 +24,6 @@ public:
         s_thread = GetCurrentThreadId();
     }
     ~OutOfMemory() { s_thread = 0; }
-    OutOfMemory(const OutOfMemory&) = delete;
-    OutOfMemory& operator=(const OutOfMemory&) = delete;
 
 private:
     static void* New(std::size_t size) {

@@ -1,7 +1,6 @@
 #include "tests/support/Pixels.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
@@ -10,75 +9,78 @@ namespace Norvex::Test {
 
 namespace {
 
-enum class Kind { Unorm8, Unorm16, Half, Float };
-
 struct Layout {
-    Kind kind;
     unsigned channels;
     unsigned channelSize; // bytes
+    bool isFloat = false;
 };
 
 Layout LayoutOf(DXGI_FORMAT format) {
     switch (format) {
     case DXGI_FORMAT_R8_UNORM:
-        return {Kind::Unorm8, 1, 1};
+        return {1, 1};
     case DXGI_FORMAT_R8G8_UNORM:
-        return {Kind::Unorm8, 2, 1};
+        return {2, 1};
     case DXGI_FORMAT_R8G8B8A8_UNORM:
-        return {Kind::Unorm8, 4, 1};
+        return {4, 1};
     case DXGI_FORMAT_R16_UNORM:
-        return {Kind::Unorm16, 1, 2};
+        return {1, 2};
     case DXGI_FORMAT_R16G16_UNORM:
-        return {Kind::Unorm16, 2, 2};
+        return {2, 2};
     case DXGI_FORMAT_R16G16B16A16_UNORM:
-        return {Kind::Unorm16, 4, 2};
+        return {4, 2};
     case DXGI_FORMAT_R16G16B16A16_FLOAT:
-        return {Kind::Half, 4, 2};
+        return {4, 2, true};
     case DXGI_FORMAT_R32G32B32A32_FLOAT:
-        return {Kind::Float, 4, 4};
+        return {4, 4, true};
     default:
         throw std::invalid_argument("a format that pixels are not made of here");
     }
 }
 
-template <class T>
-T ToUnorm(double value) {
-    constexpr double kMax = static_cast<T>(~T{0});
-    return static_cast<T>(std::lround(std::clamp(value, 0.0, 1.0) * kMax));
+// Of a number in the range of halves; rounded to nearest even.
+std::uint16_t ToHalf(double value) {
+    int exponent = 0;
+    std::frexp(value, &exponent);
+    const int scale = std::max(exponent - 1, -14) - 10; // of the last bit
+    const int units = static_cast<int>(std::nearbyint(std::ldexp(std::fabs(value), -scale)));
+    const int bits = units == 0 ? 0 : units + (scale + 24) * 0x400;
+    return static_cast<std::uint16_t>(value < 0.0 ? bits + 0x8000 : bits);
 }
 
-void Store(double value, Kind kind, std::uint8_t* out) {
-    const auto put = [out](auto encoded) { std::memcpy(out, &encoded, sizeof(encoded)); };
-    switch (kind) {
-    case Kind::Unorm8:
-        return put(ToUnorm<std::uint8_t>(value));
-    case Kind::Unorm16:
-        return put(ToUnorm<std::uint16_t>(value));
-    case Kind::Half:
-        return put(FloatToHalf(static_cast<float>(value)));
-    case Kind::Float:
-        return put(static_cast<float>(value));
+// An infinity is no number here.
+double FromHalf(unsigned half) {
+    const int exponent = static_cast<int>(half >> 10 & 0x1F);
+    const auto mantissa = static_cast<double>(half & 0x3FF);
+    const double value = exponent == 0x1F ? NAN
+                         : exponent == 0  ? std::ldexp(mantissa, -24)
+                                          : std::ldexp(mantissa + 0x400, exponent - 25);
+    return (half & 0x8000) != 0 ? -value : value;
+}
+
+void Store(double value, const Layout& layout, std::uint8_t* out) {
+    if (layout.channelSize == sizeof(float)) {
+        const auto number = static_cast<float>(value);
+        std::memcpy(out, &number, sizeof(number));
+        return;
     }
+    const double maximum = layout.channelSize == 1 ? 255.0 : 65535.0;
+    const auto code =
+        layout.isFloat
+            ? ToHalf(value)
+            : static_cast<std::uint16_t>(std::lround(std::clamp(value, 0.0, 1.0) * maximum));
+    std::memcpy(out, &code, layout.channelSize);
 }
 
-template <class T>
-T Get(const std::uint8_t* in) {
-    T value;
-    std::memcpy(&value, in, sizeof(value));
-    return value;
-}
-
-double Load(Kind kind, const std::uint8_t* in) {
-    switch (kind) {
-    case Kind::Unorm8:
-        return Get<std::uint8_t>(in) / 255.0;
-    case Kind::Unorm16:
-        return Get<std::uint16_t>(in) / 65535.0;
-    case Kind::Half:
-        return HalfToFloat(Get<std::uint16_t>(in));
-    default:
-        return Get<float>(in);
+double Load(const Layout& layout, const std::uint8_t* in) {
+    if (layout.channelSize == sizeof(float)) {
+        float number = 0.0F;
+        std::memcpy(&number, in, sizeof(number));
+        return number;
     }
+    std::uint16_t code = 0;
+    std::memcpy(&code, in, layout.channelSize);
+    return layout.isFloat ? FromHalf(code) : code / (layout.channelSize == 1 ? 255.0 : 65535.0);
 }
 
 } // namespace
@@ -94,7 +96,7 @@ std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format)
     std::uint8_t* out = bytes.data();
     for (const Color& color : pixels.colors) {
         for (unsigned i = 0; i < layout.channels; ++i, out += layout.channelSize) {
-            Store(color.at(i), layout.kind, out);
+            Store(color.at(i), layout, out);
         }
     }
     return bytes;
@@ -107,7 +109,7 @@ Pixels DecodePixels(const std::uint8_t* bytes, std::size_t rowPitch, unsigned wi
         const std::uint8_t* in = bytes + y * rowPitch + std::size_t{x} * BytesPerPixel(format);
         Color color = {};
         for (unsigned i = 0; i < layout.channels; ++i, in += layout.channelSize) {
-            color.at(i) = Load(layout.kind, in);
+            color.at(i) = Load(layout, in);
         }
         return color;
     });
@@ -123,37 +125,6 @@ Pixels MakePixels(unsigned width, unsigned height,
         }
     }
     return pixels;
-}
-
-float HalfToFloat(std::uint16_t half) {
-    const int exponent = half >> 10 & 0x1F;
-    const int mantissa = half & 0x3FF;
-    const float sign = (half & 0x8000) != 0 ? -1.0F : 1.0F;
-    if (exponent == 0x1F) {
-        return mantissa == 0 ? sign * INFINITY : NAN;
-    }
-    return sign * (exponent == 0 ? std::ldexp(static_cast<float>(mantissa), -24)
-                                 : std::ldexp(static_cast<float>(mantissa + 0x400), exponent - 25));
-}
-
-// Round to nearest even, infinity beyond the range.
-std::uint16_t FloatToHalf(float value) {
-    const auto sign =
-        static_cast<std::uint16_t>(std::bit_cast<std::uint32_t>(value) >> 16 & 0x8000);
-    const float magnitude = std::fabs(value);
-    if (std::isnan(value)) {
-        return static_cast<std::uint16_t>(sign | 0x7E00);
-    }
-    if (magnitude >= 65520.0F) {
-        return static_cast<std::uint16_t>(sign | 0x7C00);
-    }
-    int exponent = 0;
-    std::frexp(magnitude, &exponent);
-    const int scale = std::max(exponent - 1, -14) - 10; // of the last bit
-    const auto units = static_cast<std::uint32_t>(std::nearbyint(std::ldexp(magnitude, -scale)));
-    const std::uint32_t bits =
-        units == 0 ? 0 : units + (static_cast<std::uint32_t>(scale + 24) << 10);
-    return static_cast<std::uint16_t>(sign | bits);
 }
 
 Pixels Quantize(const Pixels& pixels, DXGI_FORMAT format) {

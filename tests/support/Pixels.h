@@ -28,9 +28,6 @@ struct Pixels {
 Pixels MakePixels(unsigned width, unsigned height,
                   const std::function<Color(unsigned x, unsigned y)>& colorAt);
 
-float HalfToFloat(std::uint16_t half);
-std::uint16_t FloatToHalf(float value);
-
 unsigned BytesPerPixel(DXGI_FORMAT format);
 // Rows without gaps; values are quantised as the format does.
 std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format);

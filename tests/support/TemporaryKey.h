@@ -8,16 +8,16 @@
 #include <string>
 #include <utility>
 
+#include <boost/core/noncopyable.hpp>
+
 #include "Platform/Direct3D.h"
 
 namespace Norvex::Test {
 
-class TemporaryKey {
+class TemporaryKey : boost::noncopyable {
 public:
     explicit TemporaryKey(std::wstring path) : m_path(std::move(path)) {}
     ~TemporaryKey() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, m_path.c_str()); }
-    TemporaryKey(const TemporaryKey&) = delete;
-    TemporaryKey& operator=(const TemporaryKey&) = delete;
 
     // In the key itself or, by its path, one below.
     void Set(const std::wstring& subkey, const wchar_t* name, const std::wstring& text) {

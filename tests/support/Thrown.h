@@ -91,6 +91,9 @@ inline std::string FunctionIn(std::string_view call) {
 #define NORVEX_EXPECT_REFUSED12(sentence, ...)                                                     \
     Norvex::Test::ExpectFailure12([&] { __VA_ARGS__; }, sentence,                                  \
                                   Norvex::Test::FunctionIn(#__VA_ARGS__))
+#define NORVEX_EXPECT_REFUSED11(sentence, ...)                                                     \
+    Norvex::Test::ExpectFailure11([&] { __VA_ARGS__; }, sentence,                                  \
+                                  Norvex::Test::FunctionIn(#__VA_ARGS__))
 
 // As ExpectFailure12, because the object's method fails.
 template <auto method, class Call>

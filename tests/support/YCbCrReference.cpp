@@ -1,61 +1,51 @@
 #include "tests/support/YCbCrReference.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include <fmt/format.h>
 
 namespace Norvex::Test {
 
+using Conf::YCbCrMatrix;
+
 namespace {
 
-struct Weights {
-    double red;
-    double blue;
-};
-
-Weights GetWeights(Conf::YCbCrMatrix matrix) {
-    switch (matrix) {
-    case Conf::YCbCrMatrix::BT601:
-        return {0.299, 0.114};
-    case Conf::YCbCrMatrix::BT709:
-        return {0.2126, 0.0722};
-    default:
-        return {0.2627, 0.0593};
-    }
-}
-
-// One channel of a pixel, in 1/256 of the range.
-double GetCode(const Color& color, double opacity, const Weights& weights, std::size_t channel) {
-    const double y = weights.red * color[0] + weights.blue * color[2] +
-                     (1.0 - weights.red - weights.blue) * color[1];
-    const double blue = (color[2] - y) / (2.0 * (1.0 - weights.blue));
-    const double red = (color[0] - y) / (2.0 * (1.0 - weights.red));
-    return channel == 0 ? 16.0 + 219.0 * y * opacity
-                        : 128.0 + 224.0 * opacity * (channel == 1 ? blue : red);
+// Cut to the narrow range, as what filters and scRGB leave beyond needs it.
+std::array<double, 3> CodesOf(const Color& color, double opacity, YCbCrMatrix matrix) {
+    const auto [kr, kb] = matrix == YCbCrMatrix::BT601   ? std::pair(0.299, 0.114)
+                          : matrix == YCbCrMatrix::BT709 ? std::pair(0.2126, 0.0722)
+                                                         : std::pair(0.2627, 0.0593);
+    const double y = kr * color[0] + (1.0 - kr - kb) * color[1] + kb * color[2];
+    const auto chroma = [opacity](double difference) {
+        return std::clamp(128.0 + 224.0 * opacity * difference, 16.0, 240.0) / 256.0;
+    };
+    return {std::clamp(16.0 + 219.0 * opacity * y, 16.0, 235.0) / 256.0,
+            chroma((color[2] - y) / (2.0 * (1.0 - kb))),
+            chroma((color[0] - y) / (2.0 * (1.0 - kr)))};
 }
 
 } // namespace
 
-std::vector<double> ReferenceFrame(const Pixels& pixels, Conf::YCbCrMatrix matrix,
-                                   Proc::AlphaType alpha, const DX::Size2DT<unsigned>& chromaSize) {
-    const auto codeAt = [&](unsigned x, unsigned y, std::size_t channel) {
+std::vector<double> ReferenceFrame(const Pixels& pixels, YCbCrMatrix matrix, Proc::AlphaType alpha,
+                                   const DX::Size2DT<unsigned>& chromaSize) {
+    const auto at = [&](unsigned x, unsigned y) {
         const Color& color =
             pixels.At(std::min(x, pixels.width - 1), std::min(y, pixels.height - 1));
-        const double opacity = alpha == Proc::AlphaType::NonPremultiplied ? color[3] : 1.0;
-        return GetCode(color, opacity, GetWeights(matrix), channel) / 256.0;
+        return CodesOf(color, alpha == Proc::AlphaType::NonPremultiplied ? color[3] : 1.0, matrix);
     };
     std::vector<double> frame;
     for (unsigned y = 0; y < pixels.height; ++y) {
         for (unsigned x = 0; x < pixels.width; ++x) {
-            frame.push_back(codeAt(x, y, 0));
+            frame.push_back(at(x, y)[0]);
         }
     }
     for (unsigned y = 0; y < 2 * chromaSize.height; y += 2) {
         for (unsigned x = 0; x < 2 * chromaSize.width; x += 2) {
+            const std::array corners = {at(x, y), at(x + 1, y), at(x, y + 1), at(x + 1, y + 1)};
             for (const std::size_t i : {1U, 2U}) {
-                frame.push_back((codeAt(x, y, i) + codeAt(x + 1, y, i) + codeAt(x, y + 1, i) +
-                                 codeAt(x + 1, y + 1, i)) /
+                frame.push_back((corners[0][i] + corners[1][i] + corners[2][i] + corners[3][i]) /
                                 4.0);
             }
         }

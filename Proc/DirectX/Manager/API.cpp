@@ -103,7 +103,7 @@ long API::CreateFactory2(unsigned flags, CComPtr<IDXGIFactory2>& out) {
     if (m_createFactory2 == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    return m_createFactory2(flags, __uuidof(IDXGIFactory2), reinterpret_cast<void**>(&out));
+    return m_createFactory2(flags, IID_PPV_ARGS(&out));
 }
 
 long API::CreateDevice(IDXGIAdapter1* adapter, D3D_FEATURE_LEVEL level,
@@ -111,8 +111,7 @@ long API::CreateDevice(IDXGIAdapter1* adapter, D3D_FEATURE_LEVEL level,
     if (m_d12CreateDevice == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    const long result =
-        m_d12CreateDevice(adapter, level, __uuidof(ID3D12Device), reinterpret_cast<void**>(&out));
+    const long result = m_d12CreateDevice(adapter, level, IID_PPV_ARGS(&out));
     D3D12SDKVersion();
     return result;
 }
@@ -133,14 +132,14 @@ long API::GetDebugInterface(CComPtr<ID3D12Debug>& out) {
     if (m_d12GetDebugInterface == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    return m_d12GetDebugInterface(__uuidof(ID3D12Debug), reinterpret_cast<void**>(&out));
+    return m_d12GetDebugInterface(IID_PPV_ARGS(&out));
 }
 
 long API::GetDebugInterface(CComPtr<IDXGIDebug>& out) {
     if (m_dxgiGetDebugInterface == nullptr) {
         return E_DELAY_LOAD_FAILED;
     }
-    return m_dxgiGetDebugInterface(__uuidof(IDXGIDebug), reinterpret_cast<void**>(&out));
+    return m_dxgiGetDebugInterface(IID_PPV_ARGS(&out));
 }
 
 std::optional<unsigned> API::D3D12SDKVersion() {

@@ -1,4 +1,5 @@
-#include <array>
+#include "Proc/DirectX/Manager/AffineTransform.h"
+
 #include <cmath>
 #include <cstddef>
 #include <stdexcept>

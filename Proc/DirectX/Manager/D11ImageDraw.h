@@ -9,6 +9,14 @@
 #include <memory>
 #include <optional>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/AffineTransform.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -16,6 +24,8 @@
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
 namespace Norvex::DX {
+
+class D11QuadPipeline;
 
 class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
 public:
@@ -66,22 +76,9 @@ protected:
     std::optional<AffineTransform> m_transform;
 
 private:
-    CComPtr<ID3D11Buffer>
-    CreateParamsBuffer(const AffineTransform& clipTransform,
-                       const std::optional<Proc::ColorAlphaConversionInfo>& conversion) const;
-    void BindOutput(D11DeviceContext& context, const D11RenderTexture2D& target,
-                    const Rect2DT<long>& viewport) const;
-    void BindInput(D11DeviceContext& context, const D11ShaderTexture2D& source,
-                   ID3D11Buffer* parameters) const;
-
     boost::intrusive_ptr<D11Device> m_device;
-    std::shared_ptr<D11VertexShader> m_vertexShader;
+    std::unique_ptr<D11QuadPipeline> m_pipeline;
     std::shared_ptr<D11PixelShader> m_pixelShader;
-    boost::intrusive_ptr<D11VertexBuffer> m_vertexBuffer;
-    CComPtr<ID3D11InputLayout> m_inputLayout;
-    CComPtr<ID3D11SamplerState> m_sampler;
-    CComPtr<ID3D11RasterizerState> m_rasterizer;
-    CComPtr<ID3D11DepthStencilState> m_depthStencil;
     CComPtr<ID3D11BlendState> m_blendState;
 };
 

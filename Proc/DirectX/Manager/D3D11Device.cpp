@@ -8,6 +8,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Host/RefCountable.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
@@ -99,9 +100,8 @@ boost::intrusive_ptr<D11Device> D11Device::Attach(ID3D11Device* device) {
     CComPtr<ID3D11DeviceContext> context;
     device->GetImmediateContext(&context);
     CComPtr<IDXGIDevice> dxgiDevice;
-    ThrowIfFailed<DirectX11Exception>(
-        device->QueryInterface(__uuidof(IDXGIDevice), reinterpret_cast<void**>(&dxgiDevice)),
-        "Failed to get DXGI device", device);
+    ThrowIfFailed<DirectX11Exception>(device->QueryInterface(IID_PPV_ARGS(&dxgiDevice)),
+                                      "Failed to get DXGI device", device);
     CComPtr<IDXGIAdapter> adapter;
     ThrowIfFailed<DirectX11Exception>(dxgiDevice->GetAdapter(&adapter),
                                       "Failed to get DXGI adapter", device);
@@ -138,9 +138,8 @@ D11Device::D11Device(const CComPtr<ID3D11Device>& device,
 }
 
 void D11Device::MakeContext(const CComPtr<ID3D11DeviceContext>& context) {
-    CComPtr<ID3D11DeviceContext4> context4;
-    m_device->QueryInterface(__uuidof(ID3D11Device5), reinterpret_cast<void**>(&m_device5));
-    context->QueryInterface(__uuidof(ID3D11DeviceContext4), reinterpret_cast<void**>(&context4));
+    m_device5 = Platform::Query<ID3D11Device5>(m_device);
+    auto context4 = Platform::Query<ID3D11DeviceContext4>(context);
     if (m_device5 == nullptr || context4 == nullptr) {
         m_device5.Release();
         context4.Release();
@@ -164,7 +163,7 @@ std::uint32_t D11Device::Release() {
         device = m_device;
         context = m_context;
     }
-    return D3Device::Release();
+    return RefCountImpl::Release();
 }
 
 long D11Device::GetDeviceRemovedReason() {
@@ -198,9 +197,8 @@ CComPtr<IDXGISwapChain> D11Device::CreateSwapChainForHwnd(HWND window,
         factory = DXGIFactory::Create();
     } else {
         CComPtr<IDXGIDevice> dxgiDevice;
-        ThrowIfFailed<DirectX11Exception>(
-            m_device->QueryInterface(__uuidof(IDXGIDevice), reinterpret_cast<void**>(&dxgiDevice)),
-            "Failed to get DXGI device", m_device);
+        ThrowIfFailed<DirectX11Exception>(m_device->QueryInterface(IID_PPV_ARGS(&dxgiDevice)),
+                                          "Failed to get DXGI device", m_device);
         factory = DXGIFactory::GetFromDevice(dxgiDevice);
     }
     CComPtr<IDXGISwapChain> swapChain;

@@ -6,7 +6,9 @@
 // made for one thread (see Attach). Throws DirectX11Exception. Next: D3D11DeviceContext.h,
 // D3D11Resource.h.
 
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -14,6 +16,7 @@
 
 #include "Host/BitFlags.h"
 #include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3Device.h"
 
 namespace Norvex::DX {

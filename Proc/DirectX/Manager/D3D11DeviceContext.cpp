@@ -1,5 +1,7 @@
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 
+#include <source_location>
+
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "Proc/DirectX/Manager/Throw.h"

@@ -1,12 +1,13 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 
 #include <limits>
-#include <utility>
+#include <source_location>
 
 #include <fmt/format.h>
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -71,17 +72,24 @@ CreateShaderResourceView(ID3D11Texture2D* texture, const std::optional<DXGI_FORM
 
 CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
     CComPtr<IDXGIKeyedMutex> mutex;
-    ThrowIfFailed<DirectX11Exception>(
-        texture->QueryInterface(__uuidof(IDXGIKeyedMutex), reinterpret_cast<void**>(&mutex)),
-        "Failed to get texture key mutex", GetDevice(texture));
+    ThrowIfFailed<DirectX11Exception>(texture->QueryInterface(IID_PPV_ARGS(&mutex)),
+                                      "Failed to get texture key mutex", GetDevice(texture));
     return mutex;
 }
 
-// Refuses what would not fit the description's 32 bits, and no data, as the system refuses it.
+template <class Index>
 CComPtr<ID3D11Buffer>
-CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, D3D11_BIND_FLAG bind,
-                   const void* data, UINT64 sizeInBytes,
-                   const std::source_location& location = std::source_location::current()) {
+CreateIndices(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
+              const std::source_location& location = std::source_location::current()) {
+    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
+                              UINT64{sizeof(Index)} * indices.size(), location);
+}
+
+} // namespace
+
+CComPtr<ID3D11Buffer> CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device,
+                                         D3D11_BIND_FLAG bind, const void* data, UINT64 sizeInBytes,
+                                         const std::source_location& location) {
     Require(device, location);
     if (data == nullptr || sizeInBytes == 0 || sizeInBytes > std::numeric_limits<UINT>::max()) {
         ThrowResult<DirectX11Exception>(
@@ -95,16 +103,6 @@ CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, D3D11_BIND_FLA
     const D3D11_SUBRESOURCE_DATA initialData = {data, 0, 0};
     return device->CreateBuffer(desc, &initialData);
 }
-
-template <class Index>
-CComPtr<ID3D11Buffer>
-CreateFilledBuffer(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
-                   const std::source_location& location = std::source_location::current()) {
-    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
-                              UINT64{sizeof(Index)} * indices.size(), location);
-}
-
-} // namespace
 
 D11RenderTexture2D::D11RenderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
                                        const std::optional<DXGI_FORMAT>& viewFormat)
@@ -197,9 +195,8 @@ void D11SharedTexture2D::ReleaseSync(UINT64 key) {
 HANDLE D11SharedTexture2D::CreateSharedHandle(DWORD access) {
     const auto device = GetDevice(m_texture);
     CComPtr<IDXGIResource1> resource;
-    ThrowIfFailed<DirectX11Exception>(
-        m_texture->QueryInterface(__uuidof(IDXGIResource1), reinterpret_cast<void**>(&resource)),
-        "Failed to query interface", device);
+    ThrowIfFailed<DirectX11Exception>(m_texture->QueryInterface(IID_PPV_ARGS(&resource)),
+                                      "Failed to query interface", device);
     HANDLE handle = nullptr;
     ThrowIfFailed<DirectX11Exception>(
         resource->CreateSharedHandle(nullptr, access, nullptr, &handle),
@@ -232,17 +229,15 @@ D11IndexBuffer::~D11IndexBuffer() = default;
 boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint16_t>& indices) {
-    return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R16_UINT,
-                           static_cast<UINT>(indices.size())));
+    return boost::intrusive_ptr<D11IndexBuffer>(new D11IndexBuffer(
+        CreateIndices(device, indices), DXGI_FORMAT_R16_UINT, static_cast<UINT>(indices.size())));
 }
 
 boost::intrusive_ptr<D11IndexBuffer>
 D11IndexBuffer::Create(const boost::intrusive_ptr<D11Device>& device,
                        const std::vector<std::uint32_t>& indices) {
-    return boost::intrusive_ptr<D11IndexBuffer>(
-        new D11IndexBuffer(CreateFilledBuffer(device, indices), DXGI_FORMAT_R32_UINT,
-                           static_cast<UINT>(indices.size())));
+    return boost::intrusive_ptr<D11IndexBuffer>(new D11IndexBuffer(
+        CreateIndices(device, indices), DXGI_FORMAT_R32_UINT, static_cast<UINT>(indices.size())));
 }
 
 D11CompletionEvent::D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,
@@ -265,8 +260,7 @@ D11CompletionEvent::OpenShared(const boost::intrusive_ptr<D11Device>& device,
                                     "D12 completion event not shared");
     CComPtr<ID3D11Fence> fence;
     ThrowIfFailed<DirectX11Exception>(
-        device->Get5()->OpenSharedFence(event->GetSharedHandle(), __uuidof(ID3D11Fence),
-                                        reinterpret_cast<void**>(&fence)),
+        device->Get5()->OpenSharedFence(event->GetSharedHandle(), IID_PPV_ARGS(&fence)),
         "Failed to create fence", device->Get());
     return boost::intrusive_ptr<D11CompletionEvent>(new D11CompletionEvent(fence, event));
 }

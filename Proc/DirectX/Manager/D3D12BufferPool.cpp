@@ -1,23 +1,15 @@
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 
 #include <bit>
-#include <new>
 #include <optional>
-#include <utility>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/D3D12FreeList.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
 
 namespace {
-
-constexpr std::chrono::seconds kReusablePeriod{2};
-constexpr std::chrono::milliseconds kPurgePeriod{2000};
-
-std::size_t SizeClassOf(std::uint64_t roundedSize) {
-    return static_cast<std::size_t>(std::countl_zero(roundedSize));
-}
 
 // Empty for a heap type that has no pool.
 std::optional<D3D12_RESOURCE_STATES> InitialStateOf(D3D12_HEAP_TYPE heapType) {
@@ -55,7 +47,7 @@ constexpr D3D12_RANGE kNothing = {0, 0};
 D12BufferPool::D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType)
     : m_device(device),
       m_heapType(heapType),
-      m_purgeTimer([this] { PurgeBuffers(); }) {}
+      m_free(std::make_unique<D12FreeList>()) {}
 
 D12BufferPool::~D12BufferPool() = default;
 
@@ -64,24 +56,11 @@ boost::intrusive_ptr<D12Buffer> D12BufferPool::CreateBuffer(std::uint64_t size) 
     ThrowUnless<DirectX12Exception>(std::countl_zero(size) != 0,
                                     "Buffer size requested is too large");
     const std::uint64_t roundedSize = std::uint64_t{1} << std::bit_width(size);
-    CComPtr<ID3D12Resource> resource = TakeFree(roundedSize);
-    if (!resource) {
+    CComPtr<ID3D12Resource> resource = m_free->Take(roundedSize, D12FreeList::End::Newest);
+    if (resource == nullptr) {
         resource = CreateDimensionBuffer(roundedSize);
     }
     return boost::intrusive_ptr<D12Buffer>(new D12Buffer(resource, this));
-}
-
-CComPtr<ID3D12Resource> D12BufferPool::TakeFree(std::uint64_t roundedSize) {
-    const std::scoped_lock lock(m_lock);
-    auto& sizeClass = m_sizeClasses[SizeClassOf(roundedSize)];
-    if (sizeClass.empty()) {
-        return nullptr;
-    }
-    const FreeList::iterator entry = sizeClass.back();
-    CComPtr<ID3D12Resource> resource = std::move(entry->resource);
-    sizeClass.pop_back();
-    m_freeList.erase(entry);
-    return resource;
 }
 
 CComPtr<ID3D12Resource> D12BufferPool::CreateDimensionBuffer(std::uint64_t roundedSize) {
@@ -97,57 +76,12 @@ CComPtr<ID3D12Resource> D12BufferPool::CreateDimensionBuffer(std::uint64_t round
     return resource;
 }
 
-void D12BufferPool::ReuseBuffer(D12Buffer* buffer) {
-    const std::uint64_t size = buffer->GetSize();
-    FreeList entry(1, FreeBuffer{size, buffer->GetResource(), {}});
-    const std::scoped_lock lock(m_lock);
-    entry.front().expiry = std::chrono::steady_clock::now() + kReusablePeriod;
-    // Only this can run out of memory here, and nothing has changed yet.
-    m_sizeClasses[SizeClassOf(size)].push_back(entry.begin());
-    m_freeList.splice(m_freeList.end(), entry);
-    if (!m_purgeTimer.IsRunning()) {
-        m_purgeTimer.StartPeriodic(kPurgePeriod);
-    }
-}
-
-void D12BufferPool::PurgeBuffers() {
-    const auto now = std::chrono::steady_clock::now();
-    // Each resource is released here, outside the lock.
-    while (TakeExpired(now)) {
-    }
-}
-
-CComPtr<ID3D12Resource> D12BufferPool::TakeExpired(std::chrono::steady_clock::time_point now) {
-    const std::scoped_lock lock(m_lock);
-    CComPtr<ID3D12Resource> resource;
-    if (!m_freeList.empty() && m_freeList.front().expiry <= now) {
-        resource = std::move(m_freeList.front().resource);
-        // The oldest of all is the oldest of its class.
-        auto& sizeClass = m_sizeClasses[SizeClassOf(m_freeList.front().size)];
-        sizeClass.erase(sizeClass.begin());
-        m_freeList.pop_front();
-    }
-    if (m_freeList.empty()) {
-        m_purgeTimer.Stop();
-    }
-    return resource;
-}
-
 void D12BufferPool::Clear() {
-    FreeList released; // outside the lock, at the end
-    const std::scoped_lock lock(m_lock);
-    m_purgeTimer.Stop();
-    m_sizeClasses.fill({});
-    released.swap(m_freeList);
+    m_free->Clear();
 }
 
 std::pair<std::size_t, std::uint64_t> D12BufferPool::CountFree() const {
-    const std::scoped_lock lock(m_lock);
-    std::uint64_t bytes = 0;
-    for (const FreeBuffer& buffer : m_freeList) {
-        bytes += buffer.size;
-    }
-    return {m_freeList.size(), bytes};
+    return m_free->Count();
 }
 
 D12Buffer::D12Buffer(const CComPtr<ID3D12Resource>& resource,
@@ -164,13 +98,8 @@ D12Buffer::D12Buffer(const D12Buffer& other)
       m_original(other.m_original ? other.m_original.get() : const_cast<D12Buffer*>(&other)) {}
 
 D12Buffer::~D12Buffer() {
-    if (m_original) {
-        return;
-    }
-    try {
-        m_pool->ReuseBuffer(this);
-    } catch (const std::bad_alloc&) {
-        m_resource.Release(); // out of memory: freed instead of pooled
+    if (m_original == nullptr) {
+        m_pool->m_free->Put(GetSize(), m_resource);
     }
 }
 

@@ -5,26 +5,23 @@
 // that runs every 2 s while there are free buffers. The pool lives as long as any of its buffers.
 // Pools: any thread. A buffer: one thread at a time. Throws DirectX12Exception.
 
-#include <array>
-#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
-#include <mutex>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
 #include "Host/RefCountable.h"
-#include "Host/WaitableTimer.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 
 namespace Norvex::DX {
 
 class D12Buffer;
+class D12FreeList;
 
 class NORVEX_DX_API D12BufferPool : public RefCountImpl {
 public:
@@ -47,27 +44,11 @@ public:
 private:
     friend class D12Buffer;
 
-    struct FreeBuffer {
-        std::uint64_t size;
-        CComPtr<ID3D12Resource> resource;
-        std::chrono::steady_clock::time_point expiry;
-    };
-    using FreeList = std::list<FreeBuffer>;
-
-    CComPtr<ID3D12Resource> TakeFree(std::uint64_t roundedSize);
     CComPtr<ID3D12Resource> CreateDimensionBuffer(std::uint64_t roundedSize);
-    void ReuseBuffer(D12Buffer* buffer);
-    void PurgeBuffers();
-    CComPtr<ID3D12Resource> TakeExpired(std::chrono::steady_clock::time_point now);
 
     CComPtr<ID3D12Device> m_device;
     D3D12_HEAP_TYPE m_heapType;
-    mutable std::mutex
-        m_lock;          // guards the free list, the size classes, start and stop of the timer
-    FreeList m_freeList; // oldest first
-    std::array<std::vector<FreeList::iterator>, 64>
-        m_sizeClasses;                // by leading zero bits of the size
-    Core::WaitableTimer m_purgeTimer; // last: its callback uses all of the above
+    std::unique_ptr<D12FreeList> m_free;
 };
 
 class NORVEX_DX_API D12Buffer : public RefCountImpl {

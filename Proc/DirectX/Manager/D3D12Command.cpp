@@ -1,7 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"
@@ -12,8 +11,7 @@ namespace Norvex::DX {
 D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device,
                                      D3D12_COMMAND_LIST_TYPE type) {
     ThrowIfFailed<DirectX12Exception>(
-        device->CreateCommandAllocator(type, __uuidof(ID3D12CommandAllocator),
-                                       reinterpret_cast<void**>(&m_allocator)),
+        device->CreateCommandAllocator(type, IID_PPV_ARGS(&m_allocator)),
         "Failed to create command allocator", device);
     m_completionEvent.reset(new D12CompletionEvent(device, D3D12_FENCE_FLAG_NONE));
 }
@@ -162,8 +160,6 @@ void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& 
 }
 
 void D12CommandAllocator::Execute() {
-    // Released after the lock: the objects' destructors may wait for this allocator.
-    std::vector<D12TrackedObjects> finished;
     {
         const std::lock_guard guard(m_lock);
         ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
@@ -171,7 +167,7 @@ void D12CommandAllocator::Execute() {
         ThrowUnless<DirectX12Exception>(
             std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
             "Found command list that was not closed");
-        finished = WaitAndTake(Location::current());
+        const auto finished = WaitAndTake(Location::current());
         Submit(Location::current());
     }
     QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
@@ -227,9 +223,8 @@ std::vector<D12TrackedObjects> D12CommandAllocator::WaitAndTake(const Location& 
 }
 
 void D12CommandAllocator::WaitComplete() {
-    std::vector<D12TrackedObjects> finished; // released after the lock, as in Execute
     const std::lock_guard guard(m_lock);
-    finished = WaitAndTake(Location::current());
+    const auto finished = WaitAndTake(Location::current());
 }
 
 void D12CommandAllocator::DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,

@@ -15,6 +15,13 @@
 #include <utility>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/BitFlags.h"
+#include "Host/Color.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 
 namespace Norvex::DX {
@@ -95,8 +102,9 @@ public:
     // std::system_error (no thread for the background): submitted; the next wait signals and waits
     // for it.
     void Execute();
-    // Blocks until the GPU has finished, and releases what the submission used; those objects'
-    // destructors may use this allocator. "Failed to signal fence" (a removed device, as a rule),
+    // Blocks until the GPU has finished and what the submission used is released, here or by the
+    // background thread that came first; those objects' destructors may use this allocator. The
+    // caller holds no lock that they take. "Failed to signal fence" (a removed device, as a rule),
     // "Failed to set event on completion": nothing is released.
     void WaitComplete();
 
@@ -165,9 +173,10 @@ private:
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
-    // Guards submission and release. Held from the wait for the GPU until what it used is taken: a
-    // submission between the two would have its objects released in flight.
-    std::mutex m_lock;
+    // Guards submission and release. Held from the wait for the GPU until what it used is released:
+    // whoever waits next may rely on that, as a swap chain does that resizes its buffers.
+    // Recursive, since the destructors may use this allocator.
+    std::recursive_mutex m_lock;
     // The queue has work of this allocator that no signal follows.
     std::atomic<bool> m_isSignalDue{false};
     std::vector<FenceWait> m_waits;

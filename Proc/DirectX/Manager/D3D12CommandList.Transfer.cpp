@@ -1,6 +1,9 @@
 // Uploads, recorded on a list.
 
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
+
+#include <cstring>
+
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <source_location>
+#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"

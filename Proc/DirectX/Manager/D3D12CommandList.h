@@ -10,7 +10,12 @@
 #include <span>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
 #include "Host/Color.h"
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12CommandTracking.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"

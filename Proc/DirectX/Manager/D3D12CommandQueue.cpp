@@ -17,9 +17,8 @@ namespace Norvex::DX {
 D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device,
                                        D3D12_FENCE_FLAGS flags) {
     ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
-    ThrowIfFailed<DirectX12Exception>(
-        device->CreateFence(0, flags, __uuidof(ID3D12Fence), reinterpret_cast<void**>(&m_fence)),
-        "Failed to create fence", device);
+    ThrowIfFailed<DirectX12Exception>(device->CreateFence(0, flags, IID_PPV_ARGS(&m_fence)),
+                                      "Failed to create fence", device);
     if ((flags & D3D12_FENCE_FLAG_SHARED) != 0) {
         ThrowIfFailed<DirectX12Exception>(
             device->CreateSharedHandle(m_fence, nullptr, GENERIC_ALL, nullptr, &m_sharedHandle),
@@ -64,8 +63,7 @@ D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
       m_type(desc.Type) {
     ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
     ThrowIfFailed<DirectX12Exception>(
-        m_device->Get()->CreateCommandQueue(&desc, __uuidof(ID3D12CommandQueue),
-                                            reinterpret_cast<void**>(&m_queue)),
+        m_device->Get()->CreateCommandQueue(&desc, IID_PPV_ARGS(&m_queue)),
         "Failed to create command queue", m_device->Get());
     m_completionEvent = m_device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
 }

@@ -1,9 +1,9 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 
-#include <new>
 #include <utility>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/SlotBitmap.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -42,13 +42,8 @@ D12DescriptorHeap::D12DescriptorHeap(const CComPtr<ID3D12Device>& device,
       m_pool(std::move(pool)) {}
 
 D12DescriptorHeap::~D12DescriptorHeap() {
-    if (!m_pool) {
-        return;
-    }
-    try {
-        m_pool->ReuseHeap(this);
-    } catch (const std::bad_alloc&) {
-        m_heap.Release(); // out of memory: freed instead of recycled
+    if (m_pool != nullptr) {
+        m_pool->ReuseHeap(*this);
     }
 }
 
@@ -87,25 +82,28 @@ D12DescriptorCPUHeap::D12DescriptorCPUHeap(const CComPtr<ID3D12Device>& device,
                                            CComPtr<ID3D12DescriptorHeap> heap,
                                            boost::intrusive_ptr<D12DescriptorHeapPool> pool)
     : D12DescriptorHeap(device, std::move(heap), std::move(pool)),
-      m_slots(m_desc.NumDescriptors) {}
+      m_slots(std::make_unique<SlotBitmap>(m_desc.NumDescriptors)) {}
+
+D12DescriptorCPUHeap::~D12DescriptorCPUHeap() = default;
 
 void D12DescriptorCPUHeap::ReuseDescriptor(D12Descriptor* descriptor) {
-    m_slots.Free(descriptor->GetIndex());
+    m_slots->Free(descriptor->GetIndex());
+}
+
+bool D12DescriptorCPUHeap::HasFree() const {
+    return m_slots->HasFree();
 }
 
 boost::intrusive_ptr<D12Descriptor> D12DescriptorCPUHeap::AllocateDescriptor(
     std::vector<CComPtr<ID3D12Resource>> resources, D12Descriptor::DescriptorType type,
     DXGI_FORMAT format, const char* noSpaceSentence, const std::source_location& location) {
     std::erase(resources, nullptr);
-    const auto slot = m_slots.Allocate();
+    const auto slot = m_slots->Allocate();
     ThrowUnless<DirectX12Exception>(slot.has_value(), noSpaceSentence, location);
-    try {
+    return m_slots->Fill(*slot, [&] {
         return boost::intrusive_ptr<D12Descriptor>(
             new D12Descriptor(std::move(resources), type, format, *slot, this));
-    } catch (...) {
-        m_slots.Free(*slot); // no descriptor came to life that would free it
-        throw;
-    }
+    });
 }
 
 boost::intrusive_ptr<D12Descriptor>

@@ -6,17 +6,26 @@
 // and keeps one shared CPU heap a type for one-off views. Pool and CPU heaps: any thread. A GPU
 // heap: one thread at a time. Throws DirectX12Exception.
 
-#include <map>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <source_location>
-#include <unordered_map>
+#include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
-#include "Proc/DirectX/Manager/SlotBitmap.h"
 
 namespace Norvex::DX {
 
 class D12DescriptorHeapPool;
+template <class Raw, class Heap>
+class D12PooledHeaps;
+class SlotBitmap;
 
 class NORVEX_DX_API D12DescriptorHeap : public RefCountImpl {
 public:
@@ -43,14 +52,16 @@ protected:
     D3D12_DESCRIPTOR_HEAP_DESC m_desc;
     std::uint32_t m_increment;
     D3D12_CPU_DESCRIPTOR_HANDLE m_cpuStart;
-    boost::intrusive_ptr<D12DescriptorHeapPool>
-        m_pool; // null while the pool holds this as a shared heap
+    // Null while the pool holds this as a shared heap.
+    boost::intrusive_ptr<D12DescriptorHeapPool> m_pool;
 };
 
 class NORVEX_DX_API D12DescriptorCPUHeap : public D12DescriptorHeap {
 public:
+    ~D12DescriptorCPUHeap() override;
+
     void ReuseDescriptor(D12Descriptor* descriptor) override;
-    bool HasFree() const { return m_slots.HasFree(); }
+    bool HasFree() const;
 
     // Views by description; without one Direct3D derives it from the resource. Null resources with
     // a description are null descriptors, which read as zero and keep nothing alive. Each: "Invalid
@@ -97,6 +108,8 @@ public:
 
 private:
     friend class D12DescriptorHeapPool;
+    template <class Raw, class Heap>
+    friend class D12PooledHeaps;
 
     D12DescriptorCPUHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12DescriptorHeap> heap,
                          boost::intrusive_ptr<D12DescriptorHeapPool> pool);
@@ -107,7 +120,7 @@ private:
                        const char* noSpaceSentence,
                        const std::source_location& location = std::source_location::current());
 
-    SlotBitmap m_slots;
+    std::unique_ptr<SlotBitmap> m_slots;
 };
 
 class NORVEX_DX_API D12DescriptorGPUHeap : public D12DescriptorHeap {
@@ -160,23 +173,16 @@ public:
 private:
     friend class D12DescriptorHeap;
 
-    using FreeHeaps = std::multimap<std::uint32_t, CComPtr<ID3D12DescriptorHeap>>; // by capacity
-
     CComPtr<ID3D12DescriptorHeap> CreateHeap(D3D12_DESCRIPTOR_HEAP_TYPE type,
                                              D3D12_DESCRIPTOR_HEAP_FLAGS flags, unsigned count);
-    CComPtr<ID3D12DescriptorHeap> TakeFreeHeap(std::uint32_t key, unsigned count);
-    const boost::intrusive_ptr<D12DescriptorCPUHeap>&
-    GetSharedHeap(D3D12_DESCRIPTOR_HEAP_TYPE type);
-    void ReuseHeap(D12DescriptorHeap* heap);
+    // create(D12DescriptorCPUHeap&) makes a view in the shared heap of the type.
+    template <class Create>
+    boost::intrusive_ptr<D12Descriptor> CreateShared(D3D12_DESCRIPTOR_HEAP_TYPE type,
+                                                     const Create& create);
+    void ReuseHeap(const D12DescriptorHeap& heap) noexcept;
 
     CComPtr<ID3D12Device> m_device;
-    mutable std::mutex m_freeHeapsMutex;
-    std::unordered_map<std::uint32_t, FreeHeaps> m_freeHeaps; // by flags and type
-    // Held over the whole making of a shared view; the other two locks (free heaps, slots) are
-    // taken inside it.
-    std::mutex m_sharedMutex;
-    std::unordered_map<D3D12_DESCRIPTOR_HEAP_TYPE, boost::intrusive_ptr<D12DescriptorCPUHeap>>
-        m_sharedHeaps;
+    std::unique_ptr<D12PooledHeaps<ID3D12DescriptorHeap, D12DescriptorCPUHeap>> m_heaps;
 };
 
 } // namespace Norvex::DX

@@ -4,9 +4,15 @@
 // copies them into a shader-visible heap. Not thread-safe: one recording thread at a time. Throws
 // DirectX12Exception.
 
+#include <cstdint>
 #include <optional>
+#include <source_location>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12RootParameter.h"
 
 namespace Norvex::DX {

@@ -35,8 +35,7 @@ CComPtr<ID3D12Resource> D12Device::CreateBuffer(const D12BufferDesc& desc) {
     CComPtr<ID3D12Resource> buffer;
     ThrowIfFailed<DirectX12Exception>(
         m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc, desc.initialState,
-                                          nullptr, __uuidof(ID3D12Resource),
-                                          reinterpret_cast<void**>(&buffer)),
+                                          nullptr, IID_PPV_ARGS(&buffer)),
         "Failed to create buffer", m_device);
     if (desc.initialData == nullptr) {
         return buffer;
@@ -64,8 +63,7 @@ CComPtr<ID3D12Resource> D12Device::CreateTexture2D(const D12Texture2DDesc& desc)
     ThrowIfFailed<DirectX12Exception>(
         m_device->CreateCommittedResource(&heap, desc.heapFlags, &resourceDesc, desc.initialState,
                                           clearValue ? &*clearValue : nullptr,
-                                          __uuidof(ID3D12Resource),
-                                          reinterpret_cast<void**>(&texture)),
+                                          IID_PPV_ARGS(&texture)),
         "Failed to create 2D texture", m_device);
     return texture;
 }
@@ -103,10 +101,8 @@ HANDLE D12Device::CreateSharedHandle(ID3D12DeviceChild* object) {
 
 CComPtr<ID3D12Resource> D12Device::OpenSharedResource(HANDLE handle) {
     CComPtr<ID3D12Resource> resource;
-    ThrowIfFailed<DirectX12Exception>(
-        m_device->OpenSharedHandle(handle, __uuidof(ID3D12Resource),
-                                   reinterpret_cast<void**>(&resource)),
-        "Failed to create shared handle", m_device);
+    ThrowIfFailed<DirectX12Exception>(m_device->OpenSharedHandle(handle, IID_PPV_ARGS(&resource)),
+                                      "Failed to create shared handle", m_device);
     return resource;
 }
 
@@ -115,8 +111,7 @@ D12Device::CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc) {
     const D3D12_GRAPHICS_PIPELINE_STATE_DESC converted = desc.ToDesc();
     CComPtr<ID3D12PipelineState> pipelineState;
     ThrowIfFailed<DirectX12Exception>(
-        m_device->CreateGraphicsPipelineState(&converted, __uuidof(ID3D12PipelineState),
-                                              reinterpret_cast<void**>(&pipelineState)),
+        m_device->CreateGraphicsPipelineState(&converted, IID_PPV_ARGS(&pipelineState)),
         "Failed to create graphics pipeline state", m_device);
     return pipelineState;
 }

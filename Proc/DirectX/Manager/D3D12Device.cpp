@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <iterator>
+#include <mutex>
 #include <unordered_set>
 
 #include <fmt/format.h>
 
+#include "Host/RefCountable.h"
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/D3D12DevicePool.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -142,7 +145,9 @@ D12Device::D12Device(const CComPtr<ID3D12Device>& device,
       m_descriptorHeapPool(new D12DescriptorHeapPool(device)),
       m_queryHeapPool(new D12QueryHeapPool(device)),
       m_readbackBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_READBACK)),
-      m_uploadBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_UPLOAD)) {
+      m_uploadBufferPool(new D12BufferPool(device, D3D12_HEAP_TYPE_UPLOAD)),
+      m_allocatorPool(std::make_unique<D12DevicePool<D12AllocatorState>>()),
+      m_commandListPool(std::make_unique<D12DevicePool<CComPtr<ID3D12CommandList>>>()) {
     GetRegistry().devices.insert(this);
 }
 
@@ -155,7 +160,7 @@ D12Device::~D12Device() {
 // reached zero.
 std::uint32_t D12Device::Release() {
     const std::lock_guard guard(GetRegistry().lock);
-    return D3Device::Release();
+    return RefCountImpl::Release();
 }
 
 long D12Device::GetDeviceRemovedReason() {
@@ -190,14 +195,14 @@ std::optional<unsigned> D12Device::GetFormatPlaneCount(DXGI_FORMAT format) const
 }
 
 D12AllocatorState D12Device::CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE type) {
-    if (auto idle = m_allocatorPool.Take(type)) {
+    if (auto idle = m_allocatorPool->Take(type)) {
         return std::move(*idle);
     }
     return D12AllocatorState(m_device, type);
 }
 
 void D12Device::ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12AllocatorState&& state) {
-    m_allocatorPool.Put(type, std::move(state));
+    m_allocatorPool->Put(type, std::move(state));
 }
 
 CComPtr<ID3D12GraphicsCommandList>
@@ -209,9 +214,8 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
             fmt::format("Unsupported command list type: {}", static_cast<int>(type)));
     }
     CComPtr<ID3D12GraphicsCommandList> list;
-    if (const auto idle = m_commandListPool.Take(type)) {
-        (*idle)->QueryInterface(__uuidof(ID3D12GraphicsCommandList),
-                                reinterpret_cast<void**>(&list));
+    if (const auto idle = m_commandListPool->Take(type)) {
+        list = Platform::Query<ID3D12GraphicsCommandList>(*idle);
     }
     if (list != nullptr) {
         ThrowIfFailed<DirectX12Exception>(list->Reset(allocator, pipelineState),
@@ -219,9 +223,7 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
         return list;
     }
     ThrowIfFailed<DirectX12Exception>(
-        m_device->CreateCommandList(0, type, allocator, pipelineState,
-                                    __uuidof(ID3D12GraphicsCommandList),
-                                    reinterpret_cast<void**>(&list)),
+        m_device->CreateCommandList(0, type, allocator, pipelineState, IID_PPV_ARGS(&list)),
         "Failed to create command list", m_device);
     return list;
 }
@@ -232,7 +234,7 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
     CComPtr<ID3D12CommandList> list;
     // A list without the interface stays in the pool.
     long result = S_OK;
-    m_commandListPool.TakeIf(type, [&](const CComPtr<ID3D12CommandList>& idle) {
+    m_commandListPool->TakeIf(type, [&](const CComPtr<ID3D12CommandList>& idle) {
         result = idle->QueryInterface(riid, reinterpret_cast<void**>(&list));
         return SUCCEEDED(result);
     });
@@ -241,9 +243,8 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
         return list;
     }
     CComPtr<ID3D12Device4> device4;
-    ThrowIfFailed<DirectX12Exception>(
-        m_device->QueryInterface(__uuidof(ID3D12Device4), reinterpret_cast<void**>(&device4)),
-        kFailed, m_device);
+    ThrowIfFailed<DirectX12Exception>(m_device->QueryInterface(IID_PPV_ARGS(&device4)), kFailed,
+                                      m_device);
     ThrowIfFailed<DirectX12Exception>(
         device4->CreateCommandList1(0, type, D3D12_COMMAND_LIST_FLAG_NONE, riid,
                                     reinterpret_cast<void**>(&list)),
@@ -253,13 +254,13 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
 
 void D12Device::ReuseCommandList(CComPtr<ID3D12CommandList>&& list) {
     const D3D12_COMMAND_LIST_TYPE type = list->GetType();
-    m_commandListPool.Put(type, std::move(list));
+    m_commandListPool->Put(type, std::move(list));
 }
 
 D12PoolSizes D12Device::GetPoolSizes() const {
     D12PoolSizes sizes;
-    sizes.commandAllocators = m_allocatorPool.Count();
-    sizes.commandLists = m_commandListPool.Count();
+    sizes.commandAllocators = m_allocatorPool->Count();
+    sizes.commandLists = m_commandListPool->Count();
     sizes.descriptorHeaps = m_descriptorHeapPool->CountFreeHeaps();
     sizes.queryHeaps = m_queryHeapPool->CountFreeHeaps();
     for (const auto& pool : {m_uploadBufferPool, m_readbackBufferPool}) {

@@ -6,6 +6,9 @@
 // DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <source_location>
 #include <utility>
@@ -15,7 +18,7 @@
 
 #include "Host/BitFlags.h"
 #include "Platform/ComPtr.h"
-#include "Proc/DirectX/Manager/D3D12DevicePool.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3Device.h"
 
 namespace Norvex::DX {
@@ -31,6 +34,8 @@ class D12Query;
 class D12QueryHeapPool;
 class D12ShaderParameters;
 struct D12GraphicsPipelineDesc;
+template <class T>
+class D12DevicePool;
 
 // What CreateBuffer makes.
 struct D12BufferDesc {
@@ -183,8 +188,8 @@ private:
     boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;
     boost::intrusive_ptr<D12BufferPool> m_readbackBufferPool;
     boost::intrusive_ptr<D12BufferPool> m_uploadBufferPool;
-    D12DevicePool<D12AllocatorState> m_allocatorPool;
-    D12DevicePool<CComPtr<ID3D12CommandList>> m_commandListPool;
+    std::unique_ptr<D12DevicePool<D12AllocatorState>> m_allocatorPool;
+    std::unique_ptr<D12DevicePool<CComPtr<ID3D12CommandList>>> m_commandListPool;
 };
 
 } // namespace Norvex::DX

@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <limits>
 
 #include "Proc/DirectX/Manager/Throw.h"

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
 namespace Norvex::DX {

@@ -1,19 +1,15 @@
 #include "Proc/DirectX/Manager/D3D12Query.h"
 
-#include <algorithm>
 #include <cstring>
-#include <limits>
-#include <new>
+#include <source_location>
 #include <utility>
 
+#include "Proc/DirectX/Manager/D3D12PooledHeaps.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
 
 namespace {
-
-constexpr unsigned kQueryCapacityUnit = 64; // one word of a slot bitmap
-constexpr unsigned kSharedQueryHeapCapacity = 64;
 
 D3D12_QUERY_HEAP_TYPE
 GetHeapTypeFromQueryType(D3D12_QUERY_TYPE type,
@@ -63,19 +59,12 @@ void CheckType(bool isValid,
     ThrowUnless<DirectX12Exception>(isValid, "Invalid query type", location);
 }
 
-// Up to whole units; near the largest count the device is left to refuse.
-constexpr unsigned QueryCapacityFor(unsigned count) {
-    const auto rounded =
-        (std::uint64_t{count} + kQueryCapacityUnit - 1) & ~(kQueryCapacityUnit - 1ull);
-    return static_cast<unsigned>(
-        std::min<std::uint64_t>(rounded, std::numeric_limits<unsigned>::max()));
-}
-
 } // namespace
 
 D12Query::D12Query(D3D12_QUERY_TYPE type, std::uint32_t index,
-                   boost::intrusive_ptr<D12QueryHeap> heap)
-    : m_resource(heap->m_readbackBuffer),
+                   boost::intrusive_ptr<D12QueryHeap> heap,
+                   const CComPtr<ID3D12Resource>& readbackBuffer)
+    : m_resource(readbackBuffer),
       m_type(type),
       m_index(index),
       m_heap(std::move(heap)),
@@ -147,7 +136,7 @@ D12QueryHeap::D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12Qu
       m_count(count),
       m_querySize(GetQuerySizeFromHeapType(type)),
       m_pool(std::move(pool)),
-      m_slots(count) {
+      m_slots(std::make_unique<SlotBitmap>(count)) {
     const CD3DX12_HEAP_PROPERTIES properties(D3D12_HEAP_TYPE_READBACK);
     const auto desc = CD3DX12_RESOURCE_DESC::Buffer(std::uint64_t{m_count} * m_querySize);
     ThrowIfFailed<DirectX12Exception>(
@@ -158,27 +147,27 @@ D12QueryHeap::D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12Qu
 }
 
 D12QueryHeap::~D12QueryHeap() {
-    if (m_pool == nullptr) {
-        return;
+    if (m_pool != nullptr) {
+        m_pool->ReuseHeap(*this);
     }
-    try {
-        m_pool->ReuseHeap(this);
-    } catch (const std::bad_alloc&) {
-        m_heap.Release(); // out of memory: freed instead of recycled
-    }
+}
+
+bool D12QueryHeap::HasFreeQuery() const {
+    return m_slots->HasFree();
+}
+
+void D12QueryHeap::ReuseQuery(std::uint32_t index) {
+    m_slots->Free(index);
 }
 
 boost::intrusive_ptr<D12Query> D12QueryHeap::CreateQuery(D3D12_QUERY_TYPE type) {
     ThrowUnless<DirectX12Exception>(GetHeapTypeFromQueryType(type) == m_type, "Invalid heap type");
-    const auto index = m_slots.Allocate();
+    const auto index = m_slots->Allocate();
     ThrowUnless<DirectX12Exception>(index.has_value(),
                                     "There is no free space in the heap for the query");
-    try {
-        return boost::intrusive_ptr<D12Query>(new D12Query(type, *index, this));
-    } catch (...) {
-        m_slots.Free(*index);
-        throw;
-    }
+    return m_slots->Fill(*index, [&] {
+        return boost::intrusive_ptr<D12Query>(new D12Query(type, *index, this, m_readbackBuffer));
+    });
 }
 
 std::uint64_t D12QueryHeap::GetOffset(unsigned index) const {
@@ -186,13 +175,17 @@ std::uint64_t D12QueryHeap::GetOffset(unsigned index) const {
     return std::uint64_t{index} * m_querySize;
 }
 
-D12QueryHeapPool::D12QueryHeapPool(const CComPtr<ID3D12Device>& device) : m_device(device) {}
+D12QueryHeapPool::D12QueryHeapPool(const CComPtr<ID3D12Device>& device)
+    : m_device(device),
+      m_heaps(std::make_unique<D12PooledHeaps<ID3D12QueryHeap, D12QueryHeap>>()) {}
 
 D12QueryHeapPool::~D12QueryHeapPool() = default;
 
 boost::intrusive_ptr<D12Query> D12QueryHeapPool::CreateQuery(D3D12_QUERY_TYPE type) {
-    const std::scoped_lock lock(m_sharedMutex);
-    return GetSharedHeap(GetHeapTypeFromQueryType(type))->CreateQuery(type);
+    const D3D12_QUERY_HEAP_TYPE heapType = GetHeapTypeFromQueryType(type);
+    return m_heaps->UseShared(
+        heapType, this, [&] { return CreateHeap(heapType, m_heaps->kSharedCapacity, nullptr); },
+        [type](D12QueryHeap& heap) { return heap.CreateQuery(type); });
 }
 
 boost::intrusive_ptr<D12QueryHeap> D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type,
@@ -206,58 +199,24 @@ D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
     if (count == 0) { // not every driver survives it
         ThrowResult<DirectX12Exception>(E_INVALIDARG, "Failed to create query heap", m_device);
     }
-    CComPtr<ID3D12QueryHeap> heap = TakeFreeHeap(type, count);
-    if (heap == nullptr) {
-        count = QueryCapacityFor(count);
-        const D3D12_QUERY_HEAP_DESC desc = {type, count, 0};
-        ThrowIfFailed<DirectX12Exception>(m_device->CreateQueryHeap(&desc, IID_PPV_ARGS(&heap)),
+    auto heap = m_heaps->Take(type, count, [&](unsigned capacity) {
+        count = capacity;
+        const D3D12_QUERY_HEAP_DESC desc = {type, capacity, 0};
+        CComPtr<ID3D12QueryHeap> made;
+        ThrowIfFailed<DirectX12Exception>(m_device->CreateQueryHeap(&desc, IID_PPV_ARGS(&made)),
                                           "Failed to create query heap", m_device);
-    }
+        return made;
+    });
     return boost::intrusive_ptr<D12QueryHeap>(
         new D12QueryHeap(m_device, std::move(heap), type, count, std::move(pool)));
 }
 
-// The smallest sufficient heap; null when there is none.
-CComPtr<ID3D12QueryHeap> D12QueryHeapPool::TakeFreeHeap(D3D12_QUERY_HEAP_TYPE type,
-                                                        unsigned count) {
-    const std::scoped_lock lock(m_freeHeapsMutex);
-    auto& heaps = m_freeHeaps[type];
-    const auto entry = heaps.lower_bound(count);
-    if (entry == heaps.end()) {
-        return nullptr;
-    }
-    CComPtr<ID3D12QueryHeap> heap = std::move(entry->second);
-    heaps.erase(entry);
-    return heap;
-}
-
-const boost::intrusive_ptr<D12QueryHeap>&
-D12QueryHeapPool::GetSharedHeap(D3D12_QUERY_HEAP_TYPE type) {
-    auto& shared = m_sharedHeaps[type];
-    if (shared && shared->HasFreeQuery()) {
-        return shared;
-    }
-    // No owner while it is in the map: pool and heap would keep each other alive for ever.
-    auto heap = CreateHeap(type, kSharedQueryHeapCapacity, nullptr);
-    if (shared) {
-        shared->m_pool = this; // replaced, so its last query may have it recycled
-    }
-    shared = std::move(heap);
-    return shared;
-}
-
-void D12QueryHeapPool::ReuseHeap(D12QueryHeap* heap) {
-    const std::scoped_lock lock(m_freeHeapsMutex);
-    m_freeHeaps[heap->GetType()].emplace(heap->GetCount(), heap->GetHeap());
+void D12QueryHeapPool::ReuseHeap(const D12QueryHeap& heap) noexcept {
+    m_heaps->Put(heap.GetType(), heap.GetCount(), heap.GetHeap());
 }
 
 std::size_t D12QueryHeapPool::CountFreeHeaps() const {
-    const std::scoped_lock lock(m_freeHeapsMutex);
-    std::size_t count = 0;
-    for (const auto& [type, heaps] : m_freeHeaps) {
-        count += heaps.size();
-    }
-    return count;
+    return m_heaps->CountFree();
 }
 
 } // namespace Norvex::DX

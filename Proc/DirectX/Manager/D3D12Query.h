@@ -6,10 +6,9 @@
 // readers do not wait. Pool and heaps: any thread. A query: one thread at a time. Throws
 // DirectX12Exception.
 
+#include <cstddef>
 #include <cstdint>
-#include <map>
-#include <mutex>
-#include <unordered_map>
+#include <memory>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -18,12 +17,14 @@
 #include "Platform/ComPtr.h"
 #include "Platform/D3D12Video.h"
 #include "Platform/Export.h"
-#include "Proc/DirectX/Manager/SlotBitmap.h"
 
 namespace Norvex::DX {
 
 class D12QueryHeap;
 class D12QueryHeapPool;
+template <class Raw, class Heap>
+class D12PooledHeaps;
+class SlotBitmap;
 
 class NORVEX_DX_API D12Query : public RefCountImpl {
 public:
@@ -56,7 +57,8 @@ public:
 private:
     friend class D12QueryHeap;
 
-    D12Query(D3D12_QUERY_TYPE type, std::uint32_t index, boost::intrusive_ptr<D12QueryHeap> heap);
+    D12Query(D3D12_QUERY_TYPE type, std::uint32_t index, boost::intrusive_ptr<D12QueryHeap> heap,
+             const CComPtr<ID3D12Resource>& readbackBuffer);
 
     // "The result buffer is too small".
     void GetResult(void* out, std::size_t size) const;
@@ -78,7 +80,7 @@ public:
     // The lowest free slot. "Invalid heap type" when the type is for other heaps, "Invalid query
     // type", "There is no free space in the heap for the query".
     boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
-    bool HasFreeQuery() const { return m_slots.HasFree(); }
+    bool HasFreeQuery() const;
     // Of a slot's result in the readback buffer, bytes. "Query index out of range".
     std::uint64_t GetOffset(unsigned index) const;
 
@@ -88,11 +90,12 @@ public:
     std::uint32_t GetQuerySize() const { return m_querySize; } // bytes of one result
 
     // Called by a dying query.
-    void ReuseQuery(std::uint32_t index) { m_slots.Free(index); }
+    void ReuseQuery(std::uint32_t index);
 
 private:
-    friend class D12Query;
     friend class D12QueryHeapPool;
+    template <class Raw, class Heap>
+    friend class D12PooledHeaps;
 
     D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12QueryHeap> heap,
                  D3D12_QUERY_HEAP_TYPE type, std::uint32_t count,
@@ -106,7 +109,7 @@ private:
     boost::intrusive_ptr<D12QueryHeapPool>
         m_pool; // null while the pool holds this as a shared heap
     CComPtr<ID3D12Resource> m_readbackBuffer;
-    SlotBitmap m_slots;
+    std::unique_ptr<SlotBitmap> m_slots;
 };
 
 class NORVEX_DX_API D12QueryHeapPool : public RefCountImpl {
@@ -129,22 +132,13 @@ public:
 private:
     friend class D12QueryHeap;
 
-    using FreeHeaps = std::multimap<std::uint32_t, CComPtr<ID3D12QueryHeap>>; // by capacity
-
-    const boost::intrusive_ptr<D12QueryHeap>& GetSharedHeap(D3D12_QUERY_HEAP_TYPE type);
     // pool: the heap's owner, or null for a shared heap.
     boost::intrusive_ptr<D12QueryHeap> CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
                                                   boost::intrusive_ptr<D12QueryHeapPool> pool);
-    CComPtr<ID3D12QueryHeap> TakeFreeHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count);
-    void ReuseHeap(D12QueryHeap* heap);
+    void ReuseHeap(const D12QueryHeap& heap) noexcept;
 
     CComPtr<ID3D12Device> m_device;
-    mutable std::mutex m_freeHeapsMutex;
-    std::unordered_map<D3D12_QUERY_HEAP_TYPE, FreeHeaps> m_freeHeaps;
-    // Held over the whole making of a query; the other two locks (free heaps, slots) are taken
-    // inside it.
-    std::mutex m_sharedMutex;
-    std::unordered_map<D3D12_QUERY_HEAP_TYPE, boost::intrusive_ptr<D12QueryHeap>> m_sharedHeaps;
+    std::unique_ptr<D12PooledHeaps<ID3D12QueryHeap, D12QueryHeap>> m_heaps;
 };
 
 } // namespace Norvex::DX

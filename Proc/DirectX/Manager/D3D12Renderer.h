@@ -7,10 +7,18 @@
 // thread at a time; the others: any thread. Throws DirectX12Exception, for a null device "There is
 // no device", for a null allocator "There is no command allocator". Next: D3ImageRenderer.h.
 
-#include <array>
+#include <memory>
 #include <mutex>
 #include <optional>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/Color.h"
+#include "Host/ColorConversionInfo.h"
+#include "Host/RefCountable.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/AffineTransform.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
@@ -20,37 +28,7 @@
 
 namespace Norvex::DX {
 
-enum class Winding; // D3Quad.h
-
-// What both draws share, internal: the full-screen quad and the one pipeline state for the last
-// used target format, both made on first use. A target of another format rebuilds the pipeline
-// state.
-class D12QuadPipeline {
-public:
-    D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
-                    const std::string& pixelShader);
-
-    // Records one list: the quad over the viewport, which lies inside the target; without one,
-    // nothing.
-    void Record(D12CommandAllocator& allocator, D12ShaderParameters& parameters,
-                const boost::intrusive_ptr<D12Descriptor>& target,
-                const std::optional<Rect2DT<long>>& viewport, Winding winding);
-
-    const D12BlendState& GetBlendState() const { return m_blendState; }
-    void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
-
-private:
-    const CComPtr<ID3D12PipelineState>& MakePipelineState(D12ShaderParameters& parameters,
-                                                          const D12Descriptor& target);
-    const boost::intrusive_ptr<D12VertexBuffer>& MakeQuad(D12GraphicsCommandList& commandList,
-                                                          Winding winding);
-
-    boost::intrusive_ptr<D12Device> m_device;
-    D12GraphicsPipelineDesc m_desc;
-    D12BlendState m_blendState;
-    std::array<boost::intrusive_ptr<D12VertexBuffer>, 2> m_quads; // one a winding
-    CComPtr<ID3D12PipelineState> m_pipelineState;
-};
+class D12QuadPipeline;
 
 class NORVEX_DX_API D12FillDraw : public RefCountImpl {
 public:
@@ -68,14 +46,13 @@ public:
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
-    const D12BlendState& GetBlendState() const { return m_pipeline.GetBlendState(); }
-    void SetBlendState(const D12BlendState& blendState) { m_pipeline.SetBlendState(blendState); }
+    const D12BlendState& GetBlendState() const;
+    void SetBlendState(const D12BlendState& blendState);
 
 private:
     boost::intrusive_ptr<D12Device> m_device;
-    boost::intrusive_ptr<D12ShaderParameters> m_parameters;
+    std::unique_ptr<D12QuadPipeline> m_pipeline;
     boost::intrusive_ptr<D12RootConstants> m_color;
-    D12QuadPipeline m_pipeline;
 };
 
 class NORVEX_DX_API D12ImageDraw : public virtual RefCountImpl {
@@ -125,10 +102,9 @@ private:
                        const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
     boost::intrusive_ptr<D12Device> m_device;
-    boost::intrusive_ptr<D12ShaderParameters> m_parameters;
+    std::unique_ptr<D12QuadPipeline> m_pipeline;
     boost::intrusive_ptr<D12ConstantBufferView> m_paramsView;
     boost::intrusive_ptr<D12ViewTable> m_textureTable;
-    D12QuadPipeline m_pipeline;
 };
 
 // An image draw whose transform follows from fit mode, scale, rotation and translation

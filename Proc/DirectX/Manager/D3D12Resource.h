@@ -13,6 +13,7 @@
 #include "Host/BitFlags.h"
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 
 namespace Norvex::DX {

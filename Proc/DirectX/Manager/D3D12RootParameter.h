@@ -7,6 +7,11 @@
 #include <cstdint>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 

@@ -7,9 +7,16 @@
 // thread-safe: one recording thread at a time. Throws DirectX12Exception. The parameters:
 // D3D12RootParameter.h, D3D12DescriptorTable.h.
 
+#include <cstdint>
 #include <initializer_list>
+#include <source_location>
 #include <vector>
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorTable.h"
 
 namespace Norvex::DX {

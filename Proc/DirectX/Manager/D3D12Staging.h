@@ -3,9 +3,13 @@
 // Staging of transfers, internal: which buffer, and how the subresources of a texture lie in it.
 // Used while recording, on the recording thread. Throws DirectX12Exception.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <source_location>
 #include <vector>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"

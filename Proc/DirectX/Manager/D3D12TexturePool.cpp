@@ -1,13 +1,9 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 
-#include <chrono>
-#include <list>
-#include <mutex>
-#include <new>
 #include <utility>
 
-#include "Host/WaitableTimer.h"
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/D3D12FreeList.h"
 #include "Proc/DirectX/Manager/SlotBitmap.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -15,67 +11,24 @@ namespace Norvex::DX {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kReusablePeriod{2};
-constexpr std::chrono::milliseconds kTrimPeriod{2000};
-
 class D12TexturePool : public D12Texture2DPool {
 public:
-    D12TexturePool(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc)
-        : D12Texture2DPool(device, desc),
-          m_timer([this] { Trim(); }) {}
+    using D12Texture2DPool::D12Texture2DPool;
 
     boost::intrusive_ptr<D12Texture2D> ObtainTexture() override {
-        CComPtr<ID3D12Resource> resource = TakeOldest();
+        CComPtr<ID3D12Resource> resource = m_free.Take(kSize, D12FreeList::End::Oldest);
         if (resource == nullptr) {
             resource = GetDevice()->CreateTexture2D(GetDesc());
         }
         return CreateTexture(resource, 0);
     }
 
-    void ReuseTexture(D12Texture2D* texture) override {
-        FreeList entry(1, {texture->GetResource(), {}});
-        const std::scoped_lock lock(m_lock);
-        entry.front().expiry = Clock::now() + kReusablePeriod;
-        m_freeList.splice(m_freeList.end(), entry);
-        if (!m_timer.IsRunning()) {
-            m_timer.StartPeriodic(kTrimPeriod);
-        }
-    }
+    void ReuseTexture(D12Texture2D* texture) override { m_free.Put(kSize, texture->GetResource()); }
 
 private:
-    struct FreeTexture {
-        CComPtr<ID3D12Resource> resource;
-        Clock::time_point expiry;
-    };
-    using FreeList = std::list<FreeTexture>;
+    static constexpr std::uint64_t kSize = 0; // the same for all
 
-    CComPtr<ID3D12Resource> TakeOldest() {
-        const std::scoped_lock lock(m_lock);
-        CComPtr<ID3D12Resource> resource;
-        if (!m_freeList.empty()) {
-            resource = std::move(m_freeList.front().resource);
-            m_freeList.pop_front();
-        }
-        return resource;
-    }
-
-    void Trim() {
-        FreeList expired; // released outside the lock
-        const std::scoped_lock lock(m_lock);
-        const auto now = Clock::now();
-        while (!m_freeList.empty() && now >= m_freeList.front().expiry) {
-            expired.splice(expired.end(), m_freeList, m_freeList.begin());
-        }
-        if (m_freeList.empty()) {
-            m_timer.Stop();
-        }
-    }
-
-    std::mutex m_lock;           // guards the list, start and stop of the timer
-    FreeList m_freeList;         // oldest first
-    Core::WaitableTimer m_timer; // last: its callback uses all of the above
+    D12FreeList m_free;
 };
 
 class D12TextureArray : public D12Texture2DPool {
@@ -89,12 +42,7 @@ public:
         const auto slot = m_slots.Allocate();
         ThrowUnless<DirectX12Exception>(slot.has_value(),
                                         "There are no free textures in the array");
-        try {
-            return CreateTexture(m_resource, *slot);
-        } catch (...) {
-            m_slots.Free(*slot);
-            throw;
-        }
+        return m_slots.Fill(*slot, [&] { return CreateTexture(m_resource, *slot); });
     }
 
     void ReuseTexture(D12Texture2D* texture) override { m_slots.Free(texture->GetSubresource()); }
@@ -145,13 +93,8 @@ D12Texture2D::D12Texture2D(const D12Texture2D& other)
       m_original(other.m_original ? other.m_original.get() : const_cast<D12Texture2D*>(&other)) {}
 
 D12Texture2D::~D12Texture2D() {
-    if (m_original) {
-        return;
-    }
-    try {
+    if (m_original == nullptr) {
         m_pool->ReuseTexture(this);
-    } catch (const std::bad_alloc&) {
-        m_resource.Release(); // out of memory: freed instead of pooled
     }
 }
 

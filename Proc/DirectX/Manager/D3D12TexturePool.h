@@ -12,6 +12,7 @@
 #include "Host/BitFlags.h"
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 
 namespace Norvex::DX {

@@ -23,19 +23,6 @@ D3Device::D3Device(std::shared_ptr<const AdapterDescription> description,
 
 D3Device::~D3Device() = default;
 
-std::uint32_t D3Device::AddRef() {
-    return RefCountImpl::AddRef();
-}
-
-std::uint32_t D3Device::GetRefCount() const {
-    return RefCountImpl::GetRefCount();
-}
-
-// For the devices' own overrides, which hold their registry's lock around it.
-std::uint32_t D3Device::Release() {
-    return RefCountImpl::Release();
-}
-
 std::string D3Device::GetLevelName() const {
     for (const auto& [level, name] : kLevelNames) {
         if (level == m_featureLevel) {

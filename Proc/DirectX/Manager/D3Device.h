@@ -3,10 +3,12 @@
 // Base of both devices: the description of the adapter that the device runs on, and its feature
 // level. Immutable after construction, any thread. Next: D3D12Device.h.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "Host/RefCountable.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 namespace Norvex::DX {
@@ -20,9 +22,6 @@ public:
     D3Device& operator=(const D3Device&) = delete;
     ~D3Device() override;
 
-    std::uint32_t AddRef() override;
-    std::uint32_t GetRefCount() const override;
-    std::uint32_t Release() override = 0;
     // S_OK while the device works; else why it was removed.
     virtual long GetDeviceRemovedReason() = 0;
     // Moves the device's pending debug messages to the log; nothing without debug mode.

@@ -59,24 +59,9 @@ std::string MakeConstantDeclarations() {
     return text;
 }
 
-// The bytes of the shaders' constant buffer, in the order of its declaration; HLSL's bool has four
-// bytes.
-struct ParamsBuffer {
-    AffineTransform transposed;
-    std::uint32_t sourceColorSpace = 0;
-    std::uint32_t targetColorSpace = 0;
-    std::uint32_t sourceAlphaType = 0;
-    std::uint32_t targetAlphaType = 0;
-    std::uint32_t displayLinear = 0;
-    float linearScale = 1.0F;
-    float pqTonemapA = 0.0F;
-    float pqTonemapB = 0.0F;
-    float displayPeakLuminance = 1000.0F;
-    float hlgOOTFGamma = 1.0F;
-};
-static_assert(sizeof(ParamsBuffer) == 104 && sizeof(ParamsBuffer) <= kParamsSizeInBytes);
+static_assert(sizeof(D3ImageParams) == 104 && sizeof(D3ImageParams) <= kParamsSizeInBytes);
 
-void SetConversion(ParamsBuffer& params, const Proc::ColorAlphaConversionInfo& conversion) {
+void SetConversion(D3ImageParams& params, const Proc::ColorAlphaConversionInfo& conversion) {
     params.sourceColorSpace = GetColorSpaceCode(conversion.source);
     params.targetColorSpace = GetColorSpaceCode(conversion.target);
     params.sourceAlphaType = static_cast<std::uint32_t>(conversion.sourceAlpha);
@@ -133,13 +118,20 @@ std::string D3ImageRenderer::GetPixelShader() {
     return text;
 }
 
-std::vector<std::uint8_t>
-D3ImageRenderer::MakeParamsBuffer(const AffineTransform& transform,
-                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    ParamsBuffer params{.transposed = transform.Transposed()};
+D3ImageParams
+D3ImageRenderer::MakeParams(const AffineTransform& transform,
+                            const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    D3ImageParams params{.transposed = transform.Transposed()};
     if (conversion) {
         SetConversion(params, *conversion);
     }
+    return params;
+}
+
+std::vector<std::uint8_t>
+D3ImageRenderer::MakeParamsBuffer(const AffineTransform& transform,
+                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const D3ImageParams params = MakeParams(transform, conversion);
     std::vector<std::uint8_t> bytes(kParamsSizeInBytes);
     std::memcpy(bytes.data(), &params, sizeof(params));
     return bytes;

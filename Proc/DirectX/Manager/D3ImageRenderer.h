@@ -26,6 +26,21 @@ enum class RenderFitMode : std::uint32_t {
     Fit = 2,  // as large as lies wholly inside the target
 };
 
+// What both shaders are told, as it lies in their constant buffer; HLSL's bool has four bytes.
+struct D3ImageParams {
+    AffineTransform transposed;
+    std::uint32_t sourceColorSpace = 0; // 0: nothing is converted
+    std::uint32_t targetColorSpace = 0;
+    std::uint32_t sourceAlphaType = 0;
+    std::uint32_t targetAlphaType = 0;
+    std::uint32_t displayLinear = 0;
+    float linearScale = 1.0F;
+    float pqTonemapA = 0.0F;
+    float pqTonemapB = 0.0F;
+    float displayPeakLuminance = 1000.0F;
+    float hlgOOTFGamma = 1.0F;
+};
+
 // Geometry. The picture's centre lies on the target's centre; the picture is scaled, then rotated,
 // then translated. Rotation is in radians, counter-clockwise as seen on the screen; translation in
 // target pixels, right and down positive. Rotation happens in pixels, so the aspect ratio holds at
@@ -51,8 +66,12 @@ public:
     // HLSL, entry "PSMain", shader model 4.0. Parameters b0, texture t0, sampler s0. Finite samples
     // give no NaN, and no infinity as long as the values of the formulas are in the range of float.
     static std::string GetPixelShader();
-    // The constant buffer of both shaders, 256 bytes. The transform's translation is in clip units.
-    // Without conversion the sample is drawn as it is.
+    // The transform's translation is in clip units. Without conversion the sample is drawn as it
+    // is.
+    static D3ImageParams
+    MakeParams(const AffineTransform& transform,
+               const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    // The constant buffer of both shaders, 256 bytes that begin with these.
     static std::vector<std::uint8_t>
     MakeParamsBuffer(const AffineTransform& transform,
                      const std::optional<Proc::ColorAlphaConversionInfo>& conversion);

@@ -1,15 +1,15 @@
 #pragma once
 
-// What the drawers of both generations draw and with which fixed states, internal: a quad over the
-// viewport, sampled linearly. Constants and pure functions, any thread. E is the exception of the
-// generation.
+// The geometry of what the drawers of both generations draw, internal: a quad over the viewport.
+// Pure functions, any thread. E is the exception of the generation.
 
 #include <array>
 #include <optional>
-#include <vector>
+#include <source_location>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
+#include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -50,26 +50,16 @@ AffineTransform ToClipUnits(AffineTransform transform, const Rect2DT<long>& rect
 // At most what a long holds.
 Size2DT<long> SizeOf(const Rect2DT<long>& rect);
 
-// For Direct3D 11.
-namespace Quad11 {
-
-std::vector<D3D11_INPUT_ELEMENT_DESC> MakeInputElements();
-D3D11_RASTERIZER_DESC MakeRasterizer();      // both faces
-D3D11_DEPTH_STENCIL_DESC MakeDepthStencil(); // off
-D3D11_SAMPLER_DESC MakeLinearSampler();      // clamped
-D3D11_VIEWPORT MakeViewport(const Rect2DT<long>& rect);
-
-} // namespace Quad11
-
-// For Direct3D 12.
-namespace Quad12 {
-
-std::vector<D3D12_INPUT_ELEMENT_DESC> MakeInputElements();
-D3D12_RASTERIZER_DESC MakeRasterizer();        // front faces, clockwise
-D3D12_DEPTH_STENCIL_DESC MakeDepthStencil();   // off
-D3D12_STATIC_SAMPLER_DESC MakeLinearSampler(); // clamped, s0 of the pixel shader
-D3D12_VIEWPORT MakeViewport(const Rect2DT<long>& rect);
-
-} // namespace Quad12
+// D3D11_VIEWPORT or D3D12_VIEWPORT.
+template <class Viewport>
+Viewport MakeViewport(const Rect2DT<long>& rect) {
+    Viewport viewport = {};
+    viewport.TopLeftX = static_cast<float>(rect.left);
+    viewport.TopLeftY = static_cast<float>(rect.top);
+    viewport.Width = static_cast<float>(rect.right - rect.left);
+    viewport.Height = static_cast<float>(rect.bottom - rect.top);
+    viewport.MaxDepth = 1.0F;
+    return viewport;
+}
 
 } // namespace Norvex::DX

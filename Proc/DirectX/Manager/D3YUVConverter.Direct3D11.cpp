@@ -1,7 +1,14 @@
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
+
+#include <optional>
+#include <source_location>
+#include <string>
+
 #include "Proc/DirectX/Manager/D3D11Device.h"
-#include "Proc/DirectX/Manager/D3Quad.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
+#include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
@@ -22,22 +29,6 @@ void CheckArguments(const D11DeviceContext* context, ID3D11Texture2D* source,
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context", location);
 }
 
-boost::intrusive_ptr<D11VertexBuffer> CreateQuad(const boost::intrusive_ptr<D11Device>& device,
-                                                 const Size2DT<float>& extent) {
-    const auto quad = MakeQuad(extent);
-    return D11VertexBuffer::Create(device, quad.data(), sizeof(QuadVertex),
-                                   static_cast<UINT>(quad.size()));
-}
-
-CComPtr<ID3D11Buffer> CreateConstants(D11Device& device, const std::vector<std::uint8_t>& bytes) {
-    D3D11_BUFFER_DESC desc = {};
-    desc.ByteWidth = static_cast<UINT>(bytes.size());
-    desc.Usage = D3D11_USAGE_DEFAULT;
-    desc.BindFlags = D3D11_BIND_CONSTANT_BUFFER;
-    const D3D11_SUBRESOURCE_DATA initialData = {bytes.data(), 0, 0};
-    return device.CreateBuffer(desc, &initialData);
-}
-
 CComPtr<ID3D11Texture2D> CreateIntermediate(D11Device& device, const Size2DT<long>& size,
                                             DXGI_FORMAT format) {
     D3D11_TEXTURE2D_DESC desc = {};
@@ -51,26 +42,16 @@ CComPtr<ID3D11Texture2D> CreateIntermediate(D11Device& device, const Size2DT<lon
     return device.CreateTexture2D(desc, nullptr);
 }
 
-void SetArea(D11DeviceContext& context, const Size2DT<long>& size) {
-    context.RSSetViewports({Quad11::MakeViewport({0, 0, size.width, size.height})});
-}
-
 } // namespace
 
 D11YUVConverter::D11YUVConverter(const boost::intrusive_ptr<D11Device>& device,
                                  Proc::AlphaType alphaType)
     : m_device(CheckDevice<DirectX11Exception>(device)),
       m_alphaType(alphaType),
-      m_vertexShader(
-          std::make_shared<D11VertexShader>(device, "VSMain", std::string(Shaders::kQuadVertex))),
+      m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
       m_yCbCrShader(std::make_shared<D11PixelShader>(device, "PSMain", GetYUVPixelShader())),
       m_resizeShader(
-          std::make_shared<D11PixelShader>(device, "PSMain", std::string(Shaders::kResizePixel))),
-      m_inputLayout(device->CreateInputLayout(Quad11::MakeInputElements(), m_vertexShader)),
-      m_sampler(device->CreateSamplerState(Quad11::MakeLinearSampler())),
-      m_rasterizer(device->CreateRasterizerState(Quad11::MakeRasterizer())),
-      m_depthStencil(device->CreateDepthStencilState(Quad11::MakeDepthStencil())),
-      m_quad(CreateQuad(device, {1.0F, 1.0F})) {}
+          std::make_shared<D11PixelShader>(device, "PSMain", std::string(Shaders::kResizePixel))) {}
 
 D11YUVConverter::~D11YUVConverter() = default;
 
@@ -108,49 +89,39 @@ void D11YUVConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& conte
 
 void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
                                            const YUVFormat& format) {
-    if (m_destination == destination) {
+    if (m_destination != nullptr && *m_destination == destination) {
         return;
     }
     m_destination.reset(); // should something below throw
+    const auto bytes = MakeYUVParams(m_alphaType, destination.matrix, format.bitDepth);
     m_paramsBuffer =
-        CreateConstants(*m_device, MakeYUVParams(m_alphaType, destination.matrix, format.bitDepth));
+        CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     const auto texture = CreateIntermediate(*m_device, destination.size, format.chroma);
     m_intermediateSource.reset(new D11ShaderTexture2D(texture, std::nullopt));
     m_intermediateTarget.reset(new D11RenderTexture2D(texture, std::nullopt));
-    m_chromaQuad = CreateQuad(m_device, GetChromaExtent(destination.size, destination.chromaSize));
-    m_destination = destination;
+    m_chromaQuad = D11QuadPipeline::CreateQuad(
+        m_device, GetChromaExtent(destination.size, destination.chromaSize));
+    m_destination = std::make_unique<YUVDestination>(destination);
 }
 
 void D11YUVConverter::Record(D11DeviceContext& context, const D11ShaderTexture2D& source,
                              const D11RenderTexture2D& luma, const D11RenderTexture2D& chroma) {
-    context.RSSetState(m_rasterizer);
-    context.OMSetDepthStencilState(m_depthStencil, 0);
-    context.OMSetBlendState(nullptr);
-    context.IASetPrimitiveTopology(D3D11_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
-    context.IASetInputLayout(m_inputLayout);
-    context.VSSetShader(m_vertexShader);
-    context.PSSetConstantBuffers({m_paramsBuffer});
-    context.PSSetSamplers({m_sampler});
-
-    context.OMSetRenderTargets({luma.GetView(), m_intermediateTarget->GetView()}, nullptr);
-    SetArea(context, m_destination->size);
-    context.PSSetShaderResources({source.GetView()});
-    context.PSSetShader(m_yCbCrShader);
-    context.IASetVertexBuffer(m_quad);
-    context.Draw(m_quad);
-
-    context.OMSetRenderTargets({chroma.GetView()}, nullptr);
-    SetArea(context, m_destination->chromaSize);
-    context.PSSetShaderResources({m_intermediateSource->GetView()});
-    context.PSSetShader(m_resizeShader);
-    context.IASetVertexBuffer(m_chromaQuad);
-    context.Draw(m_chromaQuad);
-
-    // The next call draws to the intermediate texture.
-    context.PSSetShaderResources({nullptr});
-    context.OMSetRenderTargets({nullptr}, nullptr);
-    context.OMSetDepthStencilState(nullptr, 0);
-    context.RSSetState(nullptr);
+    const auto [width, height] = m_destination->size;
+    m_pipeline->Draw(context, {.targets = {luma.GetView(), m_intermediateTarget->GetView()},
+                               .viewport = {0, 0, width, height},
+                               .shader = m_yCbCrShader,
+                               .texture = source.GetView(),
+                               .constants = m_paramsBuffer});
+    const auto [chromaWidth, chromaHeight] = m_destination->chromaSize;
+    m_pipeline->Draw(context,
+                     {.targets = {chroma.GetView()},
+                      .viewport = {0, 0, chromaWidth, chromaHeight},
+                      .shader = m_resizeShader,
+                      .texture = m_intermediateSource->GetView(),
+                      .constants = m_paramsBuffer},
+                     m_chromaQuad);
+    context.PSSetShaderResources({nullptr}); // the next call draws to the intermediate texture
+    D11QuadPipeline::Unbind(context);
 }
 
 } // namespace Norvex::DX

@@ -8,7 +8,8 @@
 // and has recorded nothing then. Next: D3D12Renderer.h, D11ImageDraw.h.
 
 #include <array>
-#include <optional>
+#include <memory>
+#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -20,7 +21,6 @@
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
-#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
@@ -32,17 +32,10 @@ struct D12ResourceStates {
     D3D12_RESOURCE_STATES after = D3D12_RESOURCE_STATE_COMMON;
 };
 
-struct YUVFormat; // D3YUVFormat.h
-
-// What a converter is set up for.
-struct YUVDestination {
-    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // NV12, P010 or P016
-    Size2DT<long> size;                       // of the luma, pixels
-    Size2DT<long> chromaSize;
-    Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
-
-    friend bool operator==(const YUVDestination&, const YUVDestination&) = default;
-};
+class D11QuadPipeline;
+class D12QuadPipeline;
+struct YUVDestination;
+struct YUVFormat;
 
 class NORVEX_DX_API D12YUVConverter : public RefCountImpl {
 public:
@@ -75,50 +68,29 @@ public:
                 const std::array<D12ResourceStates, 3>& states);
 
 private:
-    struct Planes {
-        boost::intrusive_ptr<D12Descriptor> luma;
-        boost::intrusive_ptr<D12Descriptor> chroma;
-    };
-
-    // What to record before the first draw and after the last.
-    struct Barriers {
-        std::vector<D3D12_RESOURCE_BARRIER> before;
-        std::vector<D3D12_RESOURCE_BARRIER> after;
-    };
-
-    // A root signature, and the pipeline state for the formats last drawn to.
-    struct Pass {
-        boost::intrusive_ptr<D12ShaderParameters> parameters;
-        boost::intrusive_ptr<D12ViewTable> texture;
-        D12GraphicsPipelineDesc desc;
-        CComPtr<ID3D12PipelineState> pipelineState;
-    };
+    struct ResourceUse; // states of a resource, and the one that it is needed in
 
     void ConfigForDestination(const YUVDestination& destination, const YUVFormat& format);
     void CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT format);
+    // uses: of the resources but the intermediate texture.
     void Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                const CComPtr<ID3D12Resource>& source, const D12ResourceStates& sourceStates,
-                const Planes& planes, Barriers barriers);
-    void EnsureQuads(D12GraphicsCommandList& commandList);
-    Pass MakePass(const std::string& pixelShader) const;
-    void MakePipelineState(Pass& pass, const std::vector<DXGI_FORMAT>& formats) const;
-    // A quad over the targets' first `size` pixels.
-    static void DrawPass(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const Pass& pass,
-                         const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
-                         const boost::intrusive_ptr<D12VertexBuffer>& quad,
-                         const Size2DT<long>& size);
+                const CComPtr<ID3D12Resource>& source,
+                const boost::intrusive_ptr<D12Descriptor>& luma,
+                const boost::intrusive_ptr<D12Descriptor>& chroma,
+                const std::vector<ResourceUse>& uses);
 
     boost::intrusive_ptr<D12Device> m_device;
     Proc::AlphaType m_alphaType;
+    std::unique_ptr<D12QuadPipeline> m_yCbCrPass;
+    std::unique_ptr<D12QuadPipeline> m_resizePass;
+    boost::intrusive_ptr<D12ViewTable> m_yCbCrTexture;
+    boost::intrusive_ptr<D12ViewTable> m_resizeTexture;
     boost::intrusive_ptr<D12ConstantBufferView> m_paramsView;
-    Pass m_yCbCrPass;
-    Pass m_resizePass;
-    std::optional<YUVDestination> m_destination; // that everything below is for
+    std::unique_ptr<YUVDestination> m_destination; // that everything below is for
     CComPtr<ID3D12Resource> m_paramsBuffer;
     boost::intrusive_ptr<D12Descriptor> m_intermediateSource;
     boost::intrusive_ptr<D12Descriptor> m_intermediateTarget;
-    boost::intrusive_ptr<D12VertexBuffer> m_quad;
-    boost::intrusive_ptr<D12VertexBuffer> m_chromaQuad; // for the destination
+    boost::intrusive_ptr<D12VertexBuffer> m_chromaQuad;
 };
 
 class NORVEX_DX_API D11YUVConverter : public RefCountImpl {
@@ -151,15 +123,10 @@ private:
 
     boost::intrusive_ptr<D11Device> m_device;
     Proc::AlphaType m_alphaType;
-    std::shared_ptr<D11VertexShader> m_vertexShader;
+    std::unique_ptr<D11QuadPipeline> m_pipeline;
     std::shared_ptr<D11PixelShader> m_yCbCrShader;
     std::shared_ptr<D11PixelShader> m_resizeShader;
-    CComPtr<ID3D11InputLayout> m_inputLayout;
-    CComPtr<ID3D11SamplerState> m_sampler;
-    CComPtr<ID3D11RasterizerState> m_rasterizer;
-    CComPtr<ID3D11DepthStencilState> m_depthStencil;
-    boost::intrusive_ptr<D11VertexBuffer> m_quad;
-    std::optional<YUVDestination> m_destination; // that everything below is for
+    std::unique_ptr<YUVDestination> m_destination; // that everything below is for
     boost::intrusive_ptr<D11VertexBuffer> m_chromaQuad;
     CComPtr<ID3D11Buffer> m_paramsBuffer;
     boost::intrusive_ptr<D11ShaderTexture2D> m_intermediateSource;

@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
 
 #include <array>
+#include <cstddef>
 #include <cstring>
 
 #include <fmt/format.h>

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,16 @@ struct YUVFormat {
     unsigned bitDepth; // of the codes; in the high bits of a sample
     DXGI_FORMAT luma;
     DXGI_FORMAT chroma;
+};
+
+// What a converter is set up for.
+struct YUVDestination {
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // NV12, P010 or P016
+    Size2DT<long> size;                       // of the luma, pixels
+    Size2DT<long> chromaSize;
+    Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
+
+    friend bool operator==(const YUVDestination&, const YUVDestination&) = default;
 };
 
 // NV12, P010, P016; nothing for any other.

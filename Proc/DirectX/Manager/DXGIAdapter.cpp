@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <stdexcept>
@@ -141,9 +142,7 @@ std::uint64_t FindDriverVersion(std::uint32_t vendorId, std::uint32_t deviceId) 
 CComPtr<IDXGIAdapter1> GetIDXGIAdapter1(IDXGIAdapter* adapter) {
     CComPtr<IDXGIAdapter1> adapter1;
     ThrowIfFailed<DirectXException>(
-        adapter != nullptr
-            ? adapter->QueryInterface(__uuidof(IDXGIAdapter1), reinterpret_cast<void**>(&adapter1))
-            : E_INVALIDARG,
+        adapter != nullptr ? adapter->QueryInterface(IID_PPV_ARGS(&adapter1)) : E_INVALIDARG,
         "Failed to get DXGI adapter version 1");
     return adapter1;
 }

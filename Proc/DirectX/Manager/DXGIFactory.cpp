@@ -1,6 +1,8 @@
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -49,7 +51,7 @@ DXGIFactory::DXGIFactory() {
         return;
     }
     if (result == API::E_DELAY_LOAD_FAILED) {
-        result = CreateDXGIFactory1(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&m_factory1));
+        result = CreateDXGIFactory1(IID_PPV_ARGS(&m_factory1));
     }
     ThrowIfFailed<DirectXException>(result, "Failed to create DXGI factory");
 }
@@ -70,9 +72,8 @@ boost::intrusive_ptr<DXGIFactory> DXGIFactory::GetFromDevice(const CComPtr<IDXGI
     ThrowIfFailed<DirectXException>(device != nullptr ? device->GetAdapter(&adapter) : E_INVALIDARG,
                                     "Failed to get DXGI adapter");
     CComPtr<IDXGIFactory1> factory;
-    ThrowIfFailed<DirectXException>(
-        adapter->GetParent(__uuidof(IDXGIFactory1), reinterpret_cast<void**>(&factory)),
-        "Failed to get DXGI factory");
+    ThrowIfFailed<DirectXException>(adapter->GetParent(IID_PPV_ARGS(&factory)),
+                                    "Failed to get DXGI factory");
     return boost::intrusive_ptr<DXGIFactory>(new DXGIFactory(factory));
 }
 
@@ -117,10 +118,8 @@ DXGIAdapter DXGIFactory::GetPrimaryAdapter() {
 DXGIAdapter DXGIFactory::GetAdapter(const LUID& luid) {
     if (m_factory4 != nullptr) {
         CComPtr<IDXGIAdapter1> adapter;
-        ThrowIfFailed<DirectXException>(
-            m_factory4->EnumAdapterByLuid(luid, __uuidof(IDXGIAdapter1),
-                                          reinterpret_cast<void**>(&adapter)),
-            "Failed to obtain adapter");
+        ThrowIfFailed<DirectXException>(m_factory4->EnumAdapterByLuid(luid, IID_PPV_ARGS(&adapter)),
+                                        "Failed to obtain adapter");
         return DXGIAdapter(adapter.p);
     }
     std::vector<DXGIAdapter> adapters;
@@ -200,9 +199,8 @@ DXGIFactory::CreateSwapChainForHwnd(const CComPtr<ID3D12Device>& device,
         ThrowResult<DirectX12Exception>(e.GetResult(), e.GetErrorDescription(), device);
     }
     CComPtr<IDXGISwapChain3> swapChain3;
-    ThrowIfFailed<DirectX12Exception>(
-        swapChain->QueryInterface(__uuidof(IDXGISwapChain3), reinterpret_cast<void**>(&swapChain3)),
-        "Failed to create DXGI swap chain", device);
+    ThrowIfFailed<DirectX12Exception>(swapChain->QueryInterface(IID_PPV_ARGS(&swapChain3)),
+                                      "Failed to create DXGI swap chain", device);
     return swapChain3;
 }
 

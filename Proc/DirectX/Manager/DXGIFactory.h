@@ -11,6 +11,8 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/RefCountable.h"
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 
 namespace Norvex::DX {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 
@@ -67,12 +66,9 @@ CComPtr<IDXGIOutput> FindOutputUnder(DXGIFactory& factory, const RECT& window) {
 }
 
 bool IsInHDR(const CComPtr<IDXGIOutput>& output) {
-    CComPtr<IDXGIOutput6> output6;
+    const auto output6 = Platform::Query<IDXGIOutput6>(output);
     DXGI_OUTPUT_DESC1 desc = {};
-    return output != nullptr &&
-           SUCCEEDED(output->QueryInterface(__uuidof(IDXGIOutput6),
-                                            reinterpret_cast<void**>(&output6))) &&
-           SUCCEEDED(output6->GetDesc1(&desc)) &&
+    return output6 != nullptr && SUCCEEDED(output6->GetDesc1(&desc)) &&
            desc.ColorSpace == DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020;
 }
 

@@ -1,7 +1,7 @@
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
 
-#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -82,8 +82,7 @@ DXGI_FORMAT ChooseHDRFormat(const Device& device, DXGI_FORMAT otherwise) {
 // factory that made it can forbid that; a failure leaves the key as it is.
 void IgnoreAltEnter(IDXGISwapChain* swapChain, HWND window) {
     CComPtr<IDXGIFactory> factory;
-    if (SUCCEEDED(
-            swapChain->GetParent(__uuidof(IDXGIFactory), reinterpret_cast<void**>(&factory)))) {
+    if (SUCCEEDED(swapChain->GetParent(IID_PPV_ARGS(&factory)))) {
         factory->MakeWindowAssociation(window, DXGI_MWA_NO_ALT_ENTER);
     }
 }
@@ -271,9 +270,8 @@ void DXGISwapChain::MakeRenderTexture(const Size2DT<long>& size,
     ThrowUnless<DirectX11Exception>(m_renderTexture == nullptr, "Render target view already make",
                                     location);
     CComPtr<ID3D11Texture2D> texture;
-    ThrowIfFailed<DirectX11Exception>(
-        m_swapChain->GetBuffer(0, __uuidof(ID3D11Texture2D), reinterpret_cast<void**>(&texture)),
-        "Failed to get back buffer", m_device->Get(), location);
+    ThrowIfFailed<DirectX11Exception>(m_swapChain->GetBuffer(0, IID_PPV_ARGS(&texture)),
+                                      "Failed to get back buffer", m_device->Get(), location);
     m_renderTexture = new D11RenderTexture2D(texture, std::nullopt);
 }
 
@@ -284,9 +282,8 @@ void DXGISwapChain::MakeRenderTargets12(const std::source_location& location) {
     std::vector<boost::intrusive_ptr<D12Descriptor>> targets;
     for (UINT i = 0; i < kBufferCount; ++i) {
         CComPtr<ID3D12Resource> buffer;
-        ThrowIfFailed<DirectX12Exception>(
-            m_swapChain3->GetBuffer(i, __uuidof(ID3D12Resource), reinterpret_cast<void**>(&buffer)),
-            "Failed to get back buffer", device->Get(), location);
+        ThrowIfFailed<DirectX12Exception>(m_swapChain3->GetBuffer(i, IID_PPV_ARGS(&buffer)),
+                                          "Failed to get back buffer", device->Get(), location);
         buffer->SetName((L"Swap chain back buffer #" + std::to_wstring(i)).c_str());
         targets.push_back(device->CreateRenderTargetView(buffer));
     }

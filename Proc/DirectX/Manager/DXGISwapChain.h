@@ -14,6 +14,7 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
+#include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"

@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -103,9 +104,8 @@ LogEntry FetchMessage(typename Names::Queue& queue, UINT64 index) {
 
 template <class Names, class Device>
 void FetchMessages(Device* device, std::vector<LogEntry>& entries) {
-    CComPtr<typename Names::Queue> queue;
-    if (FAILED(device->QueryInterface(__uuidof(typename Names::Queue),
-                                      reinterpret_cast<void**>(&queue)))) {
+    const auto queue = Platform::Query<typename Names::Queue>(device);
+    if (queue == nullptr) {
         entries.push_back(MakeError(Names::kNoQueue));
         return;
     }

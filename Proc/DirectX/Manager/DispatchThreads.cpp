@@ -1,7 +1,9 @@
 #include "Proc/DirectX/Manager/DispatchThreads.h"
 
+#include <exception>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "Core/Threading/DispatchQueue.h"
 #include "Platform/Direct3D.h"

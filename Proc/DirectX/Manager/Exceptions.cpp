@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/Exceptions.h"
 
+#include <exception>
 #include <map>
 #include <new>
 

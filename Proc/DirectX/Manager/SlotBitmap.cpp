@@ -7,31 +7,19 @@ namespace Norvex::DX {
 
 namespace {
 
-constexpr std::uint32_t kBitsPerWord = 64;
+constexpr auto kBitsPerWord = SlotBitmap::kBitsPerWord;
 constexpr std::uint64_t kFullWord = ~std::uint64_t{0};
 
 constexpr std::uint64_t BitOf(std::uint32_t index) {
     return std::uint64_t{1} << (index % kBitsPerWord);
 }
 
-// The bits of index's word from index on.
-constexpr std::uint64_t BitsFrom(std::uint32_t index) {
-    return kFullWord << (index % kBitsPerWord);
-}
-
 } // namespace
 
-void SlotBitmap::Resize(std::uint32_t slotCount) {
-    const std::scoped_lock lock(m_mutex);
-    // First, since it may run out of memory: nothing has changed then.
-    m_words.resize(slotCount / kBitsPerWord + (slotCount % kBitsPerWord != 0 ? 1 : 0));
-    if (m_slotCount % kBitsPerWord != 0) {
-        m_words[m_slotCount / kBitsPerWord] &= ~BitsFrom(m_slotCount);
-    }
+SlotBitmap::SlotBitmap(std::uint32_t slotCount) : m_words(slotCount / kBitsPerWord) {
     if (slotCount % kBitsPerWord != 0) {
-        m_words.back() |= BitsFrom(slotCount);
+        m_words.push_back(kFullWord << (slotCount % kBitsPerWord));
     }
-    m_slotCount = slotCount;
 }
 
 std::optional<std::uint32_t> SlotBitmap::Allocate() {

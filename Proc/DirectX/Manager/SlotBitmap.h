@@ -1,27 +1,33 @@
 #pragma once
 
-// Hands out the slots of a heap, lowest free index first. Thread-safe; every operation is atomic on
-// its own.
+// Hands out the slots of a heap, lowest free index first; internal. Thread-safe; every operation is
+// atomic on its own.
 
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <vector>
 
-#include "Platform/Export.h"
-
 namespace Norvex::DX {
 
-class NORVEX_DX_API SlotBitmap {
+class SlotBitmap {
 public:
-    SlotBitmap() = default;
-    explicit SlotBitmap(std::uint32_t slotCount) { Resize(slotCount); }
+    static constexpr std::uint32_t kBitsPerWord = 64;
 
-    // Sizes to n slots; new ones are free, those in use stay so. Never to fewer than before. Out of
-    // memory nothing changes.
-    void Resize(std::uint32_t slotCount);
+    explicit SlotBitmap(std::uint32_t slotCount); // all free
+
     // The lowest free slot, now in use; empty when there is none.
     std::optional<std::uint32_t> Allocate();
+    // What make() makes to live in an allocated slot, which is free again when that throws.
+    template <class Make>
+    auto Fill(std::uint32_t slot, const Make& make) {
+        try {
+            return make();
+        } catch (...) {
+            Free(slot);
+            throw;
+        }
+    }
     // The slot was allocated; this is not checked.
     void Free(std::uint32_t index);
     bool HasFree() const;
@@ -29,7 +35,6 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::vector<std::uint64_t> m_words; // bit set: slot in use, or past the end
-    std::uint32_t m_slotCount = 0;
 };
 
 } // namespace Norvex::DX

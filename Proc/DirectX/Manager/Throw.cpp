@@ -1,5 +1,7 @@
 #include "Proc/DirectX/Manager/Throw.h"
 
+#include <exception>
+
 #include <glog/logging.h>
 
 #include "Host/ThrowSite.h"

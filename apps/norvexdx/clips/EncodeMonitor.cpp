@@ -4,13 +4,10 @@
 
 #include <fmt/format.h>
 
-#include "apps/norvexdx/console/Console.h"
-
 namespace Norvex::App {
 
 namespace {
 
-constexpr double kRenewalMs = 200.0;
 constexpr double kMegabyte = 1e6; // bytes
 
 } // namespace
@@ -70,24 +67,6 @@ std::string MakeProgressLine(const EncodeTotals& totals, std::optional<std::uint
     }
     return line + fmt::format(", {:.1f} MB in flight",
                               static_cast<double>(totals.bytesInFlight) / kMegabyte);
-}
-
-EncodeProgress::~EncodeProgress() {
-    if (m_length != 0) {
-        Console::PrintError(Console::IsErrorTerminal() ? fmt::format("\r{:{}}\r", "", m_length)
-                                                       : "\n");
-    }
-}
-
-void EncodeProgress::Show(const EncodeMonitor& monitor) {
-    const double now = m_stopwatch.GetMilliseconds();
-    if (!m_isShown || (m_length != 0 && now < m_shownAtMs + kRenewalMs)) {
-        return;
-    }
-    const std::string line = MakeProgressLine(monitor.GetTotals(), m_count);
-    m_length = std::max(m_length, line.size());
-    Console::PrintError(fmt::format("\r{:{}}", line, m_length));
-    m_shownAtMs = now;
 }
 
 } // namespace Norvex::App

@@ -61,26 +61,4 @@ private:
 // "120 of 250 frames, 48.2 frames/s, 3 s left, GPU 15.2 ms, 62.9 MB in flight".
 std::string MakeProgressLine(const EncodeTotals& totals, std::optional<std::uint64_t> count);
 
-// That line on standard error, renewed a few times a second; nothing unless it is shown. One
-// thread.
-class EncodeProgress {
-public:
-    EncodeProgress(bool isShown, std::optional<std::uint64_t> count)
-        : m_isShown(isShown),
-          m_count(count) {}
-    // Takes the line off a terminal; elsewhere ends it.
-    ~EncodeProgress();
-    EncodeProgress(const EncodeProgress&) = delete;
-    EncodeProgress& operator=(const EncodeProgress&) = delete;
-
-    void Show(const EncodeMonitor& monitor);
-
-private:
-    bool m_isShown;
-    std::optional<std::uint64_t> m_count;
-    double m_shownAtMs = 0.0;
-    std::size_t m_length = 0; // characters that stand there
-    Stopwatch m_stopwatch;
-};
-
 } // namespace Norvex::App

@@ -57,13 +57,15 @@ void ReadFrames(Line& line) {
     }
 }
 
-void WriteFrames(Line& line, FrameSink& sink, EncodeProgress& progress) {
+void WriteFrames(Line& line, FrameSink& sink, Progress& progress) {
     try {
         while (auto planes = line.planes.filled.Pop()) {
             const Stopwatch stopwatch;
             sink.Write(*planes);
             line.monitor.Pass(EncodeStage::Write, stopwatch.GetMilliseconds(), 0, planes->size());
-            progress.Show(line.monitor);
+            progress.Show([&line] {
+                return MakeProgressLine(line.monitor.GetTotals(), line.source->GetCount());
+            });
             line.planes.empty.Push(std::move(*planes));
         }
     } catch (...) {
@@ -103,7 +105,7 @@ void EncodeFrames(Line& line, FrameEncoder& encoder) {
 } // namespace
 
 EncodeTotals RunPipeline(const std::shared_ptr<FrameSource>& source, FrameEncoder& encoder,
-                         FrameSink& sink, EncodeProgress& progress) {
+                         FrameSink& sink, Progress& progress) {
     const auto line = std::make_shared<Line>(source);
     std::thread reader;
     {

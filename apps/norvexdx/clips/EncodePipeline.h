@@ -8,6 +8,7 @@
 #include "apps/norvexdx/clips/EncodeMonitor.h"
 #include "apps/norvexdx/clips/FrameSink.h"
 #include "apps/norvexdx/clips/FrameSource.h"
+#include "apps/norvexdx/console/Progress.h"
 #include "apps/norvexdx/graphics/FrameEncoder.h"
 
 namespace Norvex::App {
@@ -16,6 +17,6 @@ namespace Norvex::App {
 // stage, after which the others have stopped; only the source may still be in a read, which is why
 // it is shared.
 EncodeTotals RunPipeline(const std::shared_ptr<FrameSource>& source, FrameEncoder& encoder,
-                         FrameSink& sink, EncodeProgress& progress);
+                         FrameSink& sink, Progress& progress);
 
 } // namespace Norvex::App

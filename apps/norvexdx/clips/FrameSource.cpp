@@ -6,6 +6,8 @@
 
 #include "Host/Strings.h"
 #include "apps/norvexdx/clips/Y4m.h"
+#include "apps/norvexdx/console/Arguments.h"
+#include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/console/Failure.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/pictures/InputFile.h"
@@ -34,10 +36,7 @@ public:
     }
 
     bool Read(Image& frame) override {
-        frame.width = static_cast<std::uint32_t>(m_size.width);
-        frame.height = static_cast<std::uint32_t>(m_size.height);
-        frame.bitsPerChannel = m_depth;
-        frame.pixels.resize(GetFrameBytes());
+        frame.SetSize(m_size, m_depth);
         const std::size_t count = m_stream->Read(frame.pixels.data(), frame.pixels.size());
         ++m_number;
         if (count != 0 && count != frame.pixels.size()) {
@@ -120,38 +119,48 @@ void Widen(Image& image) {
 
 class PictureSource : public FrameSource {
 public:
-    PictureSource(const std::vector<std::string>& files, bool takesAnySize)
-        : m_files(files),
-          m_takesAnySize(takesAnySize),
-          m_first(ReadImage(PathFromUtf8(files.front()))) {
-        m_size = SizeOf(*m_first);
-        m_count = files.size();
+    explicit PictureSource(const EncodeOptions& options)
+        : m_options(options),
+          m_first(ReadPicture(options.inputs.front())) {
+        m_size = m_first->GetSize();
+        m_count = options.inputs.size();
+        m_colorSpace = m_first->colorSpace;
     }
 
     bool Read(Image& frame) override {
-        if (m_next == m_files.size()) {
+        if (m_next == m_options.inputs.size()) {
             return false;
         }
-        const std::string& file = m_files[m_next++];
-        frame = m_first ? std::move(*m_first) : ReadImage(PathFromUtf8(file));
+        const std::string& file = m_options.inputs[m_next++];
+        frame = m_first ? std::move(*m_first) : ReadPicture(file);
         m_first.reset();
-        if (!m_takesAnySize && SizeOf(frame) != m_size) {
+        if (!m_options.size && frame.GetSize() != m_size) {
             throw Failure(fmt::format("{} is {} x {} pixels, the picture before it {} x {}: --size "
                                       "fits them into frames of one size",
                                       file, frame.width, frame.height, m_size.width,
                                       m_size.height));
         }
+        TellOtherColors(file, frame);
         Widen(frame);
         return true;
     }
 
 private:
-    static DX::Size2DT<long> SizeOf(const Image& image) {
-        return {static_cast<long>(image.width), static_cast<long>(image.height)};
+    Image ReadPicture(const std::string& file) const {
+        return ReadImage(PathFromUtf8(file), m_options.from);
     }
 
-    std::vector<std::string> m_files;
-    bool m_takesAnySize;
+    // Unless the user says what all of them are.
+    void TellOtherColors(const std::string& file, const Image& frame) const {
+        const auto space = frame.colorSpace.value_or(Conf::RGBColorSpace());
+        const auto clip = m_colorSpace.value_or(Conf::RGBColorSpace());
+        if (!m_options.from && space != clip) {
+            Console::PrintMessage(fmt::format("{} is {}, and becomes a frame of {} as it is", file,
+                                              GetColorSpaceName(space), GetColorSpaceName(clip)));
+        }
+    }
+
+    EncodeOptions m_options;
     std::optional<Image> m_first; // until it is asked for
     std::size_t m_next = 0;
 };
@@ -171,28 +180,32 @@ bool IsY4m(const std::string& file) {
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan) {
     if (stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
-        return std::make_unique<Y4mSource>(std::move(stream), plan.matrix);
+        return std::make_unique<Y4mSource>(std::move(stream), plan.GetMatrix({}));
     }
-    if (!plan.size) {
+    const EncodeOptions& options = plan.options;
+    if (!options.size) {
         throw Failure("raw frames on standard input need --size", ExitCode::WrongUsage);
     }
-    return std::make_unique<RawSource>(std::move(stream), *plan.size, plan.inputDepth);
+    return std::make_unique<RawSource>(std::move(stream), *options.size,
+                                       options.inputDepth.value_or(8));
 }
 
 std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan) {
-    const std::string& first = plan.inputs.front();
+    const auto& inputs = plan.options.inputs;
+    const std::string& first = inputs.front();
     if (first == kStandardStream) {
         return MakeStreamSource(ByteStream::OpenStandardInput(), plan);
     }
-    for (const std::string& file : plan.inputs) {
-        if (IsY4m(file) && plan.inputs.size() > 1) {
+    for (const std::string& file : inputs) {
+        if (IsY4m(file) && inputs.size() > 1) {
             throw Failure("a Y4M file goes alone: " + file, ExitCode::WrongUsage);
         }
     }
     if (IsY4m(first)) {
-        return std::make_unique<Y4mSource>(ByteStream::OpenFile(PathFromUtf8(first)), plan.matrix);
+        return std::make_unique<Y4mSource>(ByteStream::OpenFile(PathFromUtf8(first)),
+                                           plan.GetMatrix({}));
     }
-    return std::make_unique<PictureSource>(plan.inputs, plan.size.has_value());
+    return std::make_unique<PictureSource>(plan.options);
 }
 
 } // namespace Norvex::App

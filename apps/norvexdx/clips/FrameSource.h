@@ -29,6 +29,7 @@ public:
     // What the input says of itself.
     const std::optional<FrameRate>& GetRate() const { return m_rate; }
     const std::string& GetPixelAspect() const { return m_pixelAspect; }
+    const std::optional<Conf::RGBColorSpace>& GetColorSpace() const { return m_colorSpace; }
 
 protected:
     FrameSource() = default;
@@ -37,6 +38,7 @@ protected:
     std::optional<std::uint64_t> m_count;
     std::optional<FrameRate> m_rate;
     std::string m_pixelAspect = "0:0"; // as in Y4mHeader
+    std::optional<Conf::RGBColorSpace> m_colorSpace;
 };
 
 // As the plan says. Failures: no such file, not a picture, not a Y4M stream that is taken, raw

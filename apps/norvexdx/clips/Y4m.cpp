@@ -166,10 +166,7 @@ std::size_t GetY4mFrameBytes(const Y4mHeader& header) {
 void ConvertY4mFrame(const Y4mHeader& header, std::span<const std::uint8_t> samples,
                      Conf::YCbCrMatrix matrix, Image& image) {
     const Y4mSamples layout = GetY4mSamples(header.colors);
-    image.width = static_cast<std::uint32_t>(header.size.width);
-    image.height = static_cast<std::uint32_t>(header.size.height);
-    image.bitsPerChannel = 16;
-    image.pixels.resize(image.GetRowSize() * image.height);
+    image.SetSize(header.size, 16);
     if (layout.GetSampleSize() == 1) {
         ConvertSamples<std::uint8_t>(samples.data(), CountPixels(header), layout, matrix,
                                      image.pixels.data());

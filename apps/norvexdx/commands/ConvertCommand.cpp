@@ -6,8 +6,10 @@
 #include <memory>
 #include <thread>
 
+#include <fmt/format.h>
+
 #include "apps/norvexdx/console/Console.h"
-#include "apps/norvexdx/console/ProgressBar.h"
+#include "apps/norvexdx/console/Progress.h"
 #include "apps/norvexdx/console/Report.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/pictures/CanvasFile.h"
@@ -28,7 +30,7 @@ public:
     explicit Batch(const ConvertPlan& plan)
         : m_plan(plan),
           m_reports(plan.jobs.size()),
-          m_progress(plan.jobs.size()),
+          m_progress(plan.jobs.size() > 1 && Console::IsErrorTerminal()),
           m_graphics(std::async(std::launch::async, [this] { return Open(); })) {}
 
     // Returns when all is done; throws what kept the device or its shaders from being made.
@@ -51,11 +53,13 @@ private:
     std::shared_ptr<Graphics> Open();
     void Work();
     PictureReport Convert(const ConvertJob& job, Image image, double decodeMs) const;
+    void ShowProgress();
 
     const ConvertPlan& m_plan;
     std::atomic<std::size_t> m_next{0};
+    std::atomic<std::size_t> m_done{0};
     std::vector<std::optional<PictureReport>> m_reports;
-    ProgressBar m_progress;
+    Progress m_progress;
     // Last, because the thread that makes it uses the others.
     std::shared_future<std::shared_ptr<Graphics>> m_graphics;
 };
@@ -69,16 +73,27 @@ bool HasValue(const std::shared_future<std::shared_ptr<Graphics>>& future) {
 }
 
 std::shared_ptr<Graphics> Batch::Open() {
-    return Graphics::Open(m_plan.graphics, m_plan.blends ? DrawKind::Over : DrawKind::Replace,
-                          [this](std::string_view line) { m_progress.PrintMessage(line); });
+    return Graphics::Open(m_plan.options.graphics,
+                          m_plan.blends ? DrawKind::Over : DrawKind::Replace,
+                          &Console::PrintMessage);
+}
+
+void Batch::ShowProgress() {
+    m_progress.Show([this] {
+        constexpr std::size_t kWidth = 30; // characters
+        const std::size_t total = m_plan.jobs.size();
+        return fmt::format("[{:.<{}}] {}/{}", std::string(kWidth * m_done / total, '#'), kWidth,
+                           m_done.load(), total);
+    });
 }
 
 void Batch::Work() {
     for (std::size_t i = m_next++; i < m_plan.jobs.size(); i = m_next++) {
         const ConvertJob& job = m_plan.jobs[i];
+        ShowProgress();
         try {
             const Stopwatch stopwatch;
-            Image image = ReadImage(job.input);
+            Image image = ReadImage(job.input, m_plan.options.from);
             const double decodeMs = stopwatch.GetMilliseconds();
             m_graphics.get();
             m_reports[i] = Convert(job, std::move(image), decodeMs);
@@ -87,15 +102,16 @@ void Batch::Work() {
             if (!HasValue(m_graphics)) {
                 return;
             }
-            m_progress.PrintMessage(
+            Console::PrintMessage(
                 DescribeFailureOf(Utf8FromPath(job.input), std::current_exception()));
         }
-        m_progress.Advance();
+        ++m_done;
     }
 }
 
 PictureReport Batch::Convert(const ConvertJob& job, Image image, double decodeMs) const {
     Graphics& graphics = GetGraphics();
+    const ConvertOptions& options = m_plan.options;
     PictureReport report;
     report.input = Utf8FromPath(job.input);
     report.times.decode = decodeMs;
@@ -104,14 +120,15 @@ PictureReport Batch::Convert(const ConvertJob& job, Image image, double decodeMs
     const auto source = graphics.Upload(image);
     report.times.upload = upload.GetMilliseconds();
     report.sourceFormat = source->GetFormat();
-    const unsigned depth = m_plan.depth.value_or(image.bitsPerChannel);
-    const auto outputSpace = m_plan.outputSpace ? m_plan.outputSpace : image.colorSpace;
+    report.profile = image.profile ? image.profile->name : std::string();
+    const unsigned depth = options.depth.value_or(image.bitsPerChannel);
+    const auto outputSpace = options.to ? options.to : image.colorSpace;
     image = {};
 
-    const auto canvas = graphics.MakeCanvas(m_plan.size.value_or(source->GetSize()), depth);
+    const auto canvas = graphics.MakeCanvas(options.size.value_or(source->GetSize()), depth);
     const auto drawn = graphics.Draw(
         *source, *canvas,
-        {m_plan.view, m_plan.conversion, m_plan.rect, m_plan.background, m_plan.blends});
+        {m_plan.view, m_plan.conversion, options.rect, m_plan.background, m_plan.blends});
     report.times.draw = drawn.drawMs;
     report.transform = drawn.transform;
     WriteCanvas(*canvas, job.output, outputSpace, report);
@@ -133,8 +150,8 @@ ExitCode RunConvert(const ConvertOptions& options) {
             }
         }
         const Graphics& graphics = batch.GetGraphics();
-        text = plan.json ? MakeConvertJson(graphics, plan.conversion, reports)
-                         : MakeConvertText(graphics, reports);
+        text = options.json ? MakeConvertJson(graphics, plan.conversion, reports)
+                            : MakeConvertText(graphics, reports);
     }
     Console::Print(text);
     return reports.size() == plan.jobs.size() ? ExitCode::Success : ExitCode::Failure;

@@ -141,24 +141,19 @@ std::vector<ConvertJob> PlanJobs(const std::vector<std::string>& files) {
 
 ConvertPlan MakeConvertPlan(const ConvertOptions& options) {
     CheckOptionsAgree(options);
-    ConvertPlan plan;
+    ConvertPlan plan{
+        .options = options, .jobs = {}, .conversion = {}, .view = {}, .background = {}};
     const bool changesAlpha =
         options.sourceAlpha != options.targetAlpha || options.targetAlpha == AlphaType::AlphaIsOne;
     if (options.from || changesAlpha) {
         plan.conversion = MakeConversion(options);
     }
     PlanBackground(options, plan);
-    plan.graphics = options.graphics;
-    plan.outputSpace = options.to;
     plan.view.fit =
         options.fit.value_or(options.scale ? DX::RenderFitMode::Free : DX::RenderFitMode::Fit);
     plan.view.scale = options.scale;
     plan.view.rotationDegrees = options.rotationDegrees;
     plan.view.translation = options.translation;
-    plan.size = options.size;
-    plan.rect = options.rect;
-    plan.depth = options.depth;
-    plan.json = options.json;
     plan.jobs = PlanJobs(options.files);
     return plan;
 }

@@ -44,17 +44,12 @@ struct ConvertJob {
 };
 
 struct ConvertPlan {
+    ConvertOptions options;
     std::vector<ConvertJob> jobs;
-    GraphicsChoice graphics;
     std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: pixels are drawn as they are
-    std::optional<Conf::RGBColorSpace> outputSpace;           // empty: the input's
     View view;
     Proc::ColorF background; // as the canvas is filled
     bool blends = false;     // pictures go over the background instead of replacing it
-    std::optional<DX::Size2DT<long>> size;
-    std::optional<DX::Rect2DT<long>> rect;
-    std::optional<unsigned> depth;
-    bool json = false;
 };
 
 // From `from` to `to` (without them only alpha changes), as the other options of colour and alpha

@@ -29,19 +29,20 @@ void RunEncode(const EncodeOptions& options) {
     const EncodePlan plan = MakeEncodePlan(options);
     std::shared_ptr<FrameSource> source = OpenFrameSource(plan);
     EncodeReport report;
-    report.format = plan.format;
-    report.matrix = plan.matrix;
-    report.size = plan.size.value_or(source->GetSize());
-    FrameSink sink(OpenByteSink(plan.output), plan.container, plan.format,
-                   {report.size, plan.rate ? plan.rate : source->GetRate(),
-                    source->GetPixelAspect(), plan.format.y4mColors});
+    report.format = options.format;
+    report.colorSpace = options.to ? options.to : source->GetColorSpace();
+    report.matrix = plan.GetMatrix(source->GetColorSpace());
+    report.size = options.size.value_or(source->GetSize());
+    FrameSink sink(OpenByteSink(options.output), plan.container, options.format,
+                   {report.size, options.rate ? options.rate : source->GetRate(),
+                    source->GetPixelAspect(), options.format.y4mColors});
     // Nothing is drawn with it: the kind whose shaders compile fastest.
-    const auto graphics = Graphics::Open(plan.graphics, DrawKind::Fill, &Console::PrintMessage);
-    const auto encoder =
-        FrameEncoder::Open(*graphics, {plan.format, plan.matrix, report.size, plan.conversion});
+    const auto graphics = Graphics::Open(options.graphics, DrawKind::Fill, &Console::PrintMessage);
+    const auto encoder = FrameEncoder::Open(
+        *graphics, {options.format, report.matrix, report.size, plan.conversion});
     report.isPlanar = encoder->IsPlanar();
     {
-        EncodeProgress progress(plan.progress || Console::IsErrorTerminal(), source->GetCount());
+        Progress progress(options.progress || Console::IsErrorTerminal());
         report.totals = RunPipeline(source, *encoder, sink, progress);
     }
     if (report.totals.frames == 0) {
@@ -50,10 +51,10 @@ void RunEncode(const EncodeOptions& options) {
     source.reset(); // the clip may take the place of the file that it was made from
     sink.Commit();
     report.peakMemory = GetPeakMemory();
-    if (plan.json) {
+    if (options.json) {
         Tell(plan, MakeEncodeJson(*graphics, report));
     }
-    if (plan.stats) {
+    if (options.stats) {
         Tell(plan, MakeEncodeText(*graphics, report));
     }
 }

@@ -27,13 +27,6 @@ bool IsY4mName(const std::string& name) {
     return Core::Utils::ToLower(PathFromUtf8(name).extension().wstring()) == L".y4m";
 }
 
-// What the colours are at last says which matrix belongs to them.
-Conf::YCbCrMatrix GetDefaultMatrix(const EncodeOptions& options) {
-    return options.to && options.to->primaries == Conf::ColorPrimaries::BT2020
-               ? Conf::YCbCrMatrix::BT2020NonConstant
-               : Conf::YCbCrMatrix::BT709;
-}
-
 std::optional<Proc::ColorAlphaConversionInfo> PlanConversion(const EncodeOptions& options) {
     if (options.from.has_value() != options.to.has_value()) {
         throw Failure("--from and --to belong together", ExitCode::WrongUsage);
@@ -57,25 +50,21 @@ std::optional<Container> ParseContainer(std::string_view name) {
     return name == "y4m" ? std::optional(Container::Y4m) : std::nullopt;
 }
 
+Conf::YCbCrMatrix
+EncodePlan::GetMatrix(const std::optional<Conf::RGBColorSpace>& inputSpace) const {
+    const auto space = options.to ? options.to : inputSpace;
+    const bool isWide = space && space->primaries == Conf::ColorPrimaries::BT2020;
+    return options.matrix.value_or(isWide ? Conf::YCbCrMatrix::BT2020NonConstant
+                                          : Conf::YCbCrMatrix::BT709);
+}
+
 EncodePlan MakeEncodePlan(const EncodeOptions& options) {
     CheckInputs(options);
-    EncodePlan plan;
-    plan.inputs = options.inputs;
-    plan.output = options.output;
-    plan.graphics = options.graphics;
-    plan.format = options.format;
-    plan.matrix = options.matrix.value_or(GetDefaultMatrix(options));
-    plan.conversion = PlanConversion(options);
-    plan.size = options.size;
-    plan.inputDepth = options.inputDepth.value_or(8);
-    plan.rate = options.rate;
-    plan.container =
-        options.container.value_or(IsY4mName(options.output) ? Container::Y4m : Container::Raw);
-    plan.json = options.json;
-    plan.stats = options.stats;
-    plan.progress = options.progress;
+    const EncodePlan plan = {
+        options, PlanConversion(options),
+        options.container.value_or(IsY4mName(options.output) ? Container::Y4m : Container::Raw)};
     if (!plan.WritesToStandardOutput()) {
-        CheckOutputPlace(PathFromUtf8(plan.output));
+        CheckOutputPlace(PathFromUtf8(options.output));
     }
     return plan;
 }

@@ -39,21 +39,14 @@ struct EncodeOptions {
 };
 
 struct EncodePlan {
-    std::vector<std::string> inputs;
-    std::string output;
-    GraphicsChoice graphics;
-    VideoFormat format;
-    Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
+    EncodeOptions options;
     std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: colours stay
-    std::optional<DX::Size2DT<long>> size;                    // of the frames, empty: the input's
-    unsigned inputDepth = 8;
-    std::optional<FrameRate> rate; // empty: the input's, else 25
     Container container = Container::Raw;
-    bool json = false;
-    bool stats = false;
-    bool progress = false;
 
-    bool WritesToStandardOutput() const { return output == kStandardStream; }
+    // As the user says; else the one that belongs to the clip's colours, which are --to's or,
+    // without, the input's where that says them.
+    Conf::YCbCrMatrix GetMatrix(const std::optional<Conf::RGBColorSpace>& inputSpace) const;
+    bool WritesToStandardOutput() const { return options.output == kStandardStream; }
 };
 
 // Inputs are looked at when they are opened (FrameSource.h).

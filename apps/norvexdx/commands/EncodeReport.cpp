@@ -32,6 +32,8 @@ std::string MakeEncodeJson(const Graphics& graphics, const EncodeReport& report)
     json["device"] = MakeDeviceJson(device);
     json["format"] = report.format.name;
     json["matrix"] = GetMatrixName(report.matrix);
+    json["colorSpace"] =
+        report.colorSpace ? Json(GetColorSpaceName(*report.colorSpace)) : Json(nullptr);
     json["planes"] = report.isPlanar ? "planar" : "pair";
     json["width"] = report.size.width;
     json["height"] = report.size.height;
@@ -52,10 +54,12 @@ std::string MakeEncodeJson(const Graphics& graphics, const EncodeReport& report)
 std::string MakeEncodeText(const Graphics& graphics, const EncodeReport& report) {
     constexpr double kMegabyte = 1e6; // bytes
     const EncodeTotals& totals = report.totals;
+    const std::string space =
+        report.colorSpace ? " of " + GetColorSpaceName(*report.colorSpace) : std::string();
     std::string line = fmt::format(
         "{} on {}: {} frames of {} x {} to {} ({}, {}), {:.1f} frames/s", graphics.GetApiName(),
         graphics.GetDevice().GetAdapterName(), totals.frames, report.size.width, report.size.height,
-        report.format.name, GetMatrixName(report.matrix),
+        report.format.name, GetMatrixName(report.matrix) + space,
         report.isPlanar ? "planar textures" : "luma and chroma in two textures",
         totals.GetFramesPerSecond());
     if (const auto gpuMs = totals.GetGpuMsPerFrame()) {

@@ -12,6 +12,7 @@ namespace Norvex::App {
 struct EncodeReport {
     VideoFormat format;
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
+    std::optional<Conf::RGBColorSpace> colorSpace; // of the frames, where that is known
     DX::Size2DT<long> size;
     bool isPlanar = false;
     EncodeTotals totals;

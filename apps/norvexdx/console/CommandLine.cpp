@@ -20,7 +20,8 @@ match, a folder the pictures in it.
 
 Without --from and --to colours stay as they are. The spaces: srgb, rec709, rec709-linear (target
 only), rec2020, rec2020-pq, rec2020-hlg; rec2020-linear only to itself. Without --size the output
-has the size of the input, and each pixel maps to its own. JPEG files are turned upright as the
+has the size of the input, and each pixel maps to its own. A picture with an ICC profile is first
+converted to sRGB, unless --from says that it is something else. JPEG files are turned upright as the
 camera noted. Pictures that shrink to less than half are first reduced by halves, so that fine
 patterns do not alias.
 
@@ -207,15 +208,18 @@ void AddSheet(CLI::App& parent, SheetOptions& options) {
     AddValue(app, "--columns", options.columns, &ParsePositiveCount, "a number from 1 to 1024", "N",
              "pictures in a row (as square as possible)");
     AddValue(app, "--cell", options.cell, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
-             "size of each picture's place (320x240)");
+             "mean place of a picture in a row that pictures of this shape fill (320x240)");
     AddValue(app, "--gap", options.gap, &ParseCount, "a number from 0 to 1024", "PIXELS",
              "space between and around the pictures (8)");
     AddValue(app, "--background", options.background, &ParseColor, "a colour RRGGBB in hexadecimal",
              "RRGGBB", "the colour between them (202020)");
     AddDeviceOptions(app, options);
     AddJsonFlag(app, options);
-    app.footer("\nPictures that say in their file that they are PQ or HLG are converted to sRGB."
-               "\n\nExample:\n  norvexdx sheet sheet.png photo.jpg hdr.png hlg.png --columns 3");
+    app.footer(
+        "\nEach row is as high as lets its pictures fill the width in their own shapes; below each"
+        "\nstands its file's name. Pictures that say in their file that they are PQ or HLG, or that"
+        "\nhave an ICC profile, are converted to sRGB."
+        "\n\nExample:\n  norvexdx sheet sheet.png photo.jpg hdr.png hlg.png --columns 3");
 }
 
 void AddView(CLI::App& parent, ViewOptions& options) {
@@ -255,7 +259,8 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "of the frames: nv12 (8 bits), p010 (10) or p016 (16)")
         ->required();
     AddValue(app, "--matrix", options.matrix, &ParseMatrix, "bt601, bt709 or bt2020", "MATRIX",
-             "from R'G'B' to Y'C'bC'r (bt2020 with a --to of BT.2020 primaries, else bt709)");
+             "from R'G'B' to Y'C'bC'r (bt2020 where --to, or without it the first picture, has "
+             "BT.2020 primaries, else bt709)");
     const std::string spaces = "a colour space (" + GetColorSpaceNames() + ")";
     AddValue(app, "--from", options.from, &ParseColorSpace, spaces, "SPACE",
              "the colour space of the input");

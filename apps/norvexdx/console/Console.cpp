@@ -37,25 +37,48 @@ bool WriteText(HANDLE handle, std::string_view text) {
     return true;
 }
 
-bool Write(DWORD stream, std::string_view text) {
-    const std::lock_guard lock(g_mutex);
-    return WriteText(GetStdHandle(stream), text);
+std::string g_status; // what stands on the status line; g_mutex guards it
+
+void WriteError(std::string_view text) {
+    WriteText(GetStdHandle(STD_ERROR_HANDLE), text);
+}
+
+// On a terminal the line goes; elsewhere it has been said, and ends.
+void EndStatus() {
+    if (!g_status.empty()) {
+        WriteError(IsErrorTerminal() ? "\r" + std::string(g_status.size(), ' ') + "\r" : "\n");
+    }
 }
 
 } // namespace
 
 void Print(std::string_view text) {
-    if (!Write(STD_OUTPUT_HANDLE, text)) {
+    const std::lock_guard lock(g_mutex);
+    if (!WriteText(GetStdHandle(STD_OUTPUT_HANDLE), text)) {
         throw Failure("cannot write to the standard output");
     }
 }
 
 void PrintError(std::string_view text) {
-    Write(STD_ERROR_HANDLE, text);
+    const std::lock_guard lock(g_mutex);
+    EndStatus();
+    WriteError(text);
+    WriteError(g_status);
 }
 
 void PrintMessage(std::string_view line) {
     PrintError("norvexdx: " + std::string(line) + "\n");
+}
+
+void ShowStatus(std::string line) {
+    const std::lock_guard lock(g_mutex);
+    if (line.empty()) {
+        EndStatus();
+    } else {
+        line.resize(std::max(line.size(), g_status.size()), ' ');
+        WriteError("\r" + line);
+    }
+    g_status = std::move(line);
 }
 
 bool IsErrorTerminal() {

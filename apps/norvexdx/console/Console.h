@@ -4,6 +4,7 @@
 // bare line feeds when redirected. Any thread; one call's text stays together. Printing to standard
 // error never fails.
 
+#include <string>
 #include <string_view>
 
 namespace Norvex::App::Console {
@@ -14,6 +15,9 @@ void Print(std::string_view text);
 void PrintError(std::string_view text);
 // "norvexdx: <line>" to standard error.
 void PrintMessage(std::string_view line);
+// A line on standard error that takes the place of the one before, and makes room for messages;
+// empty: takes it off a terminal, ends it elsewhere.
+void ShowStatus(std::string line);
 
 bool IsErrorTerminal();
 

@@ -1,7 +1,5 @@
 #include "apps/norvexdx/console/Report.h"
 
-#include <cstring>
-
 #include <fmt/format.h>
 
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
@@ -11,31 +9,25 @@ namespace Norvex::App {
 
 namespace {
 
-template <class T>
-T ReadField(const std::vector<std::uint8_t>& bytes, std::size_t offset) {
-    T value{};
-    std::memcpy(&value, bytes.data() + offset, sizeof(T));
-    return value;
-}
-
-// The layout of the shader's parameter block; see D3ImageRenderer::MakeParamsBuffer.
 Json MakeParametersJson(const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    const auto bytes = DX::D3ImageRenderer::MakeParamsBuffer({}, conversion);
-    const auto integer = [&](std::size_t offset) {
-        return ReadField<std::uint32_t>(bytes, offset);
-    };
-    const auto number = [&](std::size_t offset) { return ReadField<float>(bytes, offset); };
-    return {{"sourceColorSpace", integer(64)},    {"targetColorSpace", integer(68)},
-            {"sourceAlphaType", integer(72)},     {"targetAlphaType", integer(76)},
-            {"displayLinear", integer(80) != 0},  {"linearScale", number(84)},
-            {"pqTonemapA", number(88)},           {"pqTonemapB", number(92)},
-            {"displayPeakLuminance", number(96)}, {"hlgOOTFGamma", number(100)}};
+    const DX::D3ImageParams params = DX::D3ImageRenderer::MakeParams({}, conversion);
+    return {{"sourceColorSpace", params.sourceColorSpace},
+            {"targetColorSpace", params.targetColorSpace},
+            {"sourceAlphaType", params.sourceAlphaType},
+            {"targetAlphaType", params.targetAlphaType},
+            {"displayLinear", params.displayLinear != 0},
+            {"linearScale", params.linearScale},
+            {"pqTonemapA", params.pqTonemapA},
+            {"pqTonemapB", params.pqTonemapB},
+            {"displayPeakLuminance", params.displayPeakLuminance},
+            {"hlgOOTFGamma", params.hlgOOTFGamma}};
 }
 
 Json MakePictureJson(const PictureReport& picture) {
     Json json;
     if (!picture.input.empty()) {
         json["input"] = picture.input;
+        json["profile"] = picture.profile.empty() ? Json(nullptr) : Json(picture.profile);
         json["sourceFormat"] = GetFormatName(picture.sourceFormat);
         json["transform"] = picture.transform.rows;
     }
@@ -91,9 +83,11 @@ std::string MakeConvertText(const Graphics& graphics, const std::vector<PictureR
             picture.input.empty()
                 ? std::string()
                 : fmt::format("decode {:.1f}, upload {:.1f}, ", times.decode, times.upload);
-        text += fmt::format("{}: {} x {}, {}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
+        const std::string profile =
+            picture.profile.empty() ? "" : fmt::format(", profile \"{}\"", picture.profile);
+        text += fmt::format("{}: {} x {}, {}{}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
                             picture.output, picture.width, picture.height,
-                            GetFormatName(picture.targetFormat), reading, times.draw,
+                            GetFormatName(picture.targetFormat), profile, reading, times.draw,
                             times.readback, times.encode);
     }
     return text;

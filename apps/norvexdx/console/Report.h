@@ -23,7 +23,8 @@ struct PictureTimes {
 };
 
 struct PictureReport {
-    std::string input; // empty when nothing was read
+    std::string input;   // empty when nothing was read
+    std::string profile; // the input's ICC profile, by its name; empty without
     std::string output;
     std::uint32_t width = 0;
     std::uint32_t height = 0;
@@ -34,7 +35,7 @@ struct PictureReport {
 };
 
 // {"adapter", "device", "parameters", "timesMs", "pictures": [...]}. The parameters are those of
-// the shader's block, read from its bytes; the transform, which is each picture's own, stands with
+// the shader's block; the transform, which is each picture's own, stands with
 // the picture, its translation in pixels.
 std::string MakeConvertJson(const Graphics& graphics,
                             const std::optional<Proc::ColorAlphaConversionInfo>& conversion,

@@ -21,6 +21,11 @@ struct FormatUses {
 // Bytes of a pixel, of the formats that are drawn on here: 8 for R16G16B16A16, else 4.
 std::size_t GetPixelSize(DXGI_FORMAT format);
 
+// Of pictures on the device: R8G8B8A8_UNORM or R16G16B16A16_UNORM.
+constexpr DXGI_FORMAT GetPictureFormat(unsigned bitsPerChannel) {
+    return bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM : DXGI_FORMAT_R8G8B8A8_UNORM;
+}
+
 // IEEE 754 binary16.
 float FloatFromHalf(std::uint16_t half);
 

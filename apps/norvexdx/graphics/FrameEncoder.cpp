@@ -9,10 +9,6 @@
 
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Failure.h"
-#include "apps/norvexdx/graphics/FrameEncoder11.h"
-#include "apps/norvexdx/graphics/FrameEncoder12.h"
-#include "apps/norvexdx/graphics/Graphics11.h"
-#include "apps/norvexdx/graphics/Graphics12.h"
 
 namespace Norvex::App {
 
@@ -41,16 +37,13 @@ std::size_t GetTestPixel(long x, long y) {
 }
 
 Image MakeTestPicture() {
-    Image picture{.width = static_cast<std::uint32_t>(kTestSize.width),
-                  .height = static_cast<std::uint32_t>(kTestSize.height),
-                  .bitsPerChannel = 8,
-                  .pixels = {},
-                  .colorSpace = {}};
+    Image picture = Image::Make(kTestSize, 8);
+    auto* pixel = picture.pixels.data();
     for (long y = 0; y < kTestSize.height; ++y) {
         for (long x = 0; x < kTestSize.width; ++x) {
             const auto& color = kTestColors[GetTestColor(x, y)];
-            picture.pixels.insert(picture.pixels.end(), color.begin(), color.end());
-            picture.pixels.push_back(0xFF);
+            pixel = std::ranges::copy(color, pixel).out;
+            *pixel++ = 0xFF;
         }
     }
     return picture;
@@ -79,31 +72,15 @@ double GetSample(const std::vector<std::uint8_t>& planes, std::size_t index, boo
     return sample / 65535.0;
 }
 
-FormatUses GetUses(const DX::D3Device& device, DXGI_FORMAT format) {
-    const auto* d12 = dynamic_cast<const DX::D12Device*>(&device);
-    return d12 != nullptr ? GetFormatUses(*d12, format)
-                          : GetFormatUses(dynamic_cast<const DX::D11Device&>(device), format);
-}
-
 long GetLargestSide(D3D_FEATURE_LEVEL level) {
     constexpr long kSideBefore11 = 8192; // D3D10_REQ_TEXTURE2D_U_OR_V_DIMENSION
     return level >= D3D_FEATURE_LEVEL_11_0 ? D3D11_REQ_TEXTURE2D_U_OR_V_DIMENSION : kSideBefore11;
 }
 
-std::unique_ptr<FrameEncoder> Make(const Graphics& graphics, const EncoderParams& params,
-                                   const EncoderTextures& textures) {
-    const auto* d12 = dynamic_cast<const DX::D12Device*>(&graphics.GetDevice());
-    if (d12 != nullptr) {
-        return MakeFrameEncoder12(DX::D12Device::Find(d12->Get()), params, textures);
-    }
-    const auto& d11 = dynamic_cast<const DX::D11Device&>(graphics.GetDevice());
-    return MakeFrameEncoder11(DX::D11Device::Find(d11.Get()), params, textures);
-}
-
 bool PassesPlanarTest(const Graphics& graphics, const EncoderParams& params) {
     try {
         const EncoderParams test = {params.format, params.matrix, kTestSize, std::nullopt};
-        return HasTruePlanes(*Make(graphics, test, {.isPlanar = true}), test);
+        return HasTruePlanes(*graphics.MakeEncoder(test, {.isPlanar = true}), test);
     } catch (const DX::DirectXException&) {
         return false;
     }
@@ -135,17 +112,16 @@ DXGI_FORMAT ChooseCanvasFormat(const std::function<FormatUses(DXGI_FORMAT)>& use
 
 std::unique_ptr<FrameEncoder> FrameEncoder::Open(const Graphics& graphics,
                                                  const EncoderParams& params) {
-    const DX::D3Device& device = graphics.GetDevice();
     const TextureChoice choice =
-        ChooseTextures(params, GetLargestSide(device.GetFeatureLevel()),
-                       [&device](DXGI_FORMAT format) { return GetUses(device, format); });
+        ChooseTextures(params, GetLargestSide(graphics.GetDevice().GetFeatureLevel()),
+                       [&graphics](DXGI_FORMAT format) { return graphics.GetUses(format); });
     const bool isPlanar = choice.mayBePlanar && PassesPlanarTest(graphics, params);
     if (!isPlanar && !choice.hasPair) {
         throw Failure(fmt::format("the adapter's {} textures come out wrong, and it cannot draw on "
                                   "{} instead",
                                   GetUpperName(params.format), params.format.planesName));
     }
-    return Make(graphics, params, {isPlanar, choice.canvasFormat});
+    return graphics.MakeEncoder(params, {isPlanar, choice.canvasFormat});
 }
 
 std::size_t FrameEncoder::Submit(const Image& frame) {
@@ -178,7 +154,7 @@ FrameEncoder::Collected FrameEncoder::Collect(std::vector<std::uint8_t>& planes)
 }
 
 bool FrameEncoder::IsDrawn(const Image& frame) const {
-    return m_params.conversion || GetImageSize(frame) != m_params.size;
+    return m_params.conversion || frame.GetSize() != m_params.size;
 }
 
 TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
@@ -227,10 +203,6 @@ bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params) {
         }
     }
     return true;
-}
-
-DXGI_FORMAT GetSourceFormat(const Image& frame) {
-    return frame.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM : DXGI_FORMAT_R8G8B8A8_UNORM;
 }
 
 } // namespace Norvex::App

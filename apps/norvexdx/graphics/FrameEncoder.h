@@ -102,9 +102,4 @@ TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
 bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params);
 constexpr DX::Size2DT<long> kTestSize = {8, 4};
 
-DXGI_FORMAT GetSourceFormat(const Image& frame);
-inline DX::Size2DT<long> GetImageSize(const Image& image) {
-    return {static_cast<long>(image.width), static_cast<long>(image.height)};
-}
-
 } // namespace Norvex::App

@@ -1,13 +1,10 @@
 #include "apps/norvexdx/graphics/FrameEncoder11.h"
 
-#include <cstring>
 #include <thread>
-
-#include <boost/throw_exception.hpp>
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
-#include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/graphics/Pieces11.h"
 
 namespace Norvex::App {
 
@@ -15,61 +12,14 @@ namespace {
 
 using Context = boost::intrusive_ptr<DX::D11DeviceContext>;
 
-D3D11_TEXTURE2D_DESC MakeFrameDesc11(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
-    D3D11_TEXTURE2D_DESC desc = {};
-    desc.Width = static_cast<UINT>(size.width);
-    desc.Height = static_cast<UINT>(size.height);
-    desc.MipLevels = 1;
-    desc.ArraySize = 1;
-    desc.Format = format;
-    desc.SampleDesc.Count = 1;
-    desc.Usage = D3D11_USAGE_DEFAULT;
-    return desc;
-}
-
-D3D11_TEXTURE2D_DESC MakeStagingDesc(const DX::Size2DT<long>& size, DXGI_FORMAT format,
-                                     D3D11_CPU_ACCESS_FLAG access) {
-    D3D11_TEXTURE2D_DESC desc = MakeFrameDesc11(size, format);
-    desc.Usage = D3D11_USAGE_STAGING;
-    desc.CPUAccessFlags = access;
-    return desc;
-}
-
-void CopyRows(std::uint8_t* target, std::size_t targetPitch, const std::uint8_t* source,
-              std::size_t sourcePitch, std::size_t rowSize, std::size_t rows) {
-    for (std::size_t row = 0; row < rows; ++row) {
-        std::memcpy(target + row * targetPitch, source + row * sourcePitch, rowSize);
-    }
-}
-
-// A staging texture's memory while this object lives. Inside Encode.
-class PlaneMapping {
-public:
-    PlaneMapping(const Context& context, const CComPtr<ID3D11Texture2D>& texture, D3D11_MAP type)
-        : m_context(context),
-          m_texture(texture),
-          m_mapped(context->Map(texture, 0, type, std::nullopt)) {}
-    ~PlaneMapping() { m_context->Unmap(m_texture, 0); }
-    PlaneMapping(const PlaneMapping&) = delete;
-    PlaneMapping& operator=(const PlaneMapping&) = delete;
-
-    std::uint8_t* GetData() const { return static_cast<std::uint8_t*>(m_mapped.pData); }
-    std::size_t GetRowPitch() const { return m_mapped.RowPitch; }
-
-private:
-    Context m_context;
-    CComPtr<ID3D11Texture2D> m_texture;
-    D3D11_MAPPED_SUBRESOURCE m_mapped;
-};
-
 // Time of the device between two places in what is recorded. Inside Encode.
 class Timer {
 public:
     explicit Timer(DX::D11Device& device) {
         device.Get()->GetImmediateContext(&m_context);
-        m_disjoint = MakeQuery(device, D3D11_QUERY_TIMESTAMP_DISJOINT);
-        m_begin = MakeQuery(device, D3D11_QUERY_TIMESTAMP);
-        m_end = MakeQuery(device, D3D11_QUERY_TIMESTAMP);
+        m_disjoint = MakeQuery11(device, D3D11_QUERY_TIMESTAMP_DISJOINT);
+        m_begin = MakeQuery11(device, D3D11_QUERY_TIMESTAMP);
+        m_end = MakeQuery11(device, D3D11_QUERY_TIMESTAMP);
     }
 
     void Begin() {
@@ -97,18 +47,6 @@ public:
     }
 
 private:
-    static CComPtr<ID3D11Query> MakeQuery(DX::D11Device& device, D3D11_QUERY type) {
-        const D3D11_QUERY_DESC desc = {type, 0};
-        CComPtr<ID3D11Query> query;
-        const HRESULT result = device.Get()->CreateQuery(&desc, &query);
-        if (FAILED(result)) {
-            DX::DirectX11Exception failure;
-            failure << ErrorDescription("Failed to create query") << HResult(result, device.Get());
-            boost::throw_exception(failure);
-        }
-        return query;
-    }
-
     template <class T>
     bool Read(ID3D11Query* query, T& value) const {
         HRESULT result = S_FALSE;
@@ -176,8 +114,8 @@ private:
 
     // Makes what the slot lacks for this frame.
     void Prepare(Slot& slot, const Image& frame) {
-        const DX::Size2DT<long> size = GetImageSize(frame);
-        const DXGI_FORMAT format = GetSourceFormat(frame);
+        const DX::Size2DT<long> size = frame.GetSize();
+        const DXGI_FORMAT format = GetPictureFormat(frame.bitsPerChannel);
         if (!slot.timer) {
             slot.timer.emplace(*m_device);
             MakePlanes(slot);
@@ -188,9 +126,9 @@ private:
         }
         if (!slot.source || slot.source->GetSize() != size || present.Format != format) {
             slot.upload = m_device->CreateTexture2D(
-                MakeStagingDesc(size, format, D3D11_CPU_ACCESS_WRITE), nullptr);
+                MakeStagingDesc11(size, format, D3D11_CPU_ACCESS_WRITE), nullptr);
             slot.source =
-                DX::D11ShaderTexture2D::Create(m_device, MakeFrameDesc11(size, format), nullptr);
+                DX::D11ShaderTexture2D::Create(m_device, MakeTextureDesc11(size, format), nullptr);
         }
         if (IsDrawn(frame) && !slot.canvas) {
             slot.canvas = MakeCanvas(GetParams().size);
@@ -200,11 +138,11 @@ private:
     void MakePlanes(Slot& slot) {
         const VideoFormat& format = GetParams().format;
         const auto make = [&](std::size_t i, const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
-            auto desc = MakeFrameDesc11(size, plane);
+            auto desc = MakeTextureDesc11(size, plane);
             desc.BindFlags = D3D11_BIND_RENDER_TARGET;
             slot.planes[i] = m_device->CreateTexture2D(desc, nullptr);
             slot.readback[i] = m_device->CreateTexture2D(
-                MakeStagingDesc(size, plane, D3D11_CPU_ACCESS_READ), nullptr);
+                MakeStagingDesc11(size, plane, D3D11_CPU_ACCESS_READ), nullptr);
         };
         const DX::Size2DT<long>& size = GetParams().size;
         if (IsPlanar()) {
@@ -216,14 +154,14 @@ private:
     }
 
     boost::intrusive_ptr<DX::D11RenderTexture2D> MakeCanvas(const DX::Size2DT<long>& size) {
-        auto desc = MakeFrameDesc11(size, GetTextures().canvasFormat);
+        auto desc = MakeTextureDesc11(size, GetTextures().canvasFormat);
         desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
         return DX::D11RenderTexture2D::Create(m_device, desc);
     }
 
     static void Upload(const Context& context, const Slot& slot, const Image& frame) {
         {
-            const PlaneMapping mapping(context, slot.upload, D3D11_MAP_WRITE);
+            const Mapping11 mapping(context, slot.upload, D3D11_MAP_WRITE);
             CopyRows(mapping.GetData(), mapping.GetRowPitch(), frame.pixels.data(),
                      frame.GetRowSize(), frame.GetRowSize(), frame.height);
         }
@@ -268,14 +206,14 @@ private:
         const std::size_t lumaSize = params.format.GetLumaBytes(params.size);
         const std::size_t lumaRow = lumaSize / height;
         const std::size_t chromaRow = params.format.GetChromaBytes(params.size) / chromaHeight;
-        const PlaneMapping luma(context, slot.readback[0], D3D11_MAP_READ);
+        const Mapping11 luma(context, slot.readback[0], D3D11_MAP_READ);
         CopyRows(planes, lumaRow, luma.GetData(), luma.GetRowPitch(), lumaRow, height);
         if (IsPlanar()) {
             // Direct3D 11 maps both planes at once, chroma behind luma.
             CopyRows(planes + lumaSize, chromaRow, luma.GetData() + luma.GetRowPitch() * height,
                      luma.GetRowPitch(), chromaRow, chromaHeight);
         } else {
-            const PlaneMapping chroma(context, slot.readback[1], D3D11_MAP_READ);
+            const Mapping11 chroma(context, slot.readback[1], D3D11_MAP_READ);
             CopyRows(planes + lumaSize, chromaRow, chroma.GetData(), chroma.GetRowPitch(),
                      chromaRow, chromaHeight);
         }

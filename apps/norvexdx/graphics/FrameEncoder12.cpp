@@ -11,6 +11,7 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/graphics/Pieces12.h"
 
 namespace Norvex::App {
 
@@ -21,19 +22,6 @@ constexpr auto kSourceState = D3D12_RESOURCE_STATE_COPY_DEST;
 constexpr auto kCanvasState = D3D12_RESOURCE_STATE_RENDER_TARGET;
 constexpr auto kPlaneState = D3D12_RESOURCE_STATE_COPY_SOURCE;
 constexpr auto kReadable = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
-
-DX::D12Texture2DDesc MakeFrameDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format,
-                                     D3D12_RESOURCE_STATES state, bool isTarget) {
-    DX::D12Texture2DDesc desc;
-    desc.width = static_cast<std::uint64_t>(size.width);
-    desc.height = static_cast<std::uint32_t>(size.height);
-    desc.format = format;
-    desc.initialState = state;
-    if (isTarget) {
-        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
-    }
-    return desc;
-}
 
 D3D12_RESOURCE_BARRIER Transition(ID3D12Resource* resource, D3D12_RESOURCE_STATES before,
                                   D3D12_RESOURCE_STATES after) {
@@ -46,14 +34,11 @@ public:
                    const EncoderTextures& textures)
         : FrameEncoder(params, textures),
           m_device(device),
-          m_queue(new DX::D12CommandQueue(device, {.Type = D3D12_COMMAND_LIST_TYPE_DIRECT,
-                                                   .Priority = D3D12_COMMAND_QUEUE_PRIORITY_NORMAL,
-                                                   .Flags = D3D12_COMMAND_QUEUE_FLAG_NONE,
-                                                   .NodeMask = 0})),
+          m_queue(MakeQueue12(device)),
           m_draw(new DX::D12ImageDraw(device)),
           m_converter(new DX::D12YUVConverter(device, Proc::AlphaType::NonPremultiplied)),
           m_canvasPool(DX::D12Texture2DPool::Create(
-              device, MakeFrameDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
+              device, MakeTextureDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
         MakePlanePools();
         PlacePlanes();
         m_queue->Get()->GetTimestampFrequency(&m_ticksPerSecond);
@@ -86,7 +71,7 @@ private:
         const VideoFormat& format = GetParams().format;
         const auto make = [&](const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
             return DX::D12Texture2DPool::Create(m_device,
-                                                MakeFrameDesc12(size, plane, kPlaneState, true));
+                                                MakeTextureDesc12(size, plane, kPlaneState, true));
         };
         const DX::Size2DT<long>& size = GetParams().size;
         if (IsPlanar()) {
@@ -128,7 +113,7 @@ private:
         work.allocator = m_queue->CreateCommandAllocator();
         RecordUpload(work, frame, place.begin);
         if (work.canvas) {
-            RecordDraw(work, GetImageSize(frame));
+            RecordDraw(work, frame.GetSize());
         }
         RecordConversion(work);
         RecordReadback(work, place.end);
@@ -171,8 +156,8 @@ private:
 
     // Pictures of one clip may differ in size; each size has its pool.
     Texture ObtainSource(const Image& frame) {
-        const auto desc =
-            MakeFrameDesc12(GetImageSize(frame), GetSourceFormat(frame), kSourceState, false);
+        const auto desc = MakeTextureDesc12(frame.GetSize(), GetPictureFormat(frame.bitsPerChannel),
+                                            kSourceState, false);
         if (!m_sourcePool || m_sourcePool->GetDesc().width != desc.width ||
             m_sourcePool->GetDesc().height != desc.height ||
             m_sourcePool->GetDesc().format != desc.format) {
@@ -213,8 +198,8 @@ private:
                   const boost::intrusive_ptr<DX::D12Descriptor>& source) {
         const DX::Size2DT<long> size = source->GetSize();
         const auto half = m_device->CreateTexture2D(
-            MakeFrameDesc12({(size.width + 1) / 2, (size.height + 1) / 2},
-                            GetTextures().canvasFormat, kCanvasState, true));
+            MakeTextureDesc12({(size.width + 1) / 2, (size.height + 1) / 2},
+                              GetTextures().canvasFormat, kCanvasState, true));
         m_draw->Encode(allocator, source, m_device->CreateRenderTargetView(half), {}, std::nullopt,
                        std::nullopt);
         allocator->ResourceBarrier({Transition(half, kCanvasState, kReadable)});

@@ -71,11 +71,7 @@ long GetHalf(long side) {
 } // namespace
 
 Image Canvas::Download() {
-    Image image{.width = static_cast<std::uint32_t>(GetSize().width),
-                .height = static_cast<std::uint32_t>(GetSize().height),
-                .bitsPerChannel = GetFormat() == DXGI_FORMAT_R8G8B8A8_UNORM ? 8U : 16U,
-                .pixels = {},
-                .colorSpace = {}};
+    Image image = Image::Make(GetSize(), GetFormat() == DXGI_FORMAT_R8G8B8A8_UNORM ? 8 : 16);
     image.pixels = DownloadBytes();
     if (GetFormat() == DXGI_FORMAT_R16G16B16A16_FLOAT) {
         ConvertFromHalf(image.pixels);

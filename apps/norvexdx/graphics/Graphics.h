@@ -20,7 +20,10 @@
 
 namespace Norvex::App {
 
+class FrameEncoder;
 class Screen;
+struct EncoderParams;
+struct EncoderTextures;
 
 enum class ApiChoice { Auto, Direct3D11, Direct3D12 };
 
@@ -131,6 +134,11 @@ public:
     // For the client area of a window, which has no other Screen.
     virtual std::unique_ptr<Screen> OpenScreen(HWND window) = 0;
 
+    // Compiles its shaders; may outlive this object. Which textures it takes: FrameEncoder::Open.
+    virtual std::unique_ptr<FrameEncoder> MakeEncoder(const EncoderParams& params,
+                                                      const EncoderTextures& textures) const = 0;
+    virtual FormatUses GetUses(DXGI_FORMAT format) const = 0;
+
     // How often a picture of this size is to be halved before it is drawn at this scale (target
     // pixels per source pixel), so that every source pixel counts.
     static unsigned CountHalvings(const DX::Size2DT<long>& size, float scale);
@@ -160,7 +168,6 @@ protected:
 
 private:
     virtual void CompileShaders(DrawKind kind) = 0;
-    virtual FormatUses GetUses(DXGI_FORMAT format) const = 0;
     virtual std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                                  DXGI_FORMAT format) = 0;
     // Submits what the function records and waits for it. Milliseconds, as DrawResult's.

@@ -1,33 +1,19 @@
 #include "apps/norvexdx/graphics/Graphics11.h"
 
 #include <array>
-#include <cstring>
 #include <deque>
 #include <optional>
 #include <thread>
 
-#include <boost/throw_exception.hpp>
-
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
-#include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/FrameEncoder11.h"
+#include "apps/norvexdx/graphics/Pieces11.h"
 #include "apps/norvexdx/graphics/Screen.h"
 
 namespace Norvex::App {
 
 namespace {
-
-D3D11_TEXTURE2D_DESC MakeTextureDesc11(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
-    D3D11_TEXTURE2D_DESC desc = {};
-    desc.Width = static_cast<UINT>(size.width);
-    desc.Height = static_cast<UINT>(size.height);
-    desc.MipLevels = 1;
-    desc.ArraySize = 1;
-    desc.Format = format;
-    desc.SampleDesc.Count = 1;
-    desc.Usage = D3D11_USAGE_DEFAULT;
-    return desc;
-}
 
 // Premultiplied colour over what is there.
 D3D11_RENDER_TARGET_BLEND_DESC MakeOverBlend11() {
@@ -53,28 +39,6 @@ private:
     boost::intrusive_ptr<DX::D11ShaderTexture2D> m_texture;
 };
 
-// A staging texture's memory, readable while this object lives. Inside Encode.
-class Mapping {
-public:
-    Mapping(const boost::intrusive_ptr<DX::D11DeviceContext>& context,
-            const CComPtr<ID3D11Texture2D>& texture)
-        : m_context(context),
-          m_texture(texture),
-          m_mapped(context->Map(texture, 0, D3D11_MAP_READ, std::nullopt)) {}
-    ~Mapping() { m_context->Unmap(m_texture, 0); }
-    Mapping(const Mapping&) = delete;
-    Mapping& operator=(const Mapping&) = delete;
-
-    const std::uint8_t* GetRow(std::size_t row) const {
-        return static_cast<const std::uint8_t*>(m_mapped.pData) + row * m_mapped.RowPitch;
-    }
-
-private:
-    boost::intrusive_ptr<DX::D11DeviceContext> m_context;
-    CComPtr<ID3D11Texture2D> m_texture;
-    D3D11_MAPPED_SUBRESOURCE m_mapped;
-};
-
 class Canvas11 : public Canvas {
 public:
     Canvas11(const boost::intrusive_ptr<DX::D11Device>& device,
@@ -87,16 +51,13 @@ public:
 
 protected:
     void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
-        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(GetSize(), GetFormat());
-        desc.Usage = D3D11_USAGE_STAGING;
-        desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
-        const auto staging = m_device->CreateTexture2D(desc, nullptr);
+        const auto staging = m_device->CreateTexture2D(
+            MakeStagingDesc11(GetSize(), GetFormat(), D3D11_CPU_ACCESS_READ), nullptr);
         m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
             context->CopyResource(staging, m_target->GetTexture());
-            const Mapping mapping(context, staging);
-            for (std::size_t row = 0; row < desc.Height; ++row) {
-                std::memcpy(pixels + row * rowSize, mapping.GetRow(row), rowSize);
-            }
+            const Mapping11 mapping(context, staging, D3D11_MAP_READ);
+            CopyRows(pixels, rowSize, mapping.GetData(), mapping.GetRowPitch(), rowSize,
+                     static_cast<std::size_t>(GetSize().height));
         });
     }
 
@@ -168,29 +129,19 @@ private:
     boost::intrusive_ptr<DX::D11DeviceContext> m_context;
 };
 
-void ThrowIfFailed(HRESULT result, const char* sentence, DX::D11Device& device) {
-    if (FAILED(result)) {
-        DX::DirectX11Exception failure;
-        failure << ErrorDescription(sentence) << HResult(result, device.Get());
-        boost::throw_exception(failure);
-    }
-}
-
 // A place in what is recorded, which the device passes some time after Flush. Inside Encode.
 class Marker {
 public:
     explicit Marker(const boost::intrusive_ptr<DX::D11Device>& device) : m_device(device) {
         m_device->Get()->GetImmediateContext(&m_context);
-        const D3D11_QUERY_DESC desc = {D3D11_QUERY_EVENT, 0};
-        ThrowIfFailed(m_device->Get()->CreateQuery(&desc, &m_query), "Failed to create query",
-                      *m_device);
+        m_query = MakeQuery11(*m_device, D3D11_QUERY_EVENT);
         m_context->End(m_query);
     }
 
     bool IsPassed() const {
         const HRESULT result =
             m_context->GetData(m_query, nullptr, 0, D3D11_ASYNC_GETDATA_DONOTFLUSH);
-        ThrowIfFailed(result, "Failed to wait for the device", *m_device);
+        ThrowIfFailed11(result, "Failed to wait for the device", *m_device);
         return result == S_OK;
     }
     void Wait() const {
@@ -271,9 +222,7 @@ public:
 
     std::unique_ptr<Picture> Upload(const Image& image) override {
         const auto desc =
-            MakeTextureDesc11({static_cast<long>(image.width), static_cast<long>(image.height)},
-                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
-                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
+            MakeTextureDesc11(image.GetSize(), GetPictureFormat(image.bitsPerChannel));
         const D3D11_SUBRESOURCE_DATA data = {image.pixels.data(),
                                              static_cast<UINT>(image.GetRowSize()), 0};
         return std::make_unique<Picture11>(DX::D11ShaderTexture2D::Create(m_device, desc, &data),
@@ -284,13 +233,18 @@ public:
         return std::make_unique<Screen11>(m_device, m_drawer.value(), window);
     }
 
-private:
-    // One drawer serves all kinds.
-    void CompileShaders(DrawKind /*kind*/) override { m_drawer.emplace(m_device); }
+    std::unique_ptr<FrameEncoder> MakeEncoder(const EncoderParams& params,
+                                              const EncoderTextures& textures) const override {
+        return MakeFrameEncoder11(m_device, params, textures);
+    }
 
     FormatUses GetUses(DXGI_FORMAT format) const override {
         return GetFormatUses(*m_device, format);
     }
+
+private:
+    // One drawer serves all kinds.
+    void CompileShaders(DrawKind /*kind*/) override { m_drawer.emplace(m_device); }
 
     std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                          DXGI_FORMAT format) override {

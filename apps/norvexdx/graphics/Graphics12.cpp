@@ -7,19 +7,13 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/FrameEncoder12.h"
+#include "apps/norvexdx/graphics/Pieces12.h"
 #include "apps/norvexdx/graphics/Screen.h"
 
 namespace Norvex::App {
 
 namespace {
-
-DX::D12Texture2DDesc MakeTextureDesc12(const DX::Size2DT<long>& size, DXGI_FORMAT format) {
-    DX::D12Texture2DDesc desc;
-    desc.width = static_cast<std::uint64_t>(size.width);
-    desc.height = static_cast<std::uint32_t>(size.height);
-    desc.format = format;
-    return desc;
-}
 
 // Premultiplied colour over what is there.
 DX::D12BlendState MakeOverBlend12() {
@@ -202,9 +196,8 @@ private:
 
     // A back buffer is for the swap chain's own queue.
     std::unique_ptr<Canvas> Copy(DX::D12CommandAllocator& frame, const DX::D12Descriptor& target) {
-        auto desc = MakeTextureDesc12(target.GetSize(), target.GetFormat());
-        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
-        desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
+        const auto desc = MakeTextureDesc12(target.GetSize(), target.GetFormat(),
+                                            D3D12_RESOURCE_STATE_COPY_DEST, true);
         const auto& device = m_queue->GetDevice();
         const auto copy = device->CreateRenderTargetView(device->CreateTexture2D(desc));
         const auto list = frame.CreateCommandList({});
@@ -228,10 +221,7 @@ class Graphics12 : public Graphics {
 public:
     explicit Graphics12(const boost::intrusive_ptr<DX::D12Device>& device)
         : m_device(device),
-          m_queue(new DX::D12CommandQueue(device, {.Type = D3D12_COMMAND_LIST_TYPE_DIRECT,
-                                                   .Priority = D3D12_COMMAND_QUEUE_PRIORITY_NORMAL,
-                                                   .Flags = D3D12_COMMAND_QUEUE_FLAG_NONE,
-                                                   .NodeMask = 0})),
+          m_queue(MakeQueue12(device)),
           m_drawers(device) {}
 
     const char* GetApiName() const override { return "Direct3D 12"; }
@@ -239,11 +229,8 @@ public:
     long GetDeviceRemovedReason() const override { return m_device->GetDeviceRemovedReason(); }
 
     std::unique_ptr<Picture> Upload(const Image& image) override {
-        auto desc =
-            MakeTextureDesc12({static_cast<long>(image.width), static_cast<long>(image.height)},
-                              image.bitsPerChannel == 16 ? DXGI_FORMAT_R16G16B16A16_UNORM
-                                                         : DXGI_FORMAT_R8G8B8A8_UNORM);
-        desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
+        const auto desc = MakeTextureDesc12(image.GetSize(), GetPictureFormat(image.bitsPerChannel),
+                                            D3D12_RESOURCE_STATE_COPY_DEST, false);
         DX::D12UploadResourceParams params;
         params.destination = m_device->CreateTexture2D(desc);
         params.stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
@@ -258,6 +245,15 @@ public:
         return std::make_unique<Screen12>(m_queue, m_drawers, window);
     }
 
+    std::unique_ptr<FrameEncoder> MakeEncoder(const EncoderParams& params,
+                                              const EncoderTextures& textures) const override {
+        return MakeFrameEncoder12(m_device, params, textures);
+    }
+
+    FormatUses GetUses(DXGI_FORMAT format) const override {
+        return GetFormatUses(*m_device, format);
+    }
+
 private:
     void CompileShaders(DrawKind kind) override {
         if (kind == DrawKind::Fill) {
@@ -267,15 +263,9 @@ private:
         }
     }
 
-    FormatUses GetUses(DXGI_FORMAT format) const override {
-        return GetFormatUses(*m_device, format);
-    }
-
     std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                          DXGI_FORMAT format) override {
-        auto desc = MakeTextureDesc12(size, format);
-        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
-        desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        auto desc = MakeTextureDesc12(size, format, D3D12_RESOURCE_STATE_RENDER_TARGET, true);
         desc.clearColor = std::array{0.0F, 0.0F, 0.0F, 0.0F};
         return std::make_unique<Canvas12>(
             m_queue, m_device->CreateRenderTargetView(m_device->CreateTexture2D(desc)));

@@ -11,16 +11,18 @@ void WriteCanvas(Canvas& canvas, const std::filesystem::path& output,
     const Stopwatch readback;
     Image image = canvas.Download();
     report.times.readback = readback.GetMilliseconds();
+    report.targetFormat = canvas.GetFormat();
     image.colorSpace = colorSpace;
+    WriteReported(image, output, report);
+}
 
+void WriteReported(const Image& image, const std::filesystem::path& output, PictureReport& report) {
     const Stopwatch encode;
     WriteImage(output, image);
     report.times.encode = encode.GetMilliseconds();
-
     report.output = Utf8FromPath(output);
     report.width = image.width;
     report.height = image.height;
-    report.targetFormat = canvas.GetFormat();
 }
 
 } // namespace Norvex::App

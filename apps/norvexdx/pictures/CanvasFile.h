@@ -14,5 +14,7 @@ namespace Norvex::App {
 // and how long it took. Throws what Canvas::Download and WriteImage throw.
 void WriteCanvas(Canvas& canvas, const std::filesystem::path& output,
                  const std::optional<Conf::RGBColorSpace>& colorSpace, PictureReport& report);
+// The part of that after reading back.
+void WriteReported(const Image& image, const std::filesystem::path& output, PictureReport& report);
 
 } // namespace Norvex::App

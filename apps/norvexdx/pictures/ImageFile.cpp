@@ -1,8 +1,12 @@
 #include "apps/norvexdx/pictures/ImageFile.h"
 
+#include <utility>
+
 #include <fmt/format.h>
 
+#include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/pictures/ColorProfile.h"
 #include "apps/norvexdx/pictures/InputFile.h"
 #include "apps/norvexdx/pictures/JpegStructure.h"
 #include "apps/norvexdx/pictures/Orientation.h"
@@ -15,6 +19,8 @@ namespace Norvex::App {
 
 namespace {
 
+constexpr Conf::RGBColorSpace kSRGB = {};
+
 Image Decode(std::span<const std::uint8_t> file) {
     if (IsPng(file)) {
         return ReadPng(file);
@@ -22,11 +28,27 @@ Image Decode(std::span<const std::uint8_t> file) {
     if (!IsJpeg(file)) {
         return ReadWithWic(file);
     }
-    const JpegStructure structure = ReadJpegStructure(file);
+    JpegStructure structure = ReadJpegStructure(file);
     if (!structure.isComplete) {
         throw Failure("the file is cut short");
     }
-    return MakeUpright(ReadWithWic(file), structure.orientation);
+    Image image = ReadWithWic(file);
+    if (!structure.profile.empty()) {
+        image.profile = IccProfile{.bytes = std::move(structure.profile), .name = {}};
+    }
+    return MakeUpright(std::move(image), structure.orientation);
+}
+
+void ApplyOrTell(const std::filesystem::path& path, Image& image) {
+    try {
+        ApplyProfile(image);
+    } catch (const Failure& failure) {
+        const std::string& name = image.profile->name;
+        Console::PrintMessage(fmt::format("{}: its colour profile{} is left aside: {}",
+                                          Utf8FromPath(path),
+                                          name.empty() ? "" : " \"" + name + "\"", failure.what()));
+        image.profile.reset();
+    }
 }
 
 } // namespace
@@ -42,10 +64,14 @@ void CheckDimensions(std::uint32_t width, std::uint32_t height) {
     }
 }
 
-Image ReadImage(const std::filesystem::path& path) {
+Image ReadImage(const std::filesystem::path& path, const std::optional<Conf::RGBColorSpace>& from) {
     const std::vector<std::uint8_t> file = ReadInputFile(path);
     try {
-        return Decode(file);
+        Image image = Decode(file);
+        if (image.profile && !image.colorSpace && from.value_or(kSRGB) == kSRGB) {
+            ApplyOrTell(path, image);
+        }
+        return image;
     } catch (const Failure& failure) {
         throw Failure(Utf8FromPath(path) + ": " + failure.what());
     }

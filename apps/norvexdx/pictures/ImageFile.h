@@ -21,7 +21,11 @@ void CheckDimensions(std::uint32_t width, std::uint32_t height);
 // JPEG (turned upright), PNG, TIFF, and what else the system decodes: the first picture of the
 // file. Failures: those of ReadInputFile, not a picture, damaged or cut short, larger than
 // kMaxDimension, samples that have no exact place in 16 bits.
-Image ReadImage(const std::filesystem::path& path);
+// A picture with an ICC profile is converted to sRGB (ColorProfile.h), unless the file also says
+// its colour space in code points, or the user says that the picture is `from` another one. A
+// profile that cannot be used is told on standard error.
+Image ReadImage(const std::filesystem::path& path,
+                const std::optional<Conf::RGBColorSpace>& from = {});
 
 // PNG with the image's depth, and with its colour space where it has one; whole or not at all
 // (OutputFile.h).

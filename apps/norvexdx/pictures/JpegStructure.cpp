@@ -15,6 +15,7 @@ constexpr std::uint8_t kStartOfImage = 0xD8;
 constexpr std::uint8_t kEndOfImage = 0xD9;
 constexpr std::uint8_t kStartOfScan = 0xDA;
 constexpr std::uint8_t kApplication1 = 0xE1;
+constexpr std::uint8_t kApplication2 = 0xE2;
 
 bool IsRestart(std::uint8_t marker) {
     return marker >= 0xD0 && marker <= 0xD7;
@@ -65,6 +66,18 @@ std::optional<unsigned> ReadExifOrientation(Bytes segment) {
     return std::nullopt;
 }
 
+// A profile may be longer than a segment: its parts, behind a name, their number and their count,
+// stand in their order (ICC.1, annex B).
+void AppendProfile(Bytes segment, std::vector<std::uint8_t>& profile) {
+    constexpr char kName[] = "ICC_PROFILE"; // and its zero
+    constexpr std::size_t kHead = std::size(kName) + 2;
+    if (segment.size() >= kHead &&
+        std::equal(std::begin(kName), std::end(kName), segment.begin())) {
+        const Bytes part = segment.subspan(kHead);
+        profile.insert(profile.end(), part.begin(), part.end());
+    }
+}
+
 // The position of the next marker's code from `position` on, past entropy-coded data; the file's
 // size when there is none.
 std::size_t FindMarker(Bytes file, std::size_t position) {
@@ -99,9 +112,11 @@ JpegStructure ReadJpegStructure(Bytes file) {
         if (length < 2 || end > file.size()) {
             return result;
         }
+        const auto segment = file.subspan(position + 3, length - 2);
         if (marker == kApplication1) {
-            const auto segment = file.subspan(position + 3, length - 2);
             result.orientation = ReadExifOrientation(segment).value_or(result.orientation);
+        } else if (marker == kApplication2) {
+            AppendProfile(segment, result.profile);
         }
         hasScan = hasScan || marker == kStartOfScan;
         position = FindMarker(file, end);

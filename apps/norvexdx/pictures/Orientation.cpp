@@ -33,12 +33,13 @@ Image MakeUpright(Image image, unsigned orientation) {
         return image;
     }
     const Turn turn = kTurns[orientation - 1];
-    Image upright = {.width = turn.exchangesAxes ? image.height : image.width,
-                     .height = turn.exchangesAxes ? image.width : image.height,
-                     .bitsPerChannel = image.bitsPerChannel,
-                     .pixels = {},
-                     .colorSpace = image.colorSpace};
-    upright.Allocate();
+    DX::Size2DT<long> size = image.GetSize();
+    if (turn.exchangesAxes) {
+        std::swap(size.width, size.height);
+    }
+    Image upright = Image::Make(size, image.bitsPerChannel);
+    upright.colorSpace = image.colorSpace;
+    upright.profile = std::move(image.profile);
     const std::size_t pixelSize = image.GetPixelSize();
     std::uint8_t* out = upright.pixels.data();
     for (std::size_t y = 0; y < upright.height; ++y) {

@@ -43,8 +43,18 @@ BOOL WINAPI HandleInterruption(DWORD) {
     return TRUE;
 }
 
+// "NUL", "CON" and whatever stands in "\\.\": no file of a folder.
+bool IsDevice(const fs::path& path) {
+    std::error_code error;
+    return fs::absolute(path, error).wstring().starts_with(LR"(\\.\)");
+}
+
+// A device has no name to get: it is written to at once.
 fs::path MakePassingPath(const fs::path& target) {
     static std::atomic<unsigned> counter{0};
+    if (IsDevice(target)) {
+        return target;
+    }
     return target.parent_path() /
            fmt::format("norvexdx-{}-{}.tmp", GetCurrentProcessId(), counter.fetch_add(1));
 }
@@ -66,6 +76,9 @@ std::string DescribeSystemError(DWORD error) {
 } // namespace
 
 void CheckOutputPlace(const fs::path& target) {
+    if (IsDevice(target)) {
+        return;
+    }
     std::error_code error;
     const fs::path folder = target.parent_path();
     if (!folder.empty() && !fs::is_directory(folder, error)) {
@@ -82,12 +95,15 @@ OutputFile::OutputFile(const fs::path& target)
     CheckOutputPlace(target);
     UnfinishedFiles& files = GetUnfinishedFiles();
     const std::lock_guard lock(files.mutex);
-    m_file = CreateFileW(m_passing.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                         nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    m_file =
+        CreateFileW(m_passing.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                    IsPassing() ? CREATE_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_file == INVALID_HANDLE_VALUE) {
         ThrowSystemFailure("cannot write ");
     }
-    files.paths.insert(m_passing);
+    if (IsPassing()) {
+        files.paths.insert(m_passing);
+    }
 }
 
 OutputFile::~OutputFile() {
@@ -118,6 +134,9 @@ void OutputFile::Write(const void* data, std::size_t sizeInBytes) {
 }
 
 void OutputFile::Commit() {
+    if (!IsPassing()) {
+        return Close();
+    }
     // Some file systems only notice here that there is no space.
     if (!FlushFileBuffers(m_file)) {
         ThrowSystemFailure("cannot write ");

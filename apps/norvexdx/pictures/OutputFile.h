@@ -1,8 +1,8 @@
 #pragma once
 
 // A file that appears whole or not at all: written beside its place under a passing name, then
-// renamed. What is not committed is removed, also when the user interrupts the program. One thread
-// uses one object. Throws Failure.
+// renamed; a device (NUL) is written to as it is. What is not committed is removed, also when the
+// user interrupts the program. One thread uses one object. Throws Failure.
 
 #include <cstddef>
 #include <filesystem>
@@ -33,6 +33,7 @@ public:
 private:
     [[noreturn]] void ThrowSystemFailure(const char* what) const;
     void Close();
+    bool IsPassing() const { return m_passing != m_target; }
 
     std::filesystem::path m_target;
     std::filesystem::path m_passing;

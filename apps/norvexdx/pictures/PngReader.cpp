@@ -1,6 +1,7 @@
 #include "apps/norvexdx/pictures/PngReader.h"
 
 #include <cstring>
+#include <string_view>
 
 #include <png.h>
 
@@ -31,7 +32,13 @@ struct Reading {
     png_longjmp(png, 1);
 }
 
-void OnReadWarning(png_structp, png_const_charp) {}
+// libpng leaves out what it finds wrong in a profile; that there was one is told later.
+void OnReadWarning(png_structp png, png_const_charp message) {
+    auto* reading = static_cast<Reading*>(png_get_io_ptr(png));
+    if (reading != nullptr && std::string_view(message).find("iCCP") != std::string_view::npos) {
+        reading->image.profile.emplace();
+    }
+}
 
 void OnRead(png_structp png, png_bytep bytes, std::size_t size) {
     auto& reading = *static_cast<Reading*>(png_get_io_ptr(png));
@@ -97,6 +104,16 @@ void ReadColorSpace(Reading& reading) {
 #endif
 }
 
+void ReadProfile(Reading& reading) {
+    png_charp name = nullptr;
+    int compression = 0;
+    png_bytep bytes = nullptr;
+    png_uint_32 size = 0;
+    if (png_get_iCCP(reading.png, reading.info, &name, &compression, &bytes, &size) != 0) {
+        reading.image.profile = IccProfile{.bytes = {bytes, bytes + size}, .name = name};
+    }
+}
+
 void Check(const Reading& reading, bool isGood) {
     if (!isGood) {
         throw Failure(reading.isCutShort ? "the file is cut short" : "the PNG file is damaged");
@@ -111,7 +128,8 @@ bool IsPng(std::span<const std::uint8_t> file) {
 
 Image ReadPng(std::span<const std::uint8_t> file) {
     Reading reading{.rest = file, .image = {}, .rows = {}};
-    reading.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, &OnReadError, &OnReadWarning);
+    reading.png =
+        png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, &OnReadError, &OnReadWarning);
     reading.info = reading.png != nullptr ? png_create_info_struct(reading.png) : nullptr;
     if (reading.info == nullptr) {
         throw std::bad_alloc();
@@ -119,6 +137,7 @@ Image ReadPng(std::span<const std::uint8_t> file) {
     Check(reading, ReadHeader(reading));
     CheckDimensions(reading.image.width, reading.image.height);
     ReadColorSpace(reading);
+    ReadProfile(reading);
     Check(reading, SetTransformations(reading));
 
     reading.image.Allocate();

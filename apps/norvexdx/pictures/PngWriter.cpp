@@ -111,7 +111,8 @@ bool Write(Writing& writing, bool isOpaque) {
 
 void WritePng(OutputFile& file, const Image& image) {
     Writing writing{.file = file, .image = image};
-    writing.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, &OnWriteError, &OnWriteWarning);
+    writing.png =
+        png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, &OnWriteError, &OnWriteWarning);
     writing.info = writing.png != nullptr ? png_create_info_struct(writing.png) : nullptr;
     if (writing.info == nullptr) {
         throw std::bad_alloc();

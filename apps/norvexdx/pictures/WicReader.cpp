@@ -164,19 +164,44 @@ void CopyPixels(IWICBitmapSource* source, const Layout& layout, Image& image) {
     }
 }
 
+// The first ICC profile of the picture; a file may have several contexts.
+std::optional<IccProfile> ReadProfile(IWICImagingFactory* factory, IWICBitmapFrameDecode* frame) {
+    UINT count = 0;
+    if (FAILED(frame->GetColorContexts(0, nullptr, &count)) || count == 0) {
+        return std::nullopt;
+    }
+    std::vector<CComPtr<IWICColorContext>> contexts(count);
+    std::vector<IWICColorContext*> pointers;
+    for (auto& context : contexts) {
+        Check(factory->CreateColorContext(&context));
+        pointers.push_back(context);
+    }
+    if (FAILED(frame->GetColorContexts(count, pointers.data(), &count))) {
+        return std::nullopt;
+    }
+    for (const auto& context : contexts) {
+        WICColorContextType type = WICColorContextUninitialized;
+        UINT size = 0;
+        if (SUCCEEDED(context->GetType(&type)) && type == WICColorContextProfile &&
+            SUCCEEDED(context->GetProfileBytes(0, nullptr, &size)) && size != 0) {
+            IccProfile profile{.bytes = std::vector<std::uint8_t>(size), .name = {}};
+            Check(context->GetProfileBytes(size, profile.bytes.data(), &size));
+            return profile;
+        }
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 Image ReadWithWic(std::span<const std::uint8_t> file) {
     const ComApartment apartment;
     const CComPtr<IWICImagingFactory> factory = CreateFactory();
     const CComPtr<IWICBitmapFrameDecode> frame = OpenFrame(factory, file);
-    Image image;
     UINT width = 0;
     UINT height = 0;
     Check(frame->GetSize(&width, &height));
     CheckDimensions(width, height);
-    image.width = width;
-    image.height = height;
 
     WICPixelFormatGUID format = {};
     Check(frame->GetPixelFormat(&format));
@@ -186,8 +211,9 @@ Image ReadWithWic(std::span<const std::uint8_t> file) {
         source = ConvertToBGRA(factory, frame, format);
         layout = FindLayout(GUID_WICPixelFormat32bppBGRA);
     }
-    image.bitsPerChannel = layout->bitsPerChannel;
-    image.Allocate();
+    Image image =
+        Image::Make({static_cast<long>(width), static_cast<long>(height)}, layout->bitsPerChannel);
+    image.profile = ReadProfile(factory, frame);
     CopyPixels(source, *layout, image);
     return image;
 }

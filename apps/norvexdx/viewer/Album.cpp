@@ -14,9 +14,9 @@ namespace {
 
 constexpr std::ptrdiff_t kMaxDecoding = 2; // at the same time
 
-DecodedPicture Decode(const std::string& file) {
+DecodedPicture Decode(const std::string& file, const std::optional<Conf::RGBColorSpace>& from) {
     try {
-        return {ReadImage(PathFromUtf8(file)), {}};
+        return {ReadImage(PathFromUtf8(file), from), {}};
     } catch (...) {
         return {{}, DescribeFailureOf(file, std::current_exception())};
     }
@@ -28,9 +28,11 @@ bool IsDecoding(const std::future<DecodedPicture>& future) {
 
 } // namespace
 
-Album::Album(std::vector<std::string> files, std::function<void()> onDecoded)
+Album::Album(std::vector<std::string> files, std::function<void()> onDecoded,
+             const std::optional<Conf::RGBColorSpace>& from)
     : m_files(std::move(files)),
-      m_onDecoded(std::move(onDecoded)) {}
+      m_onDecoded(std::move(onDecoded)),
+      m_from(from) {}
 
 void Album::Select(std::size_t index) {
     Forget(index);
@@ -103,7 +105,7 @@ void Album::Begin(std::size_t index) {
     entry.future = decoded.get_future();
     // Not std::async: the picture is there before it is told.
     entry.thread = std::jthread([this, index, promise = std::move(decoded)]() mutable {
-        promise.set_value(Decode(m_files[index]));
+        promise.set_value(Decode(m_files[index], m_from));
         m_onDecoded();
     });
 }

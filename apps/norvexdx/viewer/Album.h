@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,8 +24,9 @@ struct DecodedPicture {
 
 class Album {
 public:
-    // onDecoded is called on another thread whenever a picture is there.
-    Album(std::vector<std::string> files, std::function<void()> onDecoded);
+    // onDecoded is called on another thread whenever a picture is there. from: as ReadImage's.
+    Album(std::vector<std::string> files, std::function<void()> onDecoded,
+          const std::optional<Conf::RGBColorSpace>& from = {});
 
     std::size_t GetCount() const { return m_files.size(); }
     const std::string& GetName(std::size_t index) const { return m_files[index]; }
@@ -50,6 +52,7 @@ private:
 
     std::vector<std::string> m_files;
     std::function<void()> m_onDecoded;
+    std::optional<Conf::RGBColorSpace> m_from;
     std::map<std::size_t, Entry> m_entries;
 };
 

@@ -73,11 +73,8 @@ void MakeHDR(Image& image, const ScreenPixels& pixels) {
 } // namespace
 
 Image MakeScreenshot(const ScreenPixels& pixels) {
-    Image image{.width = static_cast<std::uint32_t>(pixels.size.width),
-                .height = static_cast<std::uint32_t>(pixels.size.height),
-                .bitsPerChannel = 8,
-                .pixels = {},
-                .colorSpace = Conf::RGBColorSpace{}};
+    Image image = Image::Make(pixels.size, 8);
+    image.colorSpace = Conf::RGBColorSpace{};
     if (pixels.format == DXGI_FORMAT_R8G8B8A8_UNORM) {
         image.pixels = pixels.bytes;
     } else {

@@ -100,12 +100,7 @@ Image RenderText(std::string_view text, unsigned dotsPerInch) {
     size.cy += 2 * kMargin;
     const std::uint8_t* drawn = drawer.Draw(wide, size);
 
-    Image image{.width = static_cast<std::uint32_t>(size.cx),
-                .height = static_cast<std::uint32_t>(size.cy),
-                .bitsPerChannel = 8,
-                .pixels = {},
-                .colorSpace = {}};
-    image.Allocate();
+    Image image = Image::Make({size.cx, size.cy}, 8);
     for (std::size_t i = 0; i < image.pixels.size(); i += Image::kChannels) {
         const unsigned coverage = drawn[i]; // equal in all channels
         std::fill_n(image.pixels.begin() + static_cast<std::ptrdiff_t>(i), 3, drawn[i]);

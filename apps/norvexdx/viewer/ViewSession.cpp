@@ -38,10 +38,6 @@ DX::Size2DT<long> ChooseWindowSize(const DX::Size2DT<long>& picture,
     return {scaled(picture.width, kSmallest.width), scaled(picture.height, kSmallest.height)};
 }
 
-DX::Size2DT<long> GetSize(const Image& image) {
-    return {static_cast<long>(image.width), static_cast<long>(image.height)};
-}
-
 void AppendParagraph(std::string& text, const std::string& paragraph) {
     if (!paragraph.empty()) {
         text += (text.empty() ? "" : "\n\n") + paragraph;
@@ -73,7 +69,7 @@ ViewSession::ViewSession(const ViewOptions& options)
     : m_options(options),
       m_viewer(options.files.size()),
       m_window(*this),
-      m_album(options.files, [this] { m_window.Wake(); }) {
+      m_album(options.files, [this] { m_window.Wake(); }, options.from) {
     m_viewer.SetWantsHDR(options.hdr != HDRChoice::Off);
     m_viewer.SetShowsStatistics(options.showsStatistics);
     m_viewer.SetFullScreen(options.isFullScreen);
@@ -85,7 +81,7 @@ bool ViewSession::Open() {
     if (!SelectFirst()) {
         return false;
     }
-    const DX::Size2DT<long> picture = GetSize(m_album.Get(m_viewer.GetIndex()).image);
+    const DX::Size2DT<long> picture = m_album.Get(m_viewer.GetIndex()).image.GetSize();
     m_window.SetClientSize(
         m_options.size.value_or(ChooseWindowSize(picture, m_window.GetWorkSize())));
     ShowPicture();
@@ -264,7 +260,7 @@ void ViewSession::ShowPicture() {
     if (!m_notice.empty() && m_told.insert(index).second) {
         Console::PrintMessage(m_notice);
     }
-    m_viewer.SetPictureSize(GetSize(picture->image));
+    m_viewer.SetPictureSize(picture->image.GetSize());
     m_shown = index;
     OnDevice([&](ViewerScene& scene) { SetPicture(scene, *picture); });
 }

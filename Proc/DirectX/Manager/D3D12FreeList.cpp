@@ -1,0 +1,78 @@
+#include "Proc/DirectX/Manager/D3D12FreeList.h"
+
+#include <iterator>
+#include <new>
+
+namespace Norvex::DX {
+
+namespace {
+
+constexpr std::chrono::seconds kReusablePeriod{2};
+constexpr std::chrono::milliseconds kLookPeriod{2000};
+
+} // namespace
+
+D12FreeList::D12FreeList() : m_timer([this] { FreeExpired(); }) {}
+
+void D12FreeList::Put(std::uint64_t size, const CComPtr<ID3D12Resource>& resource) noexcept {
+    try {
+        Entries entry(1, {resource, {}});
+        const std::scoped_lock lock(m_lock);
+        Entries& entries = m_entries[size];
+        entry.front().expiry = Clock::now() + kReusablePeriod;
+        entries.splice(entries.end(), entry);
+        if (!m_timer.IsRunning()) {
+            m_timer.StartPeriodic(kLookPeriod);
+        }
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
+CComPtr<ID3D12Resource> D12FreeList::Take(std::uint64_t size, End end) {
+    const std::scoped_lock lock(m_lock);
+    const auto found = m_entries.find(size);
+    if (found == m_entries.end() || found->second.empty()) {
+        return nullptr;
+    }
+    Entries& entries = found->second;
+    const auto entry = end == End::Newest ? std::prev(entries.end()) : entries.begin();
+    CComPtr<ID3D12Resource> resource = std::move(entry->resource);
+    entries.erase(entry);
+    return resource;
+}
+
+void D12FreeList::FreeExpired() {
+    Entries expired; // released after the lock
+    const std::scoped_lock lock(m_lock);
+    const auto now = Clock::now();
+    bool isEmpty = true;
+    for (auto& [size, entries] : m_entries) {
+        while (!entries.empty() && entries.front().expiry <= now) {
+            expired.splice(expired.end(), entries, entries.begin());
+        }
+        isEmpty = isEmpty && entries.empty();
+    }
+    if (isEmpty) {
+        m_timer.Stop();
+    }
+}
+
+void D12FreeList::Clear() {
+    std::map<std::uint64_t, Entries> released; // after the lock
+    const std::scoped_lock lock(m_lock);
+    m_timer.Stop();
+    released.swap(m_entries);
+}
+
+std::pair<std::size_t, std::uint64_t> D12FreeList::Count() const {
+    const std::scoped_lock lock(m_lock);
+    std::pair<std::size_t, std::uint64_t> count = {};
+    for (const auto& [size, entries] : m_entries) {
+        count.first += entries.size();
+        count.second += entries.size() * size;
+    }
+    return count;
+}
+
+} // namespace Norvex::DX

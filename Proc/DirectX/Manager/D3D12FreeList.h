@@ -1,0 +1,51 @@
+#pragma once
+
+// Resources that wait to be used again, internal to the pools of buffers and of textures. Each is
+// kept for 2 s, then freed by a timer that looks every 2 s while there are any. Any thread;
+// resources are released outside the lock.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "Host/WaitableTimer.h"
+#include "Platform/ComPtr.h"
+
+namespace Norvex::DX {
+
+class D12FreeList {
+public:
+    enum class End : int { Oldest, Newest };
+
+    D12FreeList();
+
+    // As the newest of its size. Out of memory it is freed instead.
+    void Put(std::uint64_t size, const CComPtr<ID3D12Resource>& resource) noexcept;
+    // Null when there is none of that size.
+    CComPtr<ID3D12Resource> Take(std::uint64_t size, End end);
+    // Frees all of them and stops the timer.
+    void Clear();
+    // How many there are, and the sum of their sizes.
+    std::pair<std::size_t, std::uint64_t> Count() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Entry {
+        CComPtr<ID3D12Resource> resource;
+        Clock::time_point expiry;
+    };
+    using Entries = std::list<Entry>;
+
+    void FreeExpired();
+
+    mutable std::mutex m_lock;                  // guards the lists, start and stop of the timer
+    std::map<std::uint64_t, Entries> m_entries; // by size, oldest first
+    Core::WaitableTimer m_timer;                // last: its callback uses all of the above
+};
+
+} // namespace Norvex::DX

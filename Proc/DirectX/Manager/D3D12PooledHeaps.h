@@ -1,0 +1,92 @@
+#pragma once
+
+// What the pools of descriptor heaps and of query heaps have in common, internal: the Direct3D
+// heaps of dead wrappers, kept for reuse, and one heap a type that single slots are taken from. Raw
+// is the Direct3D heap, Heap the wrapper with slots. Any thread. The lock of the shared heaps is
+// held over the whole making of what lives in a slot; the other two (free heaps, slots) are taken
+// inside it.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/SlotBitmap.h"
+
+namespace Norvex::DX {
+
+template <class Raw, class Heap>
+class D12PooledHeaps {
+public:
+    static constexpr unsigned kSharedCapacity = 64;
+
+    // The smallest sufficient one of those that were put under the key, else what make(capacity)
+    // makes, which is called without a lock.
+    template <class Make>
+    CComPtr<Raw> Take(std::uint32_t key, unsigned count, const Make& make) {
+        {
+            const std::scoped_lock lock(m_freeMutex);
+            const auto found = m_free.lower_bound({key, count});
+            if (found != m_free.end() && found->first.first == key) {
+                return std::move(m_free.extract(found).mapped());
+            }
+        }
+        return make(CapacityFor(count));
+    }
+
+    // Out of memory it is freed instead.
+    void Put(std::uint32_t key, unsigned capacity, const CComPtr<Raw>& heap) noexcept {
+        try {
+            const std::scoped_lock lock(m_freeMutex);
+            m_free.emplace(std::pair(key, capacity), heap);
+        } catch (const std::bad_alloc&) {
+            return;
+        }
+    }
+
+    std::size_t CountFree() const {
+        const std::scoped_lock lock(m_freeMutex);
+        return m_free.size();
+    }
+
+    // Calls use(Heap&) with the shared heap of the key, which make() replaces when it is full. It
+    // has no pool while it is here, since pool and heap would keep each other alive for ever; when
+    // it is replaced it gets it, so that its last slot may have it recycled.
+    template <class Pool, class Make, class Use>
+    auto UseShared(std::uint32_t key, Pool* pool, const Make& make, const Use& use) {
+        const std::scoped_lock lock(m_sharedMutex);
+        boost::intrusive_ptr<Heap>& shared = m_shared[key];
+        if (shared == nullptr || !shared->m_slots->HasFree()) {
+            boost::intrusive_ptr<Heap> heap = make();
+            if (shared != nullptr) {
+                shared->m_pool = pool;
+            }
+            shared = std::move(heap);
+        }
+        return use(*shared);
+    }
+
+private:
+    // Up to whole words of a slot bitmap; near the largest count the device is left to refuse.
+    static constexpr unsigned CapacityFor(unsigned count) {
+        constexpr unsigned kUnit = SlotBitmap::kBitsPerWord;
+        const std::uint64_t units = (std::uint64_t{count} + kUnit - 1) / kUnit;
+        return static_cast<unsigned>(
+            std::min<std::uint64_t>(units * kUnit, std::numeric_limits<unsigned>::max()));
+    }
+
+    mutable std::mutex m_freeMutex;
+    std::multimap<std::pair<std::uint32_t, unsigned>, CComPtr<Raw>> m_free; // by key and capacity
+    std::mutex m_sharedMutex;
+    std::unordered_map<std::uint32_t, boost::intrusive_ptr<Heap>> m_shared;
+};
+
+} // namespace Norvex::DX

@@ -1,0 +1,151 @@
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
+
+#include <cstddef>
+#include <utility>
+
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+std::vector<D3D12_INPUT_ELEMENT_DESC> MakeInputElements12() {
+    return {
+        {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0,
+         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
+        {"TEXCOORD", 0, DXGI_FORMAT_R32G32_FLOAT, 0, D3D12_APPEND_ALIGNED_ELEMENT,
+         D3D12_INPUT_CLASSIFICATION_PER_VERTEX_DATA, 0},
+    };
+}
+
+// Front faces, clockwise.
+D3D12_RASTERIZER_DESC MakeRasterizer12() {
+    D3D12_RASTERIZER_DESC desc = {};
+    desc.FillMode = D3D12_FILL_MODE_SOLID;
+    desc.CullMode = D3D12_CULL_MODE_BACK;
+    desc.DepthClipEnable = TRUE;
+    desc.ConservativeRaster = D3D12_CONSERVATIVE_RASTERIZATION_MODE_OFF;
+    return desc;
+}
+
+// Off.
+D3D12_DEPTH_STENCIL_DESC MakeDepthStencil12() {
+    const D3D12_DEPTH_STENCILOP_DESC keep = {D3D12_STENCIL_OP_KEEP, D3D12_STENCIL_OP_KEEP,
+                                             D3D12_STENCIL_OP_KEEP, D3D12_COMPARISON_FUNC_ALWAYS};
+    D3D12_DEPTH_STENCIL_DESC desc = {};
+    desc.DepthWriteMask = D3D12_DEPTH_WRITE_MASK_ALL;
+    desc.DepthFunc = D3D12_COMPARISON_FUNC_LESS;
+    desc.StencilReadMask = D3D12_DEFAULT_STENCIL_READ_MASK;
+    desc.StencilWriteMask = D3D12_DEFAULT_STENCIL_WRITE_MASK;
+    desc.FrontFace = keep;
+    desc.BackFace = keep;
+    return desc;
+}
+
+// Clamped, s0 of the pixel shader.
+D3D12_STATIC_SAMPLER_DESC MakeLinearSampler12() {
+    D3D12_STATIC_SAMPLER_DESC desc = {};
+    desc.Filter = D3D12_FILTER_MIN_MAG_MIP_LINEAR;
+    desc.AddressU = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.AddressV = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.AddressW = D3D12_TEXTURE_ADDRESS_MODE_CLAMP;
+    desc.MaxAnisotropy = 1;
+    desc.ComparisonFunc = D3D12_COMPARISON_FUNC_NEVER;
+    desc.BorderColor = D3D12_STATIC_BORDER_COLOR_TRANSPARENT_BLACK;
+    desc.MaxLOD = D3D12_FLOAT32_MAX;
+    desc.ShaderVisibility = D3D12_SHADER_VISIBILITY_PIXEL;
+    return desc;
+}
+
+} // namespace
+
+CComPtr<ID3D12Resource> CreateConstants(D12Device& device, const std::vector<std::uint8_t>& bytes,
+                                        const wchar_t* name) {
+    D12BufferDesc desc;
+    desc.heapType = D3D12_HEAP_TYPE_UPLOAD;
+    desc.size = bytes.size();
+    desc.initialState = D3D12_RESOURCE_STATE_GENERIC_READ;
+    desc.initialData = bytes.data();
+    auto buffer = device.CreateBuffer(desc);
+    buffer->SetName(name);
+    return buffer;
+}
+
+D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device,
+                                 const std::string& vertexShader, const std::string& pixelShader)
+    : m_device(device),
+      m_parameters(device->CreateShaderParameters()) {
+    m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
+    m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
+    m_desc.pixelShader = D12Shader::CreatePixel("PSMain", pixelShader);
+    m_desc.rasterizer = MakeRasterizer12();
+    m_desc.depthStencil = MakeDepthStencil12();
+    m_desc.inputLayout = MakeInputElements12();
+    m_desc.primitiveTopologyType = D3D12_PRIMITIVE_TOPOLOGY_TYPE_TRIANGLE;
+    m_blendState.targets = {D12RenderTargetBlend{}};
+}
+
+boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture() {
+    m_parameters->AddSampler(MakeLinearSampler12());
+    return m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL);
+}
+
+const CComPtr<ID3D12PipelineState>& D12QuadPipeline::MakePipelineState(const Targets& targets) {
+    std::vector<DXGI_FORMAT> formats;
+    for (const auto& target : targets) {
+        formats.push_back(target->GetFormat());
+    }
+    const bool changed = m_parameters->SerializeRootSignature();
+    const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
+                      m_desc.renderTargetFormats == formats;
+    if (!fits) {
+        m_desc.rootSignature = m_parameters->GetRootSignature();
+        m_desc.blend = m_blendState;
+        m_desc.renderTargetFormats = std::move(formats);
+        m_pipelineState.Release();
+        m_pipelineState = m_device->CreateGraphicsPipelineState(m_desc);
+    }
+    return m_pipelineState;
+}
+
+boost::intrusive_ptr<D12VertexBuffer> D12QuadPipeline::CreateQuad(D12GraphicsCommandList& list,
+                                                                  const Size2DT<float>& extent,
+                                                                  Winding winding) {
+    const auto quad = MakeQuad(extent, winding);
+    return list.CreateVertexBuffer(quad.data(), sizeof(QuadVertex),
+                                   static_cast<unsigned>(quad.size()));
+}
+
+const boost::intrusive_ptr<D12VertexBuffer>& D12QuadPipeline::GetQuad(D12GraphicsCommandList& list,
+                                                                      Winding winding) {
+    auto& quad = m_quads.at(static_cast<std::size_t>(winding));
+    if (quad == nullptr) {
+        quad = CreateQuad(list, {1.0F, 1.0F}, winding);
+    }
+    return quad;
+}
+
+void D12QuadPipeline::Record(D12CommandAllocator& allocator,
+                             const boost::intrusive_ptr<D12Descriptor>& target,
+                             const std::optional<Rect2DT<long>>& viewport, Winding winding) {
+    const Targets targets = {target};
+    allocator.RecordList(MakePipelineState(targets), [&](const List& list) {
+        if (viewport) {
+            Draw(list, targets, *viewport, target->GetSize(), GetQuad(*list, winding));
+        }
+    });
+}
+
+void D12QuadPipeline::Draw(const List& list, const Targets& targets, const Rect2DT<long>& viewport,
+                           const Size2DT<long>& scissor,
+                           const boost::intrusive_ptr<D12VertexBuffer>& quad) const {
+    m_parameters->SetToCommandList(list);
+    list->OMSetRenderTargets(targets, nullptr);
+    list->RSSetViewports({MakeViewport<D3D12_VIEWPORT>(viewport)});
+    list->RSSetScissorRects({RECT{0, 0, scissor.width, scissor.height}});
+    list->IASetVertexBuffer(quad);
+    list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
+    list->Draw(quad);
+}
+
+} // namespace Norvex::DX

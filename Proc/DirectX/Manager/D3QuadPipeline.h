@@ -1,0 +1,110 @@
+#pragma once
+
+// How the drawers of both generations draw, internal: a quad over the viewport with the texture
+// sampled linearly, and the fixed states that go with it. One thread at a time. Throws
+// DirectX11Exception, DirectX12Exception. Geometry: D3Quad.h.
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+#include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3Quad.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+
+namespace Norvex::DX {
+
+// What one draw binds beside the states.
+struct D11QuadDraw {
+    std::vector<ID3D11RenderTargetView*> targets;
+    Rect2DT<long> viewport;
+    const std::shared_ptr<D11PixelShader>& shader;
+    ID3D11ShaderResourceView* texture = nullptr;
+    ID3D11Buffer* constants = nullptr; // of both stages
+    ID3D11BlendState* blendState = nullptr;
+};
+
+class D11QuadPipeline {
+public:
+    // Compiles the shader and makes quad and states.
+    D11QuadPipeline(const boost::intrusive_ptr<D11Device>& device, const std::string& vertexShader);
+
+    // With the whole texture, or the part that another quad covers.
+    void Draw(D11DeviceContext& context, const D11QuadDraw& draw) const;
+    void Draw(D11DeviceContext& context, const D11QuadDraw& draw,
+              const boost::intrusive_ptr<D11VertexBuffer>& quad) const;
+    // Unbinds what would hinder the next user: targets, blend, depth-stencil and rasterizer state.
+    static void Unbind(D11DeviceContext& context);
+
+    static boost::intrusive_ptr<D11VertexBuffer>
+    CreateQuad(const boost::intrusive_ptr<D11Device>& device, const Size2DT<float>& extent);
+
+private:
+    std::shared_ptr<D11VertexShader> m_vertexShader;
+    boost::intrusive_ptr<D11VertexBuffer> m_quad;
+    CComPtr<ID3D11InputLayout> m_inputLayout;
+    CComPtr<ID3D11SamplerState> m_sampler;
+    CComPtr<ID3D11RasterizerState> m_rasterizer;
+    CComPtr<ID3D11DepthStencilState> m_depthStencil;
+};
+
+// The root signature, and the one pipeline state for the target formats last drawn to, both made
+// when they are needed. Targets of other formats rebuild the pipeline state.
+class D12QuadPipeline {
+public:
+    using List = boost::intrusive_ptr<D12GraphicsCommandList>;
+    using Targets = std::vector<boost::intrusive_ptr<D12Descriptor>>;
+
+    // Compiles the shaders. Blends as replace (ONE, ZERO, all channels).
+    D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
+                    const std::string& pixelShader);
+
+    D12ShaderParameters& GetParameters() const { return *m_parameters; }
+    // A table with one texture, t0 of the pixel shader, which samples it through s0.
+    boost::intrusive_ptr<D12ViewTable> AddTexture();
+    const D12BlendState& GetBlendState() const { return m_blendState; }
+    void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
+
+    // Records one list: the quad over the viewport, which lies inside the target; without one,
+    // nothing.
+    void Record(D12CommandAllocator& allocator, const boost::intrusive_ptr<D12Descriptor>& target,
+                const std::optional<Rect2DT<long>>& viewport, Winding winding);
+
+    // Its steps, for lists with more in them. The pipeline state is the list's when it draws.
+    const CComPtr<ID3D12PipelineState>& MakePipelineState(const Targets& targets);
+    void Draw(const List& list, const Targets& targets, const Rect2DT<long>& viewport,
+              const Size2DT<long>& scissor,
+              const boost::intrusive_ptr<D12VertexBuffer>& quad) const;
+    // Of the whole texture; kept.
+    const boost::intrusive_ptr<D12VertexBuffer>& GetQuad(D12GraphicsCommandList& list,
+                                                         Winding winding = Winding::Clockwise);
+    static boost::intrusive_ptr<D12VertexBuffer> CreateQuad(D12GraphicsCommandList& list,
+                                                            const Size2DT<float>& extent,
+                                                            Winding winding = Winding::Clockwise);
+
+private:
+    boost::intrusive_ptr<D12Device> m_device;
+    boost::intrusive_ptr<D12ShaderParameters> m_parameters;
+    D12GraphicsPipelineDesc m_desc;
+    D12BlendState m_blendState;
+    std::array<boost::intrusive_ptr<D12VertexBuffer>, 2> m_quads; // one a winding
+    CComPtr<ID3D12PipelineState> m_pipelineState;
+};
+
+// In the upload heap, for the shaders' constants.
+CComPtr<ID3D12Resource> CreateConstants(D12Device& device, const std::vector<std::uint8_t>& bytes,
+                                        const wchar_t* name);
+
+} // namespace Norvex::DX
