@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <tuple>
 
 #include <fmt/format.h>
 
+#include "Host/Color.h"
 #include "ImageShaders.h"
 
 namespace Norvex::DX {

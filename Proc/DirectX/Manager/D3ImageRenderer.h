@@ -15,6 +15,7 @@
 #include "Host/ColorConversionInfo.h"
 #include "Host/RefCountable.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 
 namespace Norvex::DX {
