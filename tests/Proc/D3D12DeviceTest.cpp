@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "tests/Proc/Direct3D12Fixture.h"
 #include "tests/support/FakeObject.h"
