@@ -144,8 +144,14 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
             {2, 0, kDeep}});
     // 64 x 16 and 16 x 16 fill the width of two cells; below them stand their names.
     expect("sheet @out.png @wide.png @glass.png --cell 40x20 --gap 5 --background 000000",
-           {{4, 15, kBlack}, {5, 5, kRed}, {68, 20, kRed}, {71, 15, kBlack}, {74, 5, kGrey},
-            {89, 20, kGrey}, {90, 15, kBlack}, {71, 22, kBlack}});
+           {{4, 15, kBlack},
+            {5, 5, kRed},
+            {68, 20, kRed},
+            {71, 15, kBlack},
+            {74, 5, kGrey},
+            {89, 20, kGrey},
+            {90, 15, kBlack},
+            {71, 22, kBlack}});
     const Image sheet = Read("out.png");
     bool hasName = false;
     for (std::size_t i = 0; i < 28 * 64; ++i) {

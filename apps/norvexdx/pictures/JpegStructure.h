@@ -11,8 +11,8 @@
 namespace Norvex::App {
 
 struct JpegStructure {
-    bool isComplete = false;  // the markers lead to the end-of-image marker
-    unsigned orientation = 1; // EXIF's, 1 to 8
+    bool isComplete = false;           // the markers lead to the end-of-image marker
+    unsigned orientation = 1;          // EXIF's, 1 to 8
     std::vector<std::uint8_t> profile; // ICC; empty without
 };
 
