@@ -88,9 +88,9 @@ inline constexpr Proc::ColorF kTeal = {0.0F, 0.4F, 0.6F, 1.0F};
 class DXGISwapChainTest : public testing::TestWithParam<Generation> {
 protected:
     // Presents frames, as a host does, until every corner of the client area shows the colour;
-    // after two seconds that is a failure.
+    // after ten seconds that is a failure.
     void ExpectOnScreen(Presenter& presenter, const Proc::ColorF& color, const char* when) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         std::string difference;
         do {
             presenter.Frame(color);
