@@ -128,7 +128,7 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
     const MethodPatch<&ID3D11Device::CreateTexture2D> create(
         Raw(), [&](auto, auto*, const auto* desc, auto*, ID3D11Texture2D** out) {
             miscFlags.push_back(desc->MiscFlags);
-            return texture.CopyTo(out);
+            return CComPtr<ID3D11Texture2D>(texture).CopyTo(out);
         });
     FakeSharing sharing;
     InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1> patch(texture, &sharing);
@@ -261,7 +261,7 @@ TEST_F(D3D11ResourceTest, BindersReplaceWhatIsBound) {
         raw->IAGetIndexBuffer(&buffers[2], &format, &words[5]);
         raw->OMGetDepthStencilState(&state, &words[6]);
         raw->OMGetRenderTargets(1, &target, &depthView);
-        words[4] = format;
+        words[4] = static_cast<UINT>(format);
         return fmt::format("{}, {} {} {}", fmt::join(words, " "), !!state, !!target, !!depthView);
     };
     const auto two = D11VertexBuffer::Create(s_device, "abcd", 2, 1);

@@ -88,22 +88,22 @@ TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {
     EXPECT_EQ(pool->CountFreeHeaps(), 0u) << "what is in use";
     queries.clear();
     EXPECT_EQ(pool->CountFreeHeaps(), 1u);
-    auto small = makeHeap(10);
-    auto large = makeHeap(129);
-    ID3D12QueryHeap* const largeHeap = large->GetHeap();
-    const LifeProbe probe(small->GetHeap());
-    EXPECT_EQ(small->GetHeap().p, first);
+    auto few = makeHeap(10);
+    auto many = makeHeap(129);
+    ID3D12QueryHeap* const manyHeap = many->GetHeap();
+    const LifeProbe probe(few->GetHeap());
+    EXPECT_EQ(few->GetHeap().p, first);
     EXPECT_EQ(pool->CountFreeHeaps(), 0u);
-    large.reset();
-    small.reset();
-    EXPECT_NE(makeHeap(193)->GetHeap().p, largeHeap);
-    large = makeHeap(65);
-    small = makeHeap(10);
-    EXPECT_EQ(large->GetHeap().p, largeHeap);
-    EXPECT_EQ(small->GetHeap().p, first);
+    many.reset();
+    few.reset();
+    EXPECT_NE(makeHeap(193)->GetHeap().p, manyHeap);
+    many = makeHeap(65);
+    few = makeHeap(10);
+    EXPECT_EQ(many->GetHeap().p, manyHeap);
+    EXPECT_EQ(few->GetHeap().p, first);
     {
         const OutOfMemory outOfMemory;
-        small.reset();
+        few.reset();
     }
     EXPECT_FALSE(probe.IsAlive()) << "freed where it cannot be kept";
 }

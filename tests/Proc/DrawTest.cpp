@@ -46,7 +46,6 @@ constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIs
                                  AlphaType::Premultiplied};
 constexpr auto kRGBA8 = DXGI_FORMAT_R8G8B8A8_UNORM;
 constexpr auto kRGBA16 = DXGI_FORMAT_R16G16B16A16_UNORM;
-constexpr float kQuarter = 1.57079633F;
 
 template <class Call>
 void ForEachConversion(const Call& call) {

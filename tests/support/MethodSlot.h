@@ -23,8 +23,8 @@ std::size_t SlotOf(Result (WINAPI Object::*method)(Args...)) {
     return Detail::GetNotedSlot();
 }
 // A place that is known already.
-constexpr std::size_t SlotOf(std::size_t slot) {
-    return slot;
+constexpr std::size_t SlotOf(int slot) {
+    return static_cast<std::size_t>(slot);
 }
 
 // Its name alone says too little, since it is overloaded.

@@ -106,10 +106,11 @@ ProfileColors ConvertColors(HTRANSFORM transform, ProfileColors& colors) {
 ColorTransform MakeTransform(HPROFILE source) {
     const Profile target = OpenSRGB();
     std::array<HPROFILE, 2> profiles = {source, target.get()};
+    constexpr DWORD kAnyColorModule = 0; // INDEX_DONT_CARE, which not all headers have
     DWORD intent = INTENT_RELATIVE_COLORIMETRIC;
     ColorTransform transform(target != nullptr
                                  ? CreateMultiProfileTransform(profiles.data(), 2, &intent, 1,
-                                                               BEST_MODE, INDEX_DONT_CARE)
+                                                               BEST_MODE, kAnyColorModule)
                                  : nullptr);
     if (transform == nullptr) {
         throw Failure("the system cannot convert its colours");
