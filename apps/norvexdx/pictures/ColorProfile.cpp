@@ -53,15 +53,18 @@ Profile OpenSRGB() {
     return Open(PROFILE_FILENAME, file.data(), (file.size() + 1) * sizeof(wchar_t));
 }
 
-// Empty where the profile has none.
-Element GetElement(HPROFILE profile, TAGTYPE tag) {
+// Empty where the profile has none, or claims one larger than itself.
+Element GetElement(HPROFILE profile, TAGTYPE tag, std::size_t profileSize) {
     DWORD size = 0;
     BOOL isReference = FALSE;
     GetColorProfileElement(profile, tag, 0, &size, nullptr, &isReference);
+    if (size == 0 || size > profileSize) {
+        return {};
+    }
     Element element(size);
-    const bool isRead = size != 0 && GetColorProfileElement(profile, tag, 0, &size, element.data(),
-                                                            &isReference) != FALSE;
-    return isRead ? element : Element();
+    const BOOL isRead =
+        GetColorProfileElement(profile, tag, 0, &size, element.data(), &isReference);
+    return isRead != FALSE ? element : Element();
 }
 
 // Profiles are big-endian; 0 beyond the end.
@@ -176,11 +179,11 @@ void ApplyProfile(Image& image) {
         !IsColorProfileValid(profile.get(), &isValid) || !isValid) {
         throw Failure("it is damaged");
     }
-    image.profile->name = ReadName(GetElement(profile.get(), kDescription));
+    image.profile->name = ReadName(GetElement(profile.get(), kDescription, bytes.size()));
     if (header.phDataColorSpace != kRGBData) {
         throw Failure("it is not one of RGB");
     }
-    image.colorSpace = ReadCodePoints(GetElement(profile.get(), kCodePoints));
+    image.colorSpace = ReadCodePoints(GetElement(profile.get(), kCodePoints, bytes.size()));
     if (image.colorSpace) {
         return;
     }
