@@ -4,6 +4,7 @@
 // any toolchain: the method is called on an object whose methods only note their own places. One
 // thread.
 
+#include <concepts>
 #include <cstddef>
 #include <type_traits>
 
@@ -23,7 +24,8 @@ std::size_t SlotOf(Result (WINAPI Object::*method)(Args...)) {
     return Detail::GetNotedSlot();
 }
 // A place that is known already.
-constexpr std::size_t SlotOf(int slot) {
+template <std::integral Slot>
+constexpr std::size_t SlotOf(Slot slot) {
     return static_cast<std::size_t>(slot);
 }
 
