@@ -323,7 +323,8 @@ TEST_P(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
                                            }});
                 const Worst worst = Compare(drawn, [&](std::size_t i) {
                     const auto x = static_cast<double>(i % 100) + 0.5;
-                    const auto y = static_cast<double>(i / 100) + 0.5;
+                    const std::size_t row = i / 100;
+                    const auto y = static_cast<double>(row) + 0.5;
                     const double right = x - static_cast<double>(rect.left + rect.right) / 2 - 3.25;
                     const double down = y - static_cast<double>(rect.top + rect.bottom) / 2 + 2.0;
                     const double across = right * cosine - down * sine;

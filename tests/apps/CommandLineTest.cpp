@@ -1,5 +1,6 @@
 // What the program makes of its command line before it touches a device.
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "apps/norvexdx/commands/ViewCommand.h"
@@ -108,8 +109,8 @@ TEST_F(CommandLineTest, ExpandsWildcardsAndFoldersAmongTheInputs) {
                   m_folder.Split(expected));
         EXPECT_EQ(Parse<ViewOptions>("view - " + input).files, m_folder.Split(expected));
         EXPECT_EQ(Parse<SheetOptions>("sheet x - " + input).inputs, m_folder.Split(expected));
-        EXPECT_EQ(Parse<ConvertOptions>("convert - " + input + " " + input).files,
-                  m_folder.Split(expected + " " + input));
+        EXPECT_EQ(Parse<ConvertOptions>(fmt::format("convert - {0} {0}", input)).files,
+                  m_folder.Split(fmt::format("{} {}", expected, input)));
     }
 }
 

@@ -89,7 +89,8 @@ TEST(PictureFileTest, TurnsJpegFilesUpright) {
     const auto path = folder.GetPath("a");
     // Blocks of the codec's size in two columns and three rows: a to f, from dark to bright.
     WriteJpeg(path, MakeImage(MakePixels(16, 24, [](unsigned x, unsigned y) {
-                  const double level = (y / 8 * 2 + x / 8) * 0.2;
+                  const unsigned block = y / 8 * 2 + x / 8;
+                  const double level = block * 0.2;
                   return Color{level, level, level, 1.0};
               })));
     const std::string jpeg = ReadText(path);

@@ -129,13 +129,16 @@ private:
         }
         return {};
     }
+    // Not by FindWindowEx from one window to the next: Wine's server looks for ever when the one goes
+    // meanwhile, and other tests have viewers too.
     bool FindShownWindow() {
         DWORD owner = 0;
-        do {
-            m_window = FindWindowExW(nullptr, m_window, ViewerWindow::kClassName, nullptr);
-            GetWindowThreadProcessId(m_window, &owner);
-        } while (m_window != nullptr && owner != m_program.GetId());
-        return m_window != nullptr && IsWindowVisible(m_window) != FALSE;
+        m_window = GetTopWindow(nullptr);
+        while (m_window != nullptr && (GetWindowThreadProcessId(m_window, &owner) == 0 ||
+                                       owner != m_program.GetId() || !IsWindowVisible(m_window))) {
+            m_window = GetWindow(m_window, GW_HWNDNEXT);
+        }
+        return m_window != nullptr;
     }
     void Post(UINT message, WPARAM wparam, LPARAM lparam) const {
         PostMessageW(m_window, message, wparam, lparam);
