@@ -33,8 +33,7 @@ TEST(ClipTest, Y4mHeadersAreReadAsTheyAreWrittenAndOthersRefused) {
         {"12.5", " F25:2 "}, {"0.125", " F1:8 "},
     };
     for (const auto& [text, rate] : kRates) {
-        EXPECT_THAT(MakeY4mHeader({{2, 1}, ParseFrameRate(text), "0:0", "444"}),
-                    HasSubstr(rate));
+        EXPECT_THAT(MakeY4mHeader({{2, 1}, ParseFrameRate(text), "0:0", "444"}), HasSubstr(rate));
     }
     constexpr std::pair<const char*, const char*> kRefused[] = {
         {"RIFF", "not a Y4M file"},

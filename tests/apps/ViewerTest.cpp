@@ -129,8 +129,8 @@ private:
         }
         return {};
     }
-    // Not by FindWindowEx from one window to the next: Wine's server looks for ever when the one goes
-    // meanwhile, and other tests have viewers too.
+    // Not by FindWindowEx from one window to the next: Wine's server looks for ever when the one
+    // goes meanwhile, and other tests have viewers too.
     bool FindShownWindow() {
         DWORD owner = 0;
         m_window = GetTopWindow(nullptr);

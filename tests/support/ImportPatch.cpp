@@ -25,7 +25,8 @@ void StoreProtected(void** place, void* value) {
 
 void** FindImport(const wchar_t* module, const char* name) {
     auto* const base = GetModuleHandleW(module);
-    const auto* header = At<IMAGE_NT_HEADERS>(base, At<IMAGE_DOS_HEADER>(base, 0)->e_lfanew);
+    const auto headerPlace = static_cast<std::size_t>(At<IMAGE_DOS_HEADER>(base, 0)->e_lfanew);
+    const auto* header = At<IMAGE_NT_HEADERS>(base, headerPlace);
     const auto& table = header->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
     const auto* import = At<IMAGE_IMPORT_DESCRIPTOR>(base, table.VirtualAddress);
     for (; import->Name != 0; ++import) {

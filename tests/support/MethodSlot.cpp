@@ -28,8 +28,8 @@ constexpr auto kTable = MakeTable(std::make_index_sequence<kMaxSlots>());
 } // namespace
 
 void* Detail::GetNotingObject() {
-    static const auto* s_table = kTable.data(); // what an object begins with
-    return &s_table;
+    static const auto* table = kTable.data(); // what an object begins with
+    return static_cast<void*>(&table);
 }
 
 std::size_t Detail::GetNotedSlot() {
