@@ -26,14 +26,16 @@ put_back() {
     local changed library
     [ -e "$kept/changed" ] || return 0
     changed=$(cat "$kept/changed")
-    cp "$kept/source" "$project/$changed" # newer than what was built from the mistake
+    # Unless somebody has worked on it since; newer than what was built from the mistake.
+    ! cmp -s "$kept/mistake" "$project/$changed" || cp "$kept/source" "$project/$changed"
     for library in "${libraries[@]}"; do
         cp -p "$kept/$library" "$build/bin/$library"
     done
     rm "$kept/changed"
 }
 
-# make_mistake: puts $new in the place of $old in $file, which must have it once
+# make_mistake: puts $new in the place of $old in $file, which must have it once. What is needed to put
+# it back is kept first.
 make_mistake() {
     local text rest
     text=$(cat "$project/$file" && echo x)
@@ -43,7 +45,10 @@ make_mistake() {
     "$text") echo "not in the file"; return 1 ;;
     *"$old"*) echo "more than once in the file"; return 1 ;;
     esac
-    printf '%s' "${text%%"$old"*}$new$rest" >"$project/$file"
+    printf '%s' "${text%%"$old"*}$new$rest" >"$kept/mistake"
+    cp "$project/$file" "$kept/source"
+    echo "$file" >"$kept/changed"
+    cp "$kept/mistake" "$project/$file"
 }
 
 build_mistake() {
@@ -71,10 +76,7 @@ finder() {
 # try: one line of the table
 try() {
     local reason verdict
-    cp "$project/$file" "$kept/source"
-    echo "$file" >"$kept/changed"
     if ! reason=$(make_mistake); then
-        put_back
         echo "$what: $file: $reason" >&2
         stale=$((stale + 1))
         return
