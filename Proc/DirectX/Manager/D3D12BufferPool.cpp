@@ -76,6 +76,10 @@ CComPtr<ID3D12Resource> D12BufferPool::CreateDimensionBuffer(std::uint64_t round
     return resource;
 }
 
+void D12BufferPool::ReuseBuffer(D12Buffer* buffer) noexcept {
+    m_free->Put(buffer->GetSize(), buffer->GetResource());
+}
+
 void D12BufferPool::Clear() {
     m_free->Clear();
 }
@@ -99,7 +103,7 @@ D12Buffer::D12Buffer(const D12Buffer& other)
 
 D12Buffer::~D12Buffer() {
     if (m_original == nullptr) {
-        m_pool->m_free->Put(GetSize(), m_resource);
+        m_pool->ReuseBuffer(this);
     }
 }
 

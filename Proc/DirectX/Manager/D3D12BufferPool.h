@@ -45,6 +45,7 @@ private:
     friend class D12Buffer;
 
     CComPtr<ID3D12Resource> CreateDimensionBuffer(std::uint64_t roundedSize);
+    void ReuseBuffer(D12Buffer* buffer) noexcept;
 
     CComPtr<ID3D12Device> m_device;
     D3D12_HEAP_TYPE m_heapType;

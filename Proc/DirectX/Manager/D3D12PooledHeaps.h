@@ -57,12 +57,19 @@ public:
         return m_free.size();
     }
 
-    // Calls use(Heap&) with the shared heap of the key, which make() replaces when it is full. It
-    // has no pool while it is here, since pool and heap would keep each other alive for ever; when
-    // it is replaced it gets it, so that its last slot may have it recycled.
+    // Calls use(Heap&) with the shared heap of the key.
     template <class Pool, class Make, class Use>
     auto UseShared(std::uint32_t key, Pool* pool, const Make& make, const Use& use) {
         const std::scoped_lock lock(m_sharedMutex);
+        return use(GetSharedHeap(key, pool, make));
+    }
+
+private:
+    // make() replaces one that is full; the lock is held. It has no pool while it is here, since
+    // pool and heap would keep each other alive for ever; when it is replaced it gets it, so that
+    // its last slot may have it recycled.
+    template <class Pool, class Make>
+    Heap& GetSharedHeap(std::uint32_t key, Pool* pool, const Make& make) {
         boost::intrusive_ptr<Heap>& shared = m_shared[key];
         if (shared == nullptr || !shared->m_slots->HasFree()) {
             boost::intrusive_ptr<Heap> heap = make();
@@ -71,10 +78,9 @@ public:
             }
             shared = std::move(heap);
         }
-        return use(*shared);
+        return *shared;
     }
 
-private:
     // Up to whole words of a slot bitmap; near the largest count the device is left to refuse.
     static constexpr unsigned CapacityFor(unsigned count) {
         constexpr unsigned kUnit = SlotBitmap::kBitsPerWord;
