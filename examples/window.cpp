@@ -64,11 +64,12 @@ void Show(HWND window, const auto& device) {
     const auto swapChain = DX::DXGISwapChain::Create(device, window);
     for (RECT last = {}, now = {};; last = now) {
         for (MSG message = {}; PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != FALSE;) {
+            if (message.message == WM_QUIT) {
+                return;
+            }
             DispatchMessageW(&message);
         }
-        if (GetClientRect(window, &now) == FALSE) {
-            return;
-        }
+        GetClientRect(window, &now);
         if (EqualRect(&last, &now) == FALSE) {
             swapChain->RecreateBuffers();
         }
@@ -81,11 +82,21 @@ void Show(HWND window, const auto& device) {
     }
 }
 
+// The window stays until the swap chain is gone, whose frames may still be on their way to it.
+LRESULT CALLBACK HandleMessage(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
+    if (message != WM_CLOSE) {
+        return DefWindowProcW(window, message, wparam, lparam);
+    }
+    PostQuitMessage(0);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     HWND window = CreateWindowExW(0, L"STATIC", L"NorvexDX", WS_OVERLAPPEDWINDOW | WS_VISIBLE, 80,
                                   80, 640, 480, nullptr, nullptr, nullptr, nullptr);
+    SetWindowLongPtrW(window, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&HandleMessage));
     try {
         if (argc > 1 && std::string_view(argv[1]) == "d3d11") {
             Show(window, DX::D11Device::CreatePrimary());

@@ -37,8 +37,9 @@ public:
     // own. Two buffers, flipped; before Windows 10 one, copied. DXGI does not answer Alt+Enter: the
     // host shows full screen in a window without borders. Null for a device that is neither
     // D11Device nor D12Device. A window has at most one swap chain; the next one comes after this
-    // one and the targets from it are gone. Throws what the device's CreateSwapChainForHwnd throws,
-    // and see RecreateBuffers.
+    // one and the targets from it are gone. The window outlives the swap chain: frames that were
+    // presented may still be on their way to it. Throws what the device's CreateSwapChainForHwnd
+    // throws, and see RecreateBuffers.
     static boost::intrusive_ptr<DXGISwapChain> Create(const boost::intrusive_ptr<D3Device>& device,
                                                       HWND window);
     // On Direct3D 11 render targets are unbound, and the context is flushed.
