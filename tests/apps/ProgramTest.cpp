@@ -1,8 +1,6 @@
 // `norvexdx convert`, `fill`, `sheet` and `info` as processes, what every command says when it
 // fails, and the examples.
 
-#include <cmath>
-
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -10,15 +8,17 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Process.h"
-#include "tests/support/ColorReference.h"
 #include "tests/support/TestWindow.h"
 #include "tests/support/Thrown.h"
+
+#include <zlib.h>
 
 namespace Norvex::Test {
 
 namespace {
 
 using namespace App;
+using namespace std::string_literals;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -52,32 +52,6 @@ TEST_P(PictureTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
         EXPECT_TRUE(image.pixels == Read("out/" + file).pixels) << file;
     }
     ExpectPixel(Read("out/photo.png"), 20, 20, {200, 100, 50, 255}, 3);
-}
-
-TEST_P(PictureTest, ConvertsColorsAsTheFormulasSay) {
-    const Image noise = MakeNoise(64, 64, 16, true);
-    Write("in.png", noise);
-    Run("convert @in.png @out.png --from srgb --to rec2020-hlg");
-    Proc::ColorAlphaConversionInfo info;
-    info.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::HLG};
-    info.mode = Proc::LinearizationMode::DisplayReferredHDR;
-    const Image result = Read("out.png");
-    EXPECT_EQ(16U, result.bitsPerChannel);
-    EXPECT_EQ(info.target, result.colorSpace);
-    const Pixels source = GetPixels(noise);
-    const Pixels target = GetPixels(result);
-    double largest = 0.0;
-    for (std::size_t i = 0; i < source.colors.size(); ++i) {
-        const Color expected = ReferenceConvert(source.colors[i], info);
-        for (std::size_t channel = 0; channel < 4; ++channel) {
-            const double clamped = std::clamp(expected[channel], 0.0, 1.0);
-            largest = std::max(largest, std::abs(target.colors[i][channel] - clamped));
-        }
-    }
-    EXPECT_LT(largest * 65535.0, 24.0);
-    // What is not converted stays what it is.
-    Run("convert @out.png @out.png --source-alpha one");
-    EXPECT_EQ(info.target, Read("out.png").colorSpace);
 }
 
 TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
@@ -129,7 +103,6 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
     expect(kHalf + "--background 0000FF", {{0, 0, {100, 50, 152, 255}}});
     expect(kHalf + "--background 0000FF80 --target-alpha premultiplied",
            {{0, 0, {100, 50, 89, 192}}});
-    expect(kHalf + "--background #0000FF80 --target-alpha one", {{0, 0, {100, 50, 89, 255}}});
     // Also beside the picture.
     expect(kHalf + "--background FF000000 --size 8x2",
            {{4, 0, {200, 100, 50, 128}}, {0, 0, {255, 0, 0, 0}}}, 0);
@@ -159,13 +132,14 @@ TEST_P(PictureTest, DrawsWhatTheOptionsSay) {
         hasName = hasName || (sample[0] > 96 && sample[0] == sample[1]);
     }
     EXPECT_TRUE(hasName);
-    // The last row's place that is empty has a cell's shape: 53 x 13.
-    expect("sheet @out.png @wide.png --columns 2 --cell 40x20 --gap 5 --background 000000",
-           {{5, 5, kRed}, {57, 17, kRed}, {58, 17, kBlack}, {5, 18, kBlack}});
     // SMPTE ST 2084 of 203 cd/m2 is 0.580688881; and back.
     Run("fill @white.png --size 2x2 --color FFFFFFFF");
     expect("convert @white.png @out.png --from srgb --to rec2020-pq --depth 16",
            {{1, 1, {38055, 38055, 38055, 65535}}}, 8);
+    Run("convert @out.png @out.png --source-alpha one");
+    constexpr Conf::RGBColorSpace kPQ = {Conf::ColorPrimaries::BT2020,
+                                         Conf::TransferCharacteristics::PQ};
+    EXPECT_EQ(kPQ, Read("out.png").colorSpace) << "what is not converted stays what it is";
     expect("convert @out.png @out.png --from rec2020-pq --to srgb --source-peak 203 --depth 8",
            {{1, 1, {255, 255, 255, 255}}}, 0);
 }
@@ -179,9 +153,6 @@ TEST_P(PictureTest, ReportsAsJson) {
         "sourceColorSpace": 2320, "targetColorSpace": 269, "sourceAlphaType": 0,
         "targetAlphaType": 2, "displayLinear": true, "linearScale": 2.0, "pqTonemapA": 0.5,
         "pqTonemapB": 0.25, "displayPeakLuminance": 600.0, "hlgOOTFGamma": 1.100000023841858}})");
-    EXPECT_NE("", report.at("adapter").at("name"));
-    EXPECT_EQ(GetApi(), report.at("device").at("api"));
-    EXPECT_LE(0.0, report.at("timesMs").at("shaderCompilation"));
     const json& picture = report.at("pictures").at(0);
     ExpectFields(picture, R"({"sourceFormat": "R16G16B16A16_UNORM", "width": 8,
                               "targetFormat": "R8G8B8A8_UNORM"})");
@@ -194,11 +165,9 @@ TEST_P(PictureTest, ReportsAsJson) {
     ExpectFields(info, R"({"direct3D12": true, "hlslCompiler": true})");
     const json& adapter = info.at("adapters").at(0);
     EXPECT_EQ(report.at("adapter").at("luid"), adapter.at("luid"));
-    EXPECT_TRUE(adapter.at("outputs").is_array());
     // In full, what the report says of its device.
     json device = adapter.at("devices").at(GetParam() == Generation::Direct3D12 ? 0 : 1);
-    ExpectFields(device.at("formats").at("R8G8B8A8_UNORM"),
-                 R"({"drawFrom": true, "drawTo": true, "blend": true})");
+    EXPECT_TRUE(device.at("formats").at("R8G8B8A8_UNORM").at("drawTo"));
     device.erase("formats");
     EXPECT_EQ(report.at("device"), device);
 }
@@ -242,6 +211,67 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     EXPECT_EQ("", Run("encode @in.png --format nv12 -o NUL"));
     EXPECT_THAT(Run("convert --help"), HasSubstr("--rotate"));
     EXPECT_THAT(Run("--version"), StartsWith("norvexdx "));
+}
+
+// Big-endian, as PNG and JPEG files are.
+std::string Word(std::size_t value) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        bytes += static_cast<char>(value >> shift & 0xFF);
+    }
+    return bytes;
+}
+
+// The file's, with the profile where its format has it.
+std::string AddToPng(std::string file, const std::string& profile) {
+    auto size = compressBound(static_cast<uLong>(profile.size()));
+    std::string packed(size, '\0');
+    compress(reinterpret_cast<Bytef*>(packed.data()), &size,
+             reinterpret_cast<const Bytef*>(profile.data()), static_cast<uLong>(profile.size()));
+    const std::string chunk = "iCCPswap\0\0"s + packed.substr(0, size);
+    const auto checksum =
+        crc32(0, reinterpret_cast<const Bytef*>(chunk.data()), static_cast<uInt>(chunk.size()));
+    constexpr std::size_t kBehindHeader = 33;
+    return file.insert(kBehindHeader, Word(chunk.size() - 4) + chunk + Word(checksum));
+}
+std::string AddToJpeg(std::string file, const std::string& profile) {
+    return file.insert(2, "\xFF\xE2"s + Word(profile.size() + 16).substr(2) + "ICC_PROFILE\0\1\1"s +
+                              profile);
+}
+
+TEST_F(ProgramTest, ConvertsPicturesWithAProfile) {
+    constexpr Samples kColor = {255, 0, 128, 255};
+    constexpr Samples kTrue = {128, 0, 255, 255}; // as the profile sees it
+    Write("in.png", MakePlain(16, 16, kColor));
+    WriteJpeg(m_folder.GetPath("in.jpg"), MakePlain(16, 16, kColor));
+    const std::string png = ReadText(m_folder.GetPath("in.png"));
+    wchar_t system[MAX_PATH] = {};
+    GetSystemDirectoryW(system, MAX_PATH);
+    const std::string sRGB = ReadText(std::filesystem::path(system) /
+                                      L"spool/drivers/color/sRGB Color Space Profile.icm");
+    std::string profile = sRGB; // red and blue exchanged
+    profile.replace(sRGB.find("rXYZ"), 4, "bXYZ").replace(sRGB.find("bXYZ"), 4, "rXYZ");
+    std::string grey = sRGB;
+    grey.replace(16, 4, "GRAY");
+    const struct {
+        std::string file;
+        Samples color;
+        std::string options = {};
+        std::vector<std::string> messages = {};
+    } kCases[] = {
+        {AddToPng(png, profile), kTrue},
+        {AddToJpeg(ReadText(m_folder.GetPath("in.jpg")), profile), kTrue},
+        {AddToPng(png, sRGB), kColor},
+        {AddToPng(png, profile), kColor, "--from rec2020-pq --to rec2020-pq"}, // who knows better
+        {AddToPng(png, grey), kColor, "", {"is left aside: it is"}},
+        {AddToPng(png, "no profile at all"), kColor, "", {"is left aside: it is damaged"}},
+    };
+    for (const auto& [file, color, options, messages] : kCases) {
+        WriteBytes(m_folder.GetPath("picture"), ToBytes(file));
+        const std::string out = Run("convert @picture @out.png " + options, messages);
+        EXPECT_THAT(out, HasSubstr(color == kTrue ? "profile \"sRGB" : ""));
+        ExpectPixel(Read("out.png"), 8, 8, color, 6);
+    }
 }
 
 // Whether the example's window has its gradient on the screen, right of the middle.

@@ -24,6 +24,7 @@ constexpr std::array<std::array<std::uint8_t, 3>, 8> kTestColors = {{{255, 0, 0}
                                                                      {200, 100, 50},
                                                                      {30, 60, 220},
                                                                      {128, 240, 128}}};
+constexpr DX::Size2DT<long> kTestSize = {8, 4};
 constexpr long kBlock = 2; // pixels of one colour, so that halving chroma changes nothing
 
 std::size_t GetTestColor(long x, long y) {
@@ -75,6 +76,32 @@ double GetSample(const std::vector<std::uint8_t>& planes, std::size_t index, boo
 long GetLargestSide(D3D_FEATURE_LEVEL level) {
     constexpr long kSideBefore11 = 8192; // D3D10_REQ_TEXTURE2D_U_OR_V_DIMENSION
     return level >= D3D_FEATURE_LEVEL_11_0 ? D3D11_REQ_TEXTURE2D_U_OR_V_DIMENSION : kSideBefore11;
+}
+
+// Converts the test picture and compares both planes with the formulas of ITU-R BT.601, BT.709 or
+// BT.2020. The encoder has the size kTestSize.
+bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params) {
+    constexpr double kTolerance = 2.5 / 256.0;
+    std::vector<std::uint8_t> planes;
+    encoder.Submit(MakeTestPicture());
+    encoder.Collect(planes);
+    const bool isDeep = params.format.bits > 8;
+    const auto isNear = [&](std::size_t index, double code) {
+        return std::abs(GetSample(planes, index, isDeep) - code) <= kTolerance;
+    };
+    const std::size_t lumaCount = GetTestPixel(0, kTestSize.height);
+    for (long y = 0; y < kTestSize.height; ++y) {
+        for (long x = 0; x < kTestSize.width; ++x) {
+            const std::size_t pixel = GetTestPixel(x, y);
+            const std::size_t pair = lumaCount + 2 * GetTestColor(x, y);
+            const Codes codes = GetCodes(kTestColors[GetTestColor(x, y)], params.matrix);
+            if (!isNear(pixel, codes[0]) || !isNear(pair, codes[1]) ||
+                !isNear(pair + 1, codes[2])) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 bool PassesPlanarTest(const Graphics& graphics, const EncoderParams& params) {
@@ -179,30 +206,6 @@ TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
     }
     choice.canvasFormat = ChooseCanvasFormat(usesOf);
     return choice;
-}
-
-bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params) {
-    constexpr double kTolerance = 2.5 / 256.0;
-    std::vector<std::uint8_t> planes;
-    encoder.Submit(MakeTestPicture());
-    encoder.Collect(planes);
-    const bool isDeep = params.format.bits > 8;
-    const auto isNear = [&](std::size_t index, double code) {
-        return std::abs(GetSample(planes, index, isDeep) - code) <= kTolerance;
-    };
-    const std::size_t lumaCount = GetTestPixel(0, kTestSize.height);
-    for (long y = 0; y < kTestSize.height; ++y) {
-        for (long x = 0; x < kTestSize.width; ++x) {
-            const std::size_t pixel = GetTestPixel(x, y);
-            const std::size_t pair = lumaCount + 2 * GetTestColor(x, y);
-            const Codes codes = GetCodes(kTestColors[GetTestColor(x, y)], params.matrix);
-            if (!isNear(pixel, codes[0]) || !isNear(pair, codes[1]) ||
-                !isNear(pair + 1, codes[2])) {
-                return false;
-            }
-        }
-    }
-    return true;
 }
 
 } // namespace Norvex::App

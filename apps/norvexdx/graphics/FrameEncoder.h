@@ -40,8 +40,9 @@ public:
     // Around a fitted frame.
     static constexpr Proc::ColorF kBlack = {0.0F, 0.0F, 0.0F, 1.0F};
 
-    // Planar textures where the adapter has them and its planes are what they should be
-    // (HasTruePlanes), else luma and chroma apart. Failure: the adapter can do neither.
+    // Planar textures where the adapter has them and its planes are what they should be (drivers
+    // have been seen that draw both planes into the first), else luma and chroma apart. Failure:
+    // the adapter can do neither.
     static std::unique_ptr<FrameEncoder> Open(const Graphics& graphics,
                                               const EncoderParams& params);
 
@@ -91,15 +92,11 @@ struct TextureChoice {
     bool mayBePlanar = false;
     bool hasPair = false;
     DXGI_FORMAT canvasFormat = DXGI_FORMAT_R16G16B16A16_UNORM;
+
+    bool operator==(const TextureChoice&) const = default;
 };
 // largestSide: pixels of a texture. Failure, saying what the adapter lacks.
 TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
                              const std::function<FormatUses(DXGI_FORMAT)>& usesOf);
-
-// Converts a small picture of known colours and compares both planes with the formulas of ITU-R
-// BT.601, BT.709 or BT.2020: drivers have been seen that draw both planes into the first. The
-// encoder has the size kTestSize.
-bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params);
-constexpr DX::Size2DT<long> kTestSize = {8, 4};
 
 } // namespace Norvex::App
