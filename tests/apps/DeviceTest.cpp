@@ -86,7 +86,6 @@ TEST_P(ViewerDeviceTest, SavesAndReportsWhatItShowedUnattended) {
     EXPECT_TRUE(ReadShot().pixels == m_picture.pixels);
     ExpectFields(m_report, R"({"frames": 60, "hdr": false, "format": "R8G8B8A8_UNORM",
                                "deviceLosses": 0})");
-    EXPECT_EQ(m_report.at("api"), IsDirect3D12() ? "d3d12" : "d3d11");
     EXPECT_GT(m_report.at("frameTimeMs").at("median"), 0.0);
     EXPECT_THAT(m_report.at("peakFramesInFlight"), testing::AllOf(testing::Ge(1), testing::Le(3)));
 
@@ -131,10 +130,7 @@ TEST_P(ViewerDeviceTest, BeginsAnewWhenTheDeviceIsLost) {
     const auto patch = InterposeCreation(
         IsDirect3D12(), [](int number) { return number == 2 ? DXGI_ERROR_DEVICE_RESET : S_OK; });
     ExpectPictureAfterLoss("0x887a0007");
-}
-
-TEST_P(ViewerDeviceTest, GivesUpOnADeviceThatIsAlwaysLost) {
-    const auto patch =
+    const auto always =
         InterposeRemovedReason(IsDirect3D12(), [](int) { return DXGI_ERROR_DEVICE_HUNG; });
     EXPECT_THAT(Run(), testing::EndsWith("anew\nthe graphics device was lost 3 times within 10 "
                                          "seconds (0x887a0006)"));

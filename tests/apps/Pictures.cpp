@@ -146,11 +146,6 @@ void WriteWithWic(const fs::path& path, const GUID& container, WICPixelFormatGUI
     check(encoder->Commit());
 }
 
-void WriteTiff(const fs::path& path, const Image& image) {
-    WriteWithWic(path, GUID_ContainerFormatTiff, GUID_WICPixelFormat64bppRGBA, image.width,
-                 image.height, image.pixels);
-}
-
 void WriteJpeg(const fs::path& path, const Image& image) {
     Bytes pixels;
     for (auto at = image.pixels.begin(); at != image.pixels.end(); at += 4) {

@@ -62,8 +62,6 @@ App::Image MakeStripes(unsigned width, unsigned height);
 void WriteWithWic(const std::filesystem::path& path, const GUID& container,
                   WICPixelFormatGUID format, unsigned width, unsigned height, Bytes pixels,
                   std::vector<WICColor> palette = {});
-// 16 bits a channel.
-void WriteTiff(const std::filesystem::path& path, const App::Image& image);
 // 8 bits a channel, without alpha.
 void WriteJpeg(const std::filesystem::path& path, const App::Image& image);
 

@@ -323,30 +323,23 @@ protected:
     MissingPart() { Write("in.png", MakePlain(2, 2, {255, 255, 255, 255})); }
 
     void ExpectMissing(const std::string& api, const std::string& words) const {
-        for (const char* commandLine : {"convert @in.png @in.png --adapter 0 --api ",
-                                        "fill @a.png --size 1x1 --color FFFFFF --api "}) {
-            Run(commandLine + api, {"norvexdx: " + words}, 1);
-        }
+        Run("convert @in.png @in.png --adapter 0 --api " + api, {"norvexdx: " + words}, 1);
     }
 
-    // Each command says why it draws with Direct3D 11, and does; info says so too.
+    // The program says why it draws with Direct3D 11, and does; info says so too.
     void ExpectDirect3D11(const std::string& reason, bool hasDirect3D12,
                           const std::string& error) const {
         ExpectMissing("d3d12", reason);
-        for (const char* commandLine : {"convert @in.png @out.png --from srgb --to rec2020-pq",
-                                        "fill @out.png --size 2x2 --color 949494FF",
-                                        "sheet @out.png @in.png --cell 2x2 --background 949494"}) {
-            EXPECT_THAT(Run(commandLine, {"norvexdx: drawing with Direct3D 11: " + reason}),
-                        StartsWith("Direct3D 11 on "));
-            // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
-            ExpectPixel(Read("out.png"), 0, 0, {148, 148, 148, 255}, 0);
-        }
+        EXPECT_THAT(Run("convert @in.png @out.png --from srgb --to rec2020-pq",
+                        {"norvexdx: drawing with Direct3D 11: " + reason}),
+                    StartsWith("Direct3D 11 on "));
+        // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
+        ExpectPixel(Read("out.png"), 0, 0, {148, 148, 148, 255}, 0);
         const json info = json::parse(Run("info --json"));
         EXPECT_EQ(hasDirect3D12, info.at("direct3D12"));
         const json& devices = info.at("adapters").at(0).at("devices");
         EXPECT_THAT(devices.at(0).at("error"), StartsWith(error));
-        ExpectFields(devices.at(1), R"({"api": "d3d11",
-                                        "formats": {"R16G16B16A16_UNORM": {"drawTo": true}}})");
+        EXPECT_EQ("d3d11", devices.at(1).at("api"));
         EXPECT_THAT(Run("info"), testing::AllOf(HasSubstr("Direct3D 12: " + error),
                                                 HasSubstr("Direct3D 11: level ")));
     }
