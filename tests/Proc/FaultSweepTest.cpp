@@ -1,0 +1,587 @@
+// Every Direct3D and DXGI call that a workload makes fails once, with each of some results. The
+// caller gets the library's exception, with that result, or the call is one whose failure is not
+// told; nothing that the workload made is left; and the same workload works right after.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <source_location>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "Proc/DirectX/Manager/D3D12Query.h"
+#include "Proc/DirectX/Manager/D3D12TexturePool.h"
+#include "Proc/DirectX/Manager/D3YUVConverter.h"
+#include "Proc/DirectX/Manager/DXGISwapChain.h"
+#include "tests/support/Canvas.h"
+#include "tests/support/Canvas11.h"
+#include "tests/support/Device11.h"
+#include "tests/support/HDRDisplay.h"
+#include "tests/support/LifeProbe.h"
+#include "tests/support/MethodPatch.h"
+#include "tests/support/Painter.h"
+#include "tests/support/TestWindow.h"
+#include "tests/support/Thrown.h"
+
+namespace Norvex::Test {
+
+namespace {
+
+constexpr HRESULT kReason = DXGI_ERROR_DEVICE_HUNG; // why the device was removed
+
+// Which call of a workload fails, and with what. Any thread.
+class Faults {
+public:
+    enum class Kind { Once, Lasting }; // lasting: as of a device that is removed by then
+
+    // The call of that number, from 0 on; none at -1.
+    void Begin(int failing, HRESULT result, Kind kind) {
+        const std::lock_guard guard(m_mutex);
+        m_failing = failing;
+        m_result = result;
+        m_kind = kind;
+        m_hasFailed = false;
+        m_calls.clear();
+        m_device.reset();
+    }
+    // The methods that were called.
+    std::vector<std::string> End() {
+        const std::lock_guard guard(m_mutex);
+        m_failing = -1;
+        m_hasFailed = false;
+        return m_calls;
+    }
+
+    // S_OK: the call is to be made.
+    HRESULT Take(const std::string& method) {
+        const std::lock_guard guard(m_mutex);
+        m_calls.push_back(method);
+        const bool isIt = static_cast<int>(m_calls.size()) - 1 == m_failing;
+        m_hasFailed = m_hasFailed || isIt;
+        return isIt || (m_hasFailed && m_kind == Kind::Lasting) ? m_result : S_OK;
+    }
+    bool IsRemoved() {
+        const std::lock_guard guard(m_mutex);
+        return m_hasFailed && m_kind == Kind::Lasting;
+    }
+    // What is submitted to a device that will be removed is not executed, so that the driver that
+    // stands in for it has nothing in flight when the library lets go of everything.
+    bool IsRemovedSoon() {
+        const std::lock_guard guard(m_mutex);
+        return m_failing >= 0 && m_kind == Kind::Lasting;
+    }
+
+    // Of the workload, which everything that it makes holds.
+    void WatchDevice(auto* device) {
+        const std::lock_guard guard(m_mutex);
+        if (!m_device) {
+            m_device.emplace(device);
+        }
+    }
+    // Threads of the system's may hold it a little longer.
+    bool IsDeviceAlive() {
+        const std::lock_guard guard(m_mutex);
+        for (int i = 0; i < 100 && m_device && m_device->IsAlive(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return m_device && m_device->IsAlive();
+    }
+
+private:
+    std::mutex m_mutex;
+    int m_failing = -1;
+    HRESULT m_result = S_OK;
+    Kind m_kind = Kind::Once;
+    bool m_hasFailed = false;
+    std::vector<std::string> m_calls;
+    std::optional<LifeProbe> m_device;
+};
+
+// As the compiler writes it: ... [with auto method = &ID3D12Device::CreateFence ...
+template <auto method>
+std::string NameOfMethod() {
+    const std::string text = std::source_location::current().function_name();
+    const std::size_t begin = text.find("ID3D12") != std::string::npos   ? text.find("ID3D12")
+                              : text.find("ID3D11") != std::string::npos ? text.find("ID3D11")
+                                                                         : text.find("IDXGI");
+    return text.substr(begin, text.find_first_of(";]>,(", begin) - begin);
+}
+
+// Calls that the system makes within a call of the library's are left alone.
+thread_local bool t_isInCall = false;
+
+// Stands between the library and these methods, of all objects of the class.
+template <auto... methods>
+class Interposed : MethodPatch<methods>... {
+public:
+    Interposed(IUnknown* object, Faults& faults)
+        : MethodPatch<methods>(object,
+                               [&faults, name = NameOfMethod<methods>()](auto original, auto* self,
+                                                                         auto... rest) -> HRESULT {
+                                   if constexpr (requires { self->GetDeviceRemovedReason(); }) {
+                                       faults.WatchDevice(self);
+                                   }
+                                   if (t_isInCall) {
+                                       return original(self, rest...);
+                                   }
+                                   const HRESULT result = faults.Take(name);
+                                   if (FAILED(result)) {
+                                       return result;
+                                   }
+                                   t_isInCall = true;
+                                   const HRESULT answer = original(self, rest...);
+                                   t_isInCall = false;
+                                   return answer;
+                               })... {}
+};
+
+using Device12Methods =
+    Interposed<&ID3D12Device::CreateCommandQueue, &ID3D12Device::CreateCommandAllocator,
+               &ID3D12Device::CreateGraphicsPipelineState, &ID3D12Device4::CreateCommandList1,
+               &ID3D12Device::CreateDescriptorHeap, &ID3D12Device::CreateRootSignature,
+               &ID3D12Device::CreateCommittedResource, &ID3D12Device::CreateQueryHeap,
+               &ID3D12Device::CreateFence>;
+using Queue12Methods = Interposed<&ID3D12CommandQueue::Signal, &ID3D12CommandQueue::Wait,
+                                  &ID3D12CommandQueue::GetTimestampFrequency>;
+using Allocator12Methods = Interposed<&ID3D12CommandAllocator::Reset>;
+using List12Methods =
+    Interposed<&ID3D12GraphicsCommandList::Close, &ID3D12GraphicsCommandList::Reset>;
+using Fence12Methods = Interposed<&ID3D12Fence::SetEventOnCompletion>;
+using Resource12Methods = Interposed<&ID3D12Resource::Map>;
+using Device11Methods =
+    Interposed<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
+               &ID3D11Device::CreateShaderResourceView, &ID3D11Device::CreateRenderTargetView,
+               &ID3D11Device::CreateInputLayout, &ID3D11Device::CreateVertexShader,
+               &ID3D11Device::CreatePixelShader, &ID3D11Device::CreateBlendState,
+               &ID3D11Device::CreateRasterizerState, &ID3D11Device::CreateDepthStencilState,
+               &ID3D11Device::CreateSamplerState, &ID3D11Device::CreateQuery>;
+using Context11Methods = Interposed<&ID3D11DeviceContext::Map>;
+using SwapChainMethods =
+    Interposed<&IDXGISwapChain3::GetBuffer, &IDXGISwapChain3::GetDesc, &IDXGISwapChain3::Present,
+               &IDXGISwapChain3::ResizeBuffers, &IDXGISwapChain3::ResizeBuffers1,
+               &IDXGISwapChain3::GetFullscreenState>;
+using FactoryMethods =
+    Interposed<&IDXGIFactory2::CreateSwapChainForHwnd, &IDXGIFactory2::MakeWindowAssociation>;
+
+template <auto reasonOf>
+class RemovedReason {
+public:
+    RemovedReason(IUnknown* device, Faults& faults)
+        : m_patch(device, [&faults](auto original, auto* self) {
+              return faults.IsRemoved() ? kReason : original(self);
+          }) {}
+
+private:
+    MethodPatch<reasonOf> m_patch;
+};
+
+// What a workload leaves: the same each time.
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes ToBytes(const Pixels& pixels) {
+    return EncodePixels(pixels, DXGI_FORMAT_R8G8B8A8_UNORM);
+}
+
+Pixels MakeGradient() {
+    return MakePixels(8, 4,
+                      [](unsigned x, unsigned y) { return Color{x / 7.0, y / 3.0, 0.5, 1.0}; });
+}
+
+Bytes DrawWith(Painter& painter) {
+    Drawing drawing{.source = MakeGradient()};
+    drawing.conversion.emplace().target = {Conf::ColorPrimaries::BT2020,
+                                           Conf::TransferCharacteristics::PQ};
+    Bytes bytes = ToBytes(painter.Draw(drawing));
+    drawing.view = [](DX::D3ImageRenderer& renderer) { renderer.SetRotation(0.5F); };
+    const Bytes rotated = ToBytes(painter.Draw(drawing));
+    bytes.insert(bytes.end(), rotated.begin(), rotated.end());
+    return bytes;
+}
+
+Bytes Draw11() {
+    return DrawWith(*MakePainter11());
+}
+Bytes Draw12() {
+    return DrawWith(*MakePainter12());
+}
+
+Bytes Fill12() {
+    Canvas canvas;
+    const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const boost::intrusive_ptr fill(new DX::D12FillDraw(canvas.GetDevice()));
+    const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
+    fill->Encode(allocator, {1.0F, 0.5F, 0.0F, 1.0F}, target, {1, 1, 3, 3});
+    allocator->Execute();
+    return ToBytes(canvas.Read(target));
+}
+
+Bytes Convert12() {
+    Canvas canvas;
+    const auto source = canvas.MakeSource(MakeGradient(), DXGI_FORMAT_R16G16B16A16_FLOAT);
+    const auto luma = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8_UNORM);
+    const auto chroma = canvas.MakeTarget(4, 2, DXGI_FORMAT_R8G8_UNORM);
+    const boost::intrusive_ptr converter(
+        new DX::D12YUVConverter(canvas.GetDevice(), Proc::AlphaType::AlphaIsOne));
+    constexpr auto kReadable = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+    constexpr DX::D12ResourceStates kTarget = {D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                               D3D12_RESOURCE_STATE_RENDER_TARGET};
+    const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
+    converter->Encode(allocator, source->GetFirstResource(), luma->GetFirstResource(),
+                      chroma->GetFirstResource(), DXGI_FORMAT_NV12, Conf::YCbCrMatrix::BT709,
+                      std::array{DX::D12ResourceStates{kReadable, kReadable}, kTarget, kTarget});
+    allocator->Execute();
+    return ToBytes(canvas.Read(luma));
+}
+
+Bytes Convert11() {
+    Canvas11 canvas;
+    const auto source = canvas.MakeSource(MakeGradient(), DXGI_FORMAT_R16G16B16A16_FLOAT);
+    const auto luma = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8_UNORM);
+    const auto chroma = canvas.MakeTarget(4, 2, DXGI_FORMAT_R8G8_UNORM);
+    const boost::intrusive_ptr converter(
+        new DX::D11YUVConverter(canvas.GetDevice(), Proc::AlphaType::AlphaIsOne));
+    canvas.GetDevice()->Encode([&](const auto& context) {
+        converter->Encode(context, source->GetTexture(), luma->GetTexture(), chroma->GetTexture(),
+                          DXGI_FORMAT_NV12, Conf::YCbCrMatrix::BT709);
+    });
+    return ToBytes(canvas.Read(luma->GetTexture()));
+}
+
+// Pools, queries and one queue that waits for another.
+Bytes UsePools12() {
+    Canvas canvas;
+    const auto& device = canvas.GetDevice();
+    DX::D12Texture2DDesc desc;
+    desc.width = desc.height = 4;
+    desc.format = DXGI_FORMAT_R8G8B8A8_UNORM;
+    const auto pool = DX::D12Texture2DPool::Create(device, desc);
+    const auto texture = pool->ObtainTexture();
+    const auto query = device->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
+    const auto upload = device->CreateUploadBuffer(1000);
+    const auto sampler = device->CreateSamplerHeap(4);
+    const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
+    allocator->RecordList(nullptr, [&](const auto& list) {
+        list->TrackObject(texture);
+        list->EndQuery(query);
+    });
+    allocator->Execute();
+    const boost::intrusive_ptr other(new DX::D12CommandQueue(device, {}));
+    const auto second = other->CreateCommandAllocator();
+    second->Wait(allocator);
+    second->RecordList(nullptr, [](const auto&) {});
+    second->Execute();
+    second->WaitComplete();
+    return {static_cast<std::uint8_t>(query->GetUint64Stats() > 0)};
+}
+
+Bytes PresentWith(const boost::intrusive_ptr<DX::D3Device>& device) {
+    const TestWindow window({64, 48});
+    const auto swapChain = DX::DXGISwapChain::Create(device, window.Get());
+    for (int i = 0; i < 3; ++i) {
+        if (const auto target = swapChain->GetRenderTarget()) {
+            const auto frame = swapChain->CreateCommandAllocator();
+            frame->ClearRenderTargetView(target, D3D12_RESOURCE_STATE_PRESENT, {}, {});
+            frame->ResourceBarrier({target->Transition(D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                                       D3D12_RESOURCE_STATE_PRESENT, 0, {})});
+            frame->Execute();
+        }
+        swapChain->Present();
+        SetWindowPos(window.Get(), nullptr, 0, 0, 100 + i, 90, SWP_NOMOVE | SWP_NOZORDER);
+        swapChain->RecreateBuffers();
+    }
+    return {};
+}
+Bytes Present11() {
+    return PresentWith(DX::D11Device::CreatePrimary());
+}
+Bytes Present12() {
+    return PresentWith(DX::D12Device::CreatePrimary());
+}
+
+// Ends the program where a call hangs, and says which.
+class Watchdog {
+public:
+    void Expect(const std::string& what) {
+        const std::lock_guard guard(m_mutex);
+        m_what = what;
+        m_since = std::chrono::steady_clock::now();
+    }
+
+private:
+    void Watch(const std::stop_token& stop) {
+        constexpr std::chrono::seconds kLimit(20);
+        while (!stop.stop_requested()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            const std::lock_guard guard(m_mutex);
+            if (std::chrono::steady_clock::now() - m_since > kLimit) {
+                std::fprintf(stderr, "hangs: %s\n", m_what.c_str());
+                TerminateProcess(GetCurrentProcess(), 1);
+            }
+        }
+    }
+
+    std::mutex m_mutex;
+    std::string m_what;
+    std::chrono::steady_clock::time_point m_since = std::chrono::steady_clock::now();
+    std::jthread m_thread{[this](const std::stop_token& stop) { Watch(stop); }};
+};
+
+// An object that shows where its class has its methods.
+template <class Object, class Create>
+CComPtr<Object> Make(const Create& create) {
+    CComPtr<Object> object;
+    if (FAILED(create(__uuidof(Object), reinterpret_cast<void**>(&object)))) {
+        throw std::runtime_error("no object to be interposed");
+    }
+    return object;
+}
+
+CComPtr<IDXGIFactory2> MakeFactory() {
+    return Make<IDXGIFactory2>([](auto... out) { return CreateDXGIFactory1(out...); });
+}
+
+CComPtr<ID3D12CommandAllocator> MakeAllocator(ID3D12Device* raw) {
+    return Make<ID3D12CommandAllocator>([raw](auto... out) {
+        return raw->CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE_DIRECT, out...);
+    });
+}
+
+// Of all objects of a generation.
+struct Interposition12 {
+    explicit Interposition12(Faults& faults, const Canvas& canvas = {})
+        : Interposition12(faults, canvas.GetDevice()->Get(), canvas.GetQueue()->Get()) {}
+
+    Interposition12(Faults& faults, ID3D12Device* raw, ID3D12CommandQueue* rawQueue)
+        : device(raw, faults),
+          removedReason(raw, faults),
+          queue(rawQueue, faults),
+          execute(rawQueue,
+                  [&faults](auto original, auto* self, UINT count, auto* lists) {
+                      original(self, faults.IsRemovedSoon() ? 0 : count, lists);
+                  }),
+          allocator(MakeAllocator(raw), faults),
+          list(Make<ID3D12GraphicsCommandList>([raw](auto... out) {
+                   return raw->CreateCommandList(0, D3D12_COMMAND_LIST_TYPE_DIRECT,
+                                                 MakeAllocator(raw), nullptr, out...);
+               }),
+               faults),
+          fence(Make<ID3D12Fence>([raw](auto... out) {
+                    return raw->CreateFence(0, D3D12_FENCE_FLAG_NONE, out...);
+                }),
+                faults),
+          resource(DX::D12Device::CreatePrimary()->CreateUploadBuffer(1)->GetResource(), faults),
+          factory(MakeFactory(), faults),
+          swapChain(MakeRawSwapChain(true, TestWindow({16, 16}).Get()), faults) {}
+
+    Device12Methods device;
+    RemovedReason<&ID3D12Device::GetDeviceRemovedReason> removedReason;
+    Queue12Methods queue;
+    MethodPatch<&ID3D12CommandQueue::ExecuteCommandLists> execute;
+    Allocator12Methods allocator;
+    List12Methods list;
+    Fence12Methods fence;
+    Resource12Methods resource;
+    FactoryMethods factory;
+    SwapChainMethods swapChain;
+};
+
+struct Interposition11 {
+    explicit Interposition11(Faults& faults, const CComPtr<ID3D11Device>& raw = MakeRawDevice11())
+        : device(raw, faults),
+          removedReason(raw, faults),
+          context(GetImmediateContext(raw), faults),
+          factory(MakeFactory(), faults),
+          swapChain(MakeRawSwapChain(false, TestWindow({16, 16}).Get()), faults) {}
+
+private:
+    Device11Methods device;
+    RemovedReason<&ID3D11Device::GetDeviceRemovedReason> removedReason;
+    Context11Methods context;
+    FactoryMethods factory;
+    SwapChainMethods swapChain;
+};
+
+constexpr std::pair<HRESULT, Faults::Kind> kFaults[] = {
+    {E_OUTOFMEMORY, Faults::Kind::Once},
+    {DXGI_ERROR_DEVICE_REMOVED, Faults::Kind::Lasting},
+    {E_FAIL, Faults::Kind::Once},
+    {E_INVALIDARG, Faults::Kind::Once},
+};
+
+// What the caller is told of a method's failure, or else why not.
+struct Telling {
+    std::vector<std::string> sentences = {}; // their beginnings
+    const char* untold = nullptr;
+    bool hasDevice = true; // to tell why it was removed
+};
+const std::map<std::string, Telling> kTellings = {
+    {"ID3D12CommandAllocator::Reset",
+     {{"Failed to create command allocator"}, "another allocator is made"}},
+    {"ID3D12CommandQueue::GetTimestampFrequency", {{"Failed to get timestamp frequency"}}},
+    {"ID3D12CommandQueue::Signal", {{"Failed to signal fence"}, "of a queue at its end; logged"}},
+    {"ID3D12CommandQueue::Wait", {{"Failed to wait for fence"}}},
+    {"ID3D12Device4::CreateCommandList1", {{"Failed to create command list"}}},
+    {"ID3D12Device::CreateCommandAllocator", {{"Failed to create command allocator"}}},
+    {"ID3D12Device::CreateCommandQueue", {{"Failed to create command queue"}}},
+    {"ID3D12Device::CreateCommittedResource",
+     {{"Failed to create 2D texture", "Failed to create buffer"}}},
+    {"ID3D12Device::CreateDescriptorHeap", {{"Failed to create descriptor heap"}}},
+    {"ID3D12Device::CreateFence", {{"Failed to create fence"}}},
+    {"ID3D12Device::CreateGraphicsPipelineState", {{"Failed to create graphics pipeline state"}}},
+    {"ID3D12Device::CreateQueryHeap", {{"Failed to create query heap"}}},
+    {"ID3D12Device::CreateRootSignature", {{"Failed to create root signature"}}},
+    {"ID3D12Fence::SetEventOnCompletion",
+     {{"Failed to set event on completion"}, "of a background thread's wait; logged", false}},
+    {"ID3D12GraphicsCommandList::Close", {{"Failed to close command list"}}},
+    {"ID3D12GraphicsCommandList::Reset", {{"Failed to reset command list"}}},
+    {"ID3D12Resource::Map",
+     {{"Failed to map buffer", "Failed to map readback buffer", "Failed to map upload buffer",
+       "Failed to map query buffer"}}},
+    {"ID3D11Device::CreateBlendState", {{"Failed to create blend state"}}},
+    {"ID3D11Device::CreateBuffer", {{"Failed to create ID3D11Buffer: byteWidth = "}}},
+    {"ID3D11Device::CreateDepthStencilState", {{"Failed to create depth stencil state"}}},
+    {"ID3D11Device::CreateInputLayout", {{"Failed to create input layout"}}},
+    {"ID3D11Device::CreatePixelShader", {{"Failed to create pixel shader"}}},
+    {"ID3D11Device::CreateRasterizerState", {{"Failed to create rasterizer state"}}},
+    {"ID3D11Device::CreateRenderTargetView", {{"Failed to create render rarget view"}}},
+    {"ID3D11Device::CreateSamplerState", {{"Failed to create sampler state"}}},
+    {"ID3D11Device::CreateShaderResourceView", {{"Failed to create shader resource view"}}},
+    {"ID3D11Device::CreateTexture2D", {{"Failed to create ID3D11Texture2D: width = "}}},
+    {"ID3D11Device::CreateVertexShader", {{"Failed to create vertex shader"}}},
+    {"ID3D11DeviceContext::Map", {{"Failed to map resource"}, nullptr, false}},
+    {"IDXGIFactory2::CreateSwapChainForHwnd", {{"Failed to create DXGI swap chain: width = "}}},
+    {"IDXGIFactory::MakeWindowAssociation", {{}, "Alt+Enter stays DXGI's"}},
+    {"IDXGISwapChain3::ResizeBuffers1", {{"Failed to resize DXGI swap chain buffers"}}},
+    {"IDXGISwapChain::GetBuffer", {{"Failed to get back buffer"}}},
+    {"IDXGISwapChain::GetDesc", {{}, "it only tells whether anything changes"}},
+    {"IDXGISwapChain::GetFullscreenState", {{}, "then it is a window"}},
+    {"IDXGISwapChain::Present", {{}, "the next call that creates something tells"}},
+    {"IDXGISwapChain::ResizeBuffers", {{"Failed to resize DXGI swap chain buffers"}}},
+};
+
+struct Row {
+    const char* name;
+    Bytes (*workload)();
+};
+
+std::string NameOf(const testing::TestParamInfo<Row>& row) {
+    return row.param.name;
+}
+
+// The first and the last call of each method, each with one of the results; with NORVEX_SWEEP set
+// all calls with all results.
+std::vector<std::pair<int, std::size_t>> ChooseFaults(const std::vector<std::string>& calls) {
+    std::vector<std::pair<int, std::size_t>> chosen;
+    for (auto call = calls.begin(); call != calls.end(); ++call) {
+        const bool isFirst = std::find(calls.begin(), call, *call) == call;
+        const bool isLast = std::find(call + 1, calls.end(), *call) == calls.end();
+        for (std::size_t i = 0; i < std::size(kFaults); ++i) {
+            if (std::getenv("NORVEX_SWEEP") != nullptr ||
+                ((isFirst || isLast) && chosen.size() % std::size(kFaults) == i)) {
+                chosen.emplace_back(static_cast<int>(call - calls.begin()), i);
+                i = std::getenv("NORVEX_SWEEP") != nullptr ? i : std::size(kFaults);
+            }
+        }
+    }
+    return chosen;
+}
+
+template <class Interposition>
+class Sweep {
+public:
+    explicit Sweep(const Row& row) : m_row(row) {
+        m_expected = Run(-1, 0);
+        EXPECT_EQ(m_thrown.sentence, "(nothing)");
+        for (const auto& [call, fault] : ChooseFaults(m_calls)) {
+            ExpectTold(call, fault);
+            ++m_faultCount;
+        }
+        EXPECT_EQ(Run(-1, 0), m_expected) << "after the faults";
+        EXPECT_GT(m_faultCount, 0);
+        std::printf("%s: %d calls failed\n", row.name, m_faultCount);
+    }
+
+private:
+    // Alone: nothing that it makes may be left.
+    Bytes Run(int call, std::size_t fault) {
+        const auto& [result, kind] = kFaults[fault];
+        m_what = fmt::format("{}, call {}, {:#010x}", m_row.name, call, static_cast<UINT>(result));
+        m_watchdog.Expect(m_what);
+        m_faults.Begin(call, result, kind);
+        Bytes bytes;
+        m_thrown = ThrownBy([&] { bytes = m_row.workload(); });
+        DX::D12CommandAllocator::WaitAllComplete();
+        m_calls = m_faults.End();
+        return bytes;
+    }
+
+    void ExpectTold(int call, std::size_t fault) {
+        const Bytes bytes = Run(call, fault);
+        const auto& [result, kind] = kFaults[fault];
+        if (call >= std::ssize(m_calls)) {
+            return; // background threads have made fewer calls this time
+        }
+        const std::string& method = m_calls[static_cast<std::size_t>(call)];
+        SCOPED_TRACE(m_what + ": " + method);
+        const bool isLasting = kind == Faults::Kind::Lasting;
+        const Telling& telling = kTellings.at(method);
+        if (m_thrown.sentence == "(nothing)") {
+            EXPECT_NE(telling.untold, nullptr);
+            EXPECT_TRUE(isLasting || bytes == m_expected);
+        } else if (telling.untold == nullptr || !isLasting) { // else of the next call
+            EXPECT_TRUE(std::ranges::any_of(telling.sentences, [this](const auto& sentence) {
+                return m_thrown.sentence.starts_with(sentence);
+            })) << m_thrown.sentence;
+            EXPECT_EQ(m_thrown.result, isLasting && telling.hasDevice ? kReason : result);
+            EXPECT_NE(m_thrown.function, "");
+        }
+        // What the GPU may still use is kept where it cannot be waited for.
+        const bool isWait =
+            method == "ID3D12CommandQueue::Signal" || method == "ID3D12Fence::SetEventOnCompletion";
+        EXPECT_FALSE(!isWait && m_faults.IsDeviceAlive()) << "something is left";
+    }
+
+    Row m_row;
+    Faults m_faults;
+    Watchdog m_watchdog;
+    Interposition m_interposition{m_faults};
+    std::string m_what;
+    std::vector<std::string> m_calls;
+    Thrown m_thrown;
+    Bytes m_expected;
+    int m_faultCount = 0;
+};
+
+class D3D11FaultTest : public testing::TestWithParam<Row> {};
+class D3D12FaultTest : public testing::TestWithParam<Row> {};
+
+INSTANTIATE_TEST_SUITE_P(, D3D12FaultTest,
+                         testing::Values(Row{"Draw", &Draw12}, Row{"Fill", &Fill12},
+                                         Row{"Convert", &Convert12}, Row{"Pools", &UsePools12},
+                                         Row{"Present", &Present12}),
+                         &NameOf);
+INSTANTIATE_TEST_SUITE_P(, D3D11FaultTest,
+                         testing::Values(Row{"Draw", &Draw11}, Row{"Convert", &Convert11},
+                                         Row{"Present", &Present11}),
+                         &NameOf);
+
+TEST_P(D3D12FaultTest, EachCallFailsOnce) {
+    const Sweep<Interposition12> sweep(GetParam());
+}
+
+TEST_P(D3D11FaultTest, EachCallFailsOnce) {
+    const Sweep<Interposition11> sweep(GetParam());
+}
+
+} // namespace
+
+} // namespace Norvex::Test
