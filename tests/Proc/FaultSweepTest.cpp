@@ -9,7 +9,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <source_location>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -106,71 +105,83 @@ private:
     std::optional<LifeProbe> m_device;
 };
 
-// As the compiler writes it: ... [with auto method = &ID3D12Device::CreateFence ...
-template <auto method>
-std::string NameOfMethod() {
-    const std::string text = std::source_location::current().function_name();
-    const std::size_t begin = text.find("ID3D12") != std::string::npos   ? text.find("ID3D12")
-                              : text.find("ID3D11") != std::string::npos ? text.find("ID3D11")
-                                                                         : text.find("IDXGI");
-    return text.substr(begin, text.find_first_of(";]>,(", begin) - begin);
-}
+// A method and its name.
+template <std::size_t size>
+struct Text {
+    constexpr Text(const char (&text)[size]) { std::ranges::copy(text, data); } // NOLINT: implicit
+
+    char data[size] = {};
+};
+template <auto pointer, Text text>
+struct Method {
+    static constexpr auto kPointer = pointer;
+    static constexpr const char* kName = text.data;
+};
+#define NORVEX_METHOD(method) Method<&method, #method>
 
 // Calls that the system makes within a call of the library's are left alone.
 thread_local bool t_isInCall = false;
 
 // Stands between the library and these methods, of all objects of the class.
-template <auto... methods>
-class Interposed : MethodPatch<methods>... {
+template <class... Methods>
+class Interposed : MethodPatch<Methods::kPointer>... {
 public:
     Interposed(IUnknown* object, Faults& faults)
-        : MethodPatch<methods>(object,
-                               [&faults, name = NameOfMethod<methods>()](auto original, auto* self,
-                                                                         auto... rest) -> HRESULT {
-                                   if constexpr (requires { self->GetDeviceRemovedReason(); }) {
-                                       faults.WatchDevice(self);
-                                   }
-                                   if (t_isInCall) {
-                                       return original(self, rest...);
-                                   }
-                                   const HRESULT result = faults.Take(name);
-                                   if (FAILED(result)) {
-                                       return result;
-                                   }
-                                   t_isInCall = true;
-                                   const HRESULT answer = original(self, rest...);
-                                   t_isInCall = false;
-                                   return answer;
-                               })... {}
+        : MethodPatch<Methods::kPointer>(
+              object,
+              [&faults, name = std::string(Methods::kName)](auto original, auto* self,
+                                                            auto... rest) -> HRESULT {
+                  if constexpr (requires { self->GetDeviceRemovedReason(); }) {
+                      faults.WatchDevice(self);
+                  }
+                  if (t_isInCall) {
+                      return original(self, rest...);
+                  }
+                  const HRESULT result = faults.Take(name);
+                  if (FAILED(result)) {
+                      return result;
+                  }
+                  t_isInCall = true;
+                  const HRESULT answer = original(self, rest...);
+                  t_isInCall = false;
+                  return answer;
+              })... {}
 };
 
-using Device12Methods =
-    Interposed<&ID3D12Device::CreateCommandQueue, &ID3D12Device::CreateCommandAllocator,
-               &ID3D12Device::CreateGraphicsPipelineState, &ID3D12Device4::CreateCommandList1,
-               &ID3D12Device::CreateDescriptorHeap, &ID3D12Device::CreateRootSignature,
-               &ID3D12Device::CreateCommittedResource, &ID3D12Device::CreateQueryHeap,
-               &ID3D12Device::CreateFence>;
-using Queue12Methods = Interposed<&ID3D12CommandQueue::Signal, &ID3D12CommandQueue::Wait,
-                                  &ID3D12CommandQueue::GetTimestampFrequency>;
-using Allocator12Methods = Interposed<&ID3D12CommandAllocator::Reset>;
-using List12Methods =
-    Interposed<&ID3D12GraphicsCommandList::Close, &ID3D12GraphicsCommandList::Reset>;
-using Fence12Methods = Interposed<&ID3D12Fence::SetEventOnCompletion>;
-using Resource12Methods = Interposed<&ID3D12Resource::Map>;
-using Device11Methods =
-    Interposed<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
-               &ID3D11Device::CreateShaderResourceView, &ID3D11Device::CreateRenderTargetView,
-               &ID3D11Device::CreateInputLayout, &ID3D11Device::CreateVertexShader,
-               &ID3D11Device::CreatePixelShader, &ID3D11Device::CreateBlendState,
-               &ID3D11Device::CreateRasterizerState, &ID3D11Device::CreateDepthStencilState,
-               &ID3D11Device::CreateSamplerState, &ID3D11Device::CreateQuery>;
-using Context11Methods = Interposed<&ID3D11DeviceContext::Map>;
+using Device12Methods = Interposed<NORVEX_METHOD(ID3D12Device::CreateCommandQueue),
+                                   NORVEX_METHOD(ID3D12Device::CreateCommandAllocator),
+                                   NORVEX_METHOD(ID3D12Device::CreateGraphicsPipelineState),
+                                   NORVEX_METHOD(ID3D12Device4::CreateCommandList1),
+                                   NORVEX_METHOD(ID3D12Device::CreateDescriptorHeap),
+                                   NORVEX_METHOD(ID3D12Device::CreateRootSignature),
+                                   NORVEX_METHOD(ID3D12Device::CreateCommittedResource),
+                                   NORVEX_METHOD(ID3D12Device::CreateQueryHeap),
+                                   NORVEX_METHOD(ID3D12Device::CreateFence)>;
+using Queue12Methods =
+    Interposed<NORVEX_METHOD(ID3D12CommandQueue::Signal), NORVEX_METHOD(ID3D12CommandQueue::Wait),
+               NORVEX_METHOD(ID3D12CommandQueue::GetTimestampFrequency)>;
+using Allocator12Methods = Interposed<NORVEX_METHOD(ID3D12CommandAllocator::Reset)>;
+using List12Methods = Interposed<NORVEX_METHOD(ID3D12GraphicsCommandList::Close),
+                                 NORVEX_METHOD(ID3D12GraphicsCommandList::Reset)>;
+using Fence12Methods = Interposed<NORVEX_METHOD(ID3D12Fence::SetEventOnCompletion)>;
+using Resource12Methods = Interposed<NORVEX_METHOD(ID3D12Resource::Map)>;
+using Device11Methods = Interposed<
+    NORVEX_METHOD(ID3D11Device::CreateBuffer), NORVEX_METHOD(ID3D11Device::CreateTexture2D),
+    NORVEX_METHOD(ID3D11Device::CreateShaderResourceView),
+    NORVEX_METHOD(ID3D11Device::CreateRenderTargetView),
+    NORVEX_METHOD(ID3D11Device::CreateInputLayout), NORVEX_METHOD(ID3D11Device::CreateVertexShader),
+    NORVEX_METHOD(ID3D11Device::CreatePixelShader), NORVEX_METHOD(ID3D11Device::CreateBlendState),
+    NORVEX_METHOD(ID3D11Device::CreateRasterizerState),
+    NORVEX_METHOD(ID3D11Device::CreateDepthStencilState),
+    NORVEX_METHOD(ID3D11Device::CreateSamplerState), NORVEX_METHOD(ID3D11Device::CreateQuery)>;
+using Context11Methods = Interposed<NORVEX_METHOD(ID3D11DeviceContext::Map)>;
 using SwapChainMethods =
-    Interposed<&IDXGISwapChain3::GetBuffer, &IDXGISwapChain3::GetDesc, &IDXGISwapChain3::Present,
-               &IDXGISwapChain3::ResizeBuffers, &IDXGISwapChain3::ResizeBuffers1,
-               &IDXGISwapChain3::GetFullscreenState>;
-using FactoryMethods =
-    Interposed<&IDXGIFactory2::CreateSwapChainForHwnd, &IDXGIFactory2::MakeWindowAssociation>;
+    Interposed<NORVEX_METHOD(IDXGISwapChain::GetBuffer), NORVEX_METHOD(IDXGISwapChain::GetDesc),
+               NORVEX_METHOD(IDXGISwapChain::Present), NORVEX_METHOD(IDXGISwapChain::ResizeBuffers),
+               NORVEX_METHOD(IDXGISwapChain3::ResizeBuffers1),
+               NORVEX_METHOD(IDXGISwapChain::GetFullscreenState)>;
+using FactoryMethods = Interposed<NORVEX_METHOD(IDXGIFactory2::CreateSwapChainForHwnd),
+                                  NORVEX_METHOD(IDXGIFactory::MakeWindowAssociation)>;
 
 template <auto reasonOf>
 class RemovedReason {
