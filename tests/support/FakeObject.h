@@ -7,12 +7,8 @@
 
 #include <array>
 #include <atomic>
-#include <cstddef>
 
-#include <boost/core/noncopyable.hpp>
-
-#include "tests/support/FunctionOf.h"
-#include "tests/support/MethodSlot.h"
+#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 

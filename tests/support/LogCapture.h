@@ -26,8 +26,7 @@ public:
 
     // Entries of that severity that hold the text.
     long Count(google::LogSeverity severity, const std::string& text) const {
-        const std::lock_guard guard(m_mutex);
-        return static_cast<long>(std::ranges::count_if(m_entries, [&](const auto& entry) {
+        return static_cast<long>(std::ranges::count_if(GetEntries(), [&](const auto& entry) {
             return entry.first == severity && entry.second.find(text) != std::string::npos;
         }));
     }
