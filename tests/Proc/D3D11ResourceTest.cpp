@@ -1,7 +1,9 @@
-// Direct3D 11 resources, and the context that records on them.
+// Direct3D 11 resources, the context that records on them, and events over Direct3D 12 fences.
 
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -11,6 +13,9 @@
 #include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/DeviceTest.h"
@@ -25,9 +30,7 @@ using namespace Norvex::Test;
 using testing::ElementsAre;
 
 constexpr auto kRgba8 = DXGI_FORMAT_R8G8B8A8_UNORM;
-constexpr auto kSrgb = DXGI_FORMAT_R8G8B8A8_UNORM_SRGB;
-constexpr auto kDepthFormat = DXGI_FORMAT_D24_UNORM_S8_UINT;
-constexpr UINT kDrawAndRead = D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET;
+constexpr auto kTypeless = DXGI_FORMAT_R8G8B8A8_TYPELESS;
 
 class D3D11ResourceTest : public Device11Test {
 protected:
@@ -35,11 +38,9 @@ protected:
     static void Encode(const Function& function) {
         s_device->Encode([&](const auto& context) { function(*context); });
     }
-    static CComPtr<ID3D11Texture2D> MakeTexture(UINT bindFlags = 0, DXGI_FORMAT format = kRgba8,
-                                                UINT arraySize = 1) {
+    static CComPtr<ID3D11Texture2D> MakeTexture(UINT bindFlags = 0, DXGI_FORMAT format = kRgba8) {
         D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, format);
         desc.BindFlags = bindFlags;
-        desc.ArraySize = arraySize;
         return s_device->CreateTexture2D(desc, nullptr);
     }
 };
@@ -56,28 +57,19 @@ TEST_F(D3D11ResourceTest, TexturesAddTheirBindFlag) {
     EXPECT_NO_THROW(D11RenderTexture2D(source->GetTexture(), {}));
 }
 
-TEST_F(D3D11ResourceTest, ViewsAreOfTheirDescription) {
-    const auto check = [](auto view, const auto& expected) {
-        auto made = expected;
-        view->GetDesc(&made);
-        EXPECT_EQ(WordsOf(&made), WordsOf(&expected));
-    };
-    const auto typeless = MakeTexture(kDrawAndRead, DXGI_FORMAT_R8G8B8A8_TYPELESS, 3);
-    const CD3D11_SHADER_RESOURCE_VIEW_DESC shader(D3D11_SRV_DIMENSION_TEXTURE2DARRAY, kSrgb, 0, 1,
-                                                  1, 2);
-    check(s_device->CreateShaderResourceView(typeless, shader), shader);
-    const CD3D11_RENDER_TARGET_VIEW_DESC target(D3D11_RTV_DIMENSION_TEXTURE2DARRAY, kSrgb, 0, 1, 2);
-    check(s_device->CreateRenderTargetView(typeless, target), target);
-    D3D11_DEPTH_STENCIL_VIEW_DESC stencil = {
-        kDepthFormat, D3D11_DSV_DIMENSION_TEXTURE2DARRAY, 0, {}};
-    stencil.Texture2DArray = {0, 2, 1};
-    const auto depth = MakeTexture(D3D11_BIND_DEPTH_STENCIL, kDepthFormat, 3);
-    check(s_device->CreateDepthStencilView(depth, stencil), stencil);
-    check(s_device->CreateShaderResourceView(MakeTexture(kDrawAndRead, kSrgb, 3)),
-          CD3D11_SHADER_RESOURCE_VIEW_DESC(D3D11_SRV_DIMENSION_TEXTURE2DARRAY, kSrgb, 0, 1, 0, 3));
-    const auto flat = MakeTexture(kDrawAndRead, DXGI_FORMAT_R8G8B8A8_TYPELESS);
-    EXPECT_NO_THROW(D11RenderTexture2D(flat, kSrgb));
-    EXPECT_NO_THROW(D11ShaderTexture2D(flat, kSrgb));
+// There is no view of a typeless texture that is of no format of its own.
+TEST_F(D3D11ResourceTest, ViewsAreOfTheFormatAskedFor) {
+    const auto typeless =
+        MakeTexture(D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET, kTypeless);
+    EXPECT_NO_THROW(D11RenderTexture2D(typeless, kRgba8));
+    EXPECT_NO_THROW(D11ShaderTexture2D(typeless, kRgba8));
+    EXPECT_NO_THROW(s_device->CreateShaderResourceView(
+        typeless, CD3D11_SHADER_RESOURCE_VIEW_DESC(D3D11_SRV_DIMENSION_TEXTURE2D, kRgba8)));
+    EXPECT_NO_THROW(s_device->CreateRenderTargetView(
+        typeless, CD3D11_RENDER_TARGET_VIEW_DESC(D3D11_RTV_DIMENSION_TEXTURE2D, kRgba8)));
+    EXPECT_NO_THROW(s_device->CreateDepthStencilView(
+        MakeTexture(D3D11_BIND_DEPTH_STENCIL, DXGI_FORMAT_R24G8_TYPELESS),
+        {DXGI_FORMAT_D24_UNORM_S8_UINT, D3D11_DSV_DIMENSION_TEXTURE2D, 0, {}}));
 }
 
 // What sharing adds to a texture, which this system lacks: a keyed mutex and a handle.
@@ -262,6 +254,154 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
         ExpectFailure11([&] { context.Map(texture, 0, D3D11_MAP_READ, {}); },
                         "Failed to map resource", "Map", E_ACCESSDENIED);
     });
+}
+
+using EventPtr11 = boost::intrusive_ptr<D11CompletionEvent>;
+using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
+
+// All that a shared fence needs, where the system has none of it: one object that is the device of
+// either generation, the context of Direct3D 11, and the fence, which notes its values.
+struct FakeFence : FakeObject {
+    FakeFence() {
+        Set(&ID3D12Device::CreateFence, [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
+                                           void** out) { return self->GiveTo(out); });
+        Set(&ID3D12Device::CreateSharedHandle,
+            [](FakeFence*, ID3D12DeviceChild*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR,
+               HANDLE* handle) -> HRESULT {
+                *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+                return S_OK;
+            });
+        Set(&ID3D11Device5::OpenSharedFence,
+            [](FakeFence* self, HANDLE handle, REFIID, void** out) {
+                self->opened = handle;
+                return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
+            });
+        Set(&ID3D11DeviceContext4::Signal, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+            std::this_thread::yield(); // so that others overtake, where they may
+            self->signalled.push_back(value);
+            return self->answer;
+        });
+        Set(&ID3D11DeviceContext4::Wait, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
+            self->awaited.push_back(value);
+            return self->answer;
+        });
+    }
+
+    EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags = D3D12_FENCE_FLAG_NONE) {
+        return EventPtr12(new D12CompletionEvent(CComPtr(As<ID3D12Device>()), flags));
+    }
+
+    HRESULT answer = S_OK;
+    HANDLE opened = nullptr;
+    std::vector<UINT64> signalled;
+    std::vector<UINT64> awaited;
+};
+
+struct D3D11EventTest : testing::Test {
+    void TearDown() override {
+        event.reset();
+        event12.reset();
+        EXPECT_EQ(fake.GetReferences(), 0);
+    }
+
+    FakeFence fake;
+    CComPtr<ID3D11Device> raw = MakeRawDevice11();
+    InterfacePatch<ID3D11Device, ID3D11Device5> device5{raw, &fake};
+    InterfacePatch<ID3D11DeviceContext, ID3D11DeviceContext4> context4{GetImmediateContext(raw),
+                                                                       &fake};
+    EventPtr12 event12 = fake.MakeEvent();
+    EventPtr11 event{new D11CompletionEvent(CComPtr(fake.As<ID3D11Fence>()), event12)};
+};
+
+TEST_F(D3D11EventTest, OpensWhatCanBeShared) {
+    const auto shared = fake.MakeEvent(D3D12_FENCE_FLAG_SHARED);
+    const auto open = [this](const EventPtr12& of) {
+        return D11CompletionEvent::OpenShared(D11Device::Attach(raw), of);
+    };
+    const auto refuse = [&](const EventPtr12& of, const char* sentence, long result = E_FAIL) {
+        ExpectFailure11([&] { open(of); }, sentence, "OpenShared", result);
+    };
+    for (FakeObject** answer : {&device5.fake, &context4.fake}) {
+        *answer = nullptr;
+        refuse(shared, "Shared fence not supported");
+        *answer = &fake;
+    }
+    NORVEX_EXPECT_REFUSED11("DirectX 11 device is null",
+                            D11CompletionEvent::OpenShared(nullptr, shared));
+    NORVEX_EXPECT_REFUSED11("Completion event is null", D11CompletionEvent(nullptr, shared));
+    refuse(nullptr, "Completion event is null");
+    refuse(event12, "D12 completion event not shared");
+    fake.answer = E_ACCESSDENIED;
+    refuse(shared, "Failed to create fence", E_ACCESSDENIED);
+    fake.answer = S_OK;
+    const auto opened = open(shared);
+    EXPECT_EQ(fake.opened, shared->GetSharedHandle());
+    EXPECT_EQ(opened->GetFence(), fake.As<ID3D11Fence>());
+    EXPECT_EQ(opened->PreIncrementValue(), 1u);
+    EXPECT_EQ(shared->PreIncrementValue(), 2u);
+    EXPECT_EQ(opened->GetValue(), 2u);
+}
+
+TEST_F(D3D11EventTest, SignalsAndWaitsDrawFromOneSequence) {
+    const auto call = [this](auto operation, const EventPtr11& on) {
+        D11Device::Attach(raw)->Encode(
+            [&](const auto& context) { (context.get()->*operation)(on); });
+    };
+    const auto refuse = [&](const EventPtr11& on, const std::string& signalSentence,
+                            const std::string& waitSentence, long result = E_FAIL) {
+        ExpectFailure11([&] { call(&D11DeviceContext::Signal, on); }, signalSentence, "Signal",
+                        result);
+        ExpectFailure11([&] { call(&D11DeviceContext::Wait, on); }, waitSentence, "Wait", result);
+    };
+    context4.fake = nullptr;
+    constexpr auto kUnsupported = "The device context does not support this operation";
+    refuse(event, kUnsupported, kUnsupported);
+    context4.fake = &fake;
+    refuse(nullptr, "Completion event is null", "Completion event is null");
+    fake.answer = E_ACCESSDENIED;
+    refuse(event, "Failed to signal fence", "Failed to wait for fence", E_ACCESSDENIED);
+    fake.answer = S_OK;
+    call(&D11DeviceContext::Signal, event);
+    call(&D11DeviceContext::Wait, event);
+    event12->PreIncrementValue();
+    call(&D11DeviceContext::Wait, event);
+    call(&D11DeviceContext::Signal, event);
+    EXPECT_THAT(fake.signalled, ElementsAre(1u, 1u, 3u)) << "again what was not signalled";
+    EXPECT_THAT(fake.awaited, ElementsAre(0u, 1u, 2u));
+}
+
+// Two devices on two threads; a fence that goes down never wakes who waits.
+TEST_F(D3D11EventTest, SignalsOfAllThreadsFollowInOrder) {
+    const std::array devices = {D11Device::Attach(raw), D11Device::Attach(MakeRawDevice11())};
+    RunThreads(2, [&](unsigned thread) {
+        for (int i = 0; i < 5000; ++i) {
+            devices.at(thread)->Encode([&](const auto& context) { context->Signal(event); });
+        }
+    });
+    EXPECT_EQ(fake.signalled.size(), 10'000u);
+    EXPECT_TRUE(std::is_sorted(fake.signalled.begin(), fake.signalled.end()));
+}
+
+// What only some systems have; the fake only counts.
+TEST(D3D11FenceTest, SignalsReachTheirValues) {
+    const auto device = D11Device::Attach(MakeRawDevice11());
+    if (!device->IsFencesSupported()) {
+        GTEST_SKIP() << "this system has no ID3D11Device5 and ID3D11DeviceContext4";
+    }
+    CComPtr<ID3D11Fence> fence;
+    EXPECT_EQ(device->Get5()->CreateFence(0, D3D11_FENCE_FLAG_NONE, IID_PPV_ARGS(&fence)), S_OK);
+    FakeFence fake;
+    const EventPtr11 event(new D11CompletionEvent(fence, fake.MakeEvent()));
+    device->Encode([&](const auto& context) {
+        context->Signal(event);
+        context->Signal(event);
+        context->Wait(event);
+        context->Flush();
+    });
+    for (int i = 0; i < 1000 && fence->GetCompletedValue() < 2; ++i) {
+        Sleep(20);
+    }
+    EXPECT_EQ(fence->GetCompletedValue(), 2u);
 }
 
 } // namespace

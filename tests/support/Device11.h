@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <stdexcept>
-#include <vector>
 
 #include "Platform/ComPtr.h"
 #include "tests/support/FakeObject.h"
@@ -52,21 +51,16 @@ private:
 // the function answers success, the system makes the device, without its debug layer.
 class CreateDevice11Patch {
 public:
-    using Attempt = std::pair<D3D_FEATURE_LEVEL, UINT>; // and flags
-
-    explicit CreateDevice11Patch(std::function<HRESULT(const Attempt&)> answer)
+    explicit CreateDevice11Patch(std::function<HRESULT(D3D_FEATURE_LEVEL, UINT flags)> answer)
         : m_patch(FindImport(L"NorvexDX.dll", "D3D11CreateDevice"),
-                  [this, answer](auto original, auto* adapter, auto type, auto module, UINT flags,
-                                 const auto* levels, auto... rest) {
-                      attempts.emplace_back(*levels, flags);
-                      const HRESULT result = answer(attempts.back());
+                  [answer](auto original, auto* adapter, auto type, auto module, UINT flags,
+                           const auto* levels, auto... rest) {
+                      const HRESULT result = answer(*levels, flags);
                       flags &= ~UINT{D3D11_CREATE_DEVICE_DEBUG};
                       return FAILED(result)
                                  ? result
                                  : original(adapter, type, module, flags, levels, rest...);
                   }) {}
-
-    std::vector<Attempt> attempts;
 
 private:
     MethodPatch<&D3D11CreateDevice> m_patch;
