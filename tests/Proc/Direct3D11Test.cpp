@@ -29,7 +29,6 @@ namespace {
 using namespace Norvex::Test;
 using std::chrono::steady_clock;
 using ContextPtr = boost::intrusive_ptr<D11DeviceContext>;
-using EventPtr11 = boost::intrusive_ptr<D11CompletionEvent>;
 using EventPtr12 = boost::intrusive_ptr<D12CompletionEvent>;
 
 constexpr auto kRgba8 = DXGI_FORMAT_R8G8B8A8_UNORM;
@@ -309,6 +308,8 @@ struct FakeSharing : FakeObject {
             });
     }
 
+    ~FakeSharing() { EXPECT_EQ(GetReferences(), 0); }
+
     std::pair<UINT64, DWORD> acquired;
     std::atomic<UINT64> released = 0;
 };
@@ -322,6 +323,7 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
             return CComPtr<ID3D11Texture2D>(texture).CopyTo(out);
         });
     FakeSharing sharing;
+    FakeObject refusing;
     InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1> patch(texture, &sharing);
     auto shared = D11SharedTexture2D::Create(s_device, {});
     EXPECT_EQ(miscFlags, 0x900u);
@@ -337,7 +339,6 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
     EXPECT_EQ(sharing.released, 8u);
     EXPECT_EQ(shared->CreateSharedHandle(9), &sharing);
 
-    FakeObject refusing;
     patch.fake = &refusing;
     shared = D11SharedTexture2D::Create(s_device, {});
     const auto share = [&shared] { shared->CreateSharedHandle(9); };
@@ -352,8 +353,6 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
                     "Failed to get texture key mutex", "GetKeyedMutex", E_NOINTERFACE);
     const auto older = D11Device::Attach(MakeRawDevice11(D3D_FEATURE_LEVEL_11_0));
     NORVEX_EXPECT_REFUSED11("Shared texture not supported", D11SharedTexture2D::Create(older, {}));
-    shared.reset();
-    EXPECT_EQ(sharing.GetReferences(), 0);
 }
 
 TEST_F(D3D11ResourceTest, BuffersAreAsLargeAsTheirContents) {
@@ -493,7 +492,8 @@ struct FakeFence : FakeObject {
         });
     }
 
-    EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags = D3D12_FENCE_FLAG_NONE) {
+    ~FakeFence() { EXPECT_EQ(GetReferences(), 0); }
+    EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags) {
         return EventPtr12(new D12CompletionEvent(CComPtr(As<ID3D12Device>()), flags));
     }
 
@@ -502,25 +502,14 @@ struct FakeFence : FakeObject {
     std::string calls;
 };
 
-struct D3D11EventTest : testing::Test {
-    void TearDown() override {
-        event.reset();
-        event12.reset();
-        EXPECT_EQ(fake.GetReferences(), 0);
-    }
-
+TEST(D3D11EventTest, SharedFencesAreOpenedAndCountOneSequence) {
     FakeFence fake;
-    CComPtr<ID3D11Device> raw = MakeRawDevice11();
-    InterfacePatch<ID3D11Device, ID3D11Device5> device5{raw, &fake};
-    InterfacePatch<ID3D11DeviceContext, ID3D11DeviceContext4> context4{GetImmediateContext(raw),
-                                                                       &fake};
-    EventPtr12 event12 = fake.MakeEvent();
-    EventPtr11 event{new D11CompletionEvent(CComPtr(fake.As<ID3D11Fence>()), event12)};
-};
-
-TEST_F(D3D11EventTest, OpensWhatCanBeShared) {
+    const auto raw = MakeRawDevice11();
+    InterfacePatch<ID3D11Device, ID3D11Device5> device5(raw, &fake);
+    InterfacePatch<ID3D11DeviceContext, ID3D11DeviceContext4> context4(GetImmediateContext(raw),
+                                                                       &fake);
     const auto shared = fake.MakeEvent(D3D12_FENCE_FLAG_SHARED);
-    const auto open = [this](const EventPtr12& of) {
+    const auto open = [&raw](const EventPtr12& of) {
         return D11CompletionEvent::OpenShared(D11Device::Attach(raw), of);
     };
     const auto refuse = [&](const EventPtr12& of, const char* sentence, long result = E_FAIL) {
@@ -531,31 +520,19 @@ TEST_F(D3D11EventTest, OpensWhatCanBeShared) {
         refuse(shared, "Shared fence not supported");
         *answer = &fake;
     }
+    refuse(nullptr, "Completion event is null");
+    refuse(fake.MakeEvent(D3D12_FENCE_FLAG_NONE), "D12 completion event not shared");
     NORVEX_EXPECT_REFUSED11("DirectX 11 device is null",
                             D11CompletionEvent::OpenShared(nullptr, shared));
     NORVEX_EXPECT_REFUSED11("Completion event is null", D11CompletionEvent(nullptr, shared));
-    refuse(nullptr, "Completion event is null");
-    refuse(event12, "D12 completion event not shared");
     fake.answer = E_ACCESSDENIED;
     refuse(shared, "Failed to create fence", E_ACCESSDENIED);
     fake.answer = S_OK;
-    const auto opened = open(shared);
+    const auto event = open(shared);
     EXPECT_EQ(fake.opened, shared->GetSharedHandle());
-    EXPECT_EQ(opened->GetFence(), fake.As<ID3D11Fence>());
-    EXPECT_EQ(opened->PreIncrementValue(), 1u);
-    EXPECT_EQ(shared->PreIncrementValue(), 2u);
-    EXPECT_EQ(opened->GetValue(), 2u);
-}
+    EXPECT_EQ(event->GetFence(), fake.As<ID3D11Fence>());
 
-TEST_F(D3D11EventTest, SignalsAndWaitsDrawFromOneSequence) {
-    constexpr auto kUnsupported = "The device context does not support this operation";
-    context4.fake = nullptr;
-    D11Device::Attach(raw)->Encode([&](const auto& context) {
-        NORVEX_EXPECT_REFUSED11(kUnsupported, context->Signal(event));
-        NORVEX_EXPECT_REFUSED11(kUnsupported, context->Wait(event));
-    });
-    context4.fake = &fake;
-    D11Device::Attach(raw)->Encode([&](const auto& context) {
+    D11Device::Attach(raw)->Encode([&](const ContextPtr& context) {
         NORVEX_EXPECT_REFUSED11("Completion event is null", context->Signal(nullptr));
         NORVEX_EXPECT_REFUSED11("Completion event is null", context->Wait(nullptr));
         fake.answer = E_ACCESSDENIED;
@@ -564,14 +541,21 @@ TEST_F(D3D11EventTest, SignalsAndWaitsDrawFromOneSequence) {
         ExpectFailure11([&] { context->Wait(event); }, "Failed to wait for fence", "Wait",
                         E_ACCESSDENIED);
         fake.answer = S_OK;
-        fake.calls.clear();
         context->Signal(event);
         context->Wait(event);
-        event12->PreIncrementValue();
+        EXPECT_EQ(shared->PreIncrementValue(), 2u);
         context->Wait(event);
         context->Signal(event);
+        EXPECT_EQ(event->PreIncrementValue(), 4u);
     });
-    EXPECT_EQ(fake.calls, "signal 1, wait 1, wait 2, signal 3, ") << "1 was not signalled before";
+    EXPECT_EQ(fake.calls, "signal 1, wait 0, signal 1, wait 1, wait 2, signal 3, ");
+
+    context4.fake = nullptr;
+    D11Device::Attach(raw)->Encode([&](const ContextPtr& context) {
+        constexpr auto kUnsupported = "The device context does not support this operation";
+        NORVEX_EXPECT_REFUSED11(kUnsupported, context->Signal(event));
+        NORVEX_EXPECT_REFUSED11(kUnsupported, context->Wait(event));
+    });
 }
 
 } // namespace

@@ -195,8 +195,8 @@ TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
                   "Failed to get DXGI adapter version 1", "GetIDXGIAdapter1", E_INVALIDARG);
 }
 
-// Two adapters, the second a software one; then a failing call.
-TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
+// Three adapters, the last a software one; then a failing call.
+TEST(FactoryTest, EnumerationLeavesOutSoftware) {
     const auto factory = DXGIFactory::Create();
     const DXGIAdapter real = factory->GetPrimaryAdapter();
     const LUID luid = real.GetDescription()->adapterLuid;
@@ -208,26 +208,26 @@ TEST(FactoryTest, EnumerationKeepsOrderAndLeavesOutSoftware) {
 
     CComPtr<IDXGIFactory1> raw;
     ASSERT_EQ(real.Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
-    HRESULT third = DXGI_ERROR_NOT_FOUND;
+    HRESULT fourth = DXGI_ERROR_NOT_FOUND;
     const MethodPatch<&IDXGIFactory1::EnumAdapters1> adapters(
         raw, [&](auto original, auto* self, UINT index, auto** out) {
-            return index < 2 ? original(self, 0, out) : third;
+            return index < 3 ? original(self, 0, out) : fourth;
         });
     int call = 0;
     const GetDesc1 patch(real.Get(), [&](auto, auto*, auto* desc) {
         *desc = {};
-        desc->Flags = call++ % 2 == 1 ? UINT{DXGI_ADAPTER_FLAG_SOFTWARE} : 0;
+        desc->Flags = call++ % 3 == 2 ? UINT{DXGI_ADAPTER_FLAG_SOFTWARE} : 0;
         return S_OK;
     });
-    EXPECT_EQ(factory->EnumerateAdapterDescriptions(false).size(), 2u);
+    EXPECT_EQ(factory->EnumerateAdapterDescriptions(false).size(), 3u);
     std::vector<DXGIAdapter> out(7);
     factory->EnumerateAdapters(out, true);
-    EXPECT_EQ(out.size(), 1u);
+    EXPECT_EQ(out.size(), 2u);
 
-    third = E_ACCESSDENIED;
-    ExpectFailure([&] { factory->EnumerateAdapters(out, false); }, "Failed to obtain adapter: 2",
+    fourth = E_ACCESSDENIED;
+    ExpectFailure([&] { factory->EnumerateAdapters(out, false); }, "Failed to obtain adapter: 3",
                   "EnumerateAdapters", E_ACCESSDENIED);
-    EXPECT_EQ(out.size(), 1u) << "unchanged";
+    EXPECT_EQ(out.size(), 2u) << "unchanged";
 }
 
 TEST(FactoryTest, SwapChainFailuresNameTheGeneration) {

@@ -51,11 +51,8 @@ template <class Result, class... Args>
 auto MakeSignature(Result(WINAPI*)(Args...)) {
     return std::type_identity<Result(Args...)>();
 }
-template <auto method>
-using SignatureOf = typename decltype(MakeSignature(method))::type;
-
 // The signature is given where the method is inherited and objects of several classes are patched.
-template <auto method, class Signature = SignatureOf<method>>
+template <auto method, class Signature = typename decltype(MakeSignature(method))::type>
 class MethodPatch;
 
 template <auto method, class Result, class... Args>
