@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -288,32 +289,41 @@ TEST_F(D3D11ResourceTest, TexturesAddTheirBindFlagAndViewsHaveTheirFormat) {
         {DXGI_FORMAT_D24_UNORM_S8_UINT, D3D11_DSV_DIMENSION_TEXTURE2D, 0, {}}));
 }
 
-// What sharing adds to a texture, which this system lacks: a keyed mutex and a handle.
-struct FakeSharing : FakeObject {
-    FakeSharing() {
-        Set(&IDXGIKeyedMutex::AcquireSync,
-            [](FakeSharing* self, UINT64 key, DWORD time) -> HRESULT {
-                self->acquired = {key, time};
-                return WAIT_TIMEOUT; // no failure
-            });
-        Set(&IDXGIKeyedMutex::ReleaseSync, [](FakeSharing* self, UINT64 key) -> HRESULT {
-            self->released = key;
-            return S_OK;
-        });
-        Set(&IDXGIResource1::CreateSharedHandle,
-            [](FakeSharing* self, const SECURITY_ATTRIBUTES*, DWORD access, LPCWSTR,
-               HANDLE* handle) -> HRESULT {
-                *handle = access == 9 ? self : nullptr;
-                return S_OK;
-            });
+// A number itself, the first element of an array, whether there is an object.
+template <class Argument>
+std::string TextOf(Argument argument) {
+    if constexpr (std::is_pointer_v<Argument>) {
+        using Element = std::remove_cv_t<std::remove_pointer_t<Argument>>;
+        if constexpr (std::is_arithmetic_v<Element> || std::is_pointer_v<Element>) {
+            return argument != nullptr ? TextOf(*argument) : "none";
+        }
+        return argument != nullptr ? "one" : "none";
+    } else {
+        return fmt::format("{}", +argument);
+    }
+}
+
+// Notes the arguments of the methods that it is told to have.
+struct NotingFake : FakeObject {
+    ~NotingFake() { EXPECT_EQ(GetReferences(), 0); }
+
+    template <class Result, class Object, class... Args>
+    void Note(Result (WINAPI Object::*method)(Args...)) {
+        Set(method, &Noted<Result, Args...>);
     }
 
-    ~FakeSharing() { EXPECT_EQ(GetReferences(), 0); }
+    HRESULT answer = S_OK;
+    std::string calls;
 
-    std::pair<UINT64, DWORD> acquired;
-    std::atomic<UINT64> released = 0;
+private:
+    template <class Result, class... Args>
+    static Result WINAPI Noted(NotingFake* self, Args... args) {
+        self->calls += fmt::format("{}; ", fmt::join({TextOf(args)...}, " "));
+        return static_cast<Result>(self->answer);
+    }
 };
 
+// Sharing adds a keyed mutex and a handle to a texture, which this system lacks.
 TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
     const auto texture = MakeTexture();
     UINT miscFlags = 0;
@@ -322,31 +332,32 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
             miscFlags = desc->MiscFlags;
             return CComPtr<ID3D11Texture2D>(texture).CopyTo(out);
         });
-    FakeSharing sharing;
-    FakeObject refusing;
+    NotingFake sharing;
+    sharing.Note(&IDXGIKeyedMutex::AcquireSync);
+    sharing.Note(&IDXGIKeyedMutex::ReleaseSync);
+    sharing.Note(&IDXGIResource1::CreateSharedHandle);
     InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1> patch(texture, &sharing);
-    auto shared = D11SharedTexture2D::Create(s_device, {});
+    const auto shared = D11SharedTexture2D::Create(s_device, {});
     EXPECT_EQ(miscFlags, 0x900u);
+    const auto acquire = [&shared] { shared->AcquireSync(7, 250); };
+    const auto release = [&shared] { shared->ReleaseSync(8); };
+    const auto share = [&shared] { shared->CreateSharedHandle(9); };
     std::jthread other;
+    sharing.answer = WAIT_TIMEOUT; // no failure
     Encode([&](D11DeviceContext&) {
-        RunThreads(1, [&](unsigned) { shared->AcquireSync(7, 250); }); // has no turn on the context
-        other = std::jthread([&shared] { shared->ReleaseSync(8); });
+        RunThreads(1, [&](unsigned) { acquire(); }); // has no turn on the context
+        other = std::jthread(release);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        EXPECT_EQ(sharing.released, 0u) << "the context was used by two threads";
+        EXPECT_EQ(sharing.calls, "7 250; ") << "the context was used by two threads";
     });
     other.join();
-    EXPECT_EQ(sharing.acquired, std::pair(UINT64{7}, DWORD{250}));
-    EXPECT_EQ(sharing.released, 8u);
-    EXPECT_EQ(shared->CreateSharedHandle(9), &sharing);
+    share();
+    EXPECT_EQ(sharing.calls, "7 250; 8; none 9 none none; ");
 
-    patch.fake = &refusing;
-    shared = D11SharedTexture2D::Create(s_device, {});
-    const auto share = [&shared] { shared->CreateSharedHandle(9); };
-    ExpectFailure11([&] { shared->AcquireSync(7, 250); }, "Failed to acquire texture key mutex",
-                    "AcquireSync", E_NOTIMPL);
-    ExpectFailure11([&] { shared->ReleaseSync(8); }, "Failed to release texture key mutex",
-                    "ReleaseSync", E_NOTIMPL);
-    ExpectFailure11(share, "Failed to create shared handle", "CreateSharedHandle", E_NOTIMPL);
+    sharing.answer = E_ABORT;
+    ExpectFailure11(acquire, "Failed to acquire texture key mutex", "AcquireSync", E_ABORT);
+    ExpectFailure11(release, "Failed to release texture key mutex", "ReleaseSync", E_ABORT);
+    ExpectFailure11(share, "Failed to create shared handle", "CreateSharedHandle", E_ABORT);
     patch.fake = nullptr;
     ExpectFailure11(share, "Failed to query interface", "CreateSharedHandle", E_NOINTERFACE);
     ExpectFailure11([&] { D11SharedTexture2D::Create(s_device, {}); },
@@ -400,50 +411,29 @@ TEST_F(D3D11ResourceTest, NullIsRefusedByName) {
     });
 }
 
-// A number itself, the first element of an array, whether there is an object.
-template <class Argument>
-std::string TextOf(Argument argument) {
-    if constexpr (std::is_pointer_v<Argument>) {
-        using Element = std::remove_cv_t<std::remove_pointer_t<Argument>>;
-        if constexpr (std::is_arithmetic_v<Element> || std::is_pointer_v<Element>) {
-            return argument != nullptr ? TextOf(*argument) : "none";
-        }
-        return argument != nullptr ? "one" : "none";
-    } else {
-        return fmt::format("{}", +argument);
-    }
-}
-
-// Stands in for methods and notes their arguments.
-template <auto... methods>
-struct CallRecord : MethodPatch<methods>... {
-    CallRecord(IUnknown* object, std::string& calls)
-        : MethodPatch<methods>(object, [&calls](auto, auto*, auto... arguments) {
-              calls += fmt::format("{}; ", fmt::join({TextOf(arguments)...}, " "));
-          })... {}
-};
-
 // Of what drawing an image does not use.
 TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
     using Context = ID3D11DeviceContext;
-    const auto raw = GetImmediateContext(Raw());
-    const MethodPatch<&Context::Map> map(
-        raw, [](auto, auto*, auto*, UINT, auto, UINT flags, auto*) {
-            return flags == D3D11_MAP_FLAG_DO_NOT_WAIT ? S_OK : E_ACCESSDENIED;
-        });
-    std::string calls;
-    const CallRecord<&Context::UpdateSubresource, &Context::ClearDepthStencilView,
-                     &Context::DrawIndexed, &Context::IASetVertexBuffers,
-                     &Context::IASetIndexBuffer, &Context::OMSetBlendState,
-                     &Context::OMSetDepthStencilState, &Context::OMSetRenderTargets>
-        record(raw, calls);
+    NotingFake fake;
+    fake.Note(&Context::UpdateSubresource);
+    fake.Note(&Context::ClearDepthStencilView);
+    fake.Note(&Context::DrawIndexed);
+    fake.Note(&Context::IASetVertexBuffers);
+    fake.Note(&Context::IASetIndexBuffer);
+    fake.Note(&Context::OMSetBlendState);
+    fake.Note(&Context::OMSetDepthStencilState);
+    fake.Note(&Context::OMSetRenderTargets);
+    fake.Note(&Context::Map);
+    const auto raw = MakeRawDevice11();
+    const MethodPatch<&ID3D11Device::GetImmediateContext> patch(
+        raw, [&fake](auto, auto*, Context** out) { fake.GiveTo(reinterpret_cast<void**>(out)); });
     const auto texture = MakeTexture();
     const auto vertices = D11VertexBuffer::Create(s_device, "abcd", 2, 2);
     const auto indices = D11IndexBuffer::Create(s_device, std::vector<UINT16>(6));
     const D3D11_BOX box = {1, 2, 0, 3, 4, 1};
-    FakeObject fake;
     auto* const view = fake.As<ID3D11DepthStencilView>();
-    Encode([&](D11DeviceContext& context) {
+    D11Device::Attach(raw)->Encode([&](const ContextPtr& pointer) {
+        D11DeviceContext& context = *pointer;
         context.UpdateSubresource(texture, 1, &box, "abcd", 12, 34);
         context.ClearDepthStencilView(view, D3D11_CLEAR_STENCIL, 0.5F, 3);
         context.DrawIndexed(indices);
@@ -456,18 +446,19 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
         context.OMSetBlendState(nullptr);
         context.OMSetDepthStencilState(nullptr, 3);
         context.OMSetRenderTargets({nullptr, nullptr}, view);
-        EXPECT_EQ(calls, "one 1 one one 12 34; one 2 0.5 3; 6 0 0; 0 2 one 2 0; 0 1 none 0 0; "
-                         "one 57 0; one 42 0; none 0 0; none 0.5 4294967295; "
-                         "none none 4294967295; none 3; 2 none one; ");
-        context.Map(texture, 0, D3D11_MAP_READ, D3D11_MAP_FLAG_DO_NOT_WAIT);
+        context.Map(texture, 2, D3D11_MAP_READ, D3D11_MAP_FLAG_DO_NOT_WAIT);
+        EXPECT_EQ(fake.calls, "one 1 one one 12 34; one 2 0.5 3; 6 0 0; 0 2 one 2 0; "
+                              "0 1 none 0 0; one 57 0; one 42 0; none 0 0; none 0.5 4294967295; "
+                              "none none 4294967295; none 3; 2 none one; one 2 1 1048576 one; ");
+        fake.answer = E_ABORT;
         ExpectFailure11([&] { context.Map(texture, 0, D3D11_MAP_READ, {}); },
-                        "Failed to map resource", "Map", E_ACCESSDENIED);
+                        "Failed to map resource", "Map", E_ABORT);
     });
 }
 
 // All that a shared fence needs, where the system has none of it: one object that is the device of
 // either generation, the context of Direct3D 11, and the fence, which notes its values.
-struct FakeFence : FakeObject {
+struct FakeFence : NotingFake {
     FakeFence() {
         Set(&ID3D12Device::CreateFence, [](FakeFence* self, UINT64, D3D12_FENCE_FLAGS, REFIID,
                                            void** out) { return self->GiveTo(out); });
@@ -482,24 +473,15 @@ struct FakeFence : FakeObject {
                 self->opened = handle;
                 return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
             });
-        Set(&ID3D11DeviceContext4::Signal, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
-            self->calls += fmt::format("signal {}, ", value);
-            return self->answer;
-        });
-        Set(&ID3D11DeviceContext4::Wait, [](FakeFence* self, ID3D11Fence*, UINT64 value) {
-            self->calls += fmt::format("wait {}, ", value);
-            return self->answer;
-        });
+        Note(&ID3D11DeviceContext4::Signal);
+        Note(&ID3D11DeviceContext4::Wait);
     }
 
-    ~FakeFence() { EXPECT_EQ(GetReferences(), 0); }
     EventPtr12 MakeEvent(D3D12_FENCE_FLAGS flags) {
         return EventPtr12(new D12CompletionEvent(CComPtr(As<ID3D12Device>()), flags));
     }
 
-    HRESULT answer = S_OK;
     HANDLE opened = nullptr;
-    std::string calls;
 };
 
 TEST(D3D11EventTest, SharedFencesAreOpenedAndCountOneSequence) {
@@ -548,7 +530,7 @@ TEST(D3D11EventTest, SharedFencesAreOpenedAndCountOneSequence) {
         context->Signal(event);
         EXPECT_EQ(event->PreIncrementValue(), 4u);
     });
-    EXPECT_EQ(fake.calls, "signal 1, wait 0, signal 1, wait 1, wait 2, signal 3, ");
+    EXPECT_EQ(fake.calls, "one 1; one 0; one 1; one 1; one 2; one 3; ");
 
     context4.fake = nullptr;
     D11Device::Attach(raw)->Encode([&](const ContextPtr& context) {
