@@ -4,11 +4,9 @@
 
 #include <functional>
 #include <stdexcept>
-#include <vector>
 
 #include "Platform/ComPtr.h"
 #include "tests/support/FakeObject.h"
-#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 
@@ -49,48 +47,23 @@ private:
     MethodPatch<kQueryInterface, HRESULT(Object*, REFIID, void**)> m_patch;
 };
 
-// The fence interfaces of devices and immediate contexts.
-class FencePatch {
-public:
-    FencePatch(ID3D11Device* device, FakeObject* device5, FakeObject* context4)
-        : m_device(device, device5),
-          m_context(GetImmediateContext(device), context4) {}
-
-private:
-    InterfacePatch<ID3D11Device, ID3D11Device5> m_device;
-    InterfacePatch<ID3D11DeviceContext, ID3D11DeviceContext4> m_context;
-};
-
-// Stands between the library and D3D11CreateDevice. Where the function answers success, the system
-// makes the device, without its debug layer.
+// Stands between the library and D3D11CreateDevice, which is asked for one level at a time. Where
+// the function answers success, the system makes the device, without its debug layer.
 class CreateDevice11Patch {
 public:
-    struct Attempt {
-        D3D_FEATURE_LEVEL level;
-        UINT levelCount;
-        UINT flags;
-
-        friend bool operator==(const Attempt&, const Attempt&) = default;
-    };
-
-    explicit CreateDevice11Patch(std::function<HRESULT(const Attempt&)> answer)
-        : m_answer(std::move(answer)) {}
-
-    std::vector<Attempt> attempts;
+    explicit CreateDevice11Patch(std::function<HRESULT(D3D_FEATURE_LEVEL, UINT flags)> answer)
+        : m_patch(FindImport(L"NorvexDX.dll", "D3D11CreateDevice"),
+                  [answer](auto original, auto* adapter, auto type, auto module, UINT flags,
+                           const auto* levels, auto... rest) {
+                      const HRESULT result = answer(*levels, flags);
+                      flags &= ~UINT{D3D11_CREATE_DEVICE_DEBUG};
+                      return FAILED(result)
+                                 ? result
+                                 : original(adapter, type, module, flags, levels, rest...);
+                  }) {}
 
 private:
-    std::function<HRESULT(const Attempt&)> m_answer;
-    MethodPatch<&D3D11CreateDevice> m_patch{
-        FindImport(L"NorvexDX.dll", "D3D11CreateDevice"),
-        [this](auto original, auto* adapter, auto type, auto module, UINT flags, const auto* levels,
-               UINT levelCount, auto... rest) {
-            attempts.push_back({*levels, levelCount, flags});
-            const HRESULT result = m_answer(attempts.back());
-            flags &= ~UINT{D3D11_CREATE_DEVICE_DEBUG};
-            return FAILED(result)
-                       ? result
-                       : original(adapter, type, module, flags, levels, levelCount, rest...);
-        }};
+    MethodPatch<&D3D11CreateDevice> m_patch;
 };
 
 } // namespace Norvex::Test

@@ -17,6 +17,7 @@ namespace Norvex::Test {
 // expects it to be the last, and the test to be the last that holds the Direct3D device.
 template <class Device>
 void ReleaseLast(boost::intrusive_ptr<Device> device) {
+    ASSERT_NE(device, nullptr);
     DX::D12CommandAllocator::WaitAllComplete();
     EXPECT_EQ(device->GetRefCount(), 1u) << "a library object holds the device";
     const CComPtr raw(device->Get());
@@ -28,14 +29,9 @@ template <class Device>
 class DeviceTestOf : public testing::Test {
 protected:
     static void SetUpTestSuite() { s_device = Device::CreatePrimary(); }
-    static void TearDownTestSuite() {
-        if (s_device != nullptr) { // made
-            ReleaseLast(std::move(s_device));
-        }
-    }
+    static void TearDownTestSuite() { ReleaseLast(std::move(s_device)); }
 
     static auto* Raw() { return s_device->Get(); }
-    static auto RawPtr() { return CComPtr(s_device->Get()); }
 
     static inline boost::intrusive_ptr<Device> s_device;
 };
@@ -44,18 +40,18 @@ using DeviceTest = DeviceTestOf<DX::D12Device>;
 using Device11Test = DeviceTestOf<DX::D11Device>;
 
 // For tests that record: a device with a queue.
-class CanvasTest : public testing::Test {
+class CanvasTest : public DeviceTest {
 protected:
-    static void SetUpTestSuite() { s_canvas = std::make_unique<Canvas>(); }
+    static void SetUpTestSuite() {
+        DeviceTest::SetUpTestSuite();
+        s_canvas = std::make_unique<Canvas>();
+    }
     static void TearDownTestSuite() {
-        if (s_canvas != nullptr) { // made
-            auto device = Device();
-            s_canvas.reset();
-            ReleaseLast(std::move(device));
-        }
+        s_canvas.reset();
+        DeviceTest::TearDownTestSuite();
     }
 
-    static const boost::intrusive_ptr<DX::D12Device>& Device() { return s_canvas->GetDevice(); }
+    static const boost::intrusive_ptr<DX::D12Device>& Device() { return s_device; }
     static const boost::intrusive_ptr<DX::D12CommandQueue>& Queue() { return s_canvas->GetQueue(); }
 
     static inline std::unique_ptr<Canvas> s_canvas;

@@ -7,24 +7,16 @@
 #include "tests/support/DeviceTest.h"
 
 namespace Norvex::Test {
-
 namespace {
-
-template <class Device>
-void ExpectNoneLeft() {
-    boost::intrusive_ptr<Device> device;
-    try {
-        device = Device::CreatePrimary();
-    } catch (const DX::DirectXException&) {
-        return; // where none can be made none is left
-    }
-    ReleaseLast(std::move(device));
-}
 
 class DevicesAtEnd : public testing::Environment {
     void TearDown() override {
-        ExpectNoneLeft<DX::D12Device>();
-        ExpectNoneLeft<DX::D11Device>();
+        ReleaseLast(DX::D11Device::CreatePrimary());
+        try {
+            ReleaseLast(DX::D12Device::CreatePrimary());
+        } catch (const DX::DirectXException&) {
+            // Where none can be made none is left.
+        }
     }
 };
 
@@ -32,5 +24,4 @@ class DevicesAtEnd : public testing::Environment {
     testing::AddGlobalTestEnvironment(std::make_unique<DevicesAtEnd>().release());
 
 } // namespace
-
 } // namespace Norvex::Test

@@ -7,12 +7,8 @@
 
 #include <array>
 #include <atomic>
-#include <cstddef>
 
-#include <boost/core/noncopyable.hpp>
-
-#include "tests/support/FunctionOf.h"
-#include "tests/support/MethodSlot.h"
+#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 
@@ -39,13 +35,11 @@ protected:
     }
 
 private:
-    static constexpr std::size_t kMaxMethods = 160;
-
     // Out of sight of the compiler, which may take the method table for constant.
     void Store(std::size_t slot, void* method);
 
-    void** m_table = nullptr; // first: what an interface pointer points to
-    std::array<void*, kMaxMethods> m_methods{};
+    void** m_table = nullptr;           // first: what an interface pointer points to
+    std::array<void*, 160> m_methods{}; // more than any interface has
     std::atomic<int> m_references{0};
 };
 

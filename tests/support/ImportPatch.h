@@ -7,7 +7,6 @@
 #include <boost/core/noncopyable.hpp>
 
 #include "Platform/Direct3D.h"
-#include "tests/support/FunctionOf.h"
 
 namespace Norvex::Test {
 
@@ -16,19 +15,30 @@ void StoreProtected(void** place, void* value);
 // The place in the module's import table that holds the function's address.
 void** FindImport(const wchar_t* module, const char* name);
 
+// The plain function of a lambda without captures. (A plus before the lambda is ambiguous to some
+// of Microsoft's compilers, which offer a conversion for each calling convention.)
+template <class Lambda, class Result, class... Parameters>
+auto* FunctionOf(const Lambda& lambda, Result (Lambda::*)(Parameters...) const) {
+    return static_cast<Result (*)(Parameters...)>(lambda);
+}
+template <class Lambda>
+auto* FunctionOf(const Lambda& lambda) {
+    return FunctionOf(lambda, &Lambda::operator());
+}
+template <class Result, class... Parameters>
+auto* FunctionOf(Result (*function)(Parameters...)) {
+    return function;
+}
+
 class ImportPatch : boost::noncopyable {
 public:
-    // ImportPatch(L"NorvexDX.dll", "GetProcAddress", &Replacement)
+    // ImportPatch(L"NorvexDX.dll", "GetProcAddress", &Replacement), or a lambda without captures
     template <class Function>
-    ImportPatch(const wchar_t* module, const char* name, Function* replacement)
+    ImportPatch(const wchar_t* module, const char* name, const Function& replacement)
         : m_place(FindImport(module, name)),
           m_original(*m_place) {
-        StoreProtected(m_place, reinterpret_cast<void*>(replacement));
+        StoreProtected(m_place, reinterpret_cast<void*>(FunctionOf(replacement)));
     }
-    // The same with a lambda without captures.
-    template <class Lambda>
-    ImportPatch(const wchar_t* module, const char* name, const Lambda& replacement)
-        : ImportPatch(module, name, FunctionOf(replacement)) {}
     ~ImportPatch() { StoreProtected(m_place, m_original); }
 
 private:

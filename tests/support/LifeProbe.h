@@ -12,18 +12,9 @@ namespace Norvex::Test {
 
 class LifeProbe {
 public:
-    explicit LifeProbe(ID3D12Object* object) { Watch(object); }
-    explicit LifeProbe(ID3D11Device* device) { Watch(device); }
-    explicit LifeProbe(ID3D11DeviceChild* object) { Watch(object); }
-
-    bool IsAlive() const {
-        m_token.p->AddRef();
-        return m_token.p->Release() > 1;
-    }
-
-private:
-    template <class Object>
-    void Watch(Object* object) {
+    // Of a device, or what a device made; a pointer of any kind.
+    template <class Pointer>
+    explicit LifeProbe(const Pointer& object) {
         constexpr GUID kProbeData = {
             0x6a1f8f0e, 0x5b0d, 0x4c55, {0x9e, 0x4c, 0x71, 0x0d, 0x2b, 0x93, 0x5f, 0xa8}};
         // Any COM object serves as the token; a stream is the simplest to have.
@@ -33,6 +24,12 @@ private:
         }
     }
 
+    bool IsAlive() const {
+        m_token.p->AddRef();
+        return m_token.p->Release() > 1;
+    }
+
+private:
     CComPtr<IStream> m_token;
 };
 

@@ -3,6 +3,7 @@
 // What is logged while this object lives, through a sink of the test program's own.
 
 #include <algorithm>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -15,19 +16,26 @@ namespace Norvex::Test {
 
 class LogCapture : public google::LogSink, boost::noncopyable {
 public:
-    LogCapture() { google::AddLogSink(this); }
+    // Calls the function on the first line.
+    explicit LogCapture(std::function<void()> onFirst = {}) : m_onFirst(std::move(onFirst)) {
+        google::AddLogSink(this);
+    }
     ~LogCapture() override { google::RemoveLogSink(this); }
 
     void send(google::LogSeverity severity, const char*, const char*, int,
               const google::LogMessageTime&, const char* message, std::size_t length) override {
-        const std::lock_guard guard(m_mutex);
-        m_entries.emplace_back(severity, std::string(message, length));
+        {
+            const std::lock_guard guard(m_mutex);
+            m_entries.emplace_back(severity, std::string(message, length));
+        }
+        if (const auto call = std::exchange(m_onFirst, {})) {
+            call();
+        }
     }
 
     // Entries of that severity that hold the text.
     long Count(google::LogSeverity severity, const std::string& text) const {
-        const std::lock_guard guard(m_mutex);
-        return static_cast<long>(std::ranges::count_if(m_entries, [&](const auto& entry) {
+        return static_cast<long>(std::ranges::count_if(GetEntries(), [&](const auto& entry) {
             return entry.first == severity && entry.second.find(text) != std::string::npos;
         }));
     }
@@ -37,6 +45,7 @@ public:
     }
 
 private:
+    std::function<void()> m_onFirst;
     mutable std::mutex m_mutex;
     std::vector<std::pair<google::LogSeverity, std::string>> m_entries;
 };

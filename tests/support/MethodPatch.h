@@ -6,16 +6,36 @@
 // patched too. Patches of one method do not nest. The function may run on any thread. The same for
 // an imported function, by its name: MethodPatch<&D3D11CreateDevice> patch(FindImport(...), ...).
 
+#include <bit>
+#include <concepts>
+#include <cstddef>
 #include <functional>
 #include <stdexcept>
 #include <utility>
 
-#include <boost/core/noncopyable.hpp>
-
 #include "tests/support/ImportPatch.h"
-#include "tests/support/MethodSlot.h"
 
 namespace Norvex::Test {
+
+// An object whose methods answer their places in the method table.
+void* GetObjectOfPlaces();
+
+// The place of a COM method in its interface's method table, found without a list of them and on
+// any toolchain: nothing but the place is passed on to that object's method.
+template <class Result, class Object, class... Args>
+std::size_t SlotOf(Result (WINAPI Object::*method)(Args...)) {
+    const auto place = std::bit_cast<std::size_t (WINAPI Object::*)()>(method);
+    return (static_cast<Object*>(GetObjectOfPlaces())->*place)();
+}
+// A place that is known already.
+template <std::integral Slot>
+constexpr std::size_t SlotOf(Slot slot) {
+    return static_cast<std::size_t>(slot);
+}
+
+// Its name alone says too little, since it is overloaded.
+inline constexpr HRESULT (WINAPI IUnknown::*kQueryInterface)(REFIID,
+                                                             void**) = &IUnknown::QueryInterface;
 
 // A method as a plain function. One that returns a structure, where the toolchain has such, is told
 // after the object where to put it.
@@ -31,11 +51,8 @@ template <class Result, class... Args>
 auto MakeSignature(Result(WINAPI*)(Args...)) {
     return std::type_identity<Result(Args...)>();
 }
-template <auto method>
-using SignatureOf = typename decltype(MakeSignature(method))::type;
-
 // The signature is given where the method is inherited and objects of several classes are patched.
-template <auto method, class Signature = SignatureOf<method>>
+template <auto method, class Signature = typename decltype(MakeSignature(method))::type>
 class MethodPatch;
 
 template <auto method, class Result, class... Args>

@@ -4,7 +4,6 @@
 // kept in memory only. Link advapi32.
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -31,11 +30,8 @@ private:
     void Set(const std::wstring& subkey, const wchar_t* name, DWORD type, const void* data,
              std::size_t size) {
         HKEY key = nullptr;
-        if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, (m_path + subkey).c_str(), 0, nullptr,
-                            REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key,
-                            nullptr) != ERROR_SUCCESS) {
-            throw std::runtime_error("the registry cannot be written");
-        }
+        RegCreateKeyExW(HKEY_LOCAL_MACHINE, (m_path + subkey).c_str(), 0, nullptr,
+                        REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
         RegSetKeyValueW(key, nullptr, name, type, data, static_cast<DWORD>(size));
         RegCloseKey(key);
     }

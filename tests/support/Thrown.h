@@ -71,17 +71,14 @@ Thrown ExpectFailure12(const Call& call, const std::string& sentence, const std:
     return ExpectFailureOf("DirectX 12 exception", call, sentence, function, result);
 }
 
-// The name of the last function that is called in the text of an expression.
+// The name of the last function that is called in the text of an expression, which ends with it.
 inline std::string FunctionIn(std::string_view call) {
-    std::size_t end = 0;
+    std::size_t end = call.size();
     int depth = 0;
-    for (std::size_t i = 0; i < call.size(); ++i) {
-        if (call[i] == '(' && depth++ == 0) {
-            end = i;
-        } else if (call[i] == ')') {
-            --depth;
-        }
-    }
+    do {
+        --end;
+        depth += call[end] == ')' ? 1 : call[end] == '(' ? -1 : 0;
+    } while (depth > 0);
     const std::size_t begin = call.find_last_of(">.: ", end) + 1;
     return std::string(call.substr(begin, end - begin));
 }

@@ -1,7 +1,11 @@
-#include "tests/support/ImportPatch.h"
+// What ImportPatch.h, MethodPatch.h and FakeObject.h keep out of sight of the compiler, which may
+// take tables of functions for constant.
 
+#include <array>
 #include <stdexcept>
 #include <string>
+
+#include "tests/support/FakeObject.h"
 
 namespace Norvex::Test {
 
@@ -11,6 +15,18 @@ template <class Record>
 Record* At(HMODULE module, std::size_t offset) {
     return reinterpret_cast<Record*>(reinterpret_cast<char*>(module) + offset);
 }
+
+template <std::size_t slot>
+std::size_t WINAPI GetPlace(void*) {
+    return slot;
+}
+
+template <std::size_t... slots>
+constexpr auto MakeTable(std::index_sequence<slots...>) {
+    return std::array{&GetPlace<slots>...};
+}
+
+constexpr auto kPlaces = MakeTable(std::make_index_sequence<256>());
 
 } // namespace
 
@@ -40,6 +56,34 @@ void** FindImport(const wchar_t* module, const char* name) {
         }
     }
     throw std::runtime_error(std::string("not imported: ") + name);
+}
+
+void* GetObjectOfPlaces() {
+    static const auto* table = kPlaces.data(); // what an object begins with
+    return static_cast<void*>(&table);
+}
+
+FakeObject::FakeObject() {
+    m_table = m_methods.data();
+    for (std::size_t slot = 0; slot < m_methods.size(); ++slot) {
+        Set(slot, [](FakeObject*) -> HRESULT { return E_NOTIMPL; });
+    }
+    Set(0, [](FakeObject*, REFIID, void** out) -> HRESULT {
+        *out = nullptr;
+        return E_NOINTERFACE;
+    });
+    Set(1, [](FakeObject* self) { return static_cast<ULONG>(++self->m_references); });
+    Set(2, [](FakeObject* self) { return static_cast<ULONG>(--self->m_references); });
+}
+
+HRESULT FakeObject::GiveTo(void** out) {
+    ++m_references;
+    *out = this;
+    return S_OK;
+}
+
+void FakeObject::Store(std::size_t slot, void* method) {
+    m_methods.at(slot) = method;
 }
 
 } // namespace Norvex::Test
