@@ -1,6 +1,6 @@
 #include "tests/support/Canvas.h"
 
-#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Platform/D3D12Abi.h"
 
 namespace Norvex::Test {
 
@@ -14,16 +14,13 @@ CComPtr<ID3D12Resource> Canvas::MakeTexture(const Pixels& pixels, DXGI_FORMAT fo
     desc.height = pixels.height;
     desc.format = format;
     desc.initialState = D3D12_RESOURCE_STATE_COPY_DEST;
-    auto texture = m_device->CreateTexture2D(desc);
-
     const std::vector<std::uint8_t> bytes = EncodePixels(pixels, format);
     DX::D12UploadResourceParams params;
-    params.destination = texture;
+    params.destination = m_device->CreateTexture2D(desc);
     params.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
-    params.subresources = {
-        {bytes.data(), std::uint64_t{pixels.width} * BytesPerPixel(format), bytes.size()}};
+    params.subresources = {{bytes.data(), bytes.size() / pixels.height, bytes.size()}};
     m_queue->UploadResource(params);
-    return texture;
+    return params.destination;
 }
 
 boost::intrusive_ptr<DX::D12Descriptor> Canvas::MakeSource(const Pixels& pixels,
@@ -39,26 +36,23 @@ Canvas::MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format, const Pr
     desc.format = format;
     desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
     desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
-    const auto target = m_device->CreateRenderTargetView(m_device->CreateTexture2D(desc));
-    const auto allocator = m_queue->CreateCommandAllocator();
-    allocator->ClearRenderTargetView(target, color, {});
-    allocator->Execute();
+    auto target = m_device->CreateRenderTargetView(m_device->CreateTexture2D(desc));
+    Record([&](const auto& allocator) { allocator->ClearRenderTargetView(target, color, {}); });
     return target;
 }
 
-Pixels Canvas::Read(const boost::intrusive_ptr<DX::D12Descriptor>& target) {
-    const DX::Size2DT<long> size = target->GetSize();
-    const auto width = static_cast<unsigned>(size.width);
-    const auto height = static_cast<unsigned>(size.height);
-    const std::uint64_t pitch = std::uint64_t{width} * BytesPerPixel(target->GetFormat());
-    std::vector<std::uint8_t> bytes(pitch * height);
+Pixels Canvas::Read(const CComPtr<ID3D12Resource>& texture) {
+    const D3D12_RESOURCE_DESC desc = Platform::GetDesc(texture);
+    const auto width = static_cast<unsigned>(desc.Width);
+    const std::uint64_t pitch = std::uint64_t{width} * BytesPerPixel(desc.Format);
+    std::vector<std::uint8_t> bytes(pitch * desc.Height);
     DX::D12DownloadResourceParams params;
-    params.source = target->GetFirstResource();
+    params.source = texture;
     params.stateBefore = D3D12_RESOURCE_STATE_RENDER_TARGET;
     params.stateAfter = D3D12_RESOURCE_STATE_RENDER_TARGET;
     params.subresources = {{bytes.data(), pitch, bytes.size()}};
     m_queue->DownloadResource(params);
-    return DecodePixels(bytes.data(), pitch, width, height, target->GetFormat());
+    return DecodePixels(bytes.data(), pitch, width, desc.Height, desc.Format);
 }
 
 } // namespace Norvex::Test

@@ -5,6 +5,7 @@
 // test. Direct3D 11: Canvas11.h.
 
 #include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "tests/support/Pixels.h"
@@ -24,8 +25,19 @@ public:
     // In the render-target state, cleared.
     boost::intrusive_ptr<DX::D12Descriptor>
     MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format, const Proc::ColorF& color = {});
-    // Leaves the resource in the render-target state.
-    Pixels Read(const boost::intrusive_ptr<DX::D12Descriptor>& target);
+    // Of the render-target state, which it leaves it in.
+    Pixels Read(const CComPtr<ID3D12Resource>& texture);
+    Pixels Read(const boost::intrusive_ptr<DX::D12Descriptor>& target) {
+        return Read(target->GetFirstResource());
+    }
+
+    // Executes what the call records on the allocator that it is given.
+    template <class Call>
+    void Record(const Call& call) {
+        const auto allocator = m_queue->CreateCommandAllocator();
+        call(allocator);
+        allocator->Execute();
+    }
 
 private:
     boost::intrusive_ptr<DX::D12Device> m_device;

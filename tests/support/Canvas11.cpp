@@ -2,8 +2,6 @@
 
 namespace Norvex::Test {
 
-using ContextPtr = boost::intrusive_ptr<DX::D11DeviceContext>;
-
 D3D11_TEXTURE2D_DESC MakeTextureDesc11(unsigned width, unsigned height, DXGI_FORMAT format) {
     D3D11_TEXTURE2D_DESC desc = {};
     desc.Width = width;
@@ -30,9 +28,7 @@ boost::intrusive_ptr<DX::D11RenderTexture2D> Canvas11::MakeTarget(unsigned width
                                                                   const Proc::ColorF& color) {
     auto target =
         DX::D11RenderTexture2D::Create(m_device, MakeTextureDesc11(width, height, format));
-    m_device->Encode([&](const ContextPtr& context) {
-        context->ClearRenderTargetView(target->GetView(), color);
-    });
+    Record([&](const auto& context) { context->ClearRenderTargetView(target->GetView(), color); });
     return target;
 }
 
@@ -44,7 +40,7 @@ Pixels Canvas11::Read(ID3D11Texture2D* texture) {
     desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
     const auto staging = m_device->CreateTexture2D(desc, nullptr);
     Pixels pixels;
-    m_device->Encode([&](const ContextPtr& context) {
+    Record([&](const auto& context) {
         context->CopyResource(staging, texture);
         const auto mapped = context->Map(staging, 0, D3D11_MAP_READ, {});
         pixels = DecodePixels(static_cast<const std::uint8_t*>(mapped.pData), mapped.RowPitch,

@@ -27,6 +27,15 @@ public:
     MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format, const Proc::ColorF& color = {});
     // Holds the device's Encode.
     Pixels Read(ID3D11Texture2D* texture);
+    Pixels Read(const boost::intrusive_ptr<DX::D11RenderTexture2D>& target) {
+        return Read(target->GetTexture());
+    }
+
+    // The call is given the device's context.
+    template <class Call>
+    void Record(const Call& call) {
+        m_device->Encode(call);
+    }
 
 private:
     boost::intrusive_ptr<DX::D11Device> m_device;

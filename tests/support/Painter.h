@@ -15,12 +15,12 @@ namespace Norvex::Test {
 struct Drawing {
     Pixels source;
     DXGI_FORMAT sourceFormat = DXGI_FORMAT_R8G8B8A8_UNORM;
-    DX::Size2DT<unsigned> size = {}; // of the target; zero: the source's
+    std::optional<DX::Size2DT<unsigned>> size = {}; // of the target; the source's
     DXGI_FORMAT targetFormat = DXGI_FORMAT_R8G8B8A8_UNORM;
     std::optional<Proc::ColorAlphaConversionInfo> conversion = {};
     std::optional<DX::Rect2DT<long>> rect = {};
-    std::optional<DX::AffineTransform> transform = {};
-    // When given, an image renderer draws, with this change to the default view state.
+    DX::AffineTransform transform = {};
+    // When given, an image renderer draws, whose view state this sets; it keeps it.
     std::function<void(DX::D3ImageRenderer&)> view = {};
 };
 
