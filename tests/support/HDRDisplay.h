@@ -21,25 +21,13 @@
 
 namespace Norvex::Test {
 
-// A raw swap chain, of the class whose methods a test patches.
-inline CComPtr<IDXGISwapChain> MakeRawSwapChain(bool isDirect3D12, HWND window) {
-    const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
-    if (!isDirect3D12) {
-        return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
-    }
-    const boost::intrusive_ptr<DX::D12CommandQueue> queue(
-        new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
-    return queue->CreateSwapChainForHwnd(window, desc).p;
-}
-
 class HDRDisplay {
 public:
     enum Call { EnumOutputs, Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
     using Outputs = std::vector<std::pair<RECT, bool>>; // place, whether in HDR
 
     // The displays that there are, in HDR.
-    explicit HDRDisplay(bool isDirect3D12)
-        : m_probe(MakeRawSwapChain(isDirect3D12, m_window.Get())) {}
+    explicit HDRDisplay(bool isDirect3D12) : m_probe(MakeProbe(isDirect3D12, m_window.Get())) {}
 
     void Switch(bool isHDR) {
         m_isHDR = isHDR;
@@ -53,7 +41,9 @@ public:
             m_outputs.push_back(std::make_unique<Output>(rect, isHDR));
         }
     }
-    // That others hold.
+    // One of the class that is stood in for.
+    IDXGISwapChain* GetSwapChain() const { return m_probe; }
+    // That others hold on outputs.
     int CountReferences() const {
         int references = 0;
         for (const auto& output : m_outputs) {
@@ -95,6 +85,16 @@ private:
         RECT m_rect;
         bool m_isHDR;
     };
+
+    static CComPtr<IDXGISwapChain> MakeProbe(bool isDirect3D12, HWND window) {
+        const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
+        if (!isDirect3D12) {
+            return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
+        }
+        const boost::intrusive_ptr<DX::D12CommandQueue> queue(
+            new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
+        return queue->CreateSwapChainForHwnd(window, desc).p;
+    }
 
     static CComPtr<IDXGIOutput6> GetOutput() {
         CComPtr<IDXGIOutput> output;
