@@ -1,6 +1,6 @@
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
-#include <cstring>
+#include <string_view>
 
 #include <gmock/gmock.h>
 
@@ -18,25 +18,21 @@ using testing::StartsWith;
 constexpr auto kVertexSource = "float4 Vs() : SV_POSITION { return float4(1, 0, 0, 1); }\n";
 constexpr auto kPixelSource = "float4 Ps() : SV_TARGET { return float4(1, 0, 0, 1); }\n";
 
-// The version token that the bytecode's program begins with: kind (0 pixel, 1 vertex) << 16 | major
-// << 4 | minor.
-std::uint32_t VersionOf(const D3ShaderBytecode& shader) {
+// Major and minor, four bits each, of the model of the bytecode's program.
+int ModelOf(const D3ShaderBytecode& shader) {
     const std::string_view bytes(static_cast<const char*>(shader.GetBuffer()->GetBufferPointer()),
                                  shader.GetBuffer()->GetBufferSize());
-    const auto chunk = std::min(bytes.find("SHEX"), bytes.find("SHDR"));
-    std::uint32_t version = 0;
-    std::memcpy(&version, bytes.substr(chunk + 8).data(), sizeof(version)); // after name and size
-    return version;
+    return bytes.at(std::min(bytes.find("SHEX"), bytes.find("SHDR")) + 8); // after name and size
 }
 
 // The device's level does not matter to Direct3D 11, so that one bytecode serves every device.
 TEST(D3D11ShaderTest, CompilesForTheTargetsOfLevel10And11) {
     const auto device = D11Device::CreatePrimary();
     ASSERT_GE(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_0);
-    EXPECT_EQ(VersionOf(D11VertexShader(device, "Vs", kVertexSource)), 0x10040u);
-    EXPECT_EQ(VersionOf(D11PixelShader(device, "Ps", kPixelSource)), 0x40u);
-    EXPECT_EQ(VersionOf(*D12Shader::CreateVertex("Vs", kVertexSource)), 0x10050u);
-    EXPECT_EQ(VersionOf(*D12Shader::CreatePixel("Ps", kPixelSource)), 0x50u);
+    EXPECT_EQ(ModelOf(D11VertexShader(device, "Vs", kVertexSource)), 0x40);
+    EXPECT_EQ(ModelOf(D11PixelShader(device, "Ps", kPixelSource)), 0x40);
+    EXPECT_EQ(ModelOf(*D12Shader::CreateVertex("Vs", kVertexSource)), 0x50);
+    EXPECT_EQ(ModelOf(*D12Shader::CreatePixel("Ps", kPixelSource)), 0x50);
 }
 
 TEST(D3D11ShaderTest, FailuresNameTheShaderAndTellTheError) {

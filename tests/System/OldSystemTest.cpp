@@ -11,8 +11,8 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
+#include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
-#include "tests/support/Painter.h"
 #include "tests/support/SwapChain11.h"
 #include "tests/support/TemporaryKey.h"
 #include "tests/support/Thrown.h"
@@ -43,8 +43,12 @@ void ExpectOnlyDirect3D11() {
                     DXGI_ERROR_UNSUPPORTED);
     EXPECT_FALSE(DXGIFactory::Create()->EnumerateAdapterDescriptions(false).empty());
     const Color color = {1.0, 0.2, 0.0, 1.0};
-    const auto picture = MakePixels(4, 4, [&](unsigned, unsigned) { return color; });
-    EXPECT_THAT(MakePainter11()->Draw({.source = picture}).colors, testing::Each(color));
+    Canvas11 canvas;
+    const auto source = canvas.MakeSource({1, 1, {color}}, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const boost::intrusive_ptr draw(new D11ImageDraw(canvas.GetDevice()));
+    canvas.Record([&](const auto& context) { draw->Encode(context, source, target, {}, {}); });
+    EXPECT_THAT(canvas.Read(target).colors, testing::Each(color));
 }
 
 TEST(NoDirect3D12Test, Direct3D11Draws) {

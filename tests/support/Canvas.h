@@ -2,7 +2,7 @@
 
 // A Direct3D 12 device with a queue, textures filled from pixels, and pixels read back: what
 // drawing tests share. The device is the system's first adapter's; a system without one fails the
-// test. Direct3D 11: Canvas11.h.
+// test. Direct3D 11: Canvas11.h; what stands in both is used alike.
 
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
@@ -14,6 +14,9 @@ namespace Norvex::Test {
 
 class Canvas {
 public:
+    using ImageDraw = DX::D12ImageDraw;
+    using ImageRenderer = DX::D12ImageRenderer;
+
     Canvas();
 
     const boost::intrusive_ptr<DX::D12Device>& GetDevice() const { return m_device; }

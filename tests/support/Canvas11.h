@@ -3,6 +3,7 @@
 // The same as Canvas.h on Direct3D 11: textures filled from pixels, and pixels read back. Any
 // device; by default the system's first adapter's.
 
+#include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -15,6 +16,9 @@ D3D11_TEXTURE2D_DESC MakeTextureDesc11(unsigned width, unsigned height, DXGI_FOR
 
 class Canvas11 {
 public:
+    using ImageDraw = DX::D11ImageDraw;
+    using ImageRenderer = DX::D11ImageRenderer;
+
     explicit Canvas11(
         const boost::intrusive_ptr<DX::D11Device>& device = DX::D11Device::CreatePrimary());
 
