@@ -87,16 +87,13 @@ struct Generation12 {
     static Texture TextureOf(const View& view) {
         return view->GetFirstResource();
     }
-    // All stay in the states that they are used in.
+    // A source and one or two planes, which stay in the states that they are used in.
     template <class... Arguments>
     static void Encode(Converter& converter, const Arguments&... arguments) {
-        constexpr States kStays = {kTarget, kTarget};
-        if constexpr (sizeof...(arguments) == 4) {
-            converter.Encode(arguments..., std::array{States{kReadable, kReadable}, kStays});
-        } else {
-            converter.Encode(arguments...,
-                             std::array{States{kReadable, kReadable}, kStays, kStays});
-        }
+        std::array<States, sizeof...(arguments) / 2> states;
+        states.fill({kTarget, kTarget});
+        states[0] = {kReadable, kReadable};
+        converter.Encode(arguments..., states);
     }
 
     template <class Call>
@@ -286,10 +283,9 @@ TEST(D12YUVConverterTest, RecordsOnlyWhatIsDue) {
                std::array{States{kReadable, kCommon}, States{kTarget, kCopied}});
     });
     EXPECT_GE(made, 2) << "parameters and the intermediate texture";
-    expect({"source 0 to 128", "luma 2048 to 4", "chroma 4 to 0"}, chroma, kFormats[0].planar,
-           kMatrix,
-           std::array{States{kCommon, kReadable}, States{kCopied, kTarget},
-                      States{kTarget, kCommon}});
+    expect(
+        {"source 0 to 128", "luma 2048 to 4", "chroma 4 to 0"}, chroma, kFormats[0].planar, kMatrix,
+        std::array{States{kCommon, kReadable}, States{kCopied, kTarget}, States{kTarget, kCommon}});
     EXPECT_EQ(made, 0) << "kept for the same format, sizes and matrix";
 }
 

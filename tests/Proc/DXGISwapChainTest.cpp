@@ -6,8 +6,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <optional>
-#include <random>
 #include <thread>
 
 #include <fmt/format.h>
@@ -108,15 +108,6 @@ struct Host {
             return std::fabs(static_cast<float>(code) - 255 * value) < 1.4F;
         };
         return isNear(r, color.r) && isNear(g, color.g) && isNear(b, color.b);
-    }
-
-    // What holds the raw device: every Direct3D object that is alive.
-    ULONG CountObjects() const {
-        DX::D12CommandAllocator::WaitAllComplete();
-        IUnknown* device =
-            device12 != nullptr ? static_cast<IUnknown*>(device12->Get()) : device11->Get();
-        device->AddRef();
-        return device->Release();
     }
 
     TestWindow window;
@@ -245,14 +236,6 @@ TEST_P(DXGISwapChainTest, TheWindowIsLeftToTheNextSwapChain) {
     m_host.ExpectOnScreen(kOrange, "by the next one");
 }
 
-// Of a display from 0.005 to 1000 cd/m2.
-std::vector<std::uint8_t> MakeMetadata(const std::array<UINT16, 6>& xy) {
-    const DXGI_HDR_METADATA_HDR10 metadata = {
-        {xy[0], xy[1]}, {xy[2], xy[3]}, {xy[4], xy[5]}, {15635, 16450}, 10000000, 50, 800, 400};
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&metadata);
-    return {bytes, bytes + sizeof(metadata)};
-}
-
 TEST_P(DXGISwapChainTest, SwitchesToScRGBAndBack) {
     const auto sdr = SwapChain().GetConversionInfo(kSRGB, Proc::AlphaType::AlphaIsOne);
     EXPECT_EQ(sdr.target, kSRGB);
@@ -264,7 +247,10 @@ TEST_P(DXGISwapChainTest, SwitchesToScRGBAndBack) {
     EXPECT_TRUE(EnableHDR()) << "already on";
     ExpectOutput(true);
     EXPECT_EQ(m_display.metadataType, DXGI_HDR_METADATA_TYPE_HDR10);
-    EXPECT_EQ(m_display.metadata, MakeMetadata({32000, 16500, 15000, 30000, 7500, 3000}));
+    const DXGI_HDR_METADATA_HDR10 expected = {
+        {32000, 16500}, {15000, 30000}, {7500, 3000}, {15635, 16450}, 10000000, 50, 800, 400};
+    ASSERT_EQ(m_display.metadata.size(), sizeof(expected));
+    EXPECT_EQ(std::memcmp(m_display.metadata.data(), &expected, sizeof(expected)), 0);
     const auto hdr = SwapChain().GetConversionInfo(kSRGB, {});
     EXPECT_EQ(hdr.target.transfer, Conf::TransferCharacteristics::Linear);
     EXPECT_FLOAT_EQ(hdr.GetLinearScale(), 203.0F / 80.0F);
@@ -277,24 +263,6 @@ TEST_P(DXGISwapChainTest, SwitchesToScRGBAndBack) {
     EXPECT_EQ(m_display.metadataType, DXGI_HDR_METADATA_TYPE_NONE);
     EXPECT_TRUE(m_display.metadata.empty());
     m_host.ExpectOnScreen(kTeal, "back in SDR");
-}
-
-TEST(TenBitHDRTest, StandsInWhereFloatingPointIsNoTarget) {
-    const MethodPatch<&ID3D11Device::CheckFormatSupport> refuse(
-        DX::D11Device::CreatePrimary()->Get(),
-        [](auto original, auto* self, DXGI_FORMAT format, UINT* support) {
-            return format == DXGI_FORMAT_R16G16B16A16_FLOAT ? E_FAIL
-                                                            : original(self, format, support);
-        });
-    Host host(Generation::Direct3D11);
-    const HDRDisplay display(false);
-    ASSERT_TRUE(host.EnableHDR());
-    EXPECT_EQ(host.GetFormat(), DXGI_FORMAT_R10G10B10A2_UNORM);
-    EXPECT_EQ(display.colorSpace, DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020);
-    EXPECT_EQ(display.metadata, MakeMetadata({35400, 14600, 8500, 39850, 6550, 2300}));
-    const auto info = host.swapChain->GetConversionInfo(kSRGB, {});
-    EXPECT_EQ(info.target, kPQ);
-    EXPECT_EQ(info.linearScale, 1.0F);
 }
 
 TEST_P(DXGISwapChainTest, TheDisplayUnderMostOfTheWindowDecides) {
@@ -379,34 +347,6 @@ TEST_P(DXGISwapChainTest, AFailedSwitchLeavesTheOutputAsItWas) {
     EXPECT_EQ(ThrownBy([&] { SwapChain().RecreateBuffers(); }).function, "RecreateBuffers");
     EXPECT_EQ(SwapChain().RecreateBuffers(), kClientSize);
     m_host.ExpectOnScreen(kTeal, "after the failures");
-}
-
-TEST_P(DXGISwapChainTest, TwoHundredRandomActionsLeaveNothingBehind) {
-    std::mt19937 random(4711);
-    const auto upTo = [&random](unsigned end) { return static_cast<long>(random() % end); };
-    m_display.SetOutputs({{{0, 0, 1280, 1024}, true}});
-    ULONG objectsAtHalf = 0;
-    for (int i = 0; i < 200; ++i) {
-        const long action = upTo(6);
-        if (action == 0) {
-            m_host.window.Resize({120 + upTo(500), 40 + upTo(400)});
-        } else if (action == 1) {
-            Minimize();
-            m_host.window.Show(SW_RESTORE);
-        } else if (action == 2) {
-            m_host.window.MoveTo(upTo(500), upTo(400));
-        } else {
-            Switch(action > 3);
-        }
-        if (action < 2) {
-            SwapChain().RecreateBuffers();
-        }
-        m_host.Frame(kOrange);
-        objectsAtHalf = i == 99 ? m_host.CountObjects() : objectsAtHalf;
-    }
-    // Pools may grow a little; one object left behind in each action would be a hundred.
-    EXPECT_NEAR(m_host.CountObjects(), objectsAtHalf, 10);
-    EXPECT_EQ(m_display.CountReferences(), 0);
 }
 
 // Whatever is late in letting go of the back buffers, making them anew does not fail: neither an

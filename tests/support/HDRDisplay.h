@@ -43,15 +43,6 @@ public:
     }
     // One of the class that is stood in for.
     IDXGISwapChain* GetSwapChain() const { return m_probe; }
-    // That others hold on outputs.
-    int CountReferences() const {
-        int references = 0;
-        for (const auto& output : m_outputs) {
-            references += output->GetReferences();
-        }
-        return references;
-    }
-
     // The next calls answer E_ACCESSDENIED.
     void Fail(Call call, int times) { m_failures[call] = times; }
     int Count(Call call) const { return m_counts[call]; }

@@ -38,7 +38,8 @@ void Store(double value, unsigned size, std::uint8_t* out) {
         return;
     }
     const double maximum = size == 1 ? 255.0 : 65535.0;
-    const auto code = static_cast<std::uint16_t>(std::lround(std::clamp(value, 0.0, 1.0) * maximum));
+    const auto code =
+        static_cast<std::uint16_t>(std::lround(std::clamp(value, 0.0, 1.0) * maximum));
     std::memcpy(out, &code, size);
 }
 
