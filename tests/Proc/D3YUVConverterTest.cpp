@@ -209,14 +209,11 @@ TYPED_TEST(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReferen
 TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
     using Texture = typename TypeParam::Texture;
     this->SetAlpha({});
-    const auto target = [this](unsigned width, unsigned height, DXGI_FORMAT format) {
-        return this->MakeTarget({width, height}, format);
-    };
     const Texture none;
     const Texture source = this->MakeSource(MakeNoise({8, 8}));
-    const Texture rgba = target(8, 8, DXGI_FORMAT_R8G8B8A8_UNORM);
-    const Texture luma = target(8, 8, DXGI_FORMAT_R8_UNORM);
-    const Texture chroma = target(4, 4, DXGI_FORMAT_R8G8_UNORM);
+    const Texture rgba = this->MakeTarget({8, 8}, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const Texture luma = this->MakeTarget({8, 8}, DXGI_FORMAT_R8_UNORM);
+    const Texture chroma = this->MakeTarget({4, 4}, DXGI_FORMAT_R8G8_UNORM);
     constexpr auto kFormat = "Unsupported pixel format";
     constexpr auto kHalf = "The chroma plane is expected to have half the size of the luma plane";
     constexpr auto kMatrix = YCbCrMatrix::BT709;
@@ -233,8 +230,10 @@ TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
     refuses(kFormat, source, none, none, kNV12, kMatrix);
     refuses(kFormat, source, luma, chroma, DXGI_FORMAT_P010, kMatrix);
     refuses(kFormat, source, luma, chroma, DXGI_FORMAT_R8_UNORM, kMatrix);
-    refuses(kHalf, source, luma, target(8, 8, DXGI_FORMAT_R8G8_UNORM), kNV12, kMatrix);
-    refuses(kHalf, source, luma, target(4, 3, DXGI_FORMAT_R8G8_UNORM), kNV12, kMatrix);
+    for (const Size& size : {Size{8, 8}, Size{4, 3}}) {
+        refuses(kHalf, source, luma, this->MakeTarget(size, DXGI_FORMAT_R8G8_UNORM), kNV12,
+                kMatrix);
+    }
 }
 
 // What is made is kept for the next frame, and every resource goes from its state before to its

@@ -41,14 +41,11 @@ constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics:
 constexpr auto kRGBA8 = DXGI_FORMAT_R8G8B8A8_UNORM;
 
 std::string Describe(const ColorAlphaConversionInfo& info) {
-    const auto numbers = [](auto... values) {
-        return fmt::format("{}", fmt::join(std::array{static_cast<int>(values)...}, " "));
-    };
-    return fmt::format("from {} to {}, mode {}, peaks {} {}, scale {}",
-                       numbers(info.source.primaries, info.source.transfer, info.sourceAlpha),
-                       numbers(info.target.primaries, info.target.transfer, info.targetAlpha),
-                       numbers(info.mode), info.sourcePeakLuminance, info.targetPeakLuminance,
-                       info.linearScale);
+    const auto params = DX::D3ImageRenderer::MakeParams({}, info);
+    return fmt::format("from {:#x} to {:#x}, alpha {} to {}, mode {}, peaks {} and {}, scale {}",
+                       params.sourceColorSpace, params.targetColorSpace, params.sourceAlphaType,
+                       params.targetAlphaType, static_cast<int>(info.mode),
+                       info.sourcePeakLuminance, info.targetPeakLuminance, info.linearScale);
 }
 
 constexpr unsigned kWidth = 256;
