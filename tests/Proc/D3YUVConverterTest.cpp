@@ -3,18 +3,16 @@
 // methods of a real texture and of its device are interposed, so that it answers as one.
 
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 #include <random>
+#include <utility>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/Canvas11.h"
-#include "tests/support/Device11.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 #include "tests/support/YCbCrReference.h"
@@ -26,12 +24,11 @@ namespace {
 using Conf::YCbCrMatrix;
 using Proc::AlphaType;
 using Size = DX::Size2DT<unsigned>;
+using States = DX::D12ResourceStates;
 
-constexpr auto kSourceFormat = DXGI_FORMAT_R16G16B16A16_UNORM;
+constexpr auto kSourceFormat = DXGI_FORMAT_R32G32B32A32_FLOAT;
 constexpr auto kReadable = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
 constexpr auto kTarget = D3D12_RESOURCE_STATE_RENDER_TARGET;
-constexpr auto kCommon = D3D12_RESOURCE_STATE_COMMON;
-constexpr auto kCopied = D3D12_RESOURCE_STATE_COPY_SOURCE;
 
 struct Format {
     DXGI_FORMAT planar;
@@ -45,39 +42,33 @@ constexpr Format kFormats[] = {
     {DXGI_FORMAT_P016, 16, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM},
 };
 
-struct Bench11 {
-    explicit Bench11(AlphaType type = AlphaType::NonPremultiplied) : alpha(type) {}
-
+// What a generation has of its own.
+struct Generation11 {
+    using Canvas = Canvas11;
+    using Converter = DX::D11YUVConverter;
     using Texture = CComPtr<ID3D11Texture2D>;
 
-    Texture MakeSource(const Pixels& pixels, DXGI_FORMAT format) {
-        return canvas.MakeSource(pixels, format)->GetTexture();
+    template <class View>
+    static Texture TextureOf(const View& view) {
+        return view->GetTexture();
     }
-    Texture MakeTarget(const Size& size, DXGI_FORMAT format) {
-        return canvas.MakeTarget(size.width, size.height, format)->GetTexture();
-    }
-    Pixels Read(const Texture& texture) { return canvas.Read(texture); }
-
     template <class... Arguments>
-    void Encode(const Arguments&... arguments) {
-        canvas.GetDevice()->Encode(
-            [&](const auto& context) { converter->Encode(context, arguments...); });
+    static void Encode(Converter& converter, const Arguments&... arguments) {
+        converter.Encode(arguments...);
     }
 
     // During the call the texture, whose own memory is the luma plane, answers as planar.
     template <class Call>
-    void AsPlanar(const Texture& planar, const Texture& chroma, const Format& format,
-                  const Call& call) {
+    static void AsPlanar(const Canvas& canvas, const Texture& planar, const Texture& chroma,
+                         const Format& format, const Call& call) {
         const MethodPatch<10, void(ID3D11Texture2D*, D3D11_TEXTURE2D_DESC*)> describe(
-            planar, [&](auto original, ID3D11Texture2D* self, D3D11_TEXTURE2D_DESC* desc) {
+            planar, [&](auto original, auto* self, auto* desc) {
                 original(self, desc);
                 desc->Format = self == planar.p ? format.planar : desc->Format;
             });
-        using View = D3D11_RENDER_TARGET_VIEW_DESC;
         const MethodPatch<&ID3D11Device::CreateRenderTargetView> makeView(
             canvas.GetDevice()->Get(),
-            [&](auto original, ID3D11Device* self, ID3D11Resource* resource, const View* view,
-                ID3D11RenderTargetView** out) {
+            [&](auto original, auto* self, auto* resource, const auto* view, auto** out) {
                 const bool isChroma = resource == planar.p && view->Format == format.chroma;
                 return original(self, isChroma ? chroma.p : resource, view, out);
             });
@@ -85,68 +76,41 @@ struct Bench11 {
     }
 
     static constexpr auto kKind = "DirectX 11 exception";
-
-    AlphaType alpha;
-    Canvas11 canvas;
-    boost::intrusive_ptr<DX::D11YUVConverter> converter{
-        new DX::D11YUVConverter(canvas.GetDevice(), alpha)};
 };
 
-struct Bench12 {
-    explicit Bench12(AlphaType type = AlphaType::NonPremultiplied) : alpha(type) {}
-
+struct Generation12 {
+    using Canvas = Test::Canvas;
+    using Converter = DX::D12YUVConverter;
     using Texture = CComPtr<ID3D12Resource>;
 
-    Texture MakeSource(const Pixels& pixels, DXGI_FORMAT format) {
-        return canvas.MakeTexture(pixels, format);
+    template <class View>
+    static Texture TextureOf(const View& view) {
+        return view->GetFirstResource();
     }
-    Texture MakeTarget(const Size& size, DXGI_FORMAT format) {
-        return canvas.MakeTarget(size.width, size.height, format)->GetFirstResource();
-    }
-    Pixels Read(const Texture& texture) {
-        return canvas.Read(canvas.GetDevice()->CreateRenderTargetView(texture));
-    }
-
-    void Encode(const Texture& source, const Texture& planar, YCbCrMatrix matrix) {
-        Submit(source, planar, matrix, std::array{kStaysReadable, kStaysTarget});
-    }
-    void Encode(const Texture& source, const Texture& luma, const Texture& chroma,
-                DXGI_FORMAT format, YCbCrMatrix matrix) {
-        Submit(source, luma, chroma, format, matrix,
-               std::array{kStaysReadable, kStaysTarget, kStaysTarget});
-    }
-    // A call that throws leaves nothing to execute.
+    // A source and one or two planes, which stay in the states that they are used in.
     template <class... Arguments>
-    void Submit(const Arguments&... arguments) {
-        const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
-        try {
-            converter->Encode(allocator, arguments...);
-        } catch (...) {
-            EXPECT_EQ(SentenceOf([&] { allocator->Execute(); }),
-                      "There are no command lists to execute");
-            throw;
-        }
-        allocator->Execute();
-        allocator->WaitComplete();
+    static void Encode(Converter& converter, const Arguments&... arguments) {
+        std::array<States, sizeof...(arguments) / 2> states;
+        states.fill({kTarget, kTarget});
+        states[0] = {kReadable, kReadable};
+        converter.Encode(arguments..., states);
     }
 
     template <class Call>
-    void AsPlanar(const Texture& planar, const Texture& chroma, const Format& format,
-                  const Call& call) {
+    static void AsPlanar(const Canvas& canvas, const Texture& planar, const Texture& chroma,
+                         const Format& format, const Call& call) {
         const MethodPatch<&ID3D12Resource::GetDesc> describe(
-            planar, [&](auto original, ID3D12Resource* self, D3D12_RESOURCE_DESC* desc) {
+            planar, [&](auto original, auto* self, auto* desc) {
                 original(self, desc);
                 desc->Format = self == planar.p ? format.planar : desc->Format;
                 return desc;
             });
-        using View = D3D12_RENDER_TARGET_VIEW_DESC;
         const MethodPatch<&ID3D12Device::CreateRenderTargetView> makeView(
             canvas.GetDevice()->Get(),
-            [&](auto original, ID3D12Device* self, ID3D12Resource* resource, const View* view,
-                D3D12_CPU_DESCRIPTOR_HANDLE handle) {
-                View plane = view != nullptr ? *view : View{};
-                const bool isChroma = resource == planar.p && plane.Texture2D.PlaneSlice == 1;
-                plane.Texture2D.PlaneSlice = 0;
+            [&](auto original, auto* self, auto* resource, const auto* view, auto handle) {
+                D3D12_RENDER_TARGET_VIEW_DESC plane = {};
+                plane = view != nullptr ? *view : plane;
+                const bool isChroma = std::exchange(plane.Texture2D.PlaneSlice, 0U) == 1;
                 original(self, isChroma ? chroma.p : resource, view != nullptr ? &plane : nullptr,
                          handle);
             });
@@ -154,214 +118,174 @@ struct Bench12 {
     }
 
     static constexpr auto kKind = "DirectX 12 exception";
-    static constexpr DX::D12ResourceStates kStaysReadable = {kReadable, kReadable};
-    static constexpr DX::D12ResourceStates kStaysTarget = {kTarget, kTarget};
-
-    AlphaType alpha;
-    Canvas canvas;
-    boost::intrusive_ptr<DX::D12YUVConverter> converter{
-        new DX::D12YUVConverter(canvas.GetDevice(), alpha)};
 };
 
-// The frame in each format, against the reference.
-template <class Bench>
-void ExpectReference(Bench& bench, const Pixels& pixels, const Size& half, YCbCrMatrix matrix,
-                     bool isPlanar = false, DXGI_FORMAT sourceFormat = kSourceFormat) {
-    const auto expected = ReferenceFrame(pixels, matrix, bench.alpha, half);
-    for (const Format& format : kFormats) {
-        const auto source = bench.MakeSource(pixels, sourceFormat);
-        const auto luma = bench.MakeTarget({pixels.width, pixels.height}, format.luma);
-        const auto chroma = bench.MakeTarget(half, format.chroma);
-        if (isPlanar) {
-            bench.AsPlanar(luma, chroma, format, [&] { bench.Encode(source, luma, matrix); });
-        } else {
-            bench.Encode(source, luma, chroma, format.planar, matrix);
-        }
-        auto frame = EncodePixels(bench.Read(luma), format.luma);
-        std::ranges::copy(EncodePixels(bench.Read(chroma), format.chroma),
-                          std::back_inserter(frame));
-        EXPECT_EQ(DescribeDifference(frame, format.bits, expected), "")
-            << pixels.width << " x " << pixels.height << ", " << format.bits << " bits, matrix "
-            << static_cast<int>(matrix) << ", alpha " << static_cast<int>(bench.alpha);
-    }
-}
-
+// Colours within the range and, as filters and scRGB leave them in floating point, beyond it.
 Pixels MakeNoise(const Size& size) {
     std::mt19937 random(size.width * 1000 + size.height);
-    std::uniform_real_distribution<double> uniform(0.0, 1.0);
-    const auto noise = [&](unsigned, unsigned) {
-        return Color{uniform(random), uniform(random), uniform(random), uniform(random)};
-    };
-    return Quantize(MakePixels(size.width, size.height, noise), kSourceFormat);
+    std::uniform_real_distribution<float> color(-0.5F, 1.5F);
+    std::uniform_real_distribution<float> alpha(0.0F, 1.0F);
+    return MakePixels(size.width, size.height, [&](unsigned, unsigned) {
+        return Color{color(random), color(random), color(random), alpha(random)};
+    });
 }
 
-template <class Bench>
-class D3YUVConverterTest : public testing::Test {};
+template <class Generation>
+class D3YUVConverterTest : public testing::Test {
+protected:
+    using Texture = typename Generation::Texture;
+
+    Texture MakeSource(const Pixels& pixels) {
+        return Generation::TextureOf(m_canvas.MakeSource(pixels, kSourceFormat));
+    }
+    Texture MakeTarget(const Size& size, DXGI_FORMAT format) {
+        return Generation::TextureOf(m_canvas.MakeTarget(size.width, size.height, format));
+    }
+    void SetAlpha(AlphaType alpha) {
+        m_alpha = alpha;
+        m_converter = new typename Generation::Converter(m_canvas.GetDevice(), alpha);
+    }
+    template <class... Arguments>
+    void Encode(const Arguments&... arguments) {
+        m_canvas.Record([&](const auto& recorder) {
+            Generation::Encode(*m_converter, recorder, arguments...);
+        });
+    }
+
+    // The frame in each format, against the reference.
+    void ExpectReference(const Size& size, const Size& half, YCbCrMatrix matrix, bool isPlanar) {
+        const Pixels pixels = MakeNoise(size);
+        const auto expected = ReferenceFrame(pixels, matrix, m_alpha, half);
+        const auto source = MakeSource(pixels);
+        for (const Format& format : kFormats) {
+            const auto luma = MakeTarget(size, format.luma);
+            const auto chroma = MakeTarget(half, format.chroma);
+            if (isPlanar) {
+                Generation::AsPlanar(m_canvas, luma, chroma, format,
+                                     [&] { Encode(source, luma, matrix); });
+            } else {
+                Encode(source, luma, chroma, format.planar, matrix);
+            }
+            auto frame = EncodePixels(m_canvas.Read(luma), format.luma);
+            std::ranges::copy(EncodePixels(m_canvas.Read(chroma), format.chroma),
+                              std::back_inserter(frame));
+            EXPECT_EQ(DescribeDifference(frame, format.bits, expected), "")
+                << size.width << " x " << size.height << ", " << format.bits << " bits, matrix "
+                << static_cast<int>(matrix) << ", alpha " << static_cast<int>(m_alpha);
+        }
+    }
+
+    typename Generation::Canvas m_canvas;
+    AlphaType m_alpha = {};
+    boost::intrusive_ptr<typename Generation::Converter> m_converter;
+};
 
 struct GenerationName {
-    template <class Bench>
+    template <class Generation>
     static std::string GetName(int) {
-        return std::is_same_v<Bench, Bench11> ? "Direct3D11" : "Direct3D12";
+        return std::is_same_v<Generation, Generation11> ? "Direct3D11" : "Direct3D12";
     }
 };
 
-using Benches = testing::Types<Bench11, Bench12>;
-TYPED_TEST_SUITE(D3YUVConverterTest, Benches, GenerationName);
+using Generations = testing::Types<Generation11, Generation12>;
+TYPED_TEST_SUITE(D3YUVConverterTest, Generations, GenerationName);
 
 TYPED_TEST(D3YUVConverterTest, EveryFormatMatrixAndAlphaTypeAgreesWithTheReference) {
     for (const auto alpha :
          {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne, AlphaType::Premultiplied}) {
-        TypeParam bench(alpha);
+        this->SetAlpha(alpha);
         for (const auto matrix :
              {YCbCrMatrix::BT601, YCbCrMatrix::BT709, YCbCrMatrix::BT2020NonConstant}) {
-            for (const Size& size : {Size{2, 2}, Size{6, 4}, Size{257, 129}}) {
+            for (const auto& [w, h] : {Size{2, 2}, Size{6, 4}, Size{257, 129}}) {
                 for (const unsigned up : {0U, 1U}) { // both ways of halving an odd size
-                    ExpectReference(bench, MakeNoise(size),
-                                    {(size.width + up) / 2, (size.height + up) / 2}, matrix);
+                    this->ExpectReference({w, h}, {(w + up) / 2, (h + up) / 2}, matrix, false);
                 }
             }
         }
-        ExpectReference(bench, MakeNoise({64, 36}), {32, 18}, YCbCrMatrix::BT709, true);
+        this->ExpectReference({64, 36}, {32, 18}, YCbCrMatrix::BT709, true);
     }
 }
 
-// Waves instead of noise: at this width single-precision texture coordinates give a neighbour up to
-// 1/5000 of a sample, which 16 bits show where neighbours are as far apart as can be.
-TYPED_TEST(D3YUVConverterTest, AFullHDFrameAgreesWithTheReference) {
-    TypeParam bench;
-    const auto wave = [](double phase) { return 0.5 + 0.5 * std::sin(phase); };
-    const Pixels waves = MakePixels(1920, 1080, [&](unsigned x, unsigned y) {
-        return Color{wave(x / 11.0), wave(y / 13.0), wave((x + y) / 17.0),
-                     wave((x + 2.0 * y) / 19.0)};
-    });
-    ExpectReference(bench, Quantize(waves, kSourceFormat), {960, 540}, YCbCrMatrix::BT709);
-}
-
-// What filters and scRGB leave in 16-bit floats is cut to the narrow range.
-TYPED_TEST(D3YUVConverterTest, ColorsBeyondTheRangeAreClamped) {
-    TypeParam bench;
-    constexpr Color kColors[] = {{2, 2, 2, 1},   {-1, -1, -1, 1}, {4, -1, -1, 1}, {-1, 4, -1, 1},
-                                 {-1, -1, 4, 1}, {4, 4, -1, 1},   {-1, 4, 4, 1},  {1.5, 0, 1.5, 1}};
-    ExpectReference(bench, MakePixels(16, 2, [&](unsigned x, unsigned) { return kColors[x / 2]; }),
-                    {8, 1}, YCbCrMatrix::BT709, false, DXGI_FORMAT_R16G16B16A16_FLOAT);
-}
-
 TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
-    TypeParam bench;
     using Texture = typename TypeParam::Texture;
+    this->SetAlpha({});
     const Texture none;
-    const Texture source = bench.MakeSource(MakeNoise({8, 8}), kSourceFormat);
-    const Texture rgba = bench.MakeTarget({8, 8}, DXGI_FORMAT_R8G8B8A8_UNORM);
-    const Texture luma = bench.MakeTarget({8, 8}, DXGI_FORMAT_R8_UNORM);
-    const Texture luma16 = bench.MakeTarget({8, 8}, DXGI_FORMAT_R16_UNORM);
-    const Texture chroma = bench.MakeTarget({4, 4}, DXGI_FORMAT_R8G8_UNORM);
-    const Texture full = bench.MakeTarget({8, 8}, DXGI_FORMAT_R8G8_UNORM);
-    const Texture low = bench.MakeTarget({4, 3}, DXGI_FORMAT_R8G8_UNORM);
+    const Texture source = this->MakeSource(MakeNoise({8, 8}));
+    const Texture rgba = this->MakeTarget({8, 8}, DXGI_FORMAT_R8G8B8A8_UNORM);
+    const Texture luma = this->MakeTarget({8, 8}, DXGI_FORMAT_R8_UNORM);
+    const Texture chroma = this->MakeTarget({4, 4}, DXGI_FORMAT_R8G8_UNORM);
     constexpr auto kFormat = "Unsupported pixel format";
     constexpr auto kHalf = "The chroma plane is expected to have half the size of the luma plane";
     constexpr auto kMatrix = YCbCrMatrix::BT709;
     constexpr auto kNV12 = DXGI_FORMAT_NV12;
     const auto refuses = [&](const char* sentence, const auto&... arguments) {
         ExpectFailureOf(
-            TypeParam::kKind, [&] { bench.Encode(arguments...); }, sentence, "Encode", E_FAIL);
+            TypeParam::kKind, [&] { this->Encode(arguments...); }, sentence, "Encode", E_FAIL);
     };
     refuses(kFormat, source, rgba, kMatrix);
     refuses(kFormat, source, none, kMatrix);
     refuses("There is no source texture", none, luma, chroma, kNV12, kMatrix);
-    for (const auto& [first, second] : {std::pair(rgba, chroma),
-                                        {luma, rgba},
-                                        {chroma, luma},
-                                        {luma16, chroma},
-                                        {none, chroma},
-                                        {luma, none}}) {
-        refuses(kFormat, source, first, second, kNV12, kMatrix);
-    }
+    refuses(kFormat, source, rgba, chroma, kNV12, kMatrix);
+    refuses(kFormat, source, luma, rgba, kNV12, kMatrix);
+    refuses(kFormat, source, none, none, kNV12, kMatrix);
     refuses(kFormat, source, luma, chroma, DXGI_FORMAT_P010, kMatrix);
     refuses(kFormat, source, luma, chroma, DXGI_FORMAT_R8_UNORM, kMatrix);
-    refuses(kHalf, source, luma, full, kNV12, kMatrix);
-    refuses(kHalf, source, luma, low, kNV12, kMatrix);
+    for (const Size& size : {Size{8, 8}, Size{4, 3}}) {
+        refuses(kHalf, source, luma, this->MakeTarget(size, DXGI_FORMAT_R8G8_UNORM), kNV12,
+                kMatrix);
+    }
 }
 
-TEST(D11YUVConverterTest, LeavesNothingBoundThatItDrawsTo) {
-    Bench11 bench;
-    ExpectReference(bench, MakeNoise({16, 8}), {8, 4}, YCbCrMatrix::BT709);
-    CComPtr<ID3D11ShaderResourceView> bound;
-    GetImmediateContext(bench.canvas.GetDevice()->Get())->PSGetShaderResources(0, 1, &bound);
-    EXPECT_EQ(bound.p, nullptr);
-}
-
-class D12YUVConverterTest : public testing::Test {
-protected:
-    using States = DX::D12ResourceStates;
-
-    Bench12 m_bench;
-    CComPtr<ID3D12Resource> m_source = m_bench.MakeSource(MakeNoise({16, 8}), kSourceFormat);
-    CComPtr<ID3D12Resource> m_luma = m_bench.MakeTarget({16, 8}, DXGI_FORMAT_R8_UNORM);
-    CComPtr<ID3D12Resource> m_chroma = m_bench.MakeTarget({8, 4}, DXGI_FORMAT_R8G8_UNORM);
-};
-
-TEST_F(D12YUVConverterTest, KeepsItsSetUp) {
-    int resources = 0;
+// What is made is kept for the next frame, and every resource goes from its state before to its
+// state after, the intermediate texture by two more.
+TEST(D12YUVConverterTest, RecordsOnlyWhatIsDue) {
+    Canvas canvas;
+    const boost::intrusive_ptr converter(new DX::D12YUVConverter(canvas.GetDevice(), {}));
+    const auto source = canvas.MakeTexture(MakeNoise({16, 8}), kSourceFormat);
+    const auto luma = canvas.MakeTarget(16, 8, DXGI_FORMAT_R8_UNORM)->GetFirstResource();
+    const auto chroma = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8G8_UNORM)->GetFirstResource();
+    const auto probe = canvas.GetQueue()->CreateCommandAllocator();
+    const auto list = probe->CreateCommandList(nullptr);
+    list->Close();
+    int made = 0;
     const MethodPatch<&ID3D12Device::CreateCommittedResource> count(
-        m_bench.canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
-            ++resources;
+        canvas.GetDevice()->Get(), [&](auto original, auto... arguments) {
+            ++made;
             return original(arguments...);
         });
-    const auto encode = [&](YCbCrMatrix matrix) {
-        resources = 0;
-        m_bench.Encode(m_source, m_luma, m_chroma, DXGI_FORMAT_NV12, matrix);
-        return resources;
-    };
-    EXPECT_GE(encode(YCbCrMatrix::BT709), 2) << "parameters and the intermediate texture";
-    EXPECT_EQ(encode(YCbCrMatrix::BT709), 0);
-    EXPECT_GE(encode(YCbCrMatrix::BT601), 2) << "another matrix";
-}
-
-TEST_F(D12YUVConverterTest, RecordsOnlyTheTransitionsThatAreDue) {
-    const auto probe = m_bench.canvas.GetQueue()->CreateCommandAllocator();
-    const auto probeList = probe->CreateCommandList(nullptr);
     std::vector<std::string> transitions;
     const MethodPatch<&ID3D12GraphicsCommandList::ResourceBarrier> record(
-        probeList->GetGraphics(),
-        [&](auto original, auto* self, UINT number, const D3D12_RESOURCE_BARRIER* barriers) {
+        list->GetGraphics(), [&](auto original, auto* self, UINT number, const auto* barriers) {
             for (UINT i = 0; i < number; ++i) {
                 const auto& [resource, subresource, before, after] = barriers[i].Transition;
-                const char* name = resource == m_source.p   ? "source"
-                                   : resource == m_luma.p   ? "luma"
-                                   : resource == m_chroma.p ? "chroma"
-                                                            : "own";
+                const char* name = resource == source.p   ? "source"
+                                   : resource == luma.p   ? "luma"
+                                   : resource == chroma.p ? "chroma"
+                                                          : "own";
                 transitions.push_back(fmt::format("{} {} to {}", name, static_cast<int>(before),
                                                   static_cast<int>(after)));
             }
             original(self, number, barriers);
         });
-    // The transitions of the intermediate texture, and more.
-    const auto expect = [&](std::vector<std::string> expected) {
-        expected.insert(expected.end(), {"own 0 to 4", "own 4 to 128", "own 128 to 0"});
-        EXPECT_THAT(transitions, testing::UnorderedElementsAreArray(expected));
+    const auto expect = [&](std::vector<std::string> due, const auto&... arguments) {
         transitions.clear();
+        made = 0;
+        canvas.Record([&](const auto& on) { converter->Encode(on, source, luma, arguments...); });
+        due.insert(due.end(), {"own 0 to 4", "own 4 to 128", "own 128 to 0"});
+        EXPECT_THAT(transitions, testing::UnorderedElementsAreArray(due));
     };
-    const auto submit = [&](const auto&... states) {
-        m_bench.Submit(m_source, m_luma, m_chroma, DXGI_FORMAT_NV12, YCbCrMatrix::BT709,
-                       std::array{states...});
-    };
-    const auto submitPlanar = [&](const States& source, const States& planar) {
-        m_bench.AsPlanar(m_luma, m_chroma, kFormats[0], [&] {
-            m_bench.Submit(m_source, m_luma, YCbCrMatrix::BT709, std::array{source, planar});
-        });
-    };
-    submit(Bench12::kStaysReadable, Bench12::kStaysTarget, Bench12::kStaysTarget);
-    EXPECT_EQ(transitions.back(), "own 128 to 0");
-    expect({});
-    submit(States{kReadable, kCommon}, States{kTarget, kCopied}, States{kTarget, kCommon});
-    expect({"source 128 to 0", "luma 4 to 2048", "chroma 4 to 0"});
-    submit(States{kCommon, kReadable}, States{kCopied, kTarget}, States{kCommon, kTarget});
-    expect({"source 0 to 128", "luma 2048 to 4", "chroma 0 to 4"});
-    submitPlanar({kReadable, kCommon}, {kTarget, kCopied});
-    expect({"source 128 to 0", "luma 4 to 2048"});
-    submitPlanar({kCommon, kReadable}, {kCopied, kTarget});
-    expect({"source 0 to 128", "luma 2048 to 4"});
-    probeList->Close();
+    constexpr auto kCommon = D3D12_RESOURCE_STATE_COMMON;
+    constexpr auto kCopied = D3D12_RESOURCE_STATE_COPY_SOURCE;
+    constexpr auto kMatrix = YCbCrMatrix::BT709;
+    Generation12::AsPlanar(canvas, luma, chroma, kFormats[0], [&] {
+        expect({"source 128 to 0", "luma 4 to 2048"}, kMatrix,
+               std::array{States{kReadable, kCommon}, States{kTarget, kCopied}});
+    });
+    EXPECT_GE(made, 2) << "parameters and the intermediate texture";
+    expect(
+        {"source 0 to 128", "luma 2048 to 4", "chroma 4 to 0"}, chroma, kFormats[0].planar, kMatrix,
+        std::array{States{kCommon, kReadable}, States{kCopied, kTarget}, States{kTarget, kCommon}});
+    EXPECT_EQ(made, 0) << "kept for the same format, sizes and matrix";
 }
 
 } // namespace

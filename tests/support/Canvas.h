@@ -2,9 +2,11 @@
 
 // A Direct3D 12 device with a queue, textures filled from pixels, and pixels read back: what
 // drawing tests share. The device is the system's first adapter's; a system without one fails the
-// test. Direct3D 11: Canvas11.h.
+// test. Direct3D 11: Canvas11.h; what stands in both is used alike.
 
+#include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "tests/support/Pixels.h"
@@ -13,23 +15,77 @@ namespace Norvex::Test {
 
 class Canvas {
 public:
-    Canvas();
+    using ImageDraw = DX::D12ImageDraw;
+    using ImageRenderer = DX::D12ImageRenderer;
 
     const boost::intrusive_ptr<DX::D12Device>& GetDevice() const { return m_device; }
     const boost::intrusive_ptr<DX::D12CommandQueue>& GetQueue() const { return m_queue; }
 
     // Formats as in Pixels.h.
-    CComPtr<ID3D12Resource> MakeTexture(const Pixels& pixels, DXGI_FORMAT format);
-    boost::intrusive_ptr<DX::D12Descriptor> MakeSource(const Pixels& pixels, DXGI_FORMAT format);
+    CComPtr<ID3D12Resource> MakeTexture(const Pixels& pixels, DXGI_FORMAT format) {
+        const auto texture =
+            MakeTexture(pixels.width, pixels.height, format, {}, D3D12_RESOURCE_STATE_COPY_DEST);
+        const std::vector<std::uint8_t> bytes = EncodePixels(pixels, format);
+        DX::D12UploadResourceParams params;
+        params.destination = texture;
+        params.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+        params.subresources = {{bytes.data(), bytes.size() / pixels.height, bytes.size()}};
+        m_queue->UploadResource(params);
+        return texture;
+    }
+    boost::intrusive_ptr<DX::D12Descriptor> MakeSource(const Pixels& pixels, DXGI_FORMAT format) {
+        return m_device->CreateTextureShaderResourceView(MakeTexture(pixels, format));
+    }
     // In the render-target state, cleared.
-    boost::intrusive_ptr<DX::D12Descriptor>
-    MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format, const Proc::ColorF& color = {});
-    // Leaves the resource in the render-target state.
-    Pixels Read(const boost::intrusive_ptr<DX::D12Descriptor>& target);
+    boost::intrusive_ptr<DX::D12Descriptor> MakeTarget(unsigned width, unsigned height,
+                                                       DXGI_FORMAT format,
+                                                       const Proc::ColorF& color = {}) {
+        auto target = m_device->CreateRenderTargetView(
+            MakeTexture(width, height, format, D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET,
+                        D3D12_RESOURCE_STATE_RENDER_TARGET));
+        Record([&](const auto& allocator) { allocator->ClearRenderTargetView(target, color, {}); });
+        return target;
+    }
+    // Of the render-target state, which it leaves it in.
+    Pixels Read(const CComPtr<ID3D12Resource>& texture) {
+        const D3D12_RESOURCE_DESC desc = Platform::GetDesc(texture);
+        const auto width = static_cast<unsigned>(desc.Width);
+        const std::uint64_t pitch = std::uint64_t{width} * BytesPerPixel(desc.Format);
+        std::vector<std::uint8_t> bytes(pitch * desc.Height);
+        DX::D12DownloadResourceParams params;
+        params.source = texture;
+        params.stateBefore = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        params.stateAfter = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        params.subresources = {{bytes.data(), pitch, bytes.size()}};
+        m_queue->DownloadResource(params);
+        return DecodePixels(bytes.data(), pitch, width, desc.Height, desc.Format);
+    }
+    Pixels Read(const boost::intrusive_ptr<DX::D12Descriptor>& target) {
+        return Read(target->GetFirstResource());
+    }
+
+    // Executes what the call records on the allocator that it is given.
+    template <class Call>
+    void Record(const Call& call) {
+        const auto allocator = m_queue->CreateCommandAllocator();
+        call(allocator);
+        allocator->Execute();
+    }
 
 private:
-    boost::intrusive_ptr<DX::D12Device> m_device;
-    boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
+    CComPtr<ID3D12Resource> MakeTexture(unsigned width, unsigned height, DXGI_FORMAT format,
+                                        D3D12_RESOURCE_FLAGS flags, D3D12_RESOURCE_STATES state) {
+        DX::D12Texture2DDesc desc;
+        desc.width = width;
+        desc.height = height;
+        desc.format = format;
+        desc.resourceFlags = flags;
+        desc.initialState = state;
+        return m_device->CreateTexture2D(desc);
+    }
+
+    boost::intrusive_ptr<DX::D12Device> m_device = DX::D12Device::CreatePrimary();
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue{new DX::D12CommandQueue(m_device, {})};
 };
 
 } // namespace Norvex::Test

@@ -3,6 +3,7 @@
 // The same as Canvas.h on Direct3D 11: textures filled from pixels, and pixels read back. Any
 // device; by default the system's first adapter's.
 
+#include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -11,22 +12,71 @@
 namespace Norvex::Test {
 
 // One mip level, default usage, no flags.
-D3D11_TEXTURE2D_DESC MakeTextureDesc11(unsigned width, unsigned height, DXGI_FORMAT format);
+inline D3D11_TEXTURE2D_DESC MakeTextureDesc11(unsigned width, unsigned height, DXGI_FORMAT format) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    desc.Width = width;
+    desc.Height = height;
+    desc.MipLevels = 1;
+    desc.ArraySize = 1;
+    desc.Format = format;
+    desc.SampleDesc.Count = 1;
+    return desc;
+}
 
 class Canvas11 {
 public:
+    using ImageDraw = DX::D11ImageDraw;
+    using ImageRenderer = DX::D11ImageRenderer;
+
     explicit Canvas11(
-        const boost::intrusive_ptr<DX::D11Device>& device = DX::D11Device::CreatePrimary());
+        const boost::intrusive_ptr<DX::D11Device>& device = DX::D11Device::CreatePrimary())
+        : m_device(device) {}
 
     const boost::intrusive_ptr<DX::D11Device>& GetDevice() const { return m_device; }
 
     // Formats as in Pixels.h.
     boost::intrusive_ptr<DX::D11ShaderTexture2D> MakeSource(const Pixels& pixels,
-                                                            DXGI_FORMAT format);
-    boost::intrusive_ptr<DX::D11RenderTexture2D>
-    MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format, const Proc::ColorF& color = {});
+                                                            DXGI_FORMAT format) {
+        const std::vector<std::uint8_t> bytes = EncodePixels(pixels, format);
+        const D3D11_SUBRESOURCE_DATA data = {bytes.data(), pixels.width * BytesPerPixel(format), 0};
+        return DX::D11ShaderTexture2D::Create(
+            m_device, MakeTextureDesc11(pixels.width, pixels.height, format), &data);
+    }
+    boost::intrusive_ptr<DX::D11RenderTexture2D> MakeTarget(unsigned width, unsigned height,
+                                                            DXGI_FORMAT format,
+                                                            const Proc::ColorF& color = {}) {
+        auto target =
+            DX::D11RenderTexture2D::Create(m_device, MakeTextureDesc11(width, height, format));
+        Record([&](const auto& on) { on->ClearRenderTargetView(target->GetView(), color); });
+        return target;
+    }
     // Holds the device's Encode.
-    Pixels Read(ID3D11Texture2D* texture);
+    Pixels Read(ID3D11Texture2D* texture) {
+        D3D11_TEXTURE2D_DESC desc = {};
+        texture->GetDesc(&desc);
+        desc.Usage = D3D11_USAGE_STAGING;
+        desc.BindFlags = 0;
+        desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
+        const auto staging = m_device->CreateTexture2D(desc, nullptr);
+        Pixels pixels;
+        Record([&](const auto& context) {
+            context->CopyResource(staging, texture);
+            const auto mapped = context->Map(staging, 0, D3D11_MAP_READ, {});
+            pixels = DecodePixels(static_cast<const std::uint8_t*>(mapped.pData), mapped.RowPitch,
+                                  desc.Width, desc.Height, desc.Format);
+            context->Unmap(staging, 0);
+        });
+        return pixels;
+    }
+    Pixels Read(const boost::intrusive_ptr<DX::D11RenderTexture2D>& target) {
+        return Read(target->GetTexture());
+    }
+
+    // The call is given the device's context.
+    template <class Call>
+    void Record(const Call& call) {
+        m_device->Encode(call);
+    }
 
 private:
     boost::intrusive_ptr<DX::D11Device> m_device;

@@ -21,25 +21,13 @@
 
 namespace Norvex::Test {
 
-// A raw swap chain, of the class whose methods a test patches.
-inline CComPtr<IDXGISwapChain> MakeRawSwapChain(bool isDirect3D12, HWND window) {
-    const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
-    if (!isDirect3D12) {
-        return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
-    }
-    const boost::intrusive_ptr<DX::D12CommandQueue> queue(
-        new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
-    return queue->CreateSwapChainForHwnd(window, desc).p;
-}
-
 class HDRDisplay {
 public:
     enum Call { EnumOutputs, Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
     using Outputs = std::vector<std::pair<RECT, bool>>; // place, whether in HDR
 
     // The displays that there are, in HDR.
-    explicit HDRDisplay(bool isDirect3D12)
-        : m_probe(MakeRawSwapChain(isDirect3D12, m_window.Get())) {}
+    explicit HDRDisplay(bool isDirect3D12) : m_probe(MakeSwapChain(isDirect3D12, m_window.Get())) {}
 
     void Switch(bool isHDR) {
         m_isHDR = isHDR;
@@ -53,15 +41,17 @@ public:
             m_outputs.push_back(std::make_unique<Output>(rect, isHDR));
         }
     }
-    // That others hold.
-    int CountReferences() const {
-        int references = 0;
-        for (const auto& output : m_outputs) {
-            references += output->GetReferences();
+    // One of the class that is stood in for.
+    static CComPtr<IDXGISwapChain> MakeSwapChain(bool isDirect3D12, HWND window) {
+        const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
+        if (!isDirect3D12) {
+            return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
         }
-        return references;
+        const boost::intrusive_ptr<DX::D12CommandQueue> queue(
+            new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
+        return queue->CreateSwapChainForHwnd(window, desc).p;
     }
-
+    IDXGISwapChain* GetSwapChain() const { return m_probe; }
     // The next calls answer E_ACCESSDENIED.
     void Fail(Call call, int times) { m_failures[call] = times; }
     int Count(Call call) const { return m_counts[call]; }

@@ -1,8 +1,8 @@
 #pragma once
 
 // Pictures in memory, as textures hold them. Formats: R, RG and RGBA of 8 or 16 bits UNORM,
-// R16G16B16A16_FLOAT, R32G32B32A32_FLOAT; any other throws std::invalid_argument. Channels that a
-// format lacks are 0. Pure functions.
+// R32G32B32A32_FLOAT; any other throws std::invalid_argument. Channels that a format lacks are 0.
+// Pure functions.
 
 #include <array>
 #include <cstddef>
