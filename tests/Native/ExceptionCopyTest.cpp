@@ -14,22 +14,13 @@ using Norvex::ErrorDescription;
 using Norvex::Core::CoreException;
 
 std::string SentenceOf(const CoreException& exception) {
-    const auto* const sentence = boost::get_error_info<ErrorDescription>(exception);
-    return sentence != nullptr ? *sentence : "(none)";
-}
-
-// By value: a copy is made.
-void ExpectFacts(CoreException copy) {
-    EXPECT_EQ(SentenceOf(copy), "Valve is stuck");
-    EXPECT_STREQ(*boost::get_error_info<boost::throw_file>(copy),
-                 "tests/Native/ExceptionCopyTest.cpp");
+    return *boost::get_error_info<ErrorDescription>(exception);
 }
 
 TEST(ExceptionCopyTest, CopiesHaveTheirOwnFacts) {
     const auto original = CoreException() << ErrorDescription("Valve is stuck");
     CoreException copy(original);
     CoreException assigned;
-    EXPECT_EQ(SentenceOf(assigned), "(none)");
     assigned = copy;
     copy << ErrorDescription("Pump is dry");
     EXPECT_EQ(SentenceOf(original), "Valve is stuck");
@@ -52,7 +43,7 @@ TEST(ExceptionCopyTest, ThreadsCopyOneExceptionAtOnce) {
             rethrow();
             ADD_FAILURE() << "nothing was thrown";
         } catch (const CoreException& exception) {
-            ExpectFacts(exception);
+            EXPECT_EQ(SentenceOf(CoreException(exception)), "Valve is stuck");
         }
     };
     Norvex::Test::RunThreads(4, [&](unsigned) {

@@ -34,9 +34,7 @@ private:
         }
         return ::operator new(size);
     }
-    static void* Malloc(std::size_t size) {
-        return IsRefused() ? nullptr : std::malloc(size);
-    }
+    static void* Malloc(std::size_t size) { return IsRefused() ? nullptr : std::malloc(size); }
 
     static inline DWORD s_thread = 0;
     static inline int s_allocationsLeft = 0;
