@@ -97,7 +97,6 @@ TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {
         Open(std::exchange(gate, MakeGate()));
         for (Host& host : hosts) {
             host.allocator->WaitComplete();
-            EXPECT_TRUE(host.allocator->IsCompleted());
             host.isBusy = false;
         }
         D12CommandAllocator::WaitAllComplete();
@@ -113,16 +112,6 @@ TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {
                 list->OMSetRenderTarget(nullptr, nullptr);
             }
         });
-    };
-    // Not the lists of an allocator that has gone before it closed them.
-    const auto enqueueOther = [&](Host& host, bool isClosed) {
-        const ListPtr list = Queue()->CreateCommandAllocator()->CreateCommandList(nullptr);
-        list->TrackObject(MakeTracked());
-        if (isClosed) {
-            list->Close();
-            host.allocator->EnqueueCommandList(list);
-            ++host.recorded;
-        }
     };
     const auto execute = [&](Host& host, unsigned kind) {
         if (host.isBusy) { // this would wait for its last submission
@@ -163,8 +152,14 @@ TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {
             EXPECT_EQ(SentenceOf([&] { giveUp(host.allocator, kind == 0); }),
                       kind == 0 ? "Failed to close command list"
                                 : "The descriptor is not a render target view");
-        } else if (action == 4) {
-            enqueueOther(host, kind < 2);
+        } else if (action == 4) { // a list that outlives its allocator, and may stay open
+            const ListPtr list = Queue()->CreateCommandAllocator()->CreateCommandList(nullptr);
+            list->TrackObject(MakeTracked());
+            if (kind < 2) {
+                list->Close();
+                host.allocator->EnqueueCommandList(list);
+                ++host.recorded;
+            }
         } else if (action < 7 && host.recorded > 0) {
             execute(host, kind);
             mustFinish = kind == 1; // nobody waits for it by itself
@@ -203,9 +198,6 @@ TEST_F(D3D12CommandTest, ListsKeepWhatTheyName) {
     check("part", [](auto& list, auto& a, auto& b) { list.CopyBufferRegion(a, 0, b, 0, 4); });
     check("aliasing",
           [](auto& list, auto& a, auto& b) { list.ResourceBarrier({Barrier::Aliasing(a, b)}); });
-    check("others", [](auto& list, auto& a, auto& b) {
-        list.ResourceBarrier({Barrier::UAV(a), Barrier::Transition(b, {}, kCopyTo)});
-    });
     check("input", [](auto& list, auto& a, auto& b) {
         list.IASetVertexBuffers(0, {D12VertexBuffer::Create(a, 4, 1)});
         list.IASetIndexBuffer(D12IndexBuffer::Create(b, DXGI_FORMAT_R16_UINT, 2, 4));
@@ -225,63 +217,52 @@ TEST_F(D3D12CommandTest, TrackingManyObjectsTakesNoLongerEach) {
                                     [](const auto& object) { return object->GetRefCount() == 2; }));
 }
 
-TEST_F(D3D12CommandTest, SubmissionsWaitForEventsForOthersAndForTheirOwnLast) {
-    const auto copyQueue = MakeQueue(D3D12_COMMAND_LIST_TYPE_COPY);
-    const auto gate = MakeGate();
-    const auto first = copyQueue->CreateCommandAllocator();
-    const auto second = Queue()->CreateCommandAllocator();
-    Record(first);
-    first->Wait(gate);
-    first->Execute();
-    second->Wait(first);
-    Record(second);
-    second->Execute();
-    Record(first);
-    std::atomic<bool> isOpen{false};
-    std::jthread opener([&] {
-        std::this_thread::sleep_for(100ms);
-        EXPECT_FALSE(first->IsCompleted() || second->IsCompleted());
-        isOpen = true;
-        Open(gate);
-    });
-    first->Execute();
-    EXPECT_TRUE(isOpen);
-    second->WaitComplete();
-    EXPECT_TRUE(second->IsCompleted());
-}
-
 // The GPU is busy with one frame while the next is recorded: two Direct3D allocators take turns.
-TEST_F(D3D12CommandTest, MemoryIsResetByTheRecordingThreadWhenTheGpuHasLeftIt) {
+// Each frame waits for the one before it, and another queue for each frame.
+TEST_F(D3D12CommandTest, SubmissionsWaitAndMemoryIsResetWhenTheGpuHasLeftIt) {
     constexpr int kFrames = 20;
-    ASSERT_EQ(CountAlive(), 0);
-    const auto thread = std::this_thread::get_id();
+    const auto copyQueue = MakeQueue(D3D12_COMMAND_LIST_TYPE_COPY);
     const auto allocator = Queue()->CreateCommandAllocator();
+    const auto other = copyQueue->CreateCommandAllocator();
     CComPtr<ID3D12CommandAllocator> any;
     ASSERT_EQ(Raw()->CreateCommandAllocator(kDirect, IID_PPV_ARGS(&any)), S_OK);
     const CallCount<&ID3D12Device::CreateCommandAllocator> made(Raw());
+    std::atomic<bool> isRecording{false};
     std::vector<ID3D12CommandAllocator*> resets;
     const MethodPatch<&ID3D12CommandAllocator::Reset> patch(any, [&](auto original, auto* self) {
-        EXPECT_EQ(std::this_thread::get_id(), thread);
-        resets.push_back(self);
+        if (isRecording) {
+            resets.push_back(self);
+        }
         return original(self);
     });
     EventPtr last;
     for (int frame = 0; frame < kFrames; ++frame) {
         const auto gate = MakeGate();
         allocator->Wait(gate);
+        isRecording = true;
         Record(allocator);
         Record(allocator);
-        if (last != nullptr) {
-            Open(last);
-        }
+        isRecording = false;
+        const std::jthread opener([last] {
+            std::this_thread::sleep_for(2ms);
+            if (last != nullptr) {
+                Open(last);
+            }
+        });
         allocator->Execute();
+        EXPECT_TRUE(last == nullptr || last->IsCompleted());
+        other->Wait(allocator);
+        Record(other);
+        other->Execute();
+        EXPECT_FALSE(allocator->IsCompleted() || other->IsCompleted());
         last = gate;
     }
     Open(last);
-    allocator->WaitComplete();
+    other->WaitComplete();
+    EXPECT_TRUE(allocator->IsCompleted());
     EXPECT_EQ(resets.size(), kFrames - 1u);
     EXPECT_EQ(std::ranges::adjacent_find(resets), resets.end());
-    EXPECT_LE(made.Get(), 1);
+    EXPECT_LE(made.Get(), 2);
 }
 
 TEST_F(D3D12CommandTest, WaitingKeepsWhatIsRecordedAndClearsKeepToTheirRectangles) {
@@ -334,9 +315,6 @@ TEST_F(D3D12CommandTest, RegionsTravelThereAndBack) {
     upload.destinationOffset = download.sourceOffset = 157;
     refuse("Uploading data does not fit in the destination",
            "Downloading data does not fit in the source");
-    upload.destinationOffset = download.sourceOffset = 0;
-    upload.data = download.destination = nullptr;
-    refuse("Invalid upload data", "Invalid download data");
     upload.destination = download.source = s_canvas->MakeTexture({1, 1, {Color{}}}, kColor);
     refuse("Destination resource is not a buffer", "Source resource is not a buffer");
     upload.destination = download.source = nullptr;
@@ -376,11 +354,8 @@ TEST_F(D3D12CommandTest, RefusesWhatCannotBe) {
     const auto allocator = Queue()->CreateCommandAllocator();
     NORVEX_REFUSED("There is no active command list", allocator->TrackObject(Queue()->Get()));
     NORVEX_REFUSED("There are no command lists to execute", allocator->Execute());
-    NORVEX_REFUSED("Command list is null", allocator->EnqueueCommandList(nullptr));
     NORVEX_REFUSED("Completion event is null", allocator->Wait(EventPtr()));
     NORVEX_REFUSED("Command allocator is null", allocator->Wait(AllocatorPtr()));
-    NORVEX_REFUSED("Command queue is null", D12CommandAllocator(nullptr));
-    NORVEX_REFUSED("DirectX 12 device is null", D12CommandQueue(nullptr, {}));
     const auto list = allocator->CreateCommandList(nullptr);
     NORVEX_REFUSED("Command list already queued", allocator->EnqueueCommandList(list));
     NORVEX_REFUSED(kOpen, allocator->Execute());
@@ -392,18 +367,13 @@ TEST_F(D3D12CommandTest, RefusesWhatCannotBe) {
     list->OMSetRenderTargets(std::vector(8, target), nullptr);
     NORVEX_REFUSED("Invalid render target count",
                    list->OMSetRenderTargets(std::vector(9, target), nullptr));
-    for (const auto& view : {source, ViewPtr()}) {
-        NORVEX_REFUSED(kNotTarget, list->OMSetRenderTarget(view, nullptr));
-        NORVEX_REFUSED(kNotTarget, list->OMSetRenderTargets({target, view}, nullptr));
-        NORVEX_REFUSED(kNotTarget, list->ClearRenderTargetView(view, {}, {}));
-    }
+    NORVEX_REFUSED(kNotTarget, list->OMSetRenderTargets({target, source}, nullptr));
+    NORVEX_REFUSED(kNotTarget, list->OMSetRenderTargets({nullptr}, nullptr));
+    NORVEX_REFUSED(kNotTarget, list->ClearRenderTargetView(source, {}, {}));
     NORVEX_REFUSED("Vertex buffer is null", list->Draw(nullptr));
     NORVEX_REFUSED("Index buffer is null", list->DrawIndexed(nullptr));
     NORVEX_REFUSED("Query is null", list->EndQuery(nullptr));
     NORVEX_REFUSED("Resource is null", list->CopyResource(MakeBuffer(4), nullptr));
-    NORVEX_REFUSED("Resource is null", list->CopyTextureRegion({}, 0, 0, 0, {}, nullptr));
-    NORVEX_REFUSED("Resource is null", list->UploadResource({}));
-    NORVEX_REFUSED("Resource is null", Queue()->DownloadResource({}));
     list->IASetVertexBuffers(1, {nullptr, nullptr});
     list->IASetIndexBuffer(nullptr);
 }

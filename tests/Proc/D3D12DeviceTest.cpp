@@ -57,14 +57,12 @@ TEST_F(D3D12DeviceTest, BuffersAndFootprintsAreChecked) {
             [&] { s_device->GetCopyableFootprints(desc, first, count, 512, footprints, total); });
     };
     constexpr unsigned kLast = D3D12_REQ_SUBRESOURCES - 1;
-    constexpr auto kOutOfRange = "Subresource index out of range";
     EXPECT_EQ(ask(kLast, 1), "(nothing)");
-    EXPECT_EQ(ask(kLast, 2), kOutOfRange);
-    EXPECT_EQ(ask(1, ~0u), kOutOfRange);
+    EXPECT_EQ(ask(kLast, 2), "Subresource index out of range");
+    EXPECT_EQ(ask(1, ~0u), "Subresource index out of range");
     EXPECT_EQ(ask(0, 2), "(nothing)");
     ASSERT_EQ(footprints.size(), 2u);
     EXPECT_EQ(footprints[0].Offset, 512u);
-    EXPECT_EQ(footprints[1].NumRows, 3u);
     EXPECT_EQ(footprints[1].RowSizeInBytes, 280u);
 }
 
@@ -149,35 +147,24 @@ TEST_F(D3D12DeviceTest, ListsAndAllocatorsAreReused) {
     D12AllocatorState state = device->CreateCommandAllocator(kDirect);
     const CComPtr<ID3D12CommandAllocator> allocator(state.Get());
     device->ReuseCommandAllocator(kDirect, std::move(state));
-    EXPECT_NE(device->CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE_COPY).Get(), allocator);
     state = device->CreateCommandAllocator(kDirect);
     EXPECT_EQ(state.Get(), allocator);
 
     const auto makeList = [&](auto type) { return device->CreateCommandList(type, allocator, {}); };
-    const auto makeClosed = [&](auto type) {
-        return device->CreateClosedCommandList(type, __uuidof(ID3D12CommandList));
+    const auto list = makeList(kDirect);
+    const auto reuse = [&] {
+        ASSERT_EQ(list->Close(), S_OK);
+        device->ReuseCommandList(CComPtr<ID3D12CommandList>(list.p));
     };
-    auto list = makeList(kDirect);
-    ASSERT_EQ(list->Close(), S_OK);
-    ID3D12GraphicsCommandList* const raw = list;
-    const auto reuse = [&] { device->ReuseCommandList(CComPtr<ID3D12CommandList>(list.p)); };
     reuse();
-    list = makeList(kDirect);
-    EXPECT_EQ(list.p, raw);
-    EXPECT_EQ(list->Close(), S_OK) << "it was open for recording";
-    reuse();
+    EXPECT_EQ(makeList(kDirect).p, list.p);
+    reuse(); // it was open for recording
     ExpectFailure12By<&ID3D12GraphicsCommandList::Reset>(
         list, [&] { makeList(kDirect); }, "Failed to reset command list", "CreateCommandList");
-    reuse();
-    EXPECT_EQ(makeClosed(kDirect).p, raw);
-    constexpr auto kVideo = D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE;
-    CComPtr<ID3D12Device4> device4;
-    ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device4)), S_OK);
-    ExpectFailure12By<&ID3D12Device4::CreateCommandList1>(
-        device4, [&] { makeClosed(kVideo); }, "Failed to create command list",
-        "CreateClosedCommandList");
-    ExpectFailure12([&] { makeList(kVideo); }, "Unsupported command list type: 4",
-                    "CreateCommandList");
+    device->ReuseCommandList(CComPtr<ID3D12CommandList>(list.p));
+    EXPECT_EQ(device->CreateClosedCommandList(kDirect, __uuidof(ID3D12CommandList)).p, list.p);
+    ExpectFailure12([&] { makeList(D3D12_COMMAND_LIST_TYPE_VIDEO_DECODE); },
+                    "Unsupported command list type: 4", "CreateCommandList");
 }
 
 // After a time of much work at once a pool keeps what steady work needs, and that makes nothing

