@@ -387,15 +387,22 @@ TEST_F(D3D12CommandTest, AFailedDownloadKeepsItsBufferFromThePool) {
     params.pool = Device()->CreateBufferPool(kReadback);
     const auto gate = MakeGate();
     ASSERT_EQ(Queue()->Get()->Wait(gate->GetFence(), gate->GetValue()), S_OK);
+    std::size_t freeBuffers = 1;
+    std::atomic<int> waits{0};
+    // The download's own wait fails and that of the background; the allocator's end waits.
     const MethodPatch<&ID3D12Fence::SetEventOnCompletion> patch(
-        gate->GetFence(), [thread = std::this_thread::get_id()](auto original, auto... arguments) {
-            return std::this_thread::get_id() == thread ? E_OUTOFMEMORY : original(arguments...);
+        gate->GetFence(), [&](auto original, auto... arguments) -> HRESULT {
+            if (++waits <= 2) {
+                return E_OUTOFMEMORY;
+            }
+            freeBuffers = params.pool->CountFree().first;
+            Open(gate);
+            return original(arguments...);
         });
     EXPECT_EQ(SentenceOf([&] { Queue()->DownloadRegion(params); }),
               "Failed to set event on completion");
-    EXPECT_EQ(params.pool->CountFree().first, 0u);
-    Open(gate);
     D12CommandAllocator::WaitAllComplete();
+    EXPECT_EQ(freeBuffers, 0u);
     EXPECT_EQ(params.pool->CountFree().first, 1u);
 }
 

@@ -51,13 +51,17 @@ protected:
 // The vertices' constants have the pixels' register. The static sampler repeats, the other clamps.
 TEST_F(D3D12ShaderParametersTest, ADrawReadsEveryParameterInEveryVersion) {
     D12GraphicsPipelineDesc desc;
-    desc.vertexShader = D12Shader::CreateVertex("main", R"(
+    const std::string vertex =
+        "struct Vertex { float4 at: SV_POSITION; nointerpolation float read: READ; };";
+    desc.vertexShader = D12Shader::CreateVertex("main", vertex + R"(
         cbuffer Constants: register(b0) { uint number; };
-        float4 main(uint id: SV_VertexID, out nointerpolation float read: READ): SV_POSITION {
-            read = number;
-            return float4(id == 2 ? 3 : -1, id == 1 ? 3 : -1, 0, 1);
+        Vertex main(uint id: SV_VertexID) {
+            Vertex vertex;
+            vertex.at = float4(id == 2 ? 3 : -1, id == 1 ? 3 : -1, 0, 1);
+            vertex.read = number;
+            return vertex;
         })");
-    desc.pixelShader = D12Shader::CreatePixel("main", R"(
+    desc.pixelShader = D12Shader::CreatePixel("main", vertex + R"(
         cbuffer Constants: register(b0) { uint low; uint high; };
         cbuffer Inline: register(b1) { uint inlined; };
         cbuffer View: register(b2) { uint viewed; };
@@ -68,15 +72,15 @@ TEST_F(D3D12ShaderParametersTest, ADrawReadsEveryParameterInEveryVersion) {
         RWStructuredBuffer<uint> inlineWritten: register(u1);
         SamplerState clamping: register(s0);
         SamplerState repeating: register(s1);
-        float4 main(nointerpolation float read: READ, float4 at: SV_POSITION): SV_TARGET {
+        float4 main(Vertex vertex): SV_TARGET {
             float4 constants = float4(low, high, inlined, viewed);
             float4 loaded = float4(first.Load(int3(0, 0, 0)).x, second.Load(int3(0, 0, 0)).x,
-                                   third.Load(int3(0, 0, 0)).x, read);
+                                   third.Load(int3(0, 0, 0)).x, vertex.read);
             float2 beyond = float2(1.25, 0.5);
             float4 others = float4(inlineRead.Load(0), inlineWritten[0],
                                    first.SampleLevel(clamping, beyond, 0).x,
                                    first.SampleLevel(repeating, beyond, 0).x);
-            return at.x < 1 ? constants : at.x < 2 ? loaded : others;
+            return vertex.at.x < 1 ? constants : vertex.at.x < 2 ? loaded : others;
         })");
     desc.rasterizer = CD3DX12_RASTERIZER_DESC(D3D12_DEFAULT);
     desc.primitiveTopologyType = D3D12_PRIMITIVE_TOPOLOGY_TYPE_TRIANGLE;
