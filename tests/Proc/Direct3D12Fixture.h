@@ -78,14 +78,6 @@ protected:
     }
 };
 
-// One function in the place of several methods.
-template <auto... methods>
-struct MethodPatches : MethodPatch<methods>... {
-    template <class Function>
-    MethodPatches(IUnknown* object, const Function& function)
-        : MethodPatch<methods>(object, function)... {}
-};
-
 template <auto method>
 class CallCount {
 public:
@@ -103,18 +95,6 @@ private:
 
 // Expects the call, which comes last, to be refused by the function that it names.
 #define NORVEX_REFUSED(sentence, ...) NORVEX_EXPECT_REFUSED12(sentence, __VA_ARGS__)
-
-// Expects the call, which comes last, to fail while the object's method does, and to work again
-// afterwards.
-template <auto method, class Call>
-void ExpectFails12(IUnknown* object, const char* sentence, const std::string& function,
-                   const Call& call) {
-    ExpectFailure12By<method>(object, call, sentence, function);
-    EXPECT_NO_THROW(call()) << sentence;
-}
-#define NORVEX_FAILS_BY(method, object, sentence, ...)                                             \
-    Norvex::Test::ExpectFails12<&method>(object, sentence, Norvex::Test::FunctionIn(#__VA_ARGS__), \
-                                         [&] { __VA_ARGS__; })
 
 // A further handle, where there can be one.
 template <class Object>

@@ -1,7 +1,7 @@
 #pragma once
 
-// While it lives, the library's DLL gets no memory from operator new on the thread that made it.
-// Not nested.
+// While it lives, the library's DLL gets no memory from operator new on the thread that made it,
+// or only so many times more. Not nested.
 
 #include <cstdlib>
 #include <new>
@@ -15,28 +15,29 @@ namespace Norvex::Test {
 class OutOfMemory {
 public:
     // The C++ runtime's operator new is imported, or is part of the DLL and imports malloc.
-    OutOfMemory() {
+    explicit OutOfMemory(int allocationsLeft = 0) {
         try {
             m_patch.emplace(L"NorvexDX.dll", "_Znwy", &New);
         } catch (const std::runtime_error&) {
             m_patch.emplace(L"NorvexDX.dll", "malloc", &Malloc);
         }
+        s_allocationsLeft = allocationsLeft;
         s_thread = GetCurrentThreadId();
     }
     ~OutOfMemory() { s_thread = 0; }
 
 private:
+    static bool IsRefused() { return s_thread == GetCurrentThreadId() && s_allocationsLeft-- <= 0; }
     static void* New(std::size_t size) {
-        if (s_thread == GetCurrentThreadId()) {
+        if (IsRefused()) {
             throw std::bad_alloc();
         }
         return ::operator new(size);
     }
-    static void* Malloc(std::size_t size) {
-        return s_thread == GetCurrentThreadId() ? nullptr : std::malloc(size);
-    }
+    static void* Malloc(std::size_t size) { return IsRefused() ? nullptr : std::malloc(size); }
 
     static inline DWORD s_thread = 0;
+    static inline int s_allocationsLeft = 0;
     std::optional<ImportPatch> m_patch;
 };
 

@@ -29,10 +29,4 @@ std::string WordsOf(const Value* values, std::size_t count = 1) {
     return fmt::format("{}", fmt::join(words, " "));
 }
 
-inline std::string BarrierText(const D3D12_RESOURCE_BARRIER& barrier) {
-    const auto& [resource, subresource, before, after] = barrier.Transition;
-    return fmt::format("{}: {} from {} to {}, flags {}", fmt::ptr(resource), subresource, +before,
-                       +after, +barrier.Flags);
-}
-
 } // namespace Norvex::Test
