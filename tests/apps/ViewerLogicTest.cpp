@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstring>
 #include <set>
 
 #include <fmt/format.h>
@@ -143,10 +144,11 @@ TEST(ViewerLogicTest, DecodesTheSelectedPictureAndItsNeighbours) {
 
 TEST(ViewerLogicTest, ScreenshotsOfHDRArePQ) {
     // Grey of 203 cd/m2; red of 80; less than nothing.
-    constexpr double kWhite = 203.0 / 80.0;
-    const Pixels colors = {3, 1, {{kWhite, kWhite, kWhite, 1}, {1, 0, 0, 1}, {-1, -1, -1, 1}}};
-    constexpr auto kScRGB = DXGI_FORMAT_R16G16B16A16_FLOAT;
-    const Image shot = MakeScreenshot({{3, 1}, kScRGB, EncodePixels(colors, kScRGB)});
+    constexpr std::array<std::uint16_t, 4> kHalfs[] = {
+        {0x4113, 0x4113, 0x4113, 0x3C00}, {0x3C00, 0, 0, 0x3C00}, {0xBC00, 0xBC00, 0xBC00, 0x3C00}};
+    ScreenPixels floats = {{3, 1}, DXGI_FORMAT_R16G16B16A16_FLOAT, Bytes(sizeof(kHalfs))};
+    std::memcpy(floats.bytes.data(), kHalfs, sizeof(kHalfs));
+    const Image shot = MakeScreenshot(floats);
     // SMPTE ST 2084 of 203 cd/m2 is 0.580688881.
     ExpectPixel(shot, 0, 0, {38055, 38055, 38055, 65535}, 8);
     ExpectPixel(shot, 2, 0, {0, 0, 0, 65535}, 0);
