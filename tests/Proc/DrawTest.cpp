@@ -262,7 +262,8 @@ TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
                 {.source = MakeQuadrants(w, h), .view = view, .rect = rect, .size = {100, 50}});
             const auto expected = [&](std::size_t i) {
                 const double x = static_cast<double>(i % 100) + 0.5;
-                const double y = static_cast<double>(i / 100) + 0.5;
+                const std::size_t row = i / 100;
+                const double y = static_cast<double>(row) + 0.5;
                 if (x < left || x > right || y < top || y > bottom) {
                     return Color{};
                 }

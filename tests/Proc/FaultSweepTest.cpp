@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <iterator>
 #include <map>
@@ -316,9 +315,10 @@ CComPtr<Object> Make(const Create& create) {
     return object;
 }
 
-// NORVEX_INTERPOSE(object, method, telling): for a `faults` in scope.
+// NORVEX_INTERPOSE(object, method, telling): for a `faults` in scope. The address of a member takes
+// no parentheses.
 #define NORVEX_INTERPOSE(object, method, ...)                                                      \
-    faults.Interpose<&method>(object, #method, __VA_ARGS__)
+    faults.Interpose<&method>(object, #method, __VA_ARGS__) // NOLINT(bugprone-macro-parentheses)
 
 void InterposePresentation(Faults& faults, IDXGISwapChain* swapChain) {
     const auto factory =
@@ -434,16 +434,17 @@ std::string NameOf(const testing::TestParamInfo<Row>& row) {
 // The first and the last call of each method, each with one of the results; with NORVEX_SWEEP set
 // all calls with all results.
 std::vector<std::pair<int, std::size_t>> ChooseFaults(const std::vector<std::string>& calls) {
+    const bool isWhole = GetEnvironmentVariableW(L"NORVEX_SWEEP", nullptr, 0) != 0;
     std::vector<std::pair<int, std::size_t>> chosen;
     for (auto call = calls.begin(); call != calls.end(); ++call) {
+        const auto number = static_cast<int>(call - calls.begin());
         const bool isFirst = std::find(calls.begin(), call, *call) == call;
         const bool isLast = std::find(call + 1, calls.end(), *call) == calls.end();
-        for (std::size_t i = 0; i < std::size(kFaults); ++i) {
-            if (std::getenv("NORVEX_SWEEP") != nullptr ||
-                ((isFirst || isLast) && chosen.size() % std::size(kFaults) == i)) {
-                chosen.emplace_back(static_cast<int>(call - calls.begin()), i);
-                i = std::getenv("NORVEX_SWEEP") != nullptr ? i : std::size(kFaults);
-            }
+        for (std::size_t i = 0; isWhole && i < std::size(kFaults); ++i) {
+            chosen.emplace_back(number, i);
+        }
+        if (!isWhole && (isFirst || isLast)) {
+            chosen.emplace_back(number, chosen.size() % std::size(kFaults));
         }
     }
     return chosen;
