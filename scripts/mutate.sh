@@ -129,4 +129,4 @@ flush
 echo
 echo "$found of $made mistakes were found."
 [ "$stale" = 0 ] || { echo "$stale do not fit the sources any more" >&2; exit 1; }
-[ $((found * 100)) -ge $((made * kLeastShare)) ]
+[ "$made" -gt 0 ] && [ $((found * 100)) -ge $((made * kLeastShare)) ]
