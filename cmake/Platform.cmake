@@ -13,13 +13,14 @@ target_include_directories(norvex_platform INTERFACE "${CMAKE_SOURCE_DIR}")
 target_compile_definitions(norvex_platform INTERFACE
     NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE _WIN32_WINNT=0x0A00
     GLOG_NO_ABBREVIATED_SEVERITIES) # the Windows headers have a macro ERROR of their own
-target_link_libraries(norvex_platform INTERFACE Boost::headers fmt::fmt-header-only)
+target_link_libraries(norvex_platform INTERFACE Boost::headers fmt::fmt)
 
 if(NOT MSVC)
     # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's
     # debugger reads.
     target_compile_options(norvex_platform INTERFACE
-        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" $<IF:$<CONFIG:Debug>,-g,-g1> -gdwarf-4)
+        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -gdwarf-4
+        "$<IF:$<CONFIG:Debug>,-g,-g1;-fno-var-tracking>") # lines without variables need no tracking
 else()
     # With either separator: the compiler compares letters, and paths come in both forms.
     string(REPLACE "/" "\\" nativeFolder "${CMAKE_SOURCE_DIR}/")

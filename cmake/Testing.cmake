@@ -147,21 +147,16 @@ function(norvex_add_native_test)
     endif()
     set(folder "${CMAKE_BINARY_DIR}/native/${arg_NAME}")
     set(flags -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
-        -Wall -Wextra -Wpedantic -DNORVEX_STATIC -DFMT_HEADER_ONLY=1 "-I${CMAKE_SOURCE_DIR}"
-        -isystem "${kGoogleTestSource}/googletest/include")
+        -Wall -Wextra -Wpedantic -DNORVEX_STATIC "-I${CMAKE_SOURCE_DIR}")
     list(TRANSFORM arg_DEFINITIONS PREPEND -D)
     set(objects)
     foreach(source IN LISTS arg_SOURCES)
         get_filename_component(source "${source}" ABSOLUTE)
         norvex_native_object(objects "${folder}" "${source}" ${flags} -Werror ${arg_DEFINITIONS})
     endforeach()
-    foreach(source IN ITEMS gtest-all.cc gtest_main.cc)
-        norvex_native_object(objects "${folder}" "${kGoogleTestSource}/googletest/src/${source}"
-            ${flags} -w "-I${kGoogleTestSource}/googletest")
-    endforeach()
     add_custom_command(OUTPUT "${folder}/${arg_NAME}"
         COMMAND ${kNativeCompiler} -fsanitize=${arg_SANITIZER} ${objects}
-                -o "${folder}/${arg_NAME}" -pthread
+                -o "${folder}/${arg_NAME}" -lgtest_main -lgtest -lfmt -pthread
         DEPENDS ${objects} COMMENT "Linking native test ${arg_NAME}" VERBATIM)
     add_custom_target(${arg_NAME} ALL DEPENDS "${folder}/${arg_NAME}")
     add_test(NAME ${arg_NAME}

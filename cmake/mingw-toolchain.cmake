@@ -1,7 +1,7 @@
 # Cross toolchain: 64-bit Windows from Debian's mingw-w64 with POSIX threads.
 #
 # NORVEX_SDK (cache variable or environment) is the folder with what was cross-built for this
-# project: glog, libpng, GoogleTest. ./dev makes it and sets the variable.
+# project: glog, fmt and libpng. ./dev makes it and sets the variable.
 
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)

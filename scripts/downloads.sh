@@ -1,10 +1,11 @@
 # Sourced by ./dev: what is downloaded besides the packages of the Debian 13 system, each pinned by
 # its hash.
 
-kSourcePackages=(google-glog libpng1.6)
-kSourceFiles=(google-glog_0.6.0.orig.tar.gz libpng1.6_1.6.48.orig.tar.gz)
+kSourcePackages=(google-glog fmtlib libpng1.6)
+kSourceFiles=(google-glog_0.6.0.orig.tar.gz fmtlib_10.1.1+ds1.orig.tar.gz libpng1.6_1.6.48.orig.tar.gz)
 kSourceHashes=(
     8a83bf982f37bb70825df71a9709fa90ea9f4447fb3c099e1d720a439d88bad6
+    7000f214d2628f04174822f8048c573f1608194408d7931121595a03f1c18a17
     b17e99026055727e8cba99160c3a9a7f9af788e9f786daeadded5a42243f1dd0
 )
 # A photograph of 3840 x 2160 under CC0-1.0, for the demo.

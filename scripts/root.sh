@@ -8,7 +8,9 @@ kBuildPackages=(
     # compiling, for Windows and, for the sanitizers, for the machine itself
     g++-mingw-w64-x86-64-posix g++ cmake ninja-build
     # libraries
-    directx-headers-dev googletest libboost-dev libcli11-dev libfmt-dev libz-mingw-w64-dev nlohmann-json3-dev
+    directx-headers-dev libboost-dev libcli11-dev libz-mingw-w64-dev nlohmann-json3-dev
+    # GoogleTest as sources, to be cross-built; with fmt as libraries, for the sanitizers
+    googletest libgtest-dev libfmt-dev
 )
 kRunPackages=(
     # Windows programs, a display, software drivers and their validation
@@ -84,7 +86,7 @@ make_root() {
     apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
     as_root mmdebstrap --variant=minbase --mode=root --include="$packages" --aptopt="$target.apt.conf" \
         --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
-        --dpkgopt='path-exclude=/usr/share/man/*' --dpkgopt='path-exclude=/usr/share/locale/*' \
+        --dpkgopt=force-unsafe-io --dpkgopt='path-exclude=/usr/share/man/*' --dpkgopt='path-exclude=/usr/share/locale/*' \
         --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-include=/usr/share/doc/*/copyright' \
         "$kSuite" "$target" "deb $mirror $kSuite main"
     rm -f "$target.apt.conf"

@@ -1,5 +1,7 @@
 # Sourced by ./dev: what must be there before building and running, and the build itself.
 
+prefixMaker='' # the process that makes the Wine prefix
+
 # Names of everything that the set-up makes, from what it depends on.
 find_setup() {
     local scripts=$project/scripts
@@ -29,28 +31,40 @@ ensure_compiler() {
     fi
 }
 
-# The order keeps both the network and the processors busy: downloads go on beside the making of the
-# root, the Wine prefix beside the cross-building.
+# Downloads go on beside the making of the root.
 setup_steps() {
-    local download prefix
+    local download
     make_once "$downloads" "Downloading sources and a photograph, 14 MB" download &
     download=$!
     ensure_root
     wait "$download"
-    make_once "$winePrefix" "Making the Wine prefix" in_root "$project/scripts/wine-prefix.sh" &
-    prefix=$!
-    make_once "$sdk" "Cross-building glog and libpng" \
+    make_once "$sdk" "Cross-building glog, fmt and libpng" \
         in_root "$project/scripts/third-party.sh" "$downloads"
-    wait "$prefix"
 }
 
 is_set_up() {
-    [ -d "$downloads" ] && [ -d "$sdk" ] && [ -d "$winePrefix" ] && { [ -n "$native" ] || [ -d "$root" ]; }
+    [ -d "$downloads" ] && [ -d "$sdk" ] && { [ -n "$native" ] || [ -d "$root" ]; }
 }
 
 ensure_setup() {
     find_setup
     is_set_up || locked "$cache/lock" setup_steps
+}
+
+# Before a build that in_wine comes after: the Wine prefix is made beside it.
+begin_wine() {
+    [ -d "$winePrefix" ] || {
+        locked "$cache/wine-lock" make_once "$winePrefix" "Making the Wine prefix" \
+            in_root "$project/scripts/wine-prefix.sh" &
+        prefixMaker=$!
+    }
+}
+
+# in_wine COMMAND...: in_root, for what runs Windows programs
+in_wine() {
+    [ -z "$prefixMaker" ] || wait "$prefixMaker"
+    prefixMaker=''
+    in_root "$@"
 }
 
 # build TARGET...: configures where that is due, then builds; none: everything. Without tests where
