@@ -8,6 +8,7 @@
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -70,10 +71,22 @@ D12GraphicsCommandList::~D12GraphicsCommandList() {
     GiveUp();
 }
 
+ID3D12GraphicsCommandList* D12GraphicsCommandList::GetGraphics() const {
+    Forget(D12DrawState::kAll);
+    return m_graphicsList;
+}
+
+void D12GraphicsCommandList::Forget(unsigned items) const {
+    if (m_drawState != nullptr) {
+        m_drawState->Forget(items);
+    }
+}
+
 void D12GraphicsCommandList::GiveUp() noexcept {
     if (IsClosed()) {
         return;
     }
+    m_drawState.reset();
     if (FAILED(m_graphicsList->Close())) {
         KeepOutOfPool(); // an open list would fail the next user's reset
     }
@@ -83,11 +96,13 @@ void D12GraphicsCommandList::GiveUp() noexcept {
 void D12GraphicsCommandList::Close() {
     ThrowIfFailed<DirectX12Exception>(m_graphicsList->Close(), "Failed to close command list",
                                       GetDevice()->Get());
+    m_drawState.reset();
     MarkClosed();
 }
 
 void D12GraphicsCommandList::OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                                                const boost::intrusive_ptr<D12Descriptor>& depth) {
+    Forget(D12DrawState::kTargets);
     CheckRenderTarget(target);
     SetTargets({&target, 1}, depth);
 }
@@ -95,6 +110,7 @@ void D12GraphicsCommandList::OMSetRenderTarget(const boost::intrusive_ptr<D12Des
 void D12GraphicsCommandList::OMSetRenderTargets(
     const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
     const boost::intrusive_ptr<D12Descriptor>& depth) {
+    Forget(D12DrawState::kTargets);
     ThrowUnless<DirectX12Exception>(targets.size() <= kMaxRenderTargets,
                                     "Invalid render target count");
     for (const auto& target : targets) {
@@ -132,6 +148,7 @@ void D12GraphicsCommandList::ClearRenderTargetView(
 
 void D12GraphicsCommandList::IASetVertexBuffer(
     const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
+    Forget(D12DrawState::kVertexBuffer);
     Keep(buffer.get());
     const D3D12_VERTEX_BUFFER_VIEW view = ViewOf(buffer);
     m_graphicsList->IASetVertexBuffers(0, 1, &view);
@@ -139,6 +156,7 @@ void D12GraphicsCommandList::IASetVertexBuffer(
 
 void D12GraphicsCommandList::IASetVertexBuffers(
     unsigned startSlot, const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers) {
+    Forget(D12DrawState::kVertexBuffer);
     std::vector<D3D12_VERTEX_BUFFER_VIEW> views;
     views.reserve(buffers.size());
     for (const auto& buffer : buffers) {
@@ -154,6 +172,7 @@ void D12GraphicsCommandList::IASetIndexBuffer(const boost::intrusive_ptr<D12Inde
 }
 
 void D12GraphicsCommandList::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology) {
+    Forget(D12DrawState::kTopology);
     m_graphicsList->IASetPrimitiveTopology(topology);
 }
 
@@ -170,19 +189,23 @@ void D12GraphicsCommandList::DrawIndexed(const boost::intrusive_ptr<D12IndexBuff
 }
 
 void D12GraphicsCommandList::RSSetViewports(const std::vector<D3D12_VIEWPORT>& viewports) {
+    Forget(D12DrawState::kViewport);
     m_graphicsList->RSSetViewports(static_cast<UINT>(viewports.size()), viewports.data());
 }
 
 void D12GraphicsCommandList::RSSetScissorRects(const std::vector<RECT>& rects) {
+    Forget(D12DrawState::kScissor);
     m_graphicsList->RSSetScissorRects(static_cast<UINT>(rects.size()), rects.data());
 }
 
 void D12GraphicsCommandList::SetPipelineState(const CComPtr<ID3D12PipelineState>& pipelineState) {
+    Forget(D12DrawState::kPipelineState);
     Keep(pipelineState.p);
     m_graphicsList->SetPipelineState(pipelineState);
 }
 
 void D12GraphicsCommandList::SetRootSignature(const CComPtr<ID3D12RootSignature>& rootSignature) {
+    Forget(D12DrawState::kRootSignature);
     Keep(rootSignature.p);
     m_graphicsList->SetGraphicsRootSignature(rootSignature);
 }
@@ -190,6 +213,7 @@ void D12GraphicsCommandList::SetRootSignature(const CComPtr<ID3D12RootSignature>
 void D12GraphicsCommandList::SetDescriptorHeaps(
     const boost::intrusive_ptr<D12DescriptorGPUHeap>& views,
     const boost::intrusive_ptr<D12DescriptorGPUHeap>& samplers) {
+    Forget(D12DrawState::kHeaps);
     std::array<ID3D12DescriptorHeap*, 2> heaps = {};
     UINT count = 0;
     for (const auto& heap : {views, samplers}) {
@@ -205,26 +229,31 @@ void D12GraphicsCommandList::SetDescriptorHeaps(
 
 void D12GraphicsCommandList::SetRoot32BitConstants(unsigned rootIndex, unsigned count,
                                                    const void* data) {
+    Forget(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRoot32BitConstants(rootIndex, count, data, 0);
 }
 
 void D12GraphicsCommandList::SetRootDescriptorTable(unsigned rootIndex,
                                                     D3D12_GPU_DESCRIPTOR_HANDLE table) {
+    Forget(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootDescriptorTable(rootIndex, table);
 }
 
 void D12GraphicsCommandList::SetRootConstantBufferView(unsigned rootIndex,
                                                        D3D12_GPU_VIRTUAL_ADDRESS address) {
+    Forget(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootConstantBufferView(rootIndex, address);
 }
 
 void D12GraphicsCommandList::SetRootShaderResourceView(unsigned rootIndex,
                                                        D3D12_GPU_VIRTUAL_ADDRESS address) {
+    Forget(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootShaderResourceView(rootIndex, address);
 }
 
 void D12GraphicsCommandList::SetRootUnorderedAccessView(unsigned rootIndex,
                                                         D3D12_GPU_VIRTUAL_ADDRESS address) {
+    Forget(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootUnorderedAccessView(rootIndex, address);
 }
 

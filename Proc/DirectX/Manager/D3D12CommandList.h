@@ -7,6 +7,7 @@
 // Direct3D 12 does and keep alive the objects they are given.
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -23,6 +24,7 @@
 namespace Norvex::DX {
 
 class D12DescriptorGPUHeap;
+class D12DrawState;
 class D12Query;
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
@@ -76,7 +78,9 @@ public:
     // Closes an open list: its recording was given up.
     ~D12GraphicsCommandList() override;
 
-    ID3D12GraphicsCommandList* GetGraphics() const { return m_graphicsList; }
+    // For recording what this class has not. Ask anew after each drawer's Encode on this list: it
+    // remembers what state it has left, and takes what is set through here into account.
+    ID3D12GraphicsCommandList* GetGraphics() const;
 
     // Ends recording. "Failed to close command list": what was recorded is wrong or memory ran out;
     // the list stays open.
@@ -151,9 +155,12 @@ public:
 private:
     friend class D12CommandAllocator;
     friend class D12CommandQueue;
+    friend class D12DrawState;
 
     // Ends a recording that failed, so that the next one finds the allocator free.
     void GiveUp() noexcept;
+    // Items of D12DrawState, which the host may have set.
+    void Forget(unsigned items) const;
     void RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers);
     // Of all subresources; nothing when the states are equal.
     void RecordTransition(const CComPtr<ID3D12Resource>& resource, D3D12_RESOURCE_STATES before,
@@ -164,6 +171,7 @@ private:
                                               const wchar_t* name);
 
     CComPtr<ID3D12GraphicsCommandList> m_graphicsList;
+    std::unique_ptr<D12DrawState> m_drawState; // of an open list that drawers have drawn into
 };
 
 } // namespace Norvex::DX

@@ -1,5 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorTable.h"
 
+#include <algorithm>
+
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -69,6 +71,10 @@ D3D12_ROOT_PARAMETER1 D12DescriptorTable::Serialize() {
     parameter.DescriptorTable = {static_cast<UINT>(m_mergedRanges.size()), m_mergedRanges.data()};
     parameter.ShaderVisibility = m_visibility;
     return parameter;
+}
+
+void D12DescriptorTable::Clear() {
+    std::ranges::fill(m_descriptors, nullptr);
 }
 
 void D12DescriptorTable::SetDescriptor(unsigned index, const D3D12_DESCRIPTOR_RANGE1& range,

@@ -23,6 +23,8 @@ class NORVEX_DX_API D12DescriptorTable : public D12RootParameter {
 public:
     bool NeedSerialize() const override { return m_serializedRevision != m_revision; }
     std::uint64_t GetRevision() const override { return m_revision; }
+    // Forgets the descriptors, as a bind does.
+    void Clear();
     // Neighbouring entries of one kind become one range. "Table not fully initialized" when an
     // entry was never set.
     D3D12_ROOT_PARAMETER1 Serialize() override;

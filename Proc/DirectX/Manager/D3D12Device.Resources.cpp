@@ -141,6 +141,10 @@ boost::intrusive_ptr<D12Query> D12Device::CreateQuery(D3D12_QUERY_TYPE type) {
     return m_queryHeapPool->CreateQuery(type);
 }
 
+boost::intrusive_ptr<D12DescriptorGPUHeap> D12Device::CreateViewHeap(unsigned count) {
+    return m_descriptorHeapPool->CreateGPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV, count);
+}
+
 boost::intrusive_ptr<D12DescriptorCPUHeap> D12Device::CreateShaderViewHeap(unsigned count) {
     return m_descriptorHeapPool->CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV, count);
 }

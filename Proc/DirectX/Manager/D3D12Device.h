@@ -29,6 +29,7 @@ class D12BufferPool;
 class D12CompletionEvent;
 class D12Descriptor;
 class D12DescriptorCPUHeap;
+class D12DescriptorGPUHeap;
 class D12DescriptorHeapPool;
 class D12Query;
 class D12QueryHeapPool;
@@ -139,6 +140,8 @@ public:
     // From the device's own pool. See D12QueryHeapPool::CreateQuery.
     boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
 
+    // A shader-visible heap of at least `count` views. See D12DescriptorHeapPool::CreateGPUHeap.
+    boost::intrusive_ptr<D12DescriptorGPUHeap> CreateViewHeap(unsigned count);
     // CPU heaps of at least `count` descriptors, the caller's own.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateShaderViewHeap(unsigned count);
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateSamplerHeap(unsigned count);

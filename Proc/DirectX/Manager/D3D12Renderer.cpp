@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/Throw.h"
 #include "QuadShaders.h"
@@ -12,17 +13,24 @@ namespace Norvex::DX {
 
 namespace {
 
+// Root parameters, in the order in which they are added.
+constexpr unsigned kColorIndex = 0;
+constexpr unsigned kParamsIndex = 0;
+constexpr unsigned kTextureIndex = 1;
+
 void CheckSource(const D12Descriptor* source, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(
         source != nullptr && source->GetType() == D12Descriptor::ShaderResource,
         "The texture is expected to be the shader resource view", location);
 }
 
-void CheckTarget(const D12CommandAllocator* allocator, const D12Descriptor* target,
-                 const std::source_location& location) {
+void CheckTarget(const D12Descriptor* target, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(
         target != nullptr && target->GetType() == D12Descriptor::RenderTarget,
         "The texture is expected to be the render target view", location);
+}
+
+void CheckAllocator(const D12CommandAllocator* allocator, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator",
                                     location);
 }
@@ -41,10 +49,25 @@ void D12FillDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloca
                          const Proc::ColorF& color,
                          const boost::intrusive_ptr<D12Descriptor>& target,
                          const Rect2DT<long>& rect) {
-    CheckTarget(allocator.get(), target.get(), std::source_location::current());
+    CheckTarget(target.get(), std::source_location::current());
+    CheckAllocator(allocator.get(), std::source_location::current());
     m_color->SetData(&color, sizeof(color));
     m_pipeline->Record(*allocator, target, GetVisiblePart(rect, target->GetSize()),
                        Winding::Clockwise);
+}
+
+void D12FillDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                         const Proc::ColorF& color,
+                         const boost::intrusive_ptr<D12Descriptor>& target,
+                         const Rect2DT<long>& rect) {
+    CheckTarget(target.get(), std::source_location::current());
+    D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
+    if (const auto viewport = GetVisiblePart(rect, target->GetSize())) {
+        const D12QuadPipeline::OneTarget targets(&target, 1);
+        m_pipeline->MakePipelineState(targets);
+        m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list),
+                         [&] { list->SetRoot32BitConstants(kColorIndex, 4, &color); });
+    }
 }
 
 const D12BlendState& D12FillDraw::GetBlendState() const {
@@ -71,14 +94,21 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
     CheckSource(source.get(), std::source_location::current());
-    CheckTarget(allocator.get(), target.get(), std::source_location::current());
-    const Rect2DT<long> area = rect.value_or(target->GetRect());
-    AffineTransform transform;
-    {
-        const std::lock_guard guard(m_mutex);
-        transform = MakeTransform(source, SizeOf(area));
-    }
+    CheckTarget(target.get(), std::source_location::current());
+    CheckAllocator(allocator.get(), std::source_location::current());
+    const auto transform = MakeLockedTransform(source, rect.value_or(target->GetRect()));
     Encode(allocator, source, target, transform, conversion, rect);
+}
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                          const std::optional<Rect2DT<long>>& rect) {
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(target.get(), std::source_location::current());
+    const auto transform = MakeLockedTransform(source, rect.value_or(target->GetRect()));
+    Encode(list, source, target, transform, conversion, rect);
 }
 
 void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
@@ -88,13 +118,52 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
     CheckSource(source.get(), std::source_location::current());
-    CheckTarget(allocator.get(), target.get(), std::source_location::current());
+    CheckTarget(target.get(), std::source_location::current());
+    CheckAllocator(allocator.get(), std::source_location::current());
     const Rect2DT<long> area = rect.value_or(target->GetRect());
     const auto viewport = GetVisiblePart(area, target->GetSize());
 
     const std::lock_guard guard(m_mutex);
     SetParameters(ToClipUnits(transform, area, viewport.value_or(area)), source, conversion);
     m_pipeline->Record(*allocator, target, viewport, GetWinding(transform));
+}
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const AffineTransform& transform,
+                          const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                          const std::optional<Rect2DT<long>>& rect) {
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(target.get(), std::source_location::current());
+    D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
+    const Rect2DT<long> area = rect.value_or(target->GetRect());
+    const auto viewport = GetVisiblePart(area, target->GetSize());
+    if (!viewport) {
+        return;
+    }
+    const D3ImageParams params =
+        D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), conversion);
+    const auto constants = state.AddConstants(&params, sizeof(params));
+    const auto texture = state.AddView(source);
+    const D12QuadPipeline::OneTarget targets(&target, 1);
+
+    const std::lock_guard guard(m_mutex);
+    m_textureTable->SetView(0, 0, source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+    m_pipeline->MakePipelineState(targets); // asks the table for its kind of view alone
+    m_textureTable->Clear();
+    m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list, GetWinding(transform)),
+                     [&] {
+                         state.SetConstants(kParamsIndex, constants);
+                         state.SetTable(kTextureIndex, texture);
+                     });
+}
+
+AffineTransform
+D12ImageDraw::MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                  const Rect2DT<long>& area) {
+    const std::lock_guard guard(m_mutex);
+    return MakeTransform(source, SizeOf(area));
 }
 
 void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,

@@ -1,11 +1,20 @@
 #pragma once
 
 // Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour
-// conversion, draw an image fitted by view state. Each Encode records one closed command list on
-// the caller's allocator, or throws and leaves the allocator as it was; the caller submits it. The
-// target is in the render-target state, the source readable by the pixel shader. D12FillDraw: one
-// thread at a time; the others: any thread. Throws DirectX12Exception, for a null device "There is
-// no device", for a null allocator "There is no command allocator". Next: D3ImageRenderer.h.
+// conversion, draw an image fitted by view state. The target is in the render-target state, the
+// source readable by the pixel shader.
+//
+// Each Encode on an allocator records one closed command list, or throws and leaves the allocator
+// as it was; the caller submits it. Each Encode on a list draws into that open list, or throws and
+// draws nothing: the way for a frame of many draws, which share the list, its memory for constants
+// and views, and the state that they have in common. It replaces the list's pipeline state, root
+// signature and arguments, descriptor heaps, render targets, viewport, scissor rectangle, vertex
+// buffer and topology; what the caller needs of these for draws of its own it sets again.
+//
+// D12FillDraw: one thread at a time; the others: any thread, a list one at a time. Throws
+// DirectX12Exception, for a null device "There is no device", for a null allocator "There is no
+// command allocator", for a list "There is no command list", "The command list is closed". Next:
+// D3ImageRenderer.h.
 
 #include <memory>
 #include <mutex>
@@ -43,6 +52,8 @@ public:
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const Proc::ColorF& color, const boost::intrusive_ptr<D12Descriptor>& target,
                 const Rect2DT<long>& rect);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const Proc::ColorF& color,
+                const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect);
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
@@ -72,9 +83,19 @@ public:
                 const boost::intrusive_ptr<D12Descriptor>& target,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
     // With this transform: it maps clip space (-1 to 1 over rect, y up) to clip space, its
     // translation is in pixels of rect. It may mirror.
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
+                const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
+                const std::optional<Rect2DT<long>>& rect);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
@@ -97,6 +118,8 @@ protected:
     std::optional<AffineTransform> m_userTransform;
 
 private:
+    AffineTransform MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                        const Rect2DT<long>& area);
     void SetParameters(const AffineTransform& clipTransform,
                        const boost::intrusive_ptr<D12Descriptor>& source,
                        const std::optional<Proc::ColorAlphaConversionInfo>& conversion);

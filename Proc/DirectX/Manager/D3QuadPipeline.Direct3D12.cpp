@@ -1,7 +1,8 @@
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <utility>
+#include <ranges>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 
@@ -90,18 +91,16 @@ boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture() {
     return m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL);
 }
 
-const CComPtr<ID3D12PipelineState>& D12QuadPipeline::MakePipelineState(const Targets& targets) {
-    std::vector<DXGI_FORMAT> formats;
-    for (const auto& target : targets) {
-        formats.push_back(target->GetFormat());
-    }
+const CComPtr<ID3D12PipelineState>&
+D12QuadPipeline::MakePipelineState(std::span<const Target> targets) {
+    const auto formats = targets | std::views::transform(&D12Descriptor::GetFormat);
     const bool changed = m_parameters->SerializeRootSignature();
     const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
-                      m_desc.renderTargetFormats == formats;
+                      std::ranges::equal(m_desc.renderTargetFormats, formats);
     if (!fits) {
         m_desc.rootSignature = m_parameters->GetRootSignature();
         m_desc.blend = m_blendState;
-        m_desc.renderTargetFormats = std::move(formats);
+        m_desc.renderTargetFormats.assign(formats.begin(), formats.end());
         m_pipelineState.Release();
         m_pipelineState = m_device->CreateGraphicsPipelineState(m_desc);
     }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
@@ -65,7 +67,9 @@ private:
 class D12QuadPipeline {
 public:
     using List = boost::intrusive_ptr<D12GraphicsCommandList>;
-    using Targets = std::vector<boost::intrusive_ptr<D12Descriptor>>;
+    using Target = boost::intrusive_ptr<D12Descriptor>;
+    using OneTarget = std::span<const Target>;
+    using Targets = std::vector<Target>;
 
     // Compiles the shaders. Blends as replace (ONE, ZERO, all channels).
     D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
@@ -82,11 +86,28 @@ public:
     void Record(D12CommandAllocator& allocator, const boost::intrusive_ptr<D12Descriptor>& target,
                 const std::optional<Rect2DT<long>>& viewport, Winding winding);
 
+    // Draws it into an open list. setArguments() sets the root arguments.
+    template <class SetArguments>
+    void Draw(D12DrawState& state, std::span<const Target> targets, const Rect2DT<long>& viewport,
+              const boost::intrusive_ptr<D12VertexBuffer>& quad,
+              const SetArguments& setArguments) {
+        state.SetPipelineState(m_pipelineState);
+        state.SetRootSignature(m_parameters->GetRootSignature());
+        setArguments();
+        const Size2DT<long> size = targets.front()->GetSize();
+        state.SetTargets(targets);
+        state.SetViewport(MakeViewport<D3D12_VIEWPORT>(viewport), {0, 0, size.width, size.height});
+        state.SetQuad(quad);
+        state.GetList().Draw(quad);
+    }
+
     // Its steps, for lists with more in them. The pipeline state is the list's when it draws.
-    const CComPtr<ID3D12PipelineState>& MakePipelineState(const Targets& targets);
+    const CComPtr<ID3D12PipelineState>& MakePipelineState(std::span<const Target> targets);
     void Draw(const List& list, const Targets& targets, const Rect2DT<long>& viewport,
               const Size2DT<long>& scissor,
               const boost::intrusive_ptr<D12VertexBuffer>& quad) const;
+    // The one made last.
+    const CComPtr<ID3D12PipelineState>& GetPipelineState() const { return m_pipelineState; }
     // Of the whole texture; kept.
     const boost::intrusive_ptr<D12VertexBuffer>& GetQuad(D12GraphicsCommandList& list,
                                                          Winding winding = Winding::Clockwise);

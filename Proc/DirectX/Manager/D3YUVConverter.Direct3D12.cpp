@@ -7,6 +7,7 @@
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3YUVFormat.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -22,11 +23,8 @@ YUVPlane Describe(ID3D12Resource* texture) {
     return {desc.Format, {static_cast<long>(desc.Width), static_cast<long>(desc.Height)}};
 }
 
-void CheckArguments(const D12CommandAllocator* allocator, ID3D12Resource* source,
-                    const std::source_location& location) {
+void CheckSource(ID3D12Resource* source, const std::source_location& location) {
     ThrowUnless<DirectX12Exception>(source != nullptr, "There is no source texture", location);
-    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator",
-                                    location);
 }
 
 D3D12_RENDER_TARGET_VIEW_DESC MakeViewDesc(DXGI_FORMAT format, unsigned plane) {
@@ -52,6 +50,14 @@ std::unique_ptr<D12QuadPipeline> MakePass(const boost::intrusive_ptr<D12Device>&
     return pass;
 }
 
+// Root parameters, in the order in which they are added.
+constexpr unsigned kYCbCrTextureIndex = 0;
+constexpr unsigned kYCbCrParamsIndex = 1;
+
+Rect2DT<long> RectOf(const Size2DT<long>& size) {
+    return {0, 0, size.width, size.height};
+}
+
 constexpr auto kSource = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
 constexpr auto kTarget = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
@@ -61,6 +67,14 @@ struct D12YUVConverter::ResourceUse {
     ID3D12Resource* resource;
     D12ResourceStates states;
     D3D12_RESOURCE_STATES needed;
+};
+
+struct D12YUVConverter::Conversion {
+    boost::intrusive_ptr<D12Descriptor> source;
+    D12QuadPipeline::Targets firstTargets; // of the pass that computes
+    boost::intrusive_ptr<D12Descriptor> chroma;
+    std::vector<D3D12_RESOURCE_BARRIER> before = {};
+    std::vector<D3D12_RESOURCE_BARRIER> after = {};
 };
 
 D12YUVConverter::D12YUVConverter(const boost::intrusive_ptr<D12Device>& device,
@@ -81,14 +95,17 @@ void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& al
                              const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
                              const std::array<D12ResourceStates, 2>& states) {
     const auto location = std::source_location::current();
-    const auto [pixelFormat, size] = Describe(destination);
-    const auto format = GetYUVFormat<DirectX12Exception>(pixelFormat, location);
-    CheckArguments(allocator.get(), source, location);
-    ConfigForDestination({pixelFormat, size, {size.width >> 1, size.height >> 1}, matrix}, format);
-    Record(allocator, source,
-           m_device->CreateRenderTargetView(destination, MakeViewDesc(format.luma, 0)),
-           m_device->CreateRenderTargetView(destination, MakeViewDesc(format.chroma, 1)),
-           {{destination, states[1], kTarget}, {source, states[0], kSource}});
+    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
+    Record(*allocator, Prepare(source, destination, matrix, states, location));
+}
+
+void D12YUVConverter::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                             const CComPtr<ID3D12Resource>& source,
+                             const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
+                             const std::array<D12ResourceStates, 2>& states) {
+    const auto location = std::source_location::current();
+    Record(D12DrawState::Of(list, location),
+           Prepare(source, destination, matrix, states, location));
 }
 
 void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
@@ -98,17 +115,68 @@ void D12YUVConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& al
                              Conf::YCbCrMatrix matrix,
                              const std::array<D12ResourceStates, 3>& states) {
     const auto location = std::source_location::current();
+    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
+    Record(*allocator, Prepare(source, luma, chroma, format, matrix, states, location));
+}
+
+void D12YUVConverter::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                             const CComPtr<ID3D12Resource>& source,
+                             const CComPtr<ID3D12Resource>& luma,
+                             const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format,
+                             Conf::YCbCrMatrix matrix,
+                             const std::array<D12ResourceStates, 3>& states) {
+    const auto location = std::source_location::current();
+    Record(D12DrawState::Of(list, location),
+           Prepare(source, luma, chroma, format, matrix, states, location));
+}
+
+D12YUVConverter::Conversion
+D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
+                         const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
+                         const std::array<D12ResourceStates, 2>& states,
+                         const std::source_location& location) {
+    const auto [pixelFormat, size] = Describe(destination);
+    const auto format = GetYUVFormat<DirectX12Exception>(pixelFormat, location);
+    CheckSource(source, location);
+    ConfigForDestination({pixelFormat, size, {size.width >> 1, size.height >> 1}, matrix}, format);
+    return Prepare(source,
+                   m_device->CreateRenderTargetView(destination, MakeViewDesc(format.luma, 0)),
+                   m_device->CreateRenderTargetView(destination, MakeViewDesc(format.chroma, 1)),
+                   {{destination, states[1], kTarget}, {source, states[0], kSource}});
+}
+
+D12YUVConverter::Conversion D12YUVConverter::Prepare(
+    const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
+    const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
+    const std::array<D12ResourceStates, 3>& states, const std::source_location& location) {
     const auto planeFormat = GetYUVFormat<DirectX12Exception>(format, location);
     const YUVPlane lumaPlane = Describe(luma);
     const YUVPlane chromaPlane = Describe(chroma);
     CheckYUVPlanes<DirectX12Exception>(planeFormat, lumaPlane, chromaPlane, location);
-    CheckArguments(allocator.get(), source, location);
+    CheckSource(source, location);
     ConfigForDestination({format, lumaPlane.size, chromaPlane.size, matrix}, planeFormat);
-    Record(
-        allocator, source,
-        m_device->CreateRenderTargetView(luma, MakeViewDesc(planeFormat.luma, 0)),
+    return Prepare(
+        source, m_device->CreateRenderTargetView(luma, MakeViewDesc(planeFormat.luma, 0)),
         m_device->CreateRenderTargetView(chroma, MakeViewDesc(planeFormat.chroma, 0)),
         {{luma, states[1], kTarget}, {chroma, states[2], kTarget}, {source, states[0], kSource}});
+}
+
+D12YUVConverter::Conversion
+D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
+                         const boost::intrusive_ptr<D12Descriptor>& luma,
+                         const boost::intrusive_ptr<D12Descriptor>& chroma,
+                         const std::vector<ResourceUse>& uses) {
+    const CComPtr<ID3D12Resource>& intermediate = m_intermediateTarget->GetFirstResource();
+    Conversion conversion = {m_device->CreateTextureShaderResourceView(source),
+                             {luma, m_intermediateTarget},
+                             chroma};
+    for (const auto& [resource, states, needed] : uses) {
+        AddTransition(conversion.before, resource, states.before, needed);
+        AddTransition(conversion.after, resource, needed, states.after);
+    }
+    AddTransition(conversion.before, intermediate, D3D12_RESOURCE_STATE_COMMON, kTarget);
+    AddTransition(conversion.after, intermediate, kSource, D3D12_RESOURCE_STATE_COMMON);
+    return conversion;
 }
 
 void D12YUVConverter::ConfigForDestination(const YUVDestination& destination,
@@ -136,44 +204,61 @@ void D12YUVConverter::CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT 
     m_intermediateTarget = m_device->CreateRenderTargetView(texture);
 }
 
-void D12YUVConverter::Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                             const CComPtr<ID3D12Resource>& source,
-                             const boost::intrusive_ptr<D12Descriptor>& luma,
-                             const boost::intrusive_ptr<D12Descriptor>& chroma,
-                             const std::vector<ResourceUse>& uses) {
-    const CComPtr<ID3D12Resource>& intermediate = m_intermediateTarget->GetFirstResource();
-    std::vector<D3D12_RESOURCE_BARRIER> before;
-    std::vector<D3D12_RESOURCE_BARRIER> after;
-    for (const auto& [resource, states, needed] : uses) {
-        AddTransition(before, resource, states.before, needed);
-        AddTransition(after, resource, needed, states.after);
-    }
-    AddTransition(before, intermediate, D3D12_RESOURCE_STATE_COMMON, kTarget);
-    AddTransition(after, intermediate, kSource, D3D12_RESOURCE_STATE_COMMON);
-
-    m_paramsView->SetBuffer(m_paramsBuffer);
-    m_yCbCrTexture->SetView(0, 0, m_device->CreateTextureShaderResourceView(source), 0,
-                            D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+void D12YUVConverter::SetTextures(const Conversion& conversion) {
+    m_yCbCrTexture->SetView(0, 0, conversion.source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
     m_resizeTexture->SetView(0, 0, m_intermediateSource, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
-    const D12QuadPipeline::Targets targets = {luma, m_intermediateTarget};
-    const auto& yCbCrState = m_yCbCrPass->MakePipelineState(targets);
-    const auto& resizeState = m_resizePass->MakePipelineState({chroma});
-    allocator->RecordList(yCbCrState, [&](const D12QuadPipeline::List& list) {
-        const Size2DT<long> size = m_destination->size;
-        const Size2DT<long> chromaSize = m_destination->chromaSize;
-        const auto& quad = m_yCbCrPass->GetQuad(*list); // before anything is recorded: it may fail
-        if (m_chromaQuad == nullptr) {
-            m_chromaQuad = D12QuadPipeline::CreateQuad(*list, GetChromaExtent(size, chromaSize));
-        }
-        list->ResourceBarrier(before);
-        m_yCbCrPass->Draw(list, targets, {0, 0, size.width, size.height}, size, quad);
-        list->ResourceBarrier(
-            {CD3DX12_RESOURCE_BARRIER::Transition(intermediate, kTarget, kSource)});
-        list->SetPipelineState(resizeState);
-        m_resizePass->Draw(list, {chroma}, {0, 0, chromaSize.width, chromaSize.height}, chromaSize,
-                           m_chromaQuad);
-        list->ResourceBarrier(after);
+    m_yCbCrPass->MakePipelineState(conversion.firstTargets);
+    m_resizePass->MakePipelineState({&conversion.chroma, 1});
+}
+
+void D12YUVConverter::MakeQuads(D12GraphicsCommandList& list) {
+    m_yCbCrPass->GetQuad(list);
+    if (m_chromaQuad == nullptr) {
+        m_chromaQuad = D12QuadPipeline::CreateQuad(
+            list, GetChromaExtent(m_destination->size, m_destination->chromaSize));
+    }
+}
+
+D3D12_RESOURCE_BARRIER D12YUVConverter::MakeIntermediateBarrier() const {
+    return CD3DX12_RESOURCE_BARRIER::Transition(m_intermediateTarget->GetFirstResource(), kTarget,
+                                                kSource);
+}
+
+void D12YUVConverter::Record(D12CommandAllocator& allocator, const Conversion& conversion) {
+    SetTextures(conversion);
+    m_paramsView->SetBuffer(m_paramsBuffer);
+    allocator.RecordList(m_yCbCrPass->GetPipelineState(), [&](const D12QuadPipeline::List& list) {
+        MakeQuads(*list); // before anything is recorded: it may fail
+        list->ResourceBarrier(conversion.before);
+        m_yCbCrPass->Draw(list, conversion.firstTargets, RectOf(m_destination->size),
+                          m_destination->size, m_yCbCrPass->GetQuad(*list));
+        list->ResourceBarrier({MakeIntermediateBarrier()});
+        list->SetPipelineState(m_resizePass->GetPipelineState());
+        m_resizePass->Draw(list, {conversion.chroma}, RectOf(m_destination->chromaSize),
+                           m_destination->chromaSize, m_chromaQuad);
+        list->ResourceBarrier(conversion.after);
     });
+}
+
+void D12YUVConverter::Record(D12DrawState& state, const Conversion& conversion) {
+    D12GraphicsCommandList& list = state.GetList();
+    SetTextures(conversion); // asks the tables for their kind of view alone
+    m_yCbCrTexture->Clear();
+    m_resizeTexture->Clear();
+    MakeQuads(list);
+    const auto source = state.AddView(conversion.source);
+    const auto intermediate = state.AddView(m_intermediateSource);
+    list.TrackObject(m_paramsBuffer.p);
+    list.ResourceBarrier(conversion.before);
+    m_yCbCrPass->Draw(state, conversion.firstTargets, RectOf(m_destination->size),
+                      m_yCbCrPass->GetQuad(list), [&] {
+                          state.SetTable(kYCbCrTextureIndex, source);
+                          state.SetConstants(kYCbCrParamsIndex, m_paramsBuffer->GetGPUVirtualAddress());
+                      });
+    list.ResourceBarrier({MakeIntermediateBarrier()});
+    m_resizePass->Draw(state, {&conversion.chroma, 1}, RectOf(m_destination->chromaSize),
+                       m_chromaQuad, [&] { state.SetTable(kYCbCrTextureIndex, intermediate); });
+    list.ResourceBarrier(conversion.after);
 }
 
 } // namespace Norvex::DX

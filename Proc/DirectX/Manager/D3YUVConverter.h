@@ -9,6 +9,7 @@
 
 #include <array>
 #include <memory>
+#include <source_location>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -33,6 +34,7 @@ struct D12ResourceStates {
 };
 
 class D11QuadPipeline;
+class D12DrawState;
 class D12QuadPipeline;
 struct YUVDestination;
 struct YUVFormat;
@@ -56,6 +58,11 @@ public:
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& destination,
                 Conf::YCbCrMatrix matrix, const std::array<D12ResourceStates, 2>& states);
+    // Into an open list, or throws and draws nothing; what it replaces there: D3D12Renderer.h.
+    // "There is no command list", "The command list is closed".
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& destination,
+                Conf::YCbCrMatrix matrix, const std::array<D12ResourceStates, 2>& states);
     // Into two separate textures, for devices without planar ones: format says how they are to be
     // taken together. Luma: R8_UNORM, or R16_UNORM for P010 and P016, of any size; chroma:
     // R8G8_UNORM or R16G16_UNORM, half the luma's width and height, rounded up or down; where
@@ -66,18 +73,36 @@ public:
                 const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
                 const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
                 const std::array<D12ResourceStates, 3>& states);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
+                const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
+                const std::array<D12ResourceStates, 3>& states);
 
 private:
     struct ResourceUse; // states of a resource, and the one that it is needed in
+    struct Conversion;  // views and barriers of one Encode
 
+    // Views of what is converted; the parameters and the intermediate texture fit it then.
+    Conversion Prepare(const CComPtr<ID3D12Resource>& source,
+                       const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
+                       const std::array<D12ResourceStates, 2>& states,
+                       const std::source_location& location);
+    Conversion Prepare(const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
+                       const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format,
+                       Conf::YCbCrMatrix matrix, const std::array<D12ResourceStates, 3>& states,
+                       const std::source_location& location);
+    // uses: of the resources but the intermediate texture.
+    Conversion Prepare(const CComPtr<ID3D12Resource>& source,
+                       const boost::intrusive_ptr<D12Descriptor>& luma,
+                       const boost::intrusive_ptr<D12Descriptor>& chroma,
+                       const std::vector<ResourceUse>& uses);
     void ConfigForDestination(const YUVDestination& destination, const YUVFormat& format);
     void CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT format);
-    // uses: of the resources but the intermediate texture.
-    void Record(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                const CComPtr<ID3D12Resource>& source,
-                const boost::intrusive_ptr<D12Descriptor>& luma,
-                const boost::intrusive_ptr<D12Descriptor>& chroma,
-                const std::vector<ResourceUse>& uses);
+    void SetTextures(const Conversion& conversion);
+    void MakeQuads(D12GraphicsCommandList& list);
+    D3D12_RESOURCE_BARRIER MakeIntermediateBarrier() const;
+    void Record(D12CommandAllocator& allocator, const Conversion& conversion);
+    void Record(D12DrawState& state, const Conversion& conversion);
 
     boost::intrusive_ptr<D12Device> m_device;
     Proc::AlphaType m_alphaType;
