@@ -50,6 +50,7 @@ public:
 
 private:
     using Texture = boost::intrusive_ptr<DX::D12Texture2D>;
+    using List = boost::intrusive_ptr<DX::D12GraphicsCommandList>;
 
     // What one frame holds while it is in flight. What the device uses of it, the allocator keeps
     // alive.
@@ -111,12 +112,16 @@ private:
         }
         work.readback = m_device->CreateReadbackBuffer(m_readbackSize);
         work.allocator = m_queue->CreateCommandAllocator();
-        RecordUpload(work, frame, place.begin);
-        if (work.canvas) {
-            RecordDraw(work, frame.GetSize());
-        }
-        RecordConversion(work);
-        RecordReadback(work, place.end);
+        work.allocator->RecordList(nullptr, [&](const List& list) {
+            list->EndQuery(place.begin);
+            RecordUpload(*list, work, frame);
+            if (work.canvas) {
+                RecordDraw(list, work, frame.GetSize());
+            }
+            RecordConversion(list, work);
+            RecordReadback(*list, work);
+            list->EndQuery(place.end);
+        });
         work.allocator->Execute();
         place.work = std::move(work);
     }
@@ -166,47 +171,42 @@ private:
         return m_sourcePool->ObtainTexture();
     }
 
-    void RecordUpload(const Work& work, const Image& frame,
-                      const boost::intrusive_ptr<DX::D12Query>& begin) {
+    static void RecordUpload(DX::D12GraphicsCommandList& list, const Work& work,
+                             const Image& frame) {
         DX::D12UploadResourceParams params;
         params.destination = work.source->GetResource();
         params.stateBefore = kSourceState;
         params.stateAfter = kReadable;
         params.subresources = {{frame.pixels.data(), frame.GetRowSize(), frame.pixels.size()}};
-        const auto list = work.allocator->CreateCommandList(nullptr);
-        list->EndQuery(begin);
-        list->UploadResource(params);
-        list->Close();
+        list.UploadResource(params);
     }
 
-    void RecordDraw(const Work& work, const DX::Size2DT<long>& sourceSize) {
-        const auto& allocator = work.allocator;
+    void RecordDraw(const List& list, const Work& work, const DX::Size2DT<long>& sourceSize) {
         const auto target = m_device->CreateRenderTargetView(work.canvas->GetResource());
         const Placement placement = PlacePicture({}, sourceSize, GetParams().size);
-        allocator->ClearRenderTargetView(target, kBlack, {});
+        list->ClearRenderTargetView(target, kBlack, {});
         auto source = m_device->CreateTextureShaderResourceView(work.source->GetResource());
         for (unsigned i = Graphics::CountHalvings(sourceSize, placement.scale); i > 0; --i) {
-            source = RecordHalving(allocator, source);
+            source = RecordHalving(list, source);
         }
-        m_draw->Encode(allocator, source, target, placement.transform, GetParams().conversion,
+        m_draw->Encode(list, source, target, placement.transform, GetParams().conversion,
                        std::nullopt);
     }
 
     // So that a picture that gets much smaller does not alias.
     boost::intrusive_ptr<DX::D12Descriptor>
-    RecordHalving(const boost::intrusive_ptr<DX::D12CommandAllocator>& allocator,
-                  const boost::intrusive_ptr<DX::D12Descriptor>& source) {
+    RecordHalving(const List& list, const boost::intrusive_ptr<DX::D12Descriptor>& source) {
         const DX::Size2DT<long> size = source->GetSize();
         const auto half = m_device->CreateTexture2D(
             MakeTextureDesc12({(size.width + 1) / 2, (size.height + 1) / 2},
                               GetTextures().canvasFormat, kCanvasState, true));
-        m_draw->Encode(allocator, source, m_device->CreateRenderTargetView(half), {}, std::nullopt,
+        m_draw->Encode(list, source, m_device->CreateRenderTargetView(half), {}, std::nullopt,
                        std::nullopt);
-        allocator->ResourceBarrier({Transition(half, kCanvasState, kReadable)});
+        list->ResourceBarrier({Transition(half, kCanvasState, kReadable)});
         return m_device->CreateTextureShaderResourceView(half);
     }
 
-    void RecordConversion(const Work& work) {
+    void RecordConversion(const List& list, const Work& work) {
         const auto& source = work.canvas ? work.canvas : work.source;
         const DX::D12ResourceStates sourceStates =
             work.canvas ? DX::D12ResourceStates{kCanvasState, kCanvasState}
@@ -214,33 +214,30 @@ private:
         constexpr DX::D12ResourceStates kPlaneStates = {kPlaneState, kPlaneState};
         const EncoderParams& params = GetParams();
         if (IsPlanar()) {
-            m_converter->Encode(work.allocator, source->GetResource(),
+            m_converter->Encode(list, source->GetResource(),
                                 work.planes[0]->GetResource(), params.matrix,
                                 {{sourceStates, kPlaneStates}});
         } else {
-            m_converter->Encode(work.allocator, source->GetResource(),
+            m_converter->Encode(list, source->GetResource(),
                                 work.planes[0]->GetResource(), work.planes[1]->GetResource(),
                                 params.format.planar, params.matrix,
                                 {{sourceStates, kPlaneStates, kPlaneStates}});
         }
     }
 
-    void RecordReadback(const Work& work, const boost::intrusive_ptr<DX::D12Query>& end) {
-        const auto list = work.allocator->CreateCommandList(nullptr);
+    void RecordReadback(DX::D12GraphicsCommandList& list, const Work& work) const {
         for (unsigned i = 0; i < m_places.size(); ++i) {
             const Texture& plane = work.planes[IsPlanar() ? 0 : i];
-            list->CopyTextureRegion(
+            list.CopyTextureRegion(
                 CD3DX12_TEXTURE_COPY_LOCATION(work.readback->GetResource(),
                                               {m_places[i].Offset, m_places[i].Footprint}),
                 0, 0, 0, CD3DX12_TEXTURE_COPY_LOCATION(plane->GetResource(), IsPlanar() ? i : 0),
                 nullptr);
         }
         if (work.canvas) {
-            list->ResourceBarrier(
+            list.ResourceBarrier(
                 {Transition(work.source->GetResource(), kReadable, kSourceState)});
         }
-        list->EndQuery(end);
-        list->Close();
     }
 
     boost::intrusive_ptr<DX::D12Device> m_device;

@@ -15,6 +15,8 @@ namespace Norvex::App {
 
 namespace {
 
+using List = boost::intrusive_ptr<DX::D12GraphicsCommandList>;
+
 // Premultiplied colour over what is there.
 DX::D12BlendState MakeOverBlend12() {
     DX::D12RenderTargetBlend blend;
@@ -83,6 +85,8 @@ class Drawers {
 public:
     explicit Drawers(const boost::intrusive_ptr<DX::D12Device>& device) : m_device(device) {}
 
+    const boost::intrusive_ptr<DX::D12Device>& GetDevice() const { return m_device; }
+
     const boost::intrusive_ptr<DX::D12ImageDraw>& GetImageDraw(bool blends) {
         const std::lock_guard lock(m_mutex);
         auto& draw = blends ? m_blendingDraw : m_draw;
@@ -111,38 +115,37 @@ private:
     boost::intrusive_ptr<DX::D12FillDraw> m_fill;
 };
 
+// Everything into one list, which the draws share.
 class Recorder12 : public Recorder {
 public:
-    Recorder12(Drawers& drawers, const boost::intrusive_ptr<DX::D12CommandAllocator>& allocator)
-        : m_drawers(drawers),
-          m_allocator(allocator) {}
+    Recorder12(Drawers& drawers, const List& list) : m_drawers(drawers), m_list(list) {}
 
     void Clear(const Canvas& canvas, const Proc::ColorF& color) override {
-        m_allocator->ClearRenderTargetView(TargetOf12(canvas), color, {});
+        m_list->ClearRenderTargetView(TargetOf12(canvas), color, {});
     }
 
     void Fill(const Canvas& canvas, const Proc::ColorF& color,
               const DX::Rect2DT<long>& rect) override {
-        m_drawers.GetFillDraw()->Encode(m_allocator, color, TargetOf12(canvas), rect);
+        m_drawers.GetFillDraw()->Encode(m_list, color, TargetOf12(canvas), rect);
     }
 
     void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
         m_drawers.GetImageDraw(params.blends)
-            ->Encode(m_allocator, ViewOf(source), TargetOf12(canvas), params.transform,
+            ->Encode(m_list, ViewOf(source), TargetOf12(canvas), params.transform,
                      params.conversion, params.rect);
     }
 
     std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
         const auto& target = TargetOf12(canvas);
-        m_allocator->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
-                                                 D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE)});
+        m_list->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                            D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE)});
         return std::make_unique<Picture12>(
-            m_allocator->GetDevice()->CreateTextureShaderResourceView(target->GetFirstResource()));
+            m_drawers.GetDevice()->CreateTextureShaderResourceView(target->GetFirstResource()));
     }
 
 private:
     Drawers& m_drawers;
-    boost::intrusive_ptr<DX::D12CommandAllocator> m_allocator;
+    const List& m_list;
 };
 
 class Screen12 : public Screen {
@@ -177,13 +180,16 @@ private:
         const Stopwatch stopwatch;
         const auto frame = GetSwapChain().CreateCommandAllocator();
         const auto& target = TargetOf12(backBuffer);
-        frame->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_PRESENT,
-                                           D3D12_RESOURCE_STATE_RENDER_TARGET)});
-        Recorder12 recorder(m_drawers, frame);
-        record(recorder, backBuffer);
-        const auto copy = pixels != nullptr ? Copy(*frame, *target) : nullptr;
-        frame->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
-                                           D3D12_RESOURCE_STATE_PRESENT)});
+        std::unique_ptr<Canvas> copy;
+        frame->RecordList(nullptr, [&](const List& list) {
+            list->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_PRESENT,
+                                              D3D12_RESOURCE_STATE_RENDER_TARGET)});
+            Recorder12 recorder(m_drawers, list);
+            record(recorder, backBuffer);
+            copy = pixels != nullptr ? Copy(*list, *target) : nullptr;
+            list->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                              D3D12_RESOURCE_STATE_PRESENT)});
+        });
         frame->Execute();
         m_frames.push_back(frame);
         const double milliseconds = stopwatch.GetMilliseconds();
@@ -195,20 +201,19 @@ private:
     }
 
     // A back buffer is for the swap chain's own queue.
-    std::unique_ptr<Canvas> Copy(DX::D12CommandAllocator& frame, const DX::D12Descriptor& target) {
+    std::unique_ptr<Canvas> Copy(DX::D12GraphicsCommandList& list,
+                                 const DX::D12Descriptor& target) {
         const auto desc = MakeTextureDesc12(target.GetSize(), target.GetFormat(),
                                             D3D12_RESOURCE_STATE_COPY_DEST, true);
         const auto& device = m_queue->GetDevice();
         const auto copy = device->CreateRenderTargetView(device->CreateTexture2D(desc));
-        const auto list = frame.CreateCommandList({});
-        list->ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_RENDER_TARGET,
-                                          D3D12_RESOURCE_STATE_COPY_SOURCE)});
-        list->CopyResource(copy->GetFirstResource(), target.GetFirstResource());
-        list->ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_COPY_SOURCE,
+        list.ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                         D3D12_RESOURCE_STATE_COPY_SOURCE)});
+        list.CopyResource(copy->GetFirstResource(), target.GetFirstResource());
+        list.ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_COPY_SOURCE,
                                           D3D12_RESOURCE_STATE_RENDER_TARGET),
                                Transition(*copy, D3D12_RESOURCE_STATE_COPY_DEST,
                                           D3D12_RESOURCE_STATE_RENDER_TARGET)});
-        list->Close();
         return std::make_unique<Canvas12>(m_queue, copy);
     }
 
@@ -273,8 +278,10 @@ private:
 
     double Run(const std::function<void(Recorder&)>& record) override {
         const auto allocator = m_queue->CreateCommandAllocator();
-        Recorder12 recorder(m_drawers, allocator);
-        record(recorder);
+        allocator->RecordList(nullptr, [&](const List& list) {
+            Recorder12 recorder(m_drawers, list);
+            record(recorder);
+        });
         const Stopwatch stopwatch;
         allocator->Execute();
         allocator->WaitComplete();
