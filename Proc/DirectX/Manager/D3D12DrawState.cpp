@@ -40,8 +40,7 @@ D3D12_GPU_VIRTUAL_ADDRESS D12DrawState::AddConstants(const void* data, std::size
         void* mapped = nullptr;
         const D3D12_RANGE nothing = {};
         ThrowIfFailed<DirectX12Exception>(constants->GetResource()->Map(0, &nothing, &mapped),
-                                          "Failed to map upload buffer",
-                                          m_list.GetDevice()->Get());
+                                          "Failed to map upload buffer", m_list.GetDevice()->Get());
         Unmap();
         m_constants = std::move(constants);
         m_mapped = static_cast<std::uint8_t*>(mapped);
@@ -104,7 +103,8 @@ void D12DrawState::SetTable(unsigned rootIndex, D3D12_GPU_DESCRIPTOR_HANDLE tabl
 
 void D12DrawState::SetTargets(Targets targets) {
     decltype(m_targets) wanted = {};
-    std::ranges::transform(targets, wanted.begin(), [](const auto& target) { return target.get(); });
+    std::ranges::transform(targets, wanted.begin(),
+                           [](const auto& target) { return target.get(); });
     Set(kTargets, m_targets, wanted, [&] { m_list.SetTargets(targets, nullptr); });
 }
 

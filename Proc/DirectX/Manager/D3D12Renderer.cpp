@@ -159,9 +159,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
                      });
 }
 
-AffineTransform
-D12ImageDraw::MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
-                                  const Rect2DT<long>& area) {
+AffineTransform D12ImageDraw::MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                                  const Rect2DT<long>& area) {
     const std::lock_guard guard(m_mutex);
     return MakeTransform(source, SizeOf(area));
 }

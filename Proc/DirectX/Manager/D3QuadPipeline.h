@@ -89,8 +89,7 @@ public:
     // Draws it into an open list. setArguments() sets the root arguments.
     template <class SetArguments>
     void Draw(D12DrawState& state, std::span<const Target> targets, const Rect2DT<long>& viewport,
-              const boost::intrusive_ptr<D12VertexBuffer>& quad,
-              const SetArguments& setArguments) {
+              const boost::intrusive_ptr<D12VertexBuffer>& quad, const SetArguments& setArguments) {
         state.SetPipelineState(m_pipelineState);
         state.SetRootSignature(m_parameters->GetRootSignature());
         setArguments();

@@ -130,11 +130,11 @@ void D12YUVConverter::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>&
            Prepare(source, luma, chroma, format, matrix, states, location));
 }
 
-D12YUVConverter::Conversion
-D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
-                         const CComPtr<ID3D12Resource>& destination, Conf::YCbCrMatrix matrix,
-                         const std::array<D12ResourceStates, 2>& states,
-                         const std::source_location& location) {
+D12YUVConverter::Conversion D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
+                                                     const CComPtr<ID3D12Resource>& destination,
+                                                     Conf::YCbCrMatrix matrix,
+                                                     const std::array<D12ResourceStates, 2>& states,
+                                                     const std::source_location& location) {
     const auto [pixelFormat, size] = Describe(destination);
     const auto format = GetYUVFormat<DirectX12Exception>(pixelFormat, location);
     CheckSource(source, location);
@@ -145,10 +145,12 @@ D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
                    {{destination, states[1], kTarget}, {source, states[0], kSource}});
 }
 
-D12YUVConverter::Conversion D12YUVConverter::Prepare(
-    const CComPtr<ID3D12Resource>& source, const CComPtr<ID3D12Resource>& luma,
-    const CComPtr<ID3D12Resource>& chroma, DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
-    const std::array<D12ResourceStates, 3>& states, const std::source_location& location) {
+D12YUVConverter::Conversion D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
+                                                     const CComPtr<ID3D12Resource>& luma,
+                                                     const CComPtr<ID3D12Resource>& chroma,
+                                                     DXGI_FORMAT format, Conf::YCbCrMatrix matrix,
+                                                     const std::array<D12ResourceStates, 3>& states,
+                                                     const std::source_location& location) {
     const auto planeFormat = GetYUVFormat<DirectX12Exception>(format, location);
     const YUVPlane lumaPlane = Describe(luma);
     const YUVPlane chromaPlane = Describe(chroma);
@@ -161,15 +163,12 @@ D12YUVConverter::Conversion D12YUVConverter::Prepare(
         {{luma, states[1], kTarget}, {chroma, states[2], kTarget}, {source, states[0], kSource}});
 }
 
-D12YUVConverter::Conversion
-D12YUVConverter::Prepare(const CComPtr<ID3D12Resource>& source,
-                         const boost::intrusive_ptr<D12Descriptor>& luma,
-                         const boost::intrusive_ptr<D12Descriptor>& chroma,
-                         const std::vector<ResourceUse>& uses) {
+D12YUVConverter::Conversion D12YUVConverter::Prepare(
+    const CComPtr<ID3D12Resource>& source, const boost::intrusive_ptr<D12Descriptor>& luma,
+    const boost::intrusive_ptr<D12Descriptor>& chroma, const std::vector<ResourceUse>& uses) {
     const CComPtr<ID3D12Resource>& intermediate = m_intermediateTarget->GetFirstResource();
-    Conversion conversion = {m_device->CreateTextureShaderResourceView(source),
-                             {luma, m_intermediateTarget},
-                             chroma};
+    Conversion conversion = {
+        m_device->CreateTextureShaderResourceView(source), {luma, m_intermediateTarget}, chroma};
     for (const auto& [resource, states, needed] : uses) {
         AddTransition(conversion.before, resource, states.before, needed);
         AddTransition(conversion.after, resource, needed, states.after);
@@ -253,7 +252,8 @@ void D12YUVConverter::Record(D12DrawState& state, const Conversion& conversion) 
     m_yCbCrPass->Draw(state, conversion.firstTargets, RectOf(m_destination->size),
                       m_yCbCrPass->GetQuad(list), [&] {
                           state.SetTable(kYCbCrTextureIndex, source);
-                          state.SetConstants(kYCbCrParamsIndex, m_paramsBuffer->GetGPUVirtualAddress());
+                          state.SetConstants(kYCbCrParamsIndex,
+                                             m_paramsBuffer->GetGPUVirtualAddress());
                       });
     list.ResourceBarrier({MakeIntermediateBarrier()});
     m_resizePass->Draw(state, {&conversion.chroma, 1}, RectOf(m_destination->chromaSize),

@@ -214,13 +214,11 @@ private:
         constexpr DX::D12ResourceStates kPlaneStates = {kPlaneState, kPlaneState};
         const EncoderParams& params = GetParams();
         if (IsPlanar()) {
-            m_converter->Encode(list, source->GetResource(),
-                                work.planes[0]->GetResource(), params.matrix,
-                                {{sourceStates, kPlaneStates}});
+            m_converter->Encode(list, source->GetResource(), work.planes[0]->GetResource(),
+                                params.matrix, {{sourceStates, kPlaneStates}});
         } else {
-            m_converter->Encode(list, source->GetResource(),
-                                work.planes[0]->GetResource(), work.planes[1]->GetResource(),
-                                params.format.planar, params.matrix,
+            m_converter->Encode(list, source->GetResource(), work.planes[0]->GetResource(),
+                                work.planes[1]->GetResource(), params.format.planar, params.matrix,
                                 {{sourceStates, kPlaneStates, kPlaneStates}});
         }
     }
@@ -235,8 +233,7 @@ private:
                 nullptr);
         }
         if (work.canvas) {
-            list.ResourceBarrier(
-                {Transition(work.source->GetResource(), kReadable, kSourceState)});
+            list.ResourceBarrier({Transition(work.source->GetResource(), kReadable, kSourceState)});
         }
     }
 

@@ -211,9 +211,9 @@ private:
                                          D3D12_RESOURCE_STATE_COPY_SOURCE)});
         list.CopyResource(copy->GetFirstResource(), target.GetFirstResource());
         list.ResourceBarrier({Transition(target, D3D12_RESOURCE_STATE_COPY_SOURCE,
-                                          D3D12_RESOURCE_STATE_RENDER_TARGET),
-                               Transition(*copy, D3D12_RESOURCE_STATE_COPY_DEST,
-                                          D3D12_RESOURCE_STATE_RENDER_TARGET)});
+                                         D3D12_RESOURCE_STATE_RENDER_TARGET),
+                              Transition(*copy, D3D12_RESOURCE_STATE_COPY_DEST,
+                                         D3D12_RESOURCE_STATE_RENDER_TARGET)});
         return std::make_unique<Canvas12>(m_queue, copy);
     }
 
