@@ -32,11 +32,10 @@ TEST(ExceptionCopyTest, ThreadsCopyOneExceptionAtOnce) {
             rethrow();
             ADD_FAILURE() << "nothing was thrown";
         } catch (const CoreException& exception) {
-            CoreException copy(exception);
-            CoreException assigned;
-            assigned = copy;
+            CoreException copy;
+            copy = CoreException(exception);
             copy << ErrorDescription("Pump is dry");
-            EXPECT_EQ(SentenceOf(assigned), "Valve is stuck");
+            EXPECT_EQ(SentenceOf(exception), "Valve is stuck");
             EXPECT_EQ(SentenceOf(CoreException(std::move(copy))), "Pump is dry");
         }
     };
