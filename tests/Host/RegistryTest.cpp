@@ -7,7 +7,7 @@
 namespace Norvex::Core {
 namespace {
 
-TEST(RegistryTest, OpensEnumeratesAndReadsValuesOfTheirTypeAndSizeOnly) {
+TEST(RegistryTest, OpensAndReadsValuesOfTheirTypeAndSizeOnly) {
     using namespace std::string_literals;
     const std::wstring path = L"Software\\NorvexTest" + std::to_wstring(GetCurrentProcessId());
     const auto check = [&](DWORD type, const std::wstring& data,
@@ -16,10 +16,7 @@ TEST(RegistryTest, OpensEnumeratesAndReadsValuesOfTheirTypeAndSizeOnly) {
         RegSetKeyValueW(HKEY_CURRENT_USER, (path + L"\\inner").c_str(), L"value", type, data.data(),
                         static_cast<DWORD>(data.size() * sizeof(wchar_t)));
         RegKey key;
-        EXPECT_FALSE(key.EnumKey(0) || key.QueryString(L"") || key.QueryQword(L"")) << "closed";
         ASSERT_TRUE(key.Open(HKEY_CURRENT_USER, path, KEY_READ));
-        EXPECT_EQ(key.EnumKey(0), L"inner");
-        EXPECT_FALSE(key.EnumKey(1));
         ASSERT_TRUE(key.Open(key, L"inner", KEY_READ)) << "its own child";
         EXPECT_EQ(key.QueryString(L"value"), text) << type;
         EXPECT_EQ(key.QueryQword(L"value"), number) << type;

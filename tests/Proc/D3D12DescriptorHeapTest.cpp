@@ -26,18 +26,14 @@ protected:
         return resource;
     }
     static D3D12_RESOURCE_DESC Texture2D(UINT16 array = 1, UINT16 mips = 1, UINT samples = 1,
-                                         D3D12_RESOURCE_FLAGS flags = kAllowAll,
-                                         DXGI_FORMAT format = kColor) {
-        return CD3DX12_RESOURCE_DESC::Tex2D(format, 64, 32, array, mips, samples, 0, flags);
+                                         D3D12_RESOURCE_FLAGS flags = kAllowAll) {
+        return CD3DX12_RESOURCE_DESC::Tex2D(kColor, 64, 32, array, mips, samples, 0, flags);
     }
 
     Ptr<D12DescriptorHeapPool> m_pool{new D12DescriptorHeapPool(Raw())};
     Ptr<CPUHeap> m_views = m_pool->CreateCPUHeap(kViews, 1);
     Ptr<CPUHeap> m_targets = m_pool->CreateCPUHeap(kRtv, 1);
     const ResourcePtr m_buffer = MakeBuffer(512, {}, kUnordered);
-    const ResourcePtr m_depth = Make(Texture2D(
-        1, 1, 1, D3D12_RESOURCE_FLAG_ALLOW_DEPTH_STENCIL | D3D12_RESOURCE_FLAG_DENY_SHADER_RESOURCE,
-        DXGI_FORMAT_D32_FLOAT));
 };
 
 TEST_F(D3D12DescriptorHeapTest, EveryViewTakesTheLowestSlotAndKeepsItsResources) {
@@ -58,6 +54,8 @@ TEST_F(D3D12DescriptorHeapTest, EveryViewTakesTheLowestSlotAndKeepsItsResources)
     const ResourcePtr texture = Make(Texture2D());
     const D3D12_UNORDERED_ACCESS_VIEW_DESC uav = {
         {}, D3D12_UAV_DIMENSION_BUFFER, {{0, 1, 4, 0, {}}}};
+    const D3D12_DEPTH_STENCIL_VIEW_DESC dsv = {
+        DXGI_FORMAT_D32_FLOAT, D3D12_DSV_DIMENSION_TEXTURE2D, {}, {}};
     const D3D12_RENDER_TARGET_VIEW_DESC rtv = {kColor, D3D12_RTV_DIMENSION_TEXTURE2D, {}};
     check(kViews, "a constant buffer view", "CreateConstantBufferView", {m_buffer},
           [&](auto& heap) { return heap.CreateConstantBufferView(m_buffer); });
@@ -69,8 +67,8 @@ TEST_F(D3D12DescriptorHeapTest, EveryViewTakesTheLowestSlotAndKeepsItsResources)
           [&](auto& heap) { return heap.CreateSampler({}); });
     check(kRtv, "a render target view", "CreateRenderTargetView", {},
           [&](auto& heap) { return heap.CreateRenderTargetView(nullptr, rtv); });
-    check(kDsv, "a depth stencil view", "CreateDepthStencilView", {m_depth},
-          [&](auto& heap) { return heap.CreateDepthStencilView(m_depth, {}); });
+    check(kDsv, "a depth stencil view", "CreateDepthStencilView", {},
+          [&](auto& heap) { return heap.CreateDepthStencilView(nullptr, dsv); });
 }
 
 // Format, dimension, in shader resource views mapping and padding, then what the dimension has.
@@ -97,7 +95,6 @@ TEST_F(D3D12DescriptorHeapTest, ViewsFollowTheResource) {
         }
     };
     using Desc = CD3DX12_RESOURCE_DESC;
-    check(Desc::Tex1D(kColor, 64, 1, 3, kAllowAll), "28 2 5768 0 0 3", "28 2 2");
     check(Desc::Tex1D(kColor, 64, 2, 3, kAllowAll), "28 3 5768 0 0 3 0 2", "28 3 2 0 2");
     check(Texture2D(1, 3), "28 4 5768 0 0 3", "28 4 2");
     check(Texture2D(6, 3), "28 5 5768 0 0 3 0 6", "28 5 2 0 6");
@@ -120,11 +117,7 @@ TEST_F(D3D12DescriptorHeapTest, RefusesWhatCannotBe) {
     const ResourcePtr buffer = MakeBuffer(300);
     NORVEX_REFUSED("Constant Buffer View requires SizeInBytes be a multiple of 256",
                    m_views->CreateConstantBufferView(buffer));
-    constexpr auto kUnsupported = "Unsupported resource";
-    NORVEX_REFUSED(kUnsupported, m_views->CreateBufferShaderResourceView(plain, 4));
-    NORVEX_REFUSED(kUnsupported, m_views->CreateShaderResourceView(nullptr, {}));
-    NORVEX_REFUSED("Resource created without support for SRV",
-                   m_views->CreateTextureShaderResourceView(m_depth, false));
+    NORVEX_REFUSED("Unsupported resource", m_views->CreateBufferShaderResourceView(plain, 4));
     NORVEX_REFUSED("Resource created without support for RTV",
                    m_targets->CreateRenderTargetView(plain, 0u));
     NORVEX_REFUSED("Resource created without support for UAV",
@@ -133,7 +126,6 @@ TEST_F(D3D12DescriptorHeapTest, RefusesWhatCannotBe) {
     NORVEX_REFUSED("Descriptor heap types are different", visible->CopyDescriptor(0, sampler));
     NORVEX_REFUSED("Descriptor index out of range", visible->GetCPUHandle(64));
     NORVEX_REFUSED("Descriptor index out of range", visible->GetGPUHandle(64));
-    NORVEX_REFUSED("There are no resources available", sampler->Transition({}, {}, 0, {}));
 }
 
 TEST_F(D3D12DescriptorHeapTest, HeapsAreRecycledAndCopiesKeepTheResourceNotTheSlot) {

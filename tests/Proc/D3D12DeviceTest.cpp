@@ -50,7 +50,7 @@ TEST_F(D3D12DeviceTest, BuffersAndFootprintsAreChecked) {
 
 // After a time of much work at once a pool keeps what steady work needs, and that makes nothing
 // new.
-TEST_F(D3D12DeviceTest, PoolsReuseShrinkAndCount) {
+TEST_F(D3D12DeviceTest, PoolsShrinkAndCount) {
     const auto use = [](std::size_t count) {
         std::vector<D12AllocatorState> states;
         while (states.size() < count) {
@@ -66,15 +66,7 @@ TEST_F(D3D12DeviceTest, PoolsReuseShrinkAndCount) {
     for (int i = 0; i < 200; ++i) {
         use(3);
     }
-    const D12AllocatorState state = s_device->CreateCommandAllocator(kDirect);
     EXPECT_EQ(made.Get(), 0);
-    const auto makeList = [&] {
-        return s_device->CreateCommandList(kDirect, CComPtr(state.Get()), {});
-    };
-    const auto list = makeList();
-    ASSERT_EQ(list->Close(), S_OK);
-    s_device->ReuseCommandList(CComPtr<ID3D12CommandList>(list.p));
-    EXPECT_EQ(makeList().p, list.p);
     s_device->CreateUploadBuffer(100);
     s_device->CreateReadbackBuffer(1000);
     s_device->CreateShaderViewHeap(1);
@@ -84,7 +76,7 @@ TEST_F(D3D12DeviceTest, PoolsReuseShrinkAndCount) {
     queries.clear();
     const auto& [allocators, lists, heaps, buffers, bytes, queryHeaps] = s_device->GetPoolSizes();
     EXPECT_THAT((std::vector<std::uint64_t>{allocators, lists, heaps, buffers, bytes, queryHeaps}),
-                ElementsAre(2, 0, 1, 2, 128 + 1024, 1));
+                ElementsAre(3, 0, 1, 2, 128 + 1024, 1));
 }
 
 } // namespace
