@@ -12,7 +12,6 @@ namespace {
 
 TEST(ErrorInfoTest, NamesAndDescribesCodes) {
     const std::pair<unsigned long, const char*> cases[] = {
-        {0, "S_OK"},
         {0x8007000E, "E_OUTOFMEMORY"},
         {0x887A0005, "DXGI_ERROR_DEVICE_REMOVED"},
         {0x8876086C, "D3DERR_INVALIDCALL"},

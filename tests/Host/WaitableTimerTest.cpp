@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "Host/CoreException.h"
+#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Core {
 namespace {
@@ -89,6 +91,23 @@ TEST(WaitableTimerTest, CallbacksMayBlockAndThrowButNeverOverlap) {
     EXPECT_EQ(inside, 0) << "the destructor waits";
     EXPECT_EQ(most, 1);
     ExpectRest(ticks);
+}
+
+TEST(WaitableTimerTest, ATickThatIsUnderWayWhenTheTimerStopsDoesNothing) {
+    std::function<void()> tick;
+    const Norvex::Test::MethodPatch<&CreateThreadpoolTimer> patch(
+        Norvex::Test::FindImport(L"NorvexHost.dll", "CreateThreadpoolTimer"),
+        [&](auto original, auto onTick, auto* context, auto* environment) {
+            tick = [=] { onTick(nullptr, context, nullptr); };
+            return original(onTick, context, environment);
+        });
+    int ticks = 0;
+    WaitableTimer timer([&] { ++ticks; });
+    timer.StartPeriodic(1h);
+    tick();
+    timer.Stop();
+    tick();
+    EXPECT_EQ(ticks, 1);
 }
 
 } // namespace
