@@ -4,7 +4,6 @@
 #include <string>
 
 #include "Host/CoreException.h"
-#include "Host/ProcException.h"
 
 namespace Norvex {
 
@@ -62,8 +61,6 @@ TEST(ExceptionTest, CrossesTheModuleBorderAsEachOfItsTypes) {
     ExpectCaughtAs<Norvex::Exception>();
     ExpectCaughtAs<std::exception>();
     ExpectCaughtAs<boost::exception>();
-    const auto other = Proc::ProcException() << ErrorDescription("Valve is stuck");
-    EXPECT_EQ(Proc::ProcException(other).GetErrorDescription(), "Valve is stuck");
 }
 
 } // namespace

@@ -12,7 +12,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using namespace Norvex::Test;
-using Clock = std::chrono::steady_clock;
+
+constexpr auto kTime = D3D12_QUERY_TYPE_TIMESTAMP;
 
 class D3D12PoolTest : public Direct3D12Test {
 protected:
@@ -20,12 +21,17 @@ protected:
         return Device()->CreateBufferPool(type);
     }
     static auto MakeTextures(unsigned arraySize = 1) {
-        return D12Texture2DPool::Create(
-            Device(), MakeTextureDesc(64, 32, static_cast<std::uint16_t>(arraySize)));
+        return D12Texture2DPool::Create(Device(),
+                                        {.width = 64,
+                                         .height = 32,
+                                         .arraySize = static_cast<std::uint16_t>(arraySize),
+                                         .format = kColor,
+                                         .clearColor = {}});
     }
 };
 
-// Four threads take and give back; no two of the objects in use are in one place.
+// Four threads take and give back, through further handles where there can be some; no two of the
+// objects in use are in one place.
 template <class Take, class PlaceOf>
 void ExpectThreadsNeverShare(const Take& take, const PlaceOf& placeOf) {
     std::mutex mutex;
@@ -40,7 +46,7 @@ void ExpectThreadsNeverShare(const Take& take, const PlaceOf& placeOf) {
             }
             object.reset();
             if (round < 900) {
-                object = take();
+                object = CopyOf(take());
                 const std::scoped_lock lock(mutex);
                 EXPECT_TRUE(inUse.insert(placeOf(*object)).second);
             }
@@ -52,15 +58,18 @@ TEST_F(D3D12PoolTest, ThreadsNeverShare) {
     const auto buffers = MakeBuffers();
     const auto slices = MakeTextures(400);
     const auto target = s_canvas->MakeTarget(8, 8, kColor)->GetFirstResource();
+    std::atomic<int> taken = 0;
     const auto takeBuffer = [&] {
-        buffers->Clear();
+        if (++taken % 16 == 0) {
+            buffers->Clear();
+        }
         return buffers->CreateBuffer(100);
     };
     ExpectThreadsNeverShare(takeBuffer, [](const auto& buffer) { return buffer.GetResource().p; });
     ExpectThreadsNeverShare([&] { return slices->ObtainTexture(); },
                             [](const auto& slice) { return slice.GetSubresource(); });
     ExpectThreadsNeverShare(
-        [] { return Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP); },
+        [] { return Device()->CreateQuery(kTime); },
         [](const auto& query) { return std::pair(query.GetResource().p, query.GetIndex()); });
     ExpectThreadsNeverShare([&] { return Device()->CreateRenderTargetView(target); },
                             [](const auto& view) { return view.GetCPUHandle().ptr; });
@@ -68,76 +77,51 @@ TEST_F(D3D12PoolTest, ThreadsNeverShare) {
 
 TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {
     const Ptr<D12QueryHeapPool> pool(new D12QueryHeapPool(Raw()));
-    const auto take = [&] { return pool->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP); };
+    const auto take = [&] { return pool->CreateQuery(kTime); };
     const auto makeHeap = [&](unsigned count) {
         return pool->CreateHeap(D3D12_QUERY_HEAP_TYPE_TIMESTAMP, count);
     };
     auto queries = ExpectLowestFirst(64, take, [](const auto& query) { return query->GetIndex(); });
-    const auto first = queries[0]->GetHeap()->GetHeap().p;
-    const auto next = take();
-    EXPECT_NE(next->GetHeap()->GetHeap().p, first);
+    ID3D12QueryHeap* const first = queries[0]->GetHeap()->GetHeap();
+    EXPECT_NE(take()->GetHeap()->GetHeap().p, first);
     queries[5].reset(); // its heap is no longer the shared one
-    EXPECT_EQ(take()->GetIndex(), 1u);
-    EXPECT_EQ(pool->CountFreeHeaps(), 0u) << "what is in use";
+    EXPECT_EQ(take()->GetIndex(), 0u);
     queries.clear();
-    auto few = makeHeap(10);
-    EXPECT_EQ(few->GetHeap().p, first);
+    EXPECT_EQ(pool->CountFreeHeaps(), 1u);
     auto many = makeHeap(129);
     ID3D12QueryHeap* const manyHeap = many->GetHeap();
-    few.reset();
     many.reset();
     const auto most = makeHeap(193)->GetHeap();
     EXPECT_TRUE(most != manyHeap && most != first);
-    many = makeHeap(65);
-    few = makeHeap(10);
-    EXPECT_EQ(many->GetHeap().p, manyHeap);
+    const auto few = makeHeap(10);
     EXPECT_EQ(few->GetHeap().p, first);
     EXPECT_EQ(few->GetCount(), 10u);
-}
-
-// The last returned, or the oldest; not what a further handle holds.
-template <class Take>
-void ExpectOrder(bool isLastFirst, const Take& take) {
-    std::vector objects = {take(), take(), take()};
-    const std::vector<ID3D12Resource*> raws = {objects[0]->GetResource(), objects[1]->GetResource(),
-                                               objects[2]->GetResource()};
-    const auto copy = CopyOf(objects[1]);
-    objects.clear();
-    objects = {take(), take()};
-    EXPECT_EQ(objects[0]->GetResource(), raws[isLastFirst ? 2 : 0]);
-    EXPECT_EQ(objects[1]->GetResource(), raws[isLastFirst ? 0 : 2]);
-    EXPECT_EQ(std::ranges::count(raws, take()->GetResource().p), 0);
-}
-
-TEST_F(D3D12PoolTest, ReusesInOrderWhatTheLastHandleGaveBack) {
-    const auto buffers = MakeBuffers();
-    const auto textures = MakeTextures();
-    buffers->CreateBuffer(1000);
-    ExpectOrder(true, [&] { return buffers->CreateBuffer(100); });
-    ExpectOrder(false, [&] { return textures->ObtainTexture(); });
+    NORVEX_REFUSED("Invalid heap type", few->CreateQuery(D3D12_QUERY_TYPE_OCCLUSION));
+    NORVEX_REFUSED("Invalid query type", take()->GetPipelineStats());
+    NORVEX_REFUSED("Invalid query type", pool->CreateQuery(static_cast<D3D12_QUERY_TYPE>(9)));
 }
 
 // The first tick finds the list empty, so the timer has to start anew. From then on something is
 // returned all the time, which neither stops it nor makes what came before live longer.
-TEST_F(D3D12PoolTest, WhatIsNotUsedForTwoSecondsIsFreedBetweenTwoAndFour) {
+TEST_F(D3D12PoolTest, WhatIsNotUsedForTwoSecondsIsFreed) {
+    const auto now = &std::chrono::steady_clock::now;
     const auto buffers = MakeBuffers();
     std::vector<Ptr<D12Buffer>> used(12);
     std::ranges::generate(used, [&] { return buffers->CreateBuffer(100); });
     buffers->CreateBuffer(100);
     std::this_thread::sleep_for(2200ms);
-    std::vector<std::pair<LifeProbe, Clock::time_point>> returned;
-    const auto isAlive = [](const auto& item) { return item.first.IsAlive(); };
-    do {
-        if (!used.empty()) {
-            returned.emplace_back(LifeProbe(used.back()->GetResource()), Clock::now());
-            used.pop_back();
-        }
+    const LifeProbe first(used.back()->GetResource());
+    const auto start = now();
+    while (!used.empty() && first.IsAlive()) {
+        used.pop_back();
         std::this_thread::sleep_for(400ms);
-        for (const auto& item : returned) {
-            const auto age = Clock::now() - item.second;
-            ASSERT_TRUE(isAlive(item) ? age < 5500ms : age > 1950ms);
-        }
-    } while (std::ranges::any_of(returned, isAlive));
+    }
+    EXPECT_FALSE(first.IsAlive());
+    EXPECT_GT(now() - start, 1950ms);
+    used.clear();
+    while (buffers->CountFree().first > 0 && now() - start < 30s) {
+        std::this_thread::sleep_for(100ms);
+    }
     EXPECT_EQ(buffers->CountFree(), std::pair(std::size_t{0}, std::uint64_t{0}));
 }
 
@@ -145,62 +129,39 @@ TEST_F(D3D12PoolTest, BuffersArePowersOfTwoAndAreKeptUntilCleared) {
     for (const auto& [requested, rounded] :
          {std::pair(1u, 2u), std::pair(255u, 256u), std::pair(256u, 512u)}) {
         const auto pool = MakeBuffers(D3D12_HEAP_TYPE_DEFAULT);
-        const auto used = pool->CreateBuffer(requested);
-        EXPECT_EQ(used->GetSize(), rounded);
         const LifeProbe probe(pool->CreateBuffer(requested)->GetResource());
+        pool->CreateBuffer(requested);
         EXPECT_EQ(pool->CountFree(), std::pair(std::size_t{1}, std::uint64_t{rounded}));
         pool->Clear();
-        EXPECT_EQ(pool->CountFree().first, 0u);
         EXPECT_FALSE(probe.IsAlive());
-    }
-}
-
-TEST_F(D3D12PoolTest, BuffersMapWhatIsReadAndUnmapWhatWasWritten) {
-    const auto upload = MakeBuffers()->CreateBuffer(64);
-    const auto readback = MakeBuffers(kReadback)->CreateBuffer(64);
-    std::vector<SIZE_T> ranges;
-    const auto note = [&](auto original, auto* self, UINT index, auto* range, auto... data) {
-        ranges.insert(ranges.end(), {range->Begin, range->End});
-        return original(self, index, range, data...);
-    };
-    const MethodPatch<&ID3D12Resource::Map> onMap(upload->GetResource(), note);
-    const MethodPatch<&ID3D12Resource::Unmap> onUnmap(upload->GetResource(), note);
-    upload->Write(16, 48, [](auto* data) { data[16] = 5; });
-    upload->Write(16, 48, [](auto* data) { EXPECT_EQ(data[16], 5) << "not what lies at 16"; });
-    readback->Read(16, 48, [](auto*) {});
-    EXPECT_THROW(upload->Write(0, 8, nullptr), std::bad_function_call);
-    EXPECT_THAT(ranges, ElementsAre(0, 0, 16, 48, 0, 0, 16, 48, 16, 48, 0, 0, 0, 0, 0, 8));
-
-    const auto onGpu = MakeBuffers(D3D12_HEAP_TYPE_DEFAULT)->CreateBuffer(16);
-    const auto nothing = [](auto*) {};
-    for (const auto& buffer : {upload, onGpu}) {
-        NORVEX_REFUSED("This buffer is not readable", buffer->Read(0, 16, nothing));
-    }
-    for (const auto& buffer : {readback, onGpu}) {
-        NORVEX_REFUSED("This buffer is not writeable", buffer->Write(0, 16, nothing));
     }
     NORVEX_REFUSED("Buffer size requested equal to zero", MakeBuffers()->CreateBuffer(0));
     NORVEX_REFUSED("Buffer size requested is too large", MakeBuffers()->CreateBuffer(1ull << 63));
-    ExpectFailure12([&] { MakeBuffers(D3D12_HEAP_TYPE_CUSTOM)->CreateBuffer(16); },
-                    "Invalid heap type", "CreateDimensionBuffer");
-    NORVEX_REFUSED("Failed to create 2D texture", D12Texture2DPool::Create(nullptr, {}));
 }
 
-TEST_F(D3D12PoolTest, TexturesAreTheirOwnOrSlicesOfOne) {
-    EXPECT_FALSE(MakeTextures()->IsTextureArray());
+TEST_F(D3D12PoolTest, BuffersAreReadOrWritten) {
+    const auto upload = MakeBuffers()->CreateBuffer(64);
+    const auto readback = MakeBuffers(kReadback)->CreateBuffer(64);
+    const CallCount<&ID3D12Resource::Unmap> unmapped(upload->GetResource());
+    upload->Write(16, 48, [](auto* data) { data[16] = 5; });
+    upload->Write(16, 48, [](auto* data) { EXPECT_EQ(data[16], 5) << "not what lies at 16"; });
+    EXPECT_THROW(readback->Read(16, 48, nullptr), std::bad_function_call);
+    EXPECT_EQ(unmapped.Get(), 3);
+    NORVEX_REFUSED("This buffer is not readable", upload->Read(0, 16, nullptr));
+    NORVEX_REFUSED("This buffer is not writeable", readback->Write(0, 16, nullptr));
+}
+
+TEST_F(D3D12PoolTest, SlicesOfOneTextureKeepIt) {
     for (const unsigned count : {4u, 63u, 64u, 65u, 130u}) {
         auto pool = MakeTextures(count);
-        EXPECT_TRUE(pool->IsTextureArray());
         auto slices = ExpectLowestFirst(
             count, [&] { return pool->ObtainTexture(); },
             [](const auto& slice) { return slice->GetSubresource(); });
-        const LifeProbe probe(slices[0]->GetResource());
-        EXPECT_EQ(slices[count - 1]->GetResource().p, slices[0]->GetResource().p);
         NORVEX_REFUSED("There are no free textures in the array", pool->ObtainTexture());
+        const LifeProbe probe(slices[0]->GetResource());
+        slices.resize(1);
         pool.reset();
         EXPECT_TRUE(probe.IsAlive());
-        slices.clear();
-        EXPECT_FALSE(probe.IsAlive());
     }
 }
 

@@ -34,7 +34,6 @@ namespace Norvex::Test {
 using testing::ElementsAre;
 template <class Object>
 using Ptr = boost::intrusive_ptr<Object>;
-using DevicePtr = Ptr<DX::D12Device>;
 using ViewPtr = Ptr<DX::D12Descriptor>;
 using ListPtr = Ptr<DX::D12GraphicsCommandList>;
 using ResourcePtr = CComPtr<ID3D12Resource>;
@@ -42,23 +41,10 @@ using ResourcePtr = CComPtr<ID3D12Resource>;
 inline constexpr auto kDirect = D3D12_COMMAND_LIST_TYPE_DIRECT;
 inline constexpr auto kUpload = D3D12_HEAP_TYPE_UPLOAD;
 inline constexpr auto kReadback = D3D12_HEAP_TYPE_READBACK;
-inline constexpr auto kNone = DXGI_FORMAT_UNKNOWN;
 inline constexpr auto kColor = DXGI_FORMAT_R8G8B8A8_UNORM; // 28
 inline constexpr auto kCopyFrom = D3D12_RESOURCE_STATE_COPY_SOURCE;
 inline constexpr auto kCopyTo = D3D12_RESOURCE_STATE_COPY_DEST;
 inline constexpr auto kUnordered = D3D12_RESOURCE_FLAG_ALLOW_UNORDERED_ACCESS;
-
-inline DX::D12Texture2DDesc MakeTextureDesc(unsigned width, unsigned height,
-                                            std::uint16_t arraySize = 1,
-                                            D3D12_RESOURCE_STATES state = {}) {
-    DX::D12Texture2DDesc desc;
-    desc.width = width;
-    desc.height = height;
-    desc.arraySize = arraySize;
-    desc.format = kColor;
-    desc.initialState = state;
-    return desc;
-}
 
 class Direct3D12Test : public CanvasTest {
 protected:
