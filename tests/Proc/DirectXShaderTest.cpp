@@ -11,10 +11,6 @@ namespace Norvex::DX {
 namespace {
 
 using namespace Norvex::Test;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
-
 constexpr auto kVertexSource = "float4 Vs() : SV_POSITION { return float4(1, 0, 0, 1); }\n";
 constexpr auto kPixelSource = "float4 Ps() : SV_TARGET { return float4(1, 0, 0, 1); }\n";
 
@@ -40,16 +36,12 @@ TEST(D3D11ShaderTest, FailuresNameTheShaderAndTellTheError) {
     constexpr auto kBroken = "float4 Broken() : SV_TARGET { return nothing; }";
     for (const auto& thrown : {ThrownBy([&] { D11PixelShader(device, "Broken", kBroken); }),
                                ThrownBy([&] { D12Shader::CreatePixel("Broken", kBroken); })}) {
-        EXPECT_THAT(
-            thrown.sentence,
-            AllOf(StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"),
-                  HasSubstr("nothing")));
+        EXPECT_THAT(thrown.sentence,
+                    testing::ContainsRegex("^Failed to compile shader: shaderName = Broken\n"
+                                           "Compile Error:\n.*nothing"));
         EXPECT_EQ(thrown.function, "CompileShader");
         EXPECT_LT(thrown.result, 0);
     }
-    const FailingMethod<&ID3D11Device::CreatePixelShader> fail(device->Get(), E_ACCESSDENIED);
-    ExpectFailure11([&] { D11PixelShader(device, "Ps", kPixelSource); },
-                    "Failed to create pixel shader", "CreatePixelShader", E_ACCESSDENIED);
 }
 
 // Run by itself, where there is no compiler.

@@ -21,6 +21,45 @@ RGB Scaled(const RGB& color, double factor) {
     return Each(color, [factor](double c) { return c * factor; });
 }
 
+// SMPTE ST 2084:2014, equations 4.1 and 5.1, with the constants as the fractions given there.
+constexpr double kM1 = 2610.0 / 16384.0;
+constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
+constexpr double kC1 = 3424.0 / 4096.0;
+constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
+constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
+
+double LightFromPQ(double value) {
+    const double power = std::pow(std::clamp(value, 0.0, 1.0), 1.0 / kM2);
+    return 100.0 * std::pow(std::max(power - kC1, 0.0) / (kC2 - kC3 * power), 1.0 / kM1);
+}
+
+// ARIB STD-B67, section 2.2.
+constexpr double kA = 0.17883277;
+constexpr double kB = 0.28466892;
+constexpr double kC = 0.55991073;
+
+double HLGFromScene(double scene) {
+    const double s = std::clamp(scene, 0.0, 12.0);
+    return s < 1.0 ? 0.5 * std::sqrt(s) : kA * std::log(s - kB) + kC;
+}
+
+double SceneFromHLG(double value) {
+    const double v = std::clamp(value, 0.0, 1.0);
+    return v < 0.5 ? 4.0 * v * v : std::exp((v - kC) / kA) + kB;
+}
+
+double SRGBFromLight(double light) {
+    return light <= 0.0031308 ? 12.92 * light : 1.055 * std::pow(light, 1.0 / 2.4) - 0.055;
+}
+
+double Rec709FromScene(double scene) {
+    return scene < 0.018 ? 4.5 * scene : 1.099 * std::pow(scene, 0.45) - 0.099;
+}
+
+double SceneFromRec709(double value) {
+    return value < 0.081 ? value / 4.5 : std::pow((value + 0.099) / 1.099, 1.0 / 0.45);
+}
+
 // ITU-R BT.1886 with black at zero, continued to negative values as an odd function.
 double DisplayFromRec709(double value) {
     return std::copysign(std::pow(std::abs(value), 2.4), value);
@@ -131,52 +170,13 @@ RGB ConvertColor(const RGB& color, const Info& info) {
 
 } // namespace
 
-// SMPTE ST 2084:2014, equations 4.1 and 5.1, with the constants as the fractions given there.
-constexpr double kM1 = 2610.0 / 16384.0;
-constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
-constexpr double kC1 = 3424.0 / 4096.0;
-constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
-constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
-
 double PQFromLight(double light) {
     const double power = std::pow(std::clamp(light / 100.0, 0.0, 1.0), kM1);
     return std::pow((kC1 + kC2 * power) / (1.0 + kC3 * power), kM2);
 }
 
-double LightFromPQ(double value) {
-    const double power = std::pow(std::clamp(value, 0.0, 1.0), 1.0 / kM2);
-    return 100.0 * std::pow(std::max(power - kC1, 0.0) / (kC2 - kC3 * power), 1.0 / kM1);
-}
-
-// ARIB STD-B67, section 2.2.
-constexpr double kA = 0.17883277;
-constexpr double kB = 0.28466892;
-constexpr double kC = 0.55991073;
-
-double HLGFromScene(double scene) {
-    const double s = std::clamp(scene, 0.0, 12.0);
-    return s < 1.0 ? 0.5 * std::sqrt(s) : kA * std::log(s - kB) + kC;
-}
-
-double SceneFromHLG(double value) {
-    const double v = std::clamp(value, 0.0, 1.0);
-    return v < 0.5 ? 4.0 * v * v : std::exp((v - kC) / kA) + kB;
-}
-
-double SRGBFromLight(double light) {
-    return light <= 0.0031308 ? 12.92 * light : 1.055 * std::pow(light, 1.0 / 2.4) - 0.055;
-}
-
 double LightFromSRGB(double value) {
     return value <= 0.04045 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
-}
-
-double Rec709FromScene(double scene) {
-    return scene < 0.018 ? 4.5 * scene : 1.099 * std::pow(scene, 0.45) - 0.099;
-}
-
-double SceneFromRec709(double value) {
-    return value < 0.081 ? value / 4.5 : std::pow((value + 0.099) / 1.099, 1.0 / 0.45);
 }
 
 Pixel ReferenceConvert(const Pixel& color, const Info& info) {

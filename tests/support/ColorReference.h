@@ -16,14 +16,8 @@ using Pixel = std::array<double, 4>; // red, green, blue, alpha; encoded as its 
 // Between the spaces that the library converts, with the numbers that the description gives.
 Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo& info);
 
-// The transfer functions by themselves. PQ: light 1.0 is 100 cd/m2. HLG: scene light from 0 to 12.
+// Transfer functions by themselves. PQ: light 1.0 is 100 cd/m2.
 double PQFromLight(double light);
-double LightFromPQ(double value);
-double HLGFromScene(double scene);
-double SceneFromHLG(double value);
-double SRGBFromLight(double light);
 double LightFromSRGB(double value);
-double Rec709FromScene(double scene);
-double SceneFromRec709(double value);
 
 } // namespace Norvex::Test
