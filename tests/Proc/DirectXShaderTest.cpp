@@ -22,13 +22,10 @@ int ModelOf(const D3ShaderBytecode& shader) {
 }
 
 // The device's level does not matter to Direct3D 11, so that one bytecode serves every device.
-TEST(D3D11ShaderTest, CompilesForTheTargetsOfLevel10And11) {
+TEST(D3D11ShaderTest, CompilesForLevel10) {
     const auto device = D11Device::CreatePrimary();
-    ASSERT_GE(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_0);
     EXPECT_EQ(ModelOf(D11VertexShader(device, "Vs", kVertexSource)), 0x40);
     EXPECT_EQ(ModelOf(D11PixelShader(device, "Ps", kPixelSource)), 0x40);
-    EXPECT_EQ(ModelOf(*D12Shader::CreateVertex("Vs", kVertexSource)), 0x50);
-    EXPECT_EQ(ModelOf(*D12Shader::CreatePixel("Ps", kPixelSource)), 0x50);
 }
 
 TEST(D3D11ShaderTest, FailuresNameTheShaderAndTellTheError) {

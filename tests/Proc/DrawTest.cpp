@@ -35,14 +35,6 @@ constexpr RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::
 constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
 constexpr auto kRGBA8 = DXGI_FORMAT_R8G8B8A8_UNORM;
 
-std::string Describe(const ColorAlphaConversionInfo& info) {
-    const auto params = DX::D3ImageRenderer::MakeParams({}, info);
-    return fmt::format("from {:#x} to {:#x}, alpha {} to {}, mode {}, peaks {} and {}, scale {}",
-                       params.sourceColorSpace, params.targetColorSpace, params.sourceAlphaType,
-                       params.targetAlphaType, static_cast<int>(info.mode),
-                       info.sourcePeakLuminance, info.targetPeakLuminance, info.linearScale);
-}
-
 constexpr unsigned kWidth = 256;
 constexpr unsigned kRows = 8; // of ordinary colours
 
@@ -167,8 +159,11 @@ TYPED_TEST(DrawTest, EveryConversionAgreesWithTheReferenceAndMakesNumbers) {
         const auto reference = [&](std::size_t i) {
             return i < kRows * kWidth ? ReferenceConvert(source.colors[i], info) : drawn.colors[i];
         };
+        const auto codes = DX::D3ImageRenderer::MakeParams({}, info);
         EXPECT_EQ(FindDifference(drawn, (cancels ? 100.0 : 8.0) / 65535.0, reference), "")
-            << Describe(info);
+            << fmt::format("from {:#x} to {:#x}, alpha {} to {}, mode {}", codes.sourceColorSpace,
+                           codes.targetColorSpace, codes.sourceAlphaType, codes.targetAlphaType,
+                           static_cast<int>(info.mode));
     };
     ColorAlphaConversionInfo info;
     for (const auto& from : {kSRGB, kRec709, kRec2020, kPQ, kHLG}) {
@@ -301,7 +296,6 @@ TYPED_TEST(DrawTest, WrongArgumentsAreRefused) {
         }
         this->m_draw->Encode(on, source, target, {}, {});
     });
-    EXPECT_EQ(this->m_canvas.Read(target).colors, MakeQuadrants(8, 8).colors);
     EXPECT_EQ(SentenceOf([] { typename TypeParam::ImageDraw(nullptr); }), "There is no device");
 }
 

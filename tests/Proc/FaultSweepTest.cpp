@@ -43,7 +43,8 @@ struct Fault {
 constexpr Fault kFaults[] = {
     {E_OUTOFMEMORY}, {DXGI_ERROR_DEVICE_REMOVED, true}, {E_FAIL}, {E_INVALIDARG}};
 
-// What the caller is told: the function and the sentence, as they begin. One of several.
+// What the caller is told: one of some functions and sentences, as they begin. A function of the
+// method's own name is left out.
 using Tellings = std::vector<std::string>;
 constexpr auto kUntold = ": (nothing)";
 
@@ -60,8 +61,13 @@ public:
     }
     // Of all objects of the class.
     template <auto method>
-    void Interpose(IUnknown* object, const char* name, const Tellings& tellings) {
-        m_tellings[name] = tellings;
+    void Interpose(IUnknown* object, const std::string& objectName, const std::string& methodName,
+                   const Tellings& tellings) {
+        const std::string name = objectName + methodName;
+        for (const std::string& telling : tellings) {
+            m_tellings[name].push_back((telling.starts_with("Failed") ? methodName + ": " : "") +
+                                       telling);
+        }
         Patch<method>(object, [this, name](auto original, auto* self, auto... rest) -> HRESULT {
             const HRESULT result = t_isInCall ? S_OK : Take(name, self);
             if (t_isInCall || FAILED(result)) {
@@ -112,14 +118,14 @@ private:
 
     // S_OK: the call is to be made.
     template <class Object>
-    HRESULT Take(const char* method, Object* object) {
+    HRESULT Take(const std::string& method, Object* object) {
         const std::lock_guard guard(m_mutex);
         if constexpr (requires { object->GetDeviceRemovedReason(); }) {
             if (!m_device) {
                 m_device.emplace(object);
             }
         }
-        m_calls.emplace_back(method);
+        m_calls.push_back(method);
         const bool isIt = std::ssize(m_calls) == m_failing + 1;
         return HasFailed() && (isIt || m_fault.isLasting) ? m_fault.result : S_OK;
     }
@@ -219,124 +225,109 @@ void Present(Leaving&) {
     FrameHost host(generation);
     for (int i = 0; i < 3; ++i) {
         host.Frame();
-        host.window.Resize({100 + i, 90});
+        host.window.Place(40, 40, {100 + i, 90});
         host.swapChain->RecreateBuffers();
     }
 }
 
-// NORVEX_INTERPOSE(object, method, tellings...): for a `faults` in scope. The address of a member
-// takes no parentheses.
-#define NORVEX_INTERPOSE(object, method, ...)                                                      \
-    faults.Interpose<&std::remove_pointer_t<decltype(object)>::method>(/* NOLINT */                \
-                                                                       object,                     \
-                                                                       #object "->" #method,       \
-                                                                       {__VA_ARGS__})
+template <class Pointer>
+using ClassOf = std::remove_pointer_t<decltype(Pointer::p)>;
+
+// NORVEX_FAIL(object, method, tellings...): for a `faults` in scope. The address of a member takes
+// no parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define NORVEX_FAIL(object, method, ...)                                                           \
+    faults.Interpose<&ClassOf<decltype(object)>::method>(object, #object "->", #method,            \
+                                                         {__VA_ARGS__})
+// NOLINTEND(bugprone-macro-parentheses)
+
+template <class Device>
+void InterposeReason(Faults& faults, Device* device) {
+    faults.Patch<&Device::GetDeviceRemovedReason>(device, [&faults](auto original, auto* self) {
+        return faults.IsRemoved() ? kReason : original(self);
+    });
+}
 
 void InterposePresentation(Faults& faults, bool isDirect3D12) {
-    const CComPtr<IDXGISwapChain> owned = HDRDisplay::MakeSwapChain(isDirect3D12);
-    const auto owned3 = Platform::Query<IDXGISwapChain3>(owned);
-    CComPtr<IDXGIFactory2> ownedFactory;
-    owned->GetParent(IID_PPV_ARGS(&ownedFactory));
-    IDXGISwapChain3* const swapChain = owned3;
-    IDXGIFactory2* const factory = ownedFactory;
-    NORVEX_INTERPOSE(factory, CreateSwapChainForHwnd,
-                     "CreateSwapChainForHwnd: Failed to create DXGI swap chain: width = ");
-    NORVEX_INTERPOSE(factory, MakeWindowAssociation, kUntold); // Alt+Enter stays DXGI's
-    NORVEX_INTERPOSE(swapChain, GetBuffer, "Create: Failed to get back buffer",
-                     "RecreateBuffers: Failed to get back buffer");
-    NORVEX_INTERPOSE(swapChain, GetDesc, kUntold);            // tells whether anything changes
-    NORVEX_INTERPOSE(swapChain, GetFullscreenState, kUntold); // then it is a window
-    NORVEX_INTERPOSE(swapChain, Present, kUntold); // the next call that creates something tells
+    const auto swapChain =
+        Platform::Query<IDXGISwapChain3>(HDRDisplay::MakeSwapChain(isDirect3D12));
+    CComPtr<IDXGIFactory2> factory;
+    swapChain->GetParent(IID_PPV_ARGS(&factory));
     constexpr auto kResize = "MakeBuffers: Failed to resize DXGI swap chain buffers";
-    NORVEX_INTERPOSE(swapChain, ResizeBuffers, kResize);
-    NORVEX_INTERPOSE(swapChain, ResizeBuffers1, kResize);
+    NORVEX_FAIL(factory, CreateSwapChainForHwnd, "Failed to create DXGI swap chain: width = ");
+    NORVEX_FAIL(factory, MakeWindowAssociation, kUntold); // Alt+Enter stays DXGI's
+    NORVEX_FAIL(swapChain, GetBuffer, "Create: Failed to get back buffer",
+                "RecreateBuffers: Failed to get back buffer");
+    NORVEX_FAIL(swapChain, GetDesc, kUntold);            // tells whether anything changes
+    NORVEX_FAIL(swapChain, GetFullscreenState, kUntold); // then it is a window
+    NORVEX_FAIL(swapChain, Present, kUntold); // the next call that creates something tells
+    NORVEX_FAIL(swapChain, ResizeBuffers, kResize);
+    NORVEX_FAIL(swapChain, ResizeBuffers1, kResize);
 }
 
 void Interpose12(Faults& faults) {
     InterposePresentation(faults, true);
     Canvas canvas;
-    const DX::D12AllocatorState state(canvas.GetDevice()->Get(), D3D12_COMMAND_LIST_TYPE_DIRECT);
-    const auto recording = canvas.GetQueue()->CreateCommandAllocator();
-    const auto closed = recording->CreateCommandList(nullptr);
+    const CComPtr device(canvas.GetDevice()->Get());
+    const CComPtr queue(canvas.GetQueue()->Get());
+    const DX::D12AllocatorState state(device, D3D12_COMMAND_LIST_TYPE_DIRECT);
+    const CComPtr allocator(state.Get());
+    const auto fence = state.GetCompletionEvent()->GetFence();
+    const auto closed = canvas.GetQueue()->CreateCommandAllocator()->CreateCommandList(nullptr);
     closed->Close();
-    const auto upload = canvas.GetDevice()->CreateUploadBuffer(1);
-    ID3D12Device* const device = canvas.GetDevice()->Get();
-    ID3D12CommandQueue* const queue = canvas.GetQueue()->Get();
-    ID3D12CommandAllocator* const allocator = state.Get();
-    ID3D12Fence* const fence = state.GetCompletionEvent()->GetFence();
-    ID3D12GraphicsCommandList* const list = closed->GetGraphics();
-    ID3D12Resource* const buffer = upload->GetResource();
-    faults.Patch<&ID3D12Device::GetDeviceRemovedReason>(
-        device, [&faults](auto original, auto* self) {
-            return faults.IsRemoved() ? kReason : original(self);
-        });
+    const CComPtr list(closed->GetGraphics());
+    const CComPtr buffer(canvas.GetDevice()->CreateUploadBuffer(1)->GetResource());
+    InterposeReason(faults, device.p);
     // What is submitted to a device that will be removed is not executed, so that the driver that
     // stands in for it has nothing in flight when the library lets go of everything.
     faults.Patch<&ID3D12CommandQueue::ExecuteCommandLists>(
         queue, [&faults](auto original, auto* self, UINT count, auto* lists) {
             original(self, faults.IsRemovedSoon() ? 0 : count, lists);
         });
-    NORVEX_INTERPOSE(device, CreateCommandList, "CreateCommandList: Failed to create command list");
-    NORVEX_INTERPOSE(device, CreateCommandAllocator,
-                     "D12AllocatorState: Failed to create command allocator");
-    NORVEX_INTERPOSE(device, CreateCommandQueue, "D12CommandQueue: Failed to create command queue");
-    NORVEX_INTERPOSE(device, CreateCommittedResource, "CreateBuffer: Failed to create buffer",
-                     "CreateDimensionBuffer: Failed to create buffer",
-                     "CreateTexture2D: Failed to create 2D texture",
-                     "D12QueryHeap: Failed to create 2D texture");
-    NORVEX_INTERPOSE(device, CreateDescriptorHeap, "CreateHeap: Failed to create descriptor heap");
-    NORVEX_INTERPOSE(device, CreateFence, "D12CompletionEvent: Failed to create fence");
-    NORVEX_INTERPOSE(device, CreateGraphicsPipelineState,
-                     "CreateGraphicsPipelineState: Failed to create graphics pipeline state");
-    NORVEX_INTERPOSE(device, CreateQueryHeap, "CreateHeap: Failed to create query heap");
-    NORVEX_INTERPOSE(device, CreateRootSignature,
-                     "SerializeRootSignature: Failed to create root signature");
-    // A queue's at its end is logged.
-    NORVEX_INTERPOSE(queue, Signal, "Execute: Failed to signal fence",
-                     "WaitComplete: Failed to signal fence", kUntold);
-    NORVEX_INTERPOSE(queue, Wait, "Execute: Failed to wait for fence");
-    // Or another one is made.
-    NORVEX_INTERPOSE(allocator, Reset, "D12AllocatorState: Failed to create command allocator",
-                     kUntold);
-    NORVEX_INTERPOSE(list, Close, "Close: Failed to close command list");
-    NORVEX_INTERPOSE(list, Reset, "CreateCommandList: Failed to reset command list");
-    // A background thread's is logged.
-    NORVEX_INTERPOSE(fence, SetEventOnCompletion, "WaitComplete: Failed to set event on completion",
-                     kUntold);
-    NORVEX_INTERPOSE(buffer, Map, "CreateBuffer: Failed to map buffer",
-                     "Read: Failed to map readback buffer", "Write: Failed to map upload buffer",
-                     "GetResult: Failed to map query buffer");
+    NORVEX_FAIL(device, CreateCommandList, "Failed to create command list");
+    NORVEX_FAIL(device, CreateCommandAllocator,
+                "D12AllocatorState: Failed to create command allocator");
+    NORVEX_FAIL(device, CreateCommandQueue, "D12CommandQueue: Failed to create command queue");
+    NORVEX_FAIL(device, CreateCommittedResource, "CreateBuffer: Failed to create buffer",
+                "CreateDimensionBuffer: Failed to create buffer",
+                "CreateTexture2D: Failed to create 2D texture",
+                "D12QueryHeap: Failed to create 2D texture");
+    NORVEX_FAIL(device, CreateDescriptorHeap, "CreateHeap: Failed to create descriptor heap");
+    NORVEX_FAIL(device, CreateFence, "D12CompletionEvent: Failed to create fence");
+    NORVEX_FAIL(device, CreateGraphicsPipelineState, "Failed to create graphics pipeline state");
+    NORVEX_FAIL(device, CreateQueryHeap, "CreateHeap: Failed to create query heap");
+    NORVEX_FAIL(device, CreateRootSignature,
+                "SerializeRootSignature: Failed to create root signature");
+    NORVEX_FAIL(queue, Signal, "Execute: Failed to signal fence",
+                "WaitComplete: Failed to signal fence", kUntold); // a queue's at its end is logged
+    NORVEX_FAIL(queue, Wait, "Execute: Failed to wait for fence");
+    NORVEX_FAIL(allocator, Reset, "D12AllocatorState: Failed to create command allocator",
+                kUntold); // another one is made
+    NORVEX_FAIL(list, Close, "Failed to close command list");
+    NORVEX_FAIL(list, Reset, "CreateCommandList: Failed to reset command list");
+    NORVEX_FAIL(fence, SetEventOnCompletion, "WaitComplete: Failed to set event on completion",
+                kUntold); // a background thread's is logged
+    NORVEX_FAIL(buffer, Map, "CreateBuffer: Failed to map buffer",
+                "Read: Failed to map readback buffer", "Write: Failed to map upload buffer",
+                "GetResult: Failed to map query buffer");
 }
 
 void Interpose11(Faults& faults) {
     InterposePresentation(faults, false);
-    const auto owned = MakeRawDevice11();
-    const auto ownedContext = GetImmediateContext(owned);
-    ID3D11Device* const device = owned;
-    ID3D11DeviceContext* const context = ownedContext;
-    faults.Patch<&ID3D11Device::GetDeviceRemovedReason>(
-        device, [&faults](auto original, auto* self) {
-            return faults.IsRemoved() ? kReason : original(self);
-        });
-    NORVEX_INTERPOSE(device, CreateBuffer,
-                     "CreateBuffer: Failed to create ID3D11Buffer: byteWidth = ");
-    NORVEX_INTERPOSE(device, CreateDepthStencilState,
-                     "CreateDepthStencilState: Failed to create depth stencil state");
-    NORVEX_INTERPOSE(device, CreateInputLayout, "CreateInputLayout: Failed to create input layout");
-    NORVEX_INTERPOSE(device, CreatePixelShader, "CreatePixelShader: Failed to create pixel shader");
-    NORVEX_INTERPOSE(device, CreateRasterizerState,
-                     "CreateRasterizerState: Failed to create rasterizer state");
-    NORVEX_INTERPOSE(device, CreateRenderTargetView,
-                     "CreateRenderTargetView: Failed to create render rarget view");
-    NORVEX_INTERPOSE(device, CreateSamplerState,
-                     "CreateSamplerState: Failed to create sampler state");
-    NORVEX_INTERPOSE(device, CreateShaderResourceView,
-                     "CreateShaderResourceView: Failed to create shader resource view");
-    NORVEX_INTERPOSE(device, CreateTexture2D,
-                     "CreateTexture2D: Failed to create ID3D11Texture2D: width = ");
-    NORVEX_INTERPOSE(device, CreateVertexShader,
-                     "CreateVertexShader: Failed to create vertex shader");
-    NORVEX_INTERPOSE(context, Map, "Map: Failed to map resource");
+    const auto device = MakeRawDevice11();
+    const auto context = GetImmediateContext(device);
+    InterposeReason(faults, device.p);
+    NORVEX_FAIL(device, CreateBuffer, "Failed to create ID3D11Buffer: byteWidth = ");
+    NORVEX_FAIL(device, CreateDepthStencilState, "Failed to create depth stencil state");
+    NORVEX_FAIL(device, CreateInputLayout, "Failed to create input layout");
+    NORVEX_FAIL(device, CreatePixelShader, "Failed to create pixel shader");
+    NORVEX_FAIL(device, CreateRasterizerState, "Failed to create rasterizer state");
+    NORVEX_FAIL(device, CreateRenderTargetView, "Failed to create render rarget view");
+    NORVEX_FAIL(device, CreateSamplerState, "Failed to create sampler state");
+    NORVEX_FAIL(device, CreateShaderResourceView, "Failed to create shader resource view");
+    NORVEX_FAIL(device, CreateTexture2D, "Failed to create ID3D11Texture2D: width = ");
+    NORVEX_FAIL(device, CreateVertexShader, "Failed to create vertex shader");
+    NORVEX_FAIL(context, Map, "Failed to map resource");
 }
 
 struct Row {

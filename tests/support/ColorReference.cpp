@@ -18,7 +18,7 @@ RGB Each(const RGB& color, F function) {
 }
 
 RGB Scaled(const RGB& color, double factor) {
-    return Each(color, [factor](double c) { return c * factor; });
+    return {color[0] * factor, color[1] * factor, color[2] * factor};
 }
 
 // SMPTE ST 2084:2014, equations 4.1 and 5.1, with the constants as the fractions given there.
@@ -69,18 +69,6 @@ double Rec709FromDisplay(double light) {
     return std::copysign(std::pow(std::abs(light), 1.0 / 2.4), light);
 }
 
-double SceneFromDisplay(double light) {
-    return SceneFromRec709(Rec709FromDisplay(light));
-}
-
-double DisplayFromScene(double light) {
-    return DisplayFromRec709(Rec709FromScene(light));
-}
-
-bool IsInDisplayLight(const Info& info) {
-    return info.mode != Proc::LinearizationMode::SceneReferred;
-}
-
 // The power of the luminance of light from 0 to 1 that an OOTF multiplies it with, or its inverse.
 double PowerOfLuminance(const RGB& light, double exponent) {
     return std::pow(0.2627 * light[0] + 0.6780 * light[1] + 0.0593 * light[2], exponent);
@@ -111,17 +99,17 @@ RGB Tonemapped(const RGB& light, const Info& info) {
 }
 
 RGB Decode(const RGB& color, const Info& info) {
-    const bool isDisplay = IsInDisplayLight(info);
+    const bool isScene = info.mode == Proc::LinearizationMode::SceneReferred;
     if (info.source.transfer == BT709) {
-        return Each(color, isDisplay ? DisplayFromRec709 : SceneFromRec709);
+        return Each(color, isScene ? SceneFromRec709 : DisplayFromRec709);
     }
     if (info.source.transfer == HLG) {
         const RGB scene = Each(color, SceneFromHLG);
-        return isDisplay ? HLGDisplayFromScene(scene, info) : scene;
+        return isScene ? scene : HLGDisplayFromScene(scene, info);
     }
     const RGB light = info.source.transfer == PQ ? Tonemapped(Each(color, LightFromPQ), info)
                                                  : Each(color, LightFromSRGB);
-    return isDisplay ? light : Each(light, SceneFromDisplay);
+    return isScene ? Each(Each(light, Rec709FromDisplay), SceneFromRec709) : light;
 }
 
 RGB ConvertPrimaries(const RGB& color, Conf::ColorPrimaries from, Conf::ColorPrimaries to) {
@@ -142,30 +130,25 @@ RGB ConvertPrimaries(const RGB& color, Conf::ColorPrimaries from, Conf::ColorPri
 }
 
 RGB Encode(const RGB& light, const Info& info) {
-    const bool isDisplay = IsInDisplayLight(info);
+    const bool isScene = info.mode == Proc::LinearizationMode::SceneReferred;
     switch (info.target.transfer) {
     case Linear:
         return light;
     case BT709:
-        return Each(light, isDisplay ? Rec709FromDisplay : Rec709FromScene);
+        return Each(light, isScene ? Rec709FromScene : Rec709FromDisplay);
     case HLG:
-        return Each(isDisplay ? HLGSceneFromDisplay(light, info) : light, HLGFromScene);
+        return Each(isScene ? light : HLGSceneFromDisplay(light, info), HLGFromScene);
     default:
-        return Each(isDisplay ? light : Each(light, DisplayFromScene),
+        return Each(isScene ? Each(Each(light, Rec709FromScene), DisplayFromRec709) : light,
                     info.target.transfer == PQ ? PQFromLight : SRGBFromLight);
     }
 }
-
-// Results are bounded by what a 16-bit float holds.
-constexpr double kMaxResult = 65504.0;
 
 RGB ConvertColor(const RGB& color, const Info& info) {
     const double scale = info.GetLinearScale();
     const RGB light =
         ConvertPrimaries(Decode(color, info), info.source.primaries, info.target.primaries);
-    return Each(info.source == info.target && scale == 1.0 ? color
-                                                           : Encode(Scaled(light, scale), info),
-                [](double channel) { return std::clamp(channel, -kMaxResult, kMaxResult); });
+    return info.source == info.target && scale == 1.0 ? color : Encode(Scaled(light, scale), info);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 // The colour conversion of one pixel in double precision, to judge pictures by. Written from the
 // standards, not from the shader: ITU-R BT.709-6, BT.1886, BT.2020-2, BT.2100-2, IEC 61966-2-1,
 // SMPTE ST 2084, ITU-T H.273. What the library lays down beyond them (the order of the steps, the
-// six-digit primaries matrices, what is clamped) is followed. Pure functions.
+// six-digit primaries matrices) is followed. Pure functions.
 
 #include <array>
 

@@ -16,19 +16,16 @@ namespace Norvex::Test {
 struct FrameHost {
     static constexpr DX::Size2DT<long> kSize = {320, 200};
 
-    explicit FrameHost(Generation generation) {
-        if (generation == Generation::Direct3D11) {
-            device11 = DX::D11Device::CreatePrimary();
-        } else {
-            device12 = DX::D12Device::CreatePrimary();
-        }
+    explicit FrameHost(Generation generation)
+        : device(generation == Generation::Direct3D11
+                     ? boost::intrusive_ptr<DX::D3Device>(DX::D11Device::CreatePrimary())
+                     : DX::D12Device::CreatePrimary()) {
         MakeSwapChain();
     }
 
     void MakeSwapChain() {
         swapChain.reset();
-        swapChain = device11 != nullptr ? DX::DXGISwapChain::Create(device11, window.Get())
-                                        : DX::DXGISwapChain::Create(device12, window.Get());
+        swapChain = DX::DXGISwapChain::Create(device, window.Get());
     }
     bool EnableHDR() const {
         return swapChain->EnableHDRIfSupported(1000.0F, 0.005F, 800.0F, 400.0F);
@@ -42,7 +39,7 @@ struct FrameHost {
     }
     // Draws and presents.
     void Frame() const {
-        if (device11 != nullptr) {
+        if (const auto device11 = boost::dynamic_pointer_cast<DX::D11Device>(device)) {
             device11->Encode([this](const auto& context) {
                 context->ClearRenderTargetView(swapChain->GetRenderTexture()->GetView(), {});
             });
@@ -55,8 +52,7 @@ struct FrameHost {
     }
 
     TestWindow window{kSize};
-    boost::intrusive_ptr<DX::D11Device> device11;
-    boost::intrusive_ptr<DX::D12Device> device12;
+    boost::intrusive_ptr<DX::D3Device> device;
     boost::intrusive_ptr<DX::DXGISwapChain> swapChain;
 };
 

@@ -43,8 +43,8 @@ public:
                                                 });
         Stand<&IDXGISwapChain4::SetHDRMetaData>(
             SetMetadata, [this](auto, auto*, auto, UINT size, void* data) {
-                const auto* bytes = static_cast<const std::uint8_t*>(data);
-                metadata.assign(bytes, bytes + size);
+                const auto* words = static_cast<const std::uint32_t*>(data);
+                metadata.assign(words, words + size / sizeof(*words));
                 return S_OK;
             });
     }
@@ -71,7 +71,7 @@ public:
 
     // As last set.
     DXGI_COLOR_SPACE_TYPE colorSpace = DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
-    std::vector<std::uint8_t> metadata;
+    std::vector<std::uint32_t> metadata;
 
 private:
     static CComPtr<IDXGIAdapter1> GetAdapter() {

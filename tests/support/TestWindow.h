@@ -45,12 +45,8 @@ public:
         DestroyWindow(m_window); // nothing where it is gone
         PumpMessages();
     }
-    void Resize(const DX::Size2DT<long>& size) {
-        SetWindowPos(m_window, nullptr, 0, 0, size.width, size.height, SWP_NOMOVE | SWP_NOZORDER);
-        PumpMessages();
-    }
-    void MoveTo(long left, long top) {
-        SetWindowPos(m_window, nullptr, left, top, 0, 0, SWP_NOSIZE | SWP_NOZORDER);
+    void Place(long left, long top, const DX::Size2DT<long>& size) {
+        SetWindowPos(m_window, nullptr, left, top, size.width, size.height, SWP_NOZORDER);
         PumpMessages();
     }
     void Show(int command) { // SW_...
