@@ -2,9 +2,6 @@
 // viewer's test's. This system's display has no HDR, so that its answers, and those of the swap
 // chain about colour spaces, are interposed.
 
-#include <atomic>
-#include <thread>
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +9,7 @@
 #include "tests/support/Device11.h"
 #include "tests/support/FrameHost.h"
 #include "tests/support/HDRDisplay.h"
+#include "tests/support/Threads.h"
 #include "tests/support/Thrown.h"
 #include "tests/support/Words.h"
 
@@ -226,6 +224,7 @@ TEST(D3D12PresentTest, RecordedWorkSurvivesARefusedResize) {
     frame->Execute();
     host.swapChain->Present();
     EXPECT_EQ(resize(), "(nothing)") << "executed";
+    DX::D12CommandAllocator::WaitAllComplete(); // which holds it as well
     host.Record(*frame);
     frame.reset();
     EXPECT_EQ(resize(), "(nothing)") << "dropped";
@@ -235,31 +234,24 @@ TEST(D3D12PresentTest, RecordedWorkSurvivesARefusedResize) {
 // One device serves all windows, and threads that draw elsewhere.
 TEST(D3D11PresentTest, WindowsOfOneDeviceMayBelongToThreads) {
     Canvas11 canvas;
-    std::atomic<int> presenting{2};
-    const auto present = [&] {
-        {
-            FrameHost host(Generation::Direct3D11);
-            for (int i = 0; i < 200; ++i) {
-                host.Frame();
-                if (i % 50 == 0) {
-                    host.window.Place(40, 40, {300 + i, 200});
-                    host.swapChain->RecreateBuffers();
+    RunThreads(3, [&](unsigned thread) {
+        FrameHost host(Generation::Direct3D11);
+        const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+        const auto level = static_cast<float>(thread % 2);
+        for (int i = 0; i < 100; ++i) {
+            host.Frame();
+            canvas.Record([&](const auto& context) {
+                for (int j = 0; j < 20; ++j) { // long enough for a present to come between
+                    context->ClearRenderTargetView(target->GetView(), {level, level, level, level});
                 }
+            });
+            EXPECT_EQ(canvas.Read(target).At(3, 3), (Color{level, level, level, level}));
+            if (i % 25 == 0) {
+                host.window.Place(40, 40, {300 + i, 200});
+                host.swapChain->RecreateBuffers();
             }
         }
-        --presenting;
-    };
-    const std::jthread threads[] = {std::jthread(present), std::jthread(present)};
-    const auto target = canvas.MakeTarget(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
-    for (int drawn = 0; presenting > 0; ++drawn) {
-        const float level = static_cast<float>(drawn % 2);
-        canvas.Record([&](const auto& context) {
-            for (int i = 0; i < 20; ++i) { // long enough for a present to come between
-                context->ClearRenderTargetView(target->GetView(), {level, level, level, level});
-            }
-        });
-        EXPECT_EQ(canvas.Read(target).At(3, 3), (Color{level, level, level, level}));
-    }
+    });
 }
 
 // On a system that shows HDR (run on DXVK, which is told that its display does).

@@ -1,4 +1,5 @@
-// Drawing on a real device, pixels read back and compared with the double-precision reference.
+// Drawing on a real device, pixels read back and compared with the double-precision reference; and
+// the part of it that needs no device: the affine transform, the operations of the view state.
 
 #include <cmath>
 #include <random>
@@ -22,6 +23,7 @@ using Conf::RGBColorSpace;
 using Conf::TransferCharacteristics;
 using DX::AffineTransform;
 using DX::RenderFitMode;
+using enum DX::RenderFitMode;
 using Proc::AlphaType;
 using Proc::ColorAlphaConversionInfo;
 using Proc::LinearizationMode;
@@ -80,32 +82,17 @@ std::string FindDifference(const Pixels& drawn, double bound,
     return {};
 }
 
-struct Drawing {
-    Pixels source;
-    DXGI_FORMAT format = kRGBA8; // of the source and of the target
-    std::optional<ColorAlphaConversionInfo> conversion = {};
-    AffineTransform transform = {};
-    bool hasView = false; // the image renderer draws, as its view state says
-    std::optional<Rect> rect = {};
-    DX::Size2DT<unsigned> size = {source.width, source.height}; // of the target
-};
-
 // The same drawing on each generation.
 template <class AnyCanvas>
 class DrawTest : public testing::Test {
 protected:
-    // Onto a new target that is transparent black.
-    Pixels Draw(const Drawing& drawing) {
-        const auto [width, height] = drawing.size;
-        const auto source = m_canvas.MakeSource(drawing.source, drawing.format);
-        const auto target = m_canvas.MakeTarget(width, height, drawing.format);
-        m_canvas.Record([&](const auto& recorder) {
-            if (drawing.hasView) {
-                m_renderer->Encode(recorder, source, target, drawing.conversion, drawing.rect);
-            } else {
-                m_draw->Encode(recorder, source, target, drawing.transform, drawing.conversion,
-                               drawing.rect);
-            }
+    // Onto a new target of the same size and format.
+    Pixels Draw(const Pixels& pixels, DXGI_FORMAT format, const AffineTransform& transform,
+                const std::optional<ColorAlphaConversionInfo>& conversion) {
+        const auto source = m_canvas.MakeSource(pixels, format);
+        const auto target = m_canvas.MakeTarget(pixels.width, pixels.height, format);
+        m_canvas.Record([&](const auto& on) {
+            m_draw->Encode(on, source, target, transform, conversion, std::nullopt);
         });
         return m_canvas.Read(target);
     }
@@ -150,8 +137,7 @@ TYPED_TEST(DrawTest, EveryConversionAgreesWithTheReferenceAndMakesNumbers) {
     const auto any = [&](const auto& values) { return values[random() % std::size(values)]; };
     const auto expect = [&](const ColorAlphaConversionInfo& info) {
         const Pixels& source = info.sourceAlpha == AlphaType::Premultiplied ? premultiplied : card;
-        const Pixels drawn = this->Draw(
-            {.source = source, .format = DXGI_FORMAT_R32G32B32A32_FLOAT, .conversion = info});
+        const Pixels drawn = this->Draw(source, DXGI_FORMAT_R32G32B32A32_FLOAT, {}, info);
         // Light decoded from PQ reaches 100, so where a channel of BT.709 is the small difference
         // of great channels of BT.2020, single precision leaves an error that shows: measured 44
         // of 65535, and 75 where the target is linear and nothing compresses it.
@@ -183,28 +169,23 @@ TYPED_TEST(DrawTest, EveryConversionAgreesWithTheReferenceAndMakesNumbers) {
     }
 }
 
-TYPED_TEST(DrawTest, PicturesAreMirroredOrShowWhatIsNotSupported) {
-    const Pixels card = MakeTestCard();
-    const Pixels mirrored =
-        this->Draw({.source = card, .transform = AffineTransform::Scale(-1, 1)});
-    EXPECT_EQ(FindDifference(mirrored, 1.5 / 255.0,
-                             [&](std::size_t i) {
-                                 return card.colors[i / kWidth * kWidth + kWidth - 1 - i % kWidth];
-                             }),
-              "");
-    ColorAlphaConversionInfo info;
-    info.source = kRec709Linear;
-    EXPECT_EQ(this->Draw({.source = card, .conversion = info}).At(30, 0), (Color{1, 0, 0, 1}));
-    info.source = kSRGB;
-    info.target = {ColorPrimaries::BT2020, TransferCharacteristics::Linear};
-    EXPECT_EQ(this->Draw({.source = card, .conversion = info}).At(30, 0), (Color{0, 0, 1, 1}));
-}
-
 // The four quadrants of a picture in four colours, to see where they land.
 Pixels MakeQuadrants(unsigned width, unsigned height) {
     return MakePixels(width, height, [=](unsigned x, unsigned y) -> Color {
         return {x >= width / 2 ? 1.0 : 0.0, y >= height / 2 ? 1.0 : 0.0, 0.0, 1.0};
     });
+}
+
+TYPED_TEST(DrawTest, PicturesAreMirroredOrShowWhatIsNotSupported) {
+    const Pixels picture = MakeQuadrants(8, 8);
+    const auto mirror = AffineTransform::Scale(-1, 1);
+    EXPECT_EQ(this->Draw(picture, kRGBA8, mirror, {}).At(0, 7), (Color{1, 1, 0, 1}));
+    ColorAlphaConversionInfo info;
+    info.source = kRec709Linear;
+    EXPECT_EQ(this->Draw(picture, kRGBA8, {}, info).At(0, 0), (Color{1, 0, 0, 1}));
+    info.source = kSRGB;
+    info.target = {ColorPrimaries::BT2020, TransferCharacteristics::Linear};
+    EXPECT_EQ(this->Draw(picture, kRGBA8, {}, info).At(0, 0), (Color{0, 0, 1, 1}));
 }
 
 // Fit modes, turns counter-clockwise, and a shift right and up, in any rectangle: what a pixel
@@ -233,12 +214,16 @@ TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
             const double width = static_cast<double>(rect.right) - rect.left;
             const double height = static_cast<double>(rect.bottom) - rect.top;
             const double scale =
-                mode == RenderFitMode::Free ? 1.0
-                : mode == RenderFitMode::Fit
+                mode == Free ? 1.0
+                : mode == Fit
                     ? std::min(width / (w * c + h * s), height / (w * s + h * c))
                     : std::max((width * c + height * s) / w, (width * s + height * c) / h);
-            const Pixels drawn = this->Draw(
-                {.source = MakeQuadrants(w, h), .hasView = true, .rect = rect, .size = {100, 50}});
+            const auto source = this->m_canvas.MakeSource(MakeQuadrants(w, h), kRGBA8);
+            const auto target = this->m_canvas.MakeTarget(100, 50, kRGBA8);
+            this->m_canvas.Record([&](const auto& on) {
+                this->m_renderer->Encode(on, source, target, std::nullopt, rect);
+            });
+            const Pixels drawn = this->m_canvas.Read(target);
             const auto expected = [&](std::size_t i) {
                 const double x = static_cast<double>(i % 100) + 0.5;
                 const double y = std::floor(static_cast<double>(i) / 100) + 0.5;
@@ -264,7 +249,7 @@ TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
                 << fmt::format("{} {} {} {}", rect.left, rect.top, rect.right, rect.bottom);
         }
     };
-    for (const auto mode : {RenderFitMode::Free, RenderFitMode::Fit, RenderFitMode::Fill}) {
+    for (const auto mode : {Free, Fit, Fill}) {
         for (const double turn : {0.0, 0.3, 1.57079633, 2.5}) {
             expect(mode, turn);
         }
@@ -313,8 +298,7 @@ TEST(D3D12DrawTest, OneDrawServesSeveralThreads) {
                     draw->Encode(on, source, target, {}, {});
                 }
             });
-            ASSERT_THAT(canvas.Read(target).colors,
-                        testing::Each(testing::Pointwise(testing::DoubleNear(0.01), color)));
+            ASSERT_EQ(FindDifference(canvas.Read(target), 0.01, [&](auto) { return color; }), "");
         }
     });
 }
@@ -340,6 +324,53 @@ TEST(D3D11DrawTest, LeavesNothingBoundThatHindersTheNextUser) {
     context->RSGetState(&rasterizer);
     EXPECT_THAT((std::array<void*, 4>{view.p, blend.p, depth.p, rasterizer.p}),
                 testing::Each(nullptr));
+}
+
+TEST(AffineTransformTest, TransformsBoxesAndInverts) {
+    const auto shifted = AffineTransform::Scale(2, 3).Then(AffineTransform::Translation(10, 20));
+    EXPECT_EQ(shifted.Transform({1, 2, 3, 4}), (DX::Rect2DT<float>{12, 26, 16, 32}));
+    // A quarter turn counter-clockwise, y up: (x, y) goes to (-y, x).
+    const auto turned = AffineTransform::Rotation(1.57079633F);
+    EXPECT_NEAR(turned.Transform({1, 2, 4, 8}).left, -8, 1e-5);
+    EXPECT_EQ(shifted.Then(shifted.Inverse()).Transform({1, 2, 4, 8}).bottom, 8);
+    EXPECT_THROW(AffineTransform::Scale(0, 1).Inverse(), std::domain_error);
+}
+
+// A renderer without a drawer: remembers what it was handed.
+class View : public DX::D3ImageRenderer {
+public:
+    using D3ImageRenderer::UpdateTransform;
+
+    std::optional<AffineTransform> transform;
+
+protected:
+    void SetTransform(const std::optional<AffineTransform>& value) override { transform = value; }
+};
+
+TEST(D3ImageRendererTest, ViewStateFollowsTheSetters) {
+    View view;
+    EXPECT_EQ(view.GetEffectiveScale(), 1.0F) << "nothing drawn yet";
+    view.UpdateTransform({100, 100}, {50, 80});
+    view.SetScale(0.0F);
+    view.ScaleByMult(std::nanf(""));
+    EXPECT_EQ(view.GetEffectiveScale(), 0.5F) << "those are ignored";
+    view.ScaleByMult(3.0F);
+    EXPECT_EQ(view.GetEffectiveScale(), 1.5F) << "from the scale that the fit implied";
+    view.ScaleByDelta(0.25F);
+    view.ScaleByDelta(-0.25F);
+    EXPECT_FLOAT_EQ(view.GetEffectiveScale(), 1.5F) << "steps in and out cancel";
+    view.SetFitMode(Fill);
+    EXPECT_FLOAT_EQ(view.GetEffectiveScale(), 0.8F);
+    view.SetFitMode(Free);
+    EXPECT_EQ(view.GetEffectiveScale(), 1.0F) << "a fitting mode resets the scale";
+    EXPECT_FALSE(view.transform);
+    view.UpdateTransform({0, 5}, {5, 0});
+    EXPECT_EQ(view.transform.value(), AffineTransform()) << "nothing to fit";
+    view.SetFitMode(Fit);
+    for (long size = 1; size < 4000; size += 7) {
+        view.UpdateTransform({size, size + 3}, {size, size + 3});
+        EXPECT_EQ(view.transform.value(), AffineTransform()) << "exactly, at the same size";
+    }
 }
 
 } // namespace
