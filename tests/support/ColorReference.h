@@ -3,7 +3,7 @@
 // The colour conversion of one pixel in double precision, to judge pictures by. Written from the
 // standards, not from the shader: ITU-R BT.709-6, BT.1886, BT.2020-2, BT.2100-2, IEC 61966-2-1,
 // SMPTE ST 2084, ITU-T H.273. What the library lays down beyond them (the order of the steps, the
-// six-digit primaries matrices, what is clamped) is followed. Pure functions.
+// six-digit primaries matrices) is followed. Pure functions.
 
 #include <array>
 
@@ -16,14 +16,8 @@ using Pixel = std::array<double, 4>; // red, green, blue, alpha; encoded as its 
 // Between the spaces that the library converts, with the numbers that the description gives.
 Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo& info);
 
-// The transfer functions by themselves. PQ: light 1.0 is 100 cd/m2. HLG: scene light from 0 to 12.
+// Transfer functions by themselves. PQ: light 1.0 is 100 cd/m2.
 double PQFromLight(double light);
-double LightFromPQ(double value);
-double HLGFromScene(double scene);
-double SceneFromHLG(double value);
-double SRGBFromLight(double light);
 double LightFromSRGB(double value);
-double Rec709FromScene(double scene);
-double SceneFromRec709(double value);
 
 } // namespace Norvex::Test

@@ -1,11 +1,12 @@
 #pragma once
 
 // Displays in HDR, or not, for systems without: stands in for what the first adapter answers of its
-// outputs and for what swap chains do with colour spaces; counts the calls and fails those that a
-// test wants to fail. For swap chains of one generation at a time. One thread.
+// outputs and for what swap chains do with colour spaces, and fails the calls that a test wants to
+// fail. For swap chains of one generation at a time. One thread.
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -15,7 +16,6 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
-#include "tests/support/FakeObject.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/TestWindow.h"
 
@@ -23,142 +23,103 @@ namespace Norvex::Test {
 
 class HDRDisplay {
 public:
-    enum Call { EnumOutputs, Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
-    using Outputs = std::vector<std::pair<RECT, bool>>; // place, whether in HDR
+    enum Call { Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
 
-    // The displays that there are, in HDR.
-    explicit HDRDisplay(bool isDirect3D12) : m_probe(MakeSwapChain(isDirect3D12, m_window.Get())) {}
+    // One display, in HDR.
+    explicit HDRDisplay(bool isDirect3D12) : m_swapChain(MakeSwapChain(isDirect3D12)) {
+        constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
+        Stand<&IDXGISwapChain::GetBuffer>(GetBuffer, kPass);
+        Stand<&IDXGISwapChain::ResizeBuffers>(Resize, kPass);
+        Stand<&IDXGISwapChain3::ResizeBuffers1>(Resize, kPass);
+        Stand<&IDXGISwapChain3::CheckColorSpaceSupport>(
+            CheckColorSpace, [](auto, auto*, auto, UINT* support) {
+                *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
+                return S_OK;
+            });
+        Stand<&IDXGISwapChain3::SetColorSpace1>(SetColorSpace,
+                                                [this](auto, auto*, DXGI_COLOR_SPACE_TYPE space) {
+                                                    colorSpace = space;
+                                                    return S_OK;
+                                                });
+        Stand<&IDXGISwapChain4::SetHDRMetaData>(
+            SetMetadata, [this](auto, auto*, auto, UINT size, void* data) {
+                const auto* words = static_cast<const std::uint32_t*>(data);
+                metadata.assign(words, words + size / sizeof(*words));
+                return S_OK;
+            });
+    }
 
-    void Switch(bool isHDR) {
-        m_isHDR = isHDR;
-        m_areReal = true;
-    }
-    // Other displays than there are; meanwhile the system makes no devices.
-    void SetOutputs(const Outputs& outputs) {
-        m_areReal = false;
-        m_outputs.clear();
-        for (const auto& [rect, isHDR] : outputs) {
-            m_outputs.push_back(std::make_unique<Output>(rect, isHDR));
-        }
-    }
-    // One of the class that is stood in for.
-    static CComPtr<IDXGISwapChain> MakeSwapChain(bool isDirect3D12, HWND window) {
+    void Switch(bool isHDR) { outputs = {{kEverywhere, isHDR}}; }
+    // The next calls answer E_ACCESSDENIED.
+    void Fail(Call call, int times) { m_failures[call] = times; }
+
+    // One of the class that is stood in for, in a window that is gone.
+    static CComPtr<IDXGISwapChain> MakeSwapChain(bool isDirect3D12) {
+        const TestWindow window({16, 16}, SW_HIDE);
         const DXGI_SWAP_CHAIN_DESC1 desc = MakeSwapChainDesc(16, 16);
         if (!isDirect3D12) {
-            return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window, desc);
+            return DX::D11Device::CreatePrimary()->CreateSwapChainForHwnd(window.Get(), desc);
         }
         const boost::intrusive_ptr<DX::D12CommandQueue> queue(
             new DX::D12CommandQueue(DX::D12Device::CreatePrimary(), {}));
-        return queue->CreateSwapChainForHwnd(window, desc).p;
+        return queue->CreateSwapChainForHwnd(window.Get(), desc).p;
     }
-    IDXGISwapChain* GetSwapChain() const { return m_probe; }
-    // The next calls answer E_ACCESSDENIED.
-    void Fail(Call call, int times) { m_failures[call] = times; }
-    int Count(Call call) const { return m_counts[call]; }
+    IDXGISwapChain* GetSwapChain() const { return m_swapChain; }
+
+    static constexpr RECT kEverywhere = {-10000, -10000, 10000, 10000};
+    std::vector<std::pair<RECT, bool>> outputs = {{kEverywhere, true}}; // place, whether in HDR
 
     // As last set.
     DXGI_COLOR_SPACE_TYPE colorSpace = DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
-    DXGI_HDR_METADATA_TYPE metadataType = DXGI_HDR_METADATA_TYPE_NONE;
-    std::vector<std::uint8_t> metadata;
+    std::vector<std::uint32_t> metadata;
 
 private:
-    class Output : public FakeObject {
-    public:
-        Output(const RECT& rect, bool isHDR) : m_rect(rect), m_isHDR(isHDR) {
-            Set(0, [](Output* self, REFIID riid, void** out) -> HRESULT {
-                return IsEqualGUID(riid, __uuidof(IDXGIOutput6)) ? self->GiveTo(out)
-                                                                 : E_NOINTERFACE;
-            });
-            Set(7, [](Output* self, DXGI_OUTPUT_DESC* desc) -> HRESULT {
-                *desc = {};
-                desc->DesktopCoordinates = self->m_rect;
-                return S_OK;
-            });
-            Set(27, [](Output* self, DXGI_OUTPUT_DESC1* desc) -> HRESULT {
-                *desc = {};
-                desc->ColorSpace = SpaceOf(self->m_isHDR);
-                return S_OK;
-            });
-        }
-
-    private:
-        RECT m_rect;
-        bool m_isHDR;
-    };
-
+    static CComPtr<IDXGIAdapter1> GetAdapter() {
+        return DX::DXGIFactory::Create()->GetPrimaryAdapter().Get();
+    }
     static CComPtr<IDXGIOutput6> GetOutput() {
         CComPtr<IDXGIOutput> output;
-        CComPtr<IDXGIOutput6> output6;
-        DX::DXGIFactory::Create()->GetPrimaryAdapter().Get()->EnumOutputs(0, &output);
-        output.QueryInterface(&output6);
-        return output6;
-    }
-
-    static DXGI_COLOR_SPACE_TYPE SpaceOf(bool isHDR) {
-        return isHDR ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
-                     : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+        GetAdapter()->EnumOutputs(0, &output);
+        return Platform::Query<IDXGIOutput6>(output);
     }
 
     // In the place of a method: succeeds unless it is to fail.
-    template <class Succeed>
-    struct Stand {
-        HDRDisplay* display;
-        Call call;
-        Succeed succeed;
+    template <auto method>
+    void Stand(Call call, const auto& succeed) {
+        m_stands.push_back(std::make_shared<MethodPatch<method>>(
+            m_swapChain, [this, call, succeed](auto... args) -> HRESULT {
+                return m_failures[call]-- > 0 ? E_ACCESSDENIED : succeed(args...);
+            }));
+    }
 
-        template <class... Args>
-        HRESULT operator()(Args... args) const {
-            ++display->m_counts[call];
-            return display->m_failures[call]-- > 0 ? E_ACCESSDENIED : succeed(args...);
-        }
-    };
-
-    static constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
-
-    bool m_isHDR = true;
-    bool m_areReal = true;
-    TestWindow m_window{{16, 16}, SW_HIDE};
-    std::vector<std::unique_ptr<Output>> m_outputs;
-    std::array<int, 6> m_failures = {};
-    std::array<int, 6> m_counts = {};
-    CComPtr<IDXGISwapChain> m_probe;
+    CComPtr<IDXGISwapChain> m_swapChain;
+    std::array<int, 5> m_failures = {};
+    std::vector<std::shared_ptr<void>> m_stands;
+    std::map<void*, std::size_t> m_indices; // of outputs that were enumerated
+    // The real output stands for each.
+    MethodPatch<&IDXGIAdapter::EnumOutputs> m_enumOutputs{
+        GetAdapter(), [this](auto original, auto* self, UINT index, IDXGIOutput** out) {
+            if (index >= outputs.size()) {
+                return DXGI_ERROR_NOT_FOUND;
+            }
+            const HRESULT result = original(self, 0, out);
+            m_indices[*out] = index;
+            return result;
+        }};
+    MethodPatch<&IDXGIOutput::GetDesc> m_getDesc{
+        GetOutput(), [this](auto original, auto* self, DXGI_OUTPUT_DESC* desc) {
+            const HRESULT result = original(self, desc);
+            desc->DesktopCoordinates = outputs.at(m_indices[self]).first;
+            return result;
+        }};
     MethodPatch<&IDXGIOutput6::GetDesc1> m_getDesc1{
         GetOutput(), [this](auto original, auto* self, DXGI_OUTPUT_DESC1* desc) {
             const HRESULT result = original(self, desc);
-            desc->ColorSpace = SpaceOf(m_isHDR);
+            desc->ColorSpace = outputs.at(m_indices[self]).second
+                                   ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
+                                   : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
             return result;
         }};
-    MethodPatch<&IDXGIAdapter::EnumOutputs> m_enumOutputs{
-        DX::DXGIFactory::Create()->GetPrimaryAdapter().Get(),
-        [this](auto original, auto* self, UINT index, IDXGIOutput** out) {
-            m_counts[EnumOutputs] += index == 0 ? 1 : 0;
-            if (m_areReal) {
-                return original(self, index, out);
-            }
-            return index < m_outputs.size()
-                       ? m_outputs[index]->GiveTo(reinterpret_cast<void**>(out))
-                       : DXGI_ERROR_NOT_FOUND;
-        }};
-    MethodPatch<&IDXGISwapChain::GetBuffer> m_getBuffer{m_probe, Stand{this, GetBuffer, kPass}};
-    MethodPatch<&IDXGISwapChain::ResizeBuffers> m_resize{m_probe, Stand{this, Resize, kPass}};
-    MethodPatch<&IDXGISwapChain3::ResizeBuffers1> m_resize1{m_probe, Stand{this, Resize, kPass}};
-    MethodPatch<&IDXGISwapChain3::CheckColorSpaceSupport> m_check{
-        m_probe, Stand{this, CheckColorSpace, [](auto, auto*, auto, UINT* support) {
-                           *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
-                           return S_OK;
-                       }}};
-    MethodPatch<&IDXGISwapChain3::SetColorSpace1> m_setColorSpace{
-        m_probe, Stand{this, SetColorSpace, [this](auto, auto*, DXGI_COLOR_SPACE_TYPE space) {
-                           colorSpace = space;
-                           return S_OK;
-                       }}};
-    MethodPatch<&IDXGISwapChain4::SetHDRMetaData> m_setMetadata{
-        m_probe, Stand{this, SetMetadata, [this](auto, auto*, auto type, UINT size, void* data) {
-                           const auto* bytes = static_cast<const std::uint8_t*>(data);
-                           metadataType = type;
-                           metadata.assign(bytes, bytes + size);
-                           return S_OK;
-                       }}};
 };
 
 } // namespace Norvex::Test

@@ -21,12 +21,9 @@ std::size_t WINAPI GetPlace(void*) {
     return slot;
 }
 
-template <std::size_t... slots>
-constexpr auto MakeTable(std::index_sequence<slots...>) {
+constexpr auto kPlaces = []<std::size_t... slots>(std::index_sequence<slots...>) {
     return std::array{&GetPlace<slots>...};
-}
-
-constexpr auto kPlaces = MakeTable(std::make_index_sequence<256>());
+}(std::make_index_sequence<256>());
 
 } // namespace
 

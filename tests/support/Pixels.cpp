@@ -31,27 +31,19 @@ const Layout& LayoutOf(DXGI_FORMAT format) {
     return *layout;
 }
 
+// Codes of UNORM stand in the low bytes.
 void Store(double value, unsigned size, std::uint8_t* out) {
-    if (size == sizeof(float)) {
-        const auto number = static_cast<float>(value);
-        std::memcpy(out, &number, size);
-        return;
-    }
     const double maximum = size == 1 ? 255.0 : 65535.0;
-    const auto code =
-        static_cast<std::uint16_t>(std::lround(std::clamp(value, 0.0, 1.0) * maximum));
-    std::memcpy(out, &code, size);
+    const auto code = std::lround(std::clamp(value, 0.0, 1.0) * maximum);
+    const auto number = static_cast<float>(value);
+    std::memcpy(out, size == sizeof(number) ? static_cast<const void*>(&number) : &code, size);
 }
 
 double Load(unsigned size, const std::uint8_t* in) {
-    if (size == sizeof(float)) {
-        float number = 0.0F;
-        std::memcpy(&number, in, size);
-        return number;
-    }
+    float number = 0.0F;
     std::uint16_t code = 0;
-    std::memcpy(&code, in, size);
-    return code / (size == 1 ? 255.0 : 65535.0);
+    std::memcpy(size == sizeof(number) ? static_cast<void*>(&number) : &code, in, size);
+    return size == sizeof(number) ? number : code / (size == 1 ? 255.0 : 65535.0);
 }
 
 } // namespace
@@ -96,12 +88,6 @@ Pixels MakePixels(unsigned width, unsigned height,
         }
     }
     return pixels;
-}
-
-Pixels Quantize(const Pixels& pixels, DXGI_FORMAT format) {
-    const auto bytes = EncodePixels(pixels, format);
-    return DecodePixels(bytes.data(), std::size_t{pixels.width} * BytesPerPixel(format),
-                        pixels.width, pixels.height, format);
 }
 
 } // namespace Norvex::Test

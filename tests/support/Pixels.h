@@ -33,7 +33,5 @@ unsigned BytesPerPixel(DXGI_FORMAT format);
 std::vector<std::uint8_t> EncodePixels(const Pixels& pixels, DXGI_FORMAT format);
 Pixels DecodePixels(const std::uint8_t* bytes, std::size_t rowPitch, unsigned width,
                     unsigned height, DXGI_FORMAT format);
-// The values as a texture of that format holds them.
-Pixels Quantize(const Pixels& pixels, DXGI_FORMAT format);
 
 } // namespace Norvex::Test

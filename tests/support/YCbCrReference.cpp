@@ -43,10 +43,9 @@ std::vector<double> ReferenceFrame(const Pixels& pixels, YCbCrMatrix matrix, Pro
     }
     for (unsigned y = 0; y < 2 * chromaSize.height; y += 2) {
         for (unsigned x = 0; x < 2 * chromaSize.width; x += 2) {
-            const std::array corners = {at(x, y), at(x + 1, y), at(x, y + 1), at(x + 1, y + 1)};
             for (const std::size_t i : {1U, 2U}) {
-                frame.push_back((corners[0][i] + corners[1][i] + corners[2][i] + corners[3][i]) /
-                                4.0);
+                frame.push_back(
+                    (at(x, y)[i] + at(x + 1, y)[i] + at(x, y + 1)[i] + at(x + 1, y + 1)[i]) / 4.0);
             }
         }
     }
