@@ -3,7 +3,6 @@
 // A key under HKEY_LOCAL_MACHINE while this object lives. Volatile, since parts of the registry are
 // kept in memory only. Link advapi32.
 
-#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -18,24 +17,18 @@ public:
     explicit TemporaryKey(std::wstring path) : m_path(std::move(path)) {}
     ~TemporaryKey() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, m_path.c_str()); }
 
-    // In the key itself or, by its path, one below.
-    void Set(const std::wstring& subkey, const wchar_t* name, const std::wstring& text) {
-        Set(subkey, name, REG_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-    }
-    void Set(const std::wstring& subkey, const wchar_t* name, std::uint64_t value) {
-        Set(subkey, name, REG_QWORD, &value, sizeof(value));
-    }
-
-private:
-    void Set(const std::wstring& subkey, const wchar_t* name, DWORD type, const void* data,
-             std::size_t size) {
+    // In the key itself or, by its path, one below; the data as the registry keeps them.
+    void Set(const std::wstring& subkey, const wchar_t* name, DWORD type,
+             const std::wstring& data) {
         HKEY key = nullptr;
         RegCreateKeyExW(HKEY_LOCAL_MACHINE, (m_path + subkey).c_str(), 0, nullptr,
                         REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
-        RegSetKeyValueW(key, nullptr, name, type, data, static_cast<DWORD>(size));
+        RegSetKeyValueW(key, nullptr, name, type, data.data(),
+                        static_cast<DWORD>(data.size() * sizeof(wchar_t)));
         RegCloseKey(key);
     }
 
+private:
     std::wstring m_path;
 };
 

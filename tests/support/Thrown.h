@@ -16,9 +16,8 @@ namespace Norvex::Test {
 struct Thrown {
     std::string sentence; // "(nothing)" when the call returned
     std::string function;
-    long result = 0;     // E_FAIL when no result was carried
-    std::string details; // of the result
-    std::string kind;    // what()
+    long result = 0;  // E_FAIL when no result was carried
+    std::string kind; // what()
 };
 
 // Lets other exceptions than the library's pass.
@@ -29,9 +28,9 @@ Thrown ThrownBy(const Call& call) {
     } catch (const DX::DirectXException& e) {
         const auto* function = boost::get_error_info<boost::throw_function>(e);
         return {e.GetErrorDescription(), function != nullptr ? *function : "", e.GetResult(),
-                e.GetResultDescription(), e.what()};
+                e.what()};
     }
-    return {"(nothing)", "", 0, "", ""};
+    return {"(nothing)", "", 0, ""};
 }
 
 template <class Call>
