@@ -2,7 +2,6 @@
 
 // What is logged while this object lives, through a sink of the test program's own.
 
-#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -33,12 +32,6 @@ public:
         }
     }
 
-    // Entries of that severity that hold the text.
-    long Count(google::LogSeverity severity, const std::string& text) const {
-        return static_cast<long>(std::ranges::count_if(GetEntries(), [&](const auto& entry) {
-            return entry.first == severity && entry.second.find(text) != std::string::npos;
-        }));
-    }
     std::vector<std::pair<google::LogSeverity, std::string>> GetEntries() const {
         const std::lock_guard guard(m_mutex);
         return m_entries;
