@@ -27,10 +27,9 @@ TEST(CoreTrackerTest, DefaultWritesToTheHostsLogAndOthersReplaceIt) {
     }
     EXPECT_EQ(ICoreTracker::SetTracker(nullptr), recorder);
     EXPECT_EQ(recorder->GetRefCount(), 1U);
-    EXPECT_THAT(log.GetEntries(), testing::ElementsAre(testing::Pair(
-                                      google::GLOG_ERROR, "CORE_GPU_EXCEPTION\n"
-                                                          "  CORE_EXCEPTION_HRESULT = 0x887a0005\n"
-                                                          "  CORE_GPU_VENDOR = Norwegian Vexels")));
+    EXPECT_THAT(log.GetEntries(), testing::ElementsAre("ERROR: CORE_GPU_EXCEPTION\n"
+                                                       "  CORE_EXCEPTION_HRESULT = 0x887a0005\n"
+                                                       "  CORE_GPU_VENDOR = Norwegian Vexels"));
     EXPECT_THAT(recorder->events,
                 testing::ElementsAre(testing::Pair("CORE_GPU_EXCEPTION", attributes)));
 }

@@ -17,6 +17,7 @@
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
+#include "tests/support/DeviceTest.h"
 #include "tests/support/Threads.h"
 #include "tests/support/Thrown.h"
 
@@ -134,17 +135,6 @@ TEST(D3D11DeviceTest, AttachWaitsWhileCreateLooksAtTheRegistry) {
     EXPECT_EQ(attached.get()->Get(), raw.p);
 }
 
-TEST(D3D11DeviceTest, LevelsAreTriedOneByOneDownwards) {
-    std::string tried;
-    const CreateDevice11Patch patch([&](D3D_FEATURE_LEVEL level, UINT flags) {
-        tried += fmt::format("{:x} {}, ", +level, flags);
-        return DXGI_ERROR_SDK_COMPONENT_MISSING; // has a level tried again in debug mode only
-    });
-    ExpectFailure11([] { D11Device::CreatePrimary(); }, "Failed to create D3D11 device", "Create",
-                    DXGI_ERROR_SDK_COMPONENT_MISSING);
-    EXPECT_EQ(tried, "b100 32, b000 32, a100 32, a000 32, ");
-}
-
 // Two wrappers of one device have one lock.
 TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
     auto device = D11Device::Attach(MakeRawDevice11());
@@ -169,39 +159,39 @@ TEST(D3D11DeviceTest, EncodeLetsOneThreadInAtATime) {
 
 class D3D11ResourceTest : public testing::Test {
 protected:
-    CComPtr<ID3D11Texture2D> MakeTexture(UINT bindFlags = 0, DXGI_FORMAT format = kRgba8) {
-        D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, format);
-        desc.BindFlags = bindFlags;
-        return m_device->CreateTexture2D(desc, nullptr);
+    void TearDown() override {
+        m_texture.Release();
+        ReleaseLast(std::move(m_device));
     }
 
-    const boost::intrusive_ptr<D11Device> m_device = D11Device::CreatePrimary();
+    D3D11_TEXTURE2D_DESC m_desc = MakeTextureDesc11(8, 8, kRgba8);
+    boost::intrusive_ptr<D11Device> m_device = D11Device::CreatePrimary();
+    CComPtr<ID3D11Texture2D> m_texture = m_device->CreateTexture2D(m_desc, nullptr);
 };
 
 TEST_F(D3D11ResourceTest, TexturesAddTheirBindFlagAndViewsHaveTheirFormat) {
-    D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(8, 8, kRgba8);
-    desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
-    const auto target = D11RenderTexture2D::Create(m_device, desc);
+    m_desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
+    const auto target = D11RenderTexture2D::Create(m_device, m_desc);
     EXPECT_NO_THROW(D11ShaderTexture2D(target->GetTexture(), {}));
-    desc.BindFlags = D3D11_BIND_RENDER_TARGET;
-    const auto source = D11ShaderTexture2D::Create(m_device, desc, nullptr);
+    m_desc.BindFlags = D3D11_BIND_RENDER_TARGET;
+    const auto source = D11ShaderTexture2D::Create(m_device, m_desc, nullptr);
     EXPECT_NO_THROW(D11RenderTexture2D(source->GetTexture(), {}));
 
     // There is no view of a typeless texture that is of no format of its own.
-    const auto typeless = MakeTexture(D3D11_BIND_SHADER_RESOURCE | D3D11_BIND_RENDER_TARGET,
-                                      DXGI_FORMAT_R8G8B8A8_TYPELESS);
+    m_desc.BindFlags |= D3D11_BIND_SHADER_RESOURCE;
+    m_desc.Format = DXGI_FORMAT_R8G8B8A8_TYPELESS;
+    const auto typeless = m_device->CreateTexture2D(m_desc, nullptr);
     EXPECT_NO_THROW(D11RenderTexture2D(typeless, kRgba8));
     EXPECT_NO_THROW(D11ShaderTexture2D(typeless, kRgba8));
 }
 
 // Of what drawing does not make; a view of nothing would end the process elsewhere.
 TEST_F(D3D11ResourceTest, FailuresToMakeViewsAreTold) {
-    const auto texture = MakeTexture();
     const FailingMethod<&ID3D11Device::CreateShaderResourceView,
                         &ID3D11Device::CreateRenderTargetView,
                         &ID3D11Device::CreateDepthStencilView>
         failures(m_device->Get(), E_ABORT);
-    for (ID3D11Texture2D* of : {texture.p, static_cast<ID3D11Texture2D*>(nullptr)}) {
+    for (ID3D11Texture2D* of : {m_texture.p, static_cast<ID3D11Texture2D*>(nullptr)}) {
         const auto expect = [of](const char* function, const char* sentence, const auto& create) {
             ExpectFailure11(create, sentence, function, of != nullptr ? E_ABORT : E_INVALIDARG);
         };
@@ -257,15 +247,15 @@ private:
 TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
     const auto older = D11Device::Attach(MakeRawDevice11(D3D_FEATURE_LEVEL_11_0));
     NORVEX_EXPECT_REFUSED11("Shared texture not supported", D11SharedTexture2D::Create(older, {}));
-    const auto texture = MakeTexture();
     const MethodPatch<&ID3D11Device::CreateTexture2D> create(
         m_device->Get(), [&](auto, auto*, const auto* desc, auto*, ID3D11Texture2D** out) {
             EXPECT_EQ(desc->MiscFlags, 0x900u);
-            return CComPtr<ID3D11Texture2D>(texture).CopyTo(out);
+            return CComPtr<ID3D11Texture2D>(m_texture).CopyTo(out);
         });
     NotingFake sharing(&IDXGIKeyedMutex::AcquireSync, &IDXGIKeyedMutex::ReleaseSync,
                        &IDXGIResource1::CreateSharedHandle);
-    const InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1> patch(texture, &sharing);
+    const InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1> patch(m_texture,
+                                                                                 &sharing);
     const auto shared = D11SharedTexture2D::Create(m_device, {});
     const auto acquire = [&shared] { shared->AcquireSync(7, 250); };
     const auto release = [&shared] { shared->ReleaseSync(8); };
@@ -302,16 +292,15 @@ TEST_F(D3D11ResourceTest, BuffersHoldAllTheirContentsOrAreRefused) {
 }
 
 TEST_F(D3D11ResourceTest, NullIsRefusedByName) {
-    const auto texture = MakeTexture();
     NORVEX_EXPECT_REFUSED11("DirectX 11 device is null", D11VertexBuffer::Create({}, "", 1, 1));
     NORVEX_EXPECT_REFUSED11("Texture is null", D11RenderTexture2D(nullptr, {}));
     NORVEX_EXPECT_REFUSED11("Shader bytecode is null", m_device->CreateInputLayout({}, nullptr));
     m_device->Encode([&](const ContextPtr& c) {
         NORVEX_EXPECT_REFUSED11("Resource is null", c->Map(nullptr, 0, D3D11_MAP_READ, {}));
-        NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(texture, nullptr));
-        NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(nullptr, texture));
+        NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(m_texture, nullptr));
+        NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(nullptr, m_texture));
         NORVEX_EXPECT_REFUSED11("Invalid upload data",
-                                c->UpdateSubresource(texture, 0, nullptr, nullptr, 1, 1));
+                                c->UpdateSubresource(m_texture, 0, nullptr, nullptr, 1, 1));
         NORVEX_EXPECT_REFUSED11("View is null", c->ClearDepthStencilView(nullptr, {}, 0, 0));
         NORVEX_EXPECT_REFUSED11("View is null", c->ClearRenderTargetView(nullptr, {}));
         NORVEX_EXPECT_REFUSED11("Vertex buffer is null", c->Draw(nullptr));
@@ -329,14 +318,13 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
     const auto raw = MakeRawDevice11();
     const MethodPatch<&ID3D11Device::GetImmediateContext> patch(
         raw, [&fake](auto, auto*, Context** out) { fake.GiveTo(reinterpret_cast<void**>(out)); });
-    const auto texture = MakeTexture();
     const auto vertices = D11VertexBuffer::Create(m_device, "abcd", 2, 2);
     const auto indices = D11IndexBuffer::Create(m_device, std::vector<UINT16>(6));
     const D3D11_BOX box = {1, 2, 0, 3, 4, 1};
     auto* const view = fake.As<ID3D11DepthStencilView>();
     D11Device::Attach(raw)->Encode([&](const ContextPtr& pointer) {
         D11DeviceContext& context = *pointer;
-        context.UpdateSubresource(texture, 1, &box, "abcd", 12, 34);
+        context.UpdateSubresource(m_texture, 1, &box, "abcd", 12, 34);
         context.ClearDepthStencilView(view, D3D11_CLEAR_STENCIL, 0.5F, 3);
         context.DrawIndexed(indices);
         context.IASetVertexBuffers({vertices, nullptr});
@@ -348,7 +336,7 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
         context.OMSetBlendState(nullptr);
         context.OMSetDepthStencilState(nullptr, 3);
         context.OMSetRenderTargets({nullptr, nullptr}, view);
-        context.Map(texture, 2, D3D11_MAP_READ, D3D11_MAP_FLAG_DO_NOT_WAIT);
+        context.Map(m_texture, 2, D3D11_MAP_READ, D3D11_MAP_FLAG_DO_NOT_WAIT);
         EXPECT_EQ(fake.calls, "one 1 one one 12 34; one 2 0.5 3; 6 0 0; 0 2 one 2 0; "
                               "0 1 none 0 0; one 57 0; one 42 0; none 0 0; none 0.5 4294967295; "
                               "none none 4294967295; none 3; 2 none one; one 2 1 1048576 one; ");

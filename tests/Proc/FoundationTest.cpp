@@ -17,7 +17,6 @@ namespace {
 
 using namespace Norvex::Test;
 using testing::ElementsAre;
-using testing::Pair;
 
 using GetDesc1 = MethodPatch<&IDXGIAdapter1::GetDesc1>;
 
@@ -71,7 +70,7 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
     Proc::ICoreTracker::SetTracker(new OfflineTracker);
     exception.TrackException();
     Proc::ICoreTracker::SetTracker(nullptr);
-    constexpr auto kEvent = "CORE_GPU_EXCEPTION\n"
+    constexpr auto kEvent = "ERROR: CORE_GPU_EXCEPTION\n"
                             "  CORE_EXCEPTION_DESCRIPTION = Something failed\n"
                             "  CORE_EXCEPTION_HRESULT = 0x887a1234\n"
                             "  CORE_EXCEPTION_MEMINFO = "
@@ -86,9 +85,8 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
                             "  CORE_GPU_DRIVER_VERSION = 31.0.0.3742\n"
                             "  CORE_GPU_VENDOR = AMD\n"
                             "  CORE_GPU_VIDEO_MEMORY = 4096";
-    EXPECT_THAT(log.GetEntries(), ElementsAre(Pair(google::GLOG_ERROR, kEvent),
-                                              Pair(google::GLOG_ERROR,
-                                                   "Tracking an exception failed: it is offline")));
+    EXPECT_THAT(log.GetEntries(),
+                ElementsAre(kEvent, "ERROR: Tracking an exception failed: it is offline"));
     EXPECT_THAT(exception.GetResultDescription(),
                 testing::StartsWith("Code: 0x887A1234.\nAdapter name: Some adapter.\nProcess "));
 }
@@ -119,21 +117,18 @@ TEST(ApiTest, NewerRootSignaturesAreConvertedForOldSystems) {
 }
 
 // What the system knows of an adapter's driver, while it lives.
-class DriverKey : boost::noncopyable {
-public:
+struct DriverKey : boost::noncopyable {
     DriverKey(std::uint64_t luid, std::uint64_t version) {
-        RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\DirectX\\{norvex-test}", 0,
-                        nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &m_key, nullptr);
-        RegSetKeyValueW(m_key, nullptr, L"AdapterLuid", REG_QWORD, &luid, sizeof(luid));
-        RegSetKeyValueW(m_key, nullptr, L"DriverVersion", REG_QWORD, &version, sizeof(version));
+        HKEY key = nullptr;
+        RegCreateKeyExW(HKEY_LOCAL_MACHINE, kPath, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
+                        nullptr, &key, nullptr);
+        RegSetKeyValueW(key, nullptr, L"AdapterLuid", REG_QWORD, &luid, sizeof(luid));
+        RegSetKeyValueW(key, nullptr, L"DriverVersion", REG_QWORD, &version, sizeof(version));
+        RegCloseKey(key);
     }
-    ~DriverKey() {
-        RegDeleteKeyW(m_key, L"");
-        RegCloseKey(m_key);
-    }
+    ~DriverKey() { RegDeleteKeyW(HKEY_LOCAL_MACHINE, kPath); }
 
-private:
-    HKEY m_key = nullptr;
+    static constexpr auto kPath = L"SOFTWARE\\Microsoft\\DirectX\\{norvex-test}";
 };
 
 TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
@@ -143,7 +138,7 @@ TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
         *desc = known;
         return S_OK;
     });
-    const DriverKey key(9ull << 32 | 8, 31ull << 48 | 15ull << 16 | 3742);
+    const DriverKey driver(9ull << 32 | 8, 31ull << 48 | 15ull << 16 | 3742);
     const AdapterDescription description = *adapter.GetDescription();
     EXPECT_EQ(description.GetDriverVersion(), "31.0.15.3742");
     EXPECT_EQ(description.name, "Kart\xC3\xA9");

@@ -14,9 +14,6 @@ __declspec(dllexport) unsigned D3D12SDKVersion = 615;
 namespace Norvex::DX {
 namespace {
 
-using testing::Contains;
-using testing::Pair;
-
 TEST(HostDeclarationTest, OnlyTheRequiredVersionIsAccepted) {
     EXPECT_DEATH(API::GetInstance(), "The application is using the wrong DirectX 12 version");
     D3D12SDKVersion = 614;
@@ -24,8 +21,7 @@ TEST(HostDeclarationTest, OnlyTheRequiredVersionIsAccepted) {
     // No redistributable runtime is mapped here, which counts as an older one.
     EXPECT_EQ(API::GetInstance().D3D12SDKVersion(), std::nullopt);
     EXPECT_THAT(log.GetEntries(),
-                Contains(Pair(google::GLOG_ERROR,
-                              "An older version of the DirectX 12 library was loaded")));
+                testing::Contains("ERROR: An older version of the DirectX 12 library was loaded"));
 }
 
 } // namespace

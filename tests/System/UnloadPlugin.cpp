@@ -17,6 +17,7 @@ extern "C" __declspec(dllexport) ID3D12Fence* Submit() {
     return CComPtr<ID3D12Fence>(gate->GetFence()).Detach();
 }
 
-extern "C" __declspec(dllexport) void Drain() {
+extern "C" __declspec(dllexport) ID3D12Fence* Drain() {
     D12CommandAllocator::WaitAllComplete();
+    return nullptr;
 }

@@ -46,14 +46,13 @@ struct InterfacePatch : MethodPatch<kQueryInterface, HRESULT(Object*, REFIID, vo
 };
 
 // Stands between the library and D3D11CreateDevice, which is asked for one level at a time. Where
-// the function answers success, the system makes the device, without its debug layer.
+// the function answers success, the system makes the device.
 struct CreateDevice11Patch : MethodPatch<0, decltype(D3D11CreateDevice)> {
     explicit CreateDevice11Patch(std::function<HRESULT(D3D_FEATURE_LEVEL, UINT flags)> answer)
         : MethodPatch(FindImport(L"NorvexDX.dll", "D3D11CreateDevice"),
                       [answer](auto original, auto* adapter, auto type, auto module, UINT flags,
                                const auto* levels, auto... rest) {
                           const HRESULT result = answer(*levels, flags);
-                          flags &= ~UINT{D3D11_CREATE_DEVICE_DEBUG};
                           return FAILED(result)
                                      ? result
                                      : original(adapter, type, module, flags, levels, rest...);

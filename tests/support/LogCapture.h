@@ -25,14 +25,16 @@ public:
               const google::LogMessageTime&, const char* message, std::size_t length) override {
         {
             const std::lock_guard guard(m_mutex);
-            m_entries.emplace_back(severity, std::string(message, length));
+            m_entries.push_back(google::GetLogSeverityName(severity) +
+                                (": " + std::string(message, length)));
         }
         if (const auto call = std::exchange(m_onFirst, {})) {
             call();
         }
     }
 
-    std::vector<std::pair<google::LogSeverity, std::string>> GetEntries() const {
+    // "ERROR: and the message" each.
+    std::vector<std::string> GetEntries() const {
         const std::lock_guard guard(m_mutex);
         return m_entries;
     }
@@ -40,7 +42,7 @@ public:
 private:
     std::function<void()> m_onFirst;
     mutable std::mutex m_mutex;
-    std::vector<std::pair<google::LogSeverity, std::string>> m_entries;
+    std::vector<std::string> m_entries;
 };
 
 } // namespace Norvex::Test
