@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <concepts>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <random>
@@ -14,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
@@ -29,6 +27,7 @@
 #include "tests/support/LifeProbe.h"
 #include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
+#include "tests/support/Words.h"
 
 namespace Norvex::Test {
 
@@ -93,21 +92,6 @@ private:
     std::atomic<int> m_calls{0};
     MethodPatch<method> m_patch;
 };
-
-// A description as a text to compare: its 32-bit words, without those at the end that are zero. For
-// structures without padding.
-template <class Value>
-std::string WordsOf(const Value* values, std::size_t count = 1) {
-    if (values == nullptr || count == 0) {
-        return "none";
-    }
-    std::vector<std::int32_t> words(count * sizeof(Value) / sizeof(std::int32_t));
-    std::memcpy(words.data(), values, count * sizeof(Value));
-    while (!words.empty() && words.back() == 0) {
-        words.pop_back();
-    }
-    return fmt::format("{}", fmt::join(words, " "));
-}
 
 // Expects the call, which comes last, to be refused by the function that it names.
 #define NORVEX_REFUSED(sentence, ...) NORVEX_EXPECT_REFUSED12(sentence, __VA_ARGS__)
