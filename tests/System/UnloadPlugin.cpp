@@ -7,8 +7,7 @@ using namespace Norvex::DX;
 
 extern "C" __declspec(dllexport) ID3D12Fence* Submit() {
     const auto device = D12Device::CreatePrimary();
-    const boost::intrusive_ptr<D12CommandQueue> queue(
-        new D12CommandQueue(device, D3D12_COMMAND_QUEUE_DESC{}));
+    const boost::intrusive_ptr<D12CommandQueue> queue(new D12CommandQueue(device, {}));
     const auto gate = device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
     gate->PreIncrementValue();
     const auto allocator = queue->CreateCommandAllocator();
@@ -18,6 +17,7 @@ extern "C" __declspec(dllexport) ID3D12Fence* Submit() {
     return CComPtr<ID3D12Fence>(gate->GetFence()).Detach();
 }
 
-extern "C" __declspec(dllexport) void Drain() {
+extern "C" __declspec(dllexport) ID3D12Fence* Drain() {
     D12CommandAllocator::WaitAllComplete();
+    return nullptr;
 }

@@ -9,21 +9,16 @@ namespace {
 
 class Plugin {
 public:
-    // Submits work that waits for the fence to reach 1, and drops everything.
-    CComPtr<ID3D12Fence> Submit() {
-        CComPtr<ID3D12Fence> fence;
-        fence.Attach(Call<ID3D12Fence*()>("Submit")());
-        return fence;
-    }
-    void Drain() { Call<void()>("Drain")(); }
     ~Plugin() { FreeLibrary(m_module); }
 
-private:
-    template <class Function>
-    Function* Call(const char* name) {
-        return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(m_module, name)));
+    // "Submit": submits work that waits for the fence that it answers to reach 1, and drops
+    // everything. "Drain": waits for all work.
+    ID3D12Fence* Call(const char* name) const {
+        return reinterpret_cast<ID3D12Fence* (*)()>(
+            reinterpret_cast<void*>(GetProcAddress(m_module, name)))();
     }
 
+private:
     HMODULE m_module = LoadLibraryW(L"UnloadPlugin.dll");
 };
 
@@ -35,17 +30,18 @@ TEST(UnloadTest, TheLibraryStaysWhileItsThreadsMayRun) {
     EXPECT_FALSE(IsLibraryLoaded());
     // The system's own threads may outlive the device.
     ASSERT_NE(LoadLibraryW(L"d3d12.dll"), nullptr);
-    CComPtr<ID3D12Fence> fence = Plugin().Submit();
+    CComPtr<ID3D12Fence> fence;
+    fence.Attach(Plugin().Call("Submit"));
     EXPECT_TRUE(IsLibraryLoaded()) << "a thread waits in it";
     EXPECT_EQ(fence.p->Signal(1), S_OK);
     fence.Release();
-    Plugin().Drain();
+    Plugin().Call("Drain");
     EXPECT_FALSE(IsLibraryLoaded()) << "the plug-in was the last";
 }
 
 // The last test: the process ends while a thread waits for work that never ends.
 TEST(UnloadTest, TheProcessMayEndWhileAThreadWaits) {
-    Plugin().Submit().Detach();
+    Plugin().Call("Submit");
     EXPECT_TRUE(IsLibraryLoaded());
 }
 

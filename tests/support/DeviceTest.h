@@ -1,6 +1,6 @@
 #pragma once
 
-// Bases of tests that use a real device: one device for all tests of a suite, and the proof at the
+// The base of tests that use a real device: one for all tests of a suite, and the proof at the
 // suite's end that nothing outlived it.
 
 #include <memory>
@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "tests/support/Canvas.h"
 
 namespace Norvex::Test {
@@ -25,36 +24,25 @@ void ReleaseLast(boost::intrusive_ptr<Device> device) {
     EXPECT_EQ((raw.p->AddRef(), raw.p->Release()), 1u) << "a Direct3D object holds the device";
 }
 
-template <class Device>
-class DeviceTestOf : public testing::Test {
-protected:
-    static void SetUpTestSuite() { s_device = Device::CreatePrimary(); }
-    static void TearDownTestSuite() { ReleaseLast(std::move(s_device)); }
-
-    static auto* Raw() { return s_device->Get(); }
-
-    static inline boost::intrusive_ptr<Device> s_device;
-};
-
-using DeviceTest = DeviceTestOf<DX::D12Device>;
-using Device11Test = DeviceTestOf<DX::D11Device>;
-
-// For tests that record: a device with a queue.
-class CanvasTest : public DeviceTest {
+// A device with a queue.
+class DeviceTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        DeviceTest::SetUpTestSuite();
         s_canvas = std::make_unique<Canvas>();
+        s_device = s_canvas->GetDevice();
     }
     static void TearDownTestSuite() {
         s_canvas.reset();
-        DeviceTest::TearDownTestSuite();
+        ReleaseLast(std::move(s_device));
     }
 
+    static ID3D12Device* Raw() { return s_device->Get(); }
     static const boost::intrusive_ptr<DX::D12Device>& Device() { return s_device; }
     static const boost::intrusive_ptr<DX::D12CommandQueue>& Queue() { return s_canvas->GetQueue(); }
 
     static inline std::unique_ptr<Canvas> s_canvas;
+    static inline boost::intrusive_ptr<DX::D12Device> s_device;
 };
+using CanvasTest = DeviceTest;
 
 } // namespace Norvex::Test

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "tests/support/DeviceTest.h"
 

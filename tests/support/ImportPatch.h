@@ -4,6 +4,8 @@
 // patch lives. Calls of other modules are not touched. Throws std::runtime_error when the module
 // does not import the function.
 
+#include <functional>
+
 #include <boost/core/noncopyable.hpp>
 
 #include "Platform/Direct3D.h"
@@ -15,19 +17,14 @@ void StoreProtected(void** place, void* value);
 // The place in the module's import table that holds the function's address.
 void** FindImport(const wchar_t* module, const char* name);
 
-// The plain function of a lambda without captures. (A plus before the lambda is ambiguous to some
-// of Microsoft's compilers, which offer a conversion for each calling convention.)
-template <class Lambda, class Result, class... Parameters>
-auto* FunctionOf(const Lambda& lambda, Result (Lambda::*)(Parameters...) const) {
-    return static_cast<Result (*)(Parameters...)>(lambda);
-}
-template <class Lambda>
-auto* FunctionOf(const Lambda& lambda) {
-    return FunctionOf(lambda, &Lambda::operator());
-}
+// A function, or a lambda without captures, as a plain function. (A plus before the lambda is
+// ambiguous to some of Microsoft's compilers, which offer a conversion for each calling
+// convention.)
 template <class Result, class... Parameters>
-auto* FunctionOf(Result (*function)(Parameters...)) {
-    return function;
+auto PlainFunction(const std::function<Result(Parameters...)>&) -> Result (*)(Parameters...);
+template <class Function>
+auto* FunctionOf(const Function& function) {
+    return static_cast<decltype(PlainFunction(std::function(function)))>(function);
 }
 
 class ImportPatch : boost::noncopyable {

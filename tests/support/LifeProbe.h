@@ -15,11 +15,9 @@ public:
     // Of a device, or what a device made; a pointer of any kind.
     template <class Pointer>
     explicit LifeProbe(const Pointer& object) {
-        constexpr GUID kProbeData = {
-            0x6a1f8f0e, 0x5b0d, 0x4c55, {0x9e, 0x4c, 0x71, 0x0d, 0x2b, 0x93, 0x5f, 0xa8}};
         // Any COM object serves as the token; a stream is the simplest to have.
         if (FAILED(CreateStreamOnHGlobal(nullptr, TRUE, &m_token)) ||
-            FAILED(object->SetPrivateDataInterface(kProbeData, m_token))) {
+            FAILED(object->SetPrivateDataInterface(__uuidof(IStream), m_token))) {
             throw std::runtime_error("the object cannot be watched");
         }
     }

@@ -2,7 +2,6 @@
 
 // What is logged while this object lives, through a sink of the test program's own.
 
-#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -26,20 +25,16 @@ public:
               const google::LogMessageTime&, const char* message, std::size_t length) override {
         {
             const std::lock_guard guard(m_mutex);
-            m_entries.emplace_back(severity, std::string(message, length));
+            m_entries.push_back(google::GetLogSeverityName(severity) +
+                                (": " + std::string(message, length)));
         }
         if (const auto call = std::exchange(m_onFirst, {})) {
             call();
         }
     }
 
-    // Entries of that severity that hold the text.
-    long Count(google::LogSeverity severity, const std::string& text) const {
-        return static_cast<long>(std::ranges::count_if(GetEntries(), [&](const auto& entry) {
-            return entry.first == severity && entry.second.find(text) != std::string::npos;
-        }));
-    }
-    std::vector<std::pair<google::LogSeverity, std::string>> GetEntries() const {
+    // "ERROR: and the message" each.
+    std::vector<std::string> GetEntries() const {
         const std::lock_guard guard(m_mutex);
         return m_entries;
     }
@@ -47,7 +42,7 @@ public:
 private:
     std::function<void()> m_onFirst;
     mutable std::mutex m_mutex;
-    std::vector<std::pair<google::LogSeverity, std::string>> m_entries;
+    std::vector<std::string> m_entries;
 };
 
 } // namespace Norvex::Test

@@ -4,13 +4,12 @@
 // MethodPatch<&ID3D12Device::CreateFence> patch(device, [](auto original, ID3D12Device* self,
 // auto... args) { ... }). All objects of the class share the method table, so the others are
 // patched too. Patches of one method do not nest. The function may run on any thread. The same for
-// an imported function, by its name: MethodPatch<&D3D11CreateDevice> patch(FindImport(...), ...).
+// an imported function: MethodPatch<0, decltype(D3D11CreateDevice)> patch(FindImport(...), ...).
 
 #include <bit>
 #include <concepts>
 #include <cstddef>
 #include <functional>
-#include <stdexcept>
 #include <utility>
 
 #include "tests/support/ImportPatch.h"
@@ -47,10 +46,6 @@ auto MakeSignature(Result (WINAPI Object::*)(Args...)) {
         return std::type_identity<Result(Object*, Args...)>();
     }
 }
-template <class Result, class... Args>
-auto MakeSignature(Result(WINAPI*)(Args...)) {
-    return std::type_identity<Result(Args...)>();
-}
 // The signature is given where the method is inherited and objects of several classes are patched.
 template <auto method, class Signature = typename decltype(MakeSignature(method))::type>
 class MethodPatch;
@@ -67,9 +62,6 @@ public:
         : m_entry(entry),
           m_function(std::move(function)),
           m_original(reinterpret_cast<Original>(*entry)) {
-        if (s_current != nullptr) {
-            throw std::logic_error("this method is already patched");
-        }
         s_current = this;
         StoreProtected(m_entry, reinterpret_cast<void*>(&Call));
     }

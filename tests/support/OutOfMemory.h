@@ -17,9 +17,13 @@ public:
     // The C++ runtime's operator new is imported, or is part of the DLL and imports malloc.
     explicit OutOfMemory(int allocationsLeft = 0) {
         try {
-            m_patch.emplace(L"NorvexDX.dll", "_Znwy", &New);
+            m_patch.emplace(L"NorvexDX.dll", "_Znwy", [](std::size_t size) {
+                return IsRefused() ? throw std::bad_alloc() : ::operator new(size);
+            });
         } catch (const std::runtime_error&) {
-            m_patch.emplace(L"NorvexDX.dll", "malloc", &Malloc);
+            m_patch.emplace(L"NorvexDX.dll", "malloc", [](std::size_t size) {
+                return IsRefused() ? nullptr : std::malloc(size);
+            });
         }
         s_allocationsLeft = allocationsLeft;
         s_thread = GetCurrentThreadId();
@@ -28,14 +32,6 @@ public:
 
 private:
     static bool IsRefused() { return s_thread == GetCurrentThreadId() && s_allocationsLeft-- <= 0; }
-    static void* New(std::size_t size) {
-        if (IsRefused()) {
-            throw std::bad_alloc();
-        }
-        return ::operator new(size);
-    }
-    static void* Malloc(std::size_t size) { return IsRefused() ? nullptr : std::malloc(size); }
-
     static inline DWORD s_thread = 0;
     static inline int s_allocationsLeft = 0;
     std::optional<ImportPatch> m_patch;

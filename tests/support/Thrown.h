@@ -16,9 +16,8 @@ namespace Norvex::Test {
 struct Thrown {
     std::string sentence; // "(nothing)" when the call returned
     std::string function;
-    long result = 0;     // E_FAIL when no result was carried
-    std::string details; // of the result
-    std::string kind;    // what()
+    long result = 0;  // E_FAIL when no result was carried
+    std::string kind; // what()
 };
 
 // Lets other exceptions than the library's pass.
@@ -29,9 +28,9 @@ Thrown ThrownBy(const Call& call) {
     } catch (const DX::DirectXException& e) {
         const auto* function = boost::get_error_info<boost::throw_function>(e);
         return {e.GetErrorDescription(), function != nullptr ? *function : "", e.GetResult(),
-                e.GetResultDescription(), e.what()};
+                e.what()};
     }
-    return {"(nothing)", "", 0, "", ""};
+    return {"(nothing)", "", 0, ""};
 }
 
 template <class Call>
@@ -39,36 +38,28 @@ std::string SentenceOf(const Call& call) {
     return ThrownBy(call).sentence;
 }
 
-// Expects a failure of the class that says `kind`. E_FAIL: without a result. Returns what was
-// thrown.
+// Expects a failure of the class that says `kind`, by default of the code of neither generation.
+// E_FAIL: without a result.
 template <class Call>
-Thrown ExpectFailureOf(const char* kind, const Call& call, const std::string& sentence,
-                       const std::string& function, long result) {
+void ExpectFailure(const Call& call, const std::string& sentence, const std::string& function,
+                   long result = E_FAIL, const std::string& kind = "DirectX exception") {
     const Thrown thrown = ThrownBy(call);
     EXPECT_EQ(thrown.sentence, sentence);
     EXPECT_EQ(thrown.function, function) << sentence;
     EXPECT_EQ(thrown.result, result) << sentence;
     EXPECT_EQ(thrown.kind, kind) << sentence;
-    return thrown;
 }
 
-// Of the code of neither generation.
 template <class Call>
-Thrown ExpectFailure(const Call& call, const std::string& sentence, const std::string& function,
+void ExpectFailure11(const Call& call, const std::string& sentence, const std::string& function,
                      long result = E_FAIL) {
-    return ExpectFailureOf("DirectX exception", call, sentence, function, result);
+    ExpectFailure(call, sentence, function, result, "DirectX 11 exception");
 }
 
 template <class Call>
-Thrown ExpectFailure11(const Call& call, const std::string& sentence, const std::string& function,
-                       long result = E_FAIL) {
-    return ExpectFailureOf("DirectX 11 exception", call, sentence, function, result);
-}
-
-template <class Call>
-Thrown ExpectFailure12(const Call& call, const std::string& sentence, const std::string& function,
-                       long result = E_FAIL) {
-    return ExpectFailureOf("DirectX 12 exception", call, sentence, function, result);
+void ExpectFailure12(const Call& call, const std::string& sentence, const std::string& function,
+                     long result = E_FAIL) {
+    ExpectFailure(call, sentence, function, result, "DirectX 12 exception");
 }
 
 // The name of the last function that is called in the text of an expression, which ends with it.
@@ -94,10 +85,10 @@ inline std::string FunctionIn(std::string_view call) {
 
 // As ExpectFailure12, because the object's method fails.
 template <auto method, class Call>
-Thrown ExpectFailure12By(IUnknown* object, const Call& call, const std::string& sentence,
-                         const std::string& function, HRESULT result = E_ABORT) {
+void ExpectFailure12By(IUnknown* object, const Call& call, const std::string& sentence,
+                       const std::string& function, HRESULT result = E_ABORT) {
     const FailingMethod<method> fail(object, result);
-    return ExpectFailure12(call, sentence, function, result);
+    ExpectFailure12(call, sentence, function, result);
 }
 
 } // namespace Norvex::Test

@@ -3,15 +3,12 @@
 // Descriptions as texts to compare: their 32-bit words, without those at the end that are zero. For
 // structures without padding. Pure function.
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include <fmt/ranges.h>
-
-#include "Platform/Direct3D.h"
 
 namespace Norvex::Test {
 
@@ -21,8 +18,7 @@ std::string WordsOf(const Value* values, std::size_t count = 1) {
         return "none";
     }
     std::vector<std::int32_t> words(count * sizeof(Value) / sizeof(std::int32_t));
-    std::copy_n(reinterpret_cast<const std::byte*>(values), count * sizeof(Value),
-                reinterpret_cast<std::byte*>(words.data()));
+    std::memcpy(words.data(), values, count * sizeof(Value));
     while (!words.empty() && words.back() == 0) {
         words.pop_back();
     }
