@@ -1,6 +1,6 @@
 #pragma once
 
-// What the program fails with, and what its reports and pictures hold.
+// What the program fails with, and what its reports hold.
 
 #include <string>
 
@@ -30,14 +30,6 @@ inline void ExpectFields(const nlohmann::json& report, const std::string& fields
     nlohmann::json patched = report;
     patched.merge_patch(nlohmann::json::parse(fields));
     EXPECT_EQ(report, patched);
-}
-
-inline void ExpectPixel(const App::Image& image, std::size_t x, std::size_t y, const Samples& rgba,
-                        unsigned tolerance = 1) {
-    const Samples samples = GetPixel(image, x, y);
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_NEAR(samples[i], rgba[i], tolerance) << x << ", " << y << " channel " << i;
-    }
 }
 
 } // namespace Norvex::Test
