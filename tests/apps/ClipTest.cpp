@@ -40,26 +40,20 @@ TEST(ClipTest, Y4mHeadersAreReadAsTheyAreWrittenAndOthersRefused) {
 }
 
 TEST(ClipTest, Y4mDecodesPublishedCodes) {
-    const struct {
-        const char* colors;
-        YCbCrMatrix matrix;
-        std::string codes;
-        Samples rgb;
-    } kCases[] = {
-        {"444", YCbCrMatrix::BT709, "\xFF\x80\x80", {1, 1, 1}},
-        {"mono", YCbCrMatrix::BT709, "\xEB", {1, 1, 1}},
-        {"444", YCbCrMatrix::BT601, "\x51\x5A\xF0", {1, 0, 0}},
-        {"444p16", YCbCrMatrix::BT601, "\0\x29\0\xF0\0\x6E"s, {0, 0, 1}},
-        {"444p10", YCbCrMatrix::BT2020NonConstant, "\x92\2\xBD\0\x64\0"s, {0, 1, 0}},
-    };
-    for (const auto& [colors, matrix, codes, rgb] : kCases) {
+    const auto expect = [](const char* colors, YCbCrMatrix matrix, const std::string& codes,
+                           const Samples& rgb) {
         Image image;
         ConvertY4mFrame({{1, 1}, {}, "0:0", colors}, Bytes(codes.begin(), codes.end()), matrix,
                         image);
         constexpr unsigned kHalfACode = 330; // of 8 bits, roughly
-        ExpectPixel(image, 0, 0, {rgb[0] * 65535, rgb[1] * 65535, rgb[2] * 65535, 65535},
-                    kHalfACode);
-    }
+        ExpectPixel(image, 0, 0, rgb, kHalfACode);
+    };
+    constexpr unsigned kFull = 65535;
+    expect("444", YCbCrMatrix::BT709, "\xFF\x80\x80", {kFull, kFull, kFull, kFull});
+    expect("mono", YCbCrMatrix::BT709, "\xEB", {kFull, kFull, kFull, kFull});
+    expect("444", YCbCrMatrix::BT601, "\x51\x5A\xF0", {kFull, 0, 0, kFull});
+    expect("444p16", YCbCrMatrix::BT601, "\0\x29\0\xF0\0\x6E"s, {0, 0, kFull, kFull});
+    expect("444p10", YCbCrMatrix::BT2020NonConstant, "\x92\2\xBD\0\x64\0"s, {0, kFull, 0, kFull});
 }
 
 TEST(ClipTest, PackingRoundsP010AndTakesChromaApart) {
@@ -77,33 +71,25 @@ TEST(ClipTest, PackingRoundsP010AndTakesChromaApart) {
 }
 
 TEST(ClipTest, TexturesAreChosenFromWhatAnAdapterDraws) {
-    const struct {
-        DX::Size2DT<long> size;
-        std::vector<DXGI_FORMAT> drawn;
-        const char* failure;
-        TextureChoice choice = {};
-    } kCases[] = {
-        {{4, 4},
-         {DXGI_FORMAT_NV12, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM,
-          DXGI_FORMAT_R16G16B16A16_FLOAT},
-         "(nothing)",
-         {true, true, DXGI_FORMAT_R16G16B16A16_FLOAT}},
-        {{4, 4}, {DXGI_FORMAT_NV12, DXGI_FORMAT_R16G16B16A16_UNORM}, "(nothing)", {true, false}},
-        {{4, 4}, {DXGI_FORMAT_R8_UNORM}, "draw NV12: neither on such textures nor on R8_UNORM and"},
-        {{5, 3}, {DXGI_FORMAT_NV12}, "neither on such textures of odd size"},
-        {{8193, 2}, {}, "8192 x 8192"},
-    };
-    for (const auto& [size, drawn, failure, expected] : kCases) {
-        const auto usesOf = [&formats = drawn](DXGI_FORMAT format) {
-            const bool isDrawn = std::ranges::count(formats, format) != 0;
-            return FormatUses{isDrawn, isDrawn, isDrawn};
-        };
-        TextureChoice choice;
+    const auto choose = [](const DX::Size2DT<long>& size, const std::vector<DXGI_FORMAT>& drawn) {
         const EncoderParams params = {*ParseVideoFormat("nv12"), YCbCrMatrix::BT601, size, {}};
-        EXPECT_THAT(FailureOf([&] { choice = ChooseTextures(params, 8192, usesOf); }),
-                    HasSubstr(failure));
-        EXPECT_TRUE(choice == expected) << failure;
-    }
+        return ChooseTextures(params, 8192, [&](DXGI_FORMAT format) {
+            const bool isDrawn = std::ranges::count(drawn, format) != 0;
+            return FormatUses{isDrawn, isDrawn, isDrawn};
+        });
+    };
+    constexpr auto kFloats = DXGI_FORMAT_R16G16B16A16_FLOAT;
+    const TextureChoice all =
+        choose({4, 4}, {DXGI_FORMAT_NV12, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM, kFloats});
+    EXPECT_TRUE(all == (TextureChoice{true, true, kFloats}));
+    EXPECT_FALSE(choose({4, 4}, {DXGI_FORMAT_NV12, kFloats}).hasPair);
+    const auto expectFailure = [&](const DX::Size2DT<long>& size, DXGI_FORMAT drawn,
+                                   const char* words) {
+        EXPECT_THAT(FailureOf([&] { choose(size, {drawn}); }), HasSubstr(words));
+    };
+    expectFailure({4, 4}, DXGI_FORMAT_R8_UNORM, "NV12: neither on such textures nor on R8_UNORM");
+    expectFailure({5, 3}, DXGI_FORMAT_NV12, "neither on such textures of odd size");
+    expectFailure({8193, 2}, DXGI_FORMAT_NV12, "8192 x 8192");
 }
 
 } // namespace

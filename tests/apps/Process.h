@@ -105,7 +105,7 @@ protected:
     std::string Run(const std::string& commandLine, const std::vector<std::string>& texts = {},
                     unsigned exitCode = 0, const std::string& input = {}) const {
         SCOPED_TRACE(commandLine);
-        const auto files = m_folder.GetFiles();
+        const auto files = m_folder.CountFiles();
         const ProcessResult result =
             StartedProgram(m_folder.Split(commandLine + m_options), input).Wait();
         EXPECT_EQ(result.exitCode, exitCode);
@@ -115,7 +115,7 @@ protected:
         }
         if (exitCode != 0) {
             EXPECT_THAT(result.err, testing::StartsWith("norvexdx: "));
-            EXPECT_EQ(m_folder.GetFiles(), files);
+            EXPECT_EQ(m_folder.CountFiles(), files);
         }
         return result.out;
     }
