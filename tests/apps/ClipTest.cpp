@@ -1,5 +1,7 @@
 // The parts of encode by themselves, without a device.
 
+#include <algorithm>
+
 #include <gmock/gmock.h>
 
 #include "apps/norvexdx/clips/PlanePacking.h"

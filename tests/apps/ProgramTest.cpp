@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "tests/apps/Expectations.h"
 #include "tests/apps/Process.h"
@@ -121,9 +122,7 @@ TEST_P(PictureTest, ReportsAsJson) {
     m_options.clear();
     const json adapter = json::parse(Run("info --json")).at("adapters").at(0);
     EXPECT_EQ(report.at("adapter").at("luid"), adapter.at("luid"));
-    // In full, what the report says of its device.
     json device = adapter.at("devices").at(GetParam() == Generation::Direct3D12 ? 0 : 1);
-    EXPECT_TRUE(device.at("formats").at("R8G8B8A8_UNORM").at("drawTo"));
     device.erase("formats");
     EXPECT_EQ(report.at("device"), device);
 }
@@ -169,11 +168,11 @@ std::string AddToPng(std::string file, const std::string& profile) {
     auto size = compressBound(static_cast<uLong>(profile.size()));
     chunk.resize(head + size);
     compress(&chunk[head], &size, bytes, static_cast<uLong>(profile.size()));
-    const auto checksum = crc32(0, chunk.data(), static_cast<uInt>(head + size));
+    chunk.resize(head + size);
+    const auto checksum = crc32(0, chunk.data(), static_cast<uInt>(chunk.size()));
     constexpr std::size_t kBehindHeader = 33;
-    return file.insert(kBehindHeader, Word(head + size - 4) +
-                                          std::string(chunk.begin(), chunk.begin() + head + size) +
-                                          Word(checksum));
+    return file.insert(kBehindHeader, Word(chunk.size() - 4) +
+                                          std::string(chunk.begin(), chunk.end()) + Word(checksum));
 }
 std::string AddToJpeg(std::string file, const std::string& profile) {
     return file.insert(2, "\xFF\xE2"s + Word(profile.size() + 16).substr(2) + "ICC_PROFILE\0\1\1"s +
@@ -222,7 +221,7 @@ bool ShowsGradient(HWND window) {
 TEST(ExamplesTest, SayAndShowWhatTheyDo) {
     // words: empty where it shows a window, and ends when that is closed
     const auto expect = [](const wchar_t* name, const char* words,
-                           const std::vector<std::string>& arguments = {}) {
+                           const std::vector<std::string>& arguments = {}, unsigned exitCode = 0) {
         const StartedProgram program(arguments, {}, name);
         for (int i = 0; *words == '\0' && i < 1000 && !program.HasEnded(20); ++i) {
             HWND window = FindWindowW(L"STATIC", L"NorvexDX");
@@ -231,13 +230,17 @@ TEST(ExamplesTest, SayAndShowWhatTheyDo) {
             }
         }
         const ProcessResult result = program.Wait();
-        const bool cannot = result.err.find("does not share") != std::string::npos;
-        EXPECT_EQ(result.exitCode, cannot ? 1U : 0U) << result.err;
-        EXPECT_TRUE(cannot || result.out.find(words) != std::string::npos) << result.out;
+        EXPECT_EQ(result.exitCode, exitCode) << result.err;
+        EXPECT_THAT(result.out + result.err, HasSubstr(words));
     };
     expect(L"offscreen.exe", "0.5807 0.5807 0.5807");
     expect(L"attach.exe", "sRGB  64 is  74 in BT.709");
-    expect(L"share.exe", "Direct3D 11 reads 255 255 255");
+    CComPtr<ID3D11Device5> device5; // has the fences that sharing needs
+    if (SUCCEEDED(DX::D11Device::CreatePrimary()->Get()->QueryInterface(IID_PPV_ARGS(&device5)))) {
+        expect(L"share.exe", "Direct3D 11 reads 255 255 255");
+    } else {
+        expect(L"share.exe", "not share", {}, 1);
+    }
     expect(L"window.exe", "");
     expect(L"window.exe", "", {"d3d11"});
 }
