@@ -12,17 +12,6 @@ namespace Norvex::Test {
 namespace {
 
 using namespace App;
-using testing::HasSubstr;
-
-class CommandLineTest : public testing::Test {
-protected:
-    template <class Options>
-    Options Parse(const std::string& commandLine) const {
-        return std::get<Options>(ParseCommandLine(m_folder.Split(commandLine)).command);
-    }
-
-    TemporaryFolder m_folder;
-};
 
 // As far as the program gets without a device.
 struct Prepare {
@@ -32,75 +21,64 @@ struct Prepare {
     void operator()(const auto&) const {}
 };
 
-TEST_F(CommandLineTest, TellsWrongUsageInItsOwnWords) {
-    const std::string kConvert = "convert in.png out.png ";
-    const std::string kEncode = "encode a.png -o out --format nv12 ";
-    const struct {
-        const char* words;
-        std::string beginning;
-        std::vector<const char*> ends = {""};
-    } kCases[] = {
-        {"belong together", kConvert, {"--from srgb", "--to rec2020-pq"}},
-        {"\"sRGB\" is not a colour space (srgb, rec709", kConvert, {"--from sRGB --to srgb"}},
-        {"rec709-linear cannot be converted from", kConvert, {"--from rec709-linear --to srgb"}},
-        {"rec2020-linear cannot be converted to", kConvert, {"--from srgb --to rec2020-linear"}},
-        {"cannot", kConvert, {"--from rec709-linear --to rec709-linear --linear-scale 2"}},
-        {"(nothing)", kConvert, {"--from rec2020-linear --to rec2020-linear"}},
-        {"needs --from and --to", kConvert, {"--mode hdr"}},
-        {"is not a luminance", kConvert, {"--source-peak 0", "--target-peak 10001"}},
-        {"greater than 0", kConvert, {"--linear-scale -1", "--linear-scale 1e60", "--scale 0"}},
-        {"straight, one or premultiplied", kConvert, {"--target-alpha none"}},
-        {"WIDTHxHEIGHT", kConvert + "--size ", {"0x10", "16385x1", "10x10x10", "10"}},
-        {"--fit free only", kConvert, {"--fit fill --scale 2"}},
-        {"LEFT,TOP,RIGHT,BOTTOM", kConvert, {"--rect 5,0,5,9", "--rect 0,0,9,40000"}},
-        {"RRGGBBAA", kConvert, {"--background 12345", "--background +12345"}},
-        {"translucent", kConvert, {"--background FF000080"}},
-        {"8 or 16", kConvert, {"--depth 10"}},
-        {"an adapter's number", kConvert, {"--adapter -1"}},
-        {"--nonsense", kConvert, {"--nonsense"}},
-        {"--size", kConvert, {"--size 1x1 --size 2x2"}},
-        {".png", "convert in.png out.jpg"},
-        {"several inputs", "convert a/photo.jpg b/PHOTO.tif @"},
-        {"\"yv12\" is not nv12, p010 or p016", "encode a.png -o out --format yv12"},
-        {"--output is required", "encode a.png --format nv12"},
-        {"bt601, bt709 or bt2020", kEncode, {"--matrix bt2100"}},
-        {"is not a frame rate", kEncode + "--fps ", {"0", "0/1", "25/", "-25", "25.", "24.0001"}},
-        {"belong together", kEncode, {"--from srgb"}},
-        {"goes alone", kEncode, {"-"}},
-        {"--screenshot goes with --frames", "view in.png --screenshot out.png"},
-        {"rec709-linear cannot be converted from", "view in.png --from rec709-linear"},
-        {"--help", "", {"", "paint", "convert", "convert in.png", "fill out.png --size 1x1"}},
-        {"--help", "", {"sheet out.png", "view", "view in.png --hdr maybe", "info more"}},
-        {"--help", "view in.png --frames 0"},
-    };
-    for (const auto& [words, beginning, ends] : kCases) {
+TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
+    const TemporaryFolder folder;
+    const auto expect = [&](const char* words, const std::string& beginning,
+                            const std::vector<const char*>& ends = {""}) {
         for (const char* end : ends) {
-            const auto prepare = [&, &begin = beginning] {
-                std::visit(Prepare(), ParseCommandLine(m_folder.Split(begin + end)).command);
+            const auto prepare = [&] {
+                std::visit(Prepare(), ParseCommandLine(folder.Split(beginning + end)).command);
             };
-            EXPECT_THAT(FailureOf(prepare, ExitCode::WrongUsage), HasSubstr(words)) << end;
+            EXPECT_THAT(FailureOf(prepare, ExitCode::WrongUsage), testing::HasSubstr(words)) << end;
         }
-    }
+    };
+    const std::string convert = "convert in.png out.png ";
+    const std::string encode = "encode a.png -o out --format nv12 ";
+    expect("belong together", convert, {"--from srgb", "--to rec2020-pq"});
+    expect("\"sRGB\" is not a colour space (srgb, rec709", convert, {"--from sRGB --to srgb"});
+    expect("rec709-linear cannot be converted from", convert, {"--from rec709-linear --to srgb"});
+    expect("rec2020-linear cannot be converted to", convert, {"--from srgb --to rec2020-linear"});
+    expect("cannot", convert, {"--from rec709-linear --to rec709-linear --linear-scale 2"});
+    expect("(nothing)", convert, {"--from rec2020-linear --to rec2020-linear"});
+    expect("needs --from and --to", convert, {"--mode hdr"});
+    expect("is not a luminance", convert, {"--source-peak 0", "--target-peak 10001"});
+    expect("greater than 0", convert, {"--linear-scale -1", "--linear-scale 1e60", "--scale 0"});
+    expect("WIDTHxHEIGHT", convert + "--size ", {"0x10", "16385x1", "10x10x10", "10"});
+    expect("--fit free only", convert, {"--fit fill --scale 2"});
+    expect("LEFT,TOP,RIGHT,BOTTOM", convert, {"--rect 5,0,5,9", "--rect 0,0,9,40000"});
+    expect("RRGGBBAA", convert, {"--background 12345", "--background +12345"});
+    expect("translucent", convert, {"--background FF000080"});
+    expect(".png", "convert in.png out.jpg");
+    expect("several inputs", "convert a/photo.jpg b/PHOTO.tif @");
+    expect("is not a frame rate", encode + "--fps ", {"0", "0/1", "25/", "-25", "25.", "24.0001"});
+    expect("belong together", encode, {"--from srgb"});
+    expect("goes alone", encode, {"-"});
+    expect("--screenshot goes with --frames", "view in.png --screenshot out.png");
+    expect("rec709-linear cannot be converted from", "view in.png --from rec709-linear");
+    expect("--help", "", {"", "paint", "convert in.png", "info more", "view in.png --frames 0"});
 }
 
-TEST_F(CommandLineTest, ExpandsWildcardsAndFoldersAmongTheInputs) {
+TEST(CommandLineTest, ExpandsWildcardsAndFoldersAmongTheInputs) {
+    const TemporaryFolder folder;
     for (const char* name : {"b.PNG", "a1.jpg", "a.tiff", "c.txt", "d.tiffx"}) {
-        WriteBytes(m_folder.GetPath(name), {});
+        WriteBytes(folder.GetPath(name), std::string());
     }
-    std::filesystem::create_directories(m_folder.GetPath("f.jpg/empty"));
+    std::filesystem::create_directories(folder.GetPath("f.jpg/empty"));
     const std::pair<std::string, std::string> kCases[] = {
-        {"@*.?p*g", "@a1.jpg"},          {"@a*", "@a.tiff @a1.jpg"}, {"@*.tif?", "@a.tiff"},
-        {"@", "@a.tiff @a1.jpg @b.PNG"}, {"@f.jpg", "@f.jpg"},       {"@*.gif", "@*.gif"},
-        {"@no*/a.jpg", "@no*/a.jpg"},
+        {"@*.?p*g", "@a1.jpg"}, {"@*.tif?", "@a.tiff"},       {"@", "@a.tiff @a1.jpg @b.PNG"},
+        {"@f.jpg", "@f.jpg"},   {"@no*/a.jpg", "@no*/a.jpg"},
+    };
+    const auto parse = [&](const std::string& commandLine) {
+        return ParseCommandLine(folder.Split(commandLine)).command;
     };
     for (const auto& [input, names] : kCases) {
-        const std::string expected = "- " + names;
-        EXPECT_EQ(Parse<EncodeOptions>("encode - " + input + " -o x --format nv12").inputs,
-                  m_folder.Split(expected));
-        EXPECT_EQ(Parse<ViewOptions>("view - " + input).files, m_folder.Split(expected));
-        EXPECT_EQ(Parse<SheetOptions>("sheet x - " + input).inputs, m_folder.Split(expected));
-        EXPECT_EQ(Parse<ConvertOptions>(fmt::format("convert - {0} {0}", input)).files,
-                  m_folder.Split(fmt::format("{} {}", expected, input)));
+        const auto expected = folder.Split("- " + names);
+        const auto encode = parse("encode - " + input + " -o x --format nv12");
+        EXPECT_EQ(std::get<EncodeOptions>(encode).inputs, expected);
+        EXPECT_EQ(std::get<ViewOptions>(parse("view - " + input)).files, expected);
+        EXPECT_EQ(std::get<SheetOptions>(parse("sheet x - " + input)).inputs, expected);
+        EXPECT_EQ(std::get<ConvertOptions>(parse(fmt::format("convert - {0} {0}", input))).files,
+                  folder.Split(fmt::format("- {} {}", names, input)));
     }
 }
 

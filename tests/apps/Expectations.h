@@ -1,11 +1,10 @@
 #pragma once
 
-// What the program fails with, and what its reports and pictures hold.
+// What the program fails with.
 
 #include <string>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "apps/norvexdx/console/Failure.h"
 #include "tests/apps/Pictures.h"
@@ -23,21 +22,6 @@ std::string FailureOf(const Call& call, App::ExitCode exitCode = App::ExitCode::
         return failure.what();
     }
     return "(nothing)";
-}
-
-// Expects these fields, also of objects within, whatever else there is.
-inline void ExpectFields(const nlohmann::json& report, const std::string& fields) {
-    nlohmann::json patched = report;
-    patched.merge_patch(nlohmann::json::parse(fields));
-    EXPECT_EQ(report, patched);
-}
-
-inline void ExpectPixel(const App::Image& image, std::size_t x, std::size_t y, const Samples& rgba,
-                        unsigned tolerance = 1) {
-    const Samples samples = GetPixel(image, x, y);
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        EXPECT_NEAR(samples[i], rgba[i], tolerance) << x << ", " << y << " channel " << i;
-    }
 }
 
 } // namespace Norvex::Test
