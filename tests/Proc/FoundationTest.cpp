@@ -10,6 +10,7 @@
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::DX {

@@ -124,10 +124,10 @@ TEST(OldWindowsTest, TheSwapChainIsOfOneBuffer) {
 
 TEST(OldFactoryTest, TheFactoryOfDxgi11Serves) {
     // The loader is told so before it is made.
-    const ImportPatch patch(
-        L"NorvexDX.dll", "GetProcAddress", [](HMODULE module, const char* name) {
-            return std::strcmp(name, "CreateDXGIFactory2") == 0 ? nullptr
-                                                                : GetProcAddress(module, name);
+    const MethodPatch<0, decltype(GetProcAddress)> patch(
+        FindImport(L"NorvexDX.dll", "GetProcAddress"),
+        [](auto original, HMODULE module, const char* name) {
+            return std::strcmp(name, "CreateDXGIFactory2") == 0 ? nullptr : original(module, name);
         });
     const auto factory = DXGIFactory::Create();
     EXPECT_FALSE(API::GetInstance().IsFactory2Available());

@@ -7,10 +7,21 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 
 #include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
+
+// A lambda without captures, or a function, as a plain function. (A plus before the lambda is
+// ambiguous to some of Microsoft's compilers, which offer a conversion for each calling
+// convention.)
+template <class Result, class... Parameters>
+auto PlainFunction(const std::function<Result(Parameters...)>&) -> Result (*)(Parameters...);
+template <class Function>
+auto* FunctionOf(const Function& function) {
+    return static_cast<decltype(PlainFunction(std::function(function)))>(function);
+}
 
 class FakeObject : boost::noncopyable {
 public:

@@ -1,4 +1,4 @@
-// What ImportPatch.h, MethodPatch.h and FakeObject.h keep out of sight of the compiler, which may
+// What MethodPatch.h and FakeObject.h keep out of sight of the compiler, which may
 // take tables of functions for constant.
 
 #include <array>

@@ -12,9 +12,16 @@
 #include <functional>
 #include <utility>
 
-#include "tests/support/ImportPatch.h"
+#include <boost/core/noncopyable.hpp>
+
+#include "Platform/Direct3D.h"
 
 namespace Norvex::Test {
+
+// Writes where the memory is write-protected. Throws std::runtime_error.
+void StoreProtected(void** place, void* value);
+// The place in the module's import table that holds the function's address.
+void** FindImport(const wchar_t* module, const char* name);
 
 // An object whose methods answer their places in the method table.
 void* GetObjectOfPlaces();

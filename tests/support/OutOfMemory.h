@@ -5,36 +5,40 @@
 
 #include <cstdlib>
 #include <new>
-#include <optional>
 #include <stdexcept>
 
-#include "tests/support/ImportPatch.h"
+#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 
 class OutOfMemory {
 public:
-    // The C++ runtime's operator new is imported, or is part of the DLL and imports malloc.
     explicit OutOfMemory(int allocationsLeft = 0) {
-        try {
-            m_patch.emplace(L"NorvexDX.dll", "_Znwy", [](std::size_t size) {
-                return IsRefused() ? throw std::bad_alloc() : ::operator new(size);
-            });
-        } catch (const std::runtime_error&) {
-            m_patch.emplace(L"NorvexDX.dll", "malloc", [](std::size_t size) {
-                return IsRefused() ? nullptr : std::malloc(size);
-            });
-        }
+        [[maybe_unused]] static const bool isInterposed = Interpose();
         s_allocationsLeft = allocationsLeft;
         s_thread = GetCurrentThreadId();
     }
     ~OutOfMemory() { s_thread = 0; }
 
 private:
+    // For good. The C++ runtime's operator new is imported, or is part of the DLL and imports
+    // malloc.
+    static bool Interpose() {
+        try {
+            StoreProtected(FindImport(L"NorvexDX.dll", "_Znwy"), reinterpret_cast<void*>(&New));
+        } catch (const std::runtime_error&) {
+            StoreProtected(FindImport(L"NorvexDX.dll", "malloc"), reinterpret_cast<void*>(&Malloc));
+        }
+        return true;
+    }
     static bool IsRefused() { return s_thread == GetCurrentThreadId() && s_allocationsLeft-- <= 0; }
+    static void* New(std::size_t size) {
+        return IsRefused() ? throw std::bad_alloc() : ::operator new(size);
+    }
+    static void* Malloc(std::size_t size) { return IsRefused() ? nullptr : std::malloc(size); }
+
     static inline DWORD s_thread = 0;
     static inline int s_allocationsLeft = 0;
-    std::optional<ImportPatch> m_patch;
 };
 
 } // namespace Norvex::Test

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "Proc/DirectX/Manager/Exceptions.h"
-#include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
 
@@ -82,13 +81,5 @@ inline std::string FunctionIn(std::string_view call) {
 #define NORVEX_EXPECT_REFUSED11(sentence, ...)                                                     \
     Norvex::Test::ExpectFailure11([&] { __VA_ARGS__; }, sentence,                                  \
                                   Norvex::Test::FunctionIn(#__VA_ARGS__))
-
-// As ExpectFailure12, because the object's method fails.
-template <auto method, class Call>
-void ExpectFailure12By(IUnknown* object, const Call& call, const std::string& sentence,
-                       const std::string& function, HRESULT result = E_ABORT) {
-    const FailingMethod<method> fail(object, result);
-    ExpectFailure12(call, sentence, function, result);
-}
 
 } // namespace Norvex::Test
