@@ -95,7 +95,7 @@ TYPED_TEST(DeviceRegistryTest, CreateFindAndLastReleaseMayRace) {
 // What a host stores in its device goes with it, and may call the library.
 struct Stored : FakeObject {
     Stored() {
-        Set(2, [](Stored* self) {
+        Set(&IUnknown::Release, [](Stored* self) {
             self->isReleased = D11Device::Find(nullptr) == nullptr;
             return ULONG{0};
         });

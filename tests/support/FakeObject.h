@@ -37,9 +37,9 @@ public:
     int GetReferences() const { return m_references; }
 
 protected:
-    // The place is a method that interfaces have there, or its number. A lambda without captures,
-    // whose first parameter is the object itself, as a pointer to the deriving class, which has no
-    // virtual functions.
+    // In the place of a method that interfaces have there: a lambda without captures, whose first
+    // parameter is the object itself, as a pointer to the deriving class, which has no virtual
+    // functions.
     template <class Place, class Method>
     void Set(const Place& place, const Method& method) {
         Store(SlotOf(place), reinterpret_cast<void*>(FunctionOf(method)));

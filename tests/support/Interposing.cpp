@@ -62,15 +62,16 @@ void* GetObjectOfPlaces() {
 
 FakeObject::FakeObject() {
     m_table = m_methods.data();
-    for (std::size_t slot = 0; slot < m_methods.size(); ++slot) {
-        Set(slot, [](FakeObject*) -> HRESULT { return E_NOTIMPL; });
-    }
-    Set(0, [](FakeObject*, REFIID, void** out) -> HRESULT {
+    m_methods.fill(
+        reinterpret_cast<void*>(FunctionOf([](FakeObject*) -> HRESULT { return E_NOTIMPL; })));
+    Set(kQueryInterface, [](FakeObject*, REFIID, void** out) -> HRESULT {
         *out = nullptr;
         return E_NOINTERFACE;
     });
-    Set(1, [](FakeObject* self) { return static_cast<ULONG>(++self->m_references); });
-    Set(2, [](FakeObject* self) { return static_cast<ULONG>(--self->m_references); });
+    Set(&IUnknown::AddRef,
+        [](FakeObject* self) { return static_cast<ULONG>(++self->m_references); });
+    Set(&IUnknown::Release,
+        [](FakeObject* self) { return static_cast<ULONG>(--self->m_references); });
 }
 
 HRESULT FakeObject::GiveTo(void** out) {

@@ -7,7 +7,6 @@
 // an imported function: MethodPatch<0, decltype(D3D11CreateDevice)> patch(FindImport(...), ...).
 
 #include <bit>
-#include <concepts>
 #include <cstddef>
 #include <functional>
 #include <utility>
@@ -32,11 +31,6 @@ template <class Result, class Object, class... Args>
 std::size_t SlotOf(Result (WINAPI Object::*method)(Args...)) {
     const auto place = std::bit_cast<std::size_t (WINAPI Object::*)()>(method);
     return (static_cast<Object*>(GetObjectOfPlaces())->*place)();
-}
-// A place that is known already.
-template <std::integral Slot>
-constexpr std::size_t SlotOf(Slot slot) {
-    return static_cast<std::size_t>(slot);
 }
 
 // Its name alone says too little, since it is overloaded.
