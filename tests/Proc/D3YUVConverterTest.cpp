@@ -161,9 +161,8 @@ TYPED_TEST(D3YUVConverterTest, WrongTexturesAreRefused) {
     constexpr auto kFormat = "Unsupported pixel format";
     constexpr auto kHalf = "The chroma plane is expected to have half the size of the luma plane";
     const auto refuses = [&](const char* sentence, const auto&... arguments) {
-        ExpectFailureOf(
-            TypeParam::kKind, [&] { this->Encode(arguments..., YCbCrMatrix::BT709); }, sentence,
-            "Encode", E_FAIL);
+        ExpectFailure([&] { this->Encode(arguments..., YCbCrMatrix::BT709); }, sentence, "Encode",
+                      E_FAIL, TypeParam::kKind);
     };
     refuses(kFormat, source, luma);
     refuses(kFormat, source, none);

@@ -264,9 +264,8 @@ TYPED_TEST(DrawTest, WrongArgumentsAreRefused) {
     const auto source = this->m_canvas.MakeSource(MakeQuadrants(8, 8), kRGBA8);
     const auto target = this->m_canvas.MakeTarget(8, 8, kRGBA8);
     const auto refuses = [&](const auto& on, const auto& from, const auto& to, const char* words) {
-        ExpectFailureOf(
-            TypeParam::kKind, [&] { this->m_draw->Encode(on, from, to, {}, {}); }, words, "Encode",
-            E_FAIL);
+        ExpectFailure([&] { this->m_draw->Encode(on, from, to, {}, {}); }, words, "Encode", E_FAIL,
+                      TypeParam::kKind);
     };
     this->m_canvas.Record([&](const auto& on) {
         refuses(on, decltype(source)(), target, kNoSource);

@@ -184,6 +184,14 @@ void DrawAll(Leaving& leaving) {
     }
 }
 
+// Draws into one open list.
+struct ListCanvas : Canvas {
+    template <class Call>
+    void Record(const Call& call) {
+        Canvas::Record([&](const auto& allocator) { allocator->RecordList(nullptr, call); });
+    }
+};
+
 // Pools, queries, a fill and one queue that waits for another.
 void UsePools12(Leaving& leaving) {
     Canvas canvas;
@@ -308,8 +316,8 @@ void Interpose12(Faults& faults) {
     NORVEX_FAIL(fence, SetEventOnCompletion, "WaitComplete: Failed to set event on completion",
                 kUntold); // a background thread's is logged
     NORVEX_FAIL(buffer, Map, "CreateBuffer: Failed to map buffer",
-                "Read: Failed to map readback buffer", "Write: Failed to map upload buffer",
-                "GetResult: Failed to map query buffer");
+                "AddConstants: Failed to map upload buffer", "Read: Failed to map readback buffer",
+                "Write: Failed to map upload buffer", "GetResult: Failed to map query buffer");
 }
 
 void Interpose11(Faults& faults) {
@@ -385,6 +393,7 @@ INSTANTIATE_TEST_SUITE_P(
     , FaultTest,
     testing::Values(Row{"Draw11", &Interpose11, &DrawAll<Canvas11>},
                     Row{"Draw12", &Interpose12, &DrawAll<Canvas>},
+                    Row{"DrawIntoList12", &Interpose12, &DrawAll<ListCanvas>},
                     Row{"Pools12", &Interpose12, &UsePools12},
                     Row{"Present11", &Interpose11, &Present<Generation::Direct3D11>},
                     Row{"Present12", &Interpose12, &Present<Generation::Direct3D12>}),
