@@ -351,7 +351,7 @@ protected:
     // Alone: nothing that it makes may be left.
     Leaving Run(int call, const Fault& fault) {
         m_what = fmt::format("call {}, {:#010x}", call, static_cast<UINT>(fault.result));
-        std::printf("%s\n", m_what.c_str()); // and tells which one hangs
+        std::fprintf(stderr, "%s\n", m_what.c_str()); // and tells which one hangs
         m_faults.Begin(call, fault);
         Leaving leaving;
         m_thrown = ThrownBy([&] { GetParam().workload(leaving); });
