@@ -104,22 +104,22 @@ TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {
 // The first tick finds the list empty, so the timer has to start anew. From then on something is
 // returned all the time, which neither stops it nor makes what came before live longer.
 TEST_F(D3D12PoolTest, WhatIsNotUsedForTwoSecondsIsFreed) {
-    const auto now = &std::chrono::steady_clock::now;
+    using Clock = std::chrono::steady_clock;
     const auto buffers = MakeBuffers();
     std::vector<Ptr<D12Buffer>> used(12);
     std::ranges::generate(used, [&] { return buffers->CreateBuffer(100); });
     buffers->CreateBuffer(100);
     std::this_thread::sleep_for(2200ms);
     const LifeProbe first(used.back()->GetResource());
-    const auto start = now();
+    const auto start = Clock::now();
     while (!used.empty() && first.IsAlive()) {
         used.pop_back();
         std::this_thread::sleep_for(400ms);
     }
     EXPECT_FALSE(first.IsAlive());
-    EXPECT_GT(now() - start, 1950ms);
+    EXPECT_GT(Clock::now() - start, 1950ms);
     used.clear();
-    while (buffers->CountFree().first > 0 && now() - start < 30s) {
+    while (buffers->CountFree().first > 0 && Clock::now() - start < 30s) {
         std::this_thread::sleep_for(100ms);
     }
     EXPECT_EQ(buffers->CountFree(), std::pair(std::size_t{0}, std::uint64_t{0}));
