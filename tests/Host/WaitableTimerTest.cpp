@@ -95,7 +95,7 @@ TEST(WaitableTimerTest, CallbacksMayBlockAndThrowButNeverOverlap) {
 
 TEST(WaitableTimerTest, ATickThatIsUnderWayWhenTheTimerStopsDoesNothing) {
     std::function<void()> tick;
-    const Norvex::Test::MethodPatch<&CreateThreadpoolTimer> patch(
+    const Norvex::Test::MethodPatch<0, decltype(CreateThreadpoolTimer)> patch(
         Norvex::Test::FindImport(L"NorvexHost.dll", "CreateThreadpoolTimer"),
         [&](auto original, auto onTick, auto* context, auto* environment) {
             tick = [=] { onTick(nullptr, context, nullptr); };
