@@ -42,7 +42,7 @@ constexpr Format kFormats[] = {
 // During the call the texture, whose own memory is the luma plane, answers as planar.
 void AsPlanar(const Canvas11& canvas, ID3D11Texture2D* planar, ID3D11Texture2D* chroma,
               const Format& format, const std::function<void()>& call) {
-    const MethodPatch<10, void(ID3D11Texture2D*, D3D11_TEXTURE2D_DESC*)> describe(
+    const MethodPatch<&ID3D11Texture2D::GetDesc> describe(
         planar, [&](auto original, auto* self, auto* desc) {
             original(self, desc);
             desc->Format = self == planar ? format.planar : desc->Format;
