@@ -26,9 +26,8 @@ clang-format --dry-run -Werror "${sources[@]}" || failed=1
 clang-tidy --verify-config >/dev/null || failed=1
 
 # Tests stay small beside what they test: lines of C++ and HLSL that are neither blank nor comment.
-# What only the checks need counts as test, benchmarks as neither. A third is the aim; until it is
-# reached this number follows the tree down, and never up.
-kMostTestsInPercent=42
+# What only the checks need counts as test, benchmarks as neither.
+kMostTestsInPercent=33
 count_lines() { grep -hcvE '^[[:space:]]*(//.*)?$' "$@" | awk '{ sum += $1 } END { print sum }'; }
 mapfile -t testing < <(find tests scripts cmake/PrecompiledTests.h -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
 mapfile -t tested < <(find apps cmake/Precompiled.h Core examples Host Platform Proc -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
