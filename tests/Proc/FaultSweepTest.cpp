@@ -69,7 +69,7 @@ public:
                                        telling);
         }
         Patch<method>(object, [this, name](auto original, auto* self, auto... rest) -> HRESULT {
-            const HRESULT result = t_isInCall ? S_OK : Take(name, self);
+            const HRESULT result = t_isInCall ? S_OK : this->Take(name, self);
             if (t_isInCall || FAILED(result)) {
                 return FAILED(result) ? result : original(self, rest...);
             }
