@@ -1,6 +1,7 @@
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -97,7 +98,7 @@ void D12DrawState::SetTable(unsigned rootIndex, D3D12_GPU_DESCRIPTOR_HANDLE tabl
         m_list.m_graphicsList->SetDescriptorHeaps(1, &heap);
         Forget(kTable);
     });
-    Set(kTable, m_table, {rootIndex, table},
+    Set(kTable, m_table, {rootIndex, table.ptr},
         [&] { m_list.m_graphicsList->SetGraphicsRootDescriptorTable(rootIndex, table); });
 }
 
@@ -108,11 +109,13 @@ void D12DrawState::SetTargets(Targets targets) {
     Set(kTargets, m_targets, wanted, [&] { m_list.SetTargets(targets, nullptr); });
 }
 
-void D12DrawState::SetViewport(const D3D12_VIEWPORT& viewport, const RECT& scissor) {
+void D12DrawState::SetViewport(const D3D12_VIEWPORT& viewport, const Size2DT<long>& target) {
     Set(kViewport, m_viewport, viewport,
         [&] { m_list.m_graphicsList->RSSetViewports(1, &viewport); });
-    Set(kScissor, m_scissor, scissor,
-        [&] { m_list.m_graphicsList->RSSetScissorRects(1, &scissor); });
+    Set(kScissor, m_scissor, target, [&] {
+        const RECT whole = {0, 0, target.width, target.height};
+        m_list.m_graphicsList->RSSetScissorRects(1, &whole);
+    });
 }
 
 void D12DrawState::SetQuad(const boost::intrusive_ptr<D12VertexBuffer>& quad) {

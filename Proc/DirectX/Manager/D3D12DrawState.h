@@ -8,13 +8,14 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <source_location>
 #include <span>
+#include <utility>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
@@ -47,7 +48,8 @@ public:
     void SetConstants(unsigned rootIndex, D3D12_GPU_VIRTUAL_ADDRESS constants);
     void SetTable(unsigned rootIndex, D3D12_GPU_DESCRIPTOR_HANDLE table);
     void SetTargets(Targets targets);
-    void SetViewport(const D3D12_VIEWPORT& viewport, const RECT& scissor);
+    // The scissor rectangle is the whole target.
+    void SetViewport(const D3D12_VIEWPORT& viewport, const Size2DT<long>& target);
     void SetQuad(const boost::intrusive_ptr<D12VertexBuffer>& quad);
 
     // The host has set it on the list, or may have.
@@ -73,7 +75,7 @@ private:
     template <class Value, class Record>
     void Set(Item item, Value& kept, const Value& wanted, const Record& record) {
         const bool isKnown = (m_known & item) != 0;
-        if (isKnown && std::memcmp(&kept, &wanted, sizeof(Value)) == 0) {
+        if (isKnown && kept == wanted) {
             return;
         }
         Forget(item); // should it throw
@@ -98,13 +100,10 @@ private:
     ID3D12PipelineState* m_pipelineState = nullptr;
     ID3D12RootSignature* m_rootSignature = nullptr;
     ID3D12DescriptorHeap* m_heap = nullptr;
-    struct {
-        std::uint64_t rootIndex;
-        D3D12_GPU_DESCRIPTOR_HANDLE table;
-    } m_table = {};
+    std::pair<unsigned, std::uint64_t> m_table; // root index and place
     std::array<const D12Descriptor*, D3D12_SIMULTANEOUS_RENDER_TARGET_COUNT> m_targets = {};
     D3D12_VIEWPORT m_viewport = {};
-    RECT m_scissor = {};
+    Size2DT<long> m_scissor;
     const D12VertexBuffer* m_quad = nullptr;
     D3D_PRIMITIVE_TOPOLOGY m_topology = D3D_PRIMITIVE_TOPOLOGY_UNDEFINED;
 };

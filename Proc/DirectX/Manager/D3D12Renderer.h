@@ -2,19 +2,10 @@
 
 // Drawing on Direct3D 12: fill a rectangle, draw an image through a transform and a colour
 // conversion, draw an image fitted by view state. The target is in the render-target state, the
-// source readable by the pixel shader.
-//
-// Each Encode on an allocator records one closed command list, or throws and leaves the allocator
-// as it was; the caller submits it. Each Encode on a list draws into that open list, or throws and
-// draws nothing: the way for a frame of many draws, which share the list, its memory for constants
-// and views, and the state that they have in common. It replaces the list's pipeline state, root
-// signature and arguments, descriptor heaps, render targets, viewport, scissor rectangle, vertex
-// buffer and topology; what the caller needs of these for draws of its own it sets again.
-//
-// D12FillDraw: one thread at a time; the others: any thread, a list one at a time. Throws
-// DirectX12Exception, for a null device "There is no device", for a null allocator "There is no
-// command allocator", for a list "There is no command list", "The command list is closed". Next:
-// D3ImageRenderer.h.
+// source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
+// Throws DirectX12Exception, for a null device "There is no device", for a null allocator "There is
+// no command allocator", for a list "There is no command list" or "The command list is closed".
+// Next: D3ImageRenderer.h.
 
 #include <memory>
 #include <mutex>
@@ -38,6 +29,15 @@
 namespace Norvex::DX {
 
 class D12QuadPipeline;
+
+// Each Encode on an allocator records one closed command list, or throws and leaves the allocator
+// as it was; the caller submits it.
+//
+// Each Encode on a list draws into that open list, or throws and draws nothing: the way for a frame
+// of many draws, which share the list, its memory for constants and views, and the state that they
+// have in common. It replaces the list's pipeline state, root signature and arguments, descriptor
+// heaps, render targets, viewport, scissor rectangle, vertex buffer and topology; what the caller
+// needs of these for draws of its own it sets again. One thread records a list at a time.
 
 class NORVEX_DX_API D12FillDraw : public RefCountImpl {
 public:

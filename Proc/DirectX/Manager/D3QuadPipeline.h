@@ -93,9 +93,8 @@ public:
         state.SetPipelineState(m_pipelineState);
         state.SetRootSignature(m_parameters->GetRootSignature());
         setArguments();
-        const Size2DT<long> size = targets.front()->GetSize();
         state.SetTargets(targets);
-        state.SetViewport(MakeViewport<D3D12_VIEWPORT>(viewport), {0, 0, size.width, size.height});
+        state.SetViewport(MakeViewport<D3D12_VIEWPORT>(viewport), targets.front()->GetSize());
         state.SetQuad(quad);
         state.GetList().Draw(quad);
     }
