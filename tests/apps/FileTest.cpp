@@ -1,6 +1,7 @@
 // Pictures as files: what is read, and what is left of what is written.
 
 #include <span>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -54,14 +55,17 @@ TEST_F(FileTest, ReadsFilesThatAreWholeAndThatTheDeviceCanHold) {
     EXPECT_EQ(ReadImage(m_folder.GetPath("a.tif")).pixels, scan.pixels);
     WriteJpeg(m_folder.GetPath("a.jpg"), MakeNoise(40, 40, 8, true));
     WriteImage(m_folder.GetPath("b.png"), MakeNoise(20, 20, 8, true));
-    for (const char* name : {"a.tif", "a.jpg", "b.png"}) {
+    // Some codecs read on without a word where a JPEG file ends, so that the reader looks itself.
+    for (const auto& [name, words] :
+         {std::pair("a.tif", ""), std::pair("a.jpg", "cut short"), std::pair("b.png", "")}) {
         const Bytes file = ReadInputFile(m_folder.GetPath(name));
         for (std::size_t part = 1; part <= 16; ++part) {
             WriteBytes(m_path, std::span(file).first(file.size() * part / 16));
             EXPECT_EQ(read() == "(nothing)", part == 16) << part << " of 16";
         }
         WriteBytes(m_path, std::span(file).first(file.size() - 1));
-        EXPECT_NE(read(), "(nothing)") << "but one byte";
+        EXPECT_THAT(read(), testing::AllOf(testing::Ne("(nothing)"), HasSubstr(words)))
+            << "but one byte";
     }
     WriteImage(m_path, MakePlain(16384, 1, {}));
     EXPECT_EQ(read(), "(nothing)");
