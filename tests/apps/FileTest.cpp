@@ -57,7 +57,7 @@ TEST_F(FileTest, ReadsFilesThatAreWholeAndThatTheDeviceCanHold) {
     WriteImage(m_folder.GetPath("b.png"), MakeNoise(20, 20, 8, true));
     // Some codecs read on without a word where a JPEG file ends, so that the reader looks itself.
     for (const auto& [name, words] :
-         {std::pair("a.tif", ""), std::pair("a.jpg", "cut short"), std::pair("b.png", "")}) {
+         {std::pair("a.tif", ""), std::pair("a.jpg", "is cut short"), std::pair("b.png", "")}) {
         const Bytes file = ReadInputFile(m_folder.GetPath(name));
         for (std::size_t part = 1; part <= 16; ++part) {
             WriteBytes(m_path, std::span(file).first(file.size() * part / 16));
