@@ -65,9 +65,9 @@ public:
                    const Tellings& tellings) {
         const std::string name = objectName + methodName;
         for (const std::string& telling : tellings) {
-            m_tellings[name].push_back(
-                telling.starts_with("Failed") ? fmt::format("{}: {}", methodName, telling)
-                                              : telling);
+            m_tellings[name].push_back(telling.starts_with("Failed")
+                                           ? fmt::format("{}: {}", methodName, telling)
+                                           : telling);
         }
         Patch<method>(object, [this, name](auto original, auto* self, auto... rest) -> HRESULT {
             const HRESULT result = t_isInCall ? S_OK : this->Take(name, self);
