@@ -59,8 +59,8 @@ TEST_F(D3D12OpenListTest, DrawsAreTheSameAsInListsOfTheirOwn) {
             draw->Encode(on, source, target, mirrored, std::nullopt,
                          Rect2DT<long>{x - 2, y, x + 5, y + 3});
             if (i % 32 == 0) {
-                between();
                 renderer->Encode(on, source, target, conversion, Rect2DT<long>{y, x, y + 4, x + 6});
+                between();
                 fill->Encode(on, {0.25F, 1, 0, 1}, target, {x, y, x + 1, y + 1});
                 fill->Encode(on, {1, 0, 0, 1}, target, {-4, -4, -1, -1}); // nothing of it is seen
                 Canvas::Convert(*converter, on, Canvas::TextureOf(source), Canvas::TextureOf(luma),
