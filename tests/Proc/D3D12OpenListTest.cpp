@@ -142,6 +142,9 @@ TEST_F(D3D12OpenListTest, ADrawMakesNothingAndSetsWhatDiffers) {
     list->RSSetViewports({{1, 1, 2, 2, 0, 1}});
     drawOf(1);
     EXPECT_EQ(states, 9) << "the host's viewport and the draw's";
+    const boost::intrusive_ptr another(new D12ImageDraw(Device()));
+    another->Encode(list, sources[1], target, {}, {});
+    EXPECT_EQ(tables, 3) << "a new root signature has none";
 
     list->Close();
     NORVEX_EXPECT_REFUSED12("The command list is closed",
