@@ -262,6 +262,9 @@ void D12GraphicsCommandList::ResourceBarrier(const std::vector<D3D12_RESOURCE_BA
 }
 
 void D12GraphicsCommandList::RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers) {
+    // A texture may change between two barriers, and what it holds is to stay while its table is
+    // set: a draw of it afterwards sets the table anew.
+    Forget(D12DrawState::kTable);
     for (const D3D12_RESOURCE_BARRIER& barrier : barriers) {
         switch (barrier.Type) {
         case D3D12_RESOURCE_BARRIER_TYPE_TRANSITION:

@@ -78,8 +78,8 @@ public:
     // Closes an open list: its recording was given up.
     ~D12GraphicsCommandList() override;
 
-    // For recording what this class has not. Ask anew after each drawer's Encode on this list: it
-    // remembers what state it has left, and takes what is set through here into account.
+    // For recording what this class has not. Ask anew after each drawer's Encode on this list: each
+    // call makes the drawers set all their state again, whatever is set through the pointer.
     ID3D12GraphicsCommandList* GetGraphics() const;
 
     // Ends recording. "Failed to close command list": what was recorded is wrong or memory ran out;
