@@ -1,6 +1,7 @@
 # norvex_platform: language level, definitions, include folder and debug information, for every
 #     target of the project
-# norvex_quickly_compiled: for tests, without optimisation in whichever configuration
+# norvex_quickly_compiled: for tests, without optimisation in whichever configuration, and with debug
+#     information in a debug configuration alone
 # norvex_precompile(<target> [<norvex_precompiled or norvex_precompiled_tests>]): gives it precompiled
 #     headers; those of Direct3D, and a test's GoogleMock, cost every source seconds
 # norvex_split_debug_information(<target>): moves it into a file beside the program or DLL, which loads
@@ -35,7 +36,7 @@ endif()
 # A test waits for its compiler longer than for its own code.
 add_library(norvex_quickly_compiled INTERFACE)
 if(NOT MSVC)
-    target_compile_options(norvex_quickly_compiled INTERFACE -O0)
+    target_compile_options(norvex_quickly_compiled INTERFACE -O0 $<$<NOT:$<CONFIG:Debug>>:-g0>)
 endif()
 
 function(norvex_precompile target)

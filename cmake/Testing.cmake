@@ -124,43 +124,33 @@ endmacro()
 
 set(kNativeCompiler g++)
 
-# One object file of a native test; appends it to the list named by output.
-function(norvex_native_object output folder source)
-    get_filename_component(name "${source}" NAME)
-    set(object "${folder}/${name}.o")
-    add_custom_command(OUTPUT "${object}"
-        COMMAND "${CMAKE_COMMAND}" -E make_directory "${folder}"
-        COMMAND ${kNativeCompiler} ${ARGN} -MMD -MF "${object}.d" -c "${source}" -o "${object}"
-        DEPENDS "${source}"
-        DEPFILE "${object}.d"
-        COMMENT "Building native object ${object}"
-        VERBATIM)
-    list(APPEND ${output} "${object}")
-    set(${output} "${${output}}" PARENT_SCOPE)
-endfunction()
-
 function(norvex_add_native_test)
     norvex_parse_test_arguments(${ARGN})
     if(CMAKE_HOST_WIN32)
         norvex_leave_out_test(${arg_NAME} "it needs GCC's sanitizers")
         return()
     endif()
-    set(folder "${CMAKE_BINARY_DIR}/native/${arg_NAME}")
-    set(flags -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
-        -Wall -Wextra -Wpedantic -DNORVEX_STATIC "-I${CMAKE_SOURCE_DIR}")
-    list(TRANSFORM arg_DEFINITIONS PREPEND -D)
-    set(objects)
+    # As one source: headers are what takes the compiler's time.
+    set(program "${CMAKE_BINARY_DIR}/native/${arg_NAME}")
+    set(includes "")
     foreach(source IN LISTS arg_SOURCES)
         get_filename_component(source "${source}" ABSOLUTE)
-        norvex_native_object(objects "${folder}" "${source}" ${flags} -Werror ${arg_DEFINITIONS})
+        string(APPEND includes "#include \"${source}\"\n")
     endforeach()
-    add_custom_command(OUTPUT "${folder}/${arg_NAME}"
-        COMMAND ${kNativeCompiler} -fsanitize=${arg_SANITIZER} ${objects}
-                -o "${folder}/${arg_NAME}" -lgtest_main -lgtest -lfmt -pthread
-        DEPENDS ${objects} COMMENT "Linking native test ${arg_NAME}" VERBATIM)
-    add_custom_target(${arg_NAME} ALL DEPENDS "${folder}/${arg_NAME}")
+    file(CONFIGURE OUTPUT "${program}.cpp" CONTENT "${includes}" @ONLY)
+    list(TRANSFORM arg_DEFINITIONS PREPEND -D)
+    add_custom_command(OUTPUT "${program}"
+        COMMAND ${kNativeCompiler} -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
+                -Wall -Wextra -Wpedantic -Werror -DNORVEX_STATIC "-I${CMAKE_SOURCE_DIR}" ${arg_DEFINITIONS}
+                -MMD -MF "${program}.d" -MT "${program}" "${program}.cpp" -o "${program}"
+                -lgtest_main -lgtest -lfmt -pthread
+        DEPENDS "${program}.cpp"
+        DEPFILE "${program}.d"
+        COMMENT "Building native test ${arg_NAME}"
+        VERBATIM)
+    add_custom_target(${arg_NAME} ALL DEPENDS "${program}")
     add_test(NAME ${arg_NAME}
         COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" --native
-                --result "${NORVEX_RESULTS}/${arg_NAME}.xml" --timeout ${arg_TIMEOUT} -- "${folder}/${arg_NAME}" ${arg_ARGUMENTS})
+                --result "${NORVEX_RESULTS}/${arg_NAME}.xml" --timeout ${arg_TIMEOUT} -- "${program}" ${arg_ARGUMENTS})
     norvex_set_test_properties()
 endfunction()

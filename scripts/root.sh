@@ -80,14 +80,16 @@ mirror() {
 }
 
 make_root() {
-    local target=$1 package packages mirror
+    local target=$1 package packages mirror lean
     mirror=$(mirror)
+    # Told to dpkg by a file: as --dpkgopt they make mmdebstrap read each archive through a slow filter.
+    lean="path-exclude='/usr/share/man/*' path-exclude='/usr/share/locale/*' path-exclude='/usr/share/doc/*'"
+    lean+=" path-include='/usr/share/doc/*/copyright'"
     packages=$(IFS=, && echo "${kRootPackages[*]}")
     apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
     as_root mmdebstrap --variant=minbase --mode=root --include="$packages" --aptopt="$target.apt.conf" \
         --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
-        --dpkgopt=force-unsafe-io --dpkgopt='path-exclude=/usr/share/man/*' --dpkgopt='path-exclude=/usr/share/locale/*' \
-        --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-include=/usr/share/doc/*/copyright' \
+        --dpkgopt=force-unsafe-io --extract-hook="printf '%s\n' $lean >\"\$1/etc/dpkg/dpkg.cfg.d/lean\"" \
         "$kSuite" "$target" "deb $mirror $kSuite main"
     rm -f "$target.apt.conf"
     # An interrupted mmdebstrap ends as if all were well.
