@@ -1,5 +1,5 @@
 # Third-party packages, by the target names that vcpkg gives them:
-#   glog::glog  fmt::fmt  PNG::PNG  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
+#   glog::glog  fmt::fmt  PNG::PNG  ZLIB::ZLIB  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
 #   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids
 #
 # Cross builds find glog, fmt and libpng in NORVEX_SDK and build GoogleTest from its sources, once a test
@@ -26,6 +26,7 @@ endif()
 
 if(NOT CMAKE_CROSSCOMPILING)
     find_package(PNG REQUIRED)
+    find_package(ZLIB REQUIRED)
     find_package(Boost REQUIRED)
     find_package(CLI11 CONFIG REQUIRED)
     find_package(nlohmann_json CONFIG REQUIRED)
@@ -35,6 +36,7 @@ endif()
 
 set(ZLIB_USE_STATIC_LIBS ON)
 find_package(PNG REQUIRED)
+find_package(ZLIB REQUIRED)
 
 function(norvex_header_only_package name)
     add_library(${name} INTERFACE IMPORTED)

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include <gmock/gmock.h>
+#include <zlib.h>
 
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/pictures/OutputFile.h"
@@ -103,6 +104,41 @@ TEST_F(FileTest, TurnsJpegFilesUpright) {
     }
     for (const std::string& damaged : {"II*\0\10\0\0\0\xFF\xFF\0\0"s, "II*\0\xFF\xFF\xFF\xFF"s}) {
         EXPECT_EQ(read(damaged), "abcdef");
+    }
+}
+
+// A number of four bytes, the highest first.
+std::size_t GetNumber(std::span<const std::uint8_t> bytes) {
+    std::size_t number = 0;
+    for (const std::uint8_t byte : bytes.first(4)) {
+        number = number << 8 | byte;
+    }
+    return number;
+}
+
+TEST_F(FileTest, WritesLargePicturesAsOneStream) {
+    for (const auto& [bits, channels] :
+         {std::pair(8U, 3U), std::pair(8U, 4U), std::pair(16U, 3U), std::pair(16U, 4U)}) {
+        constexpr unsigned kWidth = 250;
+        constexpr unsigned kRepeated = 32000; // bytes in the file: just within what deflate sees
+        const unsigned height = kRepeated / (kWidth * channels * bits / 8 + 1);
+        const Image tile = MakeNoise(kWidth, height, bits, channels == 3);
+        Image picture = tile;
+        while (picture.pixels.size() < 6'000'000) {
+            picture.height += tile.height;
+            picture.pixels.insert(picture.pixels.end(), tile.pixels.begin(), tile.pixels.end());
+        }
+        WriteImage(m_path, picture);
+        EXPECT_TRUE(ReadImage(m_path).pixels == picture.pixels);
+        const Bytes file = ReadInputFile(m_path);
+        EXPECT_LT(file.size(), 130'000) << "a part that does not know the one before costs 32 KB";
+        // Not every reader looks at all of these.
+        for (std::span rest = std::span(file).subspan(8); !rest.empty();) {
+            const std::size_t size = GetNumber(rest) + 4; // with the chunk's type
+            EXPECT_EQ(GetNumber(rest.subspan(4 + size)),
+                      crc32(0, &rest[4], static_cast<uInt>(size)));
+            rest = rest.subspan(4 + size + 4);
+        }
     }
 }
 

@@ -1,56 +1,157 @@
 #include "apps/norvexdx/pictures/PngWriter.h"
 
 #include <algorithm>
-#include <exception>
+#include <deque>
+#include <functional>
+#include <future>
 #include <new>
+#include <span>
+#include <string_view>
+#include <thread>
 
-#include <png.h>
+#include <zlib.h>
 
 #include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/pictures/PngRows.h"
 
 namespace Norvex::App {
 
 namespace {
 
-// Photographs shrink hardly more with higher levels, which take several times as long.
-constexpr int kCompressionLevel = 4;
-constexpr std::size_t kCompressionBufferSize = 1 << 18; // bytes
+using ChunkBytes = std::vector<std::uint8_t>;
 
-// Everything of one writing; see the reader for why it is kept apart.
-struct Writing {
-    OutputFile& file;
-    const Image& image;
-    std::exception_ptr failure = nullptr;
-    png_structp png = nullptr;
-    png_infop info = nullptr;
+// The files of photographs are 3 % larger than with level 4, and take half the time.
+constexpr int kCompressionLevel = 2;
+constexpr int kRawDeflate = -MAX_WBITS; // without zlib's header and check
+constexpr int kMostMemory = MAX_MEM_LEVEL;
+constexpr std::size_t kWindow = std::size_t{1} << MAX_WBITS; // bytes that deflate looks back
+constexpr std::size_t kStripSize = std::size_t{1} << 20;     // bytes, but at least a row
 
-    ~Writing() { png_destroy_write_struct(&png, &info); }
+// Rows compressed by themselves: their deflate blocks end at a byte, so that those of the next
+// strip can follow.
+struct Strip {
+    ChunkBytes deflated;
+    std::size_t size = 0; // before compression
+    uLong check = 0;      // Adler-32 of what was compressed
 };
 
-[[noreturn]] void OnWriteError(png_structp png, png_const_charp) {
-    png_longjmp(png, 1);
+class Deflater {
+public:
+    Deflater() {
+        if (deflateInit2(&m_stream, kCompressionLevel, Z_DEFLATED, kRawDeflate, kMostMemory,
+                         Z_FILTERED) != Z_OK) {
+            throw std::bad_alloc();
+        }
+    }
+    ~Deflater() { deflateEnd(&m_stream); }
+    Deflater(const Deflater&) = delete;
+    Deflater& operator=(const Deflater&) = delete;
+
+    // before: the bytes that precede these in the file, a window of them at most.
+    ChunkBytes Deflate(std::span<const std::uint8_t> before, std::span<const std::uint8_t> bytes,
+                       bool isLast) {
+        constexpr uLong kFlushSize = 16; // bytes, at most, of an empty block
+        deflateSetDictionary(&m_stream, before.data(), static_cast<uInt>(before.size()));
+        ChunkBytes deflated(deflateBound(&m_stream, static_cast<uLong>(bytes.size())) + kFlushSize);
+        m_stream.next_in = const_cast<Bytef*>(bytes.data());
+        m_stream.avail_in = static_cast<uInt>(bytes.size());
+        m_stream.next_out = deflated.data();
+        m_stream.avail_out = static_cast<uInt>(deflated.size());
+        const int result = deflate(&m_stream, isLast ? Z_FINISH : Z_SYNC_FLUSH);
+        if (result != (isLast ? Z_STREAM_END : Z_OK) || m_stream.avail_out == 0) {
+            throw Failure("the picture cannot be encoded as PNG");
+        }
+        deflated.resize(deflated.size() - m_stream.avail_out);
+        return deflated;
+    }
+
+private:
+    z_stream m_stream = {};
+};
+
+Strip CompressStrip(const PngRows& rows, std::size_t first, std::size_t last) {
+    const std::size_t rowsBefore = std::min(first, (kWindow + rows.GetSize() - 1) / rows.GetSize());
+    const auto filtered = rows.Filter(first - rowsBefore, last);
+    const auto before = std::span(filtered).first(rowsBefore * rows.GetSize());
+    const auto bytes = std::span(filtered).subspan(before.size());
+    return {.deflated = Deflater().Deflate(before.last(std::min(before.size(), kWindow)), bytes,
+                                           last == rows.GetCount()),
+            .size = bytes.size(),
+            .check = adler32(1, bytes.data(), static_cast<uInt>(bytes.size()))};
 }
 
-void OnWriteWarning(png_structp, png_const_charp) {}
-
-bool WriteOrKeepFailure(Writing& writing, const void* bytes, std::size_t size) noexcept {
-    try {
-        writing.file.Write(bytes, size);
-        return true;
-    } catch (...) {
-        writing.failure = std::current_exception();
-        return false;
+void AppendNumber(ChunkBytes& bytes, std::size_t number) {
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+        bytes.push_back(static_cast<std::uint8_t>(number >> shift));
     }
 }
 
-// Exceptions must not cross libpng's frames.
-void OnWrite(png_structp png, png_bytep bytes, std::size_t size) {
-    if (!WriteOrKeepFailure(*static_cast<Writing*>(png_get_io_ptr(png)), bytes, size)) {
-        png_error(png, "write failed");
-    }
+// Length, type, data and the check of the last two.
+void WriteChunk(OutputFile& file, std::string_view type, std::span<const std::uint8_t> data) {
+    ChunkBytes chunk;
+    chunk.reserve(data.size() + 3 * sizeof(std::uint32_t));
+    AppendNumber(chunk, data.size());
+    const std::size_t checked = chunk.size();
+    chunk.insert(chunk.end(), type.begin(), type.end());
+    chunk.insert(chunk.end(), data.begin(), data.end());
+    AppendNumber(chunk,
+                 crc32(0, chunk.data() + checked, static_cast<uInt>(chunk.size() - checked)));
+    file.Write(chunk.data(), chunk.size());
 }
 
-void OnFlush(png_structp) {}
+void WriteHeader(OutputFile& file, const Image& image, bool isOpaque) {
+    constexpr std::uint8_t kSignature[] = {137, 'P', 'N', 'G', '\r', '\n', 26, '\n'};
+    constexpr std::uint8_t kColor = 2;
+    constexpr std::uint8_t kColorWithAlpha = 6;
+    ChunkBytes header;
+    AppendNumber(header, image.width);
+    AppendNumber(header, image.height);
+    // The last three: the one compression, the one set of filters, no interlacing.
+    header.insert(header.end(), {static_cast<std::uint8_t>(image.bitsPerChannel),
+                                 isOpaque ? kColor : kColorWithAlpha, 0, 0, 0});
+    file.Write(kSignature, sizeof(kSignature));
+    WriteChunk(file, "IHDR", header);
+}
+
+void WriteColorSpace(OutputFile& file, const Conf::RGBColorSpace& space) {
+    if (space == Conf::RGBColorSpace{}) {
+        constexpr std::uint8_t kRelativeIntent[] = {1};
+        return WriteChunk(file, "sRGB", kRelativeIntent);
+    }
+    constexpr std::uint8_t kRGB = 0; // no matrix
+    constexpr std::uint8_t kFullRange = 1;
+    const std::uint8_t codePoints[] = {static_cast<std::uint8_t>(space.primaries),
+                                       static_cast<std::uint8_t>(space.transfer), kRGB, kFullRange};
+    WriteChunk(file, "cICP", codePoints);
+}
+
+// One zlib stream, a strip in each chunk.
+void WriteRows(OutputFile& file, const PngRows& rows) {
+    const std::size_t rowsOfStrip = std::max<std::size_t>(1, kStripSize / rows.GetSize());
+    const std::size_t mostUnderWay = std::thread::hardware_concurrency() + 1;
+    std::deque<std::future<Strip>> underWay;
+    ChunkBytes chunk = {0x78, 0x01}; // zlib: deflate with a window of 32 KiB, a fast level
+    uLong check = 1;
+    for (std::size_t begun = 0; begun < rows.GetCount() || !underWay.empty();) {
+        if (begun < rows.GetCount() && underWay.size() < mostUnderWay) {
+            const std::size_t end = std::min(begun + rowsOfStrip, rows.GetCount());
+            // Either: where the system has no thread left, by the one that waits for the strip.
+            underWay.push_back(std::async(std::launch::async | std::launch::deferred,
+                                          &CompressStrip, std::cref(rows), begun, end));
+            begun = end;
+            continue;
+        }
+        const Strip strip = underWay.front().get();
+        underWay.pop_front();
+        check = adler32_combine(check, strip.check, static_cast<z_off_t>(strip.size));
+        chunk.insert(chunk.end(), strip.deflated.begin(), strip.deflated.end());
+        if (begun == rows.GetCount() && underWay.empty()) {
+            AppendNumber(chunk, check);
+        }
+        WriteChunk(file, "IDAT", chunk);
+        chunk.clear();
+    }
+}
 
 bool IsOpaque(const Image& image) {
     const std::size_t step = image.GetPixelSize();
@@ -65,64 +166,16 @@ bool IsOpaque(const Image& image) {
     return true;
 }
 
-void WriteColorSpace(Writing& writing, const Conf::RGBColorSpace& space) {
-    if (space == Conf::RGBColorSpace{}) {
-        png_set_sRGB(writing.png, writing.info, PNG_sRGB_INTENT_RELATIVE);
-        return;
-    }
-#ifdef PNG_WRITE_cICP_SUPPORTED
-    png_set_cICP(writing.png, writing.info, static_cast<png_byte>(space.primaries),
-                 static_cast<png_byte>(space.transfer), 0, 1);
-#endif
-}
-
-// Header, pixels and end; false on an error.
-bool Write(Writing& writing, bool isOpaque) {
-    if (setjmp(png_jmpbuf(writing.png)) != 0) {
-        return false;
-    }
-    const Image& image = writing.image;
-    png_set_write_fn(writing.png, &writing, &OnWrite, &OnFlush);
-    png_set_user_limits(writing.png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
-    png_set_compression_level(writing.png, kCompressionLevel);
-    png_set_compression_buffer_size(writing.png, kCompressionBufferSize);
-    png_set_IHDR(writing.png, writing.info, image.width, image.height,
-                 static_cast<int>(image.bitsPerChannel),
-                 isOpaque ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    if (image.colorSpace) {
-        WriteColorSpace(writing, *image.colorSpace);
-    }
-    png_write_info(writing.png, writing.info);
-    if (image.bitsPerChannel == 16) {
-        png_set_swap(writing.png); // PNG is big-endian
-    }
-    if (isOpaque) {
-        png_set_filler(writing.png, 0, PNG_FILLER_AFTER);
-    }
-    for (std::size_t y = 0; y < image.height; ++y) {
-        png_write_row(writing.png, image.pixels.data() + y * image.GetRowSize());
-    }
-    png_write_end(writing.png, nullptr);
-    return true;
-}
-
 } // namespace
 
 void WritePng(OutputFile& file, const Image& image) {
-    Writing writing{.file = file, .image = image};
-    writing.png =
-        png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, &OnWriteError, &OnWriteWarning);
-    writing.info = writing.png != nullptr ? png_create_info_struct(writing.png) : nullptr;
-    if (writing.info == nullptr) {
-        throw std::bad_alloc();
+    const bool isOpaque = IsOpaque(image);
+    WriteHeader(file, image, isOpaque);
+    if (image.colorSpace) {
+        WriteColorSpace(file, *image.colorSpace);
     }
-    if (!Write(writing, IsOpaque(image))) {
-        if (writing.failure) {
-            std::rethrow_exception(writing.failure);
-        }
-        throw Failure("the picture cannot be encoded as PNG");
-    }
+    WriteRows(file, PngRows(image, isOpaque));
+    WriteChunk(file, "IEND", {});
 }
 
 } // namespace Norvex::App
