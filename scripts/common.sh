@@ -69,10 +69,14 @@ watch_leftovers() {
 
 goes_with_run() { printf '%s\n' "$1" >&"$leftovers"; }
 
+# Under which this run makes what is then called TARGET.
+passing_name() { echo "$1.$$.tmp"; }
+
 # make_once TARGET MESSAGE COMMAND...: runs the command with a fresh folder name as last argument
 # and gives that folder the name TARGET; nothing to do where TARGET is there
 make_once() {
-    local target=$1 message=$2 passing=$1.$$.tmp
+    local target=$1 message=$2 passing
+    passing=$(passing_name "$target")
     shift 2
     [ ! -e "$target" ] || return 0
     say "$message"

@@ -22,6 +22,7 @@ kRunPackages=(
 )
 kRootPackages=("${kBuildPackages[@]}" "${kRunPackages[@]}")
 kSuite=trixie
+kCompilersThere=.compilers-there
 
 os_release() { sed -n "s/^$1=\"\?\([^\"]*\)\"\?$/\1/p" /etc/os-release; }
 
@@ -79,17 +80,19 @@ mirror() {
     echo "$found"
 }
 
+# make_root FOLDER: what builds first; kCompilersThere in it says so, while the rest is still on its way.
 make_root() {
-    local target=$1 package packages mirror lean
+    local target=$1 package mirror lean
     mirror=$(mirror)
     # Told to dpkg by a file: as --dpkgopt they make mmdebstrap read each archive through a slow filter.
     lean="path-exclude='/usr/share/man/*' path-exclude='/usr/share/locale/*' path-exclude='/usr/share/doc/*'"
     lean+=" path-include='/usr/share/doc/*/copyright'"
-    packages=$(IFS=, && echo "${kRootPackages[*]}")
     apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
-    as_root mmdebstrap --variant=minbase --mode=root --include="$packages" --aptopt="$target.apt.conf" \
-        --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
+    as_root mmdebstrap --variant=minbase --mode=root --include="$(IFS=, && echo "${kBuildPackages[*]}")" \
+        --aptopt="$target.apt.conf" --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
         --dpkgopt=force-unsafe-io --extract-hook="printf '%s\n' $lean >\"\$1/etc/dpkg/dpkg.cfg.d/lean\"" \
+        --customize-hook="touch \"\$1/$kCompilersThere\"" \
+        --customize-hook="chroot \"\$1\" apt-get install --yes ${kRunPackages[*]}" \
         "$kSuite" "$target" "deb $mirror $kSuite main"
     rm -f "$target.apt.conf"
     # An interrupted mmdebstrap ends as if all were well.
@@ -106,6 +109,19 @@ ensure_root() {
         command -v bwrap >/dev/null || install_here bubblewrap
         make_once "$root" "Making a Debian 13 system of 2.3 GB (about a minute)" make_root
     fi
+}
+
+# wait_for_compilers PROCESS: until there is something to build in, which ensure_root, that process,
+# makes; sets root to where that is
+wait_for_compilers() {
+    while kill -0 "$1" 2>/dev/null; do
+        if [ -e "$(passing_name "$root")/$kCompilersThere" ]; then
+            root=$(passing_name "$root")
+            return
+        fi
+        sleep 0.2
+    done
+    [ -n "$native" ] || [ -d "$root" ]
 }
 
 # is_system FOLDER: whether it is a part of the machine's operating system

@@ -31,15 +31,24 @@ ensure_compiler() {
     fi
 }
 
-# Downloads go on beside the making of the root.
+# Side by side: downloads, the root, and, as soon as that has compilers, what they make.
 setup_steps() {
-    local download
+    local download rootMaker sdkMaker maker failed=''
     make_once "$downloads" "Downloading sources and a photograph, 14 MB" download &
     download=$!
-    ensure_root
-    wait "$download"
-    make_once "$sdk" "Cross-building glog, fmt and libpng" \
-        in_root "$project/scripts/third-party.sh" "$downloads"
+    ensure_root &
+    rootMaker=$!
+    (
+        wait_for_compilers "$rootMaker" || exit 1 # of which the maker tells
+        tail --pid="$download" -f /dev/null
+        [ ! -d "$downloads" ] || make_once "$sdk" "Cross-building glog, fmt and libpng" \
+            in_root "$project/scripts/third-party.sh" "$downloads"
+    ) &
+    sdkMaker=$!
+    for maker in "$download" "$rootMaker" "$sdkMaker"; do
+        wait "$maker" || failed=1
+    done
+    [ -z "$failed" ] || exit 1
 }
 
 is_set_up() {

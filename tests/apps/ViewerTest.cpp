@@ -215,7 +215,7 @@ TEST_P(ViewerTest, RestsWhileNothingChanges) {
     }
 }
 
-TEST_P(ViewerTest, TwoHundredRandomActionsLeaveNothingBehind) {
+TEST_P(ViewerTest, RandomActionsLeaveNothingBehind) {
     const ViewerProgram viewer = View("@noise.png @plain.png");
     std::mt19937 random(4711);
     const auto below = [&](unsigned end) { return static_cast<long>(random() % end); };
@@ -232,8 +232,9 @@ TEST_P(ViewerTest, TwoHundredRandomActionsLeaveNothingBehind) {
         [&] { viewer.Drag(point(), point()); },
         [&] { viewer.Press(kKeys[random() % std::size(kKeys)]); }, // half of them
     };
-    std::array<double, 2> memory{}; // MiB
-    for (double& half : memory) {
+    double memory = 0.0; // MiB
+    double growth = 0.0;
+    for (int round = 0; round < 2 || (round < 5 && growth > 16.0); ++round) {
         for (int i = 0; i < 100; ++i) {
             kActions[std::min<std::size_t>(random() % 8, 4)]();
         }
@@ -241,9 +242,10 @@ TEST_P(ViewerTest, TwoHundredRandomActionsLeaveNothingBehind) {
         viewer.Show(SW_RESTORE);
         viewer.Place({}, {320, 200});
         Sleep(1000);
-        half = viewer.GetMemoryMiB();
+        growth = viewer.GetMemoryMiB() - memory;
+        memory += growth;
     }
-    EXPECT_LE(memory[1], memory[0] + 16.0);
+    EXPECT_LE(growth, 16.0) << "a leak grows in every round";
     EXPECT_EQ(viewer.Close(), "");
 }
 
