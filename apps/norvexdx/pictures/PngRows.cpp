@@ -116,14 +116,15 @@ void PngRows::Pack(std::size_t row, std::uint8_t* bytes) const {
     }
 }
 
-std::vector<std::uint8_t> PngRows::Filter(std::size_t first, std::size_t last) const {
+void PngRows::Filter(std::size_t first, std::size_t last,
+                     std::vector<std::uint8_t>& filtered) const {
     // The pixel before a row is zero, and packing stores a little past its end.
     RowBytes above(kMaxPixelSize + GetPackedSize() + kMaxPixelSize);
     RowBytes row(above.size());
     if (first != 0) {
         Pack(first - 1, above.data() + kMaxPixelSize);
     }
-    std::vector<std::uint8_t> filtered;
+    filtered.clear();
     filtered.reserve((last - first) * GetSize());
     Trial trial(GetPackedSize(), m_pixelSize);
     for (std::size_t y = first; y < last; ++y) {
@@ -132,7 +133,6 @@ std::vector<std::uint8_t> PngRows::Filter(std::size_t first, std::size_t last) c
         filtered.insert(filtered.end(), best.begin(), best.end());
         row.swap(above);
     }
-    return filtered;
 }
 
 } // namespace Norvex::App

@@ -23,8 +23,9 @@ public:
     std::size_t GetCount() const { return m_image.height; }
     // Bytes of a row with its filter's type.
     std::size_t GetSize() const { return 1 + GetPackedSize(); }
-    // From row `first` to the one before `last`. A row's bytes depend on the image alone.
-    std::vector<std::uint8_t> Filter(std::size_t first, std::size_t last) const;
+    // From row `first` to the one before `last`, in place of what `filtered` holds. A row's bytes
+    // depend on the image alone.
+    void Filter(std::size_t first, std::size_t last, std::vector<std::uint8_t>& filtered) const;
 
 private:
     std::size_t GetPackedSize() const { return m_image.width * m_pixelSize; }
