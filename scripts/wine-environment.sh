@@ -1,5 +1,6 @@
 # Sourced: the settings under which Windows programs run here. NORVEXDX_CACHE is set by the caller.
-export WINEDEBUG=${WINEDEBUG:--all}
+# Silent, but for exceptions that not even a handler of last resort gets: they end a program without a word.
+export WINEDEBUG=${WINEDEBUG:--all,err+seh}
 # No .NET and no HTML engine: Wine would want to download them.
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
 # Wine's Direct3D 12 otherwise makes each shader-visible heap cost half a gigabyte.
