@@ -110,8 +110,10 @@ protected:
             StartedProgram(m_folder.Split(commandLine + m_options), input).Wait();
         EXPECT_EQ(result.exitCode, exitCode);
         EXPECT_EQ(std::ranges::count(result.err, '\n'), std::ssize(texts)) << result.err;
-        for (const std::string& text : texts) {
-            EXPECT_THAT(result.err, testing::HasSubstr(text));
+        std::size_t from = 0;
+        for (const std::string& text : texts) { // in this order
+            from = result.err.find(text, from);
+            EXPECT_NE(from, std::string::npos) << text << ": not in " << result.err;
         }
         if (exitCode != 0) {
             EXPECT_THAT(result.err, testing::StartsWith("norvexdx: "));

@@ -36,9 +36,13 @@ TEST_P(PictureTest, CopiesManyPicturesExactlyAndTellsTheBadOnes) {
         Write(file, image);
     }
     WriteBytes(m_folder.GetPath("empty.png"), std::string());
+    // Takes longer to fail than those behind it.
+    Write("cut.png", MakeNoise(1000, 1000, 8, true));
+    const std::string cut = ReadText(m_folder.GetPath("cut.png"));
+    WriteBytes(m_folder.GetPath("cut.png"), cut.substr(0, cut.size() - 20));
     std::filesystem::create_directory(m_folder.GetPath("out"));
-    Run("convert @shallow.png @deep.png @empty.png @missing.png @" + name + " @out",
-        {"empty.png is empty", "there is no file"}, 1);
+    Run("convert @cut.png @shallow.png @deep.png @empty.png @missing.png @" + name + " @out",
+        {"cut.png: the file is cut short", "empty.png is empty", "there is no file"}, 1);
     for (const auto& [file, image] : kGood) {
         EXPECT_TRUE(image.pixels == Read("out/" + file).pixels) << file;
     }

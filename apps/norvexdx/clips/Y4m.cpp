@@ -81,7 +81,8 @@ struct Decoder {
 
 std::uint16_t GetSample(float signal) {
     constexpr float kMax = 65535.0F;
-    return static_cast<std::uint16_t>(std::lround(std::clamp(signal, 0.0F, 1.0F) * kMax));
+    const double sample = std::clamp(signal, 0.0F, 1.0F) * kMax;
+    return static_cast<std::uint16_t>(sample + 0.5); // std::lround's answer, in half its time
 }
 
 template <class Sample>

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include <fmt/format.h>
@@ -30,6 +31,7 @@ public:
     explicit Batch(const ConvertPlan& plan)
         : m_plan(plan),
           m_reports(plan.jobs.size()),
+          m_failures(plan.jobs.size()),
           m_progress(plan.jobs.size() > 1 && Console::IsErrorTerminal()),
           m_graphics(std::async(std::launch::async, [this] { return Open(); })) {}
 
@@ -52,6 +54,8 @@ public:
 private:
     std::shared_ptr<Graphics> Open();
     void Work();
+    // A job is done; without a failure it is empty. Failures are told in the order of the inputs.
+    void Finish(std::size_t index, const std::string& failure);
     PictureReport Convert(const ConvertJob& job, Image image, double decodeMs) const;
     void ShowProgress();
 
@@ -59,6 +63,9 @@ private:
     std::atomic<std::size_t> m_next{0};
     std::atomic<std::size_t> m_done{0};
     std::vector<std::optional<PictureReport>> m_reports;
+    std::mutex m_mutex;                                 // guards the next two
+    std::vector<std::optional<std::string>> m_failures; // as given to Finish
+    std::size_t m_told = 0; // all jobs before this one are done, and what failed is told
     Progress m_progress;
     // Last, because the thread that makes it uses the others.
     std::shared_future<std::shared_ptr<Graphics>> m_graphics;
@@ -91,6 +98,7 @@ void Batch::Work() {
     for (std::size_t i = m_next++; i < m_plan.jobs.size(); i = m_next++) {
         const ConvertJob& job = m_plan.jobs[i];
         ShowProgress();
+        std::string failure;
         try {
             const Stopwatch stopwatch;
             Image image = ReadImage(job.input, m_plan.options.from);
@@ -102,10 +110,20 @@ void Batch::Work() {
             if (!HasValue(m_graphics)) {
                 return;
             }
-            Console::PrintMessage(
-                DescribeFailureOf(Utf8FromPath(job.input), std::current_exception()));
+            failure = DescribeFailureOf(Utf8FromPath(job.input), std::current_exception());
         }
-        ++m_done;
+        Finish(i, failure);
+    }
+}
+
+void Batch::Finish(std::size_t index, const std::string& failure) {
+    ++m_done;
+    const std::lock_guard lock(m_mutex);
+    m_failures[index] = failure;
+    for (; m_told < m_failures.size() && m_failures[m_told]; ++m_told) {
+        if (!m_failures[m_told]->empty()) {
+            Console::PrintMessage(*m_failures[m_told]);
+        }
     }
 }
 

@@ -169,9 +169,8 @@ void RunSheet(const SheetOptions& options) {
     CheckOutputPlace(output);
     const auto graphics = Graphics::Open(options.graphics, DrawKind::Over, &Console::PrintMessage);
     PictureReport report;
-    Image sheet = Sheet(options, *graphics).Draw(report);
-    sheet.colorSpace = Conf::RGBColorSpace{};
-    WriteReported(sheet, output, report);
+    const Image sheet = Sheet(options, *graphics).Draw(report);
+    WriteReported(sheet.GetView(), output, Conf::RGBColorSpace{}, report);
     Console::Print(options.json ? MakeDrawJson(*graphics, report)
                                 : MakeConvertText(*graphics, {report}));
 }

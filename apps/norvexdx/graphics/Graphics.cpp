@@ -64,14 +64,34 @@ std::unique_ptr<Graphics> MakeGraphics(ApiChoice api, const DX::DXGIAdapter& ada
     return graphics;
 }
 
+unsigned GetBits(DXGI_FORMAT format) {
+    return format == DXGI_FORMAT_R8G8B8A8_UNORM ? 8 : 16;
+}
+
 long GetHalf(long side) {
     return (side + 1) / 2;
 }
 
 } // namespace
 
+void Canvas::Read(const std::function<void(const ImageView&)>& use) {
+    if (GetFormat() == DXGI_FORMAT_R16G16B16A16_FLOAT) {
+        return use(Download().GetView());
+    }
+    ReadBack([&](const std::uint8_t* rows, std::size_t rowPitch) {
+        use({.width = static_cast<std::uint32_t>(GetSize().width),
+             .height = static_cast<std::uint32_t>(GetSize().height),
+             .bitsPerChannel = GetBits(GetFormat()),
+             .pixels = rows,
+             .rowPitch = rowPitch});
+    });
+}
+
 Image Canvas::Download() {
-    Image image = Image::Make(GetSize(), GetFormat() == DXGI_FORMAT_R8G8B8A8_UNORM ? 8 : 16);
+    Image image;
+    image.width = static_cast<std::uint32_t>(GetSize().width);
+    image.height = static_cast<std::uint32_t>(GetSize().height);
+    image.bitsPerChannel = GetBits(GetFormat());
     image.pixels = DownloadBytes();
     if (GetFormat() == DXGI_FORMAT_R16G16B16A16_FLOAT) {
         ConvertFromHalf(image.pixels);
@@ -80,11 +100,18 @@ Image Canvas::Download() {
 }
 
 std::vector<std::uint8_t> Canvas::DownloadBytes() {
-    const std::size_t rowSize =
-        static_cast<std::size_t>(GetSize().width) * GetPixelSize(GetFormat());
-    std::vector<std::uint8_t> bytes(rowSize * static_cast<std::size_t>(GetSize().height));
-    ReadBack(bytes.data(), rowSize);
+    std::vector<std::uint8_t> bytes;
+    ReadBack([&](const std::uint8_t* rows, std::size_t rowPitch) {
+        bytes.reserve(GetRowSize() * static_cast<std::size_t>(GetSize().height));
+        for (long y = 0; y < GetSize().height; ++y, rows += rowPitch) {
+            bytes.insert(bytes.end(), rows, rows + GetRowSize());
+        }
+    });
     return bytes;
+}
+
+std::size_t Canvas::GetRowSize() const {
+    return static_cast<std::size_t>(GetSize().width) * GetPixelSize(GetFormat());
 }
 
 std::unique_ptr<Graphics> Graphics::Open(const GraphicsChoice& choice, DrawKind kind,

@@ -67,17 +67,24 @@ protected:
 // What is drawn on. Transparent black at first, or undefined.
 class Canvas : public Surface {
 public:
-    // Ends drawing: the pixels, once the device has finished, with 8 or 16 bits a channel as asked
-    // for when the canvas was made.
+    // Ends drawing: calls back, once the device has finished, with the pixels, which have 8 or 16
+    // bits a channel as asked for when the canvas was made. What the function throws passes.
+    void Read(const std::function<void(const ImageView&)>& use);
+    // The same pixels, copied.
     Image Download();
-    // The same, but as the device holds them: rows without padding, in the canvas's format.
+    // As the device holds them: rows without padding, in the canvas's format.
     std::vector<std::uint8_t> DownloadBytes();
 
 protected:
     using Surface::Surface;
 
-    // Rows of rowSize bytes, without padding.
-    virtual void ReadBack(std::uint8_t* pixels, std::size_t rowSize) = 0;
+    // With rows in the canvas's format, and the bytes from one to the next.
+    using UseRows = std::function<void(const std::uint8_t* rows, std::size_t rowPitch)>;
+    // Other threads may draw on other canvases meanwhile.
+    virtual void ReadBack(const UseRows& use) = 0;
+
+private:
+    std::size_t GetRowSize() const; // bytes, without padding
 };
 
 struct DrawParams {

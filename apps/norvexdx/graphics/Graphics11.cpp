@@ -50,18 +50,38 @@ public:
     const boost::intrusive_ptr<DX::D11RenderTexture2D>& GetTarget() const { return m_target; }
 
 protected:
-    void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
-        const auto staging = m_device->CreateTexture2D(
-            MakeStagingDesc11(GetSize(), GetFormat(), D3D11_CPU_ACCESS_READ), nullptr);
-        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
-            context->CopyResource(staging, m_target->GetTexture());
-            const Mapping11 mapping(context, staging, D3D11_MAP_READ);
-            CopyRows(pixels, rowSize, mapping.GetData(), mapping.GetRowPitch(), rowSize,
-                     static_cast<std::size_t>(GetSize().height));
-        });
+    void ReadBack(const UseRows& use) override {
+        const Copy copy(m_device, m_target->GetTexture(),
+                        MakeStagingDesc11(GetSize(), GetFormat(), D3D11_CPU_ACCESS_READ));
+        use(copy.Get().GetData(), copy.Get().GetRowPitch());
     }
 
 private:
+    // Of a texture, in memory that is read while other threads use the device.
+    class Copy {
+    public:
+        Copy(const boost::intrusive_ptr<DX::D11Device>& device,
+             const CComPtr<ID3D11Texture2D>& texture, const D3D11_TEXTURE2D_DESC& desc)
+            : m_device(device) {
+            const auto staging = device->CreateTexture2D(desc, nullptr);
+            device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+                context->CopyResource(staging, texture);
+                m_mapping.emplace(context, staging, D3D11_MAP_READ);
+            });
+        }
+        ~Copy() {
+            m_device->Encode([this](const auto&) { m_mapping.reset(); });
+        }
+        Copy(const Copy&) = delete;
+        Copy& operator=(const Copy&) = delete;
+
+        const Mapping11& Get() const { return *m_mapping; }
+
+    private:
+        boost::intrusive_ptr<DX::D11Device> m_device;
+        std::optional<Mapping11> m_mapping;
+    };
+
     boost::intrusive_ptr<DX::D11Device> m_device;
     boost::intrusive_ptr<DX::D11RenderTexture2D> m_target;
 };

@@ -27,6 +27,12 @@ DX::D12BlendState MakeOverBlend12() {
     return state;
 }
 
+D3D12_RESOURCE_BARRIER Transition(const DX::D12Descriptor& view, D3D12_RESOURCE_STATES before,
+                                  D3D12_RESOURCE_STATES after) {
+    return view.Transition(before, after, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
+                           D3D12_RESOURCE_BARRIER_FLAG_NONE);
+}
+
 class Picture12 : public Picture {
 public:
     explicit Picture12(const boost::intrusive_ptr<DX::D12Descriptor>& view)
@@ -51,14 +57,31 @@ public:
     const boost::intrusive_ptr<DX::D12Descriptor>& GetTarget() const { return m_target; }
 
 protected:
-    void ReadBack(std::uint8_t* pixels, std::size_t rowSize) override {
-        DX::D12DownloadResourceParams params;
-        params.source = m_target->GetFirstResource();
-        params.stateBefore = D3D12_RESOURCE_STATE_RENDER_TARGET;
-        params.stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
-        params.subresources = {
-            {pixels, rowSize, rowSize * static_cast<std::size_t>(GetSize().height)}};
-        m_queue->DownloadResource(params);
+    // From the memory that the copy goes to, where DownloadResource would copy once more.
+    void ReadBack(const UseRows& use) override {
+        const auto& device = m_queue->GetDevice();
+        std::vector<DX::D12PlacedSubResourceFootprint> places;
+        std::uint64_t size = 0;
+        device->GetCopyableFootprints(
+            CD3DX12_RESOURCE_DESC::Tex2D(GetFormat(), static_cast<UINT64>(GetSize().width),
+                                         static_cast<UINT>(GetSize().height), 1, 1),
+            0, 1, 0, places, size);
+        const D3D12_PLACED_SUBRESOURCE_FOOTPRINT place = {places[0].Offset, places[0].Footprint};
+        const auto buffer = device->CreateReadbackBuffer(size);
+        const auto allocator = m_queue->CreateCommandAllocator();
+        allocator->RecordList(nullptr, [&](const List& list) {
+            list->TrackObject(buffer);
+            list->ResourceBarrier({Transition(*m_target, D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                              D3D12_RESOURCE_STATE_COPY_SOURCE)});
+            list->CopyTextureRegion(
+                CD3DX12_TEXTURE_COPY_LOCATION(buffer->GetResource(), place), 0, 0, 0,
+                CD3DX12_TEXTURE_COPY_LOCATION(m_target->GetFirstResource(), 0), nullptr);
+        });
+        allocator->Execute();
+        allocator->WaitComplete();
+        buffer->Read(0, size, [&](const std::uint8_t* data) {
+            use(data + place.Offset, place.Footprint.RowPitch);
+        });
     }
 
 private:
@@ -72,12 +95,6 @@ const boost::intrusive_ptr<DX::D12Descriptor>& ViewOf(const Picture& picture) {
 
 const boost::intrusive_ptr<DX::D12Descriptor>& TargetOf12(const Canvas& canvas) {
     return static_cast<const Canvas12&>(canvas).GetTarget();
-}
-
-D3D12_RESOURCE_BARRIER Transition(const DX::D12Descriptor& view, D3D12_RESOURCE_STATES before,
-                                  D3D12_RESOURCE_STATES after) {
-    return view.Transition(before, after, D3D12_RESOURCE_BARRIER_ALL_SUBRESOURCES,
-                           D3D12_RESOURCE_BARRIER_FLAG_NONE);
 }
 
 // The library's drawers, each with shaders of its own, made when first needed. Any thread.

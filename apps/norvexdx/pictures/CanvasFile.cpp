@@ -9,16 +9,17 @@ namespace Norvex::App {
 void WriteCanvas(Canvas& canvas, const std::filesystem::path& output,
                  const std::optional<Conf::RGBColorSpace>& colorSpace, PictureReport& report) {
     const Stopwatch readback;
-    Image image = canvas.Download();
-    report.times.readback = readback.GetMilliseconds();
     report.targetFormat = canvas.GetFormat();
-    image.colorSpace = colorSpace;
-    WriteReported(image, output, report);
+    canvas.Read([&](const ImageView& image) {
+        report.times.readback = readback.GetMilliseconds();
+        WriteReported(image, output, colorSpace, report);
+    });
 }
 
-void WriteReported(const Image& image, const std::filesystem::path& output, PictureReport& report) {
+void WriteReported(const ImageView& image, const std::filesystem::path& output,
+                   const std::optional<Conf::RGBColorSpace>& colorSpace, PictureReport& report) {
     const Stopwatch encode;
-    WriteImage(output, image);
+    WriteImage(output, image, colorSpace);
     report.times.encode = encode.GetMilliseconds();
     report.output = Utf8FromPath(output);
     report.width = image.width;

@@ -10,11 +10,12 @@
 
 namespace Norvex::App {
 
-// Reads the canvas back and writes it with this colour space; tells in the report what was written
-// and how long it took. Throws what Canvas::Download and WriteImage throw.
+// Writes the canvas with this colour space, from the memory that the device copied it to; tells in
+// the report what was written and how long it took. Throws what Canvas::Read and WriteImage throw.
 void WriteCanvas(Canvas& canvas, const std::filesystem::path& output,
                  const std::optional<Conf::RGBColorSpace>& colorSpace, PictureReport& report);
 // The part of that after reading back.
-void WriteReported(const Image& image, const std::filesystem::path& output, PictureReport& report);
+void WriteReported(const ImageView& image, const std::filesystem::path& output,
+                   const std::optional<Conf::RGBColorSpace>& colorSpace, PictureReport& report);
 
 } // namespace Norvex::App

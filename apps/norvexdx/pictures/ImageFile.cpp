@@ -78,8 +78,13 @@ Image ReadImage(const std::filesystem::path& path, const std::optional<Conf::RGB
 }
 
 void WriteImage(const std::filesystem::path& path, const Image& image) {
+    WriteImage(path, image.GetView(), image.colorSpace);
+}
+
+void WriteImage(const std::filesystem::path& path, const ImageView& image,
+                const std::optional<Conf::RGBColorSpace>& colorSpace) {
     OutputFile file(path);
-    WritePng(file, image);
+    WritePng(file, image, colorSpace);
     file.Commit();
 }
 

@@ -30,5 +30,7 @@ Image ReadImage(const std::filesystem::path& path,
 // PNG with the image's depth, and with its colour space where it has one; whole or not at all
 // (OutputFile.h).
 void WriteImage(const std::filesystem::path& path, const Image& image);
+void WriteImage(const std::filesystem::path& path, const ImageView& image,
+                const std::optional<Conf::RGBColorSpace>& colorSpace);
 
 } // namespace Norvex::App

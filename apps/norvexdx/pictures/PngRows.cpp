@@ -108,7 +108,7 @@ private:
 } // namespace
 
 void PngRows::Pack(std::size_t row, std::uint8_t* bytes) const {
-    const std::uint8_t* pixels = m_image.pixels.data() + row * m_image.GetRowSize();
+    const std::uint8_t* pixels = m_image.GetRow(row);
     if (m_image.bitsPerChannel == 16) {
         PackPixels<std::uint64_t>(pixels, m_image.width, m_pixelSize, bytes);
     } else {

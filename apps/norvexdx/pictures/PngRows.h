@@ -1,7 +1,7 @@
 #pragma once
 
 // The image data of a PNG file before compression: of each row the type of its filter, then the
-// filtered bytes (PNG Specification, Third Edition, 7.2 and 9). Borrows the image. Any thread, any
+// filtered bytes (PNG Specification, Third Edition, 7.2 and 9). Borrows the pixels. Any thread, any
 // number at a time. Throws only for lack of memory. Next: PngWriter.h.
 
 #include <cstddef>
@@ -15,10 +15,10 @@ namespace Norvex::App {
 class PngRows {
 public:
     // The alpha of an opaque image is left out.
-    PngRows(const Image& image, bool isOpaque)
+    PngRows(const ImageView& image, bool isOpaque)
         : m_image(image),
-          m_pixelSize(image.GetPixelSize() / Image::kChannels *
-                      (Image::kChannels - (isOpaque ? 1 : 0))) {}
+          m_pixelSize(image.GetPixelSize() / ImageView::kChannels *
+                      (ImageView::kChannels - (isOpaque ? 1 : 0))) {}
 
     std::size_t GetCount() const { return m_image.height; }
     // Bytes of a row with its filter's type.
@@ -31,7 +31,7 @@ private:
     std::size_t GetPackedSize() const { return m_image.width * m_pixelSize; }
     void Pack(std::size_t row, std::uint8_t* bytes) const;
 
-    const Image& m_image;
+    ImageView m_image;
     std::size_t m_pixelSize; // in the file
 };
 

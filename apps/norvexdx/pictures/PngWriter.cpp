@@ -1,6 +1,6 @@
 #include "apps/norvexdx/pictures/PngWriter.h"
 
-#include <algorithm>
+#include <cstring>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -37,7 +37,7 @@ void WriteChunk(OutputFile& file, std::string_view type, std::span<const std::ui
     file.Write(tail.data(), tail.size());
 }
 
-void WriteHeader(OutputFile& file, const Image& image, bool isOpaque) {
+void WriteHeader(OutputFile& file, const ImageView& image, bool isOpaque) {
     constexpr std::uint8_t kSignature[] = {137, 'P', 'N', 'G', '\r', '\n', 26, '\n'};
     constexpr std::uint8_t kColor = 2;
     constexpr std::uint8_t kColorWithAlpha = 6;
@@ -63,26 +63,36 @@ void WriteColorSpace(OutputFile& file, const Conf::RGBColorSpace& space) {
     WriteChunk(file, "cICP", codePoints);
 }
 
-bool IsOpaque(const Image& image) {
-    const std::size_t step = image.GetPixelSize();
-    const std::size_t alphaSize = step / Image::kChannels;
-    const auto* end = image.pixels.data() + image.pixels.size();
-    for (const auto* pixel = image.pixels.data(); pixel != end; pixel += step) {
-        const auto* alpha = pixel + step - alphaSize;
-        if (!std::all_of(alpha, alpha + alphaSize, [](std::uint8_t b) { return b == 0xFF; })) {
-            return false;
-        }
+template <class Pixel>
+bool IsRowOpaque(const std::uint8_t* pixels, std::size_t count) {
+    constexpr unsigned kAlphaBits = sizeof(Pixel) * 8 / ImageView::kChannels;
+    Pixel common = ~Pixel{0};
+    for (std::size_t i = 0; i < count; ++i) {
+        Pixel pixel = 0;
+        std::memcpy(&pixel, pixels + i * sizeof(Pixel), sizeof(Pixel));
+        common &= pixel;
     }
-    return true;
+    return common >> (sizeof(Pixel) * 8 - kAlphaBits) == (Pixel{1} << kAlphaBits) - 1;
+}
+
+bool IsOpaque(const ImageView& image) {
+    const auto isRowOpaque =
+        image.bitsPerChannel == 16 ? &IsRowOpaque<std::uint64_t> : &IsRowOpaque<std::uint32_t>;
+    std::size_t y = 0;
+    while (y < image.height && isRowOpaque(image.GetRow(y), image.width)) {
+        ++y;
+    }
+    return y == image.height;
 }
 
 } // namespace
 
-void WritePng(OutputFile& file, const Image& image) {
+void WritePng(OutputFile& file, const ImageView& image,
+              const std::optional<Conf::RGBColorSpace>& colorSpace) {
     const bool isOpaque = IsOpaque(image);
     WriteHeader(file, image, isOpaque);
-    if (image.colorSpace) {
-        WriteColorSpace(file, *image.colorSpace);
+    if (colorSpace) {
+        WriteColorSpace(file, *colorSpace);
     }
     CompressRows(PngRows(image, isOpaque),
                  [&file](std::span<const std::uint8_t> part) { WriteChunk(file, "IDAT", part); });
