@@ -1,6 +1,6 @@
 # Third-party packages, by the target names that vcpkg gives them:
 #   glog::glog  fmt::fmt  PNG::PNG  ZLIB::ZLIB  GTest::gtest  GTest::gmock  Boost::headers  CLI11::CLI11
-#   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids
+#   nlohmann_json::nlohmann_json  Microsoft::DirectX-Headers  Microsoft::DirectX-Guids  benchmark::benchmark
 #
 # Cross builds find glog, fmt and libpng in NORVEX_SDK and build GoogleTest from its sources, once a test
 # wants it. Header-only packages come from the system's include folder, through
@@ -22,6 +22,10 @@ if(NORVEX_TESTS AND CMAKE_CROSSCOMPILING)
     endforeach()
 elseif(NORVEX_TESTS)
     find_package(GTest CONFIG REQUIRED)
+endif()
+
+if(NORVEX_BENCH)
+    find_package(benchmark CONFIG REQUIRED)
 endif()
 
 if(NOT CMAKE_CROSSCOMPILING)

@@ -77,7 +77,7 @@ in_wine() {
 }
 
 # build TARGET...: configures where that is due, then builds; none: everything. Without tests where
-# `tests` is OFF and no earlier call wanted them.
+# `tests` is OFF, and without benchmarks where `benchmark` is empty, and no earlier call wanted them.
 build() {
     mkdir -p "$buildFolder"
     locked "$buildFolder/.lock" build_steps "$@"
@@ -88,17 +88,20 @@ build() {
 configure_when_due() {
     local key fresh=()
     [ ! -e "$buildFolder/.with-tests" ] || tests=ON
-    key=$(hash_of "$sdk" "$tests" "$project/CMakePresets.json" "${configureArguments[*]}")
+    [ -n "$benchmark" ] || [ ! -d "$(cat "$buildFolder/.with-benchmark" 2>/dev/null)" ] || benchmark=$(cat "$buildFolder/.with-benchmark")
+    key=$(hash_of "$sdk" "$tests" "$benchmark" "$project/CMakePresets.json" "${configureArguments[*]}")
     if [ -e "$buildFolder/build.ninja" ] && [ "$(cat "$buildFolder/.key" 2>/dev/null)" = "$key" ]; then
         return
     fi
     say "Configuring build/$preset"
     [ "$(cat "$buildFolder/.sdk" 2>/dev/null)" = "$sdk" ] || fresh=(--fresh)
     quietly "$buildFolder/configure.log" in_root cmake "${fresh[@]}" -S "$project" --preset "$preset" \
-        -B "$buildFolder" -DNORVEX_TESTS="$tests" "${configureArguments[@]}"
+        -B "$buildFolder" -DNORVEX_TESTS="$tests" -DNORVEX_BENCH="${benchmark:+ON}" \
+        -Dbenchmark_DIR="$benchmark/lib/cmake/benchmark" "${configureArguments[@]}"
     echo "$sdk" >"$buildFolder/.sdk"
     echo "$key" >"$buildFolder/.key"
     [ "$tests" = OFF ] || touch "$buildFolder/.with-tests"
+    [ -z "$benchmark" ] || echo "$benchmark" >"$buildFolder/.with-benchmark"
 }
 
 build_steps() {

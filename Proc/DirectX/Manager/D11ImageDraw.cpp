@@ -53,10 +53,11 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
         return;
     }
     const auto bytes =
-        D3ImageRenderer::MakeParamsBuffer(ToClipUnits(transform, area, *viewport), conversion);
+        D3ImageRenderer::MakeParamsBytes(ToClipUnits(transform, area, *viewport), conversion);
     const auto parameters =
         CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
-    m_pipeline->Draw(*context, {.targets = {target->GetView()},
+    ID3D11RenderTargetView* const view = target->GetView();
+    m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *viewport,
                                 .shader = m_pixelShader,
                                 .texture = source->GetView(),

@@ -10,7 +10,7 @@ namespace Norvex::DX {
 
 namespace {
 
-constexpr UINT kAllSamples = 0xffffffff;
+constexpr UINT kAllSampleBits = 0xffffffff;
 
 template <class T>
 UINT CountOf(const std::vector<T>& items) {
@@ -160,12 +160,12 @@ void D11DeviceContext::RSSetViewports(const std::vector<D3D11_VIEWPORT>& viewpor
 }
 
 void D11DeviceContext::OMSetBlendState(ID3D11BlendState* state) {
-    m_context->OMSetBlendState(state, nullptr, kAllSamples);
+    m_context->OMSetBlendState(state, nullptr, kAllSampleBits);
 }
 
 void D11DeviceContext::OMSetBlendState(ID3D11BlendState* state,
                                        const std::array<float, 4>& factor) {
-    m_context->OMSetBlendState(state, factor.data(), kAllSamples);
+    m_context->OMSetBlendState(state, factor.data(), kAllSampleBits);
 }
 
 void D11DeviceContext::OMSetDepthStencilState(ID3D11DepthStencilState* state, UINT stencilRef) {

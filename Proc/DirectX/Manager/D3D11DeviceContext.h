@@ -89,6 +89,7 @@ public:
 
 private:
     friend class D11Device;
+    friend class D11QuadPipeline; // which binds without vectors
 
     D11DeviceContext(const CComPtr<ID3D11DeviceContext>& context,
                      const CComPtr<ID3D11DeviceContext4>& context4);

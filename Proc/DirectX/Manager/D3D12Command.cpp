@@ -56,6 +56,8 @@ D12CommandAllocator::~D12CommandAllocator() {
         m_commandLists, [](const auto& list) { return list->GetRefCount() == 1; });
     m_commandLists.clear();
     if (isMemoryFree) {
+        m_state.GetRoom().lists = std::move(m_commandLists);
+        m_state.GetRoom().inUse = std::move(m_inUse);
         ReturnToDevice(m_state);
     }
     if (m_otherState) {
@@ -159,24 +161,26 @@ void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& 
     Wait(other->m_state.GetCompletionEvent());
 }
 
+void D12CommandAllocator::SubmitQueued(const Location& location) {
+    const std::lock_guard guard(m_lock);
+    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
+                                    "There are no command lists to execute", location);
+    ThrowUnless<DirectX12Exception>(std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
+                                    "Found command list that was not closed", location);
+    const auto finished = WaitAndTake(location);
+    Submit(location);
+}
+
 void D12CommandAllocator::Execute() {
-    {
-        const std::lock_guard guard(m_lock);
-        ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
-                                        "There are no command lists to execute");
-        ThrowUnless<DirectX12Exception>(
-            std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
-            "Found command list that was not closed");
-        const auto finished = WaitAndTake(Location::current());
-        Submit(Location::current());
-    }
+    SubmitQueued(Location::current());
     QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
                       [this](IRefCountable&) { WaitComplete(); });
 }
 
 void D12CommandAllocator::Submit(const Location& location) {
     // What needs memory comes first: what the queue has been given cannot be taken back.
-    std::vector<ID3D12CommandList*> lists;
+    auto& lists = m_state.GetRoom().submitted;
+    lists.clear();
     lists.reserve(m_commandLists.size());
     m_inUse.reserve(m_commandLists.size() + 1);
     D12TrackedObjects& others = m_inUse.emplace_back();
@@ -219,12 +223,33 @@ void D12CommandAllocator::SignalIfDue(const Location& location) {
 std::vector<D12TrackedObjects> D12CommandAllocator::WaitAndTake(const Location& location) {
     SignalIfDue(location);
     m_state.GetCompletionEvent()->WaitComplete();
-    return std::exchange(m_inUse, {});
+    return TakeUsed();
 }
 
 void D12CommandAllocator::WaitComplete() {
+    if (m_isSignalDue) {
+        const std::lock_guard guard(m_lock);
+        SignalIfDue(Location::current());
+    }
+    // Without the lock, so that the GPU wakes each of those who wait, not one the other.
+    D12CompletionEvent& event = *m_state.GetCompletionEvent();
+    const std::uint64_t value = event.GetValue();
+    event.WaitFor(value, Location::current());
     const std::lock_guard guard(m_lock);
-    const auto finished = WaitAndTake(Location::current());
+    // A later Execute has released it, and what is in use is of another submission.
+    if (event.GetValue() != value || m_isSignalDue) {
+        return;
+    }
+    auto finished = TakeUsed();
+    finished.clear();                       // the destructors may use this allocator, and submit
+    constexpr std::size_t kMostKept = 1024; // a burst is no reason to keep its memory
+    if (m_inUse.capacity() == 0 && finished.capacity() <= kMostKept) {
+        m_inUse = std::move(finished);
+    }
+}
+
+std::vector<D12TrackedObjects> D12CommandAllocator::TakeUsed() {
+    return m_inUse.empty() ? std::vector<D12TrackedObjects>() : std::exchange(m_inUse, {});
 }
 
 void D12CommandAllocator::DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,

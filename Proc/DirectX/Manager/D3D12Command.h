@@ -30,6 +30,13 @@ namespace Norvex::DX {
 // idle by the device.
 class NORVEX_DX_API D12AllocatorState {
 public:
+    // Empty vectors, which keep their memory for the next user.
+    struct Room {
+        std::vector<boost::intrusive_ptr<D12CommandList>> lists;
+        std::vector<ID3D12CommandList*> submitted;
+        std::vector<D12TrackedObjects> inUse;
+    };
+
     // "Failed to create command allocator".
     D12AllocatorState(const CComPtr<ID3D12Device>& device, D3D12_COMMAND_LIST_TYPE type);
     D12AllocatorState(D12AllocatorState&&) noexcept = default;
@@ -48,7 +55,10 @@ public:
     // Never releases them: nothing tells when the GPU has finished.
     void Abandon() noexcept;
 
+    Room& GetRoom() { return m_room; }
+
 private:
+    Room m_room;
     CComPtr<ID3D12CommandAllocator> m_allocator;
     boost::intrusive_ptr<D12CompletionEvent> m_completionEvent;
 };
@@ -144,14 +154,20 @@ public:
     static void WaitAllComplete();
 
 private:
+    friend class D12CommandQueue;
+
     struct FenceWait {
         CComPtr<ID3D12Fence> fence;
         std::uint64_t value;
     };
     using Location = std::source_location;
 
+    // Execute without the background release.
+    void SubmitQueued(const Location& location);
     // These expect m_lock to be held.
     std::vector<D12TrackedObjects> WaitAndTake(const Location& location);
+    // Nothing where it has been taken already; the memory stays then.
+    std::vector<D12TrackedObjects> TakeUsed();
     void Submit(const Location& location);
     void SignalIfDue(const Location& location);
 
@@ -173,16 +189,18 @@ private:
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
-    // Guards submission and release. Held from the wait for the GPU until what it used is released:
-    // whoever waits next may rely on that, as a swap chain does that resizes its buffers.
-    // Recursive, since the destructors may use this allocator.
+    // Guards submission and release: whoever has waited for the GPU and had it finds released what
+    // the GPU used, and relies on that, as a swap chain does that resizes its buffers. Recursive,
+    // since the destructors may use this allocator.
     std::recursive_mutex m_lock;
     // The queue has work of this allocator that no signal follows.
     std::atomic<bool> m_isSignalDue{false};
     std::vector<FenceWait> m_waits;
-    std::vector<boost::intrusive_ptr<D12CommandList>>
-        m_commandLists;                     // the last one is the active list
-    std::vector<D12TrackedObjects> m_inUse; // by the last submission
+    // The last one is the active list.
+    std::vector<boost::intrusive_ptr<D12CommandList>> m_commandLists =
+        std::move(m_state.GetRoom().lists);
+    std::vector<D12TrackedObjects> m_inUse =
+        std::move(m_state.GetRoom().inUse); // by the last submission
 };
 
 } // namespace Norvex::DX

@@ -26,6 +26,7 @@ namespace Norvex::DX {
 class D12DescriptorGPUHeap;
 class D12DrawState;
 class D12Query;
+class D12QuadPipeline;
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
 public:
@@ -156,6 +157,7 @@ private:
     friend class D12CommandAllocator;
     friend class D12CommandQueue;
     friend class D12DrawState;
+    friend class D12QuadPipeline;
 
     // Ends a recording that failed, so that the next one finds the allocator free.
     void GiveUp() noexcept;

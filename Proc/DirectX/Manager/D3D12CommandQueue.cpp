@@ -1,8 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
@@ -27,8 +25,10 @@ D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device,
 }
 
 D12CompletionEvent::~D12CompletionEvent() {
-    if (m_sharedHandle != nullptr) {
-        CloseHandle(m_sharedHandle);
+    for (HANDLE handle : {m_sharedHandle, m_idleEvent.load()}) {
+        if (handle != nullptr) {
+            CloseHandle(handle);
+        }
     }
 }
 
@@ -45,16 +45,34 @@ void D12CompletionEvent::WaitComplete() {
     WaitFor(m_value, std::source_location::current());
 }
 
-void D12CompletionEvent::WaitFor(std::uint64_t value, const std::source_location& location) const {
-    while (m_fence->GetCompletedValue() < value) {
-        // A null event makes the call itself block.
-        ThrowIfFailed<DirectX12Exception>(m_fence->SetEventOnCompletion(value, nullptr),
-                                          "Failed to set event on completion", {}, location);
-        // Some systems block only the first of several threads that wait for the same value.
-        if (m_fence->GetCompletedValue() < value) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+void D12CompletionEvent::WaitFor(std::uint64_t value, const std::source_location& location) {
+    if (m_fence->GetCompletedValue() >= value) {
+        return;
     }
+    // A null event makes the call itself block, which is the shortest way.
+    ThrowIfFailed<DirectX12Exception>(m_fence->SetEventOnCompletion(value, nullptr),
+                                      "Failed to set event on completion", {}, location);
+    // Some systems block only the first of several threads that wait for the same value.
+    while (m_fence->GetCompletedValue() < value) {
+        WaitByEvent(value, location);
+    }
+}
+
+void D12CompletionEvent::WaitByEvent(std::uint64_t value, const std::source_location& location) {
+    HANDLE event = m_idleEvent.exchange(nullptr);
+    if (event == nullptr) {
+        event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    }
+    const long result =
+        event != nullptr ? m_fence->SetEventOnCompletion(value, event) : E_OUTOFMEMORY;
+    if (SUCCEEDED(result)) {
+        WaitForSingleObject(event, INFINITE);
+    }
+    event = m_idleEvent.exchange(event);
+    if (event != nullptr) {
+        CloseHandle(event);
+    }
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to set event on completion", {}, location);
 }
 
 D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
@@ -152,7 +170,8 @@ void D12CommandQueue::CopyToStaging(const Params& params, D12Buffer& staging, co
         copy(*list);
         list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
     });
-    allocator->Execute();
+    // Nobody else is to release what this thread waits for.
+    allocator->SubmitQueued(std::source_location::current());
     allocator->WaitComplete();
 }
 

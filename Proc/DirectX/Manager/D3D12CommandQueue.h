@@ -62,11 +62,15 @@ public:
     void WaitComplete();
 
 private:
+    friend class D12CommandAllocator;
     friend class D12CommandQueue;
 
-    void WaitFor(std::uint64_t value, const std::source_location& location) const;
+    void WaitFor(std::uint64_t value, const std::source_location& location);
+    // By an event of the system's.
+    void WaitByEvent(std::uint64_t value, const std::source_location& location);
 
-    std::mutex m_signalLock; // one raises the target at a time
+    std::atomic<HANDLE> m_idleEvent{nullptr}; // for the next wait by event
+    std::mutex m_signalLock;                  // one raises the target at a time
     std::atomic<std::uint64_t> m_value{0};
     CComPtr<ID3D12Fence> m_fence;
     HANDLE m_sharedHandle = nullptr;

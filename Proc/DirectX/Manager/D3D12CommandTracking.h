@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/RefCountable.h"
@@ -34,9 +35,11 @@ public:
     }
 
 private:
-    static constexpr std::size_t kFew = 16;      // up to here a linear search is the faster one
-    static constexpr std::size_t kFirstRoom = 8; // what a draw uses
+    static constexpr std::size_t kFew = 16;    // up to here a linear search is the faster one
+    static constexpr std::size_t kInPlace = 8; // without memory of their own: what a draw uses
 
+    template <class Pointer>
+    using Kept = boost::container::small_vector<Pointer, kInPlace>;
     using Index = std::vector<const void*>;
 
     static const void* AddressOf(const CComPtr<ID3D12DeviceChild>& object) { return object.p; }
@@ -58,16 +61,13 @@ private:
     }
 
     template <class Pointer, class Object>
-    void AddTo(std::vector<Pointer>& kept, Object* object) {
+    void AddTo(Kept<Pointer>& kept, Object* object) {
         if (object == nullptr || IsKept(kept, object)) {
             return;
         }
         const std::size_t count = m_comObjects.size() + m_objects.size() + 1;
         if (count > kFew && count * 2 > m_index.size()) {
             MakeIndex(std::bit_ceil(count * 4));
-        }
-        if (kept.capacity() == 0) {
-            kept.reserve(kFirstRoom);
         }
         kept.emplace_back(object);
         if (!m_index.empty()) {
@@ -76,7 +76,7 @@ private:
     }
 
     template <class Pointer>
-    bool IsKept(const std::vector<Pointer>& kept, const void* object) const {
+    bool IsKept(const Kept<Pointer>& kept, const void* object) const {
         return m_index.empty()
                    ? std::ranges::any_of(
                          kept, [object](const auto& other) { return AddressOf(other) == object; })
@@ -93,8 +93,8 @@ private:
         m_index.swap(index);
     }
 
-    std::vector<CComPtr<ID3D12DeviceChild>> m_comObjects;
-    std::vector<boost::intrusive_ptr<IRefCountable>> m_objects; // released before the others
+    Kept<CComPtr<ID3D12DeviceChild>> m_comObjects;
+    Kept<boost::intrusive_ptr<IRefCountable>> m_objects; // released before the others
     // Addresses of all of them by open addressing, at most half full; empty while there are few.
     Index m_index;
 };

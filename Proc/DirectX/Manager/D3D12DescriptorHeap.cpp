@@ -66,6 +66,12 @@ D3D12_GPU_DESCRIPTOR_HANDLE D12DescriptorGPUHeap::GetGPUHandle(unsigned index) c
     return {m_gpuStart.ptr + UINT64{index} * m_increment};
 }
 
+void D12DescriptorGPUHeap::Fill(unsigned index, const D12Descriptor& source) {
+    ThrowUnless<DirectX12Exception>(GetType() == source.GetHeapType(),
+                                    "Descriptor heap types are different");
+    m_device->CopyDescriptorsSimple(1, GetCPUHandle(index), source.GetCPUHandle(), GetType());
+}
+
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorGPUHeap::CopyDescriptor(unsigned index,
                                      const boost::intrusive_ptr<D12Descriptor>& source) {

@@ -135,7 +135,10 @@ public:
 
 private:
     friend class D12DescriptorHeapPool;
+    friend class D12DescriptorTable; // which keeps the resources itself
 
+    // "Descriptor heap types are different", "Descriptor index out of range".
+    void Fill(unsigned index, const D12Descriptor& source);
     D12DescriptorGPUHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12DescriptorHeap> heap,
                          boost::intrusive_ptr<D12DescriptorHeapPool> pool);
 

@@ -98,9 +98,11 @@ void D12DescriptorTable::Commit(CommitContext& context,
     for (auto& descriptor : m_descriptors) {
         ThrowUnless<DirectX12Exception>(descriptor != nullptr, "Table not fully initialized",
                                         location);
-        const auto copy = heap->CopyDescriptor(offset, descriptor);
+        heap->Fill(offset, *descriptor);
         ++offset;
-        context.commandList->TrackObject(copy);
+        for (const auto& resource : descriptor->GetResources()) {
+            context.commandList->TrackObject(resource.p);
+        }
         descriptor.reset();
     }
     context.commandList->SetRootDescriptorTable(context.rootIndex, table);

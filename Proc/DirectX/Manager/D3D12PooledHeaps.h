@@ -15,6 +15,7 @@
 #include <new>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -34,9 +35,14 @@ public:
     CComPtr<Raw> Take(std::uint32_t key, unsigned count, const Make& make) {
         {
             const std::scoped_lock lock(m_freeMutex);
-            const auto found = m_free.lower_bound({key, count});
-            if (found != m_free.end() && found->first.first == key) {
-                return std::move(m_free.extract(found).mapped());
+            auto found = m_free.lower_bound({key, count});
+            for (; found != m_free.end() && found->first.first == key; ++found) {
+                auto& heaps = found->second;
+                if (!heaps.empty()) {
+                    CComPtr<Raw> heap = std::move(heaps.back());
+                    heaps.pop_back();
+                    return heap;
+                }
             }
         }
         return make(CapacityFor(count));
@@ -46,7 +52,7 @@ public:
     void Put(std::uint32_t key, unsigned capacity, const CComPtr<Raw>& heap) noexcept {
         try {
             const std::scoped_lock lock(m_freeMutex);
-            m_free.emplace(std::pair(key, capacity), heap);
+            m_free[std::pair(key, capacity)].push_back(heap);
         } catch (const std::bad_alloc&) {
             return;
         }
@@ -54,7 +60,11 @@ public:
 
     std::size_t CountFree() const {
         const std::scoped_lock lock(m_freeMutex);
-        return m_free.size();
+        std::size_t count = 0;
+        for (const auto& [kind, heaps] : m_free) {
+            count += heaps.size();
+        }
+        return count;
     }
 
     // Calls use(Heap&) with the shared heap of the key.
@@ -90,7 +100,8 @@ private:
     }
 
     mutable std::mutex m_freeMutex;
-    std::multimap<std::pair<std::uint32_t, unsigned>, CComPtr<Raw>> m_free; // by key and capacity
+    // By key and capacity; sizes that are used again and again need no memory of their own.
+    std::map<std::pair<std::uint32_t, unsigned>, std::vector<CComPtr<Raw>>> m_free;
     std::mutex m_sharedMutex;
     std::unordered_map<std::uint32_t, boost::intrusive_ptr<Heap>> m_shared;
 };

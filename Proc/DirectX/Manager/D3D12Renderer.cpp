@@ -169,7 +169,7 @@ void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,
                                  const boost::intrusive_ptr<D12Descriptor>& source,
                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
     m_paramsView->SetBuffer(CreateConstants(
-        *m_device, D3ImageRenderer::MakeParamsBuffer(clipTransform, conversion), L"Matrix Buffer"));
+        *m_device, D3ImageRenderer::MakeParamsBytes(clipTransform, conversion), L"Matrix Buffer"));
     m_textureTable->SetView(0, 0, source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
 }
 

@@ -20,8 +20,6 @@ using Conf::RGBColorSpace;
 using Conf::TransferCharacteristics;
 using Proc::AlphaType;
 
-constexpr std::size_t kParamsSizeInBytes = 256;
-
 struct ShaderConstant {
     const char* name;
     std::uint32_t value;
@@ -61,7 +59,8 @@ std::string MakeConstantDeclarations() {
     return text;
 }
 
-static_assert(sizeof(D3ImageParams) == 104 && sizeof(D3ImageParams) <= kParamsSizeInBytes);
+static_assert(sizeof(D3ImageParams) == 104 &&
+              sizeof(D3ImageParams) <= D3ImageRenderer::kParamsSizeInBytes);
 
 void SetConversion(D3ImageParams& params, const Proc::ColorAlphaConversionInfo& conversion) {
     params.sourceColorSpace = GetColorSpaceCode(conversion.source);
@@ -130,13 +129,20 @@ D3ImageRenderer::MakeParams(const AffineTransform& transform,
     return params;
 }
 
+std::array<std::uint8_t, D3ImageRenderer::kParamsSizeInBytes>
+D3ImageRenderer::MakeParamsBytes(const AffineTransform& transform,
+                                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const D3ImageParams params = MakeParams(transform, conversion);
+    std::array<std::uint8_t, kParamsSizeInBytes> bytes = {};
+    std::memcpy(bytes.data(), &params, sizeof(params));
+    return bytes;
+}
+
 std::vector<std::uint8_t>
 D3ImageRenderer::MakeParamsBuffer(const AffineTransform& transform,
                                   const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    const D3ImageParams params = MakeParams(transform, conversion);
-    std::vector<std::uint8_t> bytes(kParamsSizeInBytes);
-    std::memcpy(bytes.data(), &params, sizeof(params));
-    return bytes;
+    const auto bytes = MakeParamsBytes(transform, conversion);
+    return {bytes.begin(), bytes.end()};
 }
 
 void D3ImageRenderer::SetFitMode(RenderFitMode mode) {

@@ -7,6 +7,7 @@
 // its own. Next: CommonTypes.h (AffineTransform), Host/ColorConversionInfo.h, Shaders/.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -72,7 +73,11 @@ public:
     static D3ImageParams
     MakeParams(const AffineTransform& transform,
                const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
-    // The constant buffer of both shaders, 256 bytes that begin with these.
+    // The constant buffer of both shaders, which begins with these.
+    static constexpr std::size_t kParamsSizeInBytes = 256;
+    static std::array<std::uint8_t, kParamsSizeInBytes>
+    MakeParamsBytes(const AffineTransform& transform,
+                    const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
     static std::vector<std::uint8_t>
     MakeParamsBuffer(const AffineTransform& transform,
                      const std::optional<Proc::ColorAlphaConversionInfo>& conversion);

@@ -6,6 +6,8 @@ namespace Norvex::DX {
 
 namespace {
 
+constexpr UINT kAllSamples = 0xffffffff;
+
 std::vector<D3D11_INPUT_ELEMENT_DESC> MakeInputElements11() {
     return {
         {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D11_INPUT_PER_VERTEX_DATA, 0},
@@ -75,29 +77,37 @@ void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw) c
 
 void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw,
                            const boost::intrusive_ptr<D11VertexBuffer>& quad) const {
-    context.RSSetState(m_rasterizer);
-    context.OMSetDepthStencilState(m_depthStencil, 0);
-    context.OMSetRenderTargets(draw.targets, nullptr);
-    context.OMSetBlendState(draw.blendState);
-    context.RSSetViewports({MakeViewport<D3D11_VIEWPORT>(draw.viewport)});
+    ID3D11DeviceContext& raw = *context.m_context;
+    raw.RSSetState(m_rasterizer);
+    raw.OMSetDepthStencilState(m_depthStencil, 0);
+    raw.OMSetRenderTargets(static_cast<UINT>(draw.targets.size()), draw.targets.data(), nullptr);
+    raw.OMSetBlendState(draw.blendState, nullptr, kAllSamples);
+    const auto viewport = MakeViewport<D3D11_VIEWPORT>(draw.viewport);
+    raw.RSSetViewports(1, &viewport);
 
-    context.IASetVertexBuffer(quad);
-    context.IASetPrimitiveTopology(D3D11_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
-    context.VSSetConstantBuffers({draw.constants});
-    context.PSSetConstantBuffers({draw.constants});
-    context.PSSetShaderResources({draw.texture});
-    context.IASetInputLayout(m_inputLayout);
-    context.VSSetShader(m_vertexShader);
-    context.PSSetShader(draw.shader);
-    context.PSSetSamplers({m_sampler});
-    context.Draw(quad);
+    ID3D11Buffer* const vertices = quad->GetBuffer();
+    const UINT stride = quad->GetStride();
+    const UINT offset = 0;
+    raw.IASetVertexBuffers(0, 1, &vertices, &stride, &offset);
+    raw.IASetPrimitiveTopology(D3D11_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
+    raw.VSSetConstantBuffers(0, 1, &draw.constants);
+    raw.PSSetConstantBuffers(0, 1, &draw.constants);
+    raw.PSSetShaderResources(0, 1, &draw.texture);
+    raw.IASetInputLayout(m_inputLayout);
+    raw.VSSetShader(m_vertexShader->GetShader(), nullptr, 0);
+    raw.PSSetShader(draw.shader->GetShader(), nullptr, 0);
+    ID3D11SamplerState* const sampler = m_sampler;
+    raw.PSSetSamplers(0, 1, &sampler);
+    raw.Draw(quad->GetCount(), 0);
 }
 
 void D11QuadPipeline::Unbind(D11DeviceContext& context) {
-    context.OMSetBlendState(nullptr);
-    context.OMSetRenderTargets({nullptr}, nullptr);
-    context.OMSetDepthStencilState(nullptr, 0);
-    context.RSSetState(nullptr);
+    ID3D11DeviceContext& raw = *context.m_context;
+    raw.OMSetBlendState(nullptr, nullptr, kAllSamples);
+    ID3D11RenderTargetView* const none = nullptr;
+    raw.OMSetRenderTargets(1, &none, nullptr);
+    raw.OMSetDepthStencilState(nullptr, 0);
+    raw.RSSetState(nullptr);
 }
 
 } // namespace Norvex::DX

@@ -60,7 +60,7 @@ D3D12_STATIC_SAMPLER_DESC MakeLinearSampler12() {
 
 } // namespace
 
-CComPtr<ID3D12Resource> CreateConstants(D12Device& device, const std::vector<std::uint8_t>& bytes,
+CComPtr<ID3D12Resource> CreateConstants(D12Device& device, std::span<const std::uint8_t> bytes,
                                         const wchar_t* name) {
     D12BufferDesc desc;
     desc.heapType = D3D12_HEAP_TYPE_UPLOAD;
@@ -127,7 +127,7 @@ const boost::intrusive_ptr<D12VertexBuffer>& D12QuadPipeline::GetQuad(D12Graphic
 void D12QuadPipeline::Record(D12CommandAllocator& allocator,
                              const boost::intrusive_ptr<D12Descriptor>& target,
                              const std::optional<Rect2DT<long>>& viewport, Winding winding) {
-    const Targets targets = {target};
+    const OneTarget targets(&target, 1);
     allocator.RecordList(MakePipelineState(targets), [&](const List& list) {
         if (viewport) {
             Draw(list, targets, *viewport, target->GetSize(), GetQuad(*list, winding));
@@ -135,13 +135,15 @@ void D12QuadPipeline::Record(D12CommandAllocator& allocator,
     });
 }
 
-void D12QuadPipeline::Draw(const List& list, const Targets& targets, const Rect2DT<long>& viewport,
-                           const Size2DT<long>& scissor,
+void D12QuadPipeline::Draw(const List& list, std::span<const Target> targets,
+                           const Rect2DT<long>& viewport, const Size2DT<long>& scissor,
                            const boost::intrusive_ptr<D12VertexBuffer>& quad) const {
     m_parameters->SetToCommandList(list);
-    list->OMSetRenderTargets(targets, nullptr);
-    list->RSSetViewports({MakeViewport<D3D12_VIEWPORT>(viewport)});
-    list->RSSetScissorRects({RECT{0, 0, scissor.width, scissor.height}});
+    list->SetTargets(targets, nullptr);
+    const auto wholeViewport = MakeViewport<D3D12_VIEWPORT>(viewport);
+    list->GetGraphics()->RSSetViewports(1, &wholeViewport);
+    const RECT wholeTarget = {0, 0, scissor.width, scissor.height};
+    list->GetGraphics()->RSSetScissorRects(1, &wholeTarget);
     list->IASetVertexBuffer(quad);
     list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_TRIANGLESTRIP);
     list->Draw(quad);

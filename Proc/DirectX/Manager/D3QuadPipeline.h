@@ -30,7 +30,7 @@ namespace Norvex::DX {
 
 // What one draw binds beside the states.
 struct D11QuadDraw {
-    std::vector<ID3D11RenderTargetView*> targets;
+    std::span<ID3D11RenderTargetView* const> targets;
     Rect2DT<long> viewport;
     const std::shared_ptr<D11PixelShader>& shader;
     ID3D11ShaderResourceView* texture = nullptr;
@@ -101,7 +101,7 @@ public:
 
     // Its steps, for lists with more in them. The pipeline state is the list's when it draws.
     const CComPtr<ID3D12PipelineState>& MakePipelineState(std::span<const Target> targets);
-    void Draw(const List& list, const Targets& targets, const Rect2DT<long>& viewport,
+    void Draw(const List& list, std::span<const Target> targets, const Rect2DT<long>& viewport,
               const Size2DT<long>& scissor,
               const boost::intrusive_ptr<D12VertexBuffer>& quad) const;
     // The one made last.
@@ -123,7 +123,7 @@ private:
 };
 
 // In the upload heap, for the shaders' constants.
-CComPtr<ID3D12Resource> CreateConstants(D12Device& device, const std::vector<std::uint8_t>& bytes,
+CComPtr<ID3D12Resource> CreateConstants(D12Device& device, std::span<const std::uint8_t> bytes,
                                         const wchar_t* name);
 
 } // namespace Norvex::DX

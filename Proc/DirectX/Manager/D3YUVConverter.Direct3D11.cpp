@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 
+#include <array>
 #include <optional>
 #include <source_location>
 #include <string>
@@ -107,14 +108,17 @@ void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
 void D11YUVConverter::Record(D11DeviceContext& context, const D11ShaderTexture2D& source,
                              const D11RenderTexture2D& luma, const D11RenderTexture2D& chroma) {
     const auto [width, height] = m_destination->size;
-    m_pipeline->Draw(context, {.targets = {luma.GetView(), m_intermediateTarget->GetView()},
+    const std::array<ID3D11RenderTargetView*, 2> planes = {luma.GetView(),
+                                                           m_intermediateTarget->GetView()};
+    m_pipeline->Draw(context, {.targets = planes,
                                .viewport = {0, 0, width, height},
                                .shader = m_yCbCrShader,
                                .texture = source.GetView(),
                                .constants = m_paramsBuffer});
     const auto [chromaWidth, chromaHeight] = m_destination->chromaSize;
+    ID3D11RenderTargetView* const chromaView = chroma.GetView();
     m_pipeline->Draw(context,
-                     {.targets = {chroma.GetView()},
+                     {.targets = {&chromaView, 1},
                       .viewport = {0, 0, chromaWidth, chromaHeight},
                       .shader = m_resizeShader,
                       .texture = m_intermediateSource->GetView(),

@@ -233,7 +233,7 @@ void D12YUVConverter::Record(D12CommandAllocator& allocator, const Conversion& c
                           m_destination->size, m_yCbCrPass->GetQuad(*list));
         list->ResourceBarrier({MakeIntermediateBarrier()});
         list->SetPipelineState(m_resizePass->GetPipelineState());
-        m_resizePass->Draw(list, {conversion.chroma}, RectOf(m_destination->chromaSize),
+        m_resizePass->Draw(list, {&conversion.chroma, 1}, RectOf(m_destination->chromaSize),
                            m_destination->chromaSize, m_chromaQuad);
         list->ResourceBarrier(conversion.after);
     });

@@ -1,0 +1,17 @@
+#pragma once
+
+// The cases, by what they measure.
+
+#include <vector>
+
+#include "bench/Case.h"
+
+namespace Norvex::Bench {
+
+std::vector<Case> MakeFrameCases12();
+std::vector<Case> MakeFrameCases11();
+std::vector<Case> MakeTransferCases();
+std::vector<Case> MakePoolCases();
+std::vector<Case> MakeSubmissionCases();
+
+} // namespace Norvex::Bench
