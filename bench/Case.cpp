@@ -1,11 +1,13 @@
 #include "bench/Case.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <map>
 #include <regex>
 #include <stdexcept>
+#include <utility>
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -39,11 +41,11 @@ struct WaySamples {
 // Work that is prepared is measured in small batches, of which the median counts: what comes
 // between is longer than they are.
 double MeasurePrepared(const Way& way, std::int64_t times) {
-    constexpr std::int64_t kBatch = 64;
     Samples batches;
-    for (std::int64_t done = 0; done < times; done += kBatch) {
-        way.prepare(kBatch);
-        batches.push_back(MeasureWall([&] { way.run(kBatch); }) / kBatch);
+    for (std::int64_t done = 0; done < times; done += way.batch) {
+        way.prepare(way.batch);
+        batches.push_back(MeasureWall([&] { way.run(way.batch); }) /
+                          static_cast<double>(way.batch));
     }
     return GetMedian(batches) * static_cast<double>(times);
 }
@@ -149,7 +151,42 @@ Json ReportCounts(const Ways& ways) {
     return result;
 }
 
-Json RunCase(const Case& chosen) {
+// The sizes of a row of cases and the medians of their times.
+class Growth {
+public:
+    void Add(const Case& one, double median) {
+        const std::string row = one.name.substr(0, one.name.rfind('/'));
+        if (row != m_row || one.size == 0) {
+            m_row = row;
+            m_points.clear();
+        }
+        if (one.size != 0) {
+            m_points.emplace_back(std::log(static_cast<double>(one.size)), std::log(median));
+        }
+    }
+    // 0: the time does not grow; 1: as the size does. Of the line through all points.
+    double GetExponent() const {
+        const auto count = static_cast<double>(m_points.size());
+        double x = 0;
+        double y = 0;
+        double xx = 0;
+        double xy = 0;
+        for (const auto& [size, time] : m_points) {
+            x += size;
+            y += time;
+            xx += size * size;
+            xy += size * time;
+        }
+        return (count * xy - x * y) / (count * xx - x * x);
+    }
+    bool IsRow() const { return m_points.size() > 1; }
+
+private:
+    std::string m_row;
+    std::vector<std::pair<double, double>> m_points;
+};
+
+Json RunCase(const Case& chosen, Growth& growth) {
     const Ways ways = chosen.make();
     for (const Way& way : ways.ways) {
         benchmark::RegisterBenchmark(way.name, [&way, &chosen](benchmark::State& state) {
@@ -168,6 +205,11 @@ Json RunCase(const Case& chosen) {
         result["wall"] = Report(chosen.name + " (wall)", ways.ways, collector, &WaySamples::wall);
     }
     result["counts"] = ReportCounts(ways);
+    growth.Add(chosen, GetMedian(collector.Get(ways.ways.front().name).cpu));
+    if (growth.IsRow()) {
+        fmt::print("{:<31}grows with exponent {:.2f} up to here\n", "", growth.GetExponent());
+        result["exponent"] = growth.GetExponent();
+    }
     return result;
 }
 
@@ -182,9 +224,10 @@ bool RunCases(const std::vector<Case>& cases, const std::vector<std::string>& pa
     };
     PrintHead();
     Json results = Json::array();
+    Growth growth;
     for (const Case& one : cases) {
         if (isChosen(one)) {
-            results.push_back(RunCase(one));
+            results.push_back(RunCase(one, growth));
         }
     }
     if (!jsonFile.empty()) {

@@ -23,6 +23,7 @@ struct Way {
     std::vector<std::string> twins;
     // Where it is set, it makes ready for run(times), which is all that is measured then.
     std::function<void(std::int64_t times)> prepare;
+    std::int64_t batch = 64; // times between two preparations
 };
 
 template <class Once>
@@ -51,6 +52,8 @@ struct Case {
     std::string name;
     Clock clock = Clock::Thread;
     std::function<Ways()> make;
+    // What its work may grow with; the exponent of the growth is printed after the last of a row.
+    std::int64_t size = 0;
 };
 
 // Runs those of the cases whose names match one of the patterns, all without patterns; prints a

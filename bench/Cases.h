@@ -13,5 +13,8 @@ std::vector<Case> MakeFrameCases11();
 std::vector<Case> MakeTransferCases();
 std::vector<Case> MakePoolCases();
 std::vector<Case> MakeSubmissionCases();
+std::vector<Case> MakeGrowthCases();
+std::vector<Case> MakeThreadCases();
+std::vector<Case> MakePictureCases();
 
 } // namespace Norvex::Bench

@@ -34,14 +34,16 @@ public:
     void PrepareExpert(std::int64_t times) {
         m_fence.Wait(m_fence.Signal(m_queue->Get()));
         while (m_lists.size() < static_cast<std::size_t>(times)) {
-            m_lists.push_back(m_device->CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE_DIRECT,
-                                                                IID_ID3D12GraphicsCommandList));
+            CComPtr<ID3D12GraphicsCommandList> list;
+            Check(m_device->Get()->CreateCommandList(0, D3D12_COMMAND_LIST_TYPE_DIRECT, m_allocator,
+                                                     nullptr, IID_PPV_ARGS(&list)));
+            Check(list->Close());
+            m_lists.push_back(std::move(list));
         }
         Check(m_allocator->Reset());
         for (const auto& list : m_lists) {
-            auto* const graphics = static_cast<ID3D12GraphicsCommandList*>(list.p);
-            Check(graphics->Reset(m_allocator, nullptr));
-            Check(graphics->Close());
+            Check(list->Reset(m_allocator, nullptr));
+            Check(list->Close());
         }
     }
     void ExecuteExpert() {
@@ -65,7 +67,7 @@ private:
     boost::intrusive_ptr<DX::D12CommandQueue> m_queue{new DX::D12CommandQueue(m_device, {})};
     std::vector<boost::intrusive_ptr<DX::D12CommandAllocator>> m_ready;
     CComPtr<ID3D12CommandAllocator> m_allocator;
-    std::vector<CComPtr<ID3D12CommandList>> m_lists;
+    std::vector<CComPtr<ID3D12GraphicsCommandList>> m_lists;
     Fence12 m_fence{m_device->Get()};
 };
 

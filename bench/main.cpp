@@ -9,6 +9,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "Proc/DirectX/Manager/Exceptions.h"
 #include "bench/Cases.h"
 #include "tests/support/MethodPatch.h"
 
@@ -41,8 +42,9 @@ BOOL AnswerAboutProcessors(auto original, SYSTEM_LOGICAL_PROCESSOR_INFORMATION* 
 
 std::vector<Case> MakeCases() {
     std::vector<Case> all;
-    for (auto* const make : {&MakeFrameCases12, &MakeFrameCases11, &MakeTransferCases,
-                             &MakeSubmissionCases, &MakePoolCases}) {
+    for (auto* const make :
+         {&MakeFrameCases12, &MakeFrameCases11, &MakeTransferCases, &MakeSubmissionCases,
+          &MakePoolCases, &MakeThreadCases, &MakePictureCases, &MakeGrowthCases}) {
         auto some = make();
         std::move(some.begin(), some.end(), std::back_inserter(all));
     }
@@ -103,6 +105,10 @@ int main(int argc, char** argv) {
     }
     try {
         return Run(own);
+    } catch (const Norvex::DX::DirectXException& e) {
+        std::fprintf(stderr, "bench: %s. %s\n", e.GetErrorDescription().c_str(),
+                     e.GetResultDescription().c_str());
+        return 1;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "bench: %s\n", e.what());
         return 1;

@@ -42,13 +42,20 @@ CComPtr<ID3D12Resource> D12FreeList::Take(std::uint64_t size, End end) {
     return resource;
 }
 
+// In portions, each released after the lock: who wants a resource meanwhile waits for none of it.
 void D12FreeList::FreeExpired() {
-    Entries expired; // released after the lock
-    const std::scoped_lock lock(m_lock);
     const auto now = Clock::now();
+    while (!TakeExpired(now).empty()) {
+    }
+}
+
+D12FreeList::Entries D12FreeList::TakeExpired(Clock::time_point now) {
+    constexpr std::size_t kMostAtOnce = 64;
+    Entries expired;
+    const std::scoped_lock lock(m_lock);
     bool isEmpty = true;
     for (auto& [size, entries] : m_entries) {
-        while (!entries.empty() && entries.front().expiry <= now) {
+        while (expired.size() < kMostAtOnce && !entries.empty() && entries.front().expiry <= now) {
             expired.splice(expired.end(), entries, entries.begin());
         }
         isEmpty = isEmpty && entries.empty();
@@ -56,6 +63,7 @@ void D12FreeList::FreeExpired() {
     if (isEmpty) {
         m_timer.Stop();
     }
+    return expired;
 }
 
 void D12FreeList::Clear() {

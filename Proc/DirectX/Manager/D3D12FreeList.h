@@ -42,6 +42,8 @@ private:
     using Entries = std::list<Entry>;
 
     void FreeExpired();
+    // A few of those that expired before `now`; stops the timer when nothing is left at all.
+    Entries TakeExpired(Clock::time_point now);
 
     mutable std::mutex m_lock;                  // guards the lists, start and stop of the timer
     std::map<std::uint64_t, Entries> m_entries; // by size, oldest first

@@ -1,0 +1,133 @@
+// Whole pictures: conversion to the planes of encoders beside a draw that converts nothing, and
+// showing a frame.
+
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/D3YUVConverter.h"
+#include "Proc/DirectX/Manager/DXGISwapChain.h"
+#include "bench/Cases.h"
+#include "bench/Direct3D12Twin.h"
+#include "tests/support/TestWindow.h"
+
+namespace Norvex::Bench {
+
+namespace {
+
+class Pictures {
+public:
+    Pictures(unsigned width, unsigned height, DXGI_FORMAT format)
+        : m_width(width),
+          m_height(height),
+          m_format(format) {
+        const bool isDeep = format == DXGI_FORMAT_P010;
+        m_source = m_device->CreateTextureShaderResourceView(
+            MakeTexture(1, DXGI_FORMAT_R8G8B8A8_UNORM, D3D12_RESOURCE_FLAG_NONE));
+        m_target = m_device->CreateRenderTargetView(MakeTarget(1, DXGI_FORMAT_R8G8B8A8_UNORM));
+        m_luma = MakeTarget(1, isDeep ? DXGI_FORMAT_R16_UNORM : DXGI_FORMAT_R8_UNORM);
+        m_chroma = MakeTarget(2, isDeep ? DXGI_FORMAT_R16G16_UNORM : DXGI_FORMAT_R8G8_UNORM);
+    }
+
+    void Draw() {
+        Run([this](const auto& allocator) {
+            m_drawer->Encode(allocator, m_source, m_target, std::nullopt, std::nullopt);
+        });
+    }
+    void Convert() {
+        constexpr DX::D12ResourceStates kRead = {kSource, kSource};
+        constexpr DX::D12ResourceStates kDrawn = {kDrawTarget, kDrawTarget};
+        Run([&](const auto& allocator) {
+            m_converter->Encode(allocator, m_source->GetFirstResource(), m_luma, m_chroma, m_format,
+                                Conf::YCbCrMatrix::BT709, {kRead, kDrawn, kDrawn});
+        });
+    }
+
+private:
+    static constexpr auto kSource = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+    static constexpr auto kDrawTarget = D3D12_RESOURCE_STATE_RENDER_TARGET;
+
+    void Run(const auto& record) {
+        const auto allocator = m_queue->CreateCommandAllocator();
+        record(allocator);
+        allocator->Execute();
+        allocator->WaitComplete();
+    }
+    CComPtr<ID3D12Resource> MakeTexture(unsigned divisor, DXGI_FORMAT format,
+                                        D3D12_RESOURCE_FLAGS flags) {
+        DX::D12Texture2DDesc desc;
+        desc.width = m_width / divisor;
+        desc.height = m_height / divisor;
+        desc.format = format;
+        desc.resourceFlags = flags;
+        desc.initialState = flags == D3D12_RESOURCE_FLAG_NONE ? kSource : kDrawTarget;
+        return m_device->CreateTexture2D(desc);
+    }
+    CComPtr<ID3D12Resource> MakeTarget(unsigned divisor, DXGI_FORMAT format) {
+        return MakeTexture(divisor, format, D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET);
+    }
+
+    unsigned m_width;
+    unsigned m_height;
+    DXGI_FORMAT m_format;
+    boost::intrusive_ptr<DX::D12Device> m_device = DX::D12Device::CreatePrimary();
+    boost::intrusive_ptr<DX::D12CommandQueue> m_queue{new DX::D12CommandQueue(m_device, {})};
+    boost::intrusive_ptr<DX::D12ImageDraw> m_drawer{new DX::D12ImageDraw(m_device)};
+    boost::intrusive_ptr<DX::D12YUVConverter> m_converter{
+        new DX::D12YUVConverter(m_device, Proc::AlphaType::AlphaIsOne)};
+    boost::intrusive_ptr<DX::D12Descriptor> m_source;
+    boost::intrusive_ptr<DX::D12Descriptor> m_target;
+    CComPtr<ID3D12Resource> m_luma;
+    CComPtr<ID3D12Resource> m_chroma;
+};
+
+Ways MakeConversions(unsigned width, unsigned height, DXGI_FORMAT format) {
+    const auto pictures = std::make_shared<Pictures>(width, height, format);
+    return {{MakeWay("convert", [pictures] { pictures->Convert(); }, {"draw"}),
+             MakeWay("draw", [pictures] { pictures->Draw(); })},
+            {}};
+}
+
+struct Screens {
+    static constexpr DX::Size2DT<long> kSize = {320, 240};
+
+    Scene12 scene;
+    Test::TestWindow ownWindow{kSize};
+    Test::TestWindow otherWindow{kSize};
+    boost::intrusive_ptr<DX::DXGISwapChain> swapChain =
+        DX::DXGISwapChain::Create(scene.device, ownWindow.Get());
+    CComPtr<IDXGISwapChain3> raw = scene.queue->CreateSwapChainForHwnd(
+        otherWindow.Get(), Test::MakeSwapChainDesc(kSize.width, kSize.height));
+};
+
+Ways MakePresents() {
+    const auto screens = std::make_shared<Screens>();
+    return {{MakeWay("Present", [screens] { screens->swapChain->Present(); }, {"raw"}),
+             MakeWay("raw", [screens] { screens->raw->Present(1, 0); })},
+            {}};
+}
+
+} // namespace
+
+std::vector<Case> MakePictureCases() {
+    struct Row {
+        const char* name;
+        unsigned width;
+        unsigned height;
+        DXGI_FORMAT format;
+    };
+    std::vector<Case> cases;
+    for (const auto& [name, width, height, format] :
+         {Row{"nv12/1080p", 1920, 1080, DXGI_FORMAT_NV12},
+          Row{"p010/1080p", 1920, 1080, DXGI_FORMAT_P010},
+          Row{"nv12/4k", 3840, 2160, DXGI_FORMAT_NV12},
+          Row{"p010/4k", 3840, 2160, DXGI_FORMAT_P010}}) {
+        cases.push_back({std::string("d3d12/convert/") + name, Clock::Wall,
+                         [=] { return MakeConversions(width, height, format); }});
+    }
+    cases.push_back({"d3d12/present", Clock::Both, &MakePresents});
+    return cases;
+}
+
+} // namespace Norvex::Bench
