@@ -11,6 +11,7 @@
 #                                 is none when the tests run, they leave it out
 #     [SECOND_DIRECT3D11]         run on DXVK's Direct3D 11 instead of Wine's
 #     [WITHOUT <d3d12|d3dcompiler_47|vulkan>]  run where the system lacks this library
+#     [LONG]                      takes most of a minute, and so begins first
 #     [ENVIRONMENT K=V ...] [ARGUMENTS ...] [TIMEOUT <seconds>] [NO_MAIN])
 # norvex_add_test_run(<name> PROGRAM <target> ...)
 #     one more run of a test program, with the same options
@@ -28,7 +29,7 @@ file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
 file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
 file(WRITE "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "")
 
-set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 NO_MAIN)
+set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 LONG NO_MAIN)
 set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATION_REPORTS TIMEOUT SANITIZER)
 set(kTestLists SOURCES LIBRARIES ENVIRONMENT ARGUMENTS DEFINITIONS)
 
@@ -116,6 +117,9 @@ endmacro()
 macro(norvex_set_test_properties)
     # The runner itself stops a program that takes too long; this only catches a runner that hangs.
     math(EXPR outerTimeout "${arg_TIMEOUT} + 30")
+    if(arg_LONG)
+        set_tests_properties(${arg_NAME} PROPERTIES COST 60)
+    endif()
     set_tests_properties(${arg_NAME} PROPERTIES
         TIMEOUT ${outerTimeout}
         ENVIRONMENT "${arg_ENVIRONMENT}"
@@ -140,7 +144,7 @@ function(norvex_add_native_test)
     file(CONFIGURE OUTPUT "${program}.cpp" CONTENT "${includes}" @ONLY)
     list(TRANSFORM arg_DEFINITIONS PREPEND -D)
     add_custom_command(OUTPUT "${program}"
-        COMMAND ${kNativeCompiler} -std=c++20 -O1 -g -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
+        COMMAND ${kNativeCompiler} -std=c++20 -g1 -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
                 -Wall -Wextra -Wpedantic -Werror -DNORVEX_STATIC "-I${CMAKE_SOURCE_DIR}" ${arg_DEFINITIONS}
                 -MMD -MF "${program}.d" -MT "${program}" "${program}.cpp" -o "${program}"
                 -lgtest_main -lgtest -lfmt -pthread
