@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -82,7 +81,8 @@ struct Decoder {
 std::uint16_t GetSample(float signal) {
     constexpr float kMax = 65535.0F;
     const double sample = std::clamp(signal, 0.0F, 1.0F) * kMax;
-    return static_cast<std::uint16_t>(sample + 0.5); // std::lround's answer, in half its time
+    constexpr double kHalf = 0.5; // exact in double precision: std::lround's answer, sooner
+    return static_cast<std::uint16_t>(sample + kHalf);
 }
 
 template <class Sample>
