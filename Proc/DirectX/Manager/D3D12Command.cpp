@@ -161,20 +161,25 @@ void D12CommandAllocator::Wait(const boost::intrusive_ptr<D12CommandAllocator>& 
     Wait(other->m_state.GetCompletionEvent());
 }
 
-void D12CommandAllocator::SubmitQueued(const Location& location) {
-    const std::lock_guard guard(m_lock);
-    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
-                                    "There are no command lists to execute", location);
-    ThrowUnless<DirectX12Exception>(std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
-                                    "Found command list that was not closed", location);
-    const auto finished = WaitAndTake(location);
-    Submit(location);
+void D12CommandAllocator::Execute() {
+    Execute(Release::InBackground);
 }
 
-void D12CommandAllocator::Execute() {
-    SubmitQueued(Location::current());
-    QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
-                      [this](IRefCountable&) { WaitComplete(); });
+void D12CommandAllocator::Execute(Release release) {
+    {
+        const std::lock_guard guard(m_lock);
+        ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
+                                        "There are no command lists to execute");
+        ThrowUnless<DirectX12Exception>(
+            std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
+            "Found command list that was not closed");
+        const auto finished = WaitAndTake(Location::current());
+        Submit(Location::current());
+    }
+    if (release == Release::InBackground) {
+        QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
+                          [this](IRefCountable&) { WaitComplete(); });
+    }
 }
 
 void D12CommandAllocator::Submit(const Location& location) {

@@ -162,8 +162,9 @@ private:
     };
     using Location = std::source_location;
 
-    // Execute without the background release.
-    void SubmitQueued(const Location& location);
+    // ByCaller: by the WaitComplete that follows.
+    enum class Release { InBackground, ByCaller };
+    void Execute(Release release);
     // These expect m_lock to be held.
     std::vector<D12TrackedObjects> WaitAndTake(const Location& location);
     // Nothing where it has been taken already; the memory stays then.

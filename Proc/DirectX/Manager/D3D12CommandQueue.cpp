@@ -171,7 +171,7 @@ void D12CommandQueue::CopyToStaging(const Params& params, D12Buffer& staging, co
         list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
     });
     // Nobody else is to release what this thread waits for.
-    allocator->SubmitQueued(std::source_location::current());
+    allocator->Execute(D12CommandAllocator::Release::ByCaller);
     allocator->WaitComplete();
 }
 
