@@ -130,6 +130,7 @@ std::vector<Case> MakePoolCases() {
           {"recycled", &Pools::RecycleAllocatorAndList}}},
     };
     std::vector<Case> cases;
+    cases.reserve(rows.size());
     for (const Row& row : rows) {
         cases.push_back({std::string("d3d12/pool/") + row.name, Clock::Thread,
                          [operations = row.operations] { return MakePools(operations); }});

@@ -94,6 +94,7 @@ int main(int argc, char** argv) {
         (argument.starts_with("--benchmark_") ? options : own).push_back(argument);
     }
     std::vector<char*> pointers;
+    pointers.reserve(options.size() + 1);
     for (std::string& option : options) {
         pointers.push_back(option.data());
     }
