@@ -48,7 +48,7 @@ std::uint8_t PredictPaeth(std::uint8_t left, std::uint8_t above, std::uint8_t ab
 }
 
 // Tries the filters on a row, and keeps the result whose bytes, taken as signed numbers, have the
-// least sum of magnitudes: the choice that the specification recommends.
+// least sum of magnitudes: the choice that PNG recommends.
 class Trial {
 public:
     Trial(std::size_t rowSize, std::size_t pixelSize)
