@@ -238,12 +238,10 @@ void D12CommandAllocator::WaitComplete() {
     }
     // Without the lock, so that the GPU wakes each of those who wait, not one the other.
     D12CompletionEvent& event = *m_state.GetCompletionEvent();
-    const std::uint64_t value = event.GetValue();
-    event.WaitFor(value, Location::current());
+    event.WaitFor(event.GetValue(), Location::current());
     const std::lock_guard guard(m_lock);
-    // A later Execute has released it, and what is in use is of another submission.
-    if (event.GetValue() != value || m_isSignalDue) {
-        return;
+    if (!IsCompleted()) {
+        return; // a later Execute has released it, and what is in use is of that submission
     }
     auto finished = TakeUsed();
     finished.clear();                       // the destructors may use this allocator, and submit
