@@ -58,11 +58,16 @@ locked() {
     exec {descriptor}>&-
 }
 
+# A folder that holds this file stays, whatever becomes of the run that makes it.
+kIsWhole=.is-whole
+
 # Whoever holds this pipe is part of the run. When the last of them is gone, however it ended, what was
 # named in the pipe goes too; the one who waits for that is out of reach of signals to the run.
 watch_leftovers() {
-    exec {leftovers}> >(exec setsid bash -c 'mapfile -t paths && rm -rf --one-file-system "${paths[@]}"' \
-        >/dev/null 2>&1)
+    exec {leftovers}> >(exec setsid bash -c 'mapfile -t paths
+        for path in "${paths[@]}"; do
+            [ -e "$path/$0" ] || rm -rf --one-file-system "$path"
+        done' "$kIsWhole" >/dev/null 2>&1)
     sessions=$cache/sessions/$$
     goes_with_run "$sessions"
 }

@@ -4,13 +4,10 @@
 # Where the machine is Debian 13 itself, that is the machine; elsewhere it is a folder that
 # bubblewrap enters.
 
+# What builds the program is installed first, so that the build begins while the rest is on its way.
 kBuildPackages=(
-    # compiling, for Windows and, for the sanitizers, for the machine itself
-    g++-mingw-w64-x86-64-posix g++ cmake ninja-build
-    # libraries
+    g++-mingw-w64-x86-64-posix cmake ninja-build
     directx-headers-dev libboost-dev libcli11-dev libz-mingw-w64-dev nlohmann-json3-dev
-    # GoogleTest as sources, to be cross-built; with fmt as libraries, for the sanitizers
-    googletest libgtest-dev libfmt-dev
 )
 kRunPackages=(
     # Windows programs, a display, software drivers and their validation
@@ -20,9 +17,17 @@ kRunPackages=(
     # clips to encode, and a judge of what comes out
     ffmpeg
 )
-kRootPackages=("${kBuildPackages[@]}" "${kRunPackages[@]}")
+kTestPackages=(
+    # GoogleTest as sources, to be cross-built
+    googletest
+    # compiling and libraries for the machine itself, for the sanitizers
+    g++ libgtest-dev libfmt-dev
+)
+kLaterPackages=("${kRunPackages[@]}" "${kTestPackages[@]}")
 kSuite=trixie
-kCompilersThere=.compilers-there
+kCanBuild=.can-build # in the system's folder, when there is something to build with
+
+rootMaker='' # the process that makes the system
 
 os_release() { sed -n "s/^$1=\"\?\([^\"]*\)\"\?$/\1/p" /etc/os-release; }
 
@@ -39,7 +44,7 @@ find_root() {
         native=1
         rootKey=native
     else
-        rootKey=$(hash_of "${kRootPackages[*]}" "$kSuite" "$(declare -f make_root)")
+        rootKey=$(hash_of "${kBuildPackages[*]}" "${kLaterPackages[*]}" "$kSuite" "$(declare -f make_root)")
         root=$cache/root-$rootKey
     fi
 }
@@ -80,48 +85,56 @@ mirror() {
     echo "$found"
 }
 
-# make_root FOLDER: what builds first; kCompilersThere in it says so, while the rest is still on its way.
+# Makes the system under its own name, not beside it, because the build uses it before it is whole.
 make_root() {
-    local target=$1 package mirror lean
+    local package mirror lean
     mirror=$(mirror)
     # Told to dpkg by a file: as --dpkgopt they make mmdebstrap read each archive through a slow filter.
     lean="path-exclude='/usr/share/man/*' path-exclude='/usr/share/locale/*' path-exclude='/usr/share/doc/*'"
     lean+=" path-include='/usr/share/doc/*/copyright'"
-    apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$target.apt.conf" || true
+    apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$root.apt.conf" || true
+    as_root rm -rf --one-file-system "$root"
     as_root mmdebstrap --variant=minbase --mode=root --include="$(IFS=, && echo "${kBuildPackages[*]}")" \
-        --aptopt="$target.apt.conf" --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
+        --aptopt="$root.apt.conf" --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
         --dpkgopt=force-unsafe-io --extract-hook="printf '%s\n' $lean >\"\$1/etc/dpkg/dpkg.cfg.d/lean\"" \
-        --customize-hook="touch \"\$1/$kCompilersThere\"" \
-        --customize-hook="chroot \"\$1\" apt-get install --yes ${kRunPackages[*]}" \
-        "$kSuite" "$target" "deb $mirror $kSuite main"
-    rm -f "$target.apt.conf"
+        --customize-hook="touch \"\$1/$kCanBuild\"" \
+        --customize-hook="chroot \"\$1\" apt-get install --yes ${kLaterPackages[*]}" \
+        "$kSuite" "$root" "deb $mirror $kSuite main"
+    rm -f "$root.apt.conf"
     # An interrupted mmdebstrap ends as if all were well.
-    for package in "${kRootPackages[@]}"; do
-        is_installed "$package" --admindir "$target/var/lib/dpkg" || fail "The package $package is missing."
+    for package in "${kBuildPackages[@]}" "${kLaterPackages[@]}"; do
+        is_installed "$package" --admindir "$root/var/lib/dpkg" || fail "The package $package is missing."
     done
+    as_root touch "$root/$kIsWhole"
 }
+
+root_is_whole() { [ -n "$native" ] || [ -e "$root/$kIsWhole" ]; }
 
 ensure_root() {
     if [ -n "$native" ]; then
-        install_here "${kRootPackages[@]}"
-    else
-        [ -d "$root" ] || install_here mmdebstrap
+        install_here "${kBuildPackages[@]}" "${kLaterPackages[@]}"
+    elif ! root_is_whole; then
+        command -v mmdebstrap >/dev/null || install_here mmdebstrap
         command -v bwrap >/dev/null || install_here bubblewrap
-        make_once "$root" "Making a Debian 13 system of 2.3 GB (about a minute)" make_root
+        say "Making a Debian 13 system of 2.3 GB (about a minute)"
+        goes_with_run "$root"
+        quietly "$root.log" make_root
     fi
 }
 
-# wait_for_compilers PROCESS: until there is something to build in, which ensure_root, that process,
-# makes; sets root to where that is
+# Until there is something to build with.
 wait_for_compilers() {
-    while kill -0 "$1" 2>/dev/null; do
-        if [ -e "$(passing_name "$root")/$kCompilersThere" ]; then
-            root=$(passing_name "$root")
-            return
-        fi
+    while kill -0 "$rootMaker" 2>/dev/null; do
+        [ ! -e "$root/$kCanBuild" ] || return 0
         sleep 0.2
     done
-    [ -n "$native" ] || [ -d "$root" ]
+    wait "$rootMaker"
+}
+
+# Until all of the system is there; also in siblings of the maker, who says what fails.
+wait_for_root() {
+    [ -z "$rootMaker" ] || tail --pid="$rootMaker" -f /dev/null
+    root_is_whole
 }
 
 # is_system FOLDER: whether it is a part of the machine's operating system

@@ -31,48 +31,50 @@ ensure_compiler() {
     fi
 }
 
-# Side by side: downloads, the root, and, as soon as that has compilers, what they make.
+# Side by side: downloads, the system, and, as soon as that has compilers, what they make. The rest of the
+# system may still be on its way afterwards; its maker holds the lock.
 setup_steps() {
-    local download rootMaker sdkMaker maker failed=''
+    local download
     make_once "$downloads" "Downloading sources and a photograph, 14 MB" download &
     download=$!
     ensure_root &
     rootMaker=$!
-    (
-        wait_for_compilers "$rootMaker" || exit 1 # of which the maker tells
-        tail --pid="$download" -f /dev/null
-        [ ! -d "$downloads" ] || make_once "$sdk" "Cross-building glog, fmt and libpng" \
-            in_root "$project/scripts/third-party.sh" "$downloads"
-    ) &
-    sdkMaker=$!
-    for maker in "$download" "$rootMaker" "$sdkMaker"; do
-        wait "$maker" || failed=1
-    done
-    [ -z "$failed" ] || exit 1
+    wait_for_compilers
+    wait "$download"
+    make_once "$sdk" "Cross-building glog, fmt and libpng" in_root "$project/scripts/third-party.sh" "$downloads"
 }
 
-is_set_up() {
-    [ -d "$downloads" ] && [ -d "$sdk" ] && { [ -n "$native" ] || [ -d "$root" ]; }
-}
+is_set_up() { [ -d "$downloads" ] && [ -d "$sdk" ] && root_is_whole; }
 
-ensure_setup() {
+# What builds the program is there; the rest may be on its way.
+begin_setup() {
     find_setup
     is_set_up || locked "$cache/lock" setup_steps
 }
 
-# Before a build that in_wine comes after: the Wine prefix is made beside it.
+ensure_setup() {
+    begin_setup
+    wait_for_root
+}
+
+# The Wine prefix is made beside the build that comes before in_wine.
 begin_wine() {
     [ -d "$winePrefix" ] || {
-        locked "$cache/wine-lock" make_once "$winePrefix" "Making the Wine prefix" \
-            in_root "$project/scripts/wine-prefix.sh" &
+        locked "$cache/wine-lock" make_wine_prefix &
         prefixMaker=$!
     }
+}
+
+make_wine_prefix() {
+    wait_for_root || return
+    make_once "$winePrefix" "Making the Wine prefix" in_root "$project/scripts/wine-prefix.sh"
 }
 
 # in_wine COMMAND...: in_root, for what runs Windows programs
 in_wine() {
     [ -z "$prefixMaker" ] || wait "$prefixMaker"
     prefixMaker=''
+    wait_for_root
     in_root "$@"
 }
 
@@ -88,6 +90,7 @@ build() {
 configure_when_due() {
     local key fresh=()
     [ ! -e "$buildFolder/.with-tests" ] || tests=ON
+    [ "$tests" = OFF ] || wait_for_root # which has more than the program needs
     [ -n "$benchmark" ] || [ ! -d "$(cat "$buildFolder/.with-benchmark" 2>/dev/null)" ] || benchmark=$(cat "$buildFolder/.with-benchmark")
     key=$(hash_of "$sdk" "$tests" "$benchmark" "$project/CMakePresets.json" "${configureArguments[*]}")
     if [ -e "$buildFolder/build.ninja" ] && [ "$(cat "$buildFolder/.key" 2>/dev/null)" = "$key" ]; then
