@@ -94,13 +94,13 @@ make_root() {
     lean+=" path-include='/usr/share/doc/*/copyright'"
     apt-config dump | grep -E '^Acquire::(http|https|Retries|ForceIPv)' >"$root.apt.conf" || true
     as_root rm -rf --one-file-system "$root"
-    as_root mmdebstrap --variant=minbase --mode=root --include="$(IFS=, && echo "${kBuildPackages[*]}")" \
+    # What it mounts there ends with it.
+    as_root unshare --mount mmdebstrap --variant=minbase --mode=root --include="$(IFS=, && echo "${kBuildPackages[*]}")" \
         --aptopt="$root.apt.conf" --aptopt='APT::Install-Recommends "false"' --aptopt='Acquire::Languages "none"' \
         --dpkgopt=force-unsafe-io --extract-hook="printf '%s\n' $lean >\"\$1/etc/dpkg/dpkg.cfg.d/lean\"" \
         --customize-hook="touch \"\$1/$kCanBuild\"" \
         --customize-hook="chroot \"\$1\" apt-get install --yes ${kLaterPackages[*]}" \
         "$kSuite" "$root" "deb $mirror $kSuite main"
-    rm -f "$root.apt.conf"
     # An interrupted mmdebstrap ends as if all were well.
     for package in "${kBuildPackages[@]}" "${kLaterPackages[@]}"; do
         is_installed "$package" --admindir "$root/var/lib/dpkg" || fail "The package $package is missing."
@@ -118,6 +118,7 @@ ensure_root() {
         command -v bwrap >/dev/null || install_here bubblewrap
         say "Making a Debian 13 system of 2.3 GB (about a minute)"
         goes_with_run "$root"
+        goes_with_run "$root.apt.conf"
         quietly "$root.log" make_root
     fi
 }
