@@ -2,7 +2,7 @@
 #
 # The cache is a user's, shared by all clones. What a step makes lies there under a name that ends
 # in a hash of all that the step depends on; it is made beside and renamed, so that an interrupted
-# run leaves nothing half-made in place.
+# run leaves nothing half-made in place. The system alone is made in place, and marked when it is whole.
 
 : "${NORVEXDX_CACHE:=${XDG_CACHE_HOME:-$HOME/.cache}/norvexdx}"
 mkdir -p "$NORVEXDX_CACHE"
