@@ -3,6 +3,7 @@
 #
 # norvex_add_test(<name> SOURCES ... [LIBRARIES ...]
 #     [VALIDATED]                 run under the Vulkan validation layer; one message fails the test
+#     [VALIDATED_BUT <text>]      the same, but messages that have <text>
 #     [VALIDATION_REPORTS <text>] run under the layer; the test fails unless the layer says <text>
 #     [WINDOWS_VERSION <win7|win8|win81|win10|win11>]  what Windows tells the program to be
 #     [STARTS <target>]           with WINDOWS_VERSION: the program that the test starts is told, not
@@ -30,7 +31,7 @@ file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
 file(WRITE "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "")
 
 set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 LONG NO_MAIN)
-set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATION_REPORTS TIMEOUT SANITIZER)
+set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATED_BUT VALIDATION_REPORTS TIMEOUT SANITIZER)
 set(kTestLists SOURCES LIBRARIES ENVIRONMENT ARGUMENTS DEFINITIONS)
 
 macro(norvex_parse_test_arguments)
@@ -74,6 +75,9 @@ function(norvex_add_test_run)
     set(options --result "${result}" --timeout ${arg_TIMEOUT})
     if(arg_VALIDATED)
         list(APPEND options --validated)
+    endif()
+    if(arg_VALIDATED_BUT)
+        list(APPEND options --validated-but "${arg_VALIDATED_BUT}")
     endif()
     if(arg_VALIDATION_REPORTS)
         list(APPEND options --validation-reports "${arg_VALIDATION_REPORTS}")

@@ -1,11 +1,17 @@
 // Pictures as files: what is read, and what is left of what is written.
 
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <random>
 #include <span>
 #include <utility>
 
 #include <gmock/gmock.h>
 #include <zlib.h>
 
+#include "apps/norvexdx/clips/FrameSource.h"
+#include "apps/norvexdx/pictures/ColorProfile.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/pictures/OutputFile.h"
 #include "tests/apps/Expectations.h"
@@ -140,6 +146,101 @@ TEST_F(FileTest, WritesLargePicturesAsOneStream) {
             rest = rest.subspan(4 + size + 4);
         }
     }
+}
+
+// Puts the check behind each chunk of a PNG file right, so that what it guards is read.
+void MendChecks(Bytes& file) {
+    for (std::span rest = std::span(file).subspan(8); rest.size() >= 12;) {
+        const std::size_t size = GetNumber(rest) + 4; // with the chunk's type
+        if (size > rest.size() - 8) {
+            return;
+        }
+        const auto check = crc32(0, &rest[4], static_cast<uInt>(size));
+        for (unsigned i = 0; i < 4; ++i) {
+            rest[4 + size + i] = static_cast<std::uint8_t>(check >> (24 - 8 * i));
+        }
+        rest = rest.subspan(8 + size);
+    }
+}
+
+// Some bytes changed, taken out or doubled, most often near the beginning.
+Bytes Damage(Bytes file, std::mt19937& random) {
+    const auto below = [&random](auto limit) {
+        return static_cast<std::ptrdiff_t>(random() % static_cast<std::size_t>(limit));
+    };
+    for (auto changes = 1 + below(4); changes > 0; --changes) {
+        constexpr std::ptrdiff_t kNear = 64;
+        const auto from =
+            file.begin() + below(std::min(below(2) * std::ssize(file) + kNear, std::ssize(file)));
+        const auto to =
+            from + below(std::min(below(8) == 0 ? std::ssize(file) : 8, file.end() - from));
+        const Bytes part(from, to);
+        switch (below(4)) {
+        case 0:
+            file.erase(from, to);
+            break;
+        case 1:
+            file.insert(from, part.begin(), part.end());
+            break;
+        case 2:
+            std::fill(from, to, below(2) == 0 ? 0 : 0xFF);
+            break;
+        default:
+            *from = static_cast<std::uint8_t>(random());
+        }
+    }
+    return file;
+}
+
+// NORVEX_FUZZ: how many of each kind.
+TEST_F(FileTest, DamagedFilesAreReadOrRefusedInOneLine) {
+    char wanted[16] = "100";
+    const auto path = m_folder.GetPath("damaged.y4m"); // only of clips the name matters
+    GetEnvironmentVariableA("NORVEX_FUZZ", wanted, sizeof(wanted));
+    const auto expect = [&](const char* name, const auto& read) {
+        const Bytes whole = ReadInputFile(m_folder.GetPath(name));
+        std::mt19937 random(1);
+        for (int i = 0; i <= std::atoi(wanted); ++i) {
+            SCOPED_TRACE(fmt::format("{}, {}", name, i));
+            Bytes file = i == 0 ? whole : Damage(whole, random);
+            if (i % 2 != 0 && name == "a.png"s) {
+                MendChecks(file);
+            }
+            WriteBytes(path, file);
+            const std::string line = FailureOf(read);
+            EXPECT_TRUE(i > 0 || line == "(nothing)") << line;
+            EXPECT_TRUE(std::ranges::none_of(line, &::iscntrl)) << line;
+        }
+    };
+    const auto readPicture = [&] {
+        const Image image = ReadImage(path);
+        EXPECT_EQ(image.pixels.size(), image.GetRowSize() * image.height);
+    };
+    const Image noise = MakeNoise(20, 20, 8, true);
+    const auto& format = GUID_WICPixelFormat32bppBGRA;
+    WriteWithWic(m_folder.GetPath("a.tif"), GUID_ContainerFormatTiff, format, 20, 20, noise.pixels);
+    WriteWithWic(m_folder.GetPath("a.bmp"), GUID_ContainerFormatBmp, format, 20, 20, noise.pixels);
+    WriteJpeg(m_folder.GetPath("a.jpg"), noise);
+    WriteImage(m_folder.GetPath("a.png"), noise);
+    for (const char* name : {"a.tif", "a.bmp", "a.jpg", "a.png"}) {
+        expect(name, readPicture);
+    }
+    WriteBytes(m_folder.GetPath("a.y4m"),
+               "YUV4MPEG2 W2 H1 F25:1 Ip A1:1 C444\nFRAME\n123456FRAME\n123456"s);
+    expect("a.y4m", [&] {
+        EncodePlan plan;
+        plan.options.inputs = {Utf8FromPath(path)};
+        Image frame;
+        for (const auto source = OpenFrameSource(plan); source->Read(frame);) {
+            EXPECT_EQ(frame.pixels.size(), frame.GetRowSize() * frame.height);
+        }
+    });
+    WriteBytes(m_folder.GetPath("a.icm"), ReadSRGBProfile());
+    expect("a.icm", [&] {
+        Image image = noise;
+        image.profile = {ReadInputFile(path), {}};
+        ApplyProfile(image);
+    });
 }
 
 TEST_F(FileTest, LeavesTheOldFileUntilTheNewOneIsWhole) {

@@ -75,6 +75,14 @@ inline std::string ReadText(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// The system's own.
+inline std::string ReadSRGBProfile() {
+    wchar_t system[MAX_PATH] = {};
+    GetSystemDirectoryW(system, MAX_PATH);
+    return ReadText(std::filesystem::path(system) /
+                    L"spool/drivers/color/sRGB Color Space Profile.icm");
+}
+
 inline DXGI_FORMAT FormatOfDepth(unsigned bitsPerChannel) {
     return bitsPerChannel == 8 ? DXGI_FORMAT_R8G8B8A8_UNORM : DXGI_FORMAT_R16G16B16A16_UNORM;
 }

@@ -190,10 +190,7 @@ TEST_F(ProgramTest, ConvertsPicturesWithAProfile) {
     WriteJpeg(m_folder.GetPath("in.jpg"), MakePlain(16, 16, kColor));
     const std::string png = ReadText(m_folder.GetPath("in.png"));
     const std::string jpeg = ReadText(m_folder.GetPath("in.jpg"));
-    wchar_t system[MAX_PATH] = {};
-    GetSystemDirectoryW(system, MAX_PATH);
-    const std::string sRGB = ReadText(std::filesystem::path(system) /
-                                      L"spool/drivers/color/sRGB Color Space Profile.icm");
+    const std::string sRGB = ReadSRGBProfile();
     std::string profile = sRGB; // red and blue exchanged
     profile.replace(sRGB.find("rXYZ"), 4, "bXYZ").replace(sRGB.find("bXYZ"), 4, "rXYZ");
     const std::string grey = std::string(sRGB).replace(16, 4, "GRAY");

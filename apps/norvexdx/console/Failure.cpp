@@ -14,8 +14,16 @@ namespace {
 // As HResult is stored on an exception.
 using CarriedResult = boost::error_info<TagHResult, HResultValue>;
 
+// What a file says of itself may be in a line that goes to a terminal.
+std::string WithoutControls(std::string text) {
+    constexpr char kDelete = 0x7F;
+    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == kDelete; };
+    std::ranges::replace_if(text, isControl, ' ');
+    return text;
+}
+
 std::string OnOneLine(std::string text) {
-    std::replace_if(text.begin(), text.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+    text = WithoutControls(std::move(text));
     text.erase(
         std::unique(text.begin(), text.end(), [](char a, char b) { return a == ' ' && b == ' '; }),
         text.end());
@@ -41,7 +49,7 @@ std::string Describe(const Exception& exception) {
 } // namespace
 
 Failure::Failure(const std::string& line, ExitCode exitCode)
-    : std::runtime_error(line),
+    : std::runtime_error(WithoutControls(line)),
       m_exitCode(exitCode) {}
 
 FailureReport DescribeFailure(const std::exception_ptr& exception) {

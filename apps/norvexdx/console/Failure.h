@@ -13,7 +13,8 @@ enum class ExitCode : int { Success = 0, Failure = 1, WrongUsage = 2 };
 
 class Failure : public std::runtime_error {
 public:
-    // One line of UTF-8, without full stop and without the program's name.
+    // One line of UTF-8, without full stop and without the program's name; control characters in it
+    // become spaces.
     explicit Failure(const std::string& line, ExitCode exitCode = ExitCode::Failure);
 
     ExitCode GetExitCode() const { return m_exitCode; }

@@ -85,7 +85,7 @@ std::string ReadName(const Element& element) {
     for (std::size_t i = 0; i < length && offset + i < element.size(); i += isWide ? 2 : 1) {
         name += static_cast<wchar_t>(ReadNumber(element, offset + i, isWide ? 2 : 1));
     }
-    std::erase(name, L'\0');
+    std::erase_if(name, [](wchar_t c) { return c < L' '; }); // it goes to the terminal
     return Core::Utf8FromWstring(name);
 }
 
