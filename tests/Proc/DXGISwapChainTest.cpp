@@ -67,6 +67,13 @@ INSTANTIATE_TEST_SUITE_P(, DXGISwapChainTest, BothGenerations(), &NameOf);
 TEST_P(DXGISwapChainTest, TheBuffersFollowWhateverTheWindowDoes) {
     const Size size = {127, 65};
     m_host.Frame();
+    EXPECT_EQ(SwapChain().GetPresentResult(), S_OK);
+    {
+        const MethodPatch<&IDXGISwapChain::Present> lose(
+            m_display.GetSwapChain(), [](auto...) { return DXGI_ERROR_DEVICE_RESET; });
+        m_host.Frame();
+        EXPECT_TRUE(DX::IsDeviceLoss(SwapChain().GetPresentResult()));
+    }
     m_host.window.Place(40, 40, size);
     EXPECT_EQ(SwapChain().RecreateBuffers(), size);
     for (const bool isHDR : {true, false}) { // switches while it is minimised
@@ -89,6 +96,7 @@ TEST_P(DXGISwapChainTest, TheBuffersFollowWhateverTheWindowDoes) {
     }
     m_host.window.Destroy();
     m_host.Frame();
+    EXPECT_EQ(SwapChain().GetPresentResult(), DXGI_ERROR_INVALID_CALL);
     EXPECT_EQ(SwapChain().RecreateBuffers(), Size());
     EXPECT_EQ(FormatOf(m_host), DXGI_FORMAT_UNKNOWN);
 }

@@ -188,13 +188,15 @@ boost::intrusive_ptr<D11RenderTexture2D> DXGISwapChain::GetRenderTexture() const
 
 void DXGISwapChain::Present() {
     constexpr UINT kVerticalBlanks = 1;
+    m_presentResult = DXGI_ERROR_INVALID_CALL;
     if (IsWindow(m_window) == FALSE) {
         return; // not every system's swap chain survives its window
     }
     if (IsD12Level()) {
-        m_swapChain3->Present(kVerticalBlanks, 0);
+        m_presentResult = m_swapChain3->Present(kVerticalBlanks, 0);
     } else {
-        m_device->Encode([this](const auto&) { m_swapChain->Present(kVerticalBlanks, 0); });
+        m_device->Encode(
+            [this](const auto&) { m_presentResult = m_swapChain->Present(kVerticalBlanks, 0); });
     }
 }
 

@@ -60,8 +60,13 @@ public:
     boost::intrusive_ptr<D11RenderTexture2D> GetRenderTexture() const;
     // Shows the current back buffer at the next vertical blank. A failure (an occluded window, a
     // removed device, a window that is gone) is not told; the next call that creates something
-    // does. On Direct3D 11 other threads' Encode waits meanwhile, as for all below.
+    // does, and GetPresentResult. On Direct3D 11 other threads' Encode waits meanwhile, as for all
+    // below.
     void Present();
+    // What the last Present came to: S_OK (before the first, too), DXGI_STATUS_OCCLUDED while
+    // nothing of the window is seen, a loss of the device (IsDeviceLoss), DXGI_ERROR_INVALID_CALL
+    // for a window that is gone.
+    long GetPresentResult() const { return m_presentResult; }
 
     // Follows the window's client area, to be called when it has changed: waits for the GPU, and
     // answers the size in pixels. A window without area, as a minimised one, keeps the swap chain
@@ -139,6 +144,7 @@ private:
     std::optional<DisplayInfo> m_display;
     Output m_output = kSDR;                                     // what frames are drawn for
     DXGI_COLOR_SPACE_TYPE m_colorSpaceOfDXGI = kSDR.colorSpace; // what DXGI was last told
+    long m_presentResult = 0;
     boost::intrusive_ptr<D11RenderTexture2D> m_renderTexture;
     std::vector<boost::intrusive_ptr<D12Descriptor>> m_renderTargets; // by buffer index
     std::list<boost::intrusive_ptr<D12CommandAllocator>> m_inFlightAllocators;

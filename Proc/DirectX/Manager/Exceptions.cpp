@@ -114,6 +114,11 @@ std::string to_string(const HResultValue& value) {
 
 namespace DX {
 
+bool IsDeviceLoss(long result) noexcept {
+    return result == DXGI_ERROR_DEVICE_REMOVED || result == DXGI_ERROR_DEVICE_HUNG ||
+           result == DXGI_ERROR_DEVICE_RESET || result == DXGI_ERROR_DRIVER_INTERNAL_ERROR;
+}
+
 namespace {
 
 const HResultValue* FindResult(const DirectXException& exception) {

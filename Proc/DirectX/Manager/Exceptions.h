@@ -55,6 +55,10 @@ NORVEX_DX_API std::string to_string(const HResultValue& value);
 
 namespace DX {
 
+// Whether a result says that the device is gone, and all that was made on it: removed (adapter
+// unplugged or disabled, driver updated), hung, reset, or a driver's internal error. Any thread.
+NORVEX_DX_API bool IsDeviceLoss(long result) noexcept;
+
 // Thrown by the generation-neutral code; base of the other three.
 class NORVEX_DX_API DirectXException : public Proc::ProcException {
 public:

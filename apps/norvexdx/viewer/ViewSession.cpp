@@ -17,11 +17,6 @@ namespace {
 
 constexpr double kStatisticsPeriod = 250.0; // ms, so that the text can be read
 
-bool IsLoss(long result) {
-    return result == DXGI_ERROR_DEVICE_REMOVED || result == DXGI_ERROR_DEVICE_HUNG ||
-           result == DXGI_ERROR_DEVICE_RESET || result == DXGI_ERROR_DRIVER_INTERNAL_ERROR;
-}
-
 // A picture's own size, smaller where the screen is, and not too small to use.
 DX::Size2DT<long> ChooseWindowSize(const DX::Size2DT<long>& picture,
                                    const DX::Size2DT<long>& screen) {
@@ -200,7 +195,7 @@ long ViewSession::FindLoss(const Work& work) {
         work(*m_scene);
         return m_scene->GetGraphics().GetDeviceRemovedReason();
     } catch (const DX::DirectXException& failure) {
-        const bool isLoss = IsLoss(failure.GetResult());
+        const bool isLoss = DX::IsDeviceLoss(failure.GetResult());
         const long reason = isLoss               ? failure.GetResult()
                             : m_scene != nullptr ? m_scene->GetGraphics().GetDeviceRemovedReason()
                                                  : S_OK;
