@@ -6,9 +6,10 @@
 // pass its raw pointer. Not thread-safe, like ATL's: one CComPtr object is used by one thread at a
 // time.
 
+#include "Platform/Abi.h"
 #include "Platform/Direct3D.h"
 
-#if defined(_MSC_VER) && __has_include(<atlbase.h>)
+#if NORVEX_HAS_ATL
 
 #include <atlbase.h>
 

@@ -10,6 +10,10 @@
 # fmt is linked: as headers alone it is compiled anew in every source, which costs a third of the
 # compiler's time.
 
+# A target that the project around this one has made is taken as it is; what is found here, that
+# project's own targets see too.
+set(CMAKE_FIND_PACKAGE_TARGETS_GLOBAL ON)
+
 find_package(glog CONFIG REQUIRED)
 find_package(fmt CONFIG REQUIRED)
 if(NORVEX_TESTS AND CMAKE_CROSSCOMPILING)
@@ -28,32 +32,40 @@ if(NORVEX_BENCH)
     find_package(benchmark CONFIG REQUIRED)
 endif()
 
-if(NOT CMAKE_CROSSCOMPILING)
+if(NORVEX_PROGRAM)
+    if(CMAKE_CROSSCOMPILING)
+        set(ZLIB_USE_STATIC_LIBS ON)
+    endif()
     find_package(PNG REQUIRED)
     find_package(ZLIB REQUIRED)
+endif()
+
+if(NOT CMAKE_CROSSCOMPILING)
     find_package(Boost REQUIRED)
-    find_package(CLI11 CONFIG REQUIRED)
-    find_package(nlohmann_json CONFIG REQUIRED)
     find_package(directx-headers CONFIG REQUIRED)
+    if(NORVEX_PROGRAM)
+        find_package(CLI11 CONFIG REQUIRED)
+    endif()
+    if(NORVEX_PROGRAM OR NORVEX_BENCH)
+        find_package(nlohmann_json CONFIG REQUIRED)
+    endif()
     return()
 endif()
 
-set(ZLIB_USE_STATIC_LIBS ON)
-find_package(PNG REQUIRED)
-find_package(ZLIB REQUIRED)
-
 function(norvex_header_only_package name)
-    add_library(${name} INTERFACE IMPORTED)
-    target_include_directories(${name} SYSTEM INTERFACE "${NORVEX_SDK}/system-headers")
+    if(NOT TARGET ${name})
+        add_library(${name} INTERFACE IMPORTED GLOBAL)
+        target_include_directories(${name} SYSTEM INTERFACE "${NORVEX_SDK}/system-headers")
+    endif()
 endfunction()
 
 norvex_header_only_package(Boost::headers)
+norvex_header_only_package(Microsoft::DirectX-Headers)
+# DirectX-Headers has more lines than GCC keeps columns of.
+target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
+if(NOT TARGET Microsoft::DirectX-Guids)
+    add_library(Microsoft::DirectX-Guids INTERFACE IMPORTED GLOBAL)
+    target_link_libraries(Microsoft::DirectX-Guids INTERFACE dxguid uuid)
+endif()
 norvex_header_only_package(CLI11::CLI11)
 norvex_header_only_package(nlohmann_json::nlohmann_json)
-norvex_header_only_package(Microsoft::DirectX-Headers)
-# DirectX-Headers asks for a newer <rpcndr.h> than MinGW's and for more lines than GCC keeps columns
-# of.
-target_compile_definitions(Microsoft::DirectX-Headers INTERFACE __REQUIRED_RPCNDR_H_VERSION__=475)
-target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
-add_library(Microsoft::DirectX-Guids INTERFACE IMPORTED)
-target_link_libraries(Microsoft::DirectX-Guids INTERFACE dxguid uuid)

@@ -1,5 +1,7 @@
-# norvex_platform: language level, definitions, include folder and debug information, for every
-#     target of the project
+# norvex_public: what the public headers need of whoever includes them: language level, Boost, the
+#     Direct3D headers; with the headers of Platform/
+# norvex_platform: besides, definitions, include folder and debug information, for every target of the
+#     project
 # norvex_quickly_compiled: for tests, without optimisation in whichever configuration, and with debug
 #     information in a debug configuration alone
 # norvex_precompile(<target> [<norvex_precompiled or norvex_precompiled_tests>]): gives it precompiled
@@ -8,25 +10,39 @@
 #     faster without
 # norvex_copy_runtime(): puts the compiler's and the dependencies' DLLs beside the programs
 
+add_library(norvex_public INTERFACE)
+add_library(Norvex::Platform ALIAS norvex_public)
+set_target_properties(norvex_public PROPERTIES EXPORT_NAME Platform)
+target_compile_features(norvex_public INTERFACE cxx_std_20)
+target_link_libraries(norvex_public INTERFACE Boost::headers Microsoft::DirectX-Headers)
+target_sources(norvex_public INTERFACE FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES
+    "${PROJECT_SOURCE_DIR}/Platform/Abi.h"
+    "${PROJECT_SOURCE_DIR}/Platform/ComPtr.h"
+    "${PROJECT_SOURCE_DIR}/Platform/D3D12Abi.h"
+    "${PROJECT_SOURCE_DIR}/Platform/D3D12Video.h"
+    "${PROJECT_SOURCE_DIR}/Platform/Direct3D.h"
+    "${PROJECT_SOURCE_DIR}/Platform/Export.h")
+
 add_library(norvex_platform INTERFACE)
-target_compile_features(norvex_platform INTERFACE cxx_std_20)
-target_include_directories(norvex_platform INTERFACE "${CMAKE_SOURCE_DIR}")
+target_include_directories(norvex_platform INTERFACE "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/include")
 target_compile_definitions(norvex_platform INTERFACE
     NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE _WIN32_WINNT=0x0A00
     GLOG_NO_ABBREVIATED_SEVERITIES) # the Windows headers have a macro ERROR of their own
-target_link_libraries(norvex_platform INTERFACE Boost::headers fmt::fmt)
+target_link_libraries(norvex_platform INTERFACE norvex_public fmt::fmt)
 
 if(NOT MSVC)
-    # __FILE__ and std::source_location give paths relative to the project; DWARF 4 is what Wine's
-    # debugger reads.
-    target_compile_options(norvex_platform INTERFACE
-        "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -gdwarf-4
-        "$<IF:$<CONFIG:Debug>,-g,-g1;-fno-var-tracking>") # lines without variables need no tracking
+    # __FILE__ and std::source_location give paths relative to the project.
+    target_compile_options(norvex_platform INTERFACE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+    if(PROJECT_IS_TOP_LEVEL)
+        # DWARF 4 is what Wine's debugger reads; lines without variables need no tracking.
+        target_compile_options(norvex_platform INTERFACE
+            -gdwarf-4 "$<IF:$<CONFIG:Debug>,-g,-g1;-fno-var-tracking>")
+    endif()
 else()
     # With either separator: the compiler compares letters, and paths come in both forms.
-    string(REPLACE "/" "\\" nativeFolder "${CMAKE_SOURCE_DIR}/")
+    string(REPLACE "/" "\\" nativeFolder "${PROJECT_SOURCE_DIR}/")
     target_compile_options(norvex_platform INTERFACE
-        "/d1trimfile:${CMAKE_SOURCE_DIR}/" "/d1trimfile:${nativeFolder}"
+        "/d1trimfile:${PROJECT_SOURCE_DIR}/" "/d1trimfile:${nativeFolder}"
         /bigobj # sources compiled in groups have more sections than an object file otherwise takes
         # Members and bases of exported classes that are not exported themselves (the C++ library's,
         # smart pointers): all modules share one compiler and one runtime.
@@ -47,7 +63,7 @@ function(norvex_precompile target)
         if(MSVC)
             # Targets differ in their definitions, and this compiler takes precompiled headers of
             # others ill (C4605).
-            target_precompile_headers(${target} PRIVATE "${CMAKE_SOURCE_DIR}/cmake/Precompiled.h")
+            target_precompile_headers(${target} PRIVATE "${PROJECT_SOURCE_DIR}/cmake/Precompiled.h")
         else()
             target_precompile_headers(${target} REUSE_FROM ${from})
             # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
@@ -59,11 +75,11 @@ endfunction()
 
 # Headers are precompiled for a target, and a target needs a source.
 function(norvex_add_precompiled target header)
-    file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/Precompiled.cpp" CONTENT "")
-    add_library(${target} OBJECT "${CMAKE_BINARY_DIR}/Precompiled.cpp")
+    file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/Precompiled.cpp" CONTENT "")
+    add_library(${target} OBJECT "${PROJECT_BINARY_DIR}/Precompiled.cpp")
     target_link_libraries(${target} PRIVATE
         norvex_platform norvex_warnings Microsoft::DirectX-Headers ${ARGN})
-    target_precompile_headers(${target} PRIVATE "${CMAKE_SOURCE_DIR}/cmake/${header}")
+    target_precompile_headers(${target} PRIVATE "${PROJECT_SOURCE_DIR}/cmake/${header}")
 endfunction()
 
 if(NORVEX_PCH AND NOT MSVC)
@@ -74,7 +90,7 @@ if(NORVEX_PCH AND NOT MSVC)
 endif()
 
 function(norvex_split_debug_information target)
-    if(NOT MSVC)
+    if(PROJECT_IS_TOP_LEVEL AND NOT MSVC)
         set(file "$<TARGET_FILE:${target}>")
         add_custom_command(TARGET ${target} POST_BUILD
             COMMAND "${CMAKE_OBJCOPY}" --only-keep-debug "${file}" "${file}.debug"
@@ -83,8 +99,9 @@ function(norvex_split_debug_information target)
     endif()
 endfunction()
 
+set(norvex_compiler_runtime libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
 function(norvex_copy_runtime)
-    foreach(name IN ITEMS libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
+    foreach(name IN LISTS norvex_compiler_runtime)
         execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${name}
             OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
         file(COPY_FILE "${file}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}" ONLY_IF_DIFFERENT)
@@ -94,7 +111,7 @@ function(norvex_copy_runtime)
 endfunction()
 
 # On Windows itself the package manager's toolchain file does this for each program.
-if(MINGW AND CMAKE_CROSSCOMPILING)
+if(PROJECT_IS_TOP_LEVEL AND MINGW AND CMAKE_CROSSCOMPILING)
     file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
     norvex_copy_runtime()
 endif()

@@ -23,12 +23,12 @@
 # The results, a GoogleTest XML file each, go to <build>/test-results. A first argument or NAME
 # <name> both name the test.
 
-set(NORVEX_RESULTS "${CMAKE_BINARY_DIR}/test-results")
+set(NORVEX_RESULTS "${PROJECT_BINARY_DIR}/test-results")
 file(MAKE_DIRECTORY "${NORVEX_RESULTS}")
 # Names of the tests that are left out, one a line, for the runner's count; and of those that the
 # runner leaves out where there is no Microsoft compiler.
-file(WRITE "${CMAKE_BINARY_DIR}/left-out-tests.txt" "")
-file(WRITE "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "")
+file(WRITE "${PROJECT_BINARY_DIR}/left-out-tests.txt" "")
+file(WRITE "${PROJECT_BINARY_DIR}/microsoft-compiler-tests.txt" "")
 
 set(kTestSwitches VALIDATED MICROSOFT_COMPILER SECOND_DIRECT3D11 LONG NO_MAIN)
 set(kTestValues NAME PROGRAM WINDOWS_VERSION STARTS WITHOUT VALIDATED_BUT VALIDATION_REPORTS TIMEOUT SANITIZER)
@@ -49,7 +49,7 @@ endmacro()
 
 function(norvex_leave_out_test name reason)
     message(STATUS "Test ${name} is left out: ${reason}")
-    file(APPEND "${CMAKE_BINARY_DIR}/left-out-tests.txt" "${name}\n")
+    file(APPEND "${PROJECT_BINARY_DIR}/left-out-tests.txt" "${name}\n")
 endfunction()
 
 function(norvex_add_test)
@@ -90,7 +90,7 @@ function(norvex_add_test_run)
     endif()
     if(arg_MICROSOFT_COMPILER)
         list(APPEND options --microsoft-compiler)
-        file(APPEND "${CMAKE_BINARY_DIR}/microsoft-compiler-tests.txt" "${arg_NAME}\n")
+        file(APPEND "${PROJECT_BINARY_DIR}/microsoft-compiler-tests.txt" "${arg_NAME}\n")
     endif()
     if(arg_SECOND_DIRECT3D11)
         list(APPEND options --second-direct3d11)
@@ -99,7 +99,7 @@ function(norvex_add_test_run)
         list(APPEND options --without ${arg_WITHOUT})
     endif()
     add_test(NAME ${arg_NAME}
-        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" ${options} --
+        COMMAND "${PROJECT_SOURCE_DIR}/scripts/run-test" ${options} --
                 "$<TARGET_FILE:${arg_PROGRAM}>" ${arg_ARGUMENTS})
     norvex_set_test_properties()
     if(arg_MICROSOFT_COMPILER)
@@ -139,7 +139,7 @@ function(norvex_add_native_test)
         return()
     endif()
     # As one source: headers are what takes the compiler's time.
-    set(program "${CMAKE_BINARY_DIR}/native/${arg_NAME}")
+    set(program "${PROJECT_BINARY_DIR}/native/${arg_NAME}")
     set(includes "")
     foreach(source IN LISTS arg_SOURCES)
         get_filename_component(source "${source}" ABSOLUTE)
@@ -149,7 +149,7 @@ function(norvex_add_native_test)
     list(TRANSFORM arg_DEFINITIONS PREPEND -D)
     add_custom_command(OUTPUT "${program}"
         COMMAND ${kNativeCompiler} -std=c++20 -g1 -fno-omit-frame-pointer -fsanitize=${arg_SANITIZER}
-                -Wall -Wextra -Wpedantic -Werror -DNORVEX_STATIC "-I${CMAKE_SOURCE_DIR}" ${arg_DEFINITIONS}
+                -Wall -Wextra -Wpedantic -Werror -DNORVEX_STATIC "-I${PROJECT_SOURCE_DIR}" ${arg_DEFINITIONS}
                 -MMD -MF "${program}.d" -MT "${program}" "${program}.cpp" -o "${program}"
                 -lgtest_main -lgtest -lfmt -pthread
         DEPENDS "${program}.cpp"
@@ -158,7 +158,7 @@ function(norvex_add_native_test)
         VERBATIM)
     add_custom_target(${arg_NAME} ALL DEPENDS "${program}")
     add_test(NAME ${arg_NAME}
-        COMMAND "${CMAKE_SOURCE_DIR}/scripts/run-test" --native
+        COMMAND "${PROJECT_SOURCE_DIR}/scripts/run-test" --native
                 --result "${NORVEX_RESULTS}/${arg_NAME}.xml" --timeout ${arg_TIMEOUT} -- "${program}" ${arg_ARGUMENTS})
     norvex_set_test_properties()
 endfunction()

@@ -2,7 +2,6 @@
 # Tests `norvexdx encode` in pipes: clips of ffmpeg's go in, what comes out is compared with ffmpeg's
 # own conversion. ctest calls this, inside the root.
 #   encode-test.sh NORVEXDX.exe RESULT.xml
-# The result is in GoogleTest's form.
 set -euo pipefail
 
 here=$(dirname "$(readlink -f "$0")")
@@ -14,6 +13,8 @@ result=$2
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
+# shellcheck source=/dev/null
+. "$here/cases.sh"
 
 size=640x360 rate=25 frames=50
 kMinPsnr=45 # dB, of luma
@@ -74,30 +75,8 @@ ends_with_reader() {
     [ "$(cat err)" = "norvexdx: whoever reads standard output has closed it" ] || { cat err; return 1; }
 }
 
-failures=0
-# run NAME COMMAND...: one case of the result
-run() {
-    local name=$1 status=0
-    shift
-    (set -e; "$@") >"$name.log" 2>&1 || status=$?
-    echo "    <testcase name=\"$name\" classname=\"EncodePipeTest\" result=\"completed\">" >>cases
-    if [ "$status" -ne 0 ]; then
-        failures=$((failures + 1))
-        echo "      <failure message=\"failed\"></failure>" >>cases
-        echo "$name failed:"
-        cat "$name.log"
-    fi
-    echo "    </testcase>" >>cases
-}
-run AgreesWithFfmpegOnDirect3D11 agrees d3d11
-run AgreesWithFfmpegOnDirect3D12 agrees d3d12
-run WhatComesOutDecodes decodes
-run EndsWithItsReader ends_with_reader
-
-{
-    echo '<?xml version="1.0" encoding="UTF-8"?>'
-    echo "<testsuites failures=\"$failures\">"
-    cat cases
-    echo '</testsuites>'
-} >"$result"
-[ "$failures" -eq 0 ]
+run_case EncodePipeTest AgreesWithFfmpegOnDirect3D11 agrees d3d11
+run_case EncodePipeTest AgreesWithFfmpegOnDirect3D12 agrees d3d12
+run_case EncodePipeTest WhatComesOutDecodes decodes
+run_case EncodePipeTest EndsWithItsReader ends_with_reader
+write_results "$result"

@@ -1,4 +1,5 @@
-# Of each source given: itself, a tab, and the project's headers that it sees, directly or not.
+# Of each source given, and of each header if `headers` is set: itself, a tab, and the project's headers
+# that it sees, directly or not.
 # Includes are written from the project's root.
 
 /^#include "/ { includes[FILENAME] = includes[FILENAME] " " substr($2, 2, length($2) - 2) }
@@ -16,7 +17,7 @@ function visit(file, source,    i, count, names) {
 
 END {
     for (source in known) {
-        if (source !~ /\.cpp$/) continue
+        if (source !~ /\.cpp$/ && !headers) continue
         list = ""
         visit(source, source)
         print source "\t" list

@@ -44,7 +44,7 @@ fi
 msvc=(
     clang++-19 -fsyntax-only -Wshadow-uncaptured-local -Wshadow-field --target=x86_64-pc-windows-msvc19.44 -fms-extensions -fms-compatibility
     -fno-delayed-template-parsing -fexceptions -fcxx-exceptions -D_MT -D_DLL -D_LIBCPP_NO_VCRUNTIME
-    -D_LIBCPP_ENABLE_EXPERIMENTAL -DWINE_UNICODE_NATIVE -nostdinc
+    -D_LIBCPP_ENABLE_EXPERIMENTAL -DWINE_UNICODE_NATIVE -D__REQUIRED_RPCNDR_H_VERSION__=475 -nostdinc
     -isystem "$PWD/scripts/msvc-mode" -isystem "$tools/usr/lib/llvm-19/include/c++/v1"
     -isystem "$tools/usr/lib/llvm-19/lib/clang/19/include"
     -idirafter "$tools/usr/include/wine/wine/msvcrt" -idirafter "$tools/usr/include/wine/wine/windows"
@@ -82,15 +82,34 @@ check() {
         return 1
     fi
 }
+
+# The public headers as a host reads them: installed, each alone, without this project's definitions.
+installed=$build/installed/include/NorvexDX
+rm -rf "$build/installed"
+cmake --install "$build" --prefix "$build/installed" --component Headers >/dev/null
+mapfile -t publicHeaders < <(cd "$installed" && find Host Platform Proc -name '*.h' | LC_ALL=C sort)
+(cd "$installed" && awk -v headers=1 -f "$OLDPWD/scripts/headers-of.awk" "${publicHeaders[@]}") >"$build/public-headers"
+asHost="${msvc[*]} -std=c++20 -Wno-pragma-once-outside-header -I$installed -isystem $NORVEX_SDK/system-headers -x c++"
+
+check_header() {
+    local header=$1 headers key
+    cd "$installed"
+    mapfile -t headers < <(awk -F '\t' -v source="$header" '$1 == source { print $2 }' "$build/public-headers" | tr -s ' ' '\n' | sort)
+    key=$(printf '%s\n' "${asHost//$build/.}" "$common" | cat - "$header" "${headers[@]:1}" | sha256sum | cut -c1-32)
+    [ ! -e "$passed/$key" ] || return 0
+    $asHost "$header" && touch "$passed/$key" && echo "msvc: checked $header, installed" >&2
+}
 awk -f scripts/headers-of.awk "${sources[@]}" >"$build/headers"
 common=$(echo "$tools" | cat - .clang-tidy tests/.clang-tidy scripts/msvc-mode/* | sha256sum)
-export -f check command_of
-export build common passed
+export -f check check_header command_of
+export asHost build common installed passed
 
 for tool in msvc clang-tidy; do
     printf '%s\n' "${sources[@]}" | grep '\.cpp$' |
         xargs -n 1 -P "$(nproc)" bash -c 'check "$1" "$2"' lint "$tool" || failed=1
 done
+printf '%s\n' "${publicHeaders[@]}" |
+    xargs -n 1 -P "$(nproc)" bash -c 'check_header "$1"' lint || failed=1
 
 [ -z "$failed" ] || { echo "lint: there are findings" >&2; exit 1; }
 echo "lint: no findings in ${#sources[@]} files"

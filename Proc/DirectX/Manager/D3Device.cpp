@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "Proc/DirectX/Manager/Throw.h"
+
 namespace Norvex::DX {
 
 namespace {
@@ -19,7 +21,9 @@ constexpr std::pair<D3D_FEATURE_LEVEL, const char*> kLevelNames[] = {
 D3Device::D3Device(std::shared_ptr<const AdapterDescription> description,
                    D3D_FEATURE_LEVEL featureLevel)
     : m_description(std::move(description)),
-      m_featureLevel(featureLevel) {}
+      m_featureLevel(featureLevel) {
+    ThrowUnlessVersionFits();
+}
 
 D3Device::~D3Device() = default;
 

@@ -11,6 +11,7 @@
 
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/Version.h"
 
 namespace Norvex::DX {
 

@@ -40,6 +40,7 @@ DXGI_SWAP_CHAIN_DESC ToOldDesc(const DXGI_SWAP_CHAIN_DESC1& desc, HWND window) {
 } // namespace
 
 DXGIFactory::DXGIFactory() {
+    ThrowUnlessVersionFits();
     if (Debug::MarkFirstObject()) {
         Debug::EnableLayerOnce();
     }

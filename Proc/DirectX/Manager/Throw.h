@@ -53,6 +53,9 @@ inline void ThrowUnless(bool holds, const char* sentence,
     }
 }
 
+// Throws where a module of the host was compiled with headers that the DLL does not fit: Version.h.
+void ThrowUnlessVersionFits();
+
 // Logs the exception that is being handled, for those who cannot throw on (destructors):
 // "what: sentence. result". In a catch block only.
 void LogCurrentException(const char* what) noexcept;

@@ -1,0 +1,84 @@
+#pragma once
+
+// What another host has of its own, all inline: counts that Windows increments, a tracker that
+// prints, a registry without keys, colours. Stands for Host/Color.h, CoreTracker.h, RefCountable.h
+// and Registry.h; the rest of its host SDK is made of this project's sources.
+
+#include <array>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+#include <windows.h>
+
+namespace Norvex {
+
+struct IRefCountable {
+    virtual ~IRefCountable() = default;
+    virtual LONG AddRef() = 0;
+    virtual LONG GetRefCount() const = 0;
+    virtual std::uint32_t Release() = 0;
+};
+struct RefCountImpl : IRefCountable {
+    RefCountImpl() = default;
+    RefCountImpl(const RefCountImpl&) {}
+    LONG AddRef() override { return InterlockedIncrement(&m_count); }
+    LONG GetRefCount() const override { return m_count; }
+    std::uint32_t Release() override {
+        const LONG left = InterlockedDecrement(&m_count);
+        return left == 0 ? (delete this, 0U) : static_cast<std::uint32_t>(left);
+    }
+    volatile LONG m_count = 0;
+};
+inline void intrusive_ptr_add_ref(IRefCountable* object) {
+    object->AddRef();
+}
+inline void intrusive_ptr_release(IRefCountable* object) {
+    object->Release();
+}
+
+namespace Conf {
+enum class ColorPrimaries { BT709 = 1, BT2020 = 9 };
+enum class TransferCharacteristics { BT709 = 1, Linear = 8, sRGB = 13, PQ = 16, HLG = 18 };
+enum class YCbCrMatrix { BT709 = 1, BT601 = 6, BT2020NonConstant = 9 };
+struct ColorSpace {
+    std::uint32_t primaries, transfer, matrix;
+};
+struct RGBColorSpace {
+    ColorPrimaries primaries = ColorPrimaries::BT709;
+    TransferCharacteristics transfer = TransferCharacteristics::sRGB;
+    bool operator==(const RGBColorSpace&) const = default;
+};
+inline std::array<std::array<double, 3>, 3> GetRGBToYpPbPrMatrix(YCbCrMatrix) {
+    return {};
+}
+} // namespace Conf
+
+namespace Proc {
+enum class AlphaType { NonPremultiplied, AlphaIsOne, Premultiplied };
+struct ColorF {
+    float r, g, b, a;
+};
+struct ICoreTracker : RefCountImpl {
+    static constexpr const char *CORE_GPU_EXCEPTION = "0", *CORE_EXCEPTION_WHAT = "1",
+                                *CORE_EXCEPTION_DESCRIPTION = "2", *CORE_EXCEPTION_HRESULT = "3",
+                                *CORE_EXCEPTION_MEMINFO = "4", *CORE_GPU_VENDOR = "5",
+                                *CORE_GPU_DRIVER_VERSION = "6", *CORE_GPU_BRAND_STR = "7",
+                                *CORE_GPU_VIDEO_MEMORY = "8";
+    static boost::intrusive_ptr<ICoreTracker> GetTracker() { return new ICoreTracker; }
+    void OnEvent(const char* key, const std::map<std::string, std::string>&) { std::puts(key); }
+};
+} // namespace Proc
+
+namespace Core {
+struct RegKey {
+    bool Open(const auto&, const std::wstring&, REGSAM) { return false; }
+    std::optional<std::wstring> EnumKey(unsigned) const { return {}; }
+    std::optional<std::wstring> QueryString(const std::wstring&) const { return {}; }
+    std::optional<std::uint64_t> QueryQword(const std::wstring&) const { return {}; }
+};
+} // namespace Core
+
+} // namespace Norvex
