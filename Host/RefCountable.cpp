@@ -25,6 +25,15 @@ std::uint32_t RefCountImpl::DecrementRefCount() {
     return m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
 }
 
+std::uint32_t RefCountImpl::DecrementUnlessLast() {
+    std::uint32_t count = m_refCount.load(std::memory_order_relaxed);
+    while (count > 1 &&
+           !m_refCount.compare_exchange_weak(count, count - 1, std::memory_order_release,
+                                             std::memory_order_relaxed)) {
+    }
+    return count > 1 ? count - 1 : 0;
+}
+
 void intrusive_ptr_add_ref(IRefCountable* object) {
     object->AddRef();
 }

@@ -44,6 +44,8 @@ protected:
     // For classes whose Release does more: drops a reference without destroying; returns the new
     // count.
     std::uint32_t DecrementRefCount();
+    // The same unless it is the last reference, which then stays: returns 0 for that one.
+    std::uint32_t DecrementUnlessLast();
 
 private:
     std::atomic<std::uint32_t> m_refCount{0};

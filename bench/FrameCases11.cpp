@@ -14,17 +14,6 @@ namespace Norvex::Bench {
 
 namespace {
 
-D3D11_TEXTURE2D_DESC MakeTextureDesc() {
-    D3D11_TEXTURE2D_DESC desc = {};
-    desc.Width = kPictureSize;
-    desc.Height = kPictureSize;
-    desc.MipLevels = 1;
-    desc.ArraySize = 1;
-    desc.Format = DXGI_FORMAT_R8G8B8A8_UNORM;
-    desc.SampleDesc.Count = 1;
-    return desc;
-}
-
 // States and shaders, as the library has them.
 struct Pieces11 {
     explicit Pieces11(const boost::intrusive_ptr<DX::D11Device>& device)
@@ -139,7 +128,7 @@ private:
         m_context->OMSetDepthStencilState(m_pieces.depthStencil, 0);
         ID3D11RenderTargetView* const target = m_target->GetView();
         m_context->OMSetRenderTargets(1, &target, nullptr);
-        m_context->OMSetBlendState(nullptr, nullptr, 0xffffffff);
+        m_context->OMSetBlendState(nullptr, nullptr, D3D11_DEFAULT_SAMPLE_MASK);
         const D3D11_VIEWPORT viewport = {0, 0, 2, 2, 0, 1};
         m_context->RSSetViewports(1, &viewport);
         ID3D11Buffer* const quad = m_pieces.quad->GetBuffer();
@@ -160,7 +149,7 @@ private:
         m_context->PSSetSamplers(0, 1, &sampler);
     }
     void Unbind() {
-        m_context->OMSetBlendState(nullptr, nullptr, 0xffffffff);
+        m_context->OMSetBlendState(nullptr, nullptr, D3D11_DEFAULT_SAMPLE_MASK);
         ID3D11RenderTargetView* const none = nullptr;
         m_context->OMSetRenderTargets(1, &none, nullptr);
         m_context->OMSetDepthStencilState(nullptr, 0);
@@ -178,10 +167,12 @@ private:
     boost::intrusive_ptr<DX::D11Device> m_device = DX::D11Device::CreatePrimary();
     CComPtr<ID3D11DeviceContext> m_context;
     boost::intrusive_ptr<DX::D11ImageDraw> m_drawer{new DX::D11ImageDraw(m_device)};
+    CD3D11_TEXTURE2D_DESC m_picture{
+        DXGI_FORMAT_R8G8B8A8_UNORM, kPictureSize, kPictureSize, 1, 1, 0};
     boost::intrusive_ptr<DX::D11ShaderTexture2D> m_source =
-        DX::D11ShaderTexture2D::Create(m_device, MakeTextureDesc(), nullptr);
+        DX::D11ShaderTexture2D::Create(m_device, m_picture, nullptr);
     boost::intrusive_ptr<DX::D11RenderTexture2D> m_target =
-        DX::D11RenderTexture2D::Create(m_device, MakeTextureDesc());
+        DX::D11RenderTexture2D::Create(m_device, m_picture);
     Proc::ColorAlphaConversionInfo m_conversion; // sRGB to Rec. 2020 PQ
     Pieces11 m_pieces{m_device};
     CComPtr<ID3D11Buffer> m_constants;

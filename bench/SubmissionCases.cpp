@@ -14,17 +14,12 @@ public:
     ID3D12Device* GetDevice() const { return m_device->Get(); }
 
     void PrepareLibrary(std::int64_t times) {
+        m_queue->WaitComplete();
         m_ready.clear();
-        DX::D12CommandAllocator::WaitAllComplete();
         for (; times > 0; --times) {
             m_ready.push_back(m_queue->CreateCommandAllocator());
             m_ready.back()->RecordList(nullptr, [](const auto&) {});
         }
-        // The threads are there that release what was used.
-        const auto first = m_queue->CreateCommandAllocator();
-        first->RecordList(nullptr, [](const auto&) {});
-        first->Execute();
-        first->WaitComplete();
     }
     void ExecuteLibrary() {
         for (const auto& allocator : m_ready) {

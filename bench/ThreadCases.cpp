@@ -1,5 +1,6 @@
 // The same frames recorded by one thread and by two, each with an allocator and a drawer of its
-// own: the ratio is how much faster two are.
+// own: the ratio is how much faster two are. The expert's two say what the driver allows; they
+// submit as well.
 
 #include <array>
 #include <memory>
@@ -18,12 +19,14 @@ constexpr unsigned kDraws = 64;
 struct Recorder {
     Scene12 scene;
     boost::intrusive_ptr<DX::D12ImageDraw> drawer{new DX::D12ImageDraw(scene.device)};
+    ExpertFrames12 expert{scene};
 
     // Recorded and dropped: the GPU has no part in it.
     void RecordOpenList() {
         scene.queue->CreateCommandAllocator()->RecordList(nullptr,
                                                           [&](const auto& list) { Draw(list); });
     }
+    void RecordAsExpert() { expert.Draw(kDraws); }
     void RecordLists() { Draw(scene.queue->CreateCommandAllocator()); }
     void Draw(const auto& on) {
         for (unsigned i = 0; i < kDraws; ++i) {
@@ -56,7 +59,9 @@ Ways MakeRecordings() {
     return {{MakeWayOf(recorders, "list, 1", &Recorder::RecordOpenList, 1, {"list, 2"}),
              MakeWayOf(recorders, "list, 2", &Recorder::RecordOpenList, 2),
              MakeWayOf(recorders, "Encode, 1", &Recorder::RecordLists, 1, {"Encode, 2"}),
-             MakeWayOf(recorders, "Encode, 2", &Recorder::RecordLists, 2)},
+             MakeWayOf(recorders, "Encode, 2", &Recorder::RecordLists, 2),
+             MakeWayOf(recorders, "expert, 1", &Recorder::RecordAsExpert, 1, {"expert, 2"}),
+             MakeWayOf(recorders, "expert, 2", &Recorder::RecordAsExpert, 2)},
             {}};
 }
 

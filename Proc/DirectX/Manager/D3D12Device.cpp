@@ -156,9 +156,12 @@ D12Device::~D12Device() {
     GetRegistry().devices.erase(this);
 }
 
-// Under the lock that Create and Find take, so that they never hand out a device whose count has
-// reached zero.
+// The last one goes under the lock that Create and Find take, so that they never hand out a device
+// whose count has reached zero. The others are many: everything that is recorded holds the device.
 std::uint32_t D12Device::Release() {
+    if (const std::uint32_t count = DecrementUnlessLast()) {
+        return count;
+    }
     const std::lock_guard guard(GetRegistry().lock);
     return RefCountImpl::Release();
 }

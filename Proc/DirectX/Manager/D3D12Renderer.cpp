@@ -35,6 +35,21 @@ void CheckAllocator(const D12CommandAllocator* allocator, const std::source_loca
                                     location);
 }
 
+// A table holds its picture for one draw, also when that fails.
+class TableOfOneDraw {
+public:
+    TableOfOneDraw(D12ViewTable& table, const boost::intrusive_ptr<D12Descriptor>& view)
+        : m_table(table) {
+        m_table.SetView(0, 0, view, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+    }
+    ~TableOfOneDraw() { m_table.Clear(); }
+    TableOfOneDraw(const TableOfOneDraw&) = delete;
+    TableOfOneDraw& operator=(const TableOfOneDraw&) = delete;
+
+private:
+    D12ViewTable& m_table;
+};
+
 } // namespace
 
 D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
@@ -63,7 +78,7 @@ void D12FillDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& lis
     CheckTarget(target.get(), std::source_location::current());
     D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
     if (const auto viewport = GetVisiblePart(rect, target->GetSize())) {
-        const D12QuadPipeline::OneTarget targets(&target, 1);
+        const D12DrawState::Targets targets(&target, 1);
         m_pipeline->MakePipelineState(targets);
         m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list),
                          [&] { list->SetRoot32BitConstants(kColorIndex, 4, &color); });
@@ -124,7 +139,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     const auto viewport = GetVisiblePart(area, target->GetSize());
 
     const std::lock_guard guard(m_mutex);
-    SetParameters(ToClipUnits(transform, area, viewport.value_or(area)), source, conversion);
+    const TableOfOneDraw table(*m_textureTable, source);
+    SetParameters(ToClipUnits(transform, area, viewport.value_or(area)), conversion);
     m_pipeline->Record(*allocator, target, viewport, GetWinding(transform));
 }
 
@@ -146,12 +162,11 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
         D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), conversion);
     const auto constants = state.AddConstants(&params, sizeof(params));
     const auto texture = state.AddView(source);
-    const D12QuadPipeline::OneTarget targets(&target, 1);
+    const D12DrawState::Targets targets(&target, 1);
 
     const std::lock_guard guard(m_mutex);
-    m_textureTable->SetView(0, 0, source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+    const TableOfOneDraw table(*m_textureTable, source);
     m_pipeline->MakePipelineState(targets); // asks the table for its kind of view alone
-    m_textureTable->Clear();
     m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list, GetWinding(transform)),
                      [&] {
                          state.SetConstants(kParamsIndex, constants);
@@ -166,11 +181,9 @@ AffineTransform D12ImageDraw::MakeLockedTransform(const boost::intrusive_ptr<D12
 }
 
 void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,
-                                 const boost::intrusive_ptr<D12Descriptor>& source,
                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
     m_paramsView->SetBuffer(CreateConstants(
         *m_device, D3ImageRenderer::MakeParamsBytes(clipTransform, conversion), L"Matrix Buffer"));
-    m_textureTable->SetView(0, 0, source, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
 }
 
 D12BlendState D12ImageDraw::GetBlendState() const {

@@ -121,7 +121,6 @@ private:
     AffineTransform MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                         const Rect2DT<long>& area);
     void SetParameters(const AffineTransform& clipTransform,
-                       const boost::intrusive_ptr<D12Descriptor>& source,
                        const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
     boost::intrusive_ptr<D12Device> m_device;

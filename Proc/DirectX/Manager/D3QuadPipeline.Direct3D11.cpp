@@ -6,8 +6,6 @@ namespace Norvex::DX {
 
 namespace {
 
-constexpr UINT kAllSamples = 0xffffffff;
-
 std::vector<D3D11_INPUT_ELEMENT_DESC> MakeInputElements11() {
     return {
         {"POSITION", 0, DXGI_FORMAT_R32G32B32_FLOAT, 0, 0, D3D11_INPUT_PER_VERTEX_DATA, 0},
@@ -81,7 +79,7 @@ void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw,
     raw.RSSetState(m_rasterizer);
     raw.OMSetDepthStencilState(m_depthStencil, 0);
     raw.OMSetRenderTargets(static_cast<UINT>(draw.targets.size()), draw.targets.data(), nullptr);
-    raw.OMSetBlendState(draw.blendState, nullptr, kAllSamples);
+    raw.OMSetBlendState(draw.blendState, nullptr, D3D11_DEFAULT_SAMPLE_MASK);
     const auto viewport = MakeViewport<D3D11_VIEWPORT>(draw.viewport);
     raw.RSSetViewports(1, &viewport);
 
@@ -103,7 +101,7 @@ void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw,
 
 void D11QuadPipeline::Unbind(D11DeviceContext& context) {
     ID3D11DeviceContext& raw = *context.m_context;
-    raw.OMSetBlendState(nullptr, nullptr, kAllSamples);
+    raw.OMSetBlendState(nullptr, nullptr, D3D11_DEFAULT_SAMPLE_MASK);
     ID3D11RenderTargetView* const none = nullptr;
     raw.OMSetRenderTargets(1, &none, nullptr);
     raw.OMSetDepthStencilState(nullptr, 0);

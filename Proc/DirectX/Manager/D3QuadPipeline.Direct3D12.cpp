@@ -92,7 +92,7 @@ boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture() {
 }
 
 const CComPtr<ID3D12PipelineState>&
-D12QuadPipeline::MakePipelineState(std::span<const Target> targets) {
+D12QuadPipeline::MakePipelineState(D12DrawState::Targets targets) {
     const auto formats = targets | std::views::transform(&D12Descriptor::GetFormat);
     const bool changed = m_parameters->SerializeRootSignature();
     const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
@@ -127,7 +127,7 @@ const boost::intrusive_ptr<D12VertexBuffer>& D12QuadPipeline::GetQuad(D12Graphic
 void D12QuadPipeline::Record(D12CommandAllocator& allocator,
                              const boost::intrusive_ptr<D12Descriptor>& target,
                              const std::optional<Rect2DT<long>>& viewport, Winding winding) {
-    const OneTarget targets(&target, 1);
+    const D12DrawState::Targets targets(&target, 1);
     allocator.RecordList(MakePipelineState(targets), [&](const List& list) {
         if (viewport) {
             Draw(list, targets, *viewport, target->GetSize(), GetQuad(*list, winding));
@@ -135,7 +135,7 @@ void D12QuadPipeline::Record(D12CommandAllocator& allocator,
     });
 }
 
-void D12QuadPipeline::Draw(const List& list, std::span<const Target> targets,
+void D12QuadPipeline::Draw(const List& list, D12DrawState::Targets targets,
                            const Rect2DT<long>& viewport, const Size2DT<long>& scissor,
                            const boost::intrusive_ptr<D12VertexBuffer>& quad) const {
     m_parameters->SetToCommandList(list);

@@ -68,7 +68,6 @@ class D12QuadPipeline {
 public:
     using List = boost::intrusive_ptr<D12GraphicsCommandList>;
     using Target = boost::intrusive_ptr<D12Descriptor>;
-    using OneTarget = std::span<const Target>;
     using Targets = std::vector<Target>;
 
     // Compiles the shaders. Blends as replace (ONE, ZERO, all channels).
@@ -88,7 +87,7 @@ public:
 
     // Draws it into an open list. setArguments() sets the root arguments.
     template <class SetArguments>
-    void Draw(D12DrawState& state, std::span<const Target> targets, const Rect2DT<long>& viewport,
+    void Draw(D12DrawState& state, D12DrawState::Targets targets, const Rect2DT<long>& viewport,
               const boost::intrusive_ptr<D12VertexBuffer>& quad, const SetArguments& setArguments) {
         state.SetPipelineState(m_pipelineState);
         state.SetRootSignature(m_parameters->GetRootSignature());
@@ -100,8 +99,8 @@ public:
     }
 
     // Its steps, for lists with more in them. The pipeline state is the list's when it draws.
-    const CComPtr<ID3D12PipelineState>& MakePipelineState(std::span<const Target> targets);
-    void Draw(const List& list, std::span<const Target> targets, const Rect2DT<long>& viewport,
+    const CComPtr<ID3D12PipelineState>& MakePipelineState(D12DrawState::Targets targets);
+    void Draw(const List& list, D12DrawState::Targets targets, const Rect2DT<long>& viewport,
               const Size2DT<long>& scissor,
               const boost::intrusive_ptr<D12VertexBuffer>& quad) const;
     // The one made last.
