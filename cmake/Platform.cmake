@@ -22,6 +22,11 @@ if(NOT MSVC)
     target_compile_options(norvex_platform INTERFACE
         "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=" -gdwarf-4
         "$<IF:$<CONFIG:Debug>,-g,-g1;-fno-var-tracking>") # lines without variables need no tracking
+    if(NORVEX_UBSAN)
+        # An instruction that is none: MinGW has no runtime that would tell more than the place.
+        target_compile_options(norvex_platform INTERFACE
+            -fsanitize=undefined -fsanitize-trap=all -fno-sanitize=vptr)
+    endif()
 else()
     # With either separator: the compiler compares letters, and paths come in both forms.
     string(REPLACE "/" "\\" nativeFolder "${CMAKE_SOURCE_DIR}/")
