@@ -38,6 +38,11 @@ if(NOT MSVC)
         target_compile_options(norvex_platform INTERFACE
             -gdwarf-4 "$<IF:$<CONFIG:Debug>,-g,-g1;-fno-var-tracking>")
     endif()
+    if(NORVEX_UBSAN)
+        # An instruction that is none: MinGW has no runtime that would tell more than the place.
+        target_compile_options(norvex_platform INTERFACE
+            -fsanitize=undefined -fsanitize-trap=all -fno-sanitize=vptr)
+    endif()
 else()
     # With either separator: the compiler compares letters, and paths come in both forms.
     string(REPLACE "/" "\\" nativeFolder "${PROJECT_SOURCE_DIR}/")

@@ -27,8 +27,19 @@ struct RefCountImpl : IRefCountable {
     LONG AddRef() override { return InterlockedIncrement(&m_count); }
     LONG GetRefCount() const override { return m_count; }
     std::uint32_t Release() override {
-        const LONG left = InterlockedDecrement(&m_count);
-        return left == 0 ? (delete this, 0U) : static_cast<std::uint32_t>(left);
+        const std::uint32_t left = DecrementRefCount();
+        return left == 0 ? (delete this, 0U) : left;
+    }
+    std::uint32_t DecrementRefCount() {
+        return static_cast<std::uint32_t>(InterlockedDecrement(&m_count));
+    }
+    std::uint32_t DecrementUnlessLast() {
+        for (LONG count = m_count; count > 1; count = m_count) {
+            if (InterlockedCompareExchange(&m_count, count - 1, count) == count) {
+                return static_cast<std::uint32_t>(count - 1);
+            }
+        }
+        return 0;
     }
     volatile LONG m_count = 0;
 };

@@ -37,65 +37,6 @@ protected:
     }
 };
 
-// More draws and more pictures than one buffer of constants and one heap of views hold, with
-// drawers in turn, and sources that go before the list is executed.
-TEST_F(D3D12OpenListTest, DrawsAreTheSameAsInListsOfTheirOwn) {
-    const boost::intrusive_ptr draw(new D12ImageDraw(Device()));
-    const boost::intrusive_ptr renderer(new D12ImageRenderer(Device()));
-    const boost::intrusive_ptr fill(new D12FillDraw(Device()));
-    const boost::intrusive_ptr converter(
-        new D12YUVConverter(Device(), Proc::AlphaType::AlphaIsOne));
-    Proc::ColorAlphaConversionInfo conversion;
-    conversion.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
-    renderer->SetRotation(0.5F);
-    const auto drawAll = [&](const auto& on, const View& target, const View& luma,
-                             const View& chroma, const auto& between) {
-        for (unsigned i = 0; i < 300; ++i) {
-            const View source = MakeSource(i);
-            const auto x = static_cast<long>(i % kSize);
-            const auto y = static_cast<long>(i / kSize % kSize);
-            AffineTransform mirrored;
-            mirrored.rows[0][0] = i % 2 == 0 ? 1.0F : -1.0F;
-            draw->Encode(on, source, target, mirrored, std::nullopt,
-                         Rect2DT<long>{x - 2, y, x + 5, y + 3});
-            if (i % 32 == 0) {
-                renderer->Encode(on, source, target, conversion, Rect2DT<long>{y, x, y + 4, x + 6});
-                between();
-                fill->Encode(on, {0.25F, 1, 0, 1}, target, {x, y, x + 1, y + 1});
-                fill->Encode(on, {1, 0, 0, 1}, target, {-4, -4, -1, -1}); // nothing of it is seen
-                Canvas::Convert(*converter, on, Canvas::TextureOf(source), Canvas::TextureOf(luma),
-                                Canvas::TextureOf(chroma), DXGI_FORMAT_NV12,
-                                Conf::YCbCrMatrix::BT709);
-            }
-        }
-    };
-    View targets[2];
-    View lumas[2];
-    for (unsigned i = 0; i < 2; ++i) {
-        targets[i] = MakeTarget();
-        lumas[i] = s_canvas->MakeTarget(kSize, kSize, DXGI_FORMAT_R8_UNORM);
-        const View chroma = s_canvas->MakeTarget(kSize / 2, kSize / 2, DXGI_FORMAT_R8G8_UNORM);
-        s_canvas->Record([&](const auto& allocator) {
-            if (i == 0) {
-                drawAll(allocator, targets[i], lumas[i], chroma, [] {});
-                return;
-            }
-            allocator->RecordList(nullptr, [&](const ListPtr& list) {
-                // What a host sets between draws is its own affair.
-                drawAll(list, targets[i], lumas[i], chroma, [&] {
-                    list->OMSetRenderTarget(lumas[i], nullptr);
-                    list->RSSetViewports({{1, 1, 2, 2, 0, 1}});
-                    list->RSSetScissorRects({{1, 1, 2, 2}});
-                    list->IASetVertexBuffer(nullptr);
-                    list->IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY_POINTLIST);
-                });
-            });
-        });
-    }
-    EXPECT_EQ(Read(targets[0]), Read(targets[1]));
-    EXPECT_EQ(Read(lumas[0]), Read(lumas[1]));
-}
-
 template <auto method>
 MethodPatch<method> CountCalls(IUnknown* object, int& count) {
     return MethodPatch<method>(object, [&count](auto original, auto... all) {

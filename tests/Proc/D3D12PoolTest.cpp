@@ -1,11 +1,8 @@
 // Pools: of buffers, of textures, and the shared heaps of queries and views.
 
-#include <mutex>
-#include <set>
 #include <thread>
 
 #include "tests/Proc/Direct3D12Fixture.h"
-#include "tests/support/Threads.h"
 
 namespace Norvex::DX {
 namespace {
@@ -29,51 +26,6 @@ protected:
                                          .clearColor = {}});
     }
 };
-
-// Four threads take and give back, through further handles where there can be some; no two of the
-// objects in use are in one place.
-template <class Take, class PlaceOf>
-void ExpectThreadsNeverShare(const Take& take, const PlaceOf& placeOf) {
-    std::mutex mutex;
-    std::set<decltype(placeOf(*take()))> inUse;
-    RunThreads(4, [&](unsigned) {
-        std::vector<decltype(take())> mine(100);
-        for (std::size_t round = 0; round < 1000; ++round) {
-            auto& object = mine[round * 7 % mine.size()];
-            if (object != nullptr) {
-                const std::scoped_lock lock(mutex);
-                inUse.erase(placeOf(*object));
-            }
-            object.reset();
-            if (round < 900) {
-                object = CopyOf(take());
-                const std::scoped_lock lock(mutex);
-                EXPECT_TRUE(inUse.insert(placeOf(*object)).second);
-            }
-        }
-    });
-}
-
-TEST_F(D3D12PoolTest, ThreadsNeverShare) {
-    const auto buffers = MakeBuffers();
-    const auto slices = MakeTextures(400);
-    const auto target = s_canvas->MakeTarget(8, 8, kColor)->GetFirstResource();
-    std::atomic<int> taken = 0;
-    const auto takeBuffer = [&] {
-        if (++taken % 16 == 0) {
-            buffers->Clear();
-        }
-        return buffers->CreateBuffer(100);
-    };
-    ExpectThreadsNeverShare(takeBuffer, [](const auto& buffer) { return buffer.GetResource().p; });
-    ExpectThreadsNeverShare([&] { return slices->ObtainTexture(); },
-                            [](const auto& slice) { return slice.GetSubresource(); });
-    ExpectThreadsNeverShare(
-        [] { return Device()->CreateQuery(kTime); },
-        [](const auto& query) { return std::pair(query.GetResource().p, query.GetIndex()); });
-    ExpectThreadsNeverShare([&] { return Device()->CreateRenderTargetView(target); },
-                            [](const auto& view) { return view.GetCPUHandle().ptr; });
-}
 
 TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {
     const Ptr<D12QueryHeapPool> pool(new D12QueryHeapPool(Raw()));

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <concepts>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
@@ -63,6 +64,12 @@ protected:
         allocator->WaitComplete();
     }
 };
+
+// What a longer run sets.
+inline unsigned FromEnvironment(const char* name, unsigned otherwise) {
+    const char* const text = std::getenv(name);
+    return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
 
 template <auto method>
 class CallCount {

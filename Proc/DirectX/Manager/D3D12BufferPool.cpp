@@ -25,10 +25,10 @@ std::optional<D3D12_RESOURCE_STATES> InitialStateOf(D3D12_HEAP_TYPE heapType) {
     }
 }
 
-// Undoes a Map, also when the callback throws.
+// Undoes a Map, also when the callback throws or drops the buffer.
 class MappedGuard {
 public:
-    MappedGuard(ID3D12Resource* resource, D3D12_RANGE written)
+    MappedGuard(const CComPtr<ID3D12Resource>& resource, D3D12_RANGE written)
         : m_resource(resource),
           m_written(written) {}
     ~MappedGuard() { m_resource->Unmap(0, &m_written); }
@@ -36,7 +36,7 @@ public:
     MappedGuard& operator=(const MappedGuard&) = delete;
 
 private:
-    ID3D12Resource* m_resource;
+    CComPtr<ID3D12Resource> m_resource;
     D3D12_RANGE m_written;
 };
 
@@ -47,7 +47,9 @@ constexpr D3D12_RANGE kNothing = {0, 0};
 D12BufferPool::D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType)
     : m_device(device),
       m_heapType(heapType),
-      m_free(std::make_unique<D12FreeList>()) {}
+      m_free(std::make_unique<D12FreeList>()) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
+}
 
 D12BufferPool::~D12BufferPool() = default;
 

@@ -25,6 +25,7 @@ class D12FreeList;
 
 class NORVEX_DX_API D12BufferPool : public RefCountImpl {
 public:
+    // "DirectX 12 device is null".
     D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType);
     ~D12BufferPool() override;
     D12BufferPool(const D12BufferPool&) = delete;

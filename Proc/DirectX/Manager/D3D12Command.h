@@ -90,9 +90,9 @@ public:
     // frame after frame and its memory stays that of two.
     boost::intrusive_ptr<D12GraphicsCommandList>
     CreateCommandList(const CComPtr<ID3D12PipelineState>& pipelineState);
-    // Queues a list made elsewhere; it is submitted once. Another allocator's list: that one is
-    // left alone until this one has finished. "Command list is null", "Command list already
-    // queued".
+    // Queues a list of this type made elsewhere; it is submitted once. Another allocator's list:
+    // that one is left alone until this one has finished. "Command list is null", "Command list
+    // already queued".
     void EnqueueCommandList(const boost::intrusive_ptr<D12CommandList>& list);
     // Keeps an object alive with the active list. "There is no active command list".
     void TrackObject(ID3D12DeviceChild* object);
@@ -123,8 +123,10 @@ public:
     // called with the open list. When it or Close throws, the allocator is as it was before: lists
     // and waits that came meanwhile are gone, and the next recording finds everything usable.
     // Whatever can fail without a list (pipeline states, buffers) is better made before the call.
+    // The function may drop the allocator.
     template <class Record>
     void RecordList(const CComPtr<ID3D12PipelineState>& pipelineState, const Record& record) {
+        const boost::intrusive_ptr<D12CommandAllocator> keep(this);
         const std::size_t lists = m_commandLists.size();
         const std::size_t waits = m_waits.size();
         const auto list = CreateCommandList(pipelineState);

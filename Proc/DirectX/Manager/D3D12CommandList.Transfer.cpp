@@ -13,6 +13,7 @@
 namespace Norvex::DX {
 
 void D12GraphicsCommandList::UploadRegion(const D12UploadRegionParams& params) {
+    Begin();
     ThrowUnless<DirectX12Exception>(params.destination != nullptr, "Resource is null");
     const D3D12_RESOURCE_DESC desc = Platform::GetDesc(params.destination);
     ThrowUnless<DirectX12Exception>(desc.Dimension == D3D12_RESOURCE_DIMENSION_BUFFER,
@@ -35,6 +36,7 @@ void D12GraphicsCommandList::UploadRegion(const D12UploadRegionParams& params) {
 }
 
 void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& params) {
+    Begin();
     ThrowUnless<DirectX12Exception>(params.destination != nullptr, "Resource is null");
     const Staging::Layout layout(*GetDevice(), params.destination, params.subresources.size());
     layout.Check(params.subresources, "Invalid upload data");

@@ -25,6 +25,13 @@ void CheckRenderTarget(const boost::intrusive_ptr<D12Descriptor>& descriptor,
                                     "The descriptor is not a render target view", location);
 }
 
+void CheckDepthStencil(const boost::intrusive_ptr<D12Descriptor>& descriptor,
+                       const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX12Exception>(descriptor == nullptr ||
+                                        descriptor->GetType() == D12Descriptor::DepthStencil,
+                                    "The descriptor is not a depth stencil view", location);
+}
+
 D3D12_VERTEX_BUFFER_VIEW ViewOf(const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
     return buffer != nullptr ? buffer->GetView() : D3D12_VERTEX_BUFFER_VIEW{};
 }
@@ -82,6 +89,11 @@ void D12GraphicsCommandList::Forget(unsigned items) const {
     }
 }
 
+void D12GraphicsCommandList::Begin(unsigned items, const std::source_location& location) const {
+    ThrowUnless<DirectX12Exception>(!IsClosed(), "The command list is closed", location);
+    Forget(items);
+}
+
 void D12GraphicsCommandList::GiveUp() noexcept {
     if (IsClosed()) {
         return;
@@ -102,20 +114,22 @@ void D12GraphicsCommandList::Close() {
 
 void D12GraphicsCommandList::OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                                                const boost::intrusive_ptr<D12Descriptor>& depth) {
-    Forget(D12DrawState::kTargets);
+    Begin(D12DrawState::kTargets);
     CheckRenderTarget(target);
+    CheckDepthStencil(depth);
     SetTargets({&target, 1}, depth);
 }
 
 void D12GraphicsCommandList::OMSetRenderTargets(
     const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
     const boost::intrusive_ptr<D12Descriptor>& depth) {
-    Forget(D12DrawState::kTargets);
+    Begin(D12DrawState::kTargets);
     ThrowUnless<DirectX12Exception>(targets.size() <= kMaxRenderTargets,
                                     "Invalid render target count");
     for (const auto& target : targets) {
         CheckRenderTarget(target);
     }
+    CheckDepthStencil(depth);
     SetTargets(targets, depth);
 }
 
@@ -138,6 +152,7 @@ void D12GraphicsCommandList::SetTargets(
 void D12GraphicsCommandList::ClearRenderTargetView(
     const boost::intrusive_ptr<D12Descriptor>& target, const Proc::ColorF& color,
     const std::vector<RECT>& rects) {
+    Begin();
     CheckRenderTarget(target);
     Keep(target.get());
     const float rgba[] = {color.r, color.g, color.b, color.a};
@@ -148,7 +163,7 @@ void D12GraphicsCommandList::ClearRenderTargetView(
 
 void D12GraphicsCommandList::IASetVertexBuffer(
     const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
-    Forget(D12DrawState::kVertexBuffer);
+    Begin(D12DrawState::kVertexBuffer);
     Keep(buffer.get());
     const D3D12_VERTEX_BUFFER_VIEW view = ViewOf(buffer);
     m_graphicsList->IASetVertexBuffers(0, 1, &view);
@@ -156,7 +171,7 @@ void D12GraphicsCommandList::IASetVertexBuffer(
 
 void D12GraphicsCommandList::IASetVertexBuffers(
     unsigned startSlot, const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers) {
-    Forget(D12DrawState::kVertexBuffer);
+    Begin(D12DrawState::kVertexBuffer);
     std::vector<D3D12_VERTEX_BUFFER_VIEW> views;
     views.reserve(buffers.size());
     for (const auto& buffer : buffers) {
@@ -167,45 +182,50 @@ void D12GraphicsCommandList::IASetVertexBuffers(
 }
 
 void D12GraphicsCommandList::IASetIndexBuffer(const boost::intrusive_ptr<D12IndexBuffer>& buffer) {
+    Begin();
     Keep(buffer.get());
     m_graphicsList->IASetIndexBuffer(buffer != nullptr ? &buffer->GetView() : nullptr);
 }
 
 void D12GraphicsCommandList::IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology) {
-    Forget(D12DrawState::kTopology);
+    Begin(D12DrawState::kTopology);
     m_graphicsList->IASetPrimitiveTopology(topology);
 }
 
 void D12GraphicsCommandList::Draw(const boost::intrusive_ptr<D12VertexBuffer>& buffer) {
+    Begin();
     ThrowUnless<DirectX12Exception>(buffer != nullptr, "Vertex buffer is null");
     Keep(buffer.get());
     m_graphicsList->DrawInstanced(buffer->GetCount(), 1, 0, 0);
 }
 
 void D12GraphicsCommandList::DrawIndexed(const boost::intrusive_ptr<D12IndexBuffer>& buffer) {
+    Begin();
     ThrowUnless<DirectX12Exception>(buffer != nullptr, "Index buffer is null");
     Keep(buffer.get());
     m_graphicsList->DrawIndexedInstanced(buffer->GetCount(), 1, 0, 0, 0);
 }
 
 void D12GraphicsCommandList::RSSetViewports(const std::vector<D3D12_VIEWPORT>& viewports) {
-    Forget(D12DrawState::kViewport);
+    Begin(D12DrawState::kViewport);
     m_graphicsList->RSSetViewports(static_cast<UINT>(viewports.size()), viewports.data());
 }
 
 void D12GraphicsCommandList::RSSetScissorRects(const std::vector<RECT>& rects) {
-    Forget(D12DrawState::kScissor);
+    Begin(D12DrawState::kScissor);
     m_graphicsList->RSSetScissorRects(static_cast<UINT>(rects.size()), rects.data());
 }
 
 void D12GraphicsCommandList::SetPipelineState(const CComPtr<ID3D12PipelineState>& pipelineState) {
-    Forget(D12DrawState::kPipelineState);
+    Begin(D12DrawState::kPipelineState);
+    ThrowUnless<DirectX12Exception>(pipelineState != nullptr, "Pipeline state is null");
     Keep(pipelineState.p);
     m_graphicsList->SetPipelineState(pipelineState);
 }
 
 void D12GraphicsCommandList::SetRootSignature(const CComPtr<ID3D12RootSignature>& rootSignature) {
-    Forget(D12DrawState::kRootSignature);
+    Begin(D12DrawState::kRootSignature);
+    ThrowUnless<DirectX12Exception>(rootSignature != nullptr, "Root signature is null");
     Keep(rootSignature.p);
     m_graphicsList->SetGraphicsRootSignature(rootSignature);
 }
@@ -213,7 +233,7 @@ void D12GraphicsCommandList::SetRootSignature(const CComPtr<ID3D12RootSignature>
 void D12GraphicsCommandList::SetDescriptorHeaps(
     const boost::intrusive_ptr<D12DescriptorGPUHeap>& views,
     const boost::intrusive_ptr<D12DescriptorGPUHeap>& samplers) {
-    Forget(D12DrawState::kHeaps);
+    Begin(D12DrawState::kHeaps);
     std::array<ID3D12DescriptorHeap*, 2> heaps = {};
     UINT count = 0;
     for (const auto& heap : {views, samplers}) {
@@ -229,35 +249,36 @@ void D12GraphicsCommandList::SetDescriptorHeaps(
 
 void D12GraphicsCommandList::SetRoot32BitConstants(unsigned rootIndex, unsigned count,
                                                    const void* data) {
-    Forget(D12DrawState::kTable);
+    Begin(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRoot32BitConstants(rootIndex, count, data, 0);
 }
 
 void D12GraphicsCommandList::SetRootDescriptorTable(unsigned rootIndex,
                                                     D3D12_GPU_DESCRIPTOR_HANDLE table) {
-    Forget(D12DrawState::kTable);
+    Begin(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootDescriptorTable(rootIndex, table);
 }
 
 void D12GraphicsCommandList::SetRootConstantBufferView(unsigned rootIndex,
                                                        D3D12_GPU_VIRTUAL_ADDRESS address) {
-    Forget(D12DrawState::kTable);
+    Begin(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootConstantBufferView(rootIndex, address);
 }
 
 void D12GraphicsCommandList::SetRootShaderResourceView(unsigned rootIndex,
                                                        D3D12_GPU_VIRTUAL_ADDRESS address) {
-    Forget(D12DrawState::kTable);
+    Begin(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootShaderResourceView(rootIndex, address);
 }
 
 void D12GraphicsCommandList::SetRootUnorderedAccessView(unsigned rootIndex,
                                                         D3D12_GPU_VIRTUAL_ADDRESS address) {
-    Forget(D12DrawState::kTable);
+    Begin(D12DrawState::kTable);
     m_graphicsList->SetGraphicsRootUnorderedAccessView(rootIndex, address);
 }
 
 void D12GraphicsCommandList::ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers) {
+    Begin();
     RecordBarriers(barriers);
 }
 
@@ -284,6 +305,7 @@ void D12GraphicsCommandList::RecordBarriers(std::span<const D3D12_RESOURCE_BARRI
 
 void D12GraphicsCommandList::CopyResource(const CComPtr<ID3D12Resource>& destination,
                                           const CComPtr<ID3D12Resource>& source) {
+    Begin();
     ThrowUnless<DirectX12Exception>(destination != nullptr && source != nullptr,
                                     "Resource is null");
     Keep(destination.p);
@@ -295,6 +317,7 @@ void D12GraphicsCommandList::CopyBufferRegion(const CComPtr<ID3D12Resource>& des
                                               std::uint64_t destinationOffset,
                                               const CComPtr<ID3D12Resource>& source,
                                               std::uint64_t sourceOffset, std::uint64_t size) {
+    Begin();
     ThrowUnless<DirectX12Exception>(destination != nullptr && source != nullptr,
                                     "Resource is null");
     Keep(destination.p);
@@ -306,6 +329,7 @@ void D12GraphicsCommandList::CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION
                                                unsigned x, unsigned y, unsigned z,
                                                const D3D12_TEXTURE_COPY_LOCATION& source,
                                                const D3D12_BOX* sourceBox) {
+    Begin();
     ThrowUnless<DirectX12Exception>(destination.pResource != nullptr && source.pResource != nullptr,
                                     "Resource is null");
     Keep(destination.pResource);
@@ -314,12 +338,14 @@ void D12GraphicsCommandList::CopyTextureRegion(const D3D12_TEXTURE_COPY_LOCATION
 }
 
 void D12GraphicsCommandList::BeginQuery(const boost::intrusive_ptr<D12Query>& query) {
+    Begin();
     ThrowUnless<DirectX12Exception>(query != nullptr, "Query is null");
     Keep(query.get());
     m_graphicsList->BeginQuery(query->GetHeap()->GetHeap(), query->GetType(), query->GetIndex());
 }
 
 void D12GraphicsCommandList::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
+    Begin();
     ThrowUnless<DirectX12Exception>(query != nullptr, "Query is null");
     Keep(query.get());
     ID3D12QueryHeap* const heap = query->GetHeap()->GetHeap();

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <source_location>
 #include <span>
 #include <vector>
 
@@ -87,8 +88,10 @@ public:
     // the list stays open.
     virtual void Close();
 
-    // depth may be null. "The descriptor is not a render target view"; at most 8 targets: "Invalid
-    // render target count".
+    // All that follows: "The command list is closed".
+    //
+    // depth may be null. "The descriptor is not a render target view", "... depth stencil view"; at
+    // most 8 targets: "Invalid render target count".
     void OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                            const boost::intrusive_ptr<D12Descriptor>& depth);
     void OMSetRenderTargets(const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
@@ -161,6 +164,9 @@ private:
 
     // Ends a recording that failed, so that the next one finds the allocator free.
     void GiveUp() noexcept;
+    // The list is open, else it throws for the operation that asks; forgets items.
+    void Begin(unsigned items = 0,
+               const std::source_location& location = std::source_location::current()) const;
     // Items of D12DrawState, which the host may have set.
     void Forget(unsigned items) const;
     void RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers);

@@ -46,7 +46,8 @@ public:
     std::uint64_t PreIncrementValue();
     // Raises the target and has `signal` signal the new one, one caller at a time, so that signals
     // follow in order. When it fails the target stays what it was, so that nobody waits for a value
-    // that nothing signals. Returns what `signal` returns: long signal(std::uint64_t value).
+    // that nothing signals. Returns what `signal` returns: long signal(std::uint64_t value), which
+    // leaves this event alone.
     template <class Signal>
     long SignalNext(const Signal& signal) {
         const std::lock_guard guard(m_signalLock);

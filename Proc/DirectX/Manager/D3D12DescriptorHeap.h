@@ -147,6 +147,7 @@ private:
 
 class NORVEX_DX_API D12DescriptorHeapPool : public RefCountImpl {
 public:
+    // "DirectX 12 device is null".
     explicit D12DescriptorHeapPool(const CComPtr<ID3D12Device>& device);
     ~D12DescriptorHeapPool() override;
     D12DescriptorHeapPool(const D12DescriptorHeapPool&) = delete;

@@ -17,7 +17,9 @@ constexpr std::uint32_t KeyOf(D3D12_DESCRIPTOR_HEAP_TYPE type, D3D12_DESCRIPTOR_
 
 D12DescriptorHeapPool::D12DescriptorHeapPool(const CComPtr<ID3D12Device>& device)
     : m_device(device),
-      m_heaps(std::make_unique<D12PooledHeaps<ID3D12DescriptorHeap, D12DescriptorCPUHeap>>()) {}
+      m_heaps(std::make_unique<D12PooledHeaps<ID3D12DescriptorHeap, D12DescriptorCPUHeap>>()) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
+}
 
 D12DescriptorHeapPool::~D12DescriptorHeapPool() = default;
 

@@ -151,19 +151,24 @@ D12Device::D12Device(const CComPtr<ID3D12Device>& device,
     GetRegistry().devices.insert(this);
 }
 
-// The registry lock is held: by Release, or by Create when construction fails.
-D12Device::~D12Device() {
-    GetRegistry().devices.erase(this);
-}
+D12Device::~D12Device() = default;
 
-// The last one goes under the lock that Create and Find take, so that they never hand out a device
-// whose count has reached zero. The others are many: everything that is recorded holds the device.
+// The last one is counted under the lock that Create and Find take, so that they never hand out a
+// device whose count has reached zero; the others are many, everything that is recorded holds the
+// device. It goes after the lock: its timers are waited for, and with Direct3D's objects go those
+// that the host stored in them, which may call us.
 std::uint32_t D12Device::Release() {
     if (const std::uint32_t count = DecrementUnlessLast()) {
         return count;
     }
+    std::unique_ptr<D12Device> last;
     const std::lock_guard guard(GetRegistry().lock);
-    return RefCountImpl::Release();
+    const std::uint32_t left = DecrementRefCount();
+    if (left == 0) {
+        GetRegistry().devices.erase(this);
+        last.reset(this);
+    }
+    return left;
 }
 
 long D12Device::GetDeviceRemovedReason() {

@@ -2,8 +2,9 @@
 
 // The library's handle on one Direct3D 12 device, root of the Direct3D 12 side. At most one live
 // D12Device an adapter: Create finds or makes it. It makes resources, pools and views, and keeps
-// idle command allocators and lists for reuse. Any thread may call any operation. Throws
-// DirectX12Exception. Next: D3D12Command.h, D3D12DescriptorHeap.h.
+// idle command allocators and lists for reuse. What one device made is never given to another's.
+// Any thread may call any operation. Throws DirectX12Exception. Next: D3D12Command.h,
+// D3D12DescriptorHeap.h.
 
 #include <array>
 #include <cstddef>

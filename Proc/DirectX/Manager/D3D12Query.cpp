@@ -177,7 +177,9 @@ std::uint64_t D12QueryHeap::GetOffset(unsigned index) const {
 
 D12QueryHeapPool::D12QueryHeapPool(const CComPtr<ID3D12Device>& device)
     : m_device(device),
-      m_heaps(std::make_unique<D12PooledHeaps<ID3D12QueryHeap, D12QueryHeap>>()) {}
+      m_heaps(std::make_unique<D12PooledHeaps<ID3D12QueryHeap, D12QueryHeap>>()) {
+    ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
+}
 
 D12QueryHeapPool::~D12QueryHeapPool() = default;
 

@@ -114,6 +114,7 @@ private:
 
 class NORVEX_DX_API D12QueryHeapPool : public RefCountImpl {
 public:
+    // "DirectX 12 device is null".
     explicit D12QueryHeapPool(const CComPtr<ID3D12Device>& device);
     ~D12QueryHeapPool() override;
     D12QueryHeapPool(const D12QueryHeapPool&) = delete;
