@@ -180,8 +180,8 @@ root_environment() {
     local name
     for name in $(compgen -e); do
         case $name in
-        COLUMNS | LINES | CTEST_* | GTEST_* | LP_NUM_THREADS | NORVEX_RUN_TIMEOUT | NORVEX_SWEEP | VKD3D_* | VK_* | WINEDEBUG | \
-            WINEDLLOVERRIDES) printf '%s\0' "$name=${!name}" ;;
+        COLUMNS | LINES | CTEST_* | GTEST_* | LP_NUM_THREADS | NORVEX_RUN_TIMEOUT | NORVEX_SECONDS | NORVEX_SEED | \
+            NORVEX_STEPS | NORVEX_SWEEP | VKD3D_* | VK_* | WINEDEBUG | WINEDLLOVERRIDES) printf '%s\0' "$name=${!name}" ;;
         esac
     done
 }
