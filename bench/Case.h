@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "bench/CallCounts.h"
 #include "bench/Clock.h"
-#include "tests/support/CallCounts.h"
 
 namespace Norvex::Bench {
 

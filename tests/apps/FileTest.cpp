@@ -148,21 +148,6 @@ TEST_F(FileTest, WritesLargePicturesAsOneStream) {
     }
 }
 
-// Puts the check behind each chunk of a PNG file right, so that what it guards is read.
-void MendChecks(Bytes& file) {
-    for (std::span rest = std::span(file).subspan(8); rest.size() >= 12;) {
-        const std::size_t size = GetNumber(rest) + 4; // with the chunk's type
-        if (size > rest.size() - 8) {
-            return;
-        }
-        const auto check = crc32(0, &rest[4], static_cast<uInt>(size));
-        for (unsigned i = 0; i < 4; ++i) {
-            rest[4 + size + i] = static_cast<std::uint8_t>(check >> (24 - 8 * i));
-        }
-        rest = rest.subspan(8 + size);
-    }
-}
-
 // Some bytes changed, taken out or doubled, most often near the beginning.
 Bytes Damage(Bytes file, std::mt19937& random) {
     const auto below = [&random](auto limit) {
@@ -170,63 +155,52 @@ Bytes Damage(Bytes file, std::mt19937& random) {
     };
     for (auto changes = 1 + below(4); changes > 0; --changes) {
         constexpr std::ptrdiff_t kNear = 64;
-        const auto from =
-            file.begin() + below(std::min(below(2) * std::ssize(file) + kNear, std::ssize(file)));
-        const auto to =
-            from + below(std::min(below(8) == 0 ? std::ssize(file) : 8, file.end() - from));
+        const auto reach = std::min(below(2) * std::ssize(file) + kNear, std::ssize(file));
+        const auto from = file.begin() + below(reach);
+        const auto to = from + below(std::min(std::ptrdiff_t{8}, file.end() - from));
         const Bytes part(from, to);
-        switch (below(4)) {
+        switch (below(3)) {
         case 0:
             file.erase(from, to);
             break;
         case 1:
             file.insert(from, part.begin(), part.end());
             break;
-        case 2:
-            std::fill(from, to, below(2) == 0 ? 0 : 0xFF);
-            break;
         default:
-            *from = static_cast<std::uint8_t>(random());
+            std::fill(from, to + 1, static_cast<std::uint8_t>(random()));
         }
     }
     return file;
 }
 
-// NORVEX_FUZZ: how many of each kind.
+// NORVEX_STEPS: how many of each kind.
 TEST_F(FileTest, DamagedFilesAreReadOrRefusedInOneLine) {
-    char wanted[16] = "100";
     const auto path = m_folder.GetPath("damaged.y4m"); // only of clips the name matters
-    GetEnvironmentVariableA("NORVEX_FUZZ", wanted, sizeof(wanted));
+    char count[16] = "100";
+    GetEnvironmentVariableA("NORVEX_STEPS", count, sizeof(count));
     const auto expect = [&](const char* name, const auto& read) {
         const Bytes whole = ReadInputFile(m_folder.GetPath(name));
         std::mt19937 random(1);
-        for (int i = 0; i <= std::atoi(wanted); ++i) {
+        for (int i = 0; i <= std::atoi(count); ++i) {
             SCOPED_TRACE(fmt::format("{}, {}", name, i));
-            Bytes file = i == 0 ? whole : Damage(whole, random);
-            if (i % 2 != 0 && name == "a.png"s) {
-                MendChecks(file);
-            }
-            WriteBytes(path, file);
+            WriteBytes(path, i == 0 ? whole : Damage(whole, random));
             const std::string line = FailureOf(read);
             EXPECT_TRUE(i > 0 || line == "(nothing)") << line;
             EXPECT_TRUE(std::ranges::none_of(line, &::iscntrl)) << line;
         }
     };
-    const auto readPicture = [&] {
-        const Image image = ReadImage(path);
-        EXPECT_EQ(image.pixels.size(), image.GetRowSize() * image.height);
-    };
     const Image noise = MakeNoise(20, 20, 8, true);
-    const auto& format = GUID_WICPixelFormat32bppBGRA;
-    WriteWithWic(m_folder.GetPath("a.tif"), GUID_ContainerFormatTiff, format, 20, 20, noise.pixels);
-    WriteWithWic(m_folder.GetPath("a.bmp"), GUID_ContainerFormatBmp, format, 20, 20, noise.pixels);
+    WriteWithWic(m_folder.GetPath("a.tif"), GUID_ContainerFormatTiff, GUID_WICPixelFormat32bppBGRA,
+                 20, 20, noise.pixels);
     WriteJpeg(m_folder.GetPath("a.jpg"), noise);
     WriteImage(m_folder.GetPath("a.png"), noise);
-    for (const char* name : {"a.tif", "a.bmp", "a.jpg", "a.png"}) {
-        expect(name, readPicture);
+    for (const char* name : {"a.tif", "a.jpg", "a.png"}) {
+        expect(name, [&] {
+            const Image image = ReadImage(path);
+            EXPECT_EQ(image.pixels.size(), image.GetRowSize() * image.height);
+        });
     }
-    WriteBytes(m_folder.GetPath("a.y4m"),
-               "YUV4MPEG2 W2 H1 F25:1 Ip A1:1 C444\nFRAME\n123456FRAME\n123456"s);
+    WriteBytes(m_folder.GetPath("a.y4m"), "YUV4MPEG2 W2 H1 F25:1 Ip A1:1 C444\nFRAME\n123456"s);
     expect("a.y4m", [&] {
         EncodePlan plan;
         plan.options.inputs = {Utf8FromPath(path)};

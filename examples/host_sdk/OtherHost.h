@@ -1,8 +1,8 @@
 #pragma once
 
-// What another host has of its own, all inline: counts that Windows increments, a tracker that
-// prints, a registry without keys, colours. Stands for Host/Color.h, CoreTracker.h, RefCountable.h
-// and Registry.h; the rest of its host SDK is made of this project's sources.
+// What a host may have of its own (docs/host-sdk.md), all inline: counts that Windows increments, a
+// tracker that prints, a registry without keys, colours. Stands for Host/Color.h, CoreTracker.h,
+// RefCountable.h and Registry.h; the rest of its host SDK is made of this project's sources.
 
 #include <array>
 #include <cstdio>
@@ -62,8 +62,16 @@ struct RGBColorSpace {
     TransferCharacteristics transfer = TransferCharacteristics::sRGB;
     bool operator==(const RGBColorSpace&) const = default;
 };
-inline std::array<std::array<double, 3>, 3> GetRGBToYpPbPrMatrix(YCbCrMatrix) {
-    return {};
+// From Kr and Kb of ITU-R BT.601-7, BT.709-6 and BT.2020-2.
+inline std::array<std::array<double, 3>, 3> GetRGBToYpPbPrMatrix(YCbCrMatrix matrix) {
+    const bool isHD = matrix == YCbCrMatrix::BT709;
+    const bool isSD = matrix == YCbCrMatrix::BT601;
+    const double kr = isHD ? 0.2126 : isSD ? 0.299 : 0.2627;
+    const double kb = isHD ? 0.0722 : isSD ? 0.114 : 0.0593;
+    const double kg = 1 - kr - kb;
+    const double b = 0.5 / (1 - kb);
+    const double r = 0.5 / (1 - kr);
+    return {{{kr, kg, kb}, {-kr * b, -kg * b, 0.5}, {0.5, -kg * r, -kb * r}}};
 }
 } // namespace Conf
 
