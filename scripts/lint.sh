@@ -25,6 +25,8 @@ mapfile -t sources < <(find . -path ./build -prune -o -path ./out -prune -o \
 clang-format --dry-run -Werror "${sources[@]}" || failed=1
 clang-tidy --verify-config >/dev/null || failed=1
 
+printf '%s\n' "${sources[@]}" | grep -E '^(Platform|Host|Core|Proc)/' | xargs awk -f scripts/floors.awk docs/architecture.md || failed=1
+
 # Tests stay small beside what they test: lines of C++ and HLSL that are neither blank nor comment.
 # What only the checks need counts as test, benchmarks as neither.
 kMostTestsInPercent=33

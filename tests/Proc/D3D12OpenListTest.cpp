@@ -1,7 +1,4 @@
-// What drawers draw into an open list: the same pictures as in lists of their own, with fewer
-// calls.
-
-#include <vector>
+// What a draw into an open list costs: no memory, no object, and only the calls for what differs.
 
 #include <gtest/gtest.h>
 
@@ -17,24 +14,13 @@ using namespace Norvex::Test;
 using ListPtr = boost::intrusive_ptr<D12GraphicsCommandList>;
 
 constexpr auto kRgba8 = DXGI_FORMAT_R8G8B8A8_UNORM;
-constexpr unsigned kSize = 16;
 
 class D3D12OpenListTest : public CanvasTest {
 protected:
     using View = boost::intrusive_ptr<D12Descriptor>;
 
-    static View MakeSource(unsigned seed) {
-        return s_canvas->MakeSource(MakePixels(4, 4,
-                                               [seed](unsigned x, unsigned y) {
-                                                   return Color{x / 3.0, y / 3.0, seed % 7 / 6.0,
-                                                                seed % 5 / 4.0};
-                                               }),
-                                    kRgba8);
-    }
-    static View MakeTarget() { return s_canvas->MakeTarget(kSize, kSize, kRgba8); }
-    static std::vector<std::uint8_t> Read(const View& target) {
-        return EncodePixels(s_canvas->Read(target), target->GetFormat());
-    }
+    static View MakeSource() { return s_canvas->MakeSource({1, 1, {Color{}}}, kRgba8); }
+    static View MakeTarget() { return s_canvas->MakeTarget(16, 16, kRgba8); }
 };
 
 template <auto method>
@@ -48,7 +34,7 @@ MethodPatch<method> CountCalls(IUnknown* object, int& count) {
 TEST_F(D3D12OpenListTest, ADrawMakesNothingAndSetsWhatDiffers) {
     using List = ID3D12GraphicsCommandList;
     const boost::intrusive_ptr draw(new D12ImageDraw(Device()));
-    const View sources[] = {MakeSource(1), MakeSource(2)};
+    const View sources[] = {MakeSource(), MakeSource()};
     const View target = MakeTarget();
     const auto allocator = Queue()->CreateCommandAllocator();
     const ListPtr list = allocator->CreateCommandList(nullptr);

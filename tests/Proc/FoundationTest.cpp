@@ -37,13 +37,6 @@ TEST(ResultTest, AResultIsCapturedFromItsDevice) {
     EXPECT_THAT(log.GetEntries(), testing::IsEmpty()) << "without debug mode no messages are read";
 }
 
-TEST(ValueTypeTest, ColorSpacesConvert) {
-    using Space = Conf::ColorSpace;
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709), (Space{1, 13, 1}));
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G10_NONE_P709), (Space{1, 8, 1}));
-    EXPECT_EQ(ConvertColorSpace(DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020), (Space{9, 16, 9}));
-}
-
 struct OfflineTracker : Proc::ICoreTracker {
     void OnEvent(const std::string&, const std::map<std::string, std::string>&) override {
         throw std::runtime_error("it is offline");
@@ -153,19 +146,6 @@ TEST(FactoryTest, EnumerationLeavesOutSoftware) {
     ExpectFailure([&] { factory->EnumerateAdapters(out, false); }, "Failed to obtain adapter: 3",
                   "EnumerateAdapters", E_ACCESSDENIED);
     EXPECT_EQ(out.size(), 2u) << "unchanged";
-}
-
-TEST(FactoryTest, FailuresNameTheGeneration) {
-    ExpectFailure([] { DXGIFactory::Create()->GetAdapter({0x7FFFFFF0, 0x7FFFFFF0}); },
-                  "Failed to obtain adapter", "GetAdapter", DXGI_ERROR_NOT_FOUND);
-    DXGI_SWAP_CHAIN_DESC1 desc = {};
-    desc.AlphaMode = DXGI_ALPHA_MODE_PREMULTIPLIED;
-    constexpr auto kAlpha = "Alpha blended swapchains must be created with "
-                            "CreateSwapChainForComposition, or CreateSwapChainForCoreWindow";
-    ExpectFailure11([&] { D11Device::CreatePrimary()->CreateSwapChainForHwnd(nullptr, desc); },
-                    kAlpha, "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
-    ExpectFailure12([&] { Canvas().GetQueue()->CreateSwapChainForHwnd(nullptr, desc); }, kAlpha,
-                    "CreateSwapChainForHwnd", DXGI_ERROR_INVALID_CALL);
 }
 
 TEST(DebugModeTest, ComesTooLateAfterTheFirstFactory) {

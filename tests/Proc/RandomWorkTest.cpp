@@ -5,13 +5,11 @@
 #include <chrono>
 #include <map>
 #include <mutex>
-#include <optional>
 
 #include <fmt/format.h>
 
 #include "tests/Proc/Direct3D12Fixture.h"
 #include "tests/support/Canvas11.h"
-#include "tests/support/FrameHost.h"
 #include "tests/support/FreedMemory.h"
 #include "tests/support/Threads.h"
 
@@ -73,18 +71,12 @@ struct World {
 class Actor {
 public:
     // errs: passes wrong arguments too.
-    Actor(World& world, unsigned seed, bool errs, bool presents)
-        : m_world(world),
-          m_random(seed),
-          m_errs(errs) {
+    Actor(World& world, unsigned seed, bool errs) : m_world(world), m_random(seed), m_errs(errs) {
         for (int i = 0; i < 3; ++i) {
             m_pictures11.push_back({world.on11.canvas.MakeTarget(kSide, kSide, kColor)});
             m_pictures.push_back({world.on12.canvas.MakeTarget(kSide, kSide, kColor)});
         }
         world.on12.canvas.GetQueue()->WaitComplete();
-        if (presents) {
-            m_host.emplace(Generation::Direct3D11);
-        }
     }
 
     unsigned Below(std::size_t end) { return static_cast<unsigned>(m_random() % end); }
@@ -95,7 +87,7 @@ public:
             {"frame on 12", &Actor::DrawFrame},       {"frame on 12", &Actor::DrawFrame},
             {"frame on 11", &Actor::DrawFrame11},     {"read back", &Actor::Check},
             {"make, record by hand", &Actor::UseOne}, {"use a pool", &Actor::UsePool},
-            {"call back", &Actor::CallBack},          {"present", &Actor::Present}};
+            {"call back", &Actor::CallBack}};
         const auto& [name, operation] = Any(kOperations);
         m_operation = name;
         EXPECT_EQ(SentenceOf([&, run = operation] { (this->*run)(); }), "(nothing)") << name;
@@ -322,14 +314,6 @@ private:
         };
         EXPECT_THROW(allocator->RecordList(nullptr, misuse), GivenUp);
     }
-    void Present() {
-        if (m_host) {
-            m_host->Frame();
-            m_host->window.Place(40, 40, {1 + static_cast<long>(Below(3)), 100});
-            m_host->swapChain->RecreateBuffers();
-        }
-    }
-
     // The device's views come and go.
     ViewPtr ViewOf(const ViewPtr& target) const {
         return m_world.device->CreateRenderTargetView(target->GetFirstResource());
@@ -351,7 +335,6 @@ private:
     std::vector<Picture<Ptr<D11RenderTexture2D>>> m_pictures11;
     std::array<std::pair<Ptr<D12Buffer>, std::uint8_t>, 8> m_held;
     std::array<Ptr<IRefCountable>, 16> m_things;
-    std::optional<FrameHost> m_host;
 };
 
 // Prints what was done, after which nothing may be left.
@@ -377,7 +360,7 @@ TEST(RandomWorkTest, EightThreadsAtOnce) {
     RunIn(fmt::format("Seed {}, {} s", seed, seconds), [&](World& world) {
         const auto end = Clock::now() + std::chrono::seconds(seconds);
         RunThreads(8, [&](unsigned thread) {
-            Actor actor(world, 8 * seed + thread, false, thread < 2);
+            Actor actor(world, 8 * seed + thread, false);
             while (Clock::now() < end && !testing::Test::HasFailure()) {
                 actor.Step();
             }
@@ -392,7 +375,7 @@ TEST_P(FuzzTest, WhatIsWrongIsRefusedAndChangesNothing) {
     const unsigned steps = FromEnvironment("NORVEX_STEPS", 1000);
     RunIn(fmt::format("Seed {}, {} steps", seed, steps), [&](World& world) {
         KeepFreedMemory();
-        Actor actor(world, seed, true, true);
+        Actor actor(world, seed, true);
         for (unsigned step = 0; step < steps && !HasFailure(); ++step) {
             SCOPED_TRACE(fmt::format("seed {}, step {}", seed, step));
             actor.Step();

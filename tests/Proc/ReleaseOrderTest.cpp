@@ -26,7 +26,10 @@ using Held = std::vector<std::any>;
 struct Stored : FakeObject {
     Stored() {
         Set(&IUnknown::Release, [](Stored*) -> ULONG {
-            auto other = std::async(std::launch::async, [] { D12Device::Find(nullptr); });
+            auto other = std::async(std::launch::async, [] {
+                D11Device::Find(nullptr);
+                D12Device::Find(nullptr);
+            });
             EXPECT_EQ(other.wait_for(10s), std::future_status::ready) << "a lock is held";
             return 0;
         });

@@ -116,10 +116,6 @@ TEST(OldWindowsTest, TheSwapChainIsOfOneBuffer) {
             return E_ABORT;
         });
     EXPECT_EQ(ThrownBy([&] { DXGISwapChain::Create(device, window.Get()); }).result, E_ABORT);
-    // Only the factory that made the device serves.
-    const InterfacePatch<ID3D11Device, IDXGIDevice> none(device->Get(), nullptr);
-    ExpectFailure11([&] { device->CreateSwapChainForHwnd(nullptr, {}); },
-                    "Failed to get DXGI device", "CreateSwapChainForHwnd", E_NOINTERFACE);
 }
 
 TEST(OldFactoryTest, TheFactoryOfDxgi11Serves) {
