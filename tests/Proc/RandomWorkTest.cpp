@@ -356,7 +356,7 @@ void RunIn(const std::string& title, const Work& work) {
 TEST(RandomWorkTest, EightThreadsAtOnce) {
     using Clock = std::chrono::steady_clock;
     const unsigned seed = FromEnvironment("NORVEX_SEED", 1);
-    const unsigned seconds = FromEnvironment("NORVEX_SECONDS", 4);
+    const unsigned seconds = FromEnvironment("NORVEX_SECONDS", 2);
     RunIn(fmt::format("Seed {}, {} s", seed, seconds), [&](World& world) {
         const auto end = Clock::now() + std::chrono::seconds(seconds);
         RunThreads(8, [&](unsigned thread) {
@@ -372,7 +372,7 @@ class FuzzTest : public testing::TestWithParam<unsigned> {};
 
 TEST_P(FuzzTest, WhatIsWrongIsRefusedAndChangesNothing) {
     const unsigned seed = FromEnvironment("NORVEX_SEED", GetParam());
-    const unsigned steps = FromEnvironment("NORVEX_STEPS", 1000);
+    const unsigned steps = FromEnvironment("NORVEX_STEPS", 400);
     RunIn(fmt::format("Seed {}, {} steps", seed, steps), [&](World& world) {
         KeepFreedMemory();
         Actor actor(world, seed, true);

@@ -110,7 +110,7 @@ TYPED_TEST_SUITE(ReleaseOrderTest, BothCanvases, CanvasName);
 
 TYPED_TEST(ReleaseOrderTest, NothingIsLeftWhateverGoesFirst) {
     std::mt19937 random(FromEnvironment("NORVEX_SEED", 1));
-    const unsigned orders = FromEnvironment("NORVEX_STEPS", 5);
+    const unsigned orders = FromEnvironment("NORVEX_STEPS", 3);
     for (unsigned order = 0; order < orders && !this->HasFailure(); ++order) {
         SCOPED_TRACE(order);
         KeepFreedMemory();
