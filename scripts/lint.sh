@@ -28,10 +28,10 @@ clang-tidy --verify-config >/dev/null || failed=1
 printf '%s\n' "${sources[@]}" | grep -E '^(Platform|Host|Core|Proc)/' | xargs awk -f scripts/floors.awk docs/architecture.md || failed=1
 
 # Tests stay small beside what they test: lines of C++ and HLSL that are neither blank nor comment.
-# What only the checks need counts as test, benchmarks as neither.
+# Benchmarks count as neither, nor do the headers that stand in for Microsoft's.
 kMostTestsInPercent=33
 count_lines() { grep -hcvE '^[[:space:]]*(//.*)?$' "$@" | awk '{ sum += $1 } END { print sum }'; }
-mapfile -t testing < <(find tests scripts cmake/PrecompiledTests.h -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
+mapfile -t testing < <(find tests cmake/PrecompiledTests.h -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
 mapfile -t tested < <(find apps cmake/Precompiled.h Core examples Host Platform Proc -name '*.cpp' -o -name '*.h' -o -name '*.hlsl')
 testLines=$(count_lines "${testing[@]}")
 otherLines=$(count_lines "${tested[@]}")

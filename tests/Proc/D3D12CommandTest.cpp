@@ -168,42 +168,6 @@ TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {
     EXPECT_EQ(CountAlive(), 0);
 }
 
-// Nobody waits, and one queue is behind: what the others used goes by itself, at the cost of an
-// event a queue and not a submission, and also where there is no event to be had.
-TEST_F(D3D12CommandTest, WhatIsDoneGoesWithoutTheHost) {
-    const auto event = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
-    for (const bool hasEvents : {true, false}) {
-        std::atomic<int> calls{0};
-        const MethodPatch<&ID3D12Fence::SetEventOnCompletion> patch(
-            event->GetFence(), [&](auto original, auto* self, auto value, HANDLE handle) {
-                ++calls;
-                return hasEvents || handle == nullptr ? original(self, value, handle)
-                                                      : E_OUTOFMEMORY;
-            });
-        const EventPtr gates[] = {MakeGate(), MakeGate()};
-        std::shared_ptr<int> tokens[] = {std::make_shared<int>(), std::make_shared<int>()};
-        const Ptr<D12CommandQueue> queues[] = {MakeQueue(kDirect), MakeQueue(kDirect)};
-        constexpr int kSubmissions = 20;
-        for (int i = 0; i < 2 * kSubmissions; ++i) {
-            m_token = tokens[i % 2];
-            const auto allocator = queues[i % 2]->CreateCommandAllocator();
-            Record(allocator);
-            allocator->Wait(gates[i % 2]);
-            allocator->Execute();
-        }
-        m_token.reset();
-        EXPECT_TRUE(!hasEvents || calls == 2) << calls;
-        for (const int queue : {1, 0}) {
-            EXPECT_EQ(tokens[queue].use_count(), kSubmissions + 1) << queue;
-            Open(gates[queue]);
-            for (int i = 0; i < 20'000 && tokens[queue].use_count() > 1; ++i) {
-                std::this_thread::sleep_for(1ms);
-            }
-            EXPECT_EQ(tokens[queue].use_count(), 1) << queue;
-        }
-    }
-}
-
 TEST_F(D3D12CommandTest, ListsKeepWhatTheyName) {
     const auto check = [](const char* name, const auto& record) {
         ResourcePtr resources[] = {MakeBuffer(256, {}, kUnordered), MakeBuffer(256)};

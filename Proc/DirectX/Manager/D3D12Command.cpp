@@ -166,31 +166,20 @@ void D12CommandAllocator::Execute() {
 }
 
 void D12CommandAllocator::Execute(Release release) {
-    ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
-                                    "There are no command lists to execute");
-    ThrowUnless<DirectX12Exception>(std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
-                                    "Found command list that was not closed");
-    SubmissionsInFlight::Room room;
-    if (release == Release::InBackground) {
-        room = m_queue->m_inFlight->MakeRoom();
-    }
-    std::uint64_t value = 0;
     {
         const std::lock_guard guard(m_lock);
+        ThrowUnless<DirectX12Exception>(!m_commandLists.empty(),
+                                        "There are no command lists to execute");
+        ThrowUnless<DirectX12Exception>(
+            std::ranges::all_of(m_commandLists, &D12CommandList::IsClosed),
+            "Found command list that was not closed");
         const auto finished = WaitAndTake(Location::current());
         Submit(Location::current());
-        value = m_state.GetCompletionEvent()->GetValue();
     }
-    if (release == Release::InBackground &&
-        !m_queue->m_inFlight->Add(std::move(room),
-                                  {boost::intrusive_ptr<IRefCountable>(this),
-                                   m_state.GetCompletionEvent()->GetFence(), value, &ReleaseOf})) {
-        ReleaseFinished();
+    if (release == Release::InBackground) {
+        QueueDispatchTask(boost::intrusive_ptr<IRefCountable>(this),
+                          [this](IRefCountable&) { WaitComplete(); });
     }
-}
-
-void D12CommandAllocator::ReleaseOf(IRefCountable& object) {
-    static_cast<D12CommandAllocator&>(object).ReleaseFinished();
 }
 
 void D12CommandAllocator::Submit(const Location& location) {
@@ -199,7 +188,7 @@ void D12CommandAllocator::Submit(const Location& location) {
     lists.clear();
     lists.reserve(m_commandLists.size());
     m_inUse.reserve(m_commandLists.size() + 1);
-    D12TrackedObjects others;
+    D12TrackedObjects& others = m_inUse.emplace_back();
     for (const FenceWait& wait : m_waits) {
         others.Add(wait.fence.p);
     }
@@ -208,9 +197,6 @@ void D12CommandAllocator::Submit(const Location& location) {
         if (list->m_allocator != m_state.Get()) {
             others.Add(list.get()); // its memory is another's
         }
-    }
-    if (!others.IsEmpty()) {
-        m_inUse.push_back(std::move(others));
     }
 
     for (const FenceWait& wait : m_waits) {
@@ -240,12 +226,9 @@ void D12CommandAllocator::SignalIfDue(const Location& location) {
 }
 
 std::vector<D12TrackedObjects> D12CommandAllocator::WaitAndTake(const Location& location) {
-    if (m_inUse.empty()) {
-        return {}; // no submission, or one that is released
-    }
     SignalIfDue(location);
     m_state.GetCompletionEvent()->WaitComplete();
-    return std::exchange(m_inUse, {});
+    return TakeUsed();
 }
 
 void D12CommandAllocator::WaitComplete() {
@@ -256,20 +239,20 @@ void D12CommandAllocator::WaitComplete() {
     // Without the lock, so that the GPU wakes each of those who wait, not one the other.
     D12CompletionEvent& event = *m_state.GetCompletionEvent();
     event.WaitFor(event.GetValue(), Location::current());
-    ReleaseFinished();
-}
-
-void D12CommandAllocator::ReleaseFinished() {
     const std::lock_guard guard(m_lock);
-    if (m_inUse.empty() || !IsCompleted()) {
+    if (!IsCompleted()) {
         return; // a later Execute has released it, and what is in use is of that submission
     }
-    auto finished = std::exchange(m_inUse, {});
+    auto finished = TakeUsed();
     finished.clear();                       // the destructors may use this allocator, and submit
     constexpr std::size_t kMostKept = 1024; // a burst is no reason to keep its memory
     if (m_inUse.capacity() == 0 && finished.capacity() <= kMostKept) {
         m_inUse = std::move(finished);
     }
+}
+
+std::vector<D12TrackedObjects> D12CommandAllocator::TakeUsed() {
+    return m_inUse.empty() ? std::vector<D12TrackedObjects>() : std::exchange(m_inUse, {});
 }
 
 void D12CommandAllocator::DiscardRecording(D12GraphicsCommandList& list, std::size_t lists,

@@ -2,7 +2,7 @@
 
 // Recording and submission. A D12CommandAllocator is one unit of submission: lists recorded from
 // it, waits before them, and all objects they use, kept alive until the GPU has finished. Execute
-// submits; a background thread later releases the objects. One thread records and executes at a
+// submits; a background thread then releases the objects. One thread records and executes at a
 // time, any may wait. Throws DirectX12Exception; what is null where an object is needed throws
 // "... is null". Next: D3D12CommandList.h, D3D12CommandQueue.h.
 
@@ -109,9 +109,8 @@ public:
     // previous submission of this allocator runs. "There are no command lists to execute", "Found
     // command list that was not closed", "Failed to set event on completion", "Failed to wait for
     // fence": nothing is submitted, lists and waits stay. "Failed to signal fence",
-    // std::system_error and std::bad_alloc (no thread for the background): submitted; the next wait
-    // signals and waits for it. What the submission uses is released here, should the GPU have
-    // finished already.
+    // std::system_error (no thread for the background): submitted; the next wait signals and waits
+    // for it.
     void Execute();
     // Blocks until the GPU has finished and what the submission used is released, here or by the
     // background thread that came first; those objects' destructors may use this allocator. The
@@ -168,12 +167,10 @@ private:
     // ByCaller: by the WaitComplete that follows.
     enum class Release { InBackground, ByCaller };
     void Execute(Release release);
-    // What the last submission used, if the GPU has finished it; nobody waits.
-    void ReleaseFinished();
-    // Of an allocator, for the background.
-    static void ReleaseOf(IRefCountable& object);
     // These expect m_lock to be held.
     std::vector<D12TrackedObjects> WaitAndTake(const Location& location);
+    // Nothing where it has been taken already; the memory stays then.
+    std::vector<D12TrackedObjects> TakeUsed();
     void Submit(const Location& location);
     void SignalIfDue(const Location& location);
 

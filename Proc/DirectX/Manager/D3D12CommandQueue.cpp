@@ -8,7 +8,6 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Staging.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
-#include "Proc/DirectX/Manager/DispatchThreads.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -79,8 +78,7 @@ void D12CompletionEvent::WaitByEvent(std::uint64_t value, const std::source_loca
 D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
                                  const D3D12_COMMAND_QUEUE_DESC& desc)
     : m_device(device),
-      m_type(desc.Type),
-      m_inFlight(std::make_unique<SubmissionsInFlight>()) {
+      m_type(desc.Type) {
     ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
     ThrowIfFailed<DirectX12Exception>(
         m_device->Get()->CreateCommandQueue(&desc, IID_PPV_ARGS(&m_queue)),

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <source_location>
 #include <vector>
@@ -24,7 +23,6 @@ namespace Norvex::DX {
 
 class D12CommandAllocator;
 class D12Device;
-class SubmissionsInFlight;
 
 class NORVEX_DX_API D12CompletionEvent : public RefCountImpl {
 public:
@@ -139,8 +137,7 @@ struct D12DownloadResourceParams {
 
 class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
 public:
-    // "Failed to create command queue", "DirectX 12 device is null"; std::system_error when the
-    // system gives the first of all queues no event.
+    // "Failed to create command queue", "DirectX 12 device is null".
     D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
                     const D3D12_COMMAND_QUEUE_DESC& desc);
     // Blocks until the queue is idle. Where that fails and the device is not removed, it is logged
@@ -173,8 +170,6 @@ public:
     void WaitComplete();
 
 private:
-    friend class D12CommandAllocator;
-
     // copy(D12GraphicsCommandList&) records what goes from params.source into the staging buffer.
     template <class Params, class Copy>
     void CopyToStaging(const Params& params, D12Buffer& staging, const Copy& copy);
@@ -183,7 +178,6 @@ private:
     CComPtr<ID3D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
     boost::intrusive_ptr<D12CompletionEvent> m_completionEvent;
-    std::unique_ptr<SubmissionsInFlight> m_inFlight;
 };
 
 } // namespace Norvex::DX

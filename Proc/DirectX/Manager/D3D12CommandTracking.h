@@ -24,8 +24,6 @@ public:
     void Add(ID3D12DeviceChild* object) { AddTo(m_comObjects, object); }
     void Add(IRefCountable* object) { AddTo(m_objects, object); }
 
-    bool IsEmpty() const { return m_comObjects.empty() && m_objects.empty(); }
-
     // Never releases the objects: nothing tells when the GPU has finished with them.
     void Abandon() noexcept {
         for (auto& object : m_objects) {
