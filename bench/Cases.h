@@ -16,5 +16,6 @@ std::vector<Case> MakeSubmissionCases();
 std::vector<Case> MakeGrowthCases();
 std::vector<Case> MakeThreadCases();
 std::vector<Case> MakePictureCases();
+std::vector<Case> MakeStartCases();
 
 } // namespace Norvex::Bench

@@ -123,9 +123,13 @@ Scene12::Scene12()
     desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
     target = device->CreateRenderTargetView(device->CreateTexture2D(desc));
     conversion.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
+    MakePipeline();
+    quad = MakeUploadBuffer(*device, sizeof(kQuad), kQuad.data());
+}
+
+void Scene12::MakePipeline() {
     rootSignature = MakeParameters(*this)->GetRootSignature();
     pipelineState = MakePipelineState(*this);
-    quad = MakeUploadBuffer(*device, sizeof(kQuad), kQuad.data());
 }
 
 Fence12::Fence12(ID3D12Device* device) {

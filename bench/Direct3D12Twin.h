@@ -22,6 +22,8 @@ namespace Norvex::Bench {
 // A small source and target: it is recording that is measured.
 struct Scene12 {
     Scene12();
+    // Root signature and pipeline state, anew.
+    void MakePipeline();
 
     boost::intrusive_ptr<DX::D12Device> device;
     boost::intrusive_ptr<DX::D12CommandQueue> queue;

@@ -44,7 +44,7 @@ std::vector<Case> MakeCases() {
     std::vector<Case> all;
     for (auto* const make :
          {&MakeFrameCases12, &MakeFrameCases11, &MakeTransferCases, &MakeSubmissionCases,
-          &MakePoolCases, &MakeThreadCases, &MakePictureCases, &MakeGrowthCases}) {
+          &MakePoolCases, &MakeThreadCases, &MakePictureCases, &MakeStartCases, &MakeGrowthCases}) {
         auto some = make();
         std::move(some.begin(), some.end(), std::back_inserter(all));
     }
