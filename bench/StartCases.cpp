@@ -1,6 +1,6 @@
-// What a start consists of, a part at a time: a device where there is none, and a drawer with its first
-// picture. The process is not new and the driver's caches are warm: that is the system's share, and the
-// same for both.
+// What a start consists of, a part at a time: a device where there is none, and a drawer with its
+// first picture. The process is not new and the driver's caches are warm: that is the system's
+// share, and the same for both.
 
 #include <memory>
 

@@ -1,6 +1,8 @@
 #include "Core/Threading/DispatchQueue.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 #include <system_error>
 #include <utility>
 

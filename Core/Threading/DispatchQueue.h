@@ -7,12 +7,10 @@
 // std::system_error, as each operation says. Next: Host/CoreException.h.
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -20,6 +18,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/RefCountable.h"
+#include "Platform/Mutex.h"
 
 namespace Norvex::Core {
 
@@ -108,9 +107,9 @@ private:
     const ErrorHandler m_errorHandler;
     const std::chrono::milliseconds m_idleTimeout;
 
-    mutable std::mutex m_mutex; // guards everything below
-    std::condition_variable m_wake;
-    std::condition_variable m_ended;
+    mutable Platform::Mutex m_mutex; // guards everything below
+    Platform::ConditionVariable m_wake;
+    Platform::ConditionVariable m_ended;
     State m_state = State::Running;
     std::size_t m_enders = 0; // calls of Drain and Stop in progress
     std::deque<Task> m_tasks;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Host/RefCountable.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
@@ -21,7 +22,7 @@ namespace Norvex::DX {
 namespace {
 
 struct DeviceRegistry {
-    std::mutex lock;
+    Platform::Mutex lock;
     std::unordered_set<D11Device*> devices;
 };
 

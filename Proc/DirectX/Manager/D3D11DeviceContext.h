@@ -8,7 +8,6 @@
 
 #include <array>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Platform/Mutex.h"
 
 namespace Norvex::DX {
 
@@ -96,7 +96,7 @@ private:
 
     CComPtr<ID3D11DeviceContext> m_context;
     CComPtr<ID3D11DeviceContext4> m_context4; // null where fences are not supported
-    std::recursive_mutex m_encodeLock;        // held while a D11Device::Encode runs
+    Platform::RecursiveMutex m_encodeLock;    // held while a D11Device::Encode runs
 };
 
 } // namespace Norvex::DX

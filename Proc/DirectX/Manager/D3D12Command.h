@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <source_location>
 #include <utility>
@@ -22,6 +21,7 @@
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 
 namespace Norvex::DX {
@@ -195,7 +195,7 @@ private:
     // Guards submission and release: whoever has waited for the GPU and had it finds released what
     // the GPU used, and relies on that, as a swap chain does that resizes its buffers. Recursive,
     // since the destructors may use this allocator.
-    std::recursive_mutex m_lock;
+    Platform::RecursiveMutex m_lock;
     // The queue has work of this allocator that no signal follows.
     std::atomic<bool> m_isSignalDue{false};
     std::vector<FenceWait> m_waits;

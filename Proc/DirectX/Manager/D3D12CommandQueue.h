@@ -17,6 +17,7 @@
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 
 namespace Norvex::DX {
@@ -71,7 +72,7 @@ private:
     void WaitByEvent(std::uint64_t value, const std::source_location& location);
 
     std::atomic<HANDLE> m_idleEvent{nullptr}; // for the next wait by event
-    std::mutex m_signalLock;                  // one raises the target at a time
+    Platform::Mutex m_signalLock;             // one raises the target at a time
     std::atomic<std::uint64_t> m_value{0};
     CComPtr<ID3D12Fence> m_fence;
     HANDLE m_sharedHandle = nullptr;

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "Host/RefCountable.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/D3D12DevicePool.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
@@ -28,7 +29,7 @@ namespace {
 struct DeviceRegistry {
     // Recursive: a failure while Create holds the lock builds an error record, which looks the
     // device up here again.
-    std::recursive_mutex lock;
+    Platform::RecursiveMutex lock;
     std::unordered_set<D12Device*> devices;
 };
 

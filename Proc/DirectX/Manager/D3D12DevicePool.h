@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Platform/Direct3D.h"
+#include "Platform/Mutex.h"
 
 namespace Norvex::DX {
 
@@ -77,7 +78,7 @@ private:
         unsigned returns = 0;       // since the window began
     };
 
-    mutable std::mutex m_lock;
+    mutable Platform::Mutex m_lock;
     std::unordered_map<D3D12_COMMAND_LIST_TYPE, Stack> m_stacks;
 };
 

@@ -9,11 +9,11 @@
 #include <cstdint>
 #include <list>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include "Host/WaitableTimer.h"
 #include "Platform/ComPtr.h"
+#include "Platform/Mutex.h"
 
 namespace Norvex::DX {
 
@@ -45,7 +45,7 @@ private:
     // A few of those that expired before `now`; stops the timer when nothing is left at all.
     Entries TakeExpired(Clock::time_point now);
 
-    mutable std::mutex m_lock;                  // guards the lists, start and stop of the timer
+    mutable Platform::Mutex m_lock;             // guards the lists, start and stop of the timer
     std::map<std::uint64_t, Entries> m_entries; // by size, oldest first
     Core::WaitableTimer m_timer;                // last: its callback uses all of the above
 };

@@ -20,6 +20,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/SlotBitmap.h"
 
 namespace Norvex::DX {
@@ -99,10 +100,10 @@ private:
             std::min<std::uint64_t>(units * kUnit, std::numeric_limits<unsigned>::max()));
     }
 
-    mutable std::mutex m_freeMutex;
+    mutable Platform::Mutex m_freeMutex;
     // By key and capacity; sizes that are used again and again need no memory of their own.
     std::map<std::pair<std::uint32_t, unsigned>, std::vector<CComPtr<Raw>>> m_free;
-    std::mutex m_sharedMutex;
+    Platform::Mutex m_sharedMutex;
     std::unordered_map<std::uint32_t, boost::intrusive_ptr<Heap>> m_shared;
 };
 

@@ -8,7 +8,6 @@
 // Next: D3ImageRenderer.h.
 
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -17,6 +16,7 @@
 #include "Host/ColorConversionInfo.h"
 #include "Host/RefCountable.h"
 #include "Platform/Export.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
@@ -114,7 +114,7 @@ protected:
     virtual AffineTransform MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                           const Size2DT<long>& targetSize);
 
-    mutable std::mutex m_mutex; // guards everything below and one Encode
+    mutable Platform::Mutex m_mutex; // guards everything below and one Encode
     std::optional<AffineTransform> m_userTransform;
 
 private:

@@ -14,6 +14,7 @@
 #include <glog/logging.h>
 
 #include "Platform/ComPtr.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/API.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -27,7 +28,7 @@ struct LogEntry {
 };
 
 struct DebugState {
-    std::mutex lock;                 // not held while the log is written
+    Platform::Mutex lock;            // not held while the log is written
     std::vector<LogEntry> unwritten; // in the order of the drains
     bool isWriting = false;          // by one thread at a time
     bool requested = false;
@@ -119,7 +120,7 @@ void FetchMessages(Device* device, std::vector<LogEntry>& entries) {
 }
 
 // Whoever comes while another thread writes, or the writer's own sink, leaves it to the writer.
-void WriteEntries(DebugState& state, std::unique_lock<std::mutex>& lock) {
+void WriteEntries(DebugState& state, std::unique_lock<Platform::Mutex>& lock) {
     if (state.isWriting) {
         return;
     }

@@ -7,6 +7,7 @@
 
 #include "Core/Threading/DispatchQueue.h"
 #include "Platform/Direct3D.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -26,7 +27,8 @@ struct DispatchThreads {
     }
 
     Core::DispatchQueue queue;
-    std::mutex moduleLock; // held over Push, so that the module is not given back between the two
+    Platform::Mutex
+        moduleLock; // held over Push, so that the module is not given back between the two
     HMODULE module = nullptr; // this library, while threads may run its code
 };
 

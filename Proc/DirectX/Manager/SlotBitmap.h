@@ -4,9 +4,10 @@
 // atomic on its own.
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
+
+#include "Platform/Mutex.h"
 
 namespace Norvex::DX {
 
@@ -33,7 +34,7 @@ public:
     bool HasFree() const;
 
 private:
-    mutable std::mutex m_mutex;
+    mutable Platform::Mutex m_mutex;
     std::vector<std::uint64_t> m_words; // bit set: slot in use, or past the end
 };
 
