@@ -169,6 +169,98 @@ TYPED_TEST(DrawTest, EveryConversionAgreesWithTheReferenceAndMakesNumbers) {
     }
 }
 
+// A part of a picture, enlarged, at an opacity and blended in each way over what a fill has left:
+// through a conversion to each alpha type, or without, where the blend says which the picture has.
+// What lies around the part would be seen at once.
+TYPED_TEST(DrawTest, PartsFadeAndBlendAndNothingAroundThemShows) {
+    using enum DX::BlendPreset;
+    constexpr unsigned kAcross = 40, kDown = 24, kFilled = 20;
+    constexpr Rect kPart = {3, 2, 8, 5};
+    constexpr auto kFloats = DXGI_FORMAT_R32G32B32A32_FLOAT;
+    const Color fill = {0.25, 0.5, 0.75, 0.5};
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> uniform(0.0F, 1.0F);
+    const Pixels picture = MakePixels(11, 7, [&](unsigned x, unsigned y) -> Color {
+        const double alpha = uniform(random);
+        return x < 3 || x >= 8 || y < 2 || y >= 5
+                   ? Color{100, 100, 100, 100}
+                   : Color{uniform(random) * alpha, uniform(random) * alpha, alpha / 2, alpha};
+    });
+    const auto source = this->m_canvas.MakeSource(picture, kFloats);
+    const boost::intrusive_ptr filler(new typename TypeParam::FillDraw(this->m_canvas.GetDevice()));
+    const auto expect = [&](DX::BlendPreset blend, const DX::ImageDrawParams& params) {
+        const auto target = this->m_canvas.MakeTarget(kAcross, kDown, kFloats);
+        this->m_renderer->SetBlend(blend);
+        const auto draw = [&](const auto& on) {
+            filler->Encode(on, {0.25F, 0.5F, 0.75F, 0.5F}, target, {-9, -9, 99, kFilled});
+            this->m_renderer->Encode(on, source, target, params);
+        };
+        this->m_canvas.Record([&](const auto& on) {
+            if constexpr (std::is_same_v<TypeParam, Canvas>) {
+                if (params.conversion) {
+                    on->RecordList(nullptr, draw);
+                    return;
+                }
+            }
+            draw(on);
+        });
+        const auto drawnAt = [&](unsigned column, unsigned row) {
+            const double x = std::clamp((column + 0.5) / kAcross * 5 + 2.5, 3.0, 7.0);
+            const double y = std::clamp((row + 0.5) / kDown * 3 + 1.5, 2.0, 4.0);
+            Color color = {};
+            for (const unsigned corner : {0U, 1U, 2U, 3U}) {
+                const double left = std::floor(x) + corner % 2;
+                const double top = std::floor(y) + corner / 2;
+                const double weight = (1 - std::fabs(x - left)) * (1 - std::fabs(y - top));
+                for (std::size_t i = 0; i < 4 && weight > 0; ++i) {
+                    color[i] += weight * picture.At(static_cast<unsigned>(left),
+                                                    static_cast<unsigned>(top))[i];
+                }
+            }
+            double colorFactor = blend == StraightOver ? 1 : params.opacity;
+            double alphaFactor = params.opacity;
+            if (params.conversion) {
+                ColorAlphaConversionInfo straight = *params.conversion;
+                straight.targetAlpha = AlphaType::NonPremultiplied;
+                color = ReferenceConvert(color, straight);
+                const AlphaType alpha = params.conversion->targetAlpha;
+                colorFactor = alpha == straight.targetAlpha ? 1 : color[3] * params.opacity;
+                alphaFactor = alpha == AlphaType::AlphaIsOne ? 1 / color[3] : params.opacity;
+            }
+            return Color{color[0] * colorFactor, color[1] * colorFactor, color[2] * colorFactor,
+                         color[3] * alphaFactor};
+        };
+        const auto expected = [&](std::size_t i) {
+            const auto row = static_cast<unsigned>(i) / kAcross;
+            const Color drawn = drawnAt(static_cast<unsigned>(i) % kAcross, row);
+            const double keep = blend == Replace ? 0 : blend == Add ? 1 : 1 - drawn[3];
+            Color result;
+            for (std::size_t k = 0; k < 4; ++k) {
+                const double factor = blend == StraightOver && k < 3 ? drawn[3] : 1;
+                result[k] = drawn[k] * factor + (row < kFilled ? fill[k] : 0) * keep;
+            }
+            return result;
+        };
+        EXPECT_EQ(FindDifference(this->m_canvas.Read(target), 1e-4, expected), "") << fmt::format(
+            "blend {}, alpha {}, opacity {}", static_cast<int>(blend),
+            params.conversion ? static_cast<int>(params.conversion->targetAlpha) : -1,
+            params.opacity);
+    };
+    for (const auto blend : {Replace, StraightOver, PremultipliedOver, Add}) {
+        for (const float opacity : {1.0F, 0.4F}) {
+            DX::ImageDrawParams params = {.sourceRect = kPart, .opacity = opacity};
+            expect(blend, params);
+            params.conversion.emplace().target = kPQ;
+            params.conversion->sourceAlpha = AlphaType::Premultiplied;
+            for (const auto alpha :
+                 {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne, AlphaType::Premultiplied}) {
+                params.conversion->targetAlpha = alpha;
+                expect(blend, params);
+            }
+        }
+    }
+}
+
 // The four quadrants of a picture in four colours, to see where they land.
 Pixels MakeQuadrants(unsigned width, unsigned height) {
     return MakePixels(width, height, [=](unsigned x, unsigned y) -> Color {
@@ -189,8 +281,8 @@ TYPED_TEST(DrawTest, PicturesAreMirroredOrShowWhatIsNotSupported) {
 }
 
 // Fit modes, turns counter-clockwise, and a shift right and up, in any rectangle: what a pixel
-// shows follows from where it lies in the picture. Pixels at the edges of the quadrants are left
-// out. Rectangles and pictures change together and one at a time.
+// shows follows from where it lies in the picture, which is a part of another one. Pixels at the
+// edges of the quadrants are left out. Rectangles and pictures change together and one at a time.
 TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
     constexpr long kFar = 1L << 30;
     const struct {
@@ -218,10 +310,25 @@ TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
                 : mode == Fit
                     ? std::min(width / (w * c + h * s), height / (w * s + h * c))
                     : std::max((width * c + height * s) / w, (width * s + height * c) / h);
-            const auto source = this->m_canvas.MakeSource(MakeQuadrants(w, h), kRGBA8);
+            const Pixels quadrants = MakeQuadrants(w, h);
+            const auto whole = this->m_canvas.MakeSource(quadrants, kRGBA8);
+            const auto around = this->m_canvas.MakeSource(
+                MakePixels(w + 3, h + 2,
+                           [&](unsigned x, unsigned y) -> Color {
+                               return x < 2 || y < 1 || x >= w + 2 || y > h
+                                          ? Color{0, 0, 1, 1}
+                                          : quadrants.At(x - 2, y - 1);
+                           }),
+                kRGBA8);
             const auto target = this->m_canvas.MakeTarget(100, 50, kRGBA8);
+            const Rect part = {2, 1, static_cast<long>(w) + 2, static_cast<long>(h) + 1};
             this->m_canvas.Record([&](const auto& on) {
-                this->m_renderer->Encode(on, source, target, std::nullopt, rect);
+                if (turn == 0.3) {
+                    this->m_renderer->Encode(on, around, target,
+                                             {.rect = rect, .sourceRect = part});
+                } else {
+                    this->m_renderer->Encode(on, whole, target, std::nullopt, rect);
+                }
             });
             const Pixels drawn = this->m_canvas.Read(target);
             const auto expected = [&](std::size_t i) {
@@ -277,6 +384,11 @@ TYPED_TEST(DrawTest, WrongArgumentsAreRefused) {
             refuses(on, target, target, kNoSource);
             refuses(on, source, source, kNoTarget);
             ExpectFailure12([&] { fill->Encode(on, {}, source, {}); }, kNoTarget, "Encode");
+        }
+        for (const Rect& part : {Rect{}, {-1, 0, 8, 8}, {0, 0, 8, 9}, {5, 0, 5, 8}}) {
+            ExpectFailure([&] { this->m_draw->Encode(on, source, target, {.sourceRect = part}); },
+                          "The source rectangle does not lie in the texture", "Encode", E_FAIL,
+                          TypeParam::kKind);
         }
         this->m_draw->Encode(on, source, target, {}, {});
     });

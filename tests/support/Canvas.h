@@ -16,6 +16,7 @@ namespace Norvex::Test {
 
 class Canvas {
 public:
+    using FillDraw = DX::D12FillDraw;
     using ImageDraw = DX::D12ImageDraw;
     using ImageRenderer = DX::D12ImageRenderer;
     using Converter = DX::D12YUVConverter;

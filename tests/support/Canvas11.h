@@ -29,6 +29,7 @@ inline D3D11_TEXTURE2D_DESC MakeTextureDesc11(unsigned width, unsigned height, D
 
 class Canvas11 {
 public:
+    using FillDraw = DX::D11FillDraw;
     using ImageDraw = DX::D11ImageDraw;
     using ImageRenderer = DX::D11ImageRenderer;
     using Converter = DX::D11YUVConverter;

@@ -1,25 +1,78 @@
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 
 #include <source_location>
+#include <string>
 
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/Throw.h"
+#include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
 
-void CheckArguments(const D11DeviceContext* context, const D11ShaderTexture2D* source,
-                    const D11RenderTexture2D* target, const std::source_location& location) {
-    ThrowUnless<DirectX11Exception>(
-        source != nullptr, "The texture is expected to be the shader resource view", location);
+void CheckTarget(const D11DeviceContext* context, const D11RenderTexture2D* target,
+                 const std::source_location& location) {
     ThrowUnless<DirectX11Exception>(
         target != nullptr, "The texture is expected to be the render target view", location);
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context", location);
 }
 
+void CheckSource(const D11ShaderTexture2D* source, const std::source_location& location) {
+    ThrowUnless<DirectX11Exception>(
+        source != nullptr, "The texture is expected to be the shader resource view", location);
+}
+
+CComPtr<ID3D11BlendState> CreateBlend(D11Device& device, BlendPreset preset) {
+    return preset == BlendPreset::Replace ? CComPtr<ID3D11BlendState>()
+                                          : device.CreateBlendState(MakeBlendDesc11(preset));
+}
+
+// Whether it multiplies the source's colour by its alpha.
+bool BlendsStraight(ID3D11BlendState* state) {
+    if (state == nullptr) {
+        return false;
+    }
+    D3D11_BLEND_DESC desc = {};
+    state->GetDesc(&desc);
+    return desc.RenderTarget[0].BlendEnable != FALSE &&
+           desc.RenderTarget[0].SrcBlend == D3D11_BLEND_SRC_ALPHA;
+}
+
 } // namespace
+
+D11FillDraw::D11FillDraw(const boost::intrusive_ptr<D11Device>& device)
+    : m_device(CheckDevice<DirectX11Exception>(device)),
+      m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
+      m_pixelShader(
+          std::make_shared<D11PixelShader>(device, "PSMain", std::string(Shaders::kFillPixel))) {}
+
+D11FillDraw::~D11FillDraw() = default;
+
+void D11FillDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                         const Proc::ColorF& color,
+                         const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                         const Rect2DT<long>& rect) {
+    CheckTarget(context.get(), target.get(), std::source_location::current());
+    const auto viewport = GetVisiblePart(rect, target->GetSize());
+    if (!viewport) {
+        return;
+    }
+    const auto constants =
+        CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, &color, sizeof(color));
+    ID3D11RenderTargetView* const view = target->GetView();
+    m_pipeline->Draw(*context, {.targets = {&view, 1},
+                                .viewport = *viewport,
+                                .shader = m_pixelShader,
+                                .constants = constants,
+                                .blendState = m_blendState});
+    D11QuadPipeline::Unbind(*context);
+}
+
+void D11FillDraw::SetBlend(BlendPreset preset) {
+    m_blendState = CreateBlend(*m_device, preset);
+}
 
 D11ImageDraw::D11ImageDraw(const boost::intrusive_ptr<D11Device>& device)
     : m_device(CheckDevice<DirectX11Exception>(device)),
@@ -34,10 +87,7 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                           const boost::intrusive_ptr<D11RenderTexture2D>& target,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    CheckArguments(context.get(), source.get(), target.get(), std::source_location::current());
-    const Rect2DT<long> area = rect.value_or(target->GetRect());
-    const AffineTransform transform = MakeTransform(source, SizeOf(area));
-    Encode(context, source, target, transform, conversion, rect);
+    Encode(context, source, target, {.conversion = conversion, .rect = rect});
 }
 
 void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
@@ -46,29 +96,54 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                           const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    CheckArguments(context.get(), source.get(), target.get(), std::source_location::current());
-    const Rect2DT<long> area = rect.value_or(target->GetRect());
+    Encode(context, source, target,
+           {.transform = transform, .conversion = conversion, .rect = rect});
+}
+
+void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                          const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                          const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                          const ImageDrawParams& params) {
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(context.get(), target.get(), std::source_location::current());
+    const Size2DT<long> sourceSize = params.sourceRect ? source->GetSize() : Size2DT<long>();
+    CheckSourceRect<DirectX11Exception>(params.sourceRect, sourceSize);
+    const Rect2DT<long> area = params.rect.value_or(target->GetRect());
+    const AffineTransform transform =
+        params.transform    ? *params.transform
+        : params.sourceRect ? MakePartTransform(SizeOf(*params.sourceRect), SizeOf(area))
+                            : MakeTransform(source, SizeOf(area));
     const auto viewport = GetVisiblePart(area, target->GetSize());
     if (!viewport) {
         return;
     }
-    const auto bytes =
-        D3ImageRenderer::MakeParamsBytes(ToClipUnits(transform, area, *viewport), conversion);
-    const auto parameters =
+    const auto bytes = D3ImageRenderer::MakeParamsBytes(
+        D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), params, sourceSize,
+                                    params.opacity < 1.0F && BlendsStraight(m_blendState)));
+    const auto constants =
         CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     ID3D11RenderTargetView* const view = target->GetView();
     m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *viewport,
                                 .shader = m_pixelShader,
                                 .texture = source->GetView(),
-                                .constants = parameters,
+                                .constants = constants,
                                 .blendState = m_blendState});
     D11QuadPipeline::Unbind(*context);
+}
+
+void D11ImageDraw::SetBlend(BlendPreset preset) {
+    m_blendState = CreateBlend(*m_device, preset);
 }
 
 AffineTransform
 D11ImageDraw::MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& /*source*/,
                             const Size2DT<long>& /*targetSize*/) {
+    return m_transform.value_or(AffineTransform{});
+}
+
+AffineTransform D11ImageDraw::MakePartTransform(const Size2DT<long>& /*partSize*/,
+                                                const Size2DT<long>& /*targetSize*/) {
     return m_transform.value_or(AffineTransform{});
 }
 
@@ -80,13 +155,17 @@ D11ImageRenderer::~D11ImageRenderer() = default;
 AffineTransform
 D11ImageRenderer::MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                                 const Size2DT<long>& targetSize) {
-    const Size2DT<long> sourceSize = source->GetSize();
+    return MakePartTransform(source->GetSize(), targetSize);
+}
+
+AffineTransform D11ImageRenderer::MakePartTransform(const Size2DT<long>& partSize,
+                                                    const Size2DT<long>& targetSize) {
     const bool isCurrent =
-        m_transform.has_value() && sourceSize == m_lastSourceSize && targetSize == m_lastTargetSize;
+        m_transform.has_value() && partSize == m_lastSourceSize && targetSize == m_lastTargetSize;
     if (!isCurrent) {
-        m_lastSourceSize = sourceSize;
+        m_lastSourceSize = partSize;
         m_lastTargetSize = targetSize;
-        UpdateTransform(sourceSize, targetSize);
+        UpdateTransform(partSize, targetSize);
     }
     return m_transform.value_or(AffineTransform{});
 }

@@ -1,22 +1,24 @@
 #pragma once
 
-// Drawing on Direct3D 11: draw an image through a transform and a colour conversion, or fitted by
-// view state. Encode records on the context inside D11Device::Encode. One thread at a time; nothing
-// here is locked but by that Encode. Throws DirectX11Exception, for a null device "There is no
-// device", for a null context "There is no device context". View state and shaders:
-// D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
+// Drawing on Direct3D 11: fill a rectangle, draw an image through a transform and a colour
+// conversion, or fitted by view state. Encode records on the context inside D11Device::Encode. One
+// thread at a time; nothing here is locked but by that Encode. Throws DirectX11Exception, for a
+// null device "There is no device", for a null context "There is no device context". View state and
+// shaders: D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
 
 #include <memory>
 #include <optional>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
+#include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
 #include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3Blend.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -26,6 +28,38 @@
 namespace Norvex::DX {
 
 class D11QuadPipeline;
+
+// Afterwards blend, depth-stencil and rasterizer state are Direct3D's defaults and no target is
+// bound, so that it can be drawn from. Viewport, topology, vertex buffer 0, input layout, both
+// shaders, constant buffer 0 of both stages, and pixel shader resource 0 (the source; of a fill
+// none) and sampler 0 stay bound. What the host had bound in these places is gone. Nothing else is
+// touched, so that no other shader stage, predicate or scissor of the host's may be in effect.
+
+class NORVEX_DX_API D11FillDraw : public RefCountImpl {
+public:
+    // Compiles the shaders; makes the quad and the states.
+    explicit D11FillDraw(const boost::intrusive_ptr<D11Device>& device);
+    ~D11FillDraw() override;
+    D11FillDraw(const D11FillDraw&) = delete;
+    D11FillDraw& operator=(const D11FillDraw&) = delete;
+
+    // Fills rect (pixels; any, parts outside the target are cut off) with the colour in the
+    // target's own encoding. "The texture is expected to be the render target view" (null is none).
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const Proc::ColorF& color,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target, const Rect2DT<long>& rect);
+
+    const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+    // Null, the default: replace.
+    const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
+    void SetBlend(BlendPreset preset); // "Failed to create blend state"
+
+private:
+    boost::intrusive_ptr<D11Device> m_device;
+    std::unique_ptr<D11QuadPipeline> m_pipeline;
+    std::shared_ptr<D11PixelShader> m_pixelShader;
+    CComPtr<ID3D11BlendState> m_blendState;
+};
 
 class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
 public:
@@ -40,12 +74,6 @@ public:
     // written as they are. "The texture is expected to be the shader resource view", "The texture
     // is expected to be the render target view" (null is neither). A rect of which nothing lies
     // inside the target changes nothing.
-    //
-    // Afterwards blend, depth-stencil and rasterizer state are Direct3D's defaults and no target is
-    // bound, so that it can be drawn from. Viewport, topology, vertex buffer 0, input layout, both
-    // shaders, constant buffer 0 of both stages, and pixel shader resource 0 (the source) and
-    // sampler 0 stay bound. What the host had bound in these places is gone. Nothing else is
-    // touched, so that no other shader stage, predicate or scissor of the host's may be in effect.
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                 const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target,
@@ -59,11 +87,17 @@ public:
                 const AffineTransform& transform,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
+    // The same and more: a part of the source, opacity.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                const ImageDrawParams& params);
 
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
     // Null, the default: replace.
     const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
+    void SetBlend(BlendPreset preset); // "Failed to create blend state"
     // Throws std::bad_optional_access while none is stored; drawing then takes the identity.
     AffineTransform GetTransform() const { return m_transform.value(); }
     void SetTransform(const AffineTransform& transform) { m_transform = transform; }
@@ -72,6 +106,9 @@ protected:
     // The transform of a draw into a rectangle of targetSize.
     virtual AffineTransform MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                                           const Size2DT<long>& targetSize);
+    // Of a draw of a part of the source of partSize.
+    virtual AffineTransform MakePartTransform(const Size2DT<long>& partSize,
+                                              const Size2DT<long>& targetSize);
 
     std::optional<AffineTransform> m_transform;
 
@@ -94,6 +131,8 @@ public:
 protected:
     AffineTransform MakeTransform(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                                   const Size2DT<long>& targetSize) override;
+    AffineTransform MakePartTransform(const Size2DT<long>& partSize,
+                                      const Size2DT<long>& targetSize) override;
     void SetTransform(const std::optional<AffineTransform>& transform) override;
 
 private:

@@ -47,6 +47,20 @@ D3D12_SHADER_BYTECODE BytecodeOf(const std::shared_ptr<D12Shader>& shader) {
 
 } // namespace
 
+D12BlendState D12BlendState::Of(BlendPreset preset) {
+    // The generations' numbers are the same.
+    static_assert(int{D3D12_BLEND_INV_SRC_ALPHA} == int{D3D11_BLEND_INV_SRC_ALPHA});
+    const D3D11_RENDER_TARGET_BLEND_DESC desc = MakeBlendDesc11(preset);
+    D12RenderTargetBlend target;
+    target.srcBlend = static_cast<D3D12_BLEND>(desc.SrcBlend);
+    target.destBlend = static_cast<D3D12_BLEND>(desc.DestBlend);
+    target.srcBlendAlpha = static_cast<D3D12_BLEND>(desc.SrcBlendAlpha);
+    target.destBlendAlpha = static_cast<D3D12_BLEND>(desc.DestBlendAlpha);
+    D12BlendState state;
+    state.targets = {target};
+    return state;
+}
+
 D3D12_BLEND_DESC D12BlendState::ToDesc() const {
     ThrowUnless<DirectX12Exception>(
         !logicOpEnable || targets.empty(),

@@ -10,6 +10,7 @@
 
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/D3Blend.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
 namespace Norvex::DX {
@@ -36,6 +37,9 @@ struct NORVEX_DX_API D12BlendState {
     std::uint8_t logicOpWriteMask = D3D12_COLOR_WRITE_ENABLE_ALL;
     // Not together with targets.
     bool logicOpEnable = false;
+
+    // One target that blends in this way, all channels written.
+    static D12BlendState Of(BlendPreset preset);
 
     // "It's not valid for logic operation and blend to both be enabled", "The number of blend
     // states exceeds the allowed limit".

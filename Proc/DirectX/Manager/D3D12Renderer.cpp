@@ -108,11 +108,7 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const boost::intrusive_ptr<D12Descriptor>& target,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    CheckSource(source.get(), std::source_location::current());
-    CheckTarget(target.get(), std::source_location::current());
-    CheckAllocator(allocator.get(), std::source_location::current());
-    const auto transform = MakeLockedTransform(source, rect.value_or(target->GetRect()));
-    Encode(allocator, source, target, transform, conversion, rect);
+    Encode(allocator, source, target, {.conversion = conversion, .rect = rect});
 }
 
 void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
@@ -120,10 +116,7 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
                           const boost::intrusive_ptr<D12Descriptor>& target,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    CheckSource(source.get(), std::source_location::current());
-    CheckTarget(target.get(), std::source_location::current());
-    const auto transform = MakeLockedTransform(source, rect.value_or(target->GetRect()));
-    Encode(list, source, target, transform, conversion, rect);
+    Encode(list, source, target, {.conversion = conversion, .rect = rect});
 }
 
 void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
@@ -132,16 +125,8 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
                           const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
-    CheckSource(source.get(), std::source_location::current());
-    CheckTarget(target.get(), std::source_location::current());
-    CheckAllocator(allocator.get(), std::source_location::current());
-    const Rect2DT<long> area = rect.value_or(target->GetRect());
-    const auto viewport = GetVisiblePart(area, target->GetSize());
-
-    const std::lock_guard guard(m_mutex);
-    const TableOfOneDraw table(*m_textureTable, source);
-    SetParameters(ToClipUnits(transform, area, viewport.value_or(area)), conversion);
-    m_pipeline->Record(*allocator, target, viewport, GetWinding(transform));
+    Encode(allocator, source, target,
+           {.transform = transform, .conversion = conversion, .rect = rect});
 }
 
 void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
@@ -150,21 +135,49 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
                           const AffineTransform& transform,
                           const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                           const std::optional<Rect2DT<long>>& rect) {
+    Encode(list, source, target, {.transform = transform, .conversion = conversion, .rect = rect});
+}
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const ImageDrawParams& params) {
     CheckSource(source.get(), std::source_location::current());
     CheckTarget(target.get(), std::source_location::current());
-    D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
-    const Rect2DT<long> area = rect.value_or(target->GetRect());
+    CheckAllocator(allocator.get(), std::source_location::current());
+    CheckSourceRect<DirectX12Exception>(params.sourceRect, source->GetSize());
+    const Rect2DT<long> area = params.rect.value_or(target->GetRect());
     const auto viewport = GetVisiblePart(area, target->GetSize());
+
+    const std::lock_guard guard(m_mutex);
+    const AffineTransform transform = MakeDrawTransform(source, params, area);
+    const TableOfOneDraw table(*m_textureTable, source);
+    SetParameters(
+        MakeShaderParams(ToClipUnits(transform, area, viewport.value_or(area)), *source, params));
+    m_pipeline->Record(*allocator, target, viewport, GetWinding(transform));
+}
+
+void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                          const boost::intrusive_ptr<D12Descriptor>& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const ImageDrawParams& params) {
+    CheckSource(source.get(), std::source_location::current());
+    CheckTarget(target.get(), std::source_location::current());
+    CheckSourceRect<DirectX12Exception>(params.sourceRect, source->GetSize());
+    D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
+    const Rect2DT<long> area = params.rect.value_or(target->GetRect());
+    const auto viewport = GetVisiblePart(area, target->GetSize());
+
+    const std::lock_guard guard(m_mutex);
+    const AffineTransform transform = MakeDrawTransform(source, params, area);
     if (!viewport) {
         return;
     }
-    const D3ImageParams params =
-        D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), conversion);
-    const auto constants = state.AddConstants(&params, sizeof(params));
+    const D3ImageParams shaderParams =
+        MakeShaderParams(ToClipUnits(transform, area, *viewport), *source, params);
+    const auto constants = state.AddConstants(&shaderParams, sizeof(shaderParams));
     const auto texture = state.AddView(source);
     const D12DrawState::Targets targets(&target, 1);
-
-    const std::lock_guard guard(m_mutex);
     const TableOfOneDraw table(*m_textureTable, source);
     m_pipeline->MakePipelineState(targets); // asks the table for its kind of view alone
     m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list, GetWinding(transform)),
@@ -174,16 +187,27 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
                      });
 }
 
-AffineTransform D12ImageDraw::MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
-                                                  const Rect2DT<long>& area) {
-    const std::lock_guard guard(m_mutex);
-    return MakeTransform(source, SizeOf(area));
+AffineTransform D12ImageDraw::MakeDrawTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                                const ImageDrawParams& params,
+                                                const Rect2DT<long>& area) {
+    if (params.transform) {
+        return *params.transform;
+    }
+    return params.sourceRect ? MakePartTransform(SizeOf(*params.sourceRect), SizeOf(area))
+                             : MakeTransform(source, SizeOf(area));
 }
 
-void D12ImageDraw::SetParameters(const AffineTransform& clipTransform,
-                                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    m_paramsView->SetBuffer(CreateConstants(
-        *m_device, D3ImageRenderer::MakeParamsBytes(clipTransform, conversion), L"Matrix Buffer"));
+D3ImageParams D12ImageDraw::MakeShaderParams(const AffineTransform& clipTransform,
+                                             const D12Descriptor& source,
+                                             const ImageDrawParams& params) const {
+    const auto& blends = m_pipeline->GetBlendState().targets;
+    const bool isStraight = !blends.empty() && blends.front().srcBlend == D3D12_BLEND_SRC_ALPHA;
+    return D3ImageRenderer::MakeParams(clipTransform, params, source.GetSize(), isStraight);
+}
+
+void D12ImageDraw::SetParameters(const D3ImageParams& params) {
+    m_paramsView->SetBuffer(
+        CreateConstants(*m_device, D3ImageRenderer::MakeParamsBytes(params), L"Matrix Buffer"));
 }
 
 D12BlendState D12ImageDraw::GetBlendState() const {
@@ -211,6 +235,11 @@ AffineTransform D12ImageDraw::MakeTransform(const boost::intrusive_ptr<D12Descri
     return m_userTransform.value_or(AffineTransform{});
 }
 
+AffineTransform D12ImageDraw::MakePartTransform(const Size2DT<long>& /*partSize*/,
+                                                const Size2DT<long>& /*targetSize*/) {
+    return m_userTransform.value_or(AffineTransform{});
+}
+
 D12ImageRenderer::D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device)
     : D12ImageDraw(device) {}
 
@@ -218,13 +247,17 @@ D12ImageRenderer::~D12ImageRenderer() = default;
 
 AffineTransform D12ImageRenderer::MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                                 const Size2DT<long>& targetSize) {
-    const Size2DT<long> sourceSize = source->GetSize();
-    const bool isCurrent = m_userTransform.has_value() && sourceSize == m_lastSourceSize &&
+    return MakePartTransform(source->GetSize(), targetSize);
+}
+
+AffineTransform D12ImageRenderer::MakePartTransform(const Size2DT<long>& partSize,
+                                                    const Size2DT<long>& targetSize) {
+    const bool isCurrent = m_userTransform.has_value() && partSize == m_lastSourceSize &&
                            targetSize == m_lastTargetSize;
     if (!isCurrent) {
-        m_lastSourceSize = sourceSize;
+        m_lastSourceSize = partSize;
         m_lastTargetSize = targetSize;
-        UpdateTransform(sourceSize, targetSize);
+        UpdateTransform(partSize, targetSize);
     }
     return m_userTransform.value_or(AffineTransform{});
 }

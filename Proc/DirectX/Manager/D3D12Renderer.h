@@ -19,6 +19,7 @@
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3Blend.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
@@ -59,6 +60,7 @@ public:
     // Default: replace (ONE, ZERO, all channels).
     const D12BlendState& GetBlendState() const;
     void SetBlendState(const D12BlendState& blendState);
+    void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
 
 private:
     boost::intrusive_ptr<D12Device> m_device;
@@ -100,11 +102,19 @@ public:
                 const boost::intrusive_ptr<D12Descriptor>& target, const AffineTransform& transform,
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
+    // The same and more: a part of the source, opacity.
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const ImageDrawParams& params);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                const boost::intrusive_ptr<D12Descriptor>& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const ImageDrawParams& params);
 
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     D12BlendState GetBlendState() const;
     void SetBlendState(const D12BlendState& blendState);
+    void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
     // The user transform; identity when none is set.
     AffineTransform GetTransform() const;
     void SetTransform(const AffineTransform& transform);
@@ -113,15 +123,21 @@ protected:
     // The transform of a draw into a rectangle of targetSize; called under the mutex.
     virtual AffineTransform MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                           const Size2DT<long>& targetSize);
+    // The same of a draw of a part of the source of partSize.
+    virtual AffineTransform MakePartTransform(const Size2DT<long>& partSize,
+                                              const Size2DT<long>& targetSize);
 
     mutable Platform::Mutex m_mutex; // guards everything below and one Encode
     std::optional<AffineTransform> m_userTransform;
 
 private:
-    AffineTransform MakeLockedTransform(const boost::intrusive_ptr<D12Descriptor>& source,
-                                        const Rect2DT<long>& area);
-    void SetParameters(const AffineTransform& clipTransform,
-                       const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    // These expect the mutex to be held.
+    AffineTransform MakeDrawTransform(const boost::intrusive_ptr<D12Descriptor>& source,
+                                      const ImageDrawParams& params, const Rect2DT<long>& area);
+    D3ImageParams MakeShaderParams(const AffineTransform& clipTransform,
+                                   const D12Descriptor& source,
+                                   const ImageDrawParams& params) const;
+    void SetParameters(const D3ImageParams& params);
 
     boost::intrusive_ptr<D12Device> m_device;
     std::unique_ptr<D12QuadPipeline> m_pipeline;
@@ -142,6 +158,8 @@ public:
 protected:
     AffineTransform MakeTransform(const boost::intrusive_ptr<D12Descriptor>& source,
                                   const Size2DT<long>& targetSize) override;
+    AffineTransform MakePartTransform(const Size2DT<long>& partSize,
+                                      const Size2DT<long>& targetSize) override;
     void SetTransform(const std::optional<AffineTransform>& transform) override;
 
 private:

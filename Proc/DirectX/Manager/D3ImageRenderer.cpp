@@ -59,7 +59,7 @@ std::string MakeConstantDeclarations() {
     return text;
 }
 
-static_assert(sizeof(D3ImageParams) == 104 &&
+static_assert(sizeof(D3ImageParams) == 144 &&
               sizeof(D3ImageParams) <= D3ImageRenderer::kParamsSizeInBytes);
 
 void SetConversion(D3ImageParams& params, const Proc::ColorAlphaConversionInfo& conversion) {
@@ -72,6 +72,19 @@ void SetConversion(D3ImageParams& params, const Proc::ColorAlphaConversionInfo& 
     std::tie(params.pqTonemapA, params.pqTonemapB) = conversion.GetPQTonemapCoefs();
     params.displayPeakLuminance = conversion.GetHLGDisplayPeakLuminance();
     params.hlgOOTFGamma = conversion.GetHLGOOTFGamma();
+}
+
+void SetPart(D3ImageParams& params, const Rect2DT<long>& part, const Size2DT<long>& source) {
+    const auto entry = [](double pixels, long size) {
+        return static_cast<float>(pixels / static_cast<double>(size));
+    };
+    constexpr double kCentre = 0.5;
+    const auto [left, top, right, bottom] = part;
+    const auto [width, height] = source;
+    params.partOrigin = {entry(left, width), entry(top, height)};
+    params.partExtent = {entry(right - left, width), entry(bottom - top, height)};
+    params.firstTexel = {entry(left + kCentre, width), entry(top + kCentre, height)};
+    params.lastTexel = {entry(right - kCentre, width), entry(bottom - kCentre, height)};
 }
 
 bool IsEmpty(const Size2DT<long>& size) {
@@ -129,10 +142,28 @@ D3ImageRenderer::MakeParams(const AffineTransform& transform,
     return params;
 }
 
+D3ImageParams D3ImageRenderer::MakeParams(const AffineTransform& transform,
+                                          const ImageDrawParams& draw, const Size2DT<long>& source,
+                                          bool hasStraightAlpha) {
+    D3ImageParams params = MakeParams(transform, draw.conversion);
+    if (draw.opacity < 1.0F) {
+        params.transparency = 1.0F - std::max(draw.opacity, 0.0F);
+        params.colorTransparency = hasStraightAlpha ? 0.0F : params.transparency;
+    }
+    if (draw.sourceRect) {
+        SetPart(params, *draw.sourceRect, source);
+    }
+    return params;
+}
+
 std::array<std::uint8_t, D3ImageRenderer::kParamsSizeInBytes>
 D3ImageRenderer::MakeParamsBytes(const AffineTransform& transform,
                                  const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
-    const D3ImageParams params = MakeParams(transform, conversion);
+    return MakeParamsBytes(MakeParams(transform, conversion));
+}
+
+std::array<std::uint8_t, D3ImageRenderer::kParamsSizeInBytes>
+D3ImageRenderer::MakeParamsBytes(const D3ImageParams& params) {
     std::array<std::uint8_t, kParamsSizeInBytes> bytes = {};
     std::memcpy(bytes.data(), &params, sizeof(params));
     return bytes;

@@ -41,6 +41,36 @@ struct D3ImageParams {
     float pqTonemapB = 0.0F;
     float displayPeakLuminance = 1000.0F;
     float hlgOOTFGamma = 1.0F;
+    float transparency = 0.0F;      // 1 - opacity
+    float colorTransparency = 0.0F; // the same for the colour, where nothing is converted
+    // In texture coordinates, of the part that is drawn; an extent of 0: the whole source.
+    std::array<float, 2> partOrigin = {};
+    std::array<float, 2> partExtent = {};
+    // The centres of the part's first and last texel, between which it is sampled.
+    std::array<float, 2> firstTexel = {};
+    std::array<float, 2> lastTexel = {};
+};
+
+// One draw of an image, for the Encode of either generation that takes it. Members may be added:
+// name those that are meant, `{.conversion = conversion, .opacity = 0.5F}`.
+struct ImageDrawParams {
+    // Clip space (-1 to 1 over rect, y up) to clip space, the translation in pixels of rect; it may
+    // mirror. Without: the drawer's own, or the one that its view state gives.
+    std::optional<AffineTransform> transform = std::nullopt;
+    // Without: the colours are sampled and written as they are.
+    std::optional<Proc::ColorAlphaConversionInfo> conversion = std::nullopt;
+    // Where on the target, pixels; any, parts outside the target are cut off. Without: all of it.
+    std::optional<Rect2DT<long>> rect = std::nullopt;
+    // The part of the source that is drawn as if it were all of it, pixels, at least one and inside
+    // the source ("The source rectangle does not lie in the texture"): it is what a fit mode fits,
+    // and what lies around it does not show, also where the picture is enlarged or turned (but it
+    // is in the smaller mip levels, where a source has them). Without: the whole source.
+    std::optional<Rect2DT<long>> sourceRect = std::nullopt;
+    // 0 to 1, what is beyond counts as these. Multiplies the picture's alpha before it becomes the
+    // target's: straight alpha, premultiplied colours and alpha, and with "alpha is one" the
+    // colours, which then fade to black. Without a conversion the blend says which alpha the source
+    // has: where it multiplies the source's colour by its alpha, straight, else premultiplied.
+    float opacity = 1.0F;
 };
 
 // Geometry. The picture's centre lies on the target's centre; the picture is scaled, then rotated,
@@ -73,11 +103,16 @@ public:
     static D3ImageParams
     MakeParams(const AffineTransform& transform,
                const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    // Of a draw of a source of this size. hasStraightAlpha: what it draws without a conversion.
+    static D3ImageParams MakeParams(const AffineTransform& transform, const ImageDrawParams& draw,
+                                    const Size2DT<long>& source, bool hasStraightAlpha);
     // The constant buffer of both shaders, which begins with these.
     static constexpr std::size_t kParamsSizeInBytes = 256;
     static std::array<std::uint8_t, kParamsSizeInBytes>
     MakeParamsBytes(const AffineTransform& transform,
                     const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    static std::array<std::uint8_t, kParamsSizeInBytes>
+    MakeParamsBytes(const D3ImageParams& params);
     static std::vector<std::uint8_t>
     MakeParamsBuffer(const AffineTransform& transform,
                      const std::optional<Proc::ColorAlphaConversionInfo>& conversion);

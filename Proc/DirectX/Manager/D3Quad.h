@@ -24,6 +24,16 @@ CheckDevice(const boost::intrusive_ptr<Device>& device,
     return device;
 }
 
+// The rectangle, where there is one, has pixels, all of a source of that size.
+template <class E>
+void CheckSourceRect(const std::optional<Rect2DT<long>>& rect, const Size2DT<long>& source,
+                     const std::source_location& location = std::source_location::current()) {
+    const bool isInside =
+        !rect || (0 <= rect->left && rect->left < rect->right && rect->right <= source.width &&
+                  0 <= rect->top && rect->top < rect->bottom && rect->bottom <= source.height);
+    ThrowUnless<E>(isInside, "The source rectangle does not lie in the texture", location);
+}
+
 struct QuadVertex {
     float x, y, w;
     float u, v;

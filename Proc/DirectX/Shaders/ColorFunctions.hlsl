@@ -180,8 +180,8 @@ float3 rec2020_linear_to_rec2020HLG( float3 pixel, bool displayLinear,
     {
         float3 color = saturate( pixel * 100.0 / displayPeakLuminance );
         float y = rec2020_luminance( color );
-        if ( y > 0.0001 )
-            pixel = color * pow( abs( y ), 1.0 / gamma - 1.0 ) * 12.0;
+        float3 scene = color * pow( max( y, 0.0001 ), 1.0 / gamma - 1.0 ) * 12.0;
+        pixel = y > 0.0001 ? scene : pixel;
     }
     return hlg_encode( pixel );
 }

@@ -15,6 +15,12 @@ cbuffer ParamsBuffer: register( b0 )
     float pqTonemapB;
     float displayPeakLuminance;
     float hlgOOTFGamma;
+    float transparency;
+    float colorTransparency;
+    float2 partOrigin;
+    float2 partExtent;
+    float2 firstTexel;
+    float2 lastTexel;
 };
 
 Texture2D shaderTexture: register( t0 );
@@ -93,6 +99,7 @@ float4 ConvertColorSpace( float4 color )
     }
     color.rgb = clamp( color.rgb, -MAX_RESULT, MAX_RESULT );
 
+    color.a *= 1.0 - transparency;
     if ( targetAlphaType != AlphaTypeNonPremultiplied )
         color = premultiply( color );
     if ( targetAlphaType == AlphaTypeAlphaIsOne )
@@ -102,8 +109,12 @@ float4 ConvertColorSpace( float4 color )
 
 float4 PSMain( PSInput input ): SV_TARGET
 {
-    float4 color = shaderTexture.Sample( sampleType, input.uv );
+    // Of a part no texel around it.
+    float2 at = clamp( partOrigin + input.uv * partExtent, firstTexel, lastTexel );
+    float4 color = shaderTexture.Sample( sampleType, partExtent.x > 0.0 ? at : input.uv );
     if ( sourceColorSpace != 0 && targetColorSpace != 0 )
         color = ConvertColorSpace( color );
+    else if ( transparency > 0.0 )
+        color *= 1.0 - float4( colorTransparency.xxx, transparency );
     return color;
 }
