@@ -3,8 +3,9 @@
 // chain about colour spaces, are interposed.
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/DXGIDisplay.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/FrameHost.h"
@@ -176,6 +177,50 @@ TEST_P(DXGISwapChainTest, LooksAtTheDisplayOnlyWhenSomethingMayHaveChanged) {
     EXPECT_FALSE(m_host.EnableHDR());
     m_host.window.Place(80, 80, FrameHost::kSize);
     EXPECT_TRUE(m_host.EnableHDR());
+
+    // What a host reads of it, and the white of the system.
+    const auto expect = [&](DX::HDRRefusal refusal, float white) {
+        const bool isHDR = refusal == DX::HDRRefusal::None;
+        EXPECT_EQ(SwapChain().GetHDRRefusal(), refusal) << to_string(SwapChain().GetHDRRefusal());
+        EXPECT_EQ(SwapChain().IsHDREnabled(), isHDR);
+        EXPECT_EQ(SwapChain().GetSize(), FrameHost::kSize);
+        EXPECT_EQ(SwapChain().GetFormat(), FormatOf(m_host));
+        EXPECT_FLOAT_EQ(SwapChain().GetSDRWhite(), white);
+        const auto info = SwapChain().GetConversionInfo({}, {});
+        EXPECT_FLOAT_EQ(info.GetLinearScale(), isHDR ? white / 80.0F : 1.0F);
+    };
+    const auto look = [&] {
+        SwapChain().UpdateDisplayInfo();
+        m_host.EnableHDR();
+    };
+    using enum DX::HDRRefusal;
+    expect(None, 203);
+    m_display.sdrWhiteLevel = 3000;
+    look();
+    expect(None, 203);
+    SwapChain().FollowSDRWhite(true);
+    expect(None, 240);
+    m_display.sdrWhiteLevel = 5000;
+    expect(None, 240);
+    look();
+    expect(None, 400);
+    m_display.sdrWhiteLevel = 0;
+    look();
+    expect(None, 203);
+    SwapChain().DisableHDR();
+    expect(NotAsked, 203);
+    m_display.Fail(HDRDisplay::CheckColorSpace, 1);
+    look();
+    expect(ColorSpaceRefused, 203);
+    m_display.Fail(HDRDisplay::SetColorSpace, 1);
+    EXPECT_THROW(look(), DX::DirectXException);
+    expect(NotAsked, 203);
+    m_display.Switch(false);
+    look();
+    expect(DisplayInSDR, 203);
+    m_display.outputs.clear();
+    look();
+    expect(NoDisplay, 203);
 }
 
 // However a switch ends: what it leaves fits together, and the next one works.
@@ -204,6 +249,61 @@ TEST_P(DXGISwapChainTest, AFailedSwitchLeavesTheOutputAsItWas) {
     expect(HDRDisplay::GetBuffer, "Failed to get back buffer");
     expect(HDRDisplay::SetColorSpace, "Failed to set color space");
     expect(HDRDisplay::SetMetadata, "Failed to set HDR metadata");
+}
+
+TEST(DXGIDisplayTest, DescribesTheRealOne) {
+    const TestWindow window({16, 16});
+    const auto ofWindow = DX::DXGIDisplay::Create(window.Get());
+    const auto& display = ofWindow->GetDescription();
+    EXPECT_THAT(display.name, testing::StartsWith("\\\\.\\DISPLAY"));
+    EXPECT_EQ(display.area.right - display.area.left, GetSystemMetrics(SM_CXSCREEN));
+    EXPECT_FALSE(display.isHDR);
+    const auto same =
+        DX::DXGIDisplay::Create(MonitorFromWindow(window.Get(), MONITOR_DEFAULTTONEAREST));
+    EXPECT_EQ(display, same->GetDescription());
+    EXPECT_EQ(to_string(same->Update()), "nothing");
+}
+
+TEST(DXGIDisplayTest, TellsWhatHasChangedAndWhy) {
+    constexpr RECT kLeft = {0, 0, 200, 1024};
+    constexpr RECT kRight = {200, 0, 1280, 1024};
+    HDRDisplay system(false);
+    system.outputs = {{kLeft, false}, {kRight, true}};
+    bool isCurrent = true;
+    const auto factory = DX::DXGIFactory::Create();
+    CComPtr<IDXGIFactory1> raw;
+    ASSERT_EQ(factory->GetPrimaryAdapter().Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
+    const MethodPatch<&IDXGIFactory1::IsCurrent> outdate(
+        raw, [&](auto, auto*) { return isCurrent ? TRUE : FALSE; });
+    TestWindow window({100, 100}); // at 40
+    const auto display = DX::DXGIDisplay::Create(window.Get());
+    const auto left = DX::DXGIDisplay::Create(reinterpret_cast<HMONITOR>(1));
+    const auto expect = [&](const std::string& ofWindow, const std::string& ofLeft) {
+        EXPECT_EQ(to_string(display->Update()), ofWindow);
+        EXPECT_EQ(to_string(left->Update()), ofLeft);
+    };
+    expect("nothing", "nothing");
+    window.Place(400, 40, {100, 100});
+    expect("another monitor: name, area, HDR, colour space", "nothing");
+    EXPECT_TRUE(display->GetDescription().isHDR);
+    system.sdrWhiteLevel = 3000;
+    expect("settings: SDR white", "settings: SDR white");
+    EXPECT_EQ(display->GetDescription().sdrWhite, 240.0F);
+    system.outputs[1].second = false;
+    system.maxLuminance = 600;
+    isCurrent = false;
+    expect("settings, adapters or outputs: HDR, colour space, luminance",
+           "settings, adapters or outputs: luminance");
+    isCurrent = true;
+    system.outputs[0].first.bottom = 768;
+    expect("nothing", "mode: area");
+    system.refreshRate = {120000, 1001};
+    expect("mode: refresh rate", "mode: refresh rate");
+    EXPECT_NEAR(left->GetDescription().refreshRate, 119.88, 0.001);
+    system.outputs.clear();
+    EXPECT_EQ(display->Update().reasons, DX::DisplayChangeReason::NoMonitor);
+    EXPECT_EQ(display->GetDescription(), DX::DisplayDescription());
+    EXPECT_EQ(to_string(display->Update()), "nothing");
 }
 
 // Whatever is late in letting go of the back buffers, making them anew does not fail: an allocator,

@@ -107,8 +107,13 @@ TEST_P(ViewerDeviceTest, ShowsLightOfTheDisplayInHDR) {
     EXPECT_EQ(Run("--frames 2 --hdr on"), "(nothing)");
     expectShot(53, {2.03, 2.03, 2.03});
     expectShot(160, {2.03 * 0.6274, 2.03 * 0.0691, 2.03 * 0.0164});
+    EXPECT_EQ(m_report.at("sdrWhite"), 203);
     const double background = 2.03 * LightFromSRGB(0x20 / 255.0);
     expectShot(266, {background, background, background});
+    display.sdrWhiteLevel = 3000; // as the user has set it
+    EXPECT_EQ(Run("--frames 2"), "(nothing)");
+    EXPECT_EQ(m_report.at("sdrWhite"), 240);
+    expectShot(53, {2.4, 2.4, 2.4});
 
     const double grey = PQFromLight(1.0);
     Image picture = MakeImage({1, 1, {{grey, grey, grey, 1}}}, 16);

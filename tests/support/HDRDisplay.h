@@ -68,6 +68,9 @@ public:
 
     static constexpr RECT kEverywhere = {-10000, -10000, 10000, 10000};
     std::vector<std::pair<RECT, bool>> outputs = {{kEverywhere, true}}; // place, whether in HDR
+    unsigned sdrWhiteLevel = 0; // of the system, in 1/1000 of 80 cd/m2; 0: it does not tell
+    float maxLuminance = 0.0F;
+    DISPLAYCONFIG_RATIONAL refreshRate = {60, 1};
 
     // As last set.
     DXGI_COLOR_SPACE_TYPE colorSpace = DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
@@ -96,6 +99,7 @@ private:
     std::array<int, 5> m_failures = {};
     std::vector<std::shared_ptr<void>> m_stands;
     std::map<void*, std::size_t> m_indices; // of outputs that were enumerated
+    wchar_t m_described = 0;                // the first letter of the last one's name
     // The real output stands for each.
     MethodPatch<&IDXGIAdapter::EnumOutputs> m_enumOutputs{
         GetAdapter(), [this](auto original, auto* self, UINT index, IDXGIOutput** out) {
@@ -110,6 +114,8 @@ private:
         GetOutput(), [this](auto original, auto* self, DXGI_OUTPUT_DESC* desc) {
             const HRESULT result = original(self, desc);
             desc->DesktopCoordinates = outputs.at(m_indices[self]).first;
+            desc->Monitor = reinterpret_cast<HMONITOR>(m_indices[self] + 1);
+            m_described = desc->DeviceName[0] = static_cast<wchar_t>(L'1' + m_indices[self]);
             return result;
         }};
     MethodPatch<&IDXGIOutput6::GetDesc1> m_getDesc1{
@@ -118,7 +124,30 @@ private:
             desc->ColorSpace = outputs.at(m_indices[self]).second
                                    ? DXGI_COLOR_SPACE_RGB_FULL_G2084_NONE_P2020
                                    : DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
+            desc->MaxLuminance = maxLuminance;
             return result;
+        }};
+    MethodPatch<0, decltype(QueryDisplayConfig)> m_query{
+        FindImport(L"NorvexDX.dll", "QueryDisplayConfig"),
+        [this](auto original, auto flags, auto* count, auto* paths, auto... rest) {
+            const LONG result = original(flags, count, paths, rest...);
+            paths->targetInfo.refreshRate = refreshRate;
+            return result;
+        }};
+    // Each output has the one real path.
+    MethodPatch<0, decltype(DisplayConfigGetDeviceInfo)> m_getInfo{
+        FindImport(L"NorvexDX.dll", "DisplayConfigGetDeviceInfo"),
+        [this](auto original, auto* header) -> LONG {
+            const LONG result = original(header);
+            if (header->type == DISPLAYCONFIG_DEVICE_INFO_GET_SOURCE_NAME) {
+                reinterpret_cast<DISPLAYCONFIG_SOURCE_DEVICE_NAME*>(header)->viewGdiDeviceName[0] =
+                    m_described;
+            }
+            if (header->type != DISPLAYCONFIG_DEVICE_INFO_GET_SDR_WHITE_LEVEL) {
+                return result;
+            }
+            reinterpret_cast<DISPLAYCONFIG_SDR_WHITE_LEVEL*>(header)->SDRWhiteLevel = sdrWhiteLevel;
+            return sdrWhiteLevel != 0 ? ERROR_SUCCESS : ERROR_NOT_SUPPORTED;
         }};
 };
 

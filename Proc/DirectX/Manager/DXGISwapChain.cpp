@@ -15,8 +15,8 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
-#include "Proc/DirectX/Manager/DXGIFactory.h"
-#include "Proc/DirectX/Manager/DXGISwapChain.Display.h"
+#include "Proc/DirectX/Manager/DXGIDisplay.h"
+#include "Proc/DirectX/Manager/DXGISwapChain.HDR.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -87,7 +87,33 @@ void IgnoreAltEnter(IDXGISwapChain* swapChain, HWND window) {
     }
 }
 
+HDRRefusal RefusalOf(const DisplayDescription& display) {
+    return display.isHDR          ? HDRRefusal::None
+           : display.name.empty() ? HDRRefusal::NoDisplay
+                                  : HDRRefusal::DisplayInSDR;
+}
+
 } // namespace
+
+std::string to_string(HDRRefusal refusal) {
+    switch (refusal) {
+    case HDRRefusal::None:
+        return "HDR is on";
+    case HDRRefusal::NotAsked:
+        return "HDR was not asked for";
+    case HDRRefusal::OldSystem:
+        return "the system is too old for HDR";
+    case HDRRefusal::NoFormat:
+        return "the device cannot draw in a format for HDR";
+    case HDRRefusal::NoDisplay:
+        return "the window is on no display";
+    case HDRRefusal::DisplayInSDR:
+        return "the display is not in HDR";
+    case HDRRefusal::ColorSpaceRefused:
+        return "HDR cannot be shown in this window";
+    }
+    return {};
+}
 
 boost::intrusive_ptr<DXGISwapChain>
 DXGISwapChain::Create(const boost::intrusive_ptr<D3Device>& device, HWND window) {
@@ -184,6 +210,14 @@ boost::intrusive_ptr<D12Descriptor> DXGISwapChain::GetRenderTarget() const {
 
 boost::intrusive_ptr<D11RenderTexture2D> DXGISwapChain::GetRenderTexture() const {
     return m_renderTexture;
+}
+
+Size2DT<long> DXGISwapChain::GetSize() const {
+    if (m_renderTexture == nullptr && m_renderTargets.empty()) {
+        return {};
+    }
+    const DXGI_MODE_DESC desc = GetBufferDesc();
+    return {static_cast<long>(desc.Width), static_cast<long>(desc.Height)};
 }
 
 void DXGISwapChain::Present() {
@@ -304,50 +338,66 @@ void DXGISwapChain::WaitComplete() {
 }
 
 void DXGISwapChain::UpdateDisplayInfo() {
-    m_display.reset();
+    m_look.reset();
 }
 
 // Remembers the answer only when all that follows from it has succeeded.
-bool DXGISwapChain::CheckDisplayHDRSupport() {
-    if (m_swapChain3 == nullptr || !Display::FindHDROutput(m_hdrFormat)) {
-        return false;
+HDRRefusal DXGISwapChain::CheckDisplayHDRSupport() {
+    if (m_swapChain3 == nullptr) {
+        return HDRRefusal::OldSystem;
+    }
+    if (!FindHDROutput(m_hdrFormat)) {
+        return HDRRefusal::NoFormat;
     }
     RECT window = {};
     GetWindowRect(m_window, &window);
-    if (m_display && EqualRect(&window, &m_display->window) != FALSE) {
-        return m_display->isHDRSupported;
+    if (m_look && EqualRect(&window, &m_look->window) != FALSE) {
+        return m_look->refusal;
     }
-    if (m_factory == nullptr || !m_factory->IsCurrent()) {
-        m_factory = DXGIFactory::Create();
+    if (m_display == nullptr) {
+        m_display = DXGIDisplay::Create(m_window);
+    } else {
+        m_display->Update();
     }
-    const bool isInHDR = Display::IsInHDR(Display::FindOutputUnder(*m_factory, window));
-    if (!isInHDR) {
+    const HDRRefusal refusal = RefusalOf(m_display->GetDescription());
+    if (refusal != HDRRefusal::None) {
         DisableHDR();
     }
-    m_display = DisplayInfo{window, isInHDR};
-    return isInHDR;
+    m_look = Look{window, refusal};
+    return refusal;
 }
 
 bool DXGISwapChain::EnableHDRIfSupported(float maxMasteringNits, float minMasteringNits,
                                          float maxContentLightLevel,
                                          float maxFrameAverageLightLevel) {
-    if (!CheckDisplayHDRSupport() || IsHDREnabled()) {
+    m_refusal = CheckDisplayHDRSupport();
+    if (m_refusal != HDRRefusal::None || IsHDREnabled()) {
         return IsHDREnabled();
     }
-    const auto hdr = Display::FindHDROutput(m_hdrFormat);
+    m_refusal = HDRRefusal::NotAsked; // as long as it fails
+    const auto hdr = FindHDROutput(m_hdrFormat);
     DXGI_HDR_METADATA_HDR10 metadata =
-        Display::MakeMetadata(hdr->primaries, maxMasteringNits, minMasteringNits,
-                              maxContentLightLevel, maxFrameAverageLightLevel);
+        MakeMetadata(hdr->primaries, maxMasteringNits, minMasteringNits, maxContentLightLevel,
+                     maxFrameAverageLightLevel);
     // A refused colour space is not asked for again in this place.
-    m_display->isHDRSupported =
+    const bool isShown =
         SetOutput({m_hdrFormat, hdr->colorSpace}, &metadata, std::source_location::current());
-    return m_display->isHDRSupported;
+    m_refusal = isShown ? HDRRefusal::None : HDRRefusal::ColorSpaceRefused;
+    m_look->refusal = m_refusal;
+    return isShown;
 }
 
 void DXGISwapChain::DisableHDR() {
     if (IsHDREnabled()) {
         SetOutput(kSDR, nullptr, std::source_location::current());
+        m_refusal = HDRRefusal::NotAsked;
     }
+}
+
+float DXGISwapChain::GetSDRWhite() const {
+    const bool isTold = m_followsSDRWhite && IsHDREnabled() && m_display != nullptr;
+    return isTold ? m_display->GetDescription().sdrWhite.value_or(kReferenceWhiteNits)
+                  : kReferenceWhiteNits;
 }
 
 // Commits last: where a step fails, or the swap chain cannot show the colour space (false), the
@@ -418,10 +468,10 @@ Proc::ColorAlphaConversionInfo DXGISwapChain::GetConversionInfo(const Conf::RGBC
                                : Proc::LinearizationMode::DisplayReferred;
     const bool isScRGB =
         IsHDREnabled() && info.target.transfer == Conf::TransferCharacteristics::Linear;
-    info.linearScale = isScRGB ? kReferenceWhiteNits / kScRGBUnitNits : 1.0F;
+    info.linearScale = isScRGB ? GetSDRWhite() / kScRGBUnitNits : 1.0F;
     info.sourcePeakLuminance = 1000.0F;
     info.targetPeakLuminance = 1000.0F;
-    info.referenceWhite = kReferenceWhiteNits;
+    info.referenceWhite = GetSDRWhite();
     info.sourceAlpha = sourceAlpha;
     info.targetAlpha = Proc::AlphaType::Premultiplied;
     return info;

@@ -4,12 +4,13 @@
 // area, and HDR10 output while the display under most of the window is in HDR. One thread at a
 // time; no lock of its own. Owned by intrusive_ptr; the destructor waits for the GPU. Throws
 // DirectX11Exception or DirectX12Exception for buffers, DirectXException for colour space and
-// metadata, and leaves the output as it was. Next: D3D12Renderer.h, D11ImageDraw.h (what is drawn
-// with GetConversionInfo).
+// metadata, and leaves the output as it was. Next: DXGIDisplay.h; D3D12Renderer.h, D11ImageDraw.h
+// (what is drawn with GetConversionInfo).
 
 #include <list>
 #include <optional>
 #include <source_location>
+#include <string>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -29,7 +30,21 @@ class D12CommandAllocator;
 class D12CommandQueue;
 class D12Descriptor;
 class D3Device;
-class DXGIFactory;
+class DXGIDisplay;
+
+// Why a swap chain is not in HDR.
+enum class HDRRefusal {
+    None,              // it is
+    NotAsked,          // or switched off
+    OldSystem,         // its swap chains have no colour spaces
+    NoFormat,          // before Windows 10 none is looked for
+    NoDisplay,         // there is none
+    DisplayInSDR,      // the one under most of the window
+    ColorSpaceRefused, // by the swap chain, in this place
+};
+
+// A sentence that a host can show, without full stop: "the display is not in HDR".
+NORVEX_DX_API std::string to_string(HDRRefusal refusal);
 
 class NORVEX_DX_API DXGISwapChain : public RefCountImpl {
 public:
@@ -49,6 +64,11 @@ public:
 
     // True on Direct3D 12.
     bool IsD12Level() const { return m_commandQueue != nullptr; }
+
+    // Of the back buffers in pixels; zeros while the window has no area.
+    Size2DT<long> GetSize() const;
+    // That frames are drawn in, also while the window has no area: R8G8B8A8_UNORM in SDR.
+    DXGI_FORMAT GetFormat() const { return m_output.format; }
 
     // Direct3D 12: an allocator for a frame's work, which is executed before Present. Those still
     // on the GPU are kept and waited for when the buffers are made anew. Null on Direct3D 11.
@@ -88,13 +108,22 @@ public:
                               float maxContentLightLevel, float maxFrameAverageLightLevel);
     // Back to SDR. The same failures.
     void DisableHDR();
+    bool IsHDREnabled() const { return m_output.colorSpace != kSDR.colorSpace; }
+    // What the last EnableHDRIfSupported came to.
+    HDRRefusal GetHDRRefusal() const { return IsHDREnabled() ? HDRRefusal::None : m_refusal; }
     // Forgets what is known of the display: for WM_DISPLAYCHANGE, since a display can be switched
     // to HDR under a window that does not move.
     void UpdateDisplayInfo();
 
+    // Whether SDR white is shown in HDR as the system shows it on this display
+    // (DisplayDescription::sdrWhite, as of the last look at it), where the system tells; not at
+    // first.
+    void FollowSDRWhite(bool follows) { m_followsSDRWhite = follows; }
+    // Luminance of SDR white for GetConversionInfo, cd/m2: 203 (ITU-R BT.2408) unless it follows.
+    float GetSDRWhite() const;
     // How to draw a picture of this colour space for the present output, which is display-referred
-    // light with SDR white at 203 cd/m2 (ITU-R BT.2408) and premultiplied alpha: sRGB; or in HDR
-    // scRGB (1.0 is 80 cd/m2) or BT.2100 PQ. PQ is shown at its own luminance.
+    // light with SDR white at GetSDRWhite and premultiplied alpha: sRGB; or in HDR scRGB (1.0 is 80
+    // cd/m2) or BT.2100 PQ. PQ is shown at its own luminance.
     Proc::ColorAlphaConversionInfo GetConversionInfo(const Conf::RGBColorSpace& source,
                                                      Proc::AlphaType sourceAlpha) const;
 
@@ -103,9 +132,9 @@ private:
         DXGI_FORMAT format;
         DXGI_COLOR_SPACE_TYPE colorSpace;
     };
-    struct DisplayInfo {
-        RECT window; // its place at the look
-        bool isHDRSupported;
+    struct Look {    // at the display
+        RECT window; // its place then
+        HDRRefusal refusal;
     };
     static constexpr Output kSDR = {DXGI_FORMAT_R8G8B8A8_UNORM,
                                     DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709};
@@ -114,8 +143,7 @@ private:
                   const boost::intrusive_ptr<D11Device>& device,
                   const boost::intrusive_ptr<D12CommandQueue>& commandQueue);
 
-    bool IsHDREnabled() const { return m_output.colorSpace != kSDR.colorSpace; }
-    bool CheckDisplayHDRSupport();
+    HDRRefusal CheckDisplayHDRSupport();
     bool SetOutput(const Output& output, DXGI_HDR_METADATA_HDR10* metadata,
                    const std::source_location& location);
     void RestoreOutput();
@@ -140,8 +168,10 @@ private:
     CComPtr<IDXGISwapChain4> m_swapChain4; // null on old systems
     boost::intrusive_ptr<D11Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_commandQueue;
-    boost::intrusive_ptr<DXGIFactory> m_factory;
-    std::optional<DisplayInfo> m_display;
+    boost::intrusive_ptr<DXGIDisplay> m_display; // made by the first look
+    std::optional<Look> m_look;
+    HDRRefusal m_refusal = HDRRefusal::NotAsked;
+    bool m_followsSDRWhite = false;
     Output m_output = kSDR;                                     // what frames are drawn for
     DXGI_COLOR_SPACE_TYPE m_colorSpaceOfDXGI = kSDR.colorSpace; // what DXGI was last told
     long m_presentResult = 0;

@@ -35,14 +35,11 @@ std::optional<double> Screen::Present(const Record& record, ScreenPixels* pixels
 
 bool Screen::SetHDR(bool isWanted) {
     if (isWanted) {
-        m_isHDR =
-            m_swapChain->EnableHDRIfSupported(kMaxMasteringNits, kMinMasteringNits,
-                                              kMaxContentLightLevel, kMaxFrameAverageLightLevel);
-    } else {
-        m_swapChain->DisableHDR();
-        m_isHDR = false;
+        return m_swapChain->EnableHDRIfSupported(kMaxMasteringNits, kMinMasteringNits,
+                                                 kMaxContentLightLevel, kMaxFrameAverageLightLevel);
     }
-    return m_isHDR;
+    m_swapChain->DisableHDR();
+    return false;
 }
 
 } // namespace Norvex::App

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
@@ -51,7 +52,11 @@ public:
     bool SetHDR(bool isWanted);
     // The display may have been switched: SetHDR is to look again.
     void UpdateDisplay() { m_swapChain->UpdateDisplayInfo(); }
-    bool IsHDR() const { return m_isHDR; }
+    bool IsHDR() const { return m_swapChain->IsHDREnabled(); }
+    // Why not, where it is wanted.
+    std::string GetHDRRefusal() const { return to_string(m_swapChain->GetHDRRefusal()); }
+    // Luminance of SDR white in HDR, cd/m2: as the system shows it on this display.
+    float GetSDRWhite() const { return m_swapChain->GetSDRWhite(); }
     // How pictures of this kind are drawn here.
     Proc::ColorAlphaConversionInfo GetConversionInfo(const Conf::RGBColorSpace& space,
                                                      Proc::AlphaType alpha) const {
@@ -60,7 +65,9 @@ public:
 
 protected:
     explicit Screen(const boost::intrusive_ptr<DX::DXGISwapChain>& swapChain)
-        : m_swapChain(swapChain) {}
+        : m_swapChain(swapChain) {
+        m_swapChain->FollowSDRWhite(true);
+    }
 
     DX::DXGISwapChain& GetSwapChain() const { return *m_swapChain; }
 
@@ -72,7 +79,6 @@ private:
     virtual double Submit(Canvas& backBuffer, const Record& record, ScreenPixels* pixels) = 0;
 
     boost::intrusive_ptr<DX::DXGISwapChain> m_swapChain;
-    bool m_isHDR = false;
 };
 
 } // namespace Norvex::App

@@ -284,14 +284,15 @@ void ViewSession::FollowWindow(ViewerScene& scene) {
 
 void ViewSession::UpdateHDR(ViewerScene& scene) {
     Screen& screen = scene.GetScreen();
-    const bool wasHDR = screen.IsHDR();
+    const auto look = [&] { return std::pair(screen.IsHDR(), screen.GetSDRWhite()); };
+    const auto before = look();
     const bool isHDR = screen.SetHDR(m_viewer.WantsHDR());
-    if (isHDR != wasHDR) {
+    if (look() != before) {
         m_window.Redraw();
     }
     const bool isMissed = m_options.hdr == HDRChoice::On && m_viewer.WantsHDR() && !isHDR;
     if (isMissed && !std::exchange(m_hasToldHDR, true)) {
-        Console::PrintMessage("the display is not in HDR: pictures are shown in SDR");
+        Console::PrintMessage(screen.GetHDRRefusal() + ": pictures are shown in SDR");
     }
 }
 
@@ -344,7 +345,8 @@ void ViewSession::Draw(ScreenPixels* pixels) {
 
 ViewStatistics::Setting ViewSession::GetSetting() const {
     const Screen& screen = m_scene->GetScreen();
-    return {m_scene->GetGraphics(), GetFormatName(screen.GetFormat()), screen.IsHDR()};
+    return {m_scene->GetGraphics(), GetFormatName(screen.GetFormat()), screen.IsHDR(),
+            screen.GetSDRWhite()};
 }
 
 } // namespace Norvex::App

@@ -90,9 +90,12 @@ std::string ViewStatistics::MakeText(const Setting& setting) const {
                "frame {:.2f} ms, 95% within {:.2f} ms; recording {:.2f} ms\n"
                "present interval {:.2f} ms; in flight at most {}; frames {}; devices lost {}",
                setting.graphics.GetApiName(), setting.graphics.GetDevice().GetAdapterName(),
-               setting.format, setting.isHDR ? ", HDR" : "", m_frameTimes.GetQuantile(kMedian),
-               m_frameTimes.GetQuantile(kMost), m_recordingTimes.GetQuantile(kMedian),
-               m_intervals.GetQuantile(kMedian), m_peakInFlight, m_frames, m_losses) +
+               setting.format,
+               setting.isHDR ? fmt::format(", HDR with white at {:.0f} cd/m2", setting.sdrWhite)
+                             : std::string(),
+               m_frameTimes.GetQuantile(kMedian), m_frameTimes.GetQuantile(kMost),
+               m_recordingTimes.GetQuantile(kMedian), m_intervals.GetQuantile(kMedian),
+               m_peakInFlight, m_frames, m_losses) +
            MakePoolText(setting.graphics.GetDevice());
 }
 
@@ -103,6 +106,7 @@ std::string ViewStatistics::MakeJson(const Setting& setting, std::size_t frames)
         {"api", MakeDeviceJson(device)["api"]},
         {"adapter", device.GetAdapterName()},
         {"hdr", setting.isHDR},
+        {"sdrWhite", setting.isHDR ? Json(setting.sdrWhite) : Json(nullptr)},
         {"format", setting.format},
         {"frameTimeMs",
          {{"median", m_frameTimes.GetQuantile(kMedian)}, {"p95", m_frameTimes.GetQuantile(kMost)}}},

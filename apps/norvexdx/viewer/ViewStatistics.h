@@ -48,6 +48,7 @@ public:
         const Graphics& graphics;
         const char* format; // of the back buffer
         bool isHDR;
+        float sdrWhite; // cd/m2, where it is in HDR
     };
     // Lines for the overlay, of the newest frames.
     std::string MakeText(const Setting& setting) const;

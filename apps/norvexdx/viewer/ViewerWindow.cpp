@@ -251,6 +251,7 @@ bool ViewerWindow::HandlePlace(UINT message, WPARAM wparam, LPARAM lparam) {
         }
         return true;
     case WM_DISPLAYCHANGE:
+    case WM_SETTINGCHANGE: // the luminance of SDR white, for one
         m_events.OnDisplayChange();
         return true;
     case WM_DPICHANGED: {
