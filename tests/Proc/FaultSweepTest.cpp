@@ -1,144 +1,43 @@
-// Every Direct3D and DXGI call that a workload makes fails once, with each of some results. The
-// caller gets the library's exception, with that result, or the call is one whose failure is not
-// told; nothing that the workload made is left; and the same workload works right after.
+// Every call that a workload makes of the system fails once, with each of some results, and so does
+// every allocation. The caller gets the library's exception, with that result, or the call is one
+// whose failure is not told; nothing that the workload made is left; and the same workload works
+// right after, on a new device where the device was lost.
 
 #include <algorithm>
-#include <chrono>
+#include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <iterator>
-#include <map>
-#include <memory>
+#include <limits>
 #include <mutex>
-#include <optional>
+#include <set>
 #include <string>
+#include <system_error>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
+#include "Host/CoreException.h"
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
+#include "tests/support/Faults.h"
 #include "tests/support/FrameHost.h"
-#include "tests/support/HDRDisplay.h"
-#include "tests/support/LifeProbe.h"
-#include "tests/support/MethodPatch.h"
+#include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::Test {
 
 namespace {
 
-constexpr HRESULT kReason = DXGI_ERROR_DEVICE_HUNG; // why the device was removed
-
-struct Fault {
-    HRESULT result = S_OK;
-    bool isLasting = false; // as of a device that is removed by then
-};
 constexpr Fault kFaults[] = {
-    {E_OUTOFMEMORY}, {DXGI_ERROR_DEVICE_REMOVED, true}, {E_FAIL}, {E_INVALIDARG}};
-
-// What the caller is told: one of some functions and sentences, as they begin. A function of the
-// method's own name is left out.
-using Tellings = std::vector<std::string>;
-constexpr auto kUntold = ": (nothing)";
-
-// Calls that the system makes within a call of the library's are left alone.
-thread_local bool t_isInCall = false;
-
-// Stands between the library and methods: which call of a workload fails, and with what. Any
-// thread.
-class Faults {
-public:
-    template <auto method>
-    void Patch(IUnknown* object, const typename MethodPatch<method>::Function& function) {
-        m_patches.push_back(std::make_shared<MethodPatch<method>>(object, function));
-    }
-    // Of all objects of the class.
-    template <auto method>
-    void Interpose(IUnknown* object, const std::string& objectName, const std::string& methodName,
-                   const Tellings& tellings) {
-        const std::string name = objectName + methodName;
-        for (const std::string& telling : tellings) {
-            m_tellings[name].push_back(telling.starts_with("Failed")
-                                           ? fmt::format("{}: {}", methodName, telling)
-                                           : telling);
-        }
-        Patch<method>(object, [this, name](auto original, auto* self, auto... rest) -> HRESULT {
-            const HRESULT result = t_isInCall ? S_OK : this->Take(name, self);
-            if (t_isInCall || FAILED(result)) {
-                return FAILED(result) ? result : original(self, rest...);
-            }
-            t_isInCall = true;
-            const HRESULT answer = original(self, rest...);
-            t_isInCall = false;
-            return answer;
-        });
-    }
-    const Tellings& GetTellings(const std::string& method) const { return m_tellings.at(method); }
-
-    // The call of that number, from 0 on; none at -1.
-    void Begin(int failing, const Fault& fault) {
-        const std::lock_guard guard(m_mutex);
-        m_failing = failing;
-        m_fault = fault;
-        m_calls.clear();
-        m_device.reset();
-    }
-    // The methods that were called.
-    std::vector<std::string> End() {
-        const std::lock_guard guard(m_mutex);
-        m_failing = -1;
-        return m_calls;
-    }
-
-    bool IsRemovedSoon() {
-        const std::lock_guard guard(m_mutex);
-        return m_fault.isLasting && m_failing >= 0;
-    }
-    bool IsRemoved() {
-        const std::lock_guard guard(m_mutex);
-        return m_fault.isLasting && HasFailed();
-    }
-    // Threads of the system's may hold it a little longer.
-    bool IsDeviceAlive() {
-        const std::lock_guard guard(m_mutex);
-        for (int i = 0; i < 100 && m_device && m_device->IsAlive(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return m_device && m_device->IsAlive();
-    }
-
-private:
-    bool HasFailed() const { return m_failing >= 0 && std::ssize(m_calls) > m_failing; }
-
-    // S_OK: the call is to be made.
-    template <class Object>
-    HRESULT Take(const std::string& method, Object* object) {
-        const std::lock_guard guard(m_mutex);
-        if constexpr (requires { object->GetDeviceRemovedReason(); }) {
-            if (!m_device) {
-                m_device.emplace(object);
-            }
-        }
-        m_calls.push_back(method);
-        const bool isIt = std::ssize(m_calls) == m_failing + 1;
-        return HasFailed() && (isIt || m_fault.isLasting) ? m_fault.result : S_OK;
-    }
-
-    std::map<std::string, Tellings> m_tellings;
-    std::mutex m_mutex;
-    int m_failing = -1;
-    Fault m_fault;
-    std::vector<std::string> m_calls;
-    std::optional<LifeProbe> m_device; // of the workload, which everything that it makes holds
-    std::vector<std::shared_ptr<void>> m_patches;
-};
+    {E_OUTOFMEMORY}, kLoss, {E_FAIL}, {DXGI_ERROR_DEVICE_REMOVED}, {E_INVALIDARG}};
 
 // A workload leaves the same each time, also when it throws after a second attempt.
 using Leaving = std::vector<Color>;
@@ -172,7 +71,7 @@ void DrawAll(Leaving& leaving) {
     canvas.Record([&](const auto& on) {
         try {
             drawEach(on);
-        } catch (const DX::DirectXException&) {
+        } catch (const std::exception&) {
             failure = std::current_exception();
             drawEach(on);
         }
@@ -210,7 +109,10 @@ void UsePools12(Leaving& leaving) {
     device->CreateUploadBuffer(1)->Write(0, 1, [](auto*) {});
     device->CreateReadbackBuffer(1)->Read(0, 1, [](const auto*) {});
     const auto sampler = device->CreateSamplerHeap(4);
-    device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
+    device->CreateCompletionEvent(D3D12_FENCE_FLAG_SHARED);
+    HANDLE const handle = device->CreateSharedHandle(texture->GetResource());
+    CloseHandle(handle);
+    device->OpenSharedResource(handle);
     const auto target = canvas.MakeTarget(4, 4, desc.format);
     const boost::intrusive_ptr fill(new DX::D12FillDraw(device));
     const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
@@ -229,158 +131,193 @@ void UsePools12(Leaving& leaving) {
     leaving.push_back({query->GetUint64Stats() > 0 ? 1.0 : 0.0});
 }
 
+// A texture and a fence that both generations use.
+void Share11(Leaving&) {
+    const auto device = DX::D11Device::CreatePrimary();
+    const auto texture =
+        DX::D11SharedTexture2D::Create(device, MakeTextureDesc11(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM));
+    texture->AcquireSync(0, 0);
+    texture->ReleaseSync(0);
+    CloseHandle(texture->CreateSharedHandle(GENERIC_ALL));
+    const auto device12 = DX::D12Device::CreatePrimary();
+    const MethodPatch<&ID3D12Device::CreateSharedHandle> share(
+        device12->Get(), [](auto, auto*, auto*, auto*, auto, auto, HANDLE* handle) {
+            *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+            return S_OK;
+        });
+    const auto event = DX::D11CompletionEvent::OpenShared(
+        device, device12->CreateCompletionEvent(D3D12_FENCE_FLAG_SHARED));
+    device->Encode([&](const auto& context) {
+        context->Signal(event);
+        context->Wait(event);
+    });
+    DX::D11Device::Attach(device->Get());
+}
+
+// Frames, new sizes, and to HDR and back; a switch that failed left nothing half done, and works
+// when it is made again.
 template <Generation generation>
-void Present(Leaving&) {
+void Present(Leaving& leaving) {
     FrameHost host(generation);
-    for (int i = 0; i < 3; ++i) {
+    std::exception_ptr failure;
+    for (const bool isHDR : {false, true, false}) {
         host.Frame();
-        host.window.Place(40, 40, {100 + i, 90});
-        host.swapChain->RecreateBuffers();
+        host.window.Place(40, 40, {isHDR ? 100 : 101, 90});
+        const auto change = [&] {
+            host.swapChain->RecreateBuffers();
+            isHDR ? void(host.EnableHDR()) : host.swapChain->DisableHDR();
+        };
+        try {
+            change();
+        } catch (const std::exception&) {
+            failure = std::current_exception();
+            change();
+        }
+    }
+    host.Frame();
+    const auto target = host.swapChain->GetConversionInfo({}, {}).target.transfer;
+    leaving.push_back({target == Conf::TransferCharacteristics::sRGB ? 1.0 : 0.0});
+    if (failure) {
+        std::rethrow_exception(failure);
     }
 }
 
-template <class Pointer>
-using ClassOf = std::remove_pointer_t<decltype(Pointer::p)>;
-
-// NORVEX_FAIL(object, method, tellings...): for a `faults` in scope. The address of a member takes
-// no parentheses.
-// NOLINTBEGIN(bugprone-macro-parentheses)
-#define NORVEX_FAIL(object, method, ...)                                                           \
-    faults.Interpose<&ClassOf<decltype(object)>::method>(object, #object "->", #method,            \
-                                                         {__VA_ARGS__})
-// NOLINTEND(bugprone-macro-parentheses)
-
-template <class Device>
-void InterposeReason(Faults& faults, Device* device) {
-    faults.Patch<&Device::GetDeviceRemovedReason>(device, [&faults](auto original, auto* self) {
-        return faults.IsRemoved() ? kReason : original(self);
-    });
-}
-
-void InterposePresentation(Faults& faults, bool isDirect3D12) {
-    const auto swapChain =
-        Platform::Query<IDXGISwapChain3>(HDRDisplay::MakeSwapChain(isDirect3D12));
-    CComPtr<IDXGIFactory2> factory;
-    swapChain->GetParent(IID_PPV_ARGS(&factory));
-    constexpr auto kResize = "MakeBuffers: Failed to resize DXGI swap chain buffers";
-    NORVEX_FAIL(factory, CreateSwapChainForHwnd, "Failed to create DXGI swap chain: width = ");
-    NORVEX_FAIL(factory, MakeWindowAssociation, kUntold); // Alt+Enter stays DXGI's
-    NORVEX_FAIL(swapChain, GetBuffer, "Create: Failed to get back buffer",
-                "RecreateBuffers: Failed to get back buffer");
-    NORVEX_FAIL(swapChain, GetDesc, kUntold);            // tells whether anything changes
-    NORVEX_FAIL(swapChain, GetFullscreenState, kUntold); // then it is a window
-    NORVEX_FAIL(swapChain, Present, kUntold); // the next call that creates something tells
-    NORVEX_FAIL(swapChain, ResizeBuffers, kResize);
-    NORVEX_FAIL(swapChain, ResizeBuffers1, kResize);
-}
-
-void Interpose12(Faults& faults) {
-    InterposePresentation(faults, true);
-    Canvas canvas;
-    const CComPtr device(canvas.GetDevice()->Get());
-    const CComPtr queue(canvas.GetQueue()->Get());
-    const DX::D12AllocatorState state(device, D3D12_COMMAND_LIST_TYPE_DIRECT);
-    const CComPtr allocator(state.Get());
-    const auto fence = state.GetCompletionEvent()->GetFence();
-    const auto closed = canvas.GetQueue()->CreateCommandAllocator()->CreateCommandList(nullptr);
-    closed->Close();
-    const CComPtr list(closed->GetGraphics());
-    const CComPtr buffer(canvas.GetDevice()->CreateUploadBuffer(1)->GetResource());
-    InterposeReason(faults, device.p);
-    // What is submitted to a device that will be removed is not executed, so that the driver that
-    // stands in for it has nothing in flight when the library lets go of everything.
-    faults.Patch<&ID3D12CommandQueue::ExecuteCommandLists>(
-        queue, [&faults](auto original, auto* self, UINT count, auto* lists) {
-            original(self, faults.IsRemovedSoon() ? 0 : count, lists);
+// A wait that the system does not block, as some do, until an event is asked for.
+void Wait12(Leaving&) {
+    const auto device = DX::D12Device::CreatePrimary();
+    const auto gate = device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
+    ID3D12Fence* const fence = gate->GetFence();
+    const MethodPatch<&ID3D12Fence::SetEventOnCompletion> patch(
+        fence, [fence](auto original, auto* self, UINT64 value, HANDLE event) {
+            if (event == nullptr) {
+                return S_OK;
+            }
+            fence->Signal(1);
+            return original(self, value, event);
         });
-    NORVEX_FAIL(device, CreateCommandList, "Failed to create command list");
-    NORVEX_FAIL(device, CreateCommandAllocator,
-                "D12AllocatorState: Failed to create command allocator");
-    NORVEX_FAIL(device, CreateCommandQueue, "D12CommandQueue: Failed to create command queue");
-    NORVEX_FAIL(device, CreateCommittedResource, "CreateBuffer: Failed to create buffer",
-                "CreateDimensionBuffer: Failed to create buffer",
-                "CreateTexture2D: Failed to create 2D texture",
-                "D12QueryHeap: Failed to create 2D texture");
-    NORVEX_FAIL(device, CreateDescriptorHeap, "CreateHeap: Failed to create descriptor heap");
-    NORVEX_FAIL(device, CreateFence, "D12CompletionEvent: Failed to create fence");
-    NORVEX_FAIL(device, CreateGraphicsPipelineState, "Failed to create graphics pipeline state");
-    NORVEX_FAIL(device, CreateQueryHeap, "CreateHeap: Failed to create query heap");
-    NORVEX_FAIL(device, CreateRootSignature,
-                "SerializeRootSignature: Failed to create root signature");
-    NORVEX_FAIL(queue, Signal, "Execute: Failed to signal fence",
-                "WaitComplete: Failed to signal fence", kUntold); // a queue's at its end is logged
-    NORVEX_FAIL(queue, Wait, "Execute: Failed to wait for fence");
-    NORVEX_FAIL(allocator, Reset, "D12AllocatorState: Failed to create command allocator",
-                kUntold); // another one is made
-    NORVEX_FAIL(list, Close, "Failed to close command list");
-    NORVEX_FAIL(list, Reset, "CreateCommandList: Failed to reset command list");
-    NORVEX_FAIL(fence, SetEventOnCompletion, "WaitComplete: Failed to set event on completion",
-                kUntold); // a background thread's is logged
-    NORVEX_FAIL(buffer, Map, "CreateBuffer: Failed to map buffer",
-                "AddConstants: Failed to map upload buffer", "Read: Failed to map readback buffer",
-                "Write: Failed to map upload buffer", "GetResult: Failed to map query buffer");
-}
-
-void Interpose11(Faults& faults) {
-    InterposePresentation(faults, false);
-    const auto device = MakeRawDevice11();
-    const auto context = GetImmediateContext(device);
-    InterposeReason(faults, device.p);
-    NORVEX_FAIL(device, CreateBuffer, "Failed to create ID3D11Buffer: byteWidth = ");
-    NORVEX_FAIL(device, CreateDepthStencilState, "Failed to create depth stencil state");
-    NORVEX_FAIL(device, CreateInputLayout, "Failed to create input layout");
-    NORVEX_FAIL(device, CreatePixelShader, "Failed to create pixel shader");
-    NORVEX_FAIL(device, CreateRasterizerState, "Failed to create rasterizer state");
-    NORVEX_FAIL(device, CreateRenderTargetView, "Failed to create render rarget view");
-    NORVEX_FAIL(device, CreateSamplerState, "Failed to create sampler state");
-    NORVEX_FAIL(device, CreateShaderResourceView, "Failed to create shader resource view");
-    NORVEX_FAIL(device, CreateTexture2D, "Failed to create ID3D11Texture2D: width = ");
-    NORVEX_FAIL(device, CreateVertexShader, "Failed to create vertex shader");
-    NORVEX_FAIL(context, Map, "Failed to map resource");
+    const boost::intrusive_ptr queue(new DX::D12CommandQueue(device, {}));
+    {
+        const Faults::InCall unnoticed;
+        queue->Get()->Wait(fence, 1);
+    }
+    queue->WaitComplete();
 }
 
 struct Row {
     const char* name;
-    void (*interpose)(Faults& faults);
+    bool isDirect3D12;
     void (*workload)(Leaving& leaving);
 };
 
+// Ends the program where a workload does not end. Far more than the slowest machine needs.
+class Watchdog : boost::noncopyable {
+public:
+    explicit Watchdog(const std::string& what) : m_thread([this, what] { Watch(what); }) {}
+    ~Watchdog() {
+        {
+            const std::lock_guard guard(m_mutex);
+            m_isOver = true;
+        }
+        m_over.notify_one();
+        m_thread.join();
+    }
+
+private:
+    void Watch(const std::string& what) {
+        std::unique_lock lock(m_mutex);
+        if (!m_over.wait_for(lock, std::chrono::minutes(2), [this] { return m_isOver; })) {
+            fmt::print(stderr, "It hangs: {}\n", what);
+            std::fflush(stderr);
+            TerminateProcess(GetCurrentProcess(), 3);
+        }
+    }
+
+    std::mutex m_mutex;
+    bool m_isOver = false;
+    std::condition_variable m_over;
+    std::thread m_thread;
+};
+
+bool IsWhole() {
+    return GetEnvironmentVariableW(L"NORVEX_SWEEP", nullptr, 0) != 0;
+}
+
 class FaultTest : public testing::TestWithParam<Row> {
 protected:
-    FaultTest() { GetParam().interpose(m_faults); }
+    FaultTest() { Interpose(m_faults, GetParam().isDirect3D12); }
+    static void TearDownTestSuite() {
+        fmt::print("{:16}{:>8}{:>8}{:>8}\n{}", "", "calls", "failed", "faults", s_table);
+        fmt::print("Not called: {}\n", fmt::join(s_notCalled, ", "));
+        const auto& test = *testing::UnitTest::GetInstance()->current_test_suite();
+        EXPECT_TRUE(s_notCalled.empty() || test.test_to_run_count() < test.total_test_count());
+    }
 
-    // Alone: nothing that it makes may be left.
+    // What it leaves. Alone: nothing that it makes may be left.
     Leaving Run(int call, const Fault& fault) {
-        m_what = fmt::format("call {}, {:#010x}", call, static_cast<UINT>(fault.result));
-        std::fprintf(stderr, "%s\n", m_what.c_str()); // and tells which one hangs
+        m_what = fmt::format("{}, call {}, {:#010x}", GetParam().name, call,
+                             static_cast<UINT>(fault.result));
+        const Watchdog watchdog(m_what);
         m_faults.Begin(call, fault);
         Leaving leaving;
-        m_thrown = ThrownBy([&] { GetParam().workload(leaving); });
+        try {
+            m_thrown = ThrownBy([&] { GetParam().workload(leaving); });
+        } catch (const Core::CoreException& e) {
+            m_thrown = {*boost::get_error_info<ErrorDescription>(e),
+                        *boost::get_error_info<boost::throw_function>(e), E_OUTOFMEMORY, ""};
+        } catch (const std::system_error& e) {
+            EXPECT_EQ(e.code(), std::errc::resource_unavailable_try_again);
+            m_thrown = {"no thread", "", E_OUTOFMEMORY, ""};
+        } catch (const std::bad_alloc&) {
+            m_thrown = {"no memory", "", E_OUTOFMEMORY, ""};
+        }
         DX::D12CommandAllocator::WaitAllComplete();
         m_calls = m_faults.End();
         return leaving;
     }
 
-    void ExpectTold(int call, const Fault& fault) {
+    bool Matches(const std::string& telling, HRESULT result) const {
+        const std::size_t text = telling.find_first_not_of('-');
+        const bool isNeutral = text == 2;
+        result = text == 3 ? E_FAIL : result;
+        const bool isOfGeneration =
+            m_thrown.kind == Canvas::kKind || m_thrown.kind == Canvas11::kKind;
+        const std::string told = m_thrown.function + ": " + m_thrown.sentence;
+        return told.starts_with(telling.substr(text)) && m_thrown.result == result &&
+               (telling == kUntold ||
+                (isOfGeneration != isNeutral && m_thrown.hasAdapter == (text == 0) &&
+                 m_thrown.hasMemory == (!m_thrown.kind.empty() && result == E_OUTOFMEMORY)));
+    }
+
+    void ExpectTold(int call, Fault fault) {
         const Leaving leaving = Run(call, fault);
         if (call >= std::ssize(m_calls)) {
             return; // background threads have made fewer calls this time
         }
         const std::string& method = m_calls[static_cast<std::size_t>(call)];
-        const std::string told = m_thrown.function + ": " + m_thrown.sentence;
         SCOPED_TRACE(m_what + ": " + method);
-        EXPECT_TRUE(fault.isLasting || leaving == m_expected || leaving.empty());
-        if (fault.isLasting && told != kUntold) { // perhaps by a later call
-            EXPECT_TRUE(m_thrown.result == kReason || m_thrown.result == fault.result);
+        const bool isRemoval = fault.result == DXGI_ERROR_DEVICE_REMOVED;
+        const HRESULT own = m_faults.GetOwnResult(method);
+        fault = own == S_OK ? fault : Fault{own};
+        EXPECT_TRUE(isRemoval || leaving == m_expected || leaving.empty());
+        const std::string told =
+            fmt::format("{}: {}, {}, {:#010x}", m_thrown.function, m_thrown.sentence, m_thrown.kind,
+                        static_cast<UINT>(m_thrown.result));
+        if (fault.isLoss && m_thrown.sentence != "(nothing)") { // perhaps by a later call
+            EXPECT_EQ(m_thrown.result, m_thrown.hasAdapter ? kLossReason : fault.result) << told;
         } else {
             EXPECT_TRUE(std::ranges::any_of(m_faults.GetTellings(method), [&](const auto& telling) {
-                return told.starts_with(telling);
+                const bool isKnown = own == S_OK && isRemoval && !telling.starts_with('-');
+                return Matches(telling, telling == kUntold ? S_OK
+                                        : isKnown          ? kLossReason
+                                                           : fault.result);
             })) << told;
-            EXPECT_EQ(m_thrown.result, told != kUntold ? fault.result : S_OK);
         }
         // What the GPU may still use is kept where it cannot be waited for.
         const bool isWait = method == "queue->Signal" || method == "fence->SetEventOnCompletion";
-        EXPECT_FALSE(!isWait && m_faults.IsDeviceAlive()) << "something is left";
+        EXPECT_FALSE((!isWait || fault.isLoss) && m_faults.IsAnythingLeft()) << "something is left";
+        if (fault.isLoss) {
+            EXPECT_EQ(Run(-1, {}), m_expected) << "on a new device: " << m_thrown.sentence;
+        }
     }
 
     Faults m_faults;
@@ -388,38 +325,78 @@ protected:
     std::vector<std::string> m_calls;
     Thrown m_thrown;
     Leaving m_expected;
+    static inline std::string s_table;
+    static inline std::map<std::string, int> s_failed; // how often, of each call
+    static inline std::set<std::string> s_notCalled;
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    , FaultTest,
-    testing::Values(Row{"Draw11", &Interpose11, &DrawAll<Canvas11>},
-                    Row{"Draw12", &Interpose12, &DrawAll<Canvas>},
-                    Row{"DrawIntoList12", &Interpose12, &DrawAll<ListCanvas>},
-                    Row{"Pools12", &Interpose12, &UsePools12},
-                    Row{"Present11", &Interpose11, &Present<Generation::Direct3D11>},
-                    Row{"Present12", &Interpose12, &Present<Generation::Direct3D12>}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(, FaultTest,
+                         testing::Values(Row{"Draw11", false, &DrawAll<Canvas11>},
+                                         Row{"Share11", false, &Share11},
+                                         Row{"Present11", false, &Present<Generation::Direct3D11>},
+                                         Row{"Draw12", true, &DrawAll<Canvas>},
+                                         Row{"DrawIntoList12", true, &DrawAll<ListCanvas>},
+                                         Row{"Pools12", true, &UsePools12},
+                                         Row{"Wait12", true, &Wait12},
+                                         Row{"Present12", true, &Present<Generation::Direct3D12>}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
-// The first and the last call of each method, each with one of the results; with NORVEX_SWEEP set
-// all calls with all results.
+// The first and the last call of each method, until it has failed some times, each with one of the
+// results; with NORVEX_SWEEP set all calls with all results.
 TEST_P(FaultTest, EachCallFailsOnce) {
-    const bool isWhole = GetEnvironmentVariableW(L"NORVEX_SWEEP", nullptr, 0) != 0;
+    constexpr int kMost = 5;
     m_expected = Run(-1, {});
     const std::vector<std::string> calls = m_calls;
     EXPECT_EQ(m_thrown.sentence, "(nothing)");
-    std::size_t ends = 0;
+    for (const auto& [name, call] : m_faults.GetTable()) {
+        s_failed.contains(name) || s_notCalled.insert(name).second;
+    }
+    int failed = 0;
+    std::size_t faults = 0;
     for (auto call = calls.begin(); call != calls.end(); ++call) {
-        const bool isEnd = std::find(calls.begin(), call, *call) == call ||
-                           std::find(call + 1, calls.end(), *call) == calls.end();
-        for (std::size_t i = 0; i < std::size(kFaults); ++i) {
-            if (isWhole || (isEnd && i == ends % std::size(kFaults))) {
+        int& times = s_failed[*call];
+        s_notCalled.erase(*call);
+        const bool isEnd =
+            times < kMost && (std::find(calls.begin(), call, *call) == call ||
+                              std::find(call + 1, calls.end(), *call) == calls.end());
+        const bool isOwn = m_faults.GetOwnResult(*call) != S_OK;
+        for (std::size_t i = 0; i < (isOwn ? 1 : std::size(kFaults)); ++i) {
+            if (IsWhole() || (isEnd && (isOwn || i == static_cast<std::size_t>(times)))) {
                 ExpectTold(static_cast<int>(call - calls.begin()), kFaults[i]);
+                ++faults;
             }
         }
-        ends += isEnd ? 1 : 0;
+        times += isEnd ? 1 : 0;
+        failed += isEnd || IsWhole() ? 1 : 0;
     }
-    EXPECT_GT(ends, 0U);
     EXPECT_EQ(Run(-1, {}), m_expected) << "after the faults";
+    s_table += fmt::format("{:16}{:8}{:8}{:8}\n", GetParam().name, calls.size(), failed, faults);
+}
+
+// Each allocation of this thread's in the library is refused, in the short form some of them.
+TEST_P(FaultTest, EachAllocationFailsOnce) {
+    int count = 0;
+    {
+        const OutOfMemory counted(std::numeric_limits<int>::max());
+        m_expected = Run(-1, {});
+        count = OutOfMemory::CountAllocations();
+    }
+    const double step = IsWhole() ? 1.0 : std::max(1.0, count / 16.0);
+    for (double call = 0.0; call < count; call += step) {
+        const int number = static_cast<int>(call + std::fmod(call * 0.618, step));
+        SCOPED_TRACE(fmt::format("allocation {} of {}", number, count));
+        Leaving leaving;
+        {
+            const OutOfMemory refused(number, 1);
+            leaving = Run(-1, {});
+        }
+        EXPECT_TRUE(leaving == m_expected || leaving.empty());
+        EXPECT_TRUE(m_thrown.result == S_OK || m_thrown.result == E_OUTOFMEMORY)
+            << m_thrown.sentence;
+        EXPECT_FALSE(m_faults.IsAnythingLeft()) << "something is left";
+    }
+    EXPECT_EQ(Run(-1, {}), m_expected) << "after the refusals";
+    s_table += fmt::format("{:16}{:8}{:>8}{:>8}\n", "", count, "", "memory");
 }
 
 } // namespace

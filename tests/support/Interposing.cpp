@@ -2,10 +2,12 @@
 // take tables of functions for constant.
 
 #include <array>
+#include <map>
 #include <stdexcept>
 #include <string>
 
 #include "tests/support/FakeObject.h"
+#include "tests/support/NamedFunction.h"
 
 namespace Norvex::Test {
 
@@ -25,7 +27,32 @@ constexpr auto kPlaces = []<std::size_t... slots>(std::index_sequence<slots...>)
     return std::array{&GetPlace<slots>...};
 }(std::make_index_sequence<256>());
 
+struct Named {
+    void* caller;
+    void** place; // of the system's
+};
+std::map<std::string, Named>& GetNamed() {
+    static std::map<std::string, Named> named;
+    return named;
+}
+
+FARPROC WINAPI FindFunction(HMODULE module, const char* name) {
+    const FARPROC found = GetProcAddress(module, name);
+    const auto named = GetNamed().find(name);
+    if (found == nullptr || named == GetNamed().end()) {
+        return found;
+    }
+    *named->second.place = reinterpret_cast<void*>(found);
+    return reinterpret_cast<FARPROC>(named->second.caller);
+}
+
 } // namespace
+
+NamedPlace::NamedPlace(const char* name, void* caller) {
+    GetNamed()[name] = {caller, &m_function};
+    StoreProtected(FindImport(L"NorvexDX.dll", "GetProcAddress"),
+                   reinterpret_cast<void*>(&FindFunction));
+}
 
 void StoreProtected(void** place, void* value) {
     DWORD protection = 0;

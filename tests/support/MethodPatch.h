@@ -3,8 +3,9 @@
 // Puts a function of the test in the place of one COM method, for as long as the patch lives:
 // MethodPatch<&ID3D12Device::CreateFence> patch(device, [](auto original, ID3D12Device* self,
 // auto... args) { ... }). All objects of the class share the method table, so the others are
-// patched too. Patches of one method do not nest. The function may run on any thread. The same for
-// an imported function: MethodPatch<0, decltype(D3D11CreateDevice)> patch(FindImport(...), ...).
+// patched too. Patches of one method nest where their tags differ, the outer made last and gone
+// first. The function may run on any thread. The same for an imported function:
+// MethodPatch<0, decltype(D3D11CreateDevice)> patch(FindImport(...), ...).
 
 #include <bit>
 #include <cstddef>
@@ -48,11 +49,12 @@ auto MakeSignature(Result (WINAPI Object::*)(Args...)) {
     }
 }
 // The signature is given where the method is inherited and objects of several classes are patched.
-template <auto method, class Signature = typename decltype(MakeSignature(method))::type>
+template <auto method, class Signature = typename decltype(MakeSignature(method))::type,
+          class Tag = void>
 class MethodPatch;
 
-template <auto method, class Result, class... Args>
-class MethodPatch<method, Result(Args...)> : boost::noncopyable {
+template <auto method, class Result, class... Args, class Tag>
+class MethodPatch<method, Result(Args...), Tag> : boost::noncopyable {
 public:
     using Original = Result(WINAPI*)(Args...);
     using Function = std::function<Result(Original, Args...)>;

@@ -17,6 +17,8 @@ struct Thrown {
     std::string function;
     long result = 0;  // E_FAIL when no result was carried
     std::string kind; // what()
+    bool hasAdapter = false;
+    bool hasMemory = false; // what there was of it
 };
 
 // Lets other exceptions than the library's pass.
@@ -26,8 +28,13 @@ Thrown ThrownBy(const Call& call) {
         call();
     } catch (const DX::DirectXException& e) {
         const auto* function = boost::get_error_info<boost::throw_function>(e);
-        return {e.GetErrorDescription(), function != nullptr ? *function : "", e.GetResult(),
-                e.what()};
+        const auto* result = boost::get_error_info<ErrorResult>(e);
+        return {e.GetErrorDescription(),
+                function != nullptr ? *function : "",
+                e.GetResult(),
+                e.what(),
+                result != nullptr && result->adapter != nullptr,
+                result != nullptr && result->memoryInfo != nullptr};
     }
     return {"(nothing)", "", 0, ""};
 }
