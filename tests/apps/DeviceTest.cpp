@@ -18,6 +18,10 @@
 #include "tests/support/Generation.h"
 #include "tests/support/HDRDisplay.h"
 
+#define main DrawOnLostDevice
+#include "examples/device_loss.cpp"
+#undef main
+
 namespace Norvex::Test {
 
 namespace {
@@ -143,6 +147,35 @@ TEST(LostDeviceTest, FailsTheClip) {
         DX::D12Device::CreatePrimary()->Get(), DXGI_ERROR_DEVICE_HUNG);
     EXPECT_THROW(RunEncode(encode), DX::DirectX12Exception);
     EXPECT_EQ(folder.CountFiles(), 1) << "beside the picture";
+}
+
+// The example, where a device is removed that is asked to be.
+TEST(LostDeviceTest, LeavesTheExampleItsPicture) {
+    const auto device = DX::D12Device::CreatePrimary();
+    const boost::intrusive_ptr queue(new DX::D12CommandQueue(device, {}));
+    CComPtr<ID3D12Device5> device5;
+    ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device5)), S_OK);
+    CComPtr<ID3D12Device> removed; // kept, so that no other has its address
+    const MethodPatch<&ID3D12Device5::RemoveDevice> removing(
+        device5, [&](auto, ID3D12Device5* self) { removed = self; });
+    const MethodPatch<&ID3D12Device::GetDeviceRemovedReason> reason(
+        device5, [&](auto original, ID3D12Device* self) {
+            return self == removed.p ? DXGI_ERROR_DEVICE_REMOVED : original(self);
+        });
+    const MethodPatch<&ID3D12CommandQueue::Signal> signal(
+        queue->Get(), [&](auto original, auto* self, auto... args) {
+            CComPtr<ID3D12Device> owner;
+            self->GetDevice(IID_PPV_ARGS(&owner));
+            return owner == removed ? DXGI_ERROR_DEVICE_REMOVED : original(self, args...);
+        });
+    std::string arguments[] = {"device_loss", "2"};
+    char* raw[] = {arguments[0].data(), arguments[1].data()};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(DrawOnLostDevice(2, raw), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::StartsWith("Frame 1 is 255 128 0.\nThe device is removed.\n"
+                                    "Lost: Failed to signal fence. Beginning anew.\n"
+                                    "Frame 2 is 255 128 0.\n"));
 }
 
 } // namespace

@@ -58,6 +58,13 @@ public:
         CloseHandle(m_process.hProcess);
     }
 
+    static std::filesystem::path GetPath(const wchar_t* program) {
+        wchar_t self[MAX_PATH] = {};
+        GetModuleFileNameW(nullptr, self, MAX_PATH);
+        wchar_t named[MAX_PATH] = L"norvexdx.exe";
+        GetEnvironmentVariableW(L"NORVEX_TEST_PROGRAM", named, MAX_PATH);
+        return std::filesystem::path(self).parent_path() / (program != nullptr ? program : named);
+    }
     HANDLE GetHandle() const { return m_process.hProcess; }
     DWORD GetId() const { return m_process.dwProcessId; }
     bool HasEnded(DWORD waitMs = 0) const {
@@ -80,13 +87,6 @@ public:
 private:
     static constexpr DWORD kTimeLimit = 60000; // ms
 
-    static std::filesystem::path GetPath(const wchar_t* program) {
-        wchar_t self[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, self, MAX_PATH);
-        wchar_t named[MAX_PATH] = L"norvexdx.exe";
-        GetEnvironmentVariableW(L"NORVEX_TEST_PROGRAM", named, MAX_PATH);
-        return std::filesystem::path(self).parent_path() / (program != nullptr ? program : named);
-    }
     HANDLE Open(const char* name, DWORD access, DWORD disposition) const {
         SECURITY_ATTRIBUTES inheritable = {sizeof(inheritable), nullptr, TRUE};
         return CreateFileW(m_folder.GetPath(name).c_str(), access, FILE_SHARE_READ, &inheritable,

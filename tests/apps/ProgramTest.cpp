@@ -211,30 +211,41 @@ TEST_F(ProgramTest, ConvertsPicturesWithAProfile) {
     expect(AddToPng(png, "no profile at all"), kColor, "", {"is left aside: it is damaged"});
 }
 
-// Whether the example's window has its gradient on the screen, right of the middle.
-bool ShowsGradient(HWND window) {
+// Whether the window has the colour on the screen, right of the middle.
+bool Shows(HWND window, const std::array<int, 3>& color) {
     SetWindowPos(window, HWND_TOPMOST, 0, 0, 0, 0, SWP_NOMOVE | SWP_NOSIZE | SWP_NOACTIVATE);
     RECT client = {};
     GetClientRect(window, &client);
     const auto rgb =
         TestWindow::GetPixel(window, client.right / 2 + client.bottom / 4, client.bottom / 2);
-    return std::abs(rgb[0] - 192) < 4 && std::abs(rgb[1] - 128) < 4 && std::abs(rgb[2] - 128) < 4;
+    return std::ranges::equal(rgb, color, [](int a, int b) { return std::abs(a - b) < 4; });
 }
 
 TEST(ExamplesTest, SayAndShowWhatTheyDo) {
-    // words: empty where it shows a window, and ends when that is closed
+    // A window shows its colour at first, and after it was minimised and made larger.
     const auto expect = [](const wchar_t* name, const char* words,
-                           const std::vector<std::string>& arguments = {}, unsigned exitCode = 0) {
+                           const std::vector<std::string>& arguments = {}, unsigned exitCode = 0,
+                           const std::optional<std::array<int, 3>>& color = {}) {
         const StartedProgram program(arguments, {}, name);
-        for (int i = 0; *words == '\0' && i < 1000 && !program.HasEnded(20); ++i) {
+        int shown = 0;
+        for (int i = 0; color && i < 1000 && !program.HasEnded(20); ++i) {
             HWND window = FindWindowW(L"STATIC", L"NorvexDX");
-            if (window != nullptr && ShowsGradient(window)) {
+            if (window == nullptr || !Shows(window, *color)) {
+                continue;
+            }
+            if (++shown == 1) {
+                ShowWindow(window, SW_MINIMIZE);
+                ShowWindow(window, SW_RESTORE);
+                MoveWindow(window, 80, 80, 800, 500, TRUE);
+            } else {
                 PostMessageW(window, WM_CLOSE, 0, 0);
             }
         }
-        const ProcessResult result = program.Wait();
+        ProcessResult result = program.Wait();
         EXPECT_EQ(result.exitCode, exitCode) << result.err;
-        EXPECT_THAT(result.out + result.err, HasSubstr(words));
+        EXPECT_TRUE(!color || shown > 1);
+        EXPECT_THAT(result.out.substr(0, 1000) + result.err, HasSubstr(words));
+        return std::move(result.out);
     };
     expect(L"offscreen.exe", "0.5807 0.5807 0.5807");
     expect(L"attach.exe", "sRGB  64 is  74 in BT.709");
@@ -244,8 +255,17 @@ TEST(ExamplesTest, SayAndShowWhatTheyDo) {
     } else {
         expect(L"share.exe", "not share", {}, 1);
     }
-    expect(L"window.exe", "");
-    expect(L"window.exe", "", {"d3d11"});
+    expect(L"device_loss.exe", "\nFrame 10 is 255 128 0.", {"5"});
+    expect(L"window.exe", "", {}, 0, std::array{192, 128, 128});
+    expect(L"host.exe", "", {}, 0, std::array{128, 255, 128});
+    const auto relay = StartedProgram::GetPath(L"relay.exe").string();
+    const std::string video = expect(L"video.exe", "", {relay});
+    constexpr std::size_t kPixels = std::size_t{640} * 360;
+    ASSERT_EQ(video.size(), 50 * kPixels * 3 / 2);
+    const std::string last = video.substr(49 * kPixels * 3 / 2);
+    EXPECT_EQ(last[180 * 640 + 400], 125); // orange, moved to the right, in Rec. 709
+    EXPECT_EQ(last[kPixels + 90 * 640 + 400], 68);
+    EXPECT_EQ(last[180 * 640 + 300], 16);
 }
 
 // Run on their own, on a system without the part.
