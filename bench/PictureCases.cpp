@@ -2,9 +2,13 @@
 // showing a frame.
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
 
 #include <fmt/format.h>
 
+#include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
@@ -30,10 +34,12 @@ public:
         m_chroma = MakeTarget(2, isDeep ? DXGI_FORMAT_R16G16_UNORM : DXGI_FORMAT_R8G8_UNORM);
     }
 
-    void Draw() {
-        Run([this](const auto& allocator) {
-            m_drawer->Encode(allocator, m_source, m_target, std::nullopt, std::nullopt);
-        });
+    using Conversion = std::optional<Proc::ColorAlphaConversionInfo>;
+
+    void Draw(const Conversion& conversion = {}) { DrawWith(m_drawer, conversion); }
+    void DrawSpecialized(const Conversion& conversion) {
+        m_specialized->Specialize(conversion);
+        DrawWith(m_specialized, conversion);
     }
     void Convert() {
         constexpr DX::D12ResourceStates kRead = {kSource, kSource};
@@ -48,6 +54,11 @@ private:
     static constexpr auto kSource = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
     static constexpr auto kDrawTarget = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
+    void DrawWith(const auto& drawer, const Conversion& conversion) {
+        Run([&](const auto& allocator) {
+            drawer->Encode(allocator, m_source, m_target, conversion, std::nullopt);
+        });
+    }
     void Run(const auto& record) {
         const auto allocator = m_queue->CreateCommandAllocator();
         record(allocator);
@@ -74,6 +85,7 @@ private:
     boost::intrusive_ptr<DX::D12Device> m_device = DX::D12Device::CreatePrimary();
     boost::intrusive_ptr<DX::D12CommandQueue> m_queue{new DX::D12CommandQueue(m_device, {})};
     boost::intrusive_ptr<DX::D12ImageDraw> m_drawer{new DX::D12ImageDraw(m_device)};
+    boost::intrusive_ptr<DX::D12ImageDraw> m_specialized{new DX::D12ImageDraw(m_device)};
     boost::intrusive_ptr<DX::D12YUVConverter> m_converter{
         new DX::D12YUVConverter(m_device, Proc::AlphaType::AlphaIsOne)};
     boost::intrusive_ptr<DX::D12Descriptor> m_source;
@@ -87,6 +99,17 @@ Ways MakeConversions(unsigned width, unsigned height, DXGI_FORMAT format) {
     return {{MakeWay("convert", [pictures] { pictures->Convert(); }, {"draw"}),
              MakeWay("draw", [pictures] { pictures->Draw(); })},
             {}};
+}
+
+Ways MakeDraws(const Conf::RGBColorSpace& from, const Conf::RGBColorSpace& to) {
+    const auto pictures = std::make_shared<Pictures>(1920, 1080, DXGI_FORMAT_NV12);
+    Proc::ColorAlphaConversionInfo conversion;
+    conversion.source = from;
+    conversion.target = to;
+    return {
+        {MakeWay("specialized", [=] { pictures->DrawSpecialized(conversion); }, {"one for all"}),
+         MakeWay("one for all", [=] { pictures->Draw(conversion); })},
+        {}};
 }
 
 struct Screens {
@@ -125,6 +148,18 @@ std::vector<Case> MakePictureCases() {
           Row{"p010/4k", 3840, 2160, DXGI_FORMAT_P010}}) {
         cases.push_back({std::string("d3d12/convert/") + name, Clock::Wall,
                          [=] { return MakeConversions(width, height, format); }});
+    }
+    using Conf::ColorPrimaries;
+    using Conf::TransferCharacteristics;
+    constexpr Conf::RGBColorSpace kSRGB = {ColorPrimaries::BT709, TransferCharacteristics::sRGB};
+    constexpr Conf::RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
+    constexpr Conf::RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
+    for (const auto& [name, from, to] : {std::tuple("srgb-srgb", kSRGB, kSRGB),
+                                         {"srgb-pq", kSRGB, kPQ},
+                                         {"hlg-srgb", kHLG, kSRGB},
+                                         {"pq-srgb", kPQ, kSRGB}}) {
+        cases.push_back({std::string("d3d12/draw/1080p/") + name, Clock::Wall,
+                         [=] { return MakeDraws(from, to); }});
     }
     cases.push_back({"d3d12/present", Clock::Both, &MakePresents});
     return cases;

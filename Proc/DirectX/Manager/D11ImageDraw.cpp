@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 
+#include <algorithm>
 #include <source_location>
 #include <string>
 
@@ -117,19 +118,35 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
     if (!viewport) {
         return;
     }
-    const auto bytes = D3ImageRenderer::MakeParamsBytes(
+    const D3ImageParams shaderParams =
         D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), params, sourceSize,
-                                    params.opacity < 1.0F && BlendsStraight(m_blendState)));
+                                    params.opacity < 1.0F && BlendsStraight(m_blendState));
+    const auto bytes = D3ImageRenderer::MakeParamsBytes(shaderParams);
     const auto constants =
         CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     ID3D11RenderTargetView* const view = target->GetView();
     m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *viewport,
-                                .shader = m_pixelShader,
+                                .shader = FindShader(D3ConversionKey(shaderParams)),
                                 .texture = source->GetView(),
                                 .constants = constants,
                                 .blendState = m_blendState});
     D11QuadPipeline::Unbind(*context);
+}
+
+void D11ImageDraw::Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const D3ConversionKey key(D3ImageRenderer::MakeParams({}, conversion));
+    if (FindShader(key) == m_pixelShader) {
+        m_specialized.emplace_back(
+            key, std::make_shared<D11PixelShader>(m_device, "PSMain",
+                                                  D3ImageRenderer::GetPixelShader(key)));
+    }
+}
+
+const std::shared_ptr<D11PixelShader>& D11ImageDraw::FindShader(const D3ConversionKey& key) const {
+    const auto found = std::ranges::find(
+        m_specialized, key, [](const auto& entry) -> const auto& { return entry.first; });
+    return found != m_specialized.end() ? found->second : m_pixelShader;
 }
 
 void D11ImageDraw::SetBlend(BlendPreset preset) {

@@ -6,8 +6,11 @@
 // null device "There is no device", for a null context "There is no device context". View state and
 // shaders: D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
 
+#include <cstddef>
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -94,6 +97,13 @@ public:
                 const ImageDrawParams& params);
 
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+    // Compiles a pixel shader for this conversion (or none) alone: draws of it are made with that
+    // from now on, the same pictures without the other conversions' branches. It takes some 10 ms,
+    // so that the host says when; nothing happens the second time, whatever the luminances are.
+    // "Failed to compile shader", "Failed to create pixel shader"; then all is as before.
+    void Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    std::size_t GetSpecializationCount() const { return m_specialized.size(); }
+
     // Null, the default: replace.
     const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
@@ -113,9 +123,12 @@ protected:
     std::optional<AffineTransform> m_transform;
 
 private:
+    const std::shared_ptr<D11PixelShader>& FindShader(const D3ConversionKey& key) const;
+
     boost::intrusive_ptr<D11Device> m_device;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
-    std::shared_ptr<D11PixelShader> m_pixelShader;
+    std::shared_ptr<D11PixelShader> m_pixelShader; // of all conversions
+    std::vector<std::pair<D3ConversionKey, std::shared_ptr<D11PixelShader>>> m_specialized;
     CComPtr<ID3D11BlendState> m_blendState;
 };
 

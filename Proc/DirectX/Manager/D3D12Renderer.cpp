@@ -2,6 +2,7 @@
 
 #include <source_location>
 #include <string>
+#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
@@ -152,8 +153,10 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     const std::lock_guard guard(m_mutex);
     const AffineTransform transform = MakeDrawTransform(source, params, area);
     const TableOfOneDraw table(*m_textureTable, source);
-    SetParameters(
-        MakeShaderParams(ToClipUnits(transform, area, viewport.value_or(area)), *source, params));
+    const D3ImageParams shaderParams =
+        MakeShaderParams(ToClipUnits(transform, area, viewport.value_or(area)), *source, params);
+    SetParameters(shaderParams);
+    m_pipeline->UseShader(D3ConversionKey(shaderParams));
     m_pipeline->Record(*allocator, target, viewport, GetWinding(transform));
 }
 
@@ -179,6 +182,7 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
     const auto texture = state.AddView(source);
     const D12DrawState::Targets targets(&target, 1);
     const TableOfOneDraw table(*m_textureTable, source);
+    m_pipeline->UseShader(D3ConversionKey(shaderParams));
     m_pipeline->MakePipelineState(targets); // asks the table for its kind of view alone
     m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list, GetWinding(transform)),
                      [&] {
@@ -208,6 +212,27 @@ D3ImageParams D12ImageDraw::MakeShaderParams(const AffineTransform& clipTransfor
 void D12ImageDraw::SetParameters(const D3ImageParams& params) {
     m_paramsView->SetBuffer(
         CreateConstants(*m_device, D3ImageRenderer::MakeParamsBytes(params), L"Matrix Buffer"));
+}
+
+void D12ImageDraw::Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    const D3ConversionKey key(D3ImageRenderer::MakeParams({}, conversion));
+    const auto isDone = [&] { return m_pipeline->UseShader(key); };
+    {
+        const std::lock_guard guard(m_mutex);
+        if (isDone()) {
+            return;
+        }
+    }
+    auto shader = D12Shader::CreatePixel("PSMain", D3ImageRenderer::GetPixelShader(key));
+    const std::lock_guard guard(m_mutex);
+    if (!isDone()) { // by another thread
+        m_pipeline->AddShader(key, std::move(shader));
+    }
+}
+
+std::size_t D12ImageDraw::GetSpecializationCount() const {
+    const std::lock_guard guard(m_mutex);
+    return m_pipeline->GetAddedShaderCount();
 }
 
 D12BlendState D12ImageDraw::GetBlendState() const {

@@ -110,6 +110,14 @@ public:
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target, const ImageDrawParams& params);
 
+    // Compiles a pixel shader for this conversion (or none) alone: draws of it are made with that
+    // from now on, the same pictures without the other conversions' branches. It takes some 10 ms,
+    // so that the host says when; nothing happens the second time, whatever the luminances are. A
+    // pipeline state is made for each. Other threads may draw meanwhile. "Failed to compile
+    // shader"; then all is as before.
+    void Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    std::size_t GetSpecializationCount() const;
+
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     D12BlendState GetBlendState() const;

@@ -73,6 +73,23 @@ struct ImageDrawParams {
     float opacity = 1.0F;
 };
 
+// What of them decides the way through the pixel shader.
+struct D3ConversionKey {
+    std::uint32_t sourceColorSpace = 0;
+    std::uint32_t targetColorSpace = 0;
+    std::uint32_t sourceAlphaType = 0;
+    std::uint32_t targetAlphaType = 0;
+    std::uint32_t displayLinear = 0;
+
+    explicit D3ConversionKey(const D3ImageParams& params)
+        : sourceColorSpace(params.sourceColorSpace),
+          targetColorSpace(params.targetColorSpace),
+          sourceAlphaType(params.sourceAlphaType),
+          targetAlphaType(params.targetAlphaType),
+          displayLinear(params.displayLinear) {}
+    bool operator==(const D3ConversionKey&) const = default;
+};
+
 // Geometry. The picture's centre lies on the target's centre; the picture is scaled, then rotated,
 // then translated. Rotation is in radians, counter-clockwise as seen on the screen; translation in
 // target pixels, right and down positive. Rotation happens in pixels, so the aspect ratio holds at
@@ -98,6 +115,8 @@ public:
     // HLSL, entry "PSMain", shader model 4.0. Parameters b0, texture t0, sampler s0. Finite samples
     // give no NaN, and no infinity as long as the values of the formulas are in the range of float.
     static std::string GetPixelShader();
+    // The same for conversions of one key alone: what it draws of others is undefined.
+    static std::string GetPixelShader(const D3ConversionKey& key);
     // The transform's translation is in clip units. Without conversion the sample is drawn as it
     // is.
     static D3ImageParams

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <ranges>
+#include <utility>
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 
@@ -78,7 +79,7 @@ D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device,
       m_parameters(device->CreateShaderParameters()) {
     m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
     m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
-    m_desc.pixelShader = D12Shader::CreatePixel("PSMain", pixelShader);
+    m_shaders.push_back({.shader = D12Shader::CreatePixel("PSMain", pixelShader)});
     m_desc.rasterizer = MakeRasterizer12();
     m_desc.depthStencil = MakeDepthStencil12();
     m_desc.inputLayout = MakeInputElements12();
@@ -91,20 +92,36 @@ boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture() {
     return m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL);
 }
 
+void D12QuadPipeline::AddShader(const D3ConversionKey& key, std::shared_ptr<D12Shader> shader) {
+    m_shaders.push_back({.key = key, .shader = std::move(shader)});
+}
+
+bool D12QuadPipeline::UseShader(const D3ConversionKey& key) {
+    const auto found = std::ranges::find(m_shaders, key, &PixelShader::key);
+    m_used = found != m_shaders.end() ? static_cast<std::size_t>(found - m_shaders.begin()) : 0;
+    return m_used != 0;
+}
+
 const CComPtr<ID3D12PipelineState>&
 D12QuadPipeline::MakePipelineState(D12DrawState::Targets targets) {
     const auto formats = targets | std::views::transform(&D12Descriptor::GetFormat);
-    const bool changed = m_parameters->SerializeRootSignature();
-    const bool fits = m_pipelineState != nullptr && !changed && m_desc.blend == m_blendState &&
-                      std::ranges::equal(m_desc.renderTargetFormats, formats);
+    m_parameters->SerializeRootSignature();
+    const auto& rootSignature = m_parameters->GetRootSignature();
+    PixelShader& used = m_shaders[m_used];
+    const bool fits = used.state != nullptr && used.rootSignature.p == rootSignature.p &&
+                      used.blend == m_blendState && std::ranges::equal(used.formats, formats);
     if (!fits) {
-        m_desc.rootSignature = m_parameters->GetRootSignature();
+        m_desc.rootSignature = rootSignature;
+        m_desc.pixelShader = used.shader;
         m_desc.blend = m_blendState;
         m_desc.renderTargetFormats.assign(formats.begin(), formats.end());
-        m_pipelineState.Release();
-        m_pipelineState = m_device->CreateGraphicsPipelineState(m_desc);
+        used.state.Release();
+        used.state = m_device->CreateGraphicsPipelineState(m_desc);
+        used.rootSignature = rootSignature;
+        used.blend = m_blendState;
+        used.formats = m_desc.renderTargetFormats;
     }
-    return m_pipelineState;
+    return used.state;
 }
 
 boost::intrusive_ptr<D12VertexBuffer> D12QuadPipeline::CreateQuad(D12GraphicsCommandList& list,

@@ -5,6 +5,7 @@
 // DirectX11Exception, DirectX12Exception. Geometry: D3Quad.h.
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,6 +24,7 @@
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
@@ -62,8 +64,8 @@ private:
     CComPtr<ID3D11DepthStencilState> m_depthStencil;
 };
 
-// The root signature, and the one pipeline state for the target formats last drawn to, both made
-// when they are needed. Targets of other formats rebuild the pipeline state.
+// The root signature, and for each pixel shader the one pipeline state for the target formats last
+// drawn to, all made when they are needed. Targets of other formats rebuild a pipeline state.
 class D12QuadPipeline {
 public:
     using List = boost::intrusive_ptr<D12GraphicsCommandList>;
@@ -77,6 +79,13 @@ public:
     D12ShaderParameters& GetParameters() const { return *m_parameters; }
     // A table with one texture, t0 of the pixel shader, which samples it through s0.
     boost::intrusive_ptr<D12ViewTable> AddTexture();
+    // Another pixel shader, for one conversion.
+    void AddShader(const D3ConversionKey& key, std::shared_ptr<D12Shader> shader);
+    std::size_t GetAddedShaderCount() const { return m_shaders.size() - 1; }
+    // The next pipeline states are made with the shader of this conversion, if there is one, else
+    // with the first. Whether there is one.
+    bool UseShader(const D3ConversionKey& key);
+
     const D12BlendState& GetBlendState() const { return m_blendState; }
     void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
 
@@ -89,7 +98,7 @@ public:
     template <class SetArguments>
     void Draw(D12DrawState& state, D12DrawState::Targets targets, const Rect2DT<long>& viewport,
               const boost::intrusive_ptr<D12VertexBuffer>& quad, const SetArguments& setArguments) {
-        state.SetPipelineState(m_pipelineState);
+        state.SetPipelineState(GetPipelineState());
         state.SetRootSignature(m_parameters->GetRootSignature());
         setArguments();
         state.SetTargets(targets);
@@ -104,7 +113,7 @@ public:
               const Size2DT<long>& scissor,
               const boost::intrusive_ptr<D12VertexBuffer>& quad) const;
     // The one made last.
-    const CComPtr<ID3D12PipelineState>& GetPipelineState() const { return m_pipelineState; }
+    const CComPtr<ID3D12PipelineState>& GetPipelineState() const { return GetShader().state; }
     // Of the whole texture; kept.
     const boost::intrusive_ptr<D12VertexBuffer>& GetQuad(D12GraphicsCommandList& list,
                                                          Winding winding = Winding::Clockwise);
@@ -113,12 +122,23 @@ public:
                                                             Winding winding = Winding::Clockwise);
 
 private:
+    struct PixelShader {
+        std::optional<D3ConversionKey> key = {};
+        std::shared_ptr<D12Shader> shader = {};
+        CComPtr<ID3D12PipelineState> state = {}; // and what it was made of
+        CComPtr<ID3D12RootSignature> rootSignature = {};
+        D12BlendState blend = {};
+        std::vector<DXGI_FORMAT> formats = {};
+    };
+    const PixelShader& GetShader() const { return m_shaders[m_used]; }
+
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12ShaderParameters> m_parameters;
     D12GraphicsPipelineDesc m_desc;
     D12BlendState m_blendState;
     std::array<boost::intrusive_ptr<D12VertexBuffer>, 2> m_quads; // one a winding
-    CComPtr<ID3D12PipelineState> m_pipelineState;
+    std::vector<PixelShader> m_shaders;                           // at least one
+    std::size_t m_used = 0;
 };
 
 // In the upload heap, for the shaders' constants.

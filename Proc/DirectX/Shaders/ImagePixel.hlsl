@@ -23,6 +23,15 @@ cbuffer ParamsBuffer: register( b0 )
     float2 lastTexel;
 };
 
+// A shader of one conversion has it as constants: nothing is left of the other branches.
+#ifdef ONE_CONVERSION
+#define sourceColorSpace ONE_SOURCE_COLOR_SPACE
+#define targetColorSpace ONE_TARGET_COLOR_SPACE
+#define sourceAlphaType ONE_SOURCE_ALPHA_TYPE
+#define targetAlphaType ONE_TARGET_ALPHA_TYPE
+#define displayLinear ONE_DISPLAY_LINEAR
+#endif
+
 Texture2D shaderTexture: register( t0 );
 SamplerState sampleType: register( s0 );
 

@@ -39,6 +39,9 @@ public:
           m_converter(new DX::D12YUVConverter(device, Proc::AlphaType::NonPremultiplied)),
           m_canvasPool(DX::D12Texture2DPool::Create(
               device, MakeTextureDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
+        if (params.conversion) {
+            m_draw->Specialize(params.conversion);
+        }
         MakePlanePools();
         PlacePlanes();
         m_queue->Get()->GetTimestampFrequency(&m_ticksPerSecond);

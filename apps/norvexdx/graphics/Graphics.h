@@ -92,6 +92,7 @@ struct DrawParams {
     std::optional<Proc::ColorAlphaConversionInfo> conversion;
     std::optional<DX::Rect2DT<long>> rect; // all of the canvas without one
     bool blends = false;
+    bool isRepeated = false; // for frame after frame: worth a shader of this conversion alone
 };
 
 // Records the work of one Graphics::Run, or of a frame of a Screen, in order.

@@ -133,8 +133,11 @@ public:
     }
 
     void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
-        m_drawer.GetImageDraw(params.blends)
-            ->Encode(m_context, TextureOf(source), TargetOf11(canvas), params.transform,
+        const auto& draw = m_drawer.GetImageDraw(params.blends);
+        if (params.isRepeated) {
+            draw->Specialize(params.conversion);
+        }
+        draw->Encode(m_context, TextureOf(source), TargetOf11(canvas), params.transform,
                      params.conversion, params.rect);
     }
 

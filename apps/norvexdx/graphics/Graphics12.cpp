@@ -147,8 +147,11 @@ public:
     }
 
     void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) override {
-        m_drawers.GetImageDraw(params.blends)
-            ->Encode(m_list, ViewOf(source), TargetOf12(canvas), params.transform,
+        const auto& draw = m_drawers.GetImageDraw(params.blends);
+        if (params.isRepeated) {
+            draw->Specialize(params.conversion);
+        }
+        draw->Encode(m_list, ViewOf(source), TargetOf12(canvas), params.transform,
                      params.conversion, params.rect);
     }
 

@@ -70,7 +70,8 @@ void ViewerScene::DrawPicture(Recorder& recorder, const Canvas& canvas, const Vi
                   {.transform = placement.transform,
                    .conversion = m_screen->GetConversionInfo(m_space, AlphaType::NonPremultiplied),
                    .rect = {},
-                   .blends = true});
+                   .blends = true,
+                   .isRepeated = true});
 }
 
 void ViewerScene::DrawOverlay(Recorder& recorder, const Canvas& canvas) const {
