@@ -75,6 +75,47 @@ TEST_F(D3D12CommandTest, ThreadsThatWaitForOneQueueSignalInOrder) {
     EXPECT_TRUE(std::ranges::is_sorted(values));
 }
 
+// Threads signal one event on a queue, for which another waits. Both keep it meanwhile.
+TEST_F(D3D12CommandTest, QueuesSignalEventsInOrderAndWaitForThem) {
+    const auto other = Device()->CreateCommandQueue();
+    EventPtr event = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
+    const auto done = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
+    const auto gate = MakeGate();
+    Queue()->Wait(gate);
+    std::vector<UINT64> values;
+    {
+        const QueueSignal patch(Queue()->Get(),
+                                [&](auto original, auto* self, auto* fence, auto value) {
+                                    std::this_thread::sleep_for(value % 2 == 1 ? 20ms : 0ms);
+                                    values.push_back(value);
+                                    return original(self, fence, value);
+                                });
+        RunThreads(4, [&](unsigned) { Queue()->Signal(event); });
+    }
+    EXPECT_EQ(values, (std::vector<UINT64>{1, 2, 3, 4}));
+    other->Wait(event);
+    other->Signal(done);
+    EXPECT_FALSE(event->IsCompleted() || done->IsCompleted());
+    const LifeProbe probe(event->GetFence());
+    event.reset();
+    EXPECT_TRUE(probe.IsAlive());
+    Open(gate);
+    done->WaitComplete();
+    Queue()->WaitComplete();
+    Queue()->Wait(done);
+    other->Wait(done);
+    EXPECT_FALSE(probe.IsAlive()) << "it is not kept for longer";
+}
+
+TEST_F(D3D12CommandTest, AnAllocatorTakesTimeStamps) {
+    const auto stamp = Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
+    const auto allocator = Queue()->CreateCommandAllocator();
+    allocator->EndQuery(stamp);
+    allocator->Execute();
+    allocator->WaitComplete();
+    EXPECT_GT(stamp->GetUint64Stats(), 0u);
+}
+
 // Allocators of one queue record, give up, submit, are refused and end at random, beside a model of
 // what the GPU may still use. A gate holds the queue back meanwhile.
 TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {
@@ -298,10 +339,38 @@ TEST_F(D3D12CommandTest, TexturesTravelThereAndBack) {
     D12DownloadResourceParams download;
     download.source = upload.destination;
     download.subresources = {{read, kPitch, 0}, {read + kSlice, kPitch, 0}};
-    Queue()->DownloadResource(download);
-    for (std::size_t i = 0; i < std::size(data); ++i) {
-        ASSERT_EQ(read[i], i % kPitch < kRow ? data[i] : 0) << i;
-    }
+    const auto expectRead = [&] {
+        Queue()->DownloadResource(download);
+        for (std::size_t i = 0; i < std::size(data); ++i) {
+            ASSERT_EQ(read[i], i % kPitch < kRow ? data[i] : 0) << i;
+        }
+    };
+    expectRead();
+    // A box of the second slice, while the first stays in its state.
+    std::uint8_t box[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 9, 1, 2, 3, 4, 5, 6, 7, 8};
+    std::uint8_t readBox[std::size(box)] = {0, 0, 0, 0, 0, 0, 0, 0, 9, 9, 9};
+    auto uploadBox = upload;
+    uploadBox.stateBefore = kCopyFrom;
+    uploadBox.stateAfter = D3D12_RESOURCE_STATE_COMMON;
+    uploadBox.subresources = {{box, 11, 0}};
+    uploadBox.firstSubresource = 1;
+    uploadBox.box = {2, 1, 0, 4, 3, 1};
+    auto downloadBox = download;
+    downloadBox.stateBefore = D3D12_RESOURCE_STATE_COMMON;
+    downloadBox.subresources = {{readBox, 11, 0}};
+    downloadBox.firstSubresource = uploadBox.firstSubresource;
+    downloadBox.box = uploadBox.box;
+    Queue()->UploadResource(uploadBox);
+    Queue()->DownloadResource(downloadBox);
+    EXPECT_THAT(readBox, testing::ElementsAreArray(box));
+    std::copy_n(box, 8, data + kSlice + kPitch + 8);
+    std::copy_n(box + 11, 8, data + kSlice + 2 * kPitch + 8);
+    expectRead();
+    uploadBox.firstSubresource = 2;
+    NORVEX_REFUSED("Subresource index out of range", Queue()->UploadResource(uploadBox));
+    downloadBox.box->right = 6;
+    NORVEX_REFUSED("Downloading data does not fit in the source",
+                   Queue()->DownloadResource(downloadBox));
     upload.subresources[1].rowPitch = download.subresources[0].rowPitch = kRow - 1;
     NORVEX_REFUSED("Invalid upload data", Queue()->UploadResource(upload));
     NORVEX_REFUSED("Invalid download data", Queue()->DownloadResource(download));

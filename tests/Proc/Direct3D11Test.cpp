@@ -12,6 +12,7 @@
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 
+#include "Proc/DirectX/Manager/D3D11Query.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
@@ -269,7 +270,7 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
     NotingFake fake(&Context::UpdateSubresource, &Context::ClearDepthStencilView,
                     &Context::DrawIndexed, &Context::IASetVertexBuffers, &Context::IASetIndexBuffer,
                     &Context::OMSetBlendState, &Context::OMSetDepthStencilState,
-                    &Context::OMSetRenderTargets, &Context::Map);
+                    &Context::OMSetRenderTargets, &Context::Map, &Context::CopySubresourceRegion);
     const auto raw = MakeRawDevice11();
     const MethodPatch<&ID3D11Device::GetImmediateContext> patch(
         raw, [&fake](auto, auto*, Context** out) { fake.GiveTo(reinterpret_cast<void**>(out)); });
@@ -292,9 +293,50 @@ TEST_F(D3D11ResourceTest, ArgumentsReachTheContext) {
         context.OMSetDepthStencilState(nullptr, 3);
         context.OMSetRenderTargets({nullptr, nullptr}, view);
         context.Map(m_texture, 2, D3D11_MAP_READ, D3D11_MAP_FLAG_DO_NOT_WAIT);
+        context.CopySubresourceRegion(m_texture, 1, 2, 3, 4, m_texture, 5, &box);
+        EXPECT_EQ(context.Get(), fake.As<Context>());
         EXPECT_EQ(fake.calls, "one 1 one one 12 34; one 2 0.5 3; 6 0 0; 0 2 one 2 0; "
                               "0 1 none 0 0; one 57 0; one 42 0; none 0 0; none 0.5 4294967295; "
-                              "none none 4294967295; none 3; 2 none one; one 2 1 1048576 one; ");
+                              "none none 4294967295; none 3; 2 none one; one 2 1 1048576 one; "
+                              "one 1 2 3 4 one 5 one; ");
+    });
+}
+
+// A fill is counted, and timed within its frequency.
+TEST_F(D3D11ResourceTest, QueriesCountAndTime) {
+    const auto target = D11RenderTexture2D::Create(m_device, m_desc);
+    const boost::intrusive_ptr fill(new D11FillDraw(m_device));
+    const auto samples = m_device->CreateQuery(D3D11_QUERY_OCCLUSION);
+    const auto statistics = m_device->CreateQuery(D3D11_QUERY_PIPELINE_STATISTICS);
+    const auto clock = m_device->CreateQuery(D3D11_QUERY_TIMESTAMP_DISJOINT);
+    const auto before = m_device->CreateQuery(D3D11_QUERY_TIMESTAMP);
+    const auto after = m_device->CreateQuery(D3D11_QUERY_TIMESTAMP);
+    const auto isDone = m_device->CreateQuery(D3D11_QUERY_EVENT);
+    const auto await = [](const auto& read) {
+        auto value = read();
+        while (!value) {
+            value = read();
+        }
+        return *value;
+    };
+    m_device->Encode([&](const ContextPtr& context) {
+        for (const auto& query : {clock, samples, statistics}) {
+            context->BeginQuery(query);
+        }
+        context->EndQuery(before);
+        fill->Encode(context, {1, 0, 0, 1}, target, {2, 3, 7, 9});
+        for (const auto& query : {after, statistics, samples, clock, isDone}) {
+            context->EndQuery(query);
+        }
+        const auto numberOf = [&](const auto& query) {
+            return await([&] { return context->GetUint64Stats(query); });
+        };
+        EXPECT_EQ(numberOf(samples), 25u) << "the rest is cut off";
+        EXPECT_EQ(numberOf(isDone), 1u);
+        EXPECT_LE(numberOf(before), numberOf(after));
+        EXPECT_EQ(await([&] { return context->GetPipelineStats(statistics); }).IAVertices, 4u);
+        EXPECT_GT(await([&] { return context->GetTimestampDisjoint(clock); }).Frequency, 0u);
+        NORVEX_EXPECT_REFUSED11("Invalid query type", context->GetUint64Stats(clock));
     });
 }
 

@@ -198,60 +198,42 @@ TYPED_TEST(DrawTest, PartsFadeAndBlendAndNothingAroundThemShows) {
     const auto expect = [&](DX::BlendPreset blend, const DX::ImageDrawParams& params) {
         const auto target = this->m_canvas.MakeTarget(kAcross, kDown, kFloats);
         this->m_renderer->SetBlend(blend);
-        const auto draw = [&](const auto& on) {
+        this->m_canvas.Record([&](const auto& on) {
             filler->Encode(on, {0.25F, 0.5F, 0.75F, 0.5F}, target, {-9, -9, 99, kFilled});
             this->m_renderer->Encode(on, source, target, params);
-        };
-        this->m_canvas.Record([&](const auto& on) {
-            if constexpr (std::is_same_v<TypeParam, Canvas>) {
-                if (params.conversion) {
-                    on->RecordList(nullptr, draw);
-                    return;
-                }
-            }
-            draw(on);
         });
-        const auto drawnAt = [&](unsigned column, unsigned row) {
-            const double x = std::clamp((column + 0.5) / kAcross * 5 + 2.5, 3.0, 7.0);
-            const double y = std::clamp((row + 0.5) / kDown * 3 + 1.5, 2.0, 4.0);
+        const auto expected = [&](std::size_t i) {
+            const bool isFilled = i / kAcross < kFilled;
+            const double x =
+                std::clamp((static_cast<double>(i % kAcross) + 0.5) / 8 + 2.5, 3.0, 7.0);
+            const double y =
+                std::clamp((static_cast<double>(i / kAcross) + 0.5) / 8 + 1.5, 2.0, 4.0);
             Color color = {};
-            for (const unsigned corner : {0U, 1U, 2U, 3U}) {
-                const double left = std::floor(x) + corner % 2;
-                const double top = std::floor(y) + corner / 2;
-                const double weight = (1 - std::fabs(x - left)) * (1 - std::fabs(y - top));
-                for (std::size_t i = 0; i < 4 && weight > 0; ++i) {
-                    color[i] += weight * picture.At(static_cast<unsigned>(left),
-                                                    static_cast<unsigned>(top))[i];
+            for (std::size_t texel = 0; texel < picture.colors.size(); ++texel) {
+                const double across = std::fabs(x - static_cast<double>(texel % 11));
+                const double down = std::fabs(y - static_cast<double>(texel / 11));
+                for (std::size_t k = 0; k < 4 && across < 1 && down < 1; ++k) {
+                    color[k] += (1 - across) * (1 - down) * picture.colors[texel][k];
                 }
             }
-            double colorFactor = blend == StraightOver ? 1 : params.opacity;
-            double alphaFactor = params.opacity;
+            double factor = blend == StraightOver ? 1 : params.opacity;
+            double alpha = color[3] * params.opacity;
             if (params.conversion) {
                 ColorAlphaConversionInfo straight = *params.conversion;
                 straight.targetAlpha = AlphaType::NonPremultiplied;
                 color = ReferenceConvert(color, straight);
-                const AlphaType alpha = params.conversion->targetAlpha;
-                colorFactor = alpha == straight.targetAlpha ? 1 : color[3] * params.opacity;
-                alphaFactor = alpha == AlphaType::AlphaIsOne ? 1 / color[3] : params.opacity;
+                factor = params.conversion->targetAlpha == straight.targetAlpha ? 1 : alpha;
+                alpha = params.conversion->targetAlpha == AlphaType::AlphaIsOne ? 1 : alpha;
             }
-            return Color{color[0] * colorFactor, color[1] * colorFactor, color[2] * colorFactor,
-                         color[3] * alphaFactor};
-        };
-        const auto expected = [&](std::size_t i) {
-            const auto row = static_cast<unsigned>(i) / kAcross;
-            const Color drawn = drawnAt(static_cast<unsigned>(i) % kAcross, row);
-            const double keep = blend == Replace ? 0 : blend == Add ? 1 : 1 - drawn[3];
-            Color result;
+            factor *= blend == StraightOver ? alpha : 1;
+            const double keep = blend == Replace ? 0 : blend == Add ? 1 : 1 - alpha;
             for (std::size_t k = 0; k < 4; ++k) {
-                const double factor = blend == StraightOver && k < 3 ? drawn[3] : 1;
-                result[k] = drawn[k] * factor + (row < kFilled ? fill[k] : 0) * keep;
+                color[k] = (k < 3 ? color[k] * factor : alpha) + (isFilled ? fill[k] : 0) * keep;
             }
-            return result;
+            return color;
         };
-        EXPECT_EQ(FindDifference(this->m_canvas.Read(target), 1e-4, expected), "") << fmt::format(
-            "blend {}, alpha {}, opacity {}", static_cast<int>(blend),
-            params.conversion ? static_cast<int>(params.conversion->targetAlpha) : -1,
-            params.opacity);
+        EXPECT_EQ(FindDifference(this->m_canvas.Read(target), 1e-4, expected), "")
+            << "blend " << static_cast<int>(blend) << ", opacity " << params.opacity;
     };
     for (const auto blend : {Replace, StraightOver, PremultipliedOver, Add}) {
         for (const float opacity : {1.0F, 0.4F}) {
@@ -288,7 +270,7 @@ TYPED_TEST(DrawTest, PicturesAreMirroredOrShowWhatIsNotSupported) {
 }
 
 // Fit modes, turns counter-clockwise, and a shift right and up, in any rectangle: what a pixel
-// shows follows from where it lies in the picture, which is a part of another one. Pixels at the
+// shows follows from where it lies in the picture. Pixels at the
 // edges of the quadrants are left out. Rectangles and pictures change together and one at a time.
 TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
     constexpr long kFar = 1L << 30;
@@ -317,25 +299,10 @@ TYPED_TEST(DrawTest, ViewStatePlacesThePictureAsSeenOnScreen) {
                 : mode == Fit
                     ? std::min(width / (w * c + h * s), height / (w * s + h * c))
                     : std::max((width * c + height * s) / w, (width * s + height * c) / h);
-            const Pixels quadrants = MakeQuadrants(w, h);
-            const auto whole = this->m_canvas.MakeSource(quadrants, kRGBA8);
-            const auto around = this->m_canvas.MakeSource(
-                MakePixels(w + 3, h + 2,
-                           [&](unsigned x, unsigned y) -> Color {
-                               return x < 2 || y < 1 || x >= w + 2 || y > h
-                                          ? Color{0, 0, 1, 1}
-                                          : quadrants.At(x - 2, y - 1);
-                           }),
-                kRGBA8);
+            const auto source = this->m_canvas.MakeSource(MakeQuadrants(w, h), kRGBA8);
             const auto target = this->m_canvas.MakeTarget(100, 50, kRGBA8);
-            const Rect part = {2, 1, static_cast<long>(w) + 2, static_cast<long>(h) + 1};
             this->m_canvas.Record([&](const auto& on) {
-                if (turn == 0.3) {
-                    this->m_renderer->Encode(on, around, target,
-                                             {.rect = rect, .sourceRect = part});
-                } else {
-                    this->m_renderer->Encode(on, whole, target, std::nullopt, rect);
-                }
+                this->m_renderer->Encode(on, source, target, std::nullopt, rect);
             });
             const Pixels drawn = this->m_canvas.Read(target);
             const auto expected = [&](std::size_t i) {
@@ -393,9 +360,9 @@ TYPED_TEST(DrawTest, WrongArgumentsAreRefused) {
             ExpectFailure12([&] { fill->Encode(on, {}, source, {}); }, kNoTarget, "Encode");
         }
         for (const Rect& part : {Rect{}, {-1, 0, 8, 8}, {0, 0, 8, 9}, {5, 0, 5, 8}}) {
-            ExpectFailure([&] { this->m_draw->Encode(on, source, target, {.sourceRect = part}); },
-                          "The source rectangle does not lie in the texture", "Encode", E_FAIL,
-                          TypeParam::kKind);
+            EXPECT_EQ(
+                SentenceOf([&] { this->m_draw->Encode(on, source, target, {.sourceRect = part}); }),
+                "The source rectangle does not lie in the texture");
         }
         this->m_draw->Encode(on, source, target, {}, {});
     });

@@ -9,6 +9,7 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
+#include "Proc/DirectX/Manager/Version.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MethodPatch.h"
@@ -47,6 +48,8 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
     AdapterDescription adapter;
     adapter.name = "Some adapter";
     adapter.vendorNames = {"AMD", "ATI"};
+    adapter.vendorId = 0x1002;
+    adapter.deviceId = 0x67df;
     adapter.driverVersion = 31ull << 48 | 3742;
     adapter.dedicatedVideoMemory = 4096ull << 20;
     const auto inMiB = [](std::uint64_t count) { return count << 20; };
@@ -84,6 +87,27 @@ TEST(ExceptionTest, TheTrackerGetsWhatIsKnown) {
                 ElementsAre(kEvent, "ERROR: Tracking an exception failed: it is offline"));
     EXPECT_THAT(exception.GetResultDescription(),
                 testing::StartsWith("Code: 0x887A1234.\nAdapter name: Some adapter.\nProcess "));
+    EXPECT_THAT(Describe(exception),
+                testing::StartsWith("Something failed.\nKind: DirectX 12 encoder exception.\n"
+                                    "Code: 0x887A1234. (0x887a1234)\n"
+                                    "Adapter: Some adapter (1002:67df), 4096 MB. "
+                                    "Driver: 31.0.0.3742.\nProcess physical memory usage: 7/8"));
+}
+
+TEST(ExceptionTest, IsDescribedWithAndWithoutWhatItMayCarry) {
+    const auto version = std::string("\nNorvexDX ") + GetVersionString() + ".";
+    EXPECT_EQ(Describe(std::runtime_error("it is raining")), "it is raining" + version);
+    EXPECT_EQ(Describe(DirectX11Exception()), "DirectX 11 exception" + version);
+    try {
+        DXGIAdapter(static_cast<IDXGIAdapter*>(nullptr));
+        FAIL() << "it was not refused";
+    } catch (const std::exception& e) {
+        const std::string text = Describe(e);
+        EXPECT_THAT(text, testing::ContainsRegex(
+                              "1\\.\nKind: DirectX exception\\.\nCode: E_INVALIDARG, .*"
+                              "0x80070057.\nThrown by \\w+, .*cpp:\\d+\\.\nCall stack:\n#0 "));
+        EXPECT_TRUE(text.ends_with(version)) << text;
+    }
 }
 
 // What the system knows of an adapter's driver, while it lives.

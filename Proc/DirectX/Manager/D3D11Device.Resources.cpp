@@ -6,6 +6,7 @@
 
 #include "Proc/DirectX/Manager/Throw.h"
 // Upwards by nature: an input layout is made for a shader's bytecode.
+#include "Proc/DirectX/Manager/D3D11Query.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
 namespace Norvex::DX {
@@ -112,6 +113,11 @@ D11Device::CreateInputLayout(const std::vector<D3D11_INPUT_ELEMENT_DESC>& elemen
                                     blob->GetBufferPointer(), blob->GetBufferSize(), &layout),
         "Failed to create input layout", m_device);
     return layout;
+}
+
+boost::intrusive_ptr<D11Query> D11Device::CreateQuery(D3D11_QUERY type) {
+    return boost::intrusive_ptr<D11Query>(
+        new D11Query(boost::intrusive_ptr<D11Device>(this), type));
 }
 
 CComPtr<ID3D11BlendState> D11Device::CreateBlendState(const D3D11_RENDER_TARGET_BLEND_DESC& desc) {

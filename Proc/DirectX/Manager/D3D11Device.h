@@ -22,6 +22,7 @@
 namespace Norvex::DX {
 
 class D11DeviceContext;
+class D11Query;
 class D3ShaderBytecode;
 
 class NORVEX_DX_API D11Device : public D3Device {
@@ -94,6 +95,8 @@ public:
     CComPtr<ID3D11InputLayout>
     CreateInputLayout(const std::vector<D3D11_INPUT_ELEMENT_DESC>& elements,
                       const std::shared_ptr<D3ShaderBytecode>& bytecode);
+    // "Failed to create query".
+    boost::intrusive_ptr<D11Query> CreateQuery(D3D11_QUERY type);
     // The first render target's; the others do not blend.
     CComPtr<ID3D11BlendState> CreateBlendState(const D3D11_RENDER_TARGET_BLEND_DESC& desc);
 

@@ -1,7 +1,10 @@
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 
+#include <algorithm>
+#include <initializer_list>
 #include <source_location>
 
+#include "Proc/DirectX/Manager/D3D11Query.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -30,6 +33,15 @@ void RequireView(ID3D11View* view,
 void RequireEvent(const boost::intrusive_ptr<D11CompletionEvent>& event,
                   const std::source_location& location = std::source_location::current()) {
     ThrowUnless<DirectX11Exception>(event != nullptr, "Completion event is null", location);
+}
+
+// There is one, and where it matters, of one of the types.
+void RequireQuery(const boost::intrusive_ptr<D11Query>& query,
+                  std::initializer_list<D3D11_QUERY> types = {},
+                  const std::source_location& location = std::source_location::current()) {
+    ThrowUnless<DirectX11Exception>(query != nullptr, "Query is null", location);
+    const bool isOne = std::ranges::find(types, query->GetType()) != types.end();
+    ThrowUnless<DirectX11Exception>(isOne || types.size() == 0, "Invalid query type", location);
 }
 
 } // namespace
@@ -69,6 +81,16 @@ void D11DeviceContext::CopyResource(ID3D11Resource* destination, ID3D11Resource*
     RequireResource(destination);
     RequireResource(source);
     m_context->CopyResource(destination, source);
+}
+
+void D11DeviceContext::CopySubresourceRegion(ID3D11Resource* destination,
+                                             UINT destinationSubresource, UINT x, UINT y, UINT z,
+                                             ID3D11Resource* source, UINT sourceSubresource,
+                                             const D3D11_BOX* sourceBox) {
+    RequireResource(destination);
+    RequireResource(source);
+    m_context->CopySubresourceRegion(destination, destinationSubresource, x, y, z, source,
+                                     sourceSubresource, sourceBox);
 }
 
 void D11DeviceContext::ClearDepthStencilView(ID3D11DepthStencilView* view, D3D11_CLEAR_FLAG flags,
@@ -185,6 +207,49 @@ void D11DeviceContext::Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer)
 void D11DeviceContext::DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer) {
     ThrowUnless<DirectX11Exception>(buffer != nullptr, "Index buffer is null");
     m_context->DrawIndexed(buffer->GetCount(), 0, 0);
+}
+
+void D11DeviceContext::BeginQuery(const boost::intrusive_ptr<D11Query>& query) {
+    RequireQuery(query);
+    m_context->Begin(query->Get());
+}
+
+void D11DeviceContext::EndQuery(const boost::intrusive_ptr<D11Query>& query) {
+    RequireQuery(query);
+    m_context->End(query->Get());
+}
+
+template <class Data>
+std::optional<Data> D11DeviceContext::GetData(const D11Query& query,
+                                              const std::source_location& location) {
+    Data data = {};
+    const long result = m_context->GetData(query.Get(), &data, sizeof(data), 0);
+    ThrowIfFailed<DirectX11Exception>(result, "Failed to get query data", {}, location);
+    return result == S_OK ? std::optional(data) : std::nullopt; // S_FALSE: not yet
+}
+
+std::optional<std::uint64_t>
+D11DeviceContext::GetUint64Stats(const boost::intrusive_ptr<D11Query>& query) {
+    RequireQuery(query, {D3D11_QUERY_OCCLUSION, D3D11_QUERY_TIMESTAMP, D3D11_QUERY_EVENT,
+                         D3D11_QUERY_OCCLUSION_PREDICATE, D3D11_QUERY_SO_OVERFLOW_PREDICATE});
+    const auto location = std::source_location::current();
+    if (query->GetType() == D3D11_QUERY_OCCLUSION || query->GetType() == D3D11_QUERY_TIMESTAMP) {
+        return GetData<std::uint64_t>(*query, location);
+    }
+    const auto isSet = GetData<BOOL>(*query, location);
+    return isSet ? std::optional<std::uint64_t>(*isSet != FALSE ? 1 : 0) : std::nullopt;
+}
+
+std::optional<D3D11_QUERY_DATA_PIPELINE_STATISTICS>
+D11DeviceContext::GetPipelineStats(const boost::intrusive_ptr<D11Query>& query) {
+    RequireQuery(query, {D3D11_QUERY_PIPELINE_STATISTICS});
+    return GetData<D3D11_QUERY_DATA_PIPELINE_STATISTICS>(*query, std::source_location::current());
+}
+
+std::optional<D3D11_QUERY_DATA_TIMESTAMP_DISJOINT>
+D11DeviceContext::GetTimestampDisjoint(const boost::intrusive_ptr<D11Query>& query) {
+    RequireQuery(query, {D3D11_QUERY_TIMESTAMP_DISJOINT});
+    return GetData<D3D11_QUERY_DATA_TIMESTAMP_DISJOINT>(*query, std::source_location::current());
 }
 
 void D11DeviceContext::Signal(const boost::intrusive_ptr<D11CompletionEvent>& event) {

@@ -7,8 +7,10 @@
 // On a removed device recording does nothing, and Map fails. Next: D3D11Resource.h.
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
+#include <source_location>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -24,6 +26,7 @@ namespace Norvex::DX {
 class D11CompletionEvent;
 class D11IndexBuffer;
 class D11PixelShader;
+class D11Query;
 class D11VertexBuffer;
 class D11VertexShader;
 
@@ -32,6 +35,9 @@ public:
     ~D11DeviceContext() override;
     D11DeviceContext(const D11DeviceContext&) = delete;
     D11DeviceContext& operator=(const D11DeviceContext&) = delete;
+
+    // Borrowed, for recording what this class has not; as this object inside Encode alone.
+    ID3D11DeviceContext* Get() const { return m_context; }
 
     // "Failed to map resource"; the result is DXGI_ERROR_WAS_STILL_DRAWING when the flag
     // D3D11_MAP_FLAG_DO_NOT_WAIT was given and the GPU still uses the resource.
@@ -42,6 +48,10 @@ public:
     void UpdateSubresource(ID3D11Resource* resource, UINT subresource, const D3D11_BOX* box,
                            const void* data, UINT rowPitch, UINT depthPitch);
     void CopyResource(ID3D11Resource* destination, ID3D11Resource* source);
+    // To (x, y, z) of the destination's subresource. sourceBox may be null: the whole subresource.
+    void CopySubresourceRegion(ID3D11Resource* destination, UINT destinationSubresource, UINT x,
+                               UINT y, UINT z, ID3D11Resource* source, UINT sourceSubresource,
+                               const D3D11_BOX* sourceBox);
 
     void ClearDepthStencilView(ID3D11DepthStencilView* view, D3D11_CLEAR_FLAG flags, float depth,
                                UINT8 stencil);
@@ -78,6 +88,20 @@ public:
     void Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer);
     void DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer);
 
+    // BeginQuery not for time stamps. "Query is null".
+    void BeginQuery(const boost::intrusive_ptr<D11Query>& query);
+    void EndQuery(const boost::intrusive_ptr<D11Query>& query);
+    // What lies between the last BeginQuery and EndQuery of the query; empty while the GPU has not
+    // come so far. They send off what was recorded, and do not wait. Each is for certain types:
+    // "Invalid query type". "Query is null", "Failed to get query data".
+    // Occlusion: samples that passed; time stamp: ticks; event and predicates: 0 or 1.
+    std::optional<std::uint64_t> GetUint64Stats(const boost::intrusive_ptr<D11Query>& query);
+    std::optional<D3D11_QUERY_DATA_PIPELINE_STATISTICS>
+    GetPipelineStats(const boost::intrusive_ptr<D11Query>& query);
+    // The frequency in ticks a second, and whether time stamps taken meanwhile cannot be compared.
+    std::optional<D3D11_QUERY_DATA_TIMESTAMP_DISJOINT>
+    GetTimestampDisjoint(const boost::intrusive_ptr<D11Query>& query);
+
     // Raises the event's target by one and has the GPU signal it after the work recorded so far;
     // Flush sends that work off. "The device context does not support this operation" where
     // D11Device::IsFencesSupported is false, "Failed to signal fence"; then the target stays, so
@@ -88,6 +112,9 @@ public:
     void Wait(const boost::intrusive_ptr<D11CompletionEvent>& event);
 
 private:
+    template <class Data>
+    std::optional<Data> GetData(const D11Query& query, const std::source_location& location);
+
     friend class D11Device;
     friend class D11QuadPipeline; // which binds without vectors
 

@@ -294,6 +294,10 @@ void D12CommandAllocator::UploadResource(const D12UploadResourceParams& params) 
     RecordList(nullptr, [&](const auto& list) { list->UploadResource(params); });
 }
 
+void D12CommandAllocator::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
+    RecordList(nullptr, [&](const auto& list) { list->EndQuery(query); });
+}
+
 void D12CommandAllocator::WaitAllComplete() {
     DrainDispatchThreads();
 }

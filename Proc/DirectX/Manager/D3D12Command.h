@@ -150,6 +150,9 @@ public:
                                const std::vector<RECT>& rects);
     void UploadRegion(const D12UploadRegionParams& params);
     void UploadResource(const D12UploadResourceParams& params);
+    // For time stamps: when the GPU comes here, after what was recorded before. (Other queries are
+    // of one list: RecordList.) "Query is null".
+    void EndQuery(const boost::intrusive_ptr<D12Query>& query);
 
     // Blocks until the background threads have released what all finished submissions used, and
     // have ended. The next Execute starts them again. Not from a background release.

@@ -38,7 +38,8 @@ void D12GraphicsCommandList::UploadRegion(const D12UploadRegionParams& params) {
 void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& params) {
     Begin();
     ThrowUnless<DirectX12Exception>(params.destination != nullptr, "Resource is null");
-    const Staging::Layout layout(*GetDevice(), params.destination, params.subresources.size());
+    const Staging::Layout layout(*GetDevice(), params.destination, params,
+                                 "Uploading data does not fit in the destination");
     layout.Check(params.subresources, "Invalid upload data");
     const auto staging = Staging::GetUploadBuffer(*GetDevice(), params.pool, layout.GetSize());
     staging->Write(0, layout.GetSize(),
@@ -46,21 +47,32 @@ void D12GraphicsCommandList::UploadResource(const D12UploadResourceParams& param
 
     Keep(params.destination.p);
     Keep(staging.get());
-    RecordTransition(params.destination, params.stateBefore, D3D12_RESOURCE_STATE_COPY_DEST);
+    RecordTransition(params.destination, layout.GetStates(), params.stateBefore,
+                     D3D12_RESOURCE_STATE_COPY_DEST);
+    const D3D12_BOX place = params.box.value_or(D3D12_BOX{});
     for (unsigned i = 0; i < layout.GetCount(); ++i) {
-        const CD3DX12_TEXTURE_COPY_LOCATION destination(params.destination, i);
+        const auto destination = layout.InTexture(params.destination, i);
         const auto source = layout.InBuffer(staging->GetResource(), i);
-        m_graphicsList->CopyTextureRegion(&destination, 0, 0, 0, &source, nullptr);
+        m_graphicsList->CopyTextureRegion(&destination, place.left, place.top, place.front, &source,
+                                          nullptr);
     }
-    RecordTransition(params.destination, D3D12_RESOURCE_STATE_COPY_DEST, params.stateAfter);
+    RecordTransition(params.destination, layout.GetStates(), D3D12_RESOURCE_STATE_COPY_DEST,
+                     params.stateAfter);
 }
 
 void D12GraphicsCommandList::RecordTransition(const CComPtr<ID3D12Resource>& resource,
                                               D3D12_RESOURCE_STATES before,
                                               D3D12_RESOURCE_STATES after) {
-    if (before != after) {
+    RecordTransition(resource, Staging::Subresources{}, before, after);
+}
+
+void D12GraphicsCommandList::RecordTransition(const CComPtr<ID3D12Resource>& resource,
+                                              const Staging::Subresources& subresources,
+                                              D3D12_RESOURCE_STATES before,
+                                              D3D12_RESOURCE_STATES after) {
+    for (unsigned i = 0; i < subresources.count && before != after; ++i) {
         const D3D12_RESOURCE_BARRIER barrier =
-            CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after);
+            CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after, subresources.first + i);
         RecordBarriers({&barrier, 1});
     }
 }

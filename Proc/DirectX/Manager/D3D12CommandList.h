@@ -28,6 +28,9 @@ class D12DescriptorGPUHeap;
 class D12DrawState;
 class D12Query;
 class D12QuadPipeline;
+namespace Staging {
+struct Subresources;
+}
 
 class NORVEX_DX_API D12CommandList : public RefCountImpl {
 public:
@@ -172,6 +175,9 @@ private:
     void RecordBarriers(std::span<const D3D12_RESOURCE_BARRIER> barriers);
     // Of all subresources; nothing when the states are equal.
     void RecordTransition(const CComPtr<ID3D12Resource>& resource, D3D12_RESOURCE_STATES before,
+                          D3D12_RESOURCE_STATES after);
+    void RecordTransition(const CComPtr<ID3D12Resource>& resource,
+                          const Staging::Subresources& subresources, D3D12_RESOURCE_STATES before,
                           D3D12_RESOURCE_STATES after);
     void SetTargets(std::span<const boost::intrusive_ptr<D12Descriptor>> targets,
                     const boost::intrusive_ptr<D12Descriptor>& depth);

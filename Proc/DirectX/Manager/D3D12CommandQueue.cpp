@@ -1,6 +1,8 @@
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
@@ -94,6 +96,9 @@ D12CommandQueue::~D12CommandQueue() {
         if (m_device->GetDeviceRemovedReason() == S_OK) {
             m_queue.Detach();
             m_completionEvent.detach();
+            for (UsedEvent& used : m_usedEvents) {
+                used.event.detach();
+            }
         }
     }
 }
@@ -136,7 +141,8 @@ void D12CommandQueue::DownloadRegion(const D12DownloadRegionParams& params) {
     ThrowUnless<DirectX12Exception>(params.destination != nullptr || params.size == 0,
                                     "Invalid download data");
     const auto staging = Staging::GetReadbackBuffer(*m_device, params.pool, params.size);
-    CopyToStaging(params, *staging, [&](D12GraphicsCommandList& list) {
+    const Staging::Subresources whole;
+    CopyToStaging(params, whole, *staging, [&](D12GraphicsCommandList& list) {
         list.CopyBufferRegion(staging->GetResource(), 0, params.source, params.sourceOffset,
                               params.size);
     });
@@ -147,13 +153,15 @@ void D12CommandQueue::DownloadRegion(const D12DownloadRegionParams& params) {
 
 void D12CommandQueue::DownloadResource(const D12DownloadResourceParams& params) {
     ThrowUnless<DirectX12Exception>(params.source != nullptr, "Resource is null");
-    const Staging::Layout layout(*m_device, params.source, params.subresources.size());
+    const Staging::Layout layout(*m_device, params.source, params,
+                                 "Downloading data does not fit in the source");
     layout.Check(params.subresources, "Invalid download data");
     const auto staging = Staging::GetReadbackBuffer(*m_device, params.pool, layout.GetSize());
-    CopyToStaging(params, *staging, [&](D12GraphicsCommandList& list) {
+    CopyToStaging(params, layout.GetStates(), *staging, [&](D12GraphicsCommandList& list) {
         for (unsigned i = 0; i < layout.GetCount(); ++i) {
             list.CopyTextureRegion(layout.InBuffer(staging->GetResource(), i), 0, 0, 0,
-                                   CD3DX12_TEXTURE_COPY_LOCATION(params.source, i), nullptr);
+                                   layout.InTexture(params.source, i),
+                                   params.box ? &*params.box : nullptr);
         }
     });
     staging->Read(0, layout.GetSize(),
@@ -161,18 +169,60 @@ void D12CommandQueue::DownloadResource(const D12DownloadResourceParams& params) 
 }
 
 template <class Params, class Copy>
-void D12CommandQueue::CopyToStaging(const Params& params, D12Buffer& staging, const Copy& copy) {
+void D12CommandQueue::CopyToStaging(const Params& params, const Staging::Subresources& states,
+                                    D12Buffer& staging, const Copy& copy) {
     const auto allocator = CreateCommandAllocator();
     allocator->RecordList(nullptr, [&](const boost::intrusive_ptr<D12GraphicsCommandList>& list) {
         // Whatever fails from here on: the buffer does not return to its pool under the copy.
         list->TrackObject(boost::intrusive_ptr<IRefCountable>(&staging));
-        list->RecordTransition(params.source, params.stateBefore, D3D12_RESOURCE_STATE_COPY_SOURCE);
+        list->RecordTransition(params.source, states, params.stateBefore,
+                               D3D12_RESOURCE_STATE_COPY_SOURCE);
         copy(*list);
-        list->RecordTransition(params.source, D3D12_RESOURCE_STATE_COPY_SOURCE, params.stateAfter);
+        list->RecordTransition(params.source, states, D3D12_RESOURCE_STATE_COPY_SOURCE,
+                               params.stateAfter);
     });
     // Nobody else is to release what this thread waits for.
     allocator->Execute(D12CommandAllocator::Release::ByCaller);
     allocator->WaitComplete();
+}
+
+template <class Use>
+void D12CommandQueue::UseEvent(const boost::intrusive_ptr<D12CompletionEvent>& event,
+                               const Use& use) {
+    std::vector<UsedEvent> finished; // go after the lock
+    const std::lock_guard guard(m_usedEventsLock);
+    const auto done = std::ranges::partition(m_usedEvents, [](const UsedEvent& used) {
+        return used.event->GetFence()->GetCompletedValue() < used.value;
+    });
+    std::ranges::move(done, std::back_inserter(finished));
+    m_usedEvents.erase(done.begin(), done.end());
+    UsedEvent& used = m_usedEvents.emplace_back(event); // what needs memory comes first
+    used.value = use();
+}
+
+void D12CommandQueue::Signal(const boost::intrusive_ptr<D12CompletionEvent>& event) {
+    ThrowUnless<DirectX12Exception>(event != nullptr, "Completion event is null");
+    long result = S_OK;
+    UseEvent(event, [&] {
+        std::uint64_t signalled = 0;
+        result = event->SignalNext([&](std::uint64_t value) {
+            signalled = value;
+            return m_queue->Signal(event->GetFence(), value);
+        });
+        return SUCCEEDED(result) ? signalled : 0;
+    });
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to signal fence", m_device->Get());
+}
+
+void D12CommandQueue::Wait(const boost::intrusive_ptr<D12CompletionEvent>& event) {
+    ThrowUnless<DirectX12Exception>(event != nullptr, "Completion event is null");
+    long result = S_OK;
+    UseEvent(event, [&] {
+        const std::uint64_t value = event->GetValue();
+        result = m_queue->Wait(event->GetFence(), value);
+        return SUCCEEDED(result) ? value : 0;
+    });
+    ThrowIfFailed<DirectX12Exception>(result, "Failed to wait for fence", m_device->Get());
 }
 
 void D12CommandQueue::WaitComplete() {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <source_location>
 #include <vector>
 
@@ -24,6 +25,9 @@ namespace Norvex::DX {
 
 class D12CommandAllocator;
 class D12Device;
+namespace Staging {
+struct Subresources;
+}
 
 class NORVEX_DX_API D12CompletionEvent : public RefCountImpl {
 public:
@@ -115,8 +119,8 @@ struct D12DownloadRegionParams {
         pool; // staging, when it is a readback pool; else the device's
 };
 
-// From CPU memory into the first subresources of a texture, one record each in subresource order.
-// Read before the call returns.
+// From CPU memory into subresources of a texture, one record each in subresource order. Read before
+// the call returns.
 struct D12UploadResourceParams {
     CComPtr<ID3D12Resource> destination;
     D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
@@ -124,9 +128,15 @@ struct D12UploadResourceParams {
     std::vector<D12UploadSubresource> subresources;
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is an upload pool; else the device's
+    // The first of the subresources, which the states then are of alone. Without: the first of the
+    // texture, and the states are those of all of it.
+    std::optional<unsigned> firstSubresource = std::nullopt;
+    // The part of each of them, in its own texels; the records have its rows alone. Edges in block
+    // compressed formats are multiples of the block.
+    std::optional<D3D12_BOX> box = std::nullopt;
 };
 
-// From the first subresources of a texture into CPU memory.
+// From subresources of a texture into CPU memory. The same as there.
 struct D12DownloadResourceParams {
     CComPtr<ID3D12Resource> source;
     D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE;
@@ -134,6 +144,8 @@ struct D12DownloadResourceParams {
     std::vector<D12DownloadSubresource> subresources;
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is a readback pool; else the device's
+    std::optional<unsigned> firstSubresource = std::nullopt;
+    std::optional<D3D12_BOX> box = std::nullopt;
 };
 
 class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
@@ -157,14 +169,25 @@ public:
 
     // Submit and return: wait on the allocator or drop it; what it uses lives until the GPU is
     // done. "Resource is null", "Destination resource is not a buffer", "Uploading data does not
-    // fit in the destination"; "Invalid upload data" without data, and for resources when a row
-    // pitch is smaller than the row.
+    // fit in the destination" (an empty box or one beyond a subresource, too); "Invalid upload
+    // data" without data, and for resources when a row pitch is smaller than the row; "Subresource
+    // index out of range".
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);
     // Block until the data are in CPU memory. "Resource is null", "Source resource is not a
     // buffer", "Downloading data does not fit in the source", "Invalid download data" as above.
     void DownloadRegion(const D12DownloadRegionParams& params);
     void DownloadResource(const D12DownloadResourceParams& params);
+
+    // Raises the event's target by one and has the GPU signal it after what was submitted before,
+    // one caller at a time, so that the values follow in order. Where that fails ("Failed to signal
+    // fence") the target stays.
+    void Signal(const boost::intrusive_ptr<D12CompletionEvent>& event);
+    // What is submitted from now on waits on the GPU for the event's present target; of another
+    // queue, or of the host. A target that nothing ever signals holds the queue back for ever, and
+    // its destructor. "Failed to wait for fence". The queue keeps the events of both until the GPU
+    // is done with them.
+    void Wait(const boost::intrusive_ptr<D12CompletionEvent>& event);
 
     // Blocks until everything submitted before is done. Any number of threads at once. "Failed to
     // signal fence" (a removed device, as a rule), "Failed to set event on completion".
@@ -173,12 +196,24 @@ public:
 private:
     // copy(D12GraphicsCommandList&) records what goes from params.source into the staging buffer.
     template <class Params, class Copy>
-    void CopyToStaging(const Params& params, D12Buffer& staging, const Copy& copy);
+    void CopyToStaging(const Params& params, const Staging::Subresources& states,
+                       D12Buffer& staging, const Copy& copy);
+
+    // An event that the GPU reaches at a value.
+    struct UsedEvent {
+        boost::intrusive_ptr<D12CompletionEvent> event;
+        std::uint64_t value = 0;
+    };
+    // Calls use(); keeps the event until the GPU has reached what it answers. One at a time.
+    template <class Use>
+    void UseEvent(const boost::intrusive_ptr<D12CompletionEvent>& event, const Use& use);
 
     boost::intrusive_ptr<D12Device> m_device;
     CComPtr<ID3D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
     boost::intrusive_ptr<D12CompletionEvent> m_completionEvent;
+    std::mutex m_usedEventsLock;
+    std::vector<UsedEvent> m_usedEvents; // by Signal and Wait
 };
 
 } // namespace Norvex::DX

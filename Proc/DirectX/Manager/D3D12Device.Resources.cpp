@@ -116,6 +116,12 @@ D12Device::CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc) {
     return pipelineState;
 }
 
+boost::intrusive_ptr<D12CommandQueue>
+D12Device::CreateCommandQueue(const D3D12_COMMAND_QUEUE_DESC& desc) {
+    return boost::intrusive_ptr<D12CommandQueue>(
+        new D12CommandQueue(boost::intrusive_ptr<D12Device>(this), desc));
+}
+
 boost::intrusive_ptr<D12CompletionEvent> D12Device::CreateCompletionEvent(D3D12_FENCE_FLAGS flags) {
     return boost::intrusive_ptr<D12CompletionEvent>(new D12CompletionEvent(m_device, flags));
 }

@@ -27,6 +27,7 @@ namespace Norvex::DX {
 class D12AllocatorState;
 class D12Buffer;
 class D12BufferPool;
+class D12CommandQueue;
 class D12CompletionEvent;
 class D12Descriptor;
 class D12DescriptorCPUHeap;
@@ -132,6 +133,9 @@ public:
     // "Failed to create graphics pipeline state", and what the description's conversion throws.
     CComPtr<ID3D12PipelineState> CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc);
 
+    // Default: direct, of normal priority. "Failed to create command queue".
+    boost::intrusive_ptr<D12CommandQueue>
+    CreateCommandQueue(const D3D12_COMMAND_QUEUE_DESC& desc = {});
     boost::intrusive_ptr<D12CompletionEvent> CreateCompletionEvent(D3D12_FENCE_FLAGS flags);
     boost::intrusive_ptr<D12BufferPool> CreateBufferPool(D3D12_HEAP_TYPE heapType);
     // From the device's own pools; contents are undefined.

@@ -14,6 +14,7 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
+#include "Proc/DirectX/Manager/Version.h"
 
 namespace Norvex {
 
@@ -186,6 +187,59 @@ void DirectXException::TrackException() const {
     } catch (...) {
         LOG(ERROR) << "Tracking an exception failed";
     }
+}
+
+namespace {
+
+template <class Info>
+const typename Info::value_type* FindFact(const std::exception& exception) {
+    const auto* const facts = dynamic_cast<const boost::exception*>(&exception);
+    return facts != nullptr ? boost::get_error_info<Info>(*facts) : nullptr;
+}
+
+std::string DescribeResult(const HResultValue& value) {
+    // The adapter has a line with more.
+    std::string text = fmt::format("\n{} ({:#010x})", to_string({value.result, {}, {}}),
+                                   static_cast<std::uint32_t>(value.result));
+    if (value.adapter) {
+        const AdapterDescription& adapter = *value.adapter;
+        text += fmt::format("\nAdapter: {} ({:04x}:{:04x}), {} MB. Driver: {}.", adapter.name,
+                            adapter.vendorId, adapter.deviceId,
+                            adapter.dedicatedVideoMemory >> kMiBShift, adapter.GetDriverVersion());
+    }
+    if (value.memoryInfo) {
+        text += "\n" + ToText(*value.memoryInfo);
+    }
+    return text;
+}
+
+std::string DescribePlace(const std::exception& exception) {
+    const auto* const function = FindFact<boost::throw_function>(exception);
+    const auto* const file = FindFact<boost::throw_file>(exception);
+    const auto* const line = FindFact<boost::throw_line>(exception);
+    if (function == nullptr || file == nullptr || line == nullptr) {
+        return {};
+    }
+    return fmt::format("\nThrown by {}, {}:{}.", *function, *file, *line);
+}
+
+} // namespace
+
+std::string Describe(const std::exception& exception) {
+    const std::string* const sentence = FindFact<ErrorDescription>(exception);
+    std::string text = exception.what();
+    if (sentence != nullptr) {
+        text = *sentence + ".\nKind: " + text + ".";
+    }
+    if (const auto* const value = FindFact<ErrorResult>(exception)) {
+        text += DescribeResult(*value);
+    }
+    text += DescribePlace(exception);
+    if (const auto* const stack = FindFact<ErrorCallStack>(exception)) {
+        text += "\nCall stack:\n" + *stack;
+    }
+    text.erase(text.find_last_not_of('\n') + 1); // with which the stack ends
+    return text + "\nNorvexDX " + GetVersionString() + ".";
 }
 
 } // namespace DX

@@ -6,6 +6,7 @@
 // How the library throws: Throw.h.
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -80,6 +81,13 @@ public:
     // tracker throws is logged.
     void TrackException() const;
 };
+
+// All that is known of a failure, for a bug report; lines, the first of which says it in a
+// sentence. Of a library exception: its sentence; its kind, result with name and the system's
+// words; adapter with driver, and the memory state, where known; where it was thrown, the call
+// stack; the version of the library. Of another: what() and whichever of these it carries. Any
+// thread; throws nothing but std::bad_alloc.
+NORVEX_DX_API std::string Describe(const std::exception& exception);
 
 // Thrown by the Direct3D 11 side.
 class NORVEX_DX_API DirectX11Exception : public DirectXException {
