@@ -12,7 +12,6 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/ColorConversionInfo.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
@@ -22,12 +21,13 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
 class D11QuadPipeline;
 
-class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
+class NORVEX_DX_API D11ImageDraw : public virtual LiveObject {
 public:
     // Compiles the shaders; makes the quad and the states.
     explicit D11ImageDraw(const boost::intrusive_ptr<D11Device>& device);

@@ -15,9 +15,9 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/Color.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -27,7 +27,7 @@ class D11PixelShader;
 class D11VertexBuffer;
 class D11VertexShader;
 
-class NORVEX_DX_API D11DeviceContext : public RefCountImpl {
+class NORVEX_DX_API D11DeviceContext : public LiveObject {
 public:
     ~D11DeviceContext() override;
     D11DeviceContext(const D11DeviceContext&) = delete;

@@ -14,17 +14,17 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
 class D12CommandAllocator;
 class D12Device;
 
-class NORVEX_DX_API D12CompletionEvent : public RefCountImpl {
+class NORVEX_DX_API D12CompletionEvent : public LiveObject {
 public:
     // Born complete: target 0, fence 0. With D3D12_FENCE_FLAG_SHARED the fence gets an NT handle
     // that lives as long as this object. "Failed to create fence", "Failed to share d3d12 fence".
@@ -135,7 +135,7 @@ struct D12DownloadResourceParams {
         pool; // staging, when it is a readback pool; else the device's
 };
 
-class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
+class NORVEX_DX_API D12CommandQueue : public LiveObject {
 public:
     // "Failed to create command queue", "DirectX 12 device is null".
     D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
