@@ -4,7 +4,7 @@
 // before an address; whether that is the function at the address, the tables tell that the system
 // unwinds with.
 
-#include "Host/Exception.h"
+#include "Host/CallStack.h"
 
 #include <algorithm>
 #include <array>
@@ -20,6 +20,7 @@
 #include <boost/core/demangle.hpp>
 #include <fmt/format.h>
 
+#include "Host/Exception.h"
 #include "Host/Strings.h"
 #include "Platform/Direct3D.h"
 
@@ -265,6 +266,20 @@ std::string GetCallStack() {
         // The report of a failure must not fail; out of memory, most likely.
         return {};
     }
+}
+
+CallStack CaptureCallStack() noexcept {
+    constexpr DWORD kSkipped = 1; // this function
+    std::array<void*, CallStack::kMaxFrames> frames{};
+    RtlCaptureStackBackTrace(kSkipped, CallStack::kMaxFrames, frames.data(), nullptr);
+    CallStack stack;
+    std::ranges::copy(frames, stack.frames.begin());
+    return stack;
+}
+
+std::string FormatCallStack(const CallStack& stack) {
+    const auto end = std::ranges::find(stack.frames, nullptr);
+    return FormatFrames(stack.frames.data(), static_cast<std::size_t>(end - stack.frames.begin()));
 }
 
 } // namespace Norvex

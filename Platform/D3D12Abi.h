@@ -43,4 +43,15 @@ inline LUID GetAdapterLuid(ID3D12Device* device) {
 
 #undef NORVEX_RETURN_STRUCT
 
+// What a resource of that description takes of a heap.
+inline D3D12_RESOURCE_ALLOCATION_INFO GetAllocationInfo(ID3D12Device* device,
+                                                        const D3D12_RESOURCE_DESC& desc) {
+#if defined(_MSC_VER) || !defined(_WIN32)
+    return device->GetResourceAllocationInfo(0, 1, &desc);
+#else
+    D3D12_RESOURCE_ALLOCATION_INFO result = {};
+    return *device->GetResourceAllocationInfo(&result, 0, 1, &desc);
+#endif
+}
+
 } // namespace Norvex::Platform

@@ -39,6 +39,7 @@ struct RunCommand {
         RunSheet(options);
         return ExitCode::Success;
     }
+    ExitCode operator()(const DoctorOptions& options) const { return RunDoctor(options); }
     ExitCode operator()(const ViewOptions& options) const { return RunView(options); }
     ExitCode operator()(const EncodeOptions& options) const {
         RunEncode(options);

@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "tests/Proc/Direct3D12Fixture.h"
 
 namespace Norvex::DX {
@@ -26,6 +28,72 @@ protected:
                                          .clearColor = {}});
     }
 };
+
+// Further handles count once, and out of use is what nobody holds.
+TEST_F(D3D12PoolTest, StatisticsTellWhatIsInUseAndWhatIsIdle) {
+    const auto tell = [](const PoolStatistics& pool) {
+        return std::array<std::uint64_t, 4>{pool.inUse, pool.idle, pool.bytesInUse, pool.bytesIdle};
+    };
+    using Numbers = decltype(tell({}));
+    const auto buffers = MakeBuffers();
+    auto buffer = buffers->CreateBuffer(100);
+    auto other = buffers->CreateBuffer(1000);
+    Ptr<D12Buffer> further(new D12Buffer(*buffer));
+    buffer.reset();
+    EXPECT_EQ(tell(buffers->GetStatistics()), (Numbers{2, 0, 128 + 1024, 0}));
+    further.reset();
+    EXPECT_EQ(tell(buffers->GetStatistics()), (Numbers{1, 1, 1024, 128}));
+    EXPECT_THROW(buffers->CreateBuffer(0), DirectX12Exception);
+    for (const unsigned slices : {1U, 4U}) {
+        const auto textures = MakeTextures(slices);
+        const auto texture = textures->ObtainTexture();
+        textures->ObtainTexture();
+        const auto [inUse, idle, bytesInUse, bytesIdle] = tell(textures->GetStatistics());
+        EXPECT_EQ(inUse, 1U);
+        EXPECT_EQ(idle, slices == 1 ? 1U : 3U);
+        EXPECT_GE(bytesInUse, 64U * 32 * 4);
+        EXPECT_EQ(bytesIdle, bytesInUse * idle);
+    }
+    const auto expect = [&, before = Device()->GetStatistics()](std::size_t used) {
+        const D12DeviceStatistics now = Device()->GetStatistics();
+        EXPECT_EQ(now.commandAllocators.inUse, before.commandAllocators.inUse + used);
+        EXPECT_EQ(now.commandLists.inUse, before.commandLists.inUse + 2 * used);
+        EXPECT_EQ(now.descriptorHeaps.inUse, before.descriptorHeaps.inUse + 2 * used);
+        EXPECT_EQ(now.uploadBuffers.bytesInUse, before.uploadBuffers.bytesInUse + 128 * used);
+        EXPECT_GE(now.references, before.references + used);
+        return now;
+    };
+    {
+        const Ptr<D12CommandQueue> queue(new D12CommandQueue(Device(), {}));
+        const auto allocator = queue->CreateCommandAllocator();
+        for (int i = 0; i < 2; ++i) {
+            allocator->CreateCommandList(nullptr)->Close();
+        }
+        const std::array heaps = {Device()->CreateSamplerHeap(1), Device()->CreateSamplerHeap(1)};
+        const auto upload = Device()->CreateUploadBuffer(100);
+        expect(1);
+    }
+    EXPECT_GE(expect(0).commandLists.idle, 2U);
+
+    const auto adapter =
+        Platform::Query<IDXGIAdapter3>(DXGIFactory::Create()->GetPrimaryAdapter().Get());
+    HRESULT result = S_OK;
+    const MethodPatch<&IDXGIAdapter3::QueryVideoMemoryInfo> memory(
+        adapter, [&](auto, auto*, UINT, auto group, auto* info) {
+            *info = {group == DXGI_MEMORY_SEGMENT_GROUP_LOCAL ? 1000U : 2000U, 3, 2, 1};
+            return result;
+        });
+    const auto expectMemory = [&](const DeviceStatistics& statistics) {
+        ASSERT_EQ(statistics.localMemory.has_value(), SUCCEEDED(result));
+        EXPECT_EQ(statistics.localMemory.value_or(VideoMemory{1000}).budget, 1000U);
+        EXPECT_EQ(statistics.systemMemory.value_or(VideoMemory{2000, 3}).usage, 3U);
+    };
+    for (const HRESULT answer : {S_OK, E_FAIL}) {
+        result = answer;
+        expectMemory(Device()->GetStatistics());
+        expectMemory(D11Device::CreatePrimary()->GetStatistics());
+    }
+}
 
 TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {
     const Ptr<D12QueryHeapPool> pool(new D12QueryHeapPool(Raw()));

@@ -8,8 +8,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "apps/norvexdx/reference/ColorReference.h"
 #include "tests/support/Canvas11.h"
-#include "tests/support/ColorReference.h"
 #include "tests/support/Device11.h"
 #include "tests/support/Threads.h"
 #include "tests/support/Thrown.h"
@@ -18,6 +18,7 @@ namespace Norvex::Test {
 
 namespace {
 
+using namespace Reference;
 using Conf::ColorPrimaries;
 using Conf::RGBColorSpace;
 using Conf::TransferCharacteristics;

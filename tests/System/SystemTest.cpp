@@ -101,6 +101,27 @@ TEST(DebugModeTest, MessagesReachTheLog) {
     CheckMessages<ID3D12InfoQueue, D3D12_MESSAGE>(D12Device::CreatePrimary(), "D3D12");
 }
 
+// By class and place, the most first; and no longer when they are gone.
+TEST(DebugModeTest, LiveObjectsAreToldWithThePlacesWhereTheyWereMade) {
+    try {
+        EnableDebugMode();
+    } catch (const DirectXException&) { // it is on, by the test before
+    }
+    const auto device = D12Device::CreatePrimary();
+    std::vector<boost::intrusive_ptr<D12Buffer>> buffers(3);
+    for (auto& buffer : buffers) {
+        buffer = device->CreateUploadBuffer(100);
+    }
+    buffers.pop_back();
+    const std::string text = DescribeLiveObjects();
+    EXPECT_THAT(text, testing::HasSubstr(" live objects, made at "));
+    EXPECT_THAT(text, testing::HasSubstr("\n2 x D12Buffer\n  #0 NorvexDX.dll+0x"));
+    EXPECT_THAT(text, testing::HasSubstr(" SystemTest.exe+0x"));
+    EXPECT_THAT(text, testing::HasSubstr("\n1 x D12Device\n"));
+    buffers.clear();
+    EXPECT_THAT(DescribeLiveObjects(), testing::Not(testing::HasSubstr("D12Buffer\n")));
+}
+
 TEST(OldWindowsTest, TheSwapChainIsOfOneBuffer) {
     const auto device = D11Device::CreatePrimary();
     const TestWindow window({160, 90});

@@ -1,19 +1,23 @@
-// The viewer and a clip with a device that is lost, and the viewer with a display in HDR: inside
-// the test, which stands in for what the system answers.
+// The viewer and a clip with a device that is lost, the viewer with a display in HDR, and the
+// doctor with what is wrong: inside the test, which stands in for what the system answers.
 
 #include <memory>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/commands/DoctorCommand.h"
 #include "apps/norvexdx/commands/EncodeCommand.h"
 #include "apps/norvexdx/console/CommandLine.h"
+#include "apps/norvexdx/doctor/ConversionCheck.h"
+#include "apps/norvexdx/doctor/StressCheck.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
+#include "apps/norvexdx/reference/ColorReference.h"
 #include "apps/norvexdx/viewer/Screenshot.h"
 #include "apps/norvexdx/viewer/ViewSession.h"
 #include "tests/apps/Expectations.h"
-#include "tests/support/ColorReference.h"
 #include "tests/support/Device11.h"
 #include "tests/support/Generation.h"
 #include "tests/support/HDRDisplay.h"
@@ -26,6 +30,7 @@ namespace Norvex::Test {
 
 namespace {
 
+using namespace Reference;
 using namespace App;
 using nlohmann::json;
 
@@ -135,6 +140,49 @@ TEST_P(ViewerDeviceTest, ShowsLightOfTheDisplayInHDR) {
     expect("auto", false, false);
     expect("auto", true, true);
     expectShot(160, {1, 1, 1});
+}
+
+// A doctor that cannot find what is wrong is none.
+TEST(DoctorTest, FindsWhatIsWrong) {
+    const auto raw = MakeRawDevice11();
+    DoctorOptions options;
+    options.graphics.api = ApiChoice::Direct3D11;
+    options.stressSeconds = 0;
+    {
+        bool isShifted = false;
+        const MethodPatch<&ID3D11Device::CreateBuffer> shift(
+            raw, [&](auto original, auto* self, const auto* desc, const auto* data, auto** out) {
+                if ((desc->BindFlags & D3D11_BIND_CONSTANT_BUFFER) == 0 || data == nullptr) {
+                    return original(self, desc, data, out);
+                }
+                const auto* bytes = static_cast<const std::byte*>(data->pSysMem);
+                std::vector<std::byte> params(bytes, bytes + desc->ByteWidth);
+                float& gamma = reinterpret_cast<DX::D3ImageParams*>(params.data())->hlgOOTFGamma;
+                gamma *= isShifted ? 1.01F : 1.0F;
+                const D3D11_SUBRESOURCE_DATA altered = {params.data(), 0, 0};
+                return original(self, desc, &altered, out);
+            });
+        const auto graphics = Graphics::Open(options.graphics, DrawKind::Replace, [](auto) {});
+        for (const bool shifts : {false, true}) {
+            isShifted = shifts;
+            for (const ConversionError& error : CheckConversions(*graphics)) {
+                const bool isOfHLG = (error.from.transfer == Conf::TransferCharacteristics::HLG) !=
+                                     (error.to.transfer == Conf::TransferCharacteristics::HLG);
+                EXPECT_EQ(error.IsRight(), !shifts || !isOfHLG)
+                    << error.largest << " from " << static_cast<int>(error.from.transfer) << " to "
+                    << static_cast<int>(error.to.transfer);
+            }
+        }
+        const StressResult right = RunStress(*graphics, 0.1);
+        EXPECT_GT(right.pictures, 0U);
+        EXPECT_EQ(right.wrong, 0U);
+        const MethodPatch<&ID3D11DeviceContext::Draw> leaveOut(
+            GetImmediateContext(DX::D11Device::CreatePrimary()->Get()), [](auto...) {});
+        const StressResult wrong = RunStress(*graphics, 0.1);
+        EXPECT_EQ(wrong.wrong, wrong.pictures);
+    }
+    const FailingMethod<&ID3D11Device::CreateTexture2D> noTextures(raw, E_OUTOFMEMORY);
+    EXPECT_EQ(RunDoctor(options), ExitCode::Failure);
 }
 
 // Only Direct3D 12 could take it for a finished frame: Direct3D 11 fails to map.

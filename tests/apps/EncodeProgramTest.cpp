@@ -4,14 +4,15 @@
 #include <nlohmann/json.hpp>
 
 #include "apps/norvexdx/clips/VideoFormat.h"
+#include "apps/norvexdx/reference/ColorReference.h"
 #include "tests/apps/Process.h"
-#include "tests/support/ColorReference.h"
 #include "tests/support/YCbCrReference.h"
 
 namespace Norvex::Test {
 
 namespace {
 
+using namespace Reference;
 using namespace App;
 using Conf::YCbCrMatrix;
 using nlohmann::json;

@@ -1,6 +1,8 @@
 // `norvexdx convert`, `fill`, `sheet` and `info` as processes, what every command says when it
 // fails, and the examples.
 
+#include <set>
+
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -131,6 +133,27 @@ TEST_P(PictureTest, ReportsAsJson) {
     json device = adapter.at("devices").at(GetParam() == Generation::Direct3D12 ? 0 : 1);
     device.erase("formats");
     EXPECT_EQ(report.at("device"), device);
+}
+
+TEST_F(ProgramTest, TheDoctorExaminesAllThereIs) {
+    const json report = json::parse(Run("doctor --json --stress 0"));
+    EXPECT_EQ(report.at("healthy"), true);
+    std::set<std::string> names;
+    for (const json& check : report.at("checks")) {
+        names.insert(check.at("name"));
+        EXPECT_EQ(check.at("right"), true) << check;
+        if (check.at("name").get<std::string>().ends_with("conversions")) {
+            EXPECT_EQ(check.at("details").size(), 30U); // from five spaces to six
+        }
+    }
+    EXPECT_THAT(names, testing::IsSupersetOf({"adapters", "Direct3D 12, conversions",
+                                              "Direct3D 11, conversions", "live objects"}));
+    EXPECT_EQ(report.at("info").at("adapters").at(0).at("outputs").at(0).at("hdr"), false);
+    // A failure is a line of the report; a screenful tells all.
+    const std::string text = Run("doctor --adapter 99", {}, 1);
+    EXPECT_THAT(text, HasSubstr("WRONG Direct3D 11: there is no adapter 99"));
+    EXPECT_THAT(text, testing::EndsWith("NOT healthy\n"));
+    EXPECT_LT(std::ranges::count(text, '\n'), 40);
 }
 
 TEST_F(ProgramTest, SaysInOneLineWhatFails) {
@@ -287,6 +310,7 @@ protected:
         ExpectPixel(Read("out.png"), 0, 0, {148, 148, 148, 255}, 0);
         EXPECT_THAT(Run("info"), testing::AllOf(HasSubstr("Direct3D 12: " + error),
                                                 HasSubstr("Direct3D 11: level ")));
+        EXPECT_THAT(Run("doctor --stress 0"), HasSubstr("missing: Direct3D 12"));
     }
 };
 
@@ -308,6 +332,7 @@ TEST_F(MissingPart, Compiler) {
     for (const char* api : {"auto", "d3d11", "d3d12"}) {
         ExpectMissing(api, "this system has no HLSL compiler (d3dcompiler_47.dll)");
     }
+    EXPECT_THAT(Run("doctor", {}, 1), HasSubstr("missing: the HLSL compiler"));
 }
 
 } // namespace

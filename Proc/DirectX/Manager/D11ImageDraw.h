@@ -16,7 +16,6 @@
 
 #include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
@@ -27,6 +26,7 @@
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -38,7 +38,7 @@ class D11QuadPipeline;
 // none) and sampler 0 stay bound. What the host had bound in these places is gone. Nothing else is
 // touched, so that no other shader stage, predicate or scissor of the host's may be in effect.
 
-class NORVEX_DX_API D11FillDraw : public RefCountImpl {
+class NORVEX_DX_API D11FillDraw : public LiveObject {
 public:
     // Compiles the shaders; makes the quad and the states.
     explicit D11FillDraw(const boost::intrusive_ptr<D11Device>& device);
@@ -64,7 +64,7 @@ private:
     CComPtr<ID3D11BlendState> m_blendState;
 };
 
-class NORVEX_DX_API D11ImageDraw : public virtual RefCountImpl {
+class NORVEX_DX_API D11ImageDraw : public virtual LiveObject {
 public:
     // Compiles the shaders; makes the quad and the states.
     explicit D11ImageDraw(const boost::intrusive_ptr<D11Device>& device);

@@ -171,6 +171,14 @@ long D11Device::GetDeviceRemovedReason() {
     return m_device->GetDeviceRemovedReason();
 }
 
+DeviceStatistics D11Device::GetStatistics() const {
+    CComPtr<IDXGIAdapter> adapter;
+    if (const auto device = Platform::Query<IDXGIDevice>(m_device)) {
+        device->GetAdapter(&adapter);
+    }
+    return MakeStatistics(Platform::Query<IDXGIAdapter3>(adapter));
+}
+
 void D11Device::LogDebugMessages() const {
     Debug::DrainMessages(m_device.p);
 }

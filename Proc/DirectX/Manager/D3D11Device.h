@@ -57,6 +57,8 @@ public:
     ID3D11Device5* Get5() const { return m_device5; }
     // Fences need ID3D11Device5 and, for the context, ID3D11DeviceContext4.
     bool IsFencesSupported() const { return m_device5 != nullptr; }
+    // References and video memory.
+    DeviceStatistics GetStatistics() const;
     // Empty when the device does not know the format.
     std::optional<bitflags<D3D11_FORMAT_SUPPORT>> CheckFormatSupport(DXGI_FORMAT format) const;
 

@@ -16,10 +16,10 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/Color.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Platform/Mutex.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -30,7 +30,7 @@ class D11Query;
 class D11VertexBuffer;
 class D11VertexShader;
 
-class NORVEX_DX_API D11DeviceContext : public RefCountImpl {
+class NORVEX_DX_API D11DeviceContext : public LiveObject {
 public:
     ~D11DeviceContext() override;
     D11DeviceContext(const D11DeviceContext&) = delete;

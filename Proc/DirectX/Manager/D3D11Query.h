@@ -8,7 +8,7 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 
@@ -16,7 +16,7 @@ namespace Norvex::DX {
 
 class D11Device;
 
-class NORVEX_DX_API D11Query : public RefCountImpl {
+class NORVEX_DX_API D11Query : public LiveObject {
 public:
     // "DirectX 11 device is null", "Failed to create query" (a type that the device has not, too).
     D11Query(const boost::intrusive_ptr<D11Device>& device, D3D11_QUERY type);

@@ -12,10 +12,10 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -24,7 +24,7 @@ class D11DeviceContext;
 class D12CompletionEvent;
 
 // A texture to draw on.
-class NORVEX_DX_API D11RenderTexture2D : public RefCountImpl {
+class NORVEX_DX_API D11RenderTexture2D : public LiveObject {
 public:
     // Over an existing texture, its first mip level; view format: the texture's own when empty.
     // "Failed to create render rarget view".
@@ -51,7 +51,7 @@ private:
 };
 
 // A texture to draw from, in pixel shaders.
-class NORVEX_DX_API D11ShaderTexture2D : public RefCountImpl {
+class NORVEX_DX_API D11ShaderTexture2D : public LiveObject {
 public:
     // As for D11RenderTexture2D. "Failed to create shader resource view".
     D11ShaderTexture2D(const CComPtr<ID3D11Texture2D>& texture,
@@ -78,7 +78,7 @@ private:
 
 // A texture that another device or process opens by an NT handle. Each user acquires it with the
 // key that the one before released it with; a new texture is released with key 0.
-class NORVEX_DX_API D11SharedTexture2D : public RefCountImpl {
+class NORVEX_DX_API D11SharedTexture2D : public LiveObject {
 public:
     // Over a texture that has a keyed mutex. "Failed to get texture key mutex".
     explicit D11SharedTexture2D(const CComPtr<ID3D11Texture2D>& texture);
@@ -111,7 +111,7 @@ private:
     CComPtr<IDXGIKeyedMutex> m_keyedMutex;
 };
 
-class NORVEX_DX_API D11VertexBuffer : public RefCountImpl {
+class NORVEX_DX_API D11VertexBuffer : public LiveObject {
 public:
     ~D11VertexBuffer() override;
     D11VertexBuffer(const D11VertexBuffer&) = delete;
@@ -134,7 +134,7 @@ private:
     UINT m_count;
 };
 
-class NORVEX_DX_API D11IndexBuffer : public RefCountImpl {
+class NORVEX_DX_API D11IndexBuffer : public LiveObject {
 public:
     ~D11IndexBuffer() override;
     D11IndexBuffer(const D11IndexBuffer&) = delete;
@@ -162,7 +162,7 @@ private:
 
 // A Direct3D 12 event as Direct3D 11 sees it: one fence and one target, so that signals of both
 // generations draw from one increasing sequence. Any thread.
-class NORVEX_DX_API D11CompletionEvent : public RefCountImpl {
+class NORVEX_DX_API D11CompletionEvent : public LiveObject {
 public:
     // The fence must be the event's.
     D11CompletionEvent(const CComPtr<ID3D11Fence>& fence,

@@ -62,7 +62,9 @@ boost::intrusive_ptr<D12Buffer> D12BufferPool::CreateBuffer(std::uint64_t size) 
     if (resource == nullptr) {
         resource = CreateDimensionBuffer(roundedSize);
     }
-    return boost::intrusive_ptr<D12Buffer>(new D12Buffer(resource, this));
+    boost::intrusive_ptr<D12Buffer> buffer(new D12Buffer(resource, this));
+    m_free->CountLent(roundedSize);
+    return buffer;
 }
 
 CComPtr<ID3D12Resource> D12BufferPool::CreateDimensionBuffer(std::uint64_t roundedSize) {
@@ -87,7 +89,12 @@ void D12BufferPool::Clear() {
 }
 
 std::pair<std::size_t, std::uint64_t> D12BufferPool::CountFree() const {
-    return m_free->Count();
+    const PoolStatistics statistics = GetStatistics();
+    return {statistics.idle, statistics.bytesIdle};
+}
+
+PoolStatistics D12BufferPool::GetStatistics() const {
+    return m_free->GetStatistics();
 }
 
 D12Buffer::D12Buffer(const CComPtr<ID3D12Resource>& resource,
@@ -97,7 +104,7 @@ D12Buffer::D12Buffer(const CComPtr<ID3D12Resource>& resource,
       m_pool(pool) {}
 
 D12Buffer::D12Buffer(const D12Buffer& other)
-    : RefCountImpl(other),
+    : LiveObject(other),
       m_resource(other.m_resource),
       m_desc(other.m_desc),
       m_pool(other.m_pool),

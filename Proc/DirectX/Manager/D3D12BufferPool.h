@@ -14,16 +14,17 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
 class D12Buffer;
 class D12FreeList;
 
-class NORVEX_DX_API D12BufferPool : public RefCountImpl {
+class NORVEX_DX_API D12BufferPool : public LiveObject {
 public:
     // "DirectX 12 device is null".
     D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType);
@@ -41,6 +42,7 @@ public:
     D3D12_HEAP_TYPE GetType() const { return m_heapType; }
     // Free buffers at this moment, and their bytes.
     std::pair<std::size_t, std::uint64_t> CountFree() const;
+    PoolStatistics GetStatistics() const;
 
 private:
     friend class D12Buffer;
@@ -53,7 +55,7 @@ private:
     std::unique_ptr<D12FreeList> m_free;
 };
 
-class NORVEX_DX_API D12Buffer : public RefCountImpl {
+class NORVEX_DX_API D12Buffer : public LiveObject {
 public:
     // Another handle on the same resource, which returns to the pool when all handles are gone.
     D12Buffer(const D12Buffer& other);

@@ -39,9 +39,11 @@ D12CommandAllocator::D12CommandAllocator(const boost::intrusive_ptr<D12CommandQu
       m_queue(queue),
       m_type(queue->GetType()) {
     ThrowUnless<DirectX12Exception>(IsCompleted(), "Command allocator is busy");
+    ++m_device->m_allocatorsInUse;
 }
 
 D12CommandAllocator::~D12CommandAllocator() {
+    --m_device->m_allocatorsInUse;
     try {
         WaitComplete();
     } catch (...) {

@@ -18,11 +18,11 @@
 
 #include "Host/BitFlags.h"
 #include "Host/Color.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -67,7 +67,7 @@ private:
 // memory that the lists were recorded in: WaitComplete between recording and Execute is harmless.
 // What a submission uses is kept until its fence says that the GPU has finished; where no fence can
 // say so any more, until the device is removed.
-class NORVEX_DX_API D12CommandAllocator : public RefCountImpl {
+class NORVEX_DX_API D12CommandAllocator : public LiveObject {
 public:
     // Takes an idle allocator of the queue's type. "Command queue is null", "Command allocator is
     // busy".

@@ -43,9 +43,12 @@ D12CommandList::D12CommandList(const boost::intrusive_ptr<D12Device>& device,
                                const CComPtr<ID3D12CommandAllocator>& allocator)
     : m_device(device),
       m_allocator(allocator),
-      m_list(list) {}
+      m_list(list) {
+    ++m_device->m_listsInUse;
+}
 
 D12CommandList::~D12CommandList() {
+    --m_device->m_listsInUse;
     if (!m_isPoolable) {
         return;
     }

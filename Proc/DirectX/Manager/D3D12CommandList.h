@@ -15,12 +15,12 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/Color.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandQueue.h"
 #include "Proc/DirectX/Manager/D3D12CommandTracking.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -32,7 +32,7 @@ namespace Staging {
 struct Subresources;
 }
 
-class NORVEX_DX_API D12CommandList : public RefCountImpl {
+class NORVEX_DX_API D12CommandList : public LiveObject {
 public:
     // A host's own list keeps its Direct3D allocator itself: `allocator` is null then.
     D12CommandList(const boost::intrusive_ptr<D12Device>& device,

@@ -15,11 +15,11 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -29,7 +29,7 @@ namespace Staging {
 struct Subresources;
 }
 
-class NORVEX_DX_API D12CompletionEvent : public RefCountImpl {
+class NORVEX_DX_API D12CompletionEvent : public LiveObject {
 public:
     // Born complete: target 0, fence 0. With D3D12_FENCE_FLAG_SHARED the fence gets an NT handle
     // that lives as long as this object. "Failed to create fence", "Failed to share d3d12 fence".
@@ -148,7 +148,7 @@ struct D12DownloadResourceParams {
     std::optional<D3D12_BOX> box = std::nullopt;
 };
 
-class NORVEX_DX_API D12CommandQueue : public RefCountImpl {
+class NORVEX_DX_API D12CommandQueue : public LiveObject {
 public:
     // "Failed to create command queue", "DirectX 12 device is null".
     D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
@@ -212,7 +212,7 @@ private:
     CComPtr<ID3D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
     boost::intrusive_ptr<D12CompletionEvent> m_completionEvent;
-    std::mutex m_usedEventsLock;
+    Platform::Mutex m_usedEventsLock;
     std::vector<UsedEvent> m_usedEvents; // by Signal and Wait
 };
 

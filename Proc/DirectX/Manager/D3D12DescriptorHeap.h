@@ -15,10 +15,11 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
@@ -27,7 +28,7 @@ template <class Raw, class Heap>
 class D12PooledHeaps;
 class SlotBitmap;
 
-class NORVEX_DX_API D12DescriptorHeap : public RefCountImpl {
+class NORVEX_DX_API D12DescriptorHeap : public LiveObject {
 public:
     D12DescriptorHeap(const D12DescriptorHeap&) = delete;
     D12DescriptorHeap& operator=(const D12DescriptorHeap&) = delete;
@@ -145,7 +146,7 @@ private:
     D3D12_GPU_DESCRIPTOR_HANDLE m_gpuStart;
 };
 
-class NORVEX_DX_API D12DescriptorHeapPool : public RefCountImpl {
+class NORVEX_DX_API D12DescriptorHeapPool : public LiveObject {
 public:
     // "DirectX 12 device is null".
     explicit D12DescriptorHeapPool(const CComPtr<ID3D12Device>& device);
@@ -173,6 +174,7 @@ public:
 
     // Heaps of dead wrappers that wait to be recycled, at this moment.
     std::size_t CountFreeHeaps() const;
+    PoolStatistics GetStatistics() const;
 
 private:
     friend class D12DescriptorHeap;

@@ -26,8 +26,7 @@ D12DescriptorHeapPool::~D12DescriptorHeapPool() = default;
 boost::intrusive_ptr<D12DescriptorCPUHeap>
 D12DescriptorHeapPool::CreateCPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned count) {
     auto heap = CreateHeap(type, D3D12_DESCRIPTOR_HEAP_FLAG_NONE, count);
-    return boost::intrusive_ptr<D12DescriptorCPUHeap>(
-        new D12DescriptorCPUHeap(m_device, std::move(heap), this));
+    return m_heaps->Lend(new D12DescriptorCPUHeap(m_device, std::move(heap), this));
 }
 
 boost::intrusive_ptr<D12DescriptorGPUHeap>
@@ -36,8 +35,7 @@ D12DescriptorHeapPool::CreateGPUHeap(D3D12_DESCRIPTOR_HEAP_TYPE type, unsigned c
                                         type == D3D12_DESCRIPTOR_HEAP_TYPE_SAMPLER,
                                     "Invalid heap type for GPU descriptor heap");
     auto heap = CreateHeap(type, D3D12_DESCRIPTOR_HEAP_FLAG_SHADER_VISIBLE, count);
-    return boost::intrusive_ptr<D12DescriptorGPUHeap>(
-        new D12DescriptorGPUHeap(m_device, std::move(heap), this));
+    return m_heaps->Lend(new D12DescriptorGPUHeap(m_device, std::move(heap), this));
 }
 
 boost::intrusive_ptr<D12Descriptor>
@@ -67,8 +65,7 @@ boost::intrusive_ptr<D12Descriptor>
 D12DescriptorHeapPool::CreateShared(D3D12_DESCRIPTOR_HEAP_TYPE type, const Create& create) {
     const auto make = [&] {
         auto heap = CreateHeap(type, D3D12_DESCRIPTOR_HEAP_FLAG_NONE, m_heaps->kSharedCapacity);
-        return boost::intrusive_ptr<D12DescriptorCPUHeap>(
-            new D12DescriptorCPUHeap(m_device, std::move(heap), nullptr));
+        return m_heaps->Lend(new D12DescriptorCPUHeap(m_device, std::move(heap), nullptr));
     };
     return m_heaps->UseShared(type, this, make, create);
 }
@@ -93,6 +90,10 @@ void D12DescriptorHeapPool::ReuseHeap(const D12DescriptorHeap& heap) noexcept {
 
 std::size_t D12DescriptorHeapPool::CountFreeHeaps() const {
     return m_heaps->CountFree();
+}
+
+PoolStatistics D12DescriptorHeapPool::GetStatistics() const {
+    return m_heaps->GetStatistics();
 }
 
 } // namespace Norvex::DX

@@ -103,7 +103,8 @@ D12Device::CreateOn(const DXGIAdapter& adapter,
         API::GetInstance().CreateDevice(adapter.Get(), GetMinFeatureLevel(), device),
         "Failed to create D3D12 device", {}, location);
     const D3D_FEATURE_LEVEL level = GetMaxSupportedFeatureLevel(device);
-    return boost::intrusive_ptr<D12Device>(new D12Device(device, std::move(description), level));
+    return boost::intrusive_ptr<D12Device>(new D12Device(
+        device, Platform::Query<IDXGIAdapter3>(adapter.Get()), std::move(description), level));
 }
 
 boost::intrusive_ptr<D12Device> D12Device::Create(const DXGIAdapter& adapter) {
@@ -137,11 +138,12 @@ boost::intrusive_ptr<D12Device> D12Device::Find(ID3D12Device* device) {
     return found != devices.end() ? boost::intrusive_ptr<D12Device>(*found) : nullptr;
 }
 
-D12Device::D12Device(const CComPtr<ID3D12Device>& device,
+D12Device::D12Device(const CComPtr<ID3D12Device>& device, const CComPtr<IDXGIAdapter3>& adapter,
                      std::shared_ptr<const AdapterDescription> description,
                      D3D_FEATURE_LEVEL featureLevel)
     : D3Device(std::move(description), featureLevel),
       m_device(device),
+      m_adapter(adapter),
       m_rootSignatureVersion(ProbeRootSignatureVersion(device)),
       m_descriptorHeapPool(new D12DescriptorHeapPool(device)),
       m_queryHeapPool(new D12QueryHeapPool(device)),
@@ -278,6 +280,20 @@ D12PoolSizes D12Device::GetPoolSizes() const {
         sizes.bufferBytes += bytes;
     }
     return sizes;
+}
+
+D12DeviceStatistics D12Device::GetStatistics() const {
+    D12DeviceStatistics statistics;
+    static_cast<DeviceStatistics&>(statistics) = MakeStatistics(m_adapter);
+    statistics.uploadBuffers = m_uploadBufferPool->GetStatistics();
+    statistics.readbackBuffers = m_readbackBufferPool->GetStatistics();
+    statistics.descriptorHeaps = m_descriptorHeapPool->GetStatistics();
+    statistics.queryHeaps = m_queryHeapPool->GetStatistics();
+    statistics.commandAllocators.inUse = m_allocatorsInUse;
+    statistics.commandAllocators.idle = m_allocatorPool->Count();
+    statistics.commandLists.inUse = m_listsInUse;
+    statistics.commandLists.idle = m_commandListPool->Count();
+    return statistics;
 }
 
 } // namespace Norvex::DX

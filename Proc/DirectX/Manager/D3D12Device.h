@@ -7,6 +7,7 @@
 // D3D12DescriptorHeap.h.
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -71,16 +72,6 @@ struct D12PlacedSubResourceFootprint {
     D3D12_SUBRESOURCE_FOOTPRINT Footprint = {};
     std::uint32_t NumRows = 0;
     std::uint64_t RowSizeInBytes = 0; // without the padding of RowPitch
-};
-
-// What the device's pools hold for reuse.
-struct D12PoolSizes {
-    std::size_t commandAllocators = 0;
-    std::size_t commandLists = 0;
-    std::size_t descriptorHeaps = 0;
-    std::size_t buffers = 0; // for uploading and reading back
-    std::uint64_t bufferBytes = 0;
-    std::size_t queryHeaps = 0;
 };
 
 class NORVEX_DX_API D12Device : public D3Device {
@@ -179,9 +170,14 @@ public:
 
     // At this moment, for statistics. What is in use is not counted.
     D12PoolSizes GetPoolSizes() const;
+    // What is in use too, and video memory.
+    D12DeviceStatistics GetStatistics() const;
 
 private:
-    D12Device(const CComPtr<ID3D12Device>& device,
+    friend class D12CommandAllocator; // these two count themselves
+    friend class D12CommandList;
+
+    D12Device(const CComPtr<ID3D12Device>& device, const CComPtr<IDXGIAdapter3>& adapter,
               std::shared_ptr<const AdapterDescription> description,
               D3D_FEATURE_LEVEL featureLevel);
 
@@ -191,6 +187,9 @@ private:
              const std::source_location& location);
 
     CComPtr<ID3D12Device> m_device;
+    CComPtr<IDXGIAdapter3> m_adapter; // null on old systems
+    std::atomic<std::size_t> m_allocatorsInUse{0};
+    std::atomic<std::size_t> m_listsInUse{0};
     D3D_ROOT_SIGNATURE_VERSION m_rootSignatureVersion;
     boost::intrusive_ptr<D12DescriptorHeapPool> m_descriptorHeapPool;
     boost::intrusive_ptr<D12QueryHeapPool> m_queryHeapPool;

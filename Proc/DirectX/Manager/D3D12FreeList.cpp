@@ -14,7 +14,14 @@ constexpr std::chrono::milliseconds kLookPeriod{2000};
 
 D12FreeList::D12FreeList() : m_timer([this] { FreeExpired(); }) {}
 
+void D12FreeList::CountLent(std::uint64_t size) noexcept {
+    m_lent.fetch_add(1, std::memory_order_relaxed);
+    m_lentBytes.fetch_add(size, std::memory_order_relaxed);
+}
+
 void D12FreeList::Put(std::uint64_t size, const CComPtr<ID3D12Resource>& resource) noexcept {
+    m_lent.fetch_sub(1, std::memory_order_relaxed);
+    m_lentBytes.fetch_sub(size, std::memory_order_relaxed);
     try {
         Entries entry(1, {resource, {}});
         const std::scoped_lock lock(m_lock);
@@ -73,14 +80,16 @@ void D12FreeList::Clear() {
     released.swap(m_entries);
 }
 
-std::pair<std::size_t, std::uint64_t> D12FreeList::Count() const {
+PoolStatistics D12FreeList::GetStatistics() const {
+    PoolStatistics statistics;
+    statistics.inUse = m_lent;
+    statistics.bytesInUse = m_lentBytes;
     const std::scoped_lock lock(m_lock);
-    std::pair<std::size_t, std::uint64_t> count = {};
     for (const auto& [size, entries] : m_entries) {
-        count.first += entries.size();
-        count.second += entries.size() * size;
+        statistics.idle += entries.size();
+        statistics.bytesIdle += entries.size() * size;
     }
-    return count;
+    return statistics;
 }
 
 } // namespace Norvex::DX

@@ -4,6 +4,7 @@
 // kept for 2 s, then freed by a timer that looks every 2 s while there are any. Any thread;
 // resources are released outside the lock.
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "Host/WaitableTimer.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Mutex.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
@@ -23,14 +25,15 @@ public:
 
     D12FreeList();
 
+    // Counts one of that size as in use, which Put will end.
+    void CountLent(std::uint64_t size) noexcept;
     // As the newest of its size. Out of memory it is freed instead.
     void Put(std::uint64_t size, const CComPtr<ID3D12Resource>& resource) noexcept;
     // Null when there is none of that size.
     CComPtr<ID3D12Resource> Take(std::uint64_t size, End end);
     // Frees all of them and stops the timer.
     void Clear();
-    // How many there are, and the sum of their sizes.
-    std::pair<std::size_t, std::uint64_t> Count() const;
+    PoolStatistics GetStatistics() const;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -45,6 +48,8 @@ private:
     // A few of those that expired before `now`; stops the timer when nothing is left at all.
     Entries TakeExpired(Clock::time_point now);
 
+    std::atomic<std::size_t> m_lent{0};
+    std::atomic<std::uint64_t> m_lentBytes{0};
     mutable Platform::Mutex m_lock;             // guards the lists, start and stop of the timer
     std::map<std::uint64_t, Entries> m_entries; // by size, oldest first
     Core::WaitableTimer m_timer;                // last: its callback uses all of the above

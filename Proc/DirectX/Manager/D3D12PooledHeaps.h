@@ -7,6 +7,7 @@
 // inside it.
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -22,6 +23,7 @@
 #include "Platform/ComPtr.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/SlotBitmap.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
@@ -49,8 +51,16 @@ public:
         return make(CapacityFor(count));
     }
 
+    // Counts the heap of a wrapper that has been made as in use, which Put will end.
+    template <class Wrapper>
+    boost::intrusive_ptr<Wrapper> Lend(Wrapper* wrapper) {
+        m_lent.fetch_add(1, std::memory_order_relaxed);
+        return boost::intrusive_ptr<Wrapper>(wrapper);
+    }
+
     // Out of memory it is freed instead.
     void Put(std::uint32_t key, unsigned capacity, const CComPtr<Raw>& heap) noexcept {
+        m_lent.fetch_sub(1, std::memory_order_relaxed);
         try {
             const std::scoped_lock lock(m_freeMutex);
             m_free[std::pair(key, capacity)].push_back(heap);
@@ -66,6 +76,13 @@ public:
             count += heaps.size();
         }
         return count;
+    }
+
+    PoolStatistics GetStatistics() const {
+        PoolStatistics statistics;
+        statistics.inUse = m_lent;
+        statistics.idle = CountFree();
+        return statistics;
     }
 
     // Calls use(Heap&) with the shared heap of the key.
@@ -100,6 +117,7 @@ private:
             std::min<std::uint64_t>(units * kUnit, std::numeric_limits<unsigned>::max()));
     }
 
+    std::atomic<std::size_t> m_lent{0}; // with the shared ones
     mutable Platform::Mutex m_freeMutex;
     // By key and capacity; sizes that are used again and again need no memory of their own.
     std::map<std::pair<std::uint32_t, unsigned>, std::vector<CComPtr<Raw>>> m_free;

@@ -209,8 +209,7 @@ D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
                                           "Failed to create query heap", m_device);
         return made;
     });
-    return boost::intrusive_ptr<D12QueryHeap>(
-        new D12QueryHeap(m_device, std::move(heap), type, count, std::move(pool)));
+    return m_heaps->Lend(new D12QueryHeap(m_device, std::move(heap), type, count, std::move(pool)));
 }
 
 void D12QueryHeapPool::ReuseHeap(const D12QueryHeap& heap) noexcept {
@@ -219,6 +218,10 @@ void D12QueryHeapPool::ReuseHeap(const D12QueryHeap& heap) noexcept {
 
 std::size_t D12QueryHeapPool::CountFreeHeaps() const {
     return m_heaps->CountFree();
+}
+
+PoolStatistics D12QueryHeapPool::GetStatistics() const {
+    return m_heaps->GetStatistics();
 }
 
 } // namespace Norvex::DX

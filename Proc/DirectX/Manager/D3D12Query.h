@@ -13,10 +13,11 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/D3D12Video.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
@@ -26,7 +27,7 @@ template <class Raw, class Heap>
 class D12PooledHeaps;
 class SlotBitmap;
 
-class NORVEX_DX_API D12Query : public RefCountImpl {
+class NORVEX_DX_API D12Query : public LiveObject {
 public:
     D12Query(const D12Query&) = delete;
     D12Query& operator=(const D12Query&) = delete;
@@ -70,7 +71,7 @@ private:
     std::uint64_t m_offset;
 };
 
-class NORVEX_DX_API D12QueryHeap : public RefCountImpl {
+class NORVEX_DX_API D12QueryHeap : public LiveObject {
 public:
     D12QueryHeap(const D12QueryHeap&) = delete;
     D12QueryHeap& operator=(const D12QueryHeap&) = delete;
@@ -112,7 +113,7 @@ private:
     std::unique_ptr<SlotBitmap> m_slots;
 };
 
-class NORVEX_DX_API D12QueryHeapPool : public RefCountImpl {
+class NORVEX_DX_API D12QueryHeapPool : public LiveObject {
 public:
     // "DirectX 12 device is null".
     explicit D12QueryHeapPool(const CComPtr<ID3D12Device>& device);
@@ -129,6 +130,7 @@ public:
     boost::intrusive_ptr<D12QueryHeap> CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count);
     // Direct3D heaps of dead wrappers that wait to be recycled, at this moment.
     std::size_t CountFreeHeaps() const;
+    PoolStatistics GetStatistics() const;
 
 private:
     friend class D12QueryHeap;

@@ -14,7 +14,6 @@
 
 #include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
-#include "Host/RefCountable.h"
 #include "Platform/Export.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
@@ -26,6 +25,7 @@
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -40,7 +40,7 @@ class D12QuadPipeline;
 // heaps, render targets, viewport, scissor rectangle, vertex buffer and topology; what the caller
 // needs of these for draws of its own it sets again. One thread records a list at a time.
 
-class NORVEX_DX_API D12FillDraw : public RefCountImpl {
+class NORVEX_DX_API D12FillDraw : public LiveObject {
 public:
     // Compiles the shaders.
     explicit D12FillDraw(const boost::intrusive_ptr<D12Device>& device);
@@ -68,7 +68,7 @@ private:
     boost::intrusive_ptr<D12RootConstants> m_color;
 };
 
-class NORVEX_DX_API D12ImageDraw : public virtual RefCountImpl {
+class NORVEX_DX_API D12ImageDraw : public virtual LiveObject {
 public:
     // Compiles the shaders.
     explicit D12ImageDraw(const boost::intrusive_ptr<D12Device>& device);

@@ -25,7 +25,7 @@ D12Descriptor::D12Descriptor(std::vector<CComPtr<ID3D12Resource>> resources, Des
 }
 
 D12Descriptor::D12Descriptor(const D12Descriptor& other)
-    : RefCountImpl(other),
+    : LiveObject(other),
       m_resources(other.m_resources),
       m_type(other.m_type),
       m_format(other.m_format),

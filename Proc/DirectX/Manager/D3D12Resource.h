@@ -11,16 +11,16 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
 class D12DescriptorHeap;
 
-class NORVEX_DX_API D12Descriptor : public RefCountImpl {
+class NORVEX_DX_API D12Descriptor : public LiveObject {
 public:
     enum DescriptorType : std::uint32_t {
         ConstantBuffer = 0,
@@ -75,7 +75,7 @@ private:
     boost::intrusive_ptr<D12Descriptor> m_original; // in a copy: the handle that will free the slot
 };
 
-class NORVEX_DX_API D12VertexBuffer : public RefCountImpl {
+class NORVEX_DX_API D12VertexBuffer : public LiveObject {
 public:
     // stride: bytes of one vertex; count: vertices in the buffer. "Unsupported resource" for null,
     // "Buffer size requested is too large" for 4 GiB and more.
@@ -95,7 +95,7 @@ private:
     D3D12_VERTEX_BUFFER_VIEW m_view;
 };
 
-class NORVEX_DX_API D12IndexBuffer : public RefCountImpl {
+class NORVEX_DX_API D12IndexBuffer : public LiveObject {
 public:
     // format: DXGI_FORMAT_R16_UINT or DXGI_FORMAT_R32_UINT; count: indices in the buffer.
     // "Unsupported resource" for null.

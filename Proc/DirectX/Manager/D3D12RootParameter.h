@@ -9,15 +9,15 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
-class NORVEX_DX_API D12RootParameter : public RefCountImpl {
+class NORVEX_DX_API D12RootParameter : public LiveObject {
 public:
     // The state of one bind, passed from parameter to parameter.
     struct CommitContext {

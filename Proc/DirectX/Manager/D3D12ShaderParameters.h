@@ -14,14 +14,14 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorTable.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
-class NORVEX_DX_API D12ShaderParameters : public RefCountImpl {
+class NORVEX_DX_API D12ShaderParameters : public LiveObject {
 public:
     // `version`: the highest that the device accepts. `pool`: where the heaps of the tables come
     // from; may be null when none is bound.

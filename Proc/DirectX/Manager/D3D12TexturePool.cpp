@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 
+#include <atomic>
 #include <utility>
 
 #include "Platform/D3D12Abi.h"
@@ -11,6 +12,10 @@ namespace Norvex::DX {
 
 namespace {
 
+std::uint64_t SizeOf(const D12Device& device, ID3D12Resource* texture) {
+    return Platform::GetAllocationInfo(device.Get(), Platform::GetDesc(texture)).SizeInBytes;
+}
+
 class D12TexturePool : public D12Texture2DPool {
 public:
     using D12Texture2DPool::D12Texture2DPool;
@@ -19,15 +24,26 @@ public:
         CComPtr<ID3D12Resource> resource = m_free.Take(kSize, D12FreeList::End::Oldest);
         if (resource == nullptr) {
             resource = GetDevice()->CreateTexture2D(GetDesc());
+            m_bytes = SizeOf(*GetDevice(), resource);
         }
-        return CreateTexture(resource, 0);
+        auto texture = CreateTexture(resource, 0);
+        m_free.CountLent(kSize);
+        return texture;
     }
 
     void ReuseTexture(D12Texture2D* texture) override { m_free.Put(kSize, texture->GetResource()); }
 
+    PoolStatistics GetStatistics() const override {
+        PoolStatistics statistics = m_free.GetStatistics();
+        statistics.bytesInUse = statistics.inUse * m_bytes;
+        statistics.bytesIdle = statistics.idle * m_bytes;
+        return statistics;
+    }
+
 private:
     static constexpr std::uint64_t kSize = 0; // the same for all
 
+    std::atomic<std::uint64_t> m_bytes{0}; // of each; 0 before the first
     D12FreeList m_free;
 };
 
@@ -46,6 +62,16 @@ public:
     }
 
     void ReuseTexture(D12Texture2D* texture) override { m_slots.Free(texture->GetSubresource()); }
+
+    PoolStatistics GetStatistics() const override {
+        PoolStatistics statistics;
+        statistics.idle = m_slots.CountFree();
+        statistics.inUse = GetDesc().arraySize - statistics.idle;
+        const std::uint64_t bytes = SizeOf(*GetDevice(), m_resource) / GetDesc().arraySize;
+        statistics.bytesInUse = statistics.inUse * bytes;
+        statistics.bytesIdle = statistics.idle * bytes;
+        return statistics;
+    }
 
 private:
     CComPtr<ID3D12Resource> m_resource;
@@ -85,7 +111,7 @@ D12Texture2D::D12Texture2D(const CComPtr<ID3D12Resource>& resource, std::uint32_
       m_pool(std::move(pool)) {}
 
 D12Texture2D::D12Texture2D(const D12Texture2D& other)
-    : RefCountImpl(other),
+    : LiveObject(other),
       m_resource(other.m_resource),
       m_subresource(other.m_subresource),
       m_desc(other.m_desc),

@@ -10,16 +10,16 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
 class D12Texture2D;
 
-class NORVEX_DX_API D12Texture2DPool : public RefCountImpl {
+class NORVEX_DX_API D12Texture2DPool : public LiveObject {
 public:
     // arraySize below 2: separate textures, made when needed, reused first in first out, and freed
     // when unused for 2 s (a timer looks every 2 s). Else the slices of one texture array, made at
@@ -39,6 +39,9 @@ public:
     // Called by a dying texture.
     virtual void ReuseTexture(D12Texture2D* texture) = 0;
 
+    // Bytes as the device allocates them; an array's idle slices count with their part of it.
+    virtual PoolStatistics GetStatistics() const = 0;
+
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     const D12Texture2DDesc& GetDesc() const { return m_desc; }
     std::uint32_t GetWidth() const { return static_cast<std::uint32_t>(m_desc.width); }
@@ -56,7 +59,7 @@ private:
     D12Texture2DDesc m_desc;
 };
 
-class NORVEX_DX_API D12Texture2D : public RefCountImpl {
+class NORVEX_DX_API D12Texture2D : public LiveObject {
 public:
     // Another handle on the same texture, which returns to the pool when all handles are gone.
     D12Texture2D(const D12Texture2D& other);

@@ -16,6 +16,16 @@ constexpr std::pair<D3D_FEATURE_LEVEL, const char*> kLevelNames[] = {
     {D3D_FEATURE_LEVEL_12_1, "12.1"}, {D3D_FEATURE_LEVEL_12_2, "12.2"},
 };
 
+std::optional<VideoMemory> QueryMemory(IDXGIAdapter3* adapter, DXGI_MEMORY_SEGMENT_GROUP group) {
+    constexpr UINT kNode = 0;
+    DXGI_QUERY_VIDEO_MEMORY_INFO info = {};
+    if (adapter == nullptr || FAILED(adapter->QueryVideoMemoryInfo(kNode, group, &info))) {
+        return std::nullopt;
+    }
+    return VideoMemory{info.Budget, info.CurrentUsage, info.AvailableForReservation,
+                       info.CurrentReservation};
+}
+
 } // namespace
 
 D3Device::D3Device(std::shared_ptr<const AdapterDescription> description,
@@ -26,6 +36,11 @@ D3Device::D3Device(std::shared_ptr<const AdapterDescription> description,
 }
 
 D3Device::~D3Device() = default;
+
+DeviceStatistics D3Device::MakeStatistics(IDXGIAdapter3* adapter) const {
+    return {GetRefCount(), QueryMemory(adapter, DXGI_MEMORY_SEGMENT_GROUP_LOCAL),
+            QueryMemory(adapter, DXGI_MEMORY_SEGMENT_GROUP_NON_LOCAL)};
+}
 
 std::string D3Device::GetLevelName() const {
     for (const auto& [level, name] : kLevelNames) {

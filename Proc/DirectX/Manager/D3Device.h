@@ -7,16 +7,17 @@
 #include <memory>
 #include <string>
 
-#include "Host/RefCountable.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
+#include "Proc/DirectX/Manager/Statistics.h"
 
 namespace Norvex::DX {
 
 // Canonical PCI vendor id, as AdapterDescription::vendor.
 using VendorID = std::uint32_t;
 
-class NORVEX_DX_API D3Device : public RefCountImpl {
+class NORVEX_DX_API D3Device : public LiveObject {
 public:
     D3Device(const D3Device&) = delete;
     D3Device& operator=(const D3Device&) = delete;
@@ -40,6 +41,9 @@ public:
     std::string GetLevelName() const;
 
 protected:
+    // The adapter may be null.
+    DeviceStatistics MakeStatistics(IDXGIAdapter3* adapter) const;
+
     D3Device(std::shared_ptr<const AdapterDescription> description, D3D_FEATURE_LEVEL featureLevel);
 
 private:

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "Host/ColorConversionInfo.h"
-#include "Host/RefCountable.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/AffineTransform.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -102,7 +102,7 @@ struct D3ConversionKey {
 // for the quad corners (x, y) = (-1 or 1, -1 or 1), and the fourth row holds (translation x,
 // -translation y) in pixels, which the drawers multiply by (2 / W, 2 / H). With a size of zero
 // there is nothing to fit: the scale is 1, the picture's edges lie on the target's.
-class NORVEX_DX_API D3ImageRenderer : public virtual RefCountImpl {
+class NORVEX_DX_API D3ImageRenderer : public virtual LiveObject {
 public:
     D3ImageRenderer() = default;
     ~D3ImageRenderer() override;

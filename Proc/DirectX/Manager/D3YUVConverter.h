@@ -15,7 +15,6 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/Color.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
@@ -24,6 +23,7 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -39,7 +39,7 @@ class D12QuadPipeline;
 struct YUVDestination;
 struct YUVFormat;
 
-class NORVEX_DX_API D12YUVConverter : public RefCountImpl {
+class NORVEX_DX_API D12YUVConverter : public LiveObject {
 public:
     // Compiles the shaders. alphaType: of the sources; straight alpha is composed over black.
     D12YUVConverter(const boost::intrusive_ptr<D12Device>& device, Proc::AlphaType alphaType);
@@ -118,7 +118,7 @@ private:
     boost::intrusive_ptr<D12VertexBuffer> m_chromaQuad;
 };
 
-class NORVEX_DX_API D11YUVConverter : public RefCountImpl {
+class NORVEX_DX_API D11YUVConverter : public LiveObject {
 public:
     // Compiles the shaders and makes the states. alphaType: as for D12YUVConverter.
     D11YUVConverter(const boost::intrusive_ptr<D11Device>& device, Proc::AlphaType alphaType);

@@ -13,10 +13,10 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/BitFlags.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -89,7 +89,7 @@ struct NORVEX_DX_API DisplayChange {
 // One line for a log: "settings: HDR, colour space, luminance"; "nothing" where no field differs.
 NORVEX_DX_API std::string to_string(const DisplayChange& change);
 
-class NORVEX_DX_API DXGIDisplay : public RefCountImpl {
+class NORVEX_DX_API DXGIDisplay : public LiveObject {
 public:
     // The display with the largest part of the window, the first of equals, even where that is
     // nothing; of those that hardware adapters drive. The window may go meanwhile.

@@ -10,10 +10,10 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/DXGIAdapter.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -27,7 +27,7 @@ enum class DXGIVersion {
     DXGI_1_6 = 5
 };
 
-class NORVEX_DX_API DXGIFactory : public RefCountImpl {
+class NORVEX_DX_API DXGIFactory : public LiveObject {
 public:
     // A DXGI 1.2 factory, or a 1.1 one where the system has no other. "Failed to create DXGI
     // factory".

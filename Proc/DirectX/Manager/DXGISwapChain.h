@@ -17,10 +17,10 @@
 
 #include "Host/Color.h"
 #include "Host/ColorConversionInfo.h"
-#include "Host/RefCountable.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 
@@ -46,7 +46,7 @@ enum class HDRRefusal {
 // A sentence that a host can show, without full stop: "the display is not in HDR".
 NORVEX_DX_API std::string to_string(HDRRefusal refusal);
 
-class NORVEX_DX_API DXGISwapChain : public RefCountImpl {
+class NORVEX_DX_API DXGISwapChain : public LiveObject {
 public:
     // For the window's client area, SDR (R8G8B8A8_UNORM, sRGB); on Direct3D 12 with a queue of its
     // own. Two buffers, flipped; before Windows 10 one, copied. DXGI does not answer Alt+Enter: the

@@ -16,6 +16,7 @@
 #include "Platform/ComPtr.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -173,6 +174,7 @@ void EnableDebugMode() {
         !state.firstObjectCreated,
         "Debug mode must be enabled before creating the first DirectX object");
     state.requested = true;
+    RememberLiveObjects();
 }
 
 void ReportDirectXLeaks() {}

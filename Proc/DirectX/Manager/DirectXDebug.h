@@ -3,6 +3,8 @@
 // Debug mode: the Direct3D debug layer on request, and its messages in the log just before the
 // exception that they explain. Process-wide state under one lock; all functions are thread-safe.
 
+#include <string>
+
 #include "Platform/Direct3D.h"
 #include "Platform/Export.h"
 
@@ -12,6 +14,12 @@ namespace Norvex::DX {
 // "Debug mode must be enabled before creating the first DirectX object". Calling twice before is
 // fine.
 NORVEX_DX_API void EnableDebugMode();
+
+// The library's objects that are alive and were made in debug mode, by class and by the place where
+// they were made, the most first: "12 live objects, made at 2 places", then for each place "8 x
+// D12Buffer" and its call stack in the form of GetCallStack. Empty without debug mode. For a log or
+// a report of leaks; takes long.
+NORVEX_DX_API std::string DescribeLiveObjects();
 
 // Kept for hosts that call it; deliberately does nothing.
 NORVEX_DX_API void ReportDirectXLeaks();

@@ -44,4 +44,13 @@ bool SlotBitmap::HasFree() const {
     return std::ranges::any_of(m_words, [](std::uint64_t bits) { return bits != kFullWord; });
 }
 
+std::size_t SlotBitmap::CountFree() const {
+    const std::scoped_lock lock(m_mutex);
+    std::size_t count = 0;
+    for (const std::uint64_t bits : m_words) {
+        count += static_cast<std::size_t>(std::popcount(~bits));
+    }
+    return count;
+}
+
 } // namespace Norvex::DX

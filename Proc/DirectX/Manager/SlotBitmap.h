@@ -3,6 +3,7 @@
 // Hands out the slots of a heap, lowest free index first; internal. Thread-safe; every operation is
 // atomic on its own.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -32,6 +33,7 @@ public:
     // The slot was allocated; this is not checked.
     void Free(std::uint32_t index);
     bool HasFree() const;
+    std::size_t CountFree() const;
 
 private:
     mutable Platform::Mutex m_mutex;

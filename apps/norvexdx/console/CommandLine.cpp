@@ -90,6 +90,12 @@ std::optional<unsigned> ParsePositiveCount(std::string_view text) {
     return value && *value > 0 ? value : std::nullopt;
 }
 
+std::optional<unsigned> ParseSeconds(std::string_view text) {
+    constexpr unsigned kMaxSeconds = 600;
+    const auto value = ParseIndex(text);
+    return value && *value <= kMaxSeconds ? value : std::nullopt;
+}
+
 std::optional<unsigned> ParseFrames(std::string_view text) {
     constexpr unsigned kMaxFrames = 1000000;
     const auto value = ParseIndex(text);
@@ -282,6 +288,19 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
     app.footer(kEncodeNotes);
 }
 
+void AddDoctor(CLI::App& parent, DoctorOptions& options) {
+    CLI::App& app = *parent.add_subcommand("doctor", "examine this system, for a bug report");
+    AddValue(app, "--stress", options.stressSeconds, &ParseSeconds, "a number from 0 to 600",
+             "SECONDS", "how long to draw on several threads, with each generation (1)");
+    app.add_flag("--details", options.details, "tell everything, not a screenful");
+    AddDeviceOptions(app, options);
+    AddJsonFlag(app, options);
+    app.footer(
+        "\nWith --api auto both generations are examined, as far as the adapter has them."
+        "\nEach conversion of colours is compared with a computation in double precision."
+        "\n\nExit code: 0 when all checks are right, whatever is missing; 1 when one is not.");
+}
+
 // What the parser answers to --help, --version and errors.
 ShowText GetShownText(const CLI::App& app, const CLI::ParseError& error) {
     std::ostringstream out;
@@ -335,6 +354,7 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     SheetOptions sheet;
     ViewOptions view;
     EncodeOptions encode;
+    DoctorOptions doctor;
     CLI::App& infoApp = *app.add_subcommand("info", "tell adapters, outputs, devices and formats");
     AddJsonFlag(infoApp, info);
     AddConvert(app, convert);
@@ -342,6 +362,7 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     AddSheet(app, sheet);
     AddView(app, view);
     AddEncode(app, encode);
+    AddDoctor(app, doctor);
 
     CheckCommand(app, arguments);
     try {
@@ -374,6 +395,8 @@ CommandLine ParseCommandLine(std::vector<std::string> arguments) {
     } else if (app.got_subcommand("encode")) {
         encode.inputs = ExpandFileNames(encode.inputs);
         result.command = std::move(encode);
+    } else if (app.got_subcommand("doctor")) {
+        result.command = doctor;
     } else {
         result.command = info;
     }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/norvexdx/commands/ConvertPlan.h"
+#include "apps/norvexdx/commands/DoctorCommand.h"
 #include "apps/norvexdx/commands/EncodePlan.h"
 #include "apps/norvexdx/commands/FillCommand.h"
 #include "apps/norvexdx/commands/InfoCommand.h"
@@ -24,7 +25,7 @@ struct ShowText {
 
 struct CommandLine {
     std::variant<ShowText, InfoOptions, ConvertOptions, FillOptions, SheetOptions, ViewOptions,
-                 EncodeOptions>
+                 EncodeOptions, DoctorOptions>
         command;
     bool isVerbose = false;
 };

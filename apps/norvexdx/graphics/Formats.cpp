@@ -35,6 +35,12 @@ const char* GetFormatName(DXGI_FORMAT format) {
         return "R16G16B16A16_FLOAT";
     case DXGI_FORMAT_R32G32B32A32_FLOAT:
         return "R32G32B32A32_FLOAT";
+    case DXGI_FORMAT_NV12:
+        return "NV12";
+    case DXGI_FORMAT_P010:
+        return "P010";
+    case DXGI_FORMAT_P016:
+        return "P016";
     default:
         return "another format";
     }

@@ -1,6 +1,7 @@
 #pragma once
 
-// The colour conversion of one pixel in double precision, to judge pictures by. Written from the
+// The colour conversion of one pixel in double precision, for tests and the doctor to judge
+// pictures by. Written from the
 // standards, not from the shader: ITU-R BT.709-6, BT.1886, BT.2020-2, BT.2100-2, IEC 61966-2-1,
 // SMPTE ST 2084, ITU-T H.273. What the library lays down beyond them (the order of the steps, the
 // six-digit primaries matrices) is followed. Pure functions.
@@ -9,7 +10,7 @@
 
 #include "Host/ColorConversionInfo.h"
 
-namespace Norvex::Test {
+namespace Norvex::Reference {
 
 using Pixel = std::array<double, 4>; // red, green, blue, alpha; encoded as its colour space says
 
@@ -20,4 +21,4 @@ Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo&
 double PQFromLight(double light);
 double LightFromSRGB(double value);
 
-} // namespace Norvex::Test
+} // namespace Norvex::Reference

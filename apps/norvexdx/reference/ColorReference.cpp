@@ -1,9 +1,9 @@
-#include "tests/support/ColorReference.h"
+#include "apps/norvexdx/reference/ColorReference.h"
 
 #include <algorithm>
 #include <cmath>
 
-namespace Norvex::Test {
+namespace Norvex::Reference {
 
 namespace {
 
@@ -172,4 +172,4 @@ Pixel ReferenceConvert(const Pixel& color, const Info& info) {
             info.targetAlpha == AlphaType::AlphaIsOne ? 1.0 : alpha};
 }
 
-} // namespace Norvex::Test
+} // namespace Norvex::Reference
