@@ -60,12 +60,15 @@ public:
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
 
+    // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
     // Null, the default: replace.
     const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    // Null: replace. Of the next Encode on.
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
     // Throws std::bad_optional_access while none is stored; drawing then takes the identity.
     AffineTransform GetTransform() const { return m_transform.value(); }
+    // From the unit square, the picture, to clip space. Of the next Encode on.
     void SetTransform(const AffineTransform& transform) { m_transform = transform; }
 
 protected:
@@ -86,6 +89,7 @@ private:
 // (D3ImageRenderer.h).
 class NORVEX_DX_API D11ImageRenderer : public D11ImageDraw, public D3ImageRenderer {
 public:
+    // Compiles the shaders.
     explicit D11ImageRenderer(const boost::intrusive_ptr<D11Device>& device);
     ~D11ImageRenderer() override;
 

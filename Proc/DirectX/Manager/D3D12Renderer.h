@@ -55,9 +55,11 @@ public:
     void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const Proc::ColorF& color,
                 const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect);
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     const D12BlendState& GetBlendState() const;
+    // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
 
 private:
@@ -101,12 +103,15 @@ public:
                 const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                 const std::optional<Rect2DT<long>>& rect);
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     D12BlendState GetBlendState() const;
+    // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
     // The user transform; identity when none is set.
     AffineTransform GetTransform() const;
+    // From the unit square, the picture, to clip space. Of the next Encode on.
     void SetTransform(const AffineTransform& transform);
 
 protected:
@@ -134,6 +139,7 @@ private:
 // during an Encode.
 class NORVEX_DX_API D12ImageRenderer : public D12ImageDraw, public D3ImageRenderer {
 public:
+    // Compiles the shaders.
     explicit D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device);
     ~D12ImageRenderer() override;
 
