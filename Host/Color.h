@@ -24,17 +24,17 @@ enum class TransferCharacteristics : std::uint32_t {
 
 // A colour space as three code points of H.273.
 struct ColorSpace {
-    std::uint32_t primaries = 0;
-    std::uint32_t transfer = 0;
-    std::uint32_t matrix = 0;
+    std::uint32_t primaries = 0; // table 2
+    std::uint32_t transfer = 0;  // table 3
+    std::uint32_t matrix = 0;    // table 4
 
     friend bool operator==(const ColorSpace&, const ColorSpace&) = default;
 };
 
 // An RGB colour space: primaries and transfer characteristics.
 struct RGBColorSpace {
-    ColorPrimaries primaries = ColorPrimaries::BT709;
-    TransferCharacteristics transfer = TransferCharacteristics::sRGB;
+    ColorPrimaries primaries = ColorPrimaries::BT709;                 // of the colours
+    TransferCharacteristics transfer = TransferCharacteristics::sRGB; // of their encoding
 
     friend bool operator==(const RGBColorSpace&, const RGBColorSpace&) = default;
 };
@@ -63,10 +63,10 @@ enum class AlphaType : std::uint32_t {
 
 // One colour, four floats in the order of memory; range and meaning are the target's.
 struct ColorF {
-    float r = 0.0F;
-    float g = 0.0F;
-    float b = 0.0F;
-    float a = 0.0F;
+    float r = 0.0F; // red
+    float g = 0.0F; // green
+    float b = 0.0F; // blue
+    float a = 0.0F; // alpha, 1.0 is opaque
 
     friend bool operator==(const ColorF&, const ColorF&) = default;
 };

@@ -23,20 +23,21 @@ enum class LinearizationMode : std::uint32_t {
 
 // The derived numbers given outright, for comparisons with other converters.
 struct RawConversionParams {
-    float pqTonemapA = 0.0F;
-    float pqTonemapB = 0.0F;
+    float pqTonemapA = 0.0F;              // of the curve from PQ to a darker display; 0: none
+    float pqTonemapB = 0.0F;              // of the same curve
     float displayPeakLuminance = 1000.0F; // cd/m2, > 0
     float hlgOOTFGamma = 1.2F;            // > 0
-    float linearScale = 1.0F;
+    float linearScale = 1.0F;             // factor on linear light
 
     friend bool operator==(const RawConversionParams&, const RawConversionParams&) = default;
 };
 
 struct NORVEX_HOST_API ColorConversionInfo {
-    Conf::RGBColorSpace source;
-    Conf::RGBColorSpace target;
+    Conf::RGBColorSpace source; // of the samples
+    Conf::RGBColorSpace target; // of what is drawn
+    // Which light the factor below and the primaries are applied to.
     LinearizationMode mode = LinearizationMode::DisplayReferred;
-    float linearScale = 1.0F;
+    float linearScale = 1.0F;               // factor on linear light
     float sourcePeakLuminance = 1000.0F;    // peak of the mastering display, > 0
     float targetPeakLuminance = 1000.0F;    // peak of the target display, > 0
     float referenceWhite = 203.0F;          // HDR reference white, ITU-R BT.2408-7, 2.1; > 0
@@ -67,8 +68,8 @@ struct NORVEX_HOST_API ColorConversionInfo {
 };
 
 struct NORVEX_HOST_API ColorAlphaConversionInfo : ColorConversionInfo {
-    AlphaType sourceAlpha = AlphaType::NonPremultiplied;
-    AlphaType targetAlpha = AlphaType::NonPremultiplied;
+    AlphaType sourceAlpha = AlphaType::NonPremultiplied; // of the samples
+    AlphaType targetAlpha = AlphaType::NonPremultiplied; // of what is drawn
 };
 
 } // namespace Norvex::Proc

@@ -19,6 +19,7 @@ public:
     CoreException& operator=(CoreException&&) = default;
     ~CoreException() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 };
 

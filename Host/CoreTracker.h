@@ -21,13 +21,13 @@ public:
     static const std::string CORE_GPU_EXCEPTION;
     // Attribute keys.
     static const std::string CORE_EXCEPTION_WHAT;
-    static const std::string CORE_EXCEPTION_DESCRIPTION;
-    static const std::string CORE_EXCEPTION_HRESULT;
-    static const std::string CORE_EXCEPTION_MEMINFO;
-    static const std::string CORE_GPU_VENDOR;
-    static const std::string CORE_GPU_DRIVER_VERSION;
-    static const std::string CORE_GPU_BRAND_STR;
-    static const std::string CORE_GPU_VIDEO_MEMORY;
+    static const std::string CORE_EXCEPTION_DESCRIPTION; // the sentence
+    static const std::string CORE_EXCEPTION_HRESULT;     // in hexadecimal
+    static const std::string CORE_EXCEPTION_MEMINFO;     // after E_OUTOFMEMORY
+    static const std::string CORE_GPU_VENDOR;            // the preferred name
+    static const std::string CORE_GPU_DRIVER_VERSION;    // of the user-mode driver
+    static const std::string CORE_GPU_BRAND_STR;         // the name of the adapter
+    static const std::string CORE_GPU_VIDEO_MEMORY;      // dedicated, MiB
     // NOLINTEND(readability-identifier-naming)
 
     // Takes one event. May be called by several threads at once; must not throw.

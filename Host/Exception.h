@@ -45,6 +45,7 @@ public:
     Exception& operator=(Exception&&) = default;
     ~Exception() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 };
 

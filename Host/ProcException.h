@@ -19,6 +19,7 @@ public:
     ProcException& operator=(ProcException&&) = default;
     ~ProcException() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 
     // The sentence that the throw carried (ErrorDescription); empty when it carried none.

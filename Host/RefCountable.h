@@ -38,7 +38,9 @@ public:
 
 protected:
     RefCountImpl() = default;
+    // A new object: its count is 0.
     RefCountImpl(const RefCountImpl&) : IRefCountable() {}
+    // Leaves the count alone.
     RefCountImpl& operator=(const RefCountImpl&) { return *this; }
 
     // For classes whose Release does more: drops a reference without destroying; returns the new
@@ -53,6 +55,7 @@ private:
 
 // What boost::intrusive_ptr calls, found by argument-dependent look-up.
 NORVEX_HOST_API void intrusive_ptr_add_ref(IRefCountable* object);
+// Drops a reference.
 NORVEX_HOST_API void intrusive_ptr_release(IRefCountable* object);
 
 } // namespace Norvex

@@ -16,7 +16,9 @@ namespace Norvex::Core {
 class NORVEX_HOST_API RegKey {
 public:
     RegKey() = default;
+    // Takes the open key; the other has none then.
     RegKey(RegKey&& other) noexcept;
+    // Closes its own key and takes the other.
     RegKey& operator=(RegKey&& other) noexcept;
     ~RegKey();
 
@@ -24,7 +26,9 @@ public:
     // False on failure, and nothing is open then. A closed parent is a failure.
     bool Open(HKEY parent, const std::wstring& path, REGSAM access);
     bool Open(const RegKey& parent, const std::wstring& path, REGSAM access);
+    // Nothing where none is open.
     void Close();
+    // Whether a key is open.
     bool IsOpen() const { return m_key != nullptr; }
 
     // The name of subkey `index` (from 0); empty at the end and on failure.

@@ -27,6 +27,7 @@ public:
     void StartPeriodic(std::chrono::milliseconds period);
     // No further callback starts after one that is being dispatched at this moment.
     void Stop();
+    // From StartPeriodic to Stop.
     bool IsRunning() const;
 
 private:

@@ -1,7 +1,7 @@
 # What `cmake --install` lays out, by component:
 #   Runtime       DLLs, licences, and where a MinGW cross build made them, the DLLs that they need
 #   Headers       the public headers, under include/NorvexDX, with the #include paths of the tree
-#   Development   import libraries, the CMake package, the pkg-config file, the debugger's views
+#   Development   import libraries, the CMake package, the pkg-config file, the debugger's views, examples
 #   Program       norvexdx.exe
 #   Debug         debug information
 
@@ -44,6 +44,9 @@ install(FILES "${PROJECT_BINARY_DIR}/norvexdx.pc"
 
 install(FILES "${PROJECT_SOURCE_DIR}/Platform/NorvexDX.natvis"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Development)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Development
+    FILES_MATCHING PATTERN "*.cpp" PATTERN host_sdk EXCLUDE)
 install(FILES "${PROJECT_SOURCE_DIR}/LICENSE"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Runtime)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/licenses"

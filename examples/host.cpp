@@ -1,6 +1,5 @@
-// A host with a message loop and a Direct3D 11 device of its own: it draws when there is something
-// new, follows its window's size and DPI and the display's mode, rests while nobody sees the
-// window, and begins anew when the device is lost.
+// A host with a message loop and a Direct3D 11 device of its own: it follows its window's size and
+// DPI and the display, rests while nobody sees the window, and begins anew when the device is lost.
 
 #include <array>
 #include <cstdio>
@@ -59,7 +58,7 @@ void Do(HWND window, const std::function<void()>& work) try {
     scene.reset(); // all of it, before there is another device
     InvalidateRect(window, nullptr, FALSE);
 }
-
+// [messages]
 LRESULT CALLBACK HandleMessage(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     if (message == WM_PAINT || message == WM_TIMER) {
         ValidateRect(window, nullptr);
@@ -85,6 +84,7 @@ LRESULT CALLBACK HandleMessage(HWND window, UINT message, WPARAM wparam, LPARAM 
     }
     return 0;
 }
+// [messages]
 } // namespace
 int main() {
     SetProcessDpiAwarenessContext(DPI_AWARENESS_CONTEXT_PER_MONITOR_AWARE_V2);

@@ -39,6 +39,7 @@ void DrawTwoPixels() {
     desc.initialState = D3D12_RESOURCE_STATE_RENDER_TARGET;
     const auto target = device->CreateRenderTargetView(device->CreateTexture2D(desc));
 
+    // [the draw]
     Proc::ColorAlphaConversionInfo conversion; // from sRGB, straight alpha
     conversion.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
     const boost::intrusive_ptr<DX::D12ImageDraw> draw(new DX::D12ImageDraw(device));
@@ -46,6 +47,7 @@ void DrawTwoPixels() {
     draw->Encode(frame, device->CreateTextureShaderResourceView(sourceTexture), target, conversion,
                  std::nullopt);
     frame->Execute(); // everything the frame uses lives until the GPU is done
+    // [the draw]
 
     std::array<Pixel, 2> result = {};
     DX::D12DownloadResourceParams download;

@@ -23,7 +23,7 @@ struct Shared {
     boost::intrusive_ptr<DX::D12CompletionEvent> event12;
     boost::intrusive_ptr<DX::D11CompletionEvent> event11;
 };
-
+// [what is shared]
 Shared MakeShared(const auto& device11, const auto& device12) {
     Shared shared;
     shared.event12 = device12->CreateCompletionEvent(D3D12_FENCE_FLAG_SHARED);
@@ -43,7 +43,7 @@ Shared MakeShared(const auto& device11, const auto& device12) {
     shared.staging11 = device11->CreateTexture2D(desc, nullptr);
     return shared;
 }
-
+// [what is shared] [the handshake]
 void Exchange() {
     const auto device11 = DX::D11Device::CreatePrimary();
     const auto device12 = DX::D12Device::Create(device11->GetAdapterLuid());
@@ -59,6 +59,7 @@ void Exchange() {
 
     const boost::intrusive_ptr<DX::D12CommandQueue> queue(new DX::D12CommandQueue(device12, {}));
     queue->Get()->Wait(shared.event12->GetFence(), shared.event12->GetValue());
+    // [the handshake]
     std::array<std::uint8_t, 4> pixel = {};
     DX::D12DownloadResourceParams download;
     download.source = shared.texture12;
@@ -95,5 +96,4 @@ int main() {
                      e.GetErrorDescription().c_str(), e.GetResultDescription().c_str());
         return 1;
     }
-    return 0;
 }

@@ -29,6 +29,7 @@ public:
     API(const API&) = delete;
     API& operator=(const API&) = delete;
 
+    // As of CreateDXGIFactory2.
     long CreateFactory2(unsigned flags, CComPtr<IDXGIFactory2>& out);
     // Also reads the version of the Direct3D 12 runtime (D3D12SDKVersion), which is mapped by this
     // call.
@@ -39,7 +40,9 @@ public:
                   const char* target, unsigned flags1, unsigned flags2, unsigned secondaryFlags,
                   const void* secondaryData, size_t secondaryDataSize, CComPtr<ID3D10Blob>& code,
                   CComPtr<ID3D10Blob>& errors);
+    // Of the debug layer, where the system has it.
     long GetDebugInterface(CComPtr<ID3D12Debug>& out);
+    // Of the debug layer, where the system has it.
     long GetDebugInterface(CComPtr<IDXGIDebug>& out);
     // maxVersion 1.1 or 1.2: the description as it is, in its own version; its maker sees to it
     // that the device takes that one. 1.0, and any where the system serialises no other: newer
@@ -54,8 +57,11 @@ public:
 
     // Windows 10 or later, and d3d12.dll with all four entry points.
     bool IsD12Loaded() const { return m_isD12Loaded; }
+    // Whether the system has d3dcompiler_47.dll.
     bool IsCompilerLoaded() const { return m_compile2 != nullptr; }
+    // Whether the system has DXGI 1.3.
     bool IsFactory2Available() const { return m_createFactory2 != nullptr; }
+    // As Windows itself says, whatever the host declares.
     bool IsWindows10OrGreater() const { return m_isWindows10OrGreater; }
 
 private:

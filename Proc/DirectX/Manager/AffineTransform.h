@@ -15,19 +15,23 @@ struct Rect2DT; // CommonTypes.h
 // row 1 + row 3. The third row is the z axis and stays identity in 2-D use; the fourth holds the
 // translation.
 struct NORVEX_DX_API AffineTransform {
-    using Rows = std::array<std::array<float, 4>, 4>;
+    using Rows = std::array<std::array<float, 4>, 4>; // four rows of four
 
+    // What Rows holds, the identity unless set.
     Rows rows = {{{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}}};
 
+    // About the origin.
     static AffineTransform Scale(float x, float y);
     // Counter-clockwise for y pointing up.
     static AffineTransform Rotation(float radians);
+    // By that much.
     static AffineTransform Translation(float x, float y);
 
     // First this transform, then `next` (row vectors: this matrix times next).
     AffineTransform Then(const AffineTransform& next) const;
     // Of the 2-D part. Throws std::domain_error when the transform has no inverse.
     AffineTransform Inverse() const;
+    // Rows and columns exchanged.
     AffineTransform Transposed() const;
 
     // Axis-aligned bounding box of the four transformed corners.

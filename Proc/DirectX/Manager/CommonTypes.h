@@ -14,18 +14,19 @@ namespace Norvex::DX {
 // A rectangle by its edges. As a pixel rectangle right and bottom are exclusive.
 template <class T>
 struct Rect2DT {
-    T left{};
-    T top{};
-    T right{};
-    T bottom{};
+    T left{};   // first column
+    T top{};    // first row
+    T right{};  // behind the last column
+    T bottom{}; // behind the last row
 
     friend bool operator==(const Rect2DT&, const Rect2DT&) = default;
 };
 
+// A width and a height, in pixels as a rule.
 template <class T>
 struct Size2DT {
-    T width{};
-    T height{};
+    T width{};  // columns
+    T height{}; // rows
 
     friend bool operator==(const Size2DT&, const Size2DT&) = default;
 };

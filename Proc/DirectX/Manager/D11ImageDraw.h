@@ -96,6 +96,7 @@ public:
                 const boost::intrusive_ptr<D11RenderTexture2D>& target,
                 const ImageDrawParams& params);
 
+    // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
     // Compiles a pixel shader for this conversion (or none) alone: draws of it are made with that
     // from now on, the same pictures without the other conversions' branches. It takes some 10 ms,
@@ -106,10 +107,12 @@ public:
 
     // Null, the default: replace.
     const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    // Null: replace. Of the next Encode on.
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
     void SetBlend(BlendPreset preset); // "Failed to create blend state"
     // Throws std::bad_optional_access while none is stored; drawing then takes the identity.
     AffineTransform GetTransform() const { return m_transform.value(); }
+    // From the unit square, the picture, to clip space. Of the next Encode on.
     void SetTransform(const AffineTransform& transform) { m_transform = transform; }
 
 protected:
@@ -136,6 +139,7 @@ private:
 // (D3ImageRenderer.h).
 class NORVEX_DX_API D11ImageRenderer : public D11ImageDraw, public D3ImageRenderer {
 public:
+    // Compiles the shaders.
     explicit D11ImageRenderer(const boost::intrusive_ptr<D11Device>& device);
     ~D11ImageRenderer() override;
 

@@ -27,6 +27,7 @@ class D3ShaderBytecode;
 
 class NORVEX_DX_API D11Device : public D3Device {
 public:
+    // The lowest that Create takes.
     static D3D_FEATURE_LEVEL GetMinFeatureLevel() { return D3D_FEATURE_LEVEL_10_0; }
 
     // The live device of the adapter, or a new one of the highest level from 11_1 down to 10_0 that
@@ -77,6 +78,7 @@ public:
     // "Failed to create ID3D11Texture2D: width = ..., height = ..., format = ".
     CComPtr<ID3D11Buffer> CreateBuffer(const D3D11_BUFFER_DESC& desc,
                                        const D3D11_SUBRESOURCE_DATA* initialData);
+    // initialData: null, or one record for each subresource.
     CComPtr<ID3D11Texture2D> CreateTexture2D(const D3D11_TEXTURE2D_DESC& desc,
                                              const D3D11_SUBRESOURCE_DATA* initialData);
     // Views: "Failed to create shader resource view", "... render target view", "... depth stencil
@@ -84,14 +86,18 @@ public:
     CComPtr<ID3D11ShaderResourceView> CreateShaderResourceView(ID3D11Resource* resource);
     CComPtr<ID3D11ShaderResourceView>
     CreateShaderResourceView(ID3D11Resource* resource, const D3D11_SHADER_RESOURCE_VIEW_DESC& desc);
+    // A view to draw on, as described.
     CComPtr<ID3D11RenderTargetView>
     CreateRenderTargetView(ID3D11Resource* resource, const D3D11_RENDER_TARGET_VIEW_DESC& desc);
+    // A view to test depth and stencil with.
     CComPtr<ID3D11DepthStencilView>
     CreateDepthStencilView(ID3D11Resource* resource, const D3D11_DEPTH_STENCIL_VIEW_DESC& desc);
     // States: "Failed to create rasterizer state", "... depth stencil state", "... sampler state",
     // "... input layout", "... blend state".
     CComPtr<ID3D11RasterizerState> CreateRasterizerState(const D3D11_RASTERIZER_DESC& desc);
+    // A state to be bound.
     CComPtr<ID3D11DepthStencilState> CreateDepthStencilState(const D3D11_DEPTH_STENCIL_DESC& desc);
+    // A state to be bound.
     CComPtr<ID3D11SamplerState> CreateSamplerState(const D3D11_SAMPLER_DESC& desc);
     // For the input of the vertex shader with this bytecode. "Shader bytecode is null".
     CComPtr<ID3D11InputLayout>

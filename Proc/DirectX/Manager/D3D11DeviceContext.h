@@ -43,49 +43,70 @@ public:
     // D3D11_MAP_FLAG_DO_NOT_WAIT was given and the GPU still uses the resource.
     D3D11_MAPPED_SUBRESOURCE Map(ID3D11Resource* resource, UINT subresource, D3D11_MAP type,
                                  const std::optional<D3D11_MAP_FLAG>& flags);
+    // Ends what Map began.
     void Unmap(ID3D11Resource* resource, UINT subresource);
     // Without a box: the whole subresource. Pitches in bytes. `data` is read before it returns.
     void UpdateSubresource(ID3D11Resource* resource, UINT subresource, const D3D11_BOX* box,
                            const void* data, UINT rowPitch, UINT depthPitch);
+    // Whole resources of one size and of formats of one family.
     void CopyResource(ID3D11Resource* destination, ID3D11Resource* source);
     // To (x, y, z) of the destination's subresource. sourceBox may be null: the whole subresource.
     void CopySubresourceRegion(ID3D11Resource* destination, UINT destinationSubresource, UINT x,
                                UINT y, UINT z, ID3D11Resource* source, UINT sourceSubresource,
                                const D3D11_BOX* sourceBox);
 
+    // The whole view.
     void ClearDepthStencilView(ID3D11DepthStencilView* view, D3D11_CLEAR_FLAG flags, float depth,
                                UINT8 stencil);
+    // The whole view, with a colour in its own encoding.
     void ClearRenderTargetView(ID3D11RenderTargetView* view, const Proc::ColorF& color);
+    // Unbinds everything.
     void ClearState();
+    // Sends what was recorded to the GPU, without waiting.
     void Flush();
 
+    // How vertices are read.
     void IASetInputLayout(ID3D11InputLayout* layout);
+    // What vertices make up.
     void IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology);
     // All binders: null unbinds. Those that take a vector bind from slot 0 on, and slots after its
     // end keep what they hold, so that an empty one changes nothing; but render targets and
     // viewports are replaced as a whole, so that an empty one leaves none.
     void IASetVertexBuffer(const boost::intrusive_ptr<D11VertexBuffer>& buffer); // slot 0
+    // From slot 0 on.
     void IASetVertexBuffers(const std::vector<boost::intrusive_ptr<D11VertexBuffer>>& buffers);
+    // In its own format, from its first index on.
     void IASetIndexBuffer(const boost::intrusive_ptr<D11IndexBuffer>& buffer);
 
+    // The vertex shader.
     void VSSetShader(const std::shared_ptr<D11VertexShader>& shader);
+    // Of the vertex shader, b0 and on.
     void VSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers);
+    // The pixel shader.
     void PSSetShader(const std::shared_ptr<D11PixelShader>& shader);
+    // Of the pixel shader, b0 and on.
     void PSSetConstantBuffers(const std::vector<ID3D11Buffer*>& buffers);
+    // Of the pixel shader, s0 and on.
     void PSSetSamplers(const std::vector<ID3D11SamplerState*>& samplers);
+    // Of the pixel shader, t0 and on.
     void PSSetShaderResources(const std::vector<ID3D11ShaderResourceView*>& views);
 
+    // Null: Direct3D's default.
     void RSSetState(ID3D11RasterizerState* state);
+    // In pixels of the target.
     void RSSetViewports(const std::vector<D3D11_VIEWPORT>& viewports);
     // Blend factors of one unless given; all samples are written.
     void OMSetBlendState(ID3D11BlendState* state);
     void OMSetBlendState(ID3D11BlendState* state, const std::array<float, 4>& factor);
+    // Null: Direct3D's default.
     void OMSetDepthStencilState(ID3D11DepthStencilState* state, UINT stencilRef);
+    // At most 8 targets; depthView may be null.
     void OMSetRenderTargets(const std::vector<ID3D11RenderTargetView*>& targets,
                             ID3D11DepthStencilView* depthView);
 
     // As many vertices, or indices, as the buffer has; what is drawn is what is bound.
     void Draw(const boost::intrusive_ptr<D11VertexBuffer>& buffer);
+    // As many indices as the buffer has.
     void DrawIndexed(const boost::intrusive_ptr<D11IndexBuffer>& buffer);
 
     // BeginQuery not for time stamps. "Query is null".

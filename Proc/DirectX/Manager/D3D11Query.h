@@ -8,9 +8,9 @@
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
-#include "Proc/DirectX/Manager/LiveObject.h"
 #include "Platform/ComPtr.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/LiveObject.h"
 
 namespace Norvex::DX {
 

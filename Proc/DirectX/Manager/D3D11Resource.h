@@ -38,11 +38,15 @@ public:
     static boost::intrusive_ptr<D11RenderTexture2D>
     Create(const boost::intrusive_ptr<D11Device>& device, const D3D11_TEXTURE2D_DESC& desc);
 
+    // The raw texture, kept.
     const CComPtr<ID3D11Texture2D>& GetTexture() const { return m_texture; }
+    // The texture's.
     void GetDesc(D3D11_TEXTURE2D_DESC* desc) const { m_texture->GetDesc(desc); }
     Size2DT<long> GetSize() const; // pixels
     Rect2DT<long> GetRect() const; // all of it, from (0, 0)
+    // The one view, kept.
     const CComPtr<ID3D11RenderTargetView>& GetView() const { return m_view; }
+    // The view's.
     void GetViewDesc(D3D11_RENDER_TARGET_VIEW_DESC* desc) const { m_view->GetDesc(desc); }
 
 private:
@@ -66,9 +70,12 @@ public:
     Create(const boost::intrusive_ptr<D11Device>& device, const D3D11_TEXTURE2D_DESC& desc,
            const D3D11_SUBRESOURCE_DATA* initialData);
 
+    // The raw texture, kept.
     const CComPtr<ID3D11Texture2D>& GetTexture() const { return m_texture; }
+    // The texture's.
     void GetDesc(D3D11_TEXTURE2D_DESC* desc) const { m_texture->GetDesc(desc); }
     Size2DT<long> GetSize() const; // pixels
+    // The one view, kept.
     const CComPtr<ID3D11ShaderResourceView>& GetView() const { return m_view; }
 
 private:
@@ -91,7 +98,9 @@ public:
     static boost::intrusive_ptr<D11SharedTexture2D>
     Create(const boost::intrusive_ptr<D11Device>& device, const D3D11_TEXTURE2D_DESC& desc);
 
+    // The raw texture, kept.
     const CComPtr<ID3D11Texture2D>& GetTexture() const { return m_texture; }
+    // The texture's.
     void GetDesc(D3D11_TEXTURE2D_DESC* desc) const { m_texture->GetDesc(desc); }
     Size2DT<long> GetSize() const; // pixels
 
@@ -122,6 +131,7 @@ public:
     Create(const boost::intrusive_ptr<D11Device>& device, const void* data, UINT stride,
            UINT count);
 
+    // The raw buffer, kept.
     const CComPtr<ID3D11Buffer>& GetBuffer() const { return m_buffer; }
     UINT GetStride() const { return m_stride; } // bytes a vertex
     UINT GetCount() const { return m_count; }   // vertices
@@ -148,6 +158,7 @@ public:
     Create(const boost::intrusive_ptr<D11Device>& device,
            const std::vector<std::uint32_t>& indices);
 
+    // The raw buffer, kept.
     const CComPtr<ID3D11Buffer>& GetBuffer() const { return m_buffer; }
     DXGI_FORMAT GetFormat() const { return m_format; } // R16_UINT or R32_UINT
     UINT GetCount() const { return m_count; }          // indices
@@ -178,6 +189,7 @@ public:
     OpenShared(const boost::intrusive_ptr<D11Device>& device,
                const boost::intrusive_ptr<D12CompletionEvent>& event);
 
+    // The raw fence, kept.
     const CComPtr<ID3D11Fence>& GetFence() const { return m_fence; }
     // The present target of the Direct3D 12 event.
     UINT64 GetValue() const;

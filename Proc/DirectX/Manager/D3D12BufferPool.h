@@ -39,6 +39,7 @@ public:
     boost::intrusive_ptr<D12Buffer> CreateBuffer(std::uint64_t size);
     // Frees every free buffer and stops the timer.
     void Clear();
+    // The heap type of its buffers.
     D3D12_HEAP_TYPE GetType() const { return m_heapType; }
     // Free buffers at this moment, and their bytes.
     std::pair<std::size_t, std::uint64_t> CountFree() const;
@@ -62,7 +63,9 @@ public:
     D12Buffer& operator=(const D12Buffer&) = delete;
     ~D12Buffer() override;
 
+    // The raw resource, kept.
     const CComPtr<ID3D12Resource>& GetResource() const { return m_resource; }
+    // The resource's.
     const D3D12_RESOURCE_DESC& GetDesc() const { return m_desc; }
     // The rounded size in bytes.
     std::uint64_t GetSize() const { return m_desc.Width; }

@@ -32,9 +32,9 @@ class NORVEX_DX_API D12AllocatorState {
 public:
     // Empty vectors, which keep their memory for the next user.
     struct Room {
-        std::vector<boost::intrusive_ptr<D12CommandList>> lists;
-        std::vector<ID3D12CommandList*> submitted;
-        std::vector<D12TrackedObjects> inUse;
+        std::vector<boost::intrusive_ptr<D12CommandList>> lists; // queued for the next submission
+        std::vector<ID3D12CommandList*> submitted;               // what the queue is given
+        std::vector<D12TrackedObjects> inUse;                    // by the GPU
     };
 
     // "Failed to create command allocator".
@@ -43,7 +43,9 @@ public:
     D12AllocatorState& operator=(D12AllocatorState&&) noexcept = default;
     ~D12AllocatorState() = default;
 
+    // The raw allocator, borrowed.
     ID3D12CommandAllocator* Get() const { return m_allocator; }
+    // Its fence and target.
     const boost::intrusive_ptr<D12CompletionEvent>& GetCompletionEvent() const {
         return m_completionEvent;
     }
@@ -55,6 +57,7 @@ public:
     // Never releases them: nothing tells when the GPU has finished.
     void Abandon() noexcept;
 
+    // To be taken and given back.
     Room& GetRoom() { return m_room; }
 
 private:
@@ -79,7 +82,9 @@ public:
     D12CommandAllocator(const D12CommandAllocator&) = delete;
     D12CommandAllocator& operator=(const D12CommandAllocator&) = delete;
 
+    // The queue's.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // The queue's.
     D3D12_COMMAND_LIST_TYPE GetType() const { return m_type; }
     // The GPU has finished the last submission (true before the first, and on a removed device).
     bool IsCompleted() const;
@@ -148,7 +153,9 @@ public:
     void ClearRenderTargetView(const boost::intrusive_ptr<D12Descriptor>& target,
                                bitflags<D3D12_RESOURCE_STATES> state, const Proc::ColorF& color,
                                const std::vector<RECT>& rects);
+    // Into a buffer; what is wrong: D12CommandQueue.
     void UploadRegion(const D12UploadRegionParams& params);
+    // Into a texture; what is wrong: D12CommandQueue.
     void UploadResource(const D12UploadResourceParams& params);
     // For time stamps: when the GPU comes here, after what was recorded before. (Other queries are
     // of one list: RecordList.) "Query is null".

@@ -43,8 +43,11 @@ public:
     D12CommandList(const D12CommandList&) = delete;
     D12CommandList& operator=(const D12CommandList&) = delete;
 
+    // The raw list, borrowed.
     ID3D12CommandList* Get() const { return m_list; }
+    // The queue's.
     D3D12_COMMAND_LIST_TYPE GetType() const;
+    // Whether Close has succeeded.
     bool IsClosed() const { return m_closed; }
 
     // Keeps the object alive until the GPU has finished; null, and an object already kept, are
@@ -53,8 +56,11 @@ public:
     void TrackObject(const boost::intrusive_ptr<IRefCountable>& object);
 
 protected:
+    // The queue's.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // For Close alone.
     void MarkClosed() { m_closed = true; }
+    // Keeps the object without asking whether it is kept already.
     template <class Object>
     void Keep(Object* object) {
         m_tracked.Add(object);
@@ -97,6 +103,7 @@ public:
     // most 8 targets: "Invalid render target count".
     void OMSetRenderTarget(const boost::intrusive_ptr<D12Descriptor>& target,
                            const boost::intrusive_ptr<D12Descriptor>& depth);
+    // At most 8; depth may be null. Keeps what the views show.
     void OMSetRenderTargets(const std::vector<boost::intrusive_ptr<D12Descriptor>>& targets,
                             const boost::intrusive_ptr<D12Descriptor>& depth);
     // No rectangles: the whole view.
@@ -105,33 +112,47 @@ public:
 
     // A null buffer leaves its slot (null index buffer: the index slot) without one.
     void IASetVertexBuffer(const boost::intrusive_ptr<D12VertexBuffer>& buffer); // slot 0
+    // From startSlot on. Keeps them.
     void IASetVertexBuffers(unsigned startSlot,
                             const std::vector<boost::intrusive_ptr<D12VertexBuffer>>& buffers);
+    // In its own format. Keeps it.
     void IASetIndexBuffer(const boost::intrusive_ptr<D12IndexBuffer>& buffer);
+    // What vertices make up.
     void IASetPrimitiveTopology(D3D_PRIMITIVE_TOPOLOGY topology);
     // All vertices (indices) of the buffer, one instance. "Vertex buffer is null", "Index buffer is
     // null".
     void Draw(const boost::intrusive_ptr<D12VertexBuffer>& buffer);
+    // As many indices as the buffer has.
     void DrawIndexed(const boost::intrusive_ptr<D12IndexBuffer>& buffer);
 
+    // Pixels of the target.
     void RSSetViewports(const std::vector<D3D12_VIEWPORT>& viewports);
+    // Pixels of the target.
     void RSSetScissorRects(const std::vector<RECT>& rects);
+    // Keeps it.
     void SetPipelineState(const CComPtr<ID3D12PipelineState>& pipelineState);
+    // Keeps it. Root arguments are unset then.
     void SetRootSignature(const CComPtr<ID3D12RootSignature>& rootSignature);
     // Either may be null; with both null no heap is set.
     void SetDescriptorHeaps(const boost::intrusive_ptr<D12DescriptorGPUHeap>& views,
                             const boost::intrusive_ptr<D12DescriptorGPUHeap>& samplers);
+    // count values of 32 bits, copied.
     void SetRoot32BitConstants(unsigned rootIndex, unsigned count, const void* data);
+    // Of a heap that SetDescriptorHeaps has set.
     void SetRootDescriptorTable(unsigned rootIndex, D3D12_GPU_DESCRIPTOR_HANDLE table);
     // The buffer behind the address is the caller's to track.
     void SetRootConstantBufferView(unsigned rootIndex, D3D12_GPU_VIRTUAL_ADDRESS address);
+    // The buffer behind the address is the caller's to track.
     void SetRootShaderResourceView(unsigned rootIndex, D3D12_GPU_VIRTUAL_ADDRESS address);
+    // The buffer behind the address is the caller's to track.
     void SetRootUnorderedAccessView(unsigned rootIndex, D3D12_GPU_VIRTUAL_ADDRESS address);
 
     // Keeps alive the resources that the barriers name.
     void ResourceBarrier(const std::vector<D3D12_RESOURCE_BARRIER>& barriers);
+    // Whole resources of one size and format family. Keeps both.
     void CopyResource(const CComPtr<ID3D12Resource>& destination,
                       const CComPtr<ID3D12Resource>& source);
+    // Offsets and size in bytes. Keeps both buffers.
     void CopyBufferRegion(const CComPtr<ID3D12Resource>& destination,
                           std::uint64_t destinationOffset, const CComPtr<ID3D12Resource>& source,
                           std::uint64_t sourceOffset, std::uint64_t size);
@@ -143,20 +164,24 @@ public:
     // BeginQuery not for time stamps. EndQuery also has the result written to the query's place in
     // the readback buffer.
     void BeginQuery(const boost::intrusive_ptr<D12Query>& query);
+    // Ends what BeginQuery began; a time stamp is taken here. Keeps the query.
     void EndQuery(const boost::intrusive_ptr<D12Query>& query);
 
     // In upload memory, filled at once. The sizes are in bytes and vertices. What
     // D12Device::CreateBuffer throws.
     boost::intrusive_ptr<D12VertexBuffer> CreateVertexBuffer(const void* data, unsigned vertexSize,
                                                              unsigned vertexCount);
+    // In upload memory, of at least one index. What D12Device::CreateBuffer throws.
     boost::intrusive_ptr<D12IndexBuffer>
     CreateIndexBuffer(const std::vector<std::uint16_t>& indices);
+    // In upload memory, of at least one index. What D12Device::CreateBuffer throws.
     boost::intrusive_ptr<D12IndexBuffer>
     CreateIndexBuffer(const std::vector<std::uint32_t>& indices);
 
     // Record the transfer; messages as of D12CommandQueue. The data are read at once. When one
     // throws, nothing was recorded.
     void UploadRegion(const D12UploadRegionParams& params);
+    // Into a texture; what is wrong: D12CommandQueue.
     void UploadResource(const D12UploadResourceParams& params);
 
 private:

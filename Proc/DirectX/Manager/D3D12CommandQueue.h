@@ -38,6 +38,7 @@ public:
     D12CompletionEvent(const D12CompletionEvent&) = delete;
     D12CompletionEvent& operator=(const D12CompletionEvent&) = delete;
 
+    // The raw fence, kept.
     const CComPtr<ID3D12Fence>& GetFence() const { return m_fence; }
     // Null unless shared; the event's, not to be closed.
     HANDLE GetSharedHandle() const { return m_sharedHandle; }
@@ -84,37 +85,37 @@ private:
 
 // CPU memory of one subresource; pitches in bytes, and never less than what a row or slice holds.
 struct D12UploadSubresource {
-    const std::uint8_t* data = nullptr;
-    std::uint64_t rowPitch = 0;
-    std::uint64_t slicePitch = 0;
+    const std::uint8_t* data = nullptr; // what is copied
+    std::uint64_t rowPitch = 0;         // bytes from row to row
+    std::uint64_t slicePitch = 0;       // bytes from slice to slice
 };
 
 struct D12DownloadSubresource {
-    std::uint8_t* data = nullptr;
-    std::uint64_t rowPitch = 0;
-    std::uint64_t slicePitch = 0;
+    std::uint8_t* data = nullptr; // what is copied
+    std::uint64_t rowPitch = 0;   // bytes from row to row
+    std::uint64_t slicePitch = 0; // bytes from slice to slice
 };
 
 // From CPU memory into a part of a buffer. `data` is read before the call returns.
 struct D12UploadRegionParams {
-    CComPtr<ID3D12Resource> destination; // a buffer
-    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
-    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;
-    std::uint64_t destinationOffset = 0; // bytes
-    const std::uint8_t* data = nullptr;
-    std::uint64_t size = 0; // bytes
+    CComPtr<ID3D12Resource> destination;                                // a buffer
+    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST; // when it begins
+    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;  // when it ends
+    std::uint64_t destinationOffset = 0;                                // bytes
+    const std::uint8_t* data = nullptr;                                 // what is copied
+    std::uint64_t size = 0;                                             // bytes
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is an upload pool; else the device's
 };
 
 // From a part of a buffer into CPU memory.
 struct D12DownloadRegionParams {
-    std::uint8_t* destination = nullptr;
-    std::uint64_t size = 0;         // bytes
-    CComPtr<ID3D12Resource> source; // a buffer
-    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE;
-    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
-    std::uint64_t sourceOffset = 0; // bytes
+    std::uint8_t* destination = nullptr;                                  // where it goes
+    std::uint64_t size = 0;                                               // bytes
+    CComPtr<ID3D12Resource> source;                                       // a buffer
+    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE; // when it begins
+    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;  // when it ends
+    std::uint64_t sourceOffset = 0;                                       // bytes
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is a readback pool; else the device's
 };
@@ -122,10 +123,10 @@ struct D12DownloadRegionParams {
 // From CPU memory into subresources of a texture, one record each in subresource order. Read before
 // the call returns.
 struct D12UploadResourceParams {
-    CComPtr<ID3D12Resource> destination;
-    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
-    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;
-    std::vector<D12UploadSubresource> subresources;
+    CComPtr<ID3D12Resource> destination;                                // what is written
+    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_DEST; // when it begins
+    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_DEST;  // when it ends
+    std::vector<D12UploadSubresource> subresources;                     // the first ones
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is an upload pool; else the device's
     // The first of the subresources, which the states then are of alone. Without: the first of the
@@ -138,10 +139,10 @@ struct D12UploadResourceParams {
 
 // From subresources of a texture into CPU memory. The same as there.
 struct D12DownloadResourceParams {
-    CComPtr<ID3D12Resource> source;
-    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE;
-    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;
-    std::vector<D12DownloadSubresource> subresources;
+    CComPtr<ID3D12Resource> source;                                       // what is read
+    D3D12_RESOURCE_STATES stateBefore = D3D12_RESOURCE_STATE_COPY_SOURCE; // when it begins
+    D3D12_RESOURCE_STATES stateAfter = D3D12_RESOURCE_STATE_COPY_SOURCE;  // when it ends
+    std::vector<D12DownloadSubresource> subresources;                     // the first ones
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is a readback pool; else the device's
     std::optional<unsigned> firstSubresource = std::nullopt;
@@ -159,10 +160,14 @@ public:
     D12CommandQueue(const D12CommandQueue&) = delete;
     D12CommandQueue& operator=(const D12CommandQueue&) = delete;
 
+    // The raw queue, borrowed.
     ID3D12CommandQueue* Get() const { return m_queue; }
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // Of its lists.
     D3D12_COMMAND_LIST_TYPE GetType() const { return m_type; }
 
+    // A new allocator, idle.
     boost::intrusive_ptr<D12CommandAllocator> CreateCommandAllocator();
     // See DXGIFactory::CreateSwapChainForHwnd.
     CComPtr<IDXGISwapChain3> CreateSwapChainForHwnd(HWND window, const DXGI_SWAP_CHAIN_DESC1& desc);
@@ -173,10 +178,12 @@ public:
     // data" without data, and for resources when a row pitch is smaller than the row; "Subresource
     // index out of range".
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
+    // Into a texture.
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);
     // Block until the data are in CPU memory. "Resource is null", "Source resource is not a
     // buffer", "Downloading data does not fit in the source", "Invalid download data" as above.
     void DownloadRegion(const D12DownloadRegionParams& params);
+    // From a texture.
     void DownloadResource(const D12DownloadResourceParams& params);
 
     // Raises the event's target by one and has the GPU signal it after what was submitted before,

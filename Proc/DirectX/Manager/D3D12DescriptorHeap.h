@@ -37,7 +37,9 @@ public:
     // Called by a dying descriptor of this heap.
     virtual void ReuseDescriptor(D12Descriptor* descriptor);
 
+    // The raw heap, borrowed.
     const CComPtr<ID3D12DescriptorHeap>& GetHeap() const { return m_heap; }
+    // Of its descriptors.
     D3D12_DESCRIPTOR_HEAP_TYPE GetType() const { return m_desc.Type; }
     // The true capacity; a multiple of 64, at least what was asked for.
     unsigned NumDescriptors() const { return m_desc.NumDescriptors; }
@@ -45,6 +47,7 @@ public:
     D3D12_CPU_DESCRIPTOR_HANDLE GetCPUHandle(unsigned index) const;
 
 protected:
+    // Over a heap of the pool's.
     D12DescriptorHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12DescriptorHeap> heap,
                       boost::intrusive_ptr<D12DescriptorHeapPool> pool);
 
@@ -62,6 +65,7 @@ public:
     ~D12DescriptorCPUHeap() override;
 
     void ReuseDescriptor(D12Descriptor* descriptor) override;
+    // Whether a slot is free at this moment.
     bool HasFree() const;
 
     // Views by description; without one Direct3D derives it from the resource. Null resources with
@@ -72,6 +76,7 @@ public:
     boost::intrusive_ptr<D12Descriptor>
     CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource,
                              const D3D12_CONSTANT_BUFFER_VIEW_DESC& desc);
+    // A view for shaders.
     boost::intrusive_ptr<D12Descriptor>
     CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
                              const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
@@ -80,10 +85,13 @@ public:
     CreateUnorderedAccessView(const CComPtr<ID3D12Resource>& resource,
                               const CComPtr<ID3D12Resource>& counter,
                               const std::optional<D3D12_UNORDERED_ACCESS_VIEW_DESC>& desc);
+    // A sampler.
     boost::intrusive_ptr<D12Descriptor> CreateSampler(const D3D12_SAMPLER_DESC& desc);
+    // A view to draw on.
     boost::intrusive_ptr<D12Descriptor>
     CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
                            const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    // A view to test depth and stencil with.
     boost::intrusive_ptr<D12Descriptor>
     CreateDepthStencilView(const CComPtr<ID3D12Resource>& resource,
                            const std::optional<D3D12_DEPTH_STENCIL_VIEW_DESC>& desc);
@@ -93,8 +101,10 @@ public:
     // operations above throw. stride: bytes of one element, 0 counts bytes.
     boost::intrusive_ptr<D12Descriptor>
     CreateConstantBufferView(const CComPtr<ID3D12Resource>& resource);
+    // All of a buffer, for shaders.
     boost::intrusive_ptr<D12Descriptor>
     CreateBufferShaderResourceView(const CComPtr<ID3D12Resource>& resource, unsigned stride);
+    // All of a buffer, to be written; counter may be null.
     boost::intrusive_ptr<D12Descriptor>
     CreateBufferUnorderedAccessView(const CComPtr<ID3D12Resource>& resource, unsigned stride,
                                     D3D12_BUFFER_UAV_FLAGS flags, unsigned counterOffset,
@@ -102,8 +112,10 @@ public:
     // cube: a 2-D array of six (or a multiple) is a cube (array of cubes).
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource, bool cube);
+    // A view to draw on.
     boost::intrusive_ptr<D12Descriptor>
     CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource, unsigned mipSlice);
+    // One mip level of a texture, to be written.
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureUnorderedAccessView(const CComPtr<ID3D12Resource>& resource, unsigned mipSlice);
 
@@ -166,9 +178,11 @@ public:
     // D12DescriptorCPUHeap.
     boost::intrusive_ptr<D12Descriptor>
     CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource);
+    // A view to draw on.
     boost::intrusive_ptr<D12Descriptor>
     CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
                            const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    // All of a texture, for shaders.
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 

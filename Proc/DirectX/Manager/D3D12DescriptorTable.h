@@ -30,6 +30,7 @@ public:
     D3D12_ROOT_PARAMETER1 Serialize() override;
 
 protected:
+    // For size descriptors.
     D12DescriptorTable(const CComPtr<ID3D12Device>& device, unsigned size,
                        D3D12_SHADER_VISIBILITY visibility);
 
@@ -56,6 +57,7 @@ private:
 
 class NORVEX_DX_API D12ViewTable : public D12DescriptorTable {
 public:
+    // A table of size empty places.
     static boost::intrusive_ptr<D12ViewTable>
     Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
 
@@ -66,6 +68,7 @@ public:
                  D3D12_DESCRIPTOR_RANGE_FLAGS flags);
 
     void CountDescriptors(CommitContext& context) override;
+    // Copies its descriptors into the context's heap and sets the root argument.
     void SetToCommandList(CommitContext& context) override;
 
 private:
@@ -74,6 +77,7 @@ private:
 
 class NORVEX_DX_API D12SamplerTable : public D12DescriptorTable {
 public:
+    // A table of size empty places.
     static boost::intrusive_ptr<D12SamplerTable>
     Init(const CComPtr<ID3D12Device>& device, unsigned size, D3D12_SHADER_VISIBILITY visibility);
 
@@ -84,6 +88,7 @@ public:
                     D3D12_DESCRIPTOR_RANGE_FLAGS flags);
 
     void CountDescriptors(CommitContext& context) override;
+    // Copies its descriptors into the context's heap and sets the root argument.
     void SetToCommandList(CommitContext& context) override;
 
 private:

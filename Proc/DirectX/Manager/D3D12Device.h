@@ -43,41 +43,42 @@ class D12DevicePool;
 
 // What CreateBuffer makes.
 struct D12BufferDesc {
-    D3D12_HEAP_TYPE heapType = D3D12_HEAP_TYPE_DEFAULT;
-    D3D12_HEAP_FLAGS heapFlags = D3D12_HEAP_FLAG_NONE;
-    std::uint64_t size = 0; // bytes
-    D3D12_RESOURCE_FLAGS resourceFlags = D3D12_RESOURCE_FLAG_NONE;
-    D3D12_RESOURCE_STATES initialState = D3D12_RESOURCE_STATE_COMMON;
+    D3D12_HEAP_TYPE heapType = D3D12_HEAP_TYPE_DEFAULT; // who may touch it
+    D3D12_HEAP_FLAGS heapFlags = D3D12_HEAP_FLAG_NONE;  // D3D12_HEAP_FLAG_SHARED to share it
+    std::uint64_t size = 0;                             // bytes
+    D3D12_RESOURCE_FLAGS resourceFlags = D3D12_RESOURCE_FLAG_NONE;    // what else it is for
+    D3D12_RESOURCE_STATES initialState = D3D12_RESOURCE_STATE_COMMON; // when it is made
     const std::uint8_t* initialData = nullptr; // null, or `size` bytes; upload heap only
 };
 
 // What CreateTexture2D makes, in a default heap.
 struct D12Texture2DDesc {
-    D3D12_HEAP_FLAGS heapFlags = D3D12_HEAP_FLAG_NONE;
-    std::uint64_t width = 0;
-    std::uint32_t height = 0;
-    std::uint16_t arraySize = 1;
-    std::uint16_t mipLevels = 1;
-    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;
-    DXGI_SAMPLE_DESC sampleDesc = {1, 0};
-    D3D12_RESOURCE_FLAGS resourceFlags = D3D12_RESOURCE_FLAG_NONE;
-    D3D12_RESOURCE_STATES initialState = D3D12_RESOURCE_STATE_COMMON;
+    D3D12_HEAP_FLAGS heapFlags = D3D12_HEAP_FLAG_NONE; // D3D12_HEAP_FLAG_SHARED to share it
+    std::uint64_t width = 0;                           // pixels
+    std::uint32_t height = 0;                          // pixels
+    std::uint16_t arraySize = 1;                       // slices
+    std::uint16_t mipLevels = 1;                       // 0: all down to 1 x 1
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;          // of a pixel
+    DXGI_SAMPLE_DESC sampleDesc = {1, 0};              // of a pixel
+    D3D12_RESOURCE_FLAGS resourceFlags = D3D12_RESOURCE_FLAG_NONE;    // what else it is for
+    D3D12_RESOURCE_STATES initialState = D3D12_RESOURCE_STATE_COMMON; // when it is made
     std::optional<std::array<float, 4>> clearColor; // RGBA; the optimised clear value
 };
 
 // Where one subresource lies in a linear buffer: Direct3D's placed footprint with row count and row
 // size.
 struct D12PlacedSubResourceFootprint {
-    std::uint64_t Offset = 0;
-    D3D12_SUBRESOURCE_FOOTPRINT Footprint = {};
-    std::uint32_t NumRows = 0;
-    std::uint64_t RowSizeInBytes = 0; // without the padding of RowPitch
+    std::uint64_t Offset = 0;                   // bytes from the start
+    D3D12_SUBRESOURCE_FOOTPRINT Footprint = {}; // format, extent and row pitch
+    std::uint32_t NumRows = 0;                  // of pixels or blocks
+    std::uint64_t RowSizeInBytes = 0;           // without the padding of RowPitch
 };
 
 class NORVEX_DX_API D12Device : public D3Device {
 public:
     // Whether the system has Direct3D 12 (not whether an adapter does).
     static bool IsAvailable();
+    // The lowest that Create takes.
     static D3D_FEATURE_LEVEL GetMinFeatureLevel() { return D3D_FEATURE_LEVEL_11_1; }
 
     // The live device of the adapter, or a new one; a removed device is not reused. "DirectX 12
@@ -86,6 +87,7 @@ public:
     // DXGIAdapter throw.
     static boost::intrusive_ptr<D12Device> Create(const DXGIAdapter& adapter);
     static boost::intrusive_ptr<D12Device> Create(const LUID& luid);
+    // On adapter 0. Also throws what DXGIFactory throws.
     static boost::intrusive_ptr<D12Device> CreatePrimary();
     // The live wrapper of a raw device, removed or not; null when the library did not make it.
     static boost::intrusive_ptr<D12Device> Find(ID3D12Device* device);
@@ -99,10 +101,12 @@ public:
     ID3D12Device* Get() const { return m_device; }
     // Of the loaded Direct3D 12 runtime; empty when it does not say.
     std::optional<unsigned> GetSDKVersion() const;
+    // The newest that the device takes.
     D3D_ROOT_SIGNATURE_VERSION GetRootSignatureVersion() const { return m_rootSignatureVersion; }
     // Empty sets when the device does not know the format.
     std::pair<bitflags<D3D12_FORMAT_SUPPORT1>, bitflags<D3D12_FORMAT_SUPPORT2>>
     CheckFormatSupport(DXGI_FORMAT format) const;
+    // Empty when the device does not know the format.
     std::optional<unsigned> GetFormatPlaneCount(DXGI_FORMAT format) const;
 
     // An upload heap needs the initial state generic read, a readback heap copy destination: else
@@ -120,6 +124,7 @@ public:
     // An NT handle that the caller closes. "Failed to create shared handle", in both directions;
     // null too.
     HANDLE CreateSharedHandle(ID3D12DeviceChild* object);
+    // A resource of another device or process; the handle stays the caller's.
     CComPtr<ID3D12Resource> OpenSharedResource(HANDLE handle);
     // "Failed to create graphics pipeline state", and what the description's conversion throws.
     CComPtr<ID3D12PipelineState> CreateGraphicsPipelineState(const D12GraphicsPipelineDesc& desc);
@@ -127,11 +132,15 @@ public:
     // Default: direct, of normal priority. "Failed to create command queue".
     boost::intrusive_ptr<D12CommandQueue>
     CreateCommandQueue(const D3D12_COMMAND_QUEUE_DESC& desc = {});
+    // A fence with target 0; D3D12_FENCE_FLAG_SHARED for Direct3D 11.
     boost::intrusive_ptr<D12CompletionEvent> CreateCompletionEvent(D3D12_FENCE_FLAGS flags);
+    // A pool of the caller's own.
     boost::intrusive_ptr<D12BufferPool> CreateBufferPool(D3D12_HEAP_TYPE heapType);
     // From the device's own pools; contents are undefined.
     boost::intrusive_ptr<D12Buffer> CreateUploadBuffer(std::uint64_t size);
+    // From the device's own pools; contents are undefined.
     boost::intrusive_ptr<D12Buffer> CreateReadbackBuffer(std::uint64_t size);
+    // Empty ones.
     boost::intrusive_ptr<D12ShaderParameters> CreateShaderParameters();
     // From the device's own pool. See D12QueryHeapPool::CreateQuery.
     boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
@@ -140,8 +149,11 @@ public:
     boost::intrusive_ptr<D12DescriptorGPUHeap> CreateViewHeap(unsigned count);
     // CPU heaps of at least `count` descriptors, the caller's own.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateShaderViewHeap(unsigned count);
+    // For at least count samplers, not shader-visible.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateSamplerHeap(unsigned count);
+    // For at least count render targets.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateRenderTargetViewHeap(unsigned count);
+    // For at least count depth buffers.
     boost::intrusive_ptr<D12DescriptorCPUHeap> CreateDepthStencilViewHeap(unsigned count);
     // One-off views in the device's shared heaps; see D12DescriptorHeapPool.
     boost::intrusive_ptr<D12Descriptor>
@@ -149,12 +161,14 @@ public:
     boost::intrusive_ptr<D12Descriptor>
     CreateRenderTargetView(const CComPtr<ID3D12Resource>& resource,
                            const std::optional<D3D12_RENDER_TARGET_VIEW_DESC>& desc);
+    // All of a texture, from the device's shared heaps.
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
 
     // Idle allocators and lists, for the command classes; see D12DevicePool. What comes back must
     // be idle (the GPU is done; a list is closed). "Failed to create command allocator".
     D12AllocatorState CreateCommandAllocator(D3D12_COMMAND_LIST_TYPE type);
+    // Takes back what an allocator was lent.
     void ReuseCommandAllocator(D3D12_COMMAND_LIST_TYPE type, D12AllocatorState&& state);
     // Open for recording; types direct, bundle, compute and copy, else "Unsupported command list
     // type: " and the number. "Failed to reset command list", "Failed to create command list".
@@ -166,6 +180,7 @@ public:
     // "Failed to create command list".
     CComPtr<ID3D12CommandList> CreateClosedCommandList(D3D12_COMMAND_LIST_TYPE type,
                                                        const GUID& riid);
+    // Takes back what a list was lent.
     void ReuseCommandList(CComPtr<ID3D12CommandList>&& list);
 
     // At this moment, for statistics. What is in use is not counted.

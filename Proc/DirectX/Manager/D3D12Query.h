@@ -39,13 +39,19 @@ public:
     // Occlusion: samples that passed; binary occlusion: 0 or not 0; time stamp: ticks, of the
     // frequency that ID3D12CommandQueue::GetTimestampFrequency tells.
     std::uint64_t GetUint64Stats() const;
+    // Of a heap for pipeline statistics.
     D3D12_QUERY_DATA_PIPELINE_STATISTICS GetPipelineStats() const;
+    // Of a heap for the longer form.
     D3D12_QUERY_DATA_PIPELINE_STATISTICS1 GetPipelineStats1() const;
     D3D12_QUERY_DATA_SO_STATISTICS GetSoStats() const; // any of the four streams
+    // Of a heap for video decoding.
     D3D12_QUERY_DATA_VIDEO_DECODE_STATISTICS GetVideoDecodeStats() const;
 
+    // What it lies in.
     const boost::intrusive_ptr<D12QueryHeap>& GetHeap() const { return m_heap; }
+    // What is measured.
     D3D12_QUERY_TYPE GetType() const { return m_type; }
+    // Its place there.
     std::uint32_t GetIndex() const { return m_index; }
     // Of the result in the readback buffer, bytes.
     std::uint64_t GetOffset() const { return m_offset; }
@@ -81,11 +87,14 @@ public:
     // The lowest free slot. "Invalid heap type" when the type is for other heaps, "Invalid query
     // type", "There is no free space in the heap for the query".
     boost::intrusive_ptr<D12Query> CreateQuery(D3D12_QUERY_TYPE type);
+    // Whether a place is free at this moment.
     bool HasFreeQuery() const;
     // Of a slot's result in the readback buffer, bytes. "Query index out of range".
     std::uint64_t GetOffset(unsigned index) const;
 
+    // What it lies in.
     const CComPtr<ID3D12QueryHeap>& GetHeap() const { return m_heap; }
+    // What is measured.
     D3D12_QUERY_HEAP_TYPE GetType() const { return m_type; }
     std::uint32_t GetCount() const { return m_count; }         // slots
     std::uint32_t GetQuerySize() const { return m_querySize; } // bytes of one result

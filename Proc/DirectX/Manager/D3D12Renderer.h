@@ -56,9 +56,11 @@ public:
     void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const Proc::ColorF& color,
                 const boost::intrusive_ptr<D12Descriptor>& target, const Rect2DT<long>& rect);
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     const D12BlendState& GetBlendState() const;
+    // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
 
@@ -118,13 +120,16 @@ public:
     void Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
     std::size_t GetSpecializationCount() const;
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
     // Default: replace (ONE, ZERO, all channels).
     D12BlendState GetBlendState() const;
+    // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
     // The user transform; identity when none is set.
     AffineTransform GetTransform() const;
+    // From the unit square, the picture, to clip space. Of the next Encode on.
     void SetTransform(const AffineTransform& transform);
 
 protected:
@@ -158,6 +163,7 @@ private:
 // during an Encode.
 class NORVEX_DX_API D12ImageRenderer : public D12ImageDraw, public D3ImageRenderer {
 public:
+    // Compiles the shaders.
     explicit D12ImageRenderer(const boost::intrusive_ptr<D12Device>& device);
     ~D12ImageRenderer() override;
 

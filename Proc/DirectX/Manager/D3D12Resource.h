@@ -22,6 +22,7 @@ class D12DescriptorHeap;
 
 class NORVEX_DX_API D12Descriptor : public LiveObject {
 public:
+    // What a descriptor describes.
     enum DescriptorType : std::uint32_t {
         ConstantBuffer = 0,
         ShaderResource = 1,
@@ -41,14 +42,19 @@ public:
     const std::vector<CComPtr<ID3D12Resource>>& GetResources() const { return m_resources; }
     // "There are no resources available".
     const CComPtr<ID3D12Resource>& GetFirstResource() const;
+    // What it describes.
     DescriptorType GetType() const { return m_type; }
     // Of the view; DXGI_FORMAT_UNKNOWN for a sampler.
     DXGI_FORMAT GetFormat() const { return m_format; }
+    // Of the heap it lies in.
     D3D12_DESCRIPTOR_HEAP_TYPE GetHeapType() const;
+    // Valid while this lives.
     D3D12_CPU_DESCRIPTOR_HANDLE GetCPUHandle() const { return m_cpuHandle; }
+    // Its slot in the heap.
     std::uint32_t GetIndex() const { return m_index; }
     // The first resource's extent in pixels (mip 0); empty for a sampler.
     Rect2DT<long> GetRect() const;
+    // Of GetRect.
     Size2DT<long> GetSize() const;
 
     // A transition of the first resource, which the barrier borrows. "There are no resources
@@ -82,9 +88,13 @@ public:
     static boost::intrusive_ptr<D12VertexBuffer> Create(const CComPtr<ID3D12Resource>& resource,
                                                         unsigned stride, unsigned count);
 
+    // The raw buffer, kept.
     const CComPtr<ID3D12Resource>& GetBuffer() const { return m_resource; }
+    // Vertices, or indices.
     unsigned GetCount() const { return m_count; }
+    // Bytes a vertex.
     unsigned GetStride() const { return m_view.StrideInBytes; }
+    // What is bound.
     const D3D12_VERTEX_BUFFER_VIEW& GetView() const { return m_view; }
 
 private:
@@ -103,9 +113,13 @@ public:
                                                        DXGI_FORMAT format, unsigned count,
                                                        unsigned sizeInBytes);
 
+    // The raw buffer, kept.
     const CComPtr<ID3D12Resource>& GetBuffer() const { return m_resource; }
+    // Vertices, or indices.
     unsigned GetCount() const { return m_count; }
+    // R16_UINT or R32_UINT.
     DXGI_FORMAT GetFormat() const { return m_view.Format; }
+    // What is bound.
     const D3D12_INDEX_BUFFER_VIEW& GetView() const { return m_view; }
 
 private:

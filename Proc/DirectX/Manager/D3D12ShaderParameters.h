@@ -38,19 +38,25 @@ public:
                                                        unsigned shaderRegister,
                                                        unsigned registerSpace,
                                                        D3D12_SHADER_VISIBILITY visibility);
+    // A buffer set by its address, b registers.
     boost::intrusive_ptr<D12ConstantBufferView>
     AddConstantBufferView(unsigned shaderRegister, unsigned registerSpace,
                           D3D12_ROOT_DESCRIPTOR_FLAGS flags, D3D12_SHADER_VISIBILITY visibility);
+    // A buffer set by its address, t registers.
     boost::intrusive_ptr<D12ShaderResourceView>
     AddShaderResourceView(unsigned shaderRegister, unsigned registerSpace,
                           D3D12_ROOT_DESCRIPTOR_FLAGS flags, D3D12_SHADER_VISIBILITY visibility);
+    // A buffer set by its address, u registers.
     boost::intrusive_ptr<D12UnorderedAccessView>
     AddUnorderedAccessView(unsigned shaderRegister, unsigned registerSpace,
                            D3D12_ROOT_DESCRIPTOR_FLAGS flags, D3D12_SHADER_VISIBILITY visibility);
+    // Of size views.
     boost::intrusive_ptr<D12ViewTable> AddViewTable(unsigned size,
                                                     D3D12_SHADER_VISIBILITY visibility);
+    // Of size samplers.
     boost::intrusive_ptr<D12SamplerTable> AddSamplerTable(unsigned size,
                                                           D3D12_SHADER_VISIBILITY visibility);
+    // Part of the root signature itself.
     void AddSampler(const D3D12_STATIC_SAMPLER_DESC& sampler);
     // Adds the flags; never clears one.
     void SetFlags(std::initializer_list<D3D12_ROOT_SIGNATURE_FLAGS> flags);

@@ -42,15 +42,22 @@ public:
     // Bytes as the device allocates them; an array's idle slices count with their part of it.
     virtual PoolStatistics GetStatistics() const = 0;
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // Of its textures.
     const D12Texture2DDesc& GetDesc() const { return m_desc; }
+    // Pixels.
     std::uint32_t GetWidth() const { return static_cast<std::uint32_t>(m_desc.width); }
+    // Pixels.
     std::uint32_t GetHeight() const { return m_desc.height; }
+    // Whether its textures are slices of arrays.
     bool IsTextureArray() const { return m_desc.arraySize > 1; }
 
 protected:
+    // Makes nothing yet.
     D12Texture2DPool(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc);
 
+    // A handle on one subresource.
     boost::intrusive_ptr<D12Texture2D> CreateTexture(const CComPtr<ID3D12Resource>& resource,
                                                      std::uint32_t subresource);
 
@@ -70,7 +77,9 @@ public:
     const CComPtr<ID3D12Resource>& GetResource() const { return m_resource; }
     // The slice; 0 for a separate texture.
     std::uint32_t GetSubresource() const { return m_subresource; }
+    // Of its textures.
     const D3D12_RESOURCE_DESC& GetDesc() const { return m_desc; }
+    // Whether its textures are slices of arrays.
     bool IsTextureArray() const { return m_desc.DepthOrArraySize > 1; }
 
     // A transition of the subresource that is named, not of this texture's own; it borrows the

@@ -32,10 +32,15 @@ public:
     const std::shared_ptr<const AdapterDescription>& GetDescription() const {
         return m_description;
     }
+    // As Windows shows it, in UTF-8.
     const std::string& GetAdapterName() const { return m_description->name; }
+    // Names the adapter until the machine starts anew.
     const LUID& GetAdapterLuid() const { return m_description->adapterLuid; }
+    // Who made it.
     VendorID GetVID() const { return m_description->vendor; }
+    // Four numbers: "31.0.15.1".
     std::string GetDriverVersion() const { return m_description->GetDriverVersion(); }
+    // What the device was made with.
     D3D_FEATURE_LEVEL GetFeatureLevel() const { return m_featureLevel; }
     // "11.1"; empty for a level that the library does not know.
     std::string GetLevelName() const;
@@ -44,6 +49,7 @@ protected:
     // The adapter may be null.
     DeviceStatistics MakeStatistics(IDXGIAdapter3* adapter) const;
 
+    // For the two generations.
     D3Device(std::shared_ptr<const AdapterDescription> description, D3D_FEATURE_LEVEL featureLevel);
 
 private:

@@ -30,17 +30,17 @@ enum class RenderFitMode : std::uint32_t {
 
 // What both shaders are told, as it lies in their constant buffer; HLSL's bool has four bytes.
 struct D3ImageParams {
-    AffineTransform transposed;
-    std::uint32_t sourceColorSpace = 0; // 0: nothing is converted
-    std::uint32_t targetColorSpace = 0;
-    std::uint32_t sourceAlphaType = 0;
-    std::uint32_t targetAlphaType = 0;
-    std::uint32_t displayLinear = 0;
-    float linearScale = 1.0F;
-    float pqTonemapA = 0.0F;
-    float pqTonemapB = 0.0F;
-    float displayPeakLuminance = 1000.0F;
-    float hlgOOTFGamma = 1.0F;
+    AffineTransform transposed;           // as HLSL reads matrices
+    std::uint32_t sourceColorSpace = 0;   // 0: nothing is converted
+    std::uint32_t targetColorSpace = 0;   // as the source's
+    std::uint32_t sourceAlphaType = 0;    // AlphaType
+    std::uint32_t targetAlphaType = 0;    // AlphaType
+    std::uint32_t displayLinear = 0;      // 1: light of a display
+    float linearScale = 1.0F;             // factor on linear light
+    float pqTonemapA = 0.0F;              // 0: none
+    float pqTonemapB = 0.0F;              // 0: none
+    float displayPeakLuminance = 1000.0F; // cd/m2
+    float hlgOOTFGamma = 1.0F;            // system gamma
     float transparency = 0.0F;      // 1 - opacity
     float colorTransparency = 0.0F; // the same for the colour, where nothing is converted
     // In texture coordinates, of the part that is drawn; an extent of 0: the whole source.
@@ -127,17 +127,20 @@ public:
                                     const Size2DT<long>& source, bool hasStraightAlpha);
     // The constant buffer of both shaders, which begins with these.
     static constexpr std::size_t kParamsSizeInBytes = 256;
+    // MakeParams, and zeros.
     static std::array<std::uint8_t, kParamsSizeInBytes>
     MakeParamsBytes(const AffineTransform& transform,
                     const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
     static std::array<std::uint8_t, kParamsSizeInBytes>
     MakeParamsBytes(const D3ImageParams& params);
+    // The same, as a vector.
     static std::vector<std::uint8_t>
     MakeParamsBuffer(const AffineTransform& transform,
                      const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
     // A fitting mode resets the stored scale to 1.0.
     void SetFitMode(RenderFitMode mode);
+    // Fit by default.
     RenderFitMode GetFitMode() const { return m_fitMode; }
 
     // Target pixels per source pixel, > 0 (else ignored). Changes to RenderFitMode::Free.
@@ -156,11 +159,16 @@ public:
     // the picture, fits the picture.
     float GetEffectiveScale() const;
 
+    // Counter-clockwise; any number.
     void SetRotation(float radians);
+    // Radians, counter-clockwise.
     float GetRotation() const { return m_rotation; }
 
+    // Pixels of the target, right and down positive.
     void SetTranslation(float x, float y);
+    // Pixels of the target, right and down positive.
     void TranslateBy(float dx, float dy);
+    // Pixels of the target, right and down positive.
     std::array<float, 2> GetTranslation() const { return {m_translationX, m_translationY}; }
 
 protected:

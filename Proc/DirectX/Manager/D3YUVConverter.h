@@ -29,8 +29,8 @@ namespace Norvex::DX {
 
 // The state that a resource is in when a call begins, and in which the call leaves it.
 struct D12ResourceStates {
-    D3D12_RESOURCE_STATES before = D3D12_RESOURCE_STATE_COMMON;
-    D3D12_RESOURCE_STATES after = D3D12_RESOURCE_STATE_COMMON;
+    D3D12_RESOURCE_STATES before = D3D12_RESOURCE_STATE_COMMON; // when the call begins
+    D3D12_RESOURCE_STATES after = D3D12_RESOURCE_STATE_COMMON;  // when it ends
 };
 
 class D11QuadPipeline;
@@ -47,6 +47,7 @@ public:
     D12YUVConverter(const D12YUVConverter&) = delete;
     D12YUVConverter& operator=(const D12YUVConverter&) = delete;
 
+    // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
 
     // Records one closed list, or throws and leaves the allocator as it was. The source, a 2-D
@@ -126,6 +127,7 @@ public:
     D11YUVConverter(const D11YUVConverter&) = delete;
     D11YUVConverter& operator=(const D11YUVConverter&) = delete;
 
+    // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
 
     // Inside D11Device::Encode. The source needs D3D11_BIND_SHADER_RESOURCE, the destination

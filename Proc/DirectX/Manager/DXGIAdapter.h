@@ -16,15 +16,15 @@
 namespace Norvex::DX {
 
 struct NORVEX_DX_API AdapterDescription {
-    std::string name; // UTF-8
-    std::uint32_t vendorId = 0;
-    std::uint32_t deviceId = 0;
-    std::uint32_t subSysId = 0;
-    std::uint32_t revision = 0;
+    std::string name;                        // UTF-8
+    std::uint32_t vendorId = 0;              // of PCI
+    std::uint32_t deviceId = 0;              // of PCI
+    std::uint32_t subSysId = 0;              // of PCI
+    std::uint32_t revision = 0;              // of PCI
     std::uint64_t dedicatedVideoMemory = 0;  // bytes
     std::uint64_t dedicatedSystemMemory = 0; // bytes
     std::uint64_t sharedSystemMemory = 0;    // bytes
-    LUID adapterLuid = {};
+    LUID adapterLuid = {};                   // until the machine starts anew
     std::uint64_t driverVersion = 0; // four 16-bit parts, most significant first; 0 when unknown
     std::uint32_t flags = 0;         // DXGI_ADAPTER_FLAG bits
     std::uint32_t vendor = 0;        // canonical PCI vendor id; 0 for an unknown vendor

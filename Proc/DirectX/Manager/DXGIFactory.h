@@ -36,6 +36,7 @@ public:
     DXGIFactory& operator=(const DXGIFactory&) = default;
     ~DXGIFactory() override;
 
+    // A new one. "Failed to create DXGI factory".
     static boost::intrusive_ptr<DXGIFactory> Create();
     // The factory that made the device's adapter. "Failed to get DXGI adapter" (E_INVALIDARG for
     // null), "Failed to get DXGI factory".
@@ -51,6 +52,7 @@ public:
     DXGIAdapter GetPrimaryAdapter();
     // "Failed to obtain adapter".
     DXGIAdapter GetAdapter(const LUID& luid);
+    // Of the interface that the system has.
     DXGIVersion GetVersion() const;
     // False once the adapters or outputs have changed: make a new factory then.
     bool IsCurrent() const;

@@ -22,12 +22,14 @@ class NORVEX_DX_API D3ShaderBytecode {
 public:
     // The entry point that the shader was compiled from.
     const std::string& GetName() const { return m_name; }
+    // The code.
     const CComPtr<ID3D10Blob>& GetBuffer() const { return m_blob; }
 
     // Whether the system's HLSL compiler was found; without it every shader construction throws.
     static bool IsCompilerLoaded();
 
 protected:
+    // Over compiled code.
     D3ShaderBytecode(std::string name, CComPtr<ID3D10Blob> blob);
 
 private:
@@ -42,6 +44,7 @@ public:
     D11VertexShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
                     const std::string& source);
 
+    // The raw shader, borrowed.
     const CComPtr<ID3D11VertexShader>& GetShader() const { return m_shader; }
 
 private:
@@ -55,6 +58,7 @@ public:
     D11PixelShader(const boost::intrusive_ptr<D11Device>& device, const std::string& entryPoint,
                    const std::string& source);
 
+    // The raw shader, borrowed.
     const CComPtr<ID3D11PixelShader>& GetShader() const { return m_shader; }
 
 private:
@@ -66,8 +70,10 @@ public:
     // Compiles. "Failed to compile shader" with the entry point and the compiler's text.
     D12Shader(const std::string& entryPoint, const std::string& source, const std::string& target);
 
+    // Compiles a vertex shader.
     static std::shared_ptr<D12Shader> CreateVertex(const std::string& entryPoint,
                                                    const std::string& source);
+    // Compiles a pixel shader.
     static std::shared_ptr<D12Shader> CreatePixel(const std::string& entryPoint,
                                                   const std::string& source);
 

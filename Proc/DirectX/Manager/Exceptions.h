@@ -41,6 +41,7 @@ using ErrorResult = boost::error_info<TagHResult, HResultValue>;
 // memory state or the messages.
 class NORVEX_DX_API HResult : public ErrorResult {
 public:
+    // A result without a device.
     explicit HResult(long result);
     // These two replace DXGI_ERROR_DEVICE_REMOVED by the device's removal reason, find the adapter
     // of the library's own wrapper of the device, and drain the device's pending debug messages
@@ -70,6 +71,7 @@ public:
     DirectXException& operator=(DirectXException&&) = default;
     ~DirectXException() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 
     // The carried result code; E_FAIL when none was carried. Never throws.
@@ -99,6 +101,7 @@ public:
     DirectX11Exception& operator=(DirectX11Exception&&) = default;
     ~DirectX11Exception() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 };
 
@@ -112,6 +115,7 @@ public:
     DirectX12Exception& operator=(DirectX12Exception&&) = default;
     ~DirectX12Exception() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 };
 
@@ -125,6 +129,7 @@ public:
     D12EncoderException& operator=(D12EncoderException&&) = default;
     ~D12EncoderException() noexcept override;
 
+    // The name of the class in words, the same for all its objects.
     const char* what() const noexcept override;
 };
 

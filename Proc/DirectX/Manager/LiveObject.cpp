@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "Host/CallStack.h"
+#include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
 
 namespace Norvex::DX {

@@ -14,6 +14,7 @@
 
 // One number of all three, for comparisons: 102 is 0.1.2, 10203 is 1.2.3.
 #define NORVEX_DX_MAKE_VERSION(major, minor, patch) ((major) * 10000 + (minor) * 100 + (patch))
+// The version of these headers.
 #define NORVEX_DX_VERSION                                                                          \
     NORVEX_DX_MAKE_VERSION(NORVEX_DX_VERSION_MAJOR, NORVEX_DX_VERSION_MINOR,                       \
                            NORVEX_DX_VERSION_PATCH)
