@@ -417,30 +417,5 @@ TEST_F(D3D12CommandTest, WhatTheGpuMayUseIsReleasedWithTheDeviceOnly) {
     queueFence->Release();
 }
 
-// The n-th allocation of the library fails, for every n: told or coped with, and nothing is lost.
-TEST_F(D3D12CommandTest, OutOfMemoryLosesNothing) {
-    bool hasFailed = true;
-    for (int n = 0; hasFailed; ++n) {
-        const auto gate = MakeGate();
-        AllocatorPtr allocator; // whose end waits for the gate
-        try {
-            hasFailed = false;
-            const OutOfMemory outOfMemory(n);
-            allocator = Queue()->CreateCommandAllocator();
-            Record(allocator);
-            Record(allocator);
-            allocator->Wait(gate);
-            allocator->Execute();
-        } catch (const std::bad_alloc&) {
-            hasFailed = true;
-        }
-        Open(gate);
-        allocator.reset();
-        Queue()->WaitComplete();
-        EXPECT_EQ(CountAlive(), 0) << n;
-        ASSERT_LT(n, 1000);
-    }
-}
-
 } // namespace
 } // namespace Norvex::DX

@@ -223,34 +223,6 @@ TEST_P(DXGISwapChainTest, LooksAtTheDisplayOnlyWhenSomethingMayHaveChanged) {
     expect(NoDisplay, 203);
 }
 
-// However a switch ends: what it leaves fits together, and the next one works.
-TEST_P(DXGISwapChainTest, AFailedSwitchLeavesTheOutputAsItWas) {
-    const auto expect = [&](HDRDisplay::Call call, const char* sentence) {
-        for (const bool isHDR : {true, false}) {
-            for (const int times : {1, 99}) {
-                SCOPED_TRACE(fmt::format("{}, to HDR: {}, {} times", sentence, isHDR, times));
-                Switch(!isHDR);
-                m_display.Fail(call, times);
-                const Thrown thrown = ThrownBy([&] { Switch(isHDR); });
-                EXPECT_EQ(thrown.sentence, sentence);
-                EXPECT_EQ(thrown.result, E_ACCESSDENIED);
-                m_display.Fail(call, 0);
-                if (times > 1) {
-                    SwapChain().RecreateBuffers(); // what could not be undone
-                }
-                ExpectOutput(!isHDR);
-                m_host.Frame();
-                Switch(isHDR);
-                ExpectOutput(isHDR);
-            }
-        }
-    };
-    expect(HDRDisplay::Resize, "Failed to resize DXGI swap chain buffers");
-    expect(HDRDisplay::GetBuffer, "Failed to get back buffer");
-    expect(HDRDisplay::SetColorSpace, "Failed to set color space");
-    expect(HDRDisplay::SetMetadata, "Failed to set HDR metadata");
-}
-
 TEST(DXGIDisplayTest, DescribesTheRealOne) {
     const TestWindow window({16, 16});
     const auto ofWindow = DX::DXGIDisplay::Create(window.Get());

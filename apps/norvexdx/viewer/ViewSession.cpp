@@ -1,6 +1,7 @@
 #include "apps/norvexdx/viewer/ViewSession.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include <fmt/format.h>
@@ -195,15 +196,21 @@ long ViewSession::FindLoss(const Work& work) {
         work(*m_scene);
         return m_scene->GetGraphics().GetDeviceRemovedReason();
     } catch (const DX::DirectXException& failure) {
-        const bool isLoss = DX::IsDeviceLoss(failure.GetResult());
-        const long reason = isLoss               ? failure.GetResult()
-                            : m_scene != nullptr ? m_scene->GetGraphics().GetDeviceRemovedReason()
-                                                 : S_OK;
-        if (reason == S_OK) {
-            throw;
+        if (DX::IsDeviceLoss(failure.GetResult())) {
+            return failure.GetResult();
         }
-        return reason;
+        return GetReasonOr(std::current_exception());
+    } catch (const std::exception&) { // a lost device supports nothing, for one
+        return GetReasonOr(std::current_exception());
     }
+}
+
+long ViewSession::GetReasonOr(const std::exception_ptr& failure) const {
+    const long reason = m_scene != nullptr ? m_scene->GetGraphics().GetDeviceRemovedReason() : S_OK;
+    if (reason == S_OK) {
+        std::rethrow_exception(failure);
+    }
+    return reason;
 }
 
 void ViewSession::HandleLoss(long reason) {

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -68,6 +69,8 @@ private:
     void OnDevice(const Work& work);
     // What the device was lost for meanwhile; S_OK when it works.
     long FindLoss(const Work& work);
+    // The reason of a loss that the failure may follow from; where there is none, throws it on.
+    long GetReasonOr(const std::exception_ptr& failure) const;
     void HandleLoss(long reason);
     void MakeScene();
 
