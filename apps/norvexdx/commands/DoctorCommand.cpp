@@ -269,7 +269,14 @@ std::string MakeText(const Json& report, bool hasDetails) {
 ExitCode RunDoctor(const DoctorOptions& options) {
     const Json report = MakeReport(options);
     Console::Print(options.json ? DumpJson(report) : MakeText(report, options.details));
-    return report["healthy"].get<bool>() ? ExitCode::Success : ExitCode::Failure;
+    const auto wrong = std::ranges::find_if(
+        report["checks"], [](const Json& check) { return !check["right"].get<bool>(); });
+    if (wrong == report["checks"].end()) {
+        return ExitCode::Success;
+    }
+    Console::PrintMessage(fmt::format("not healthy: {}: {}", (*wrong)["name"].get<std::string>(),
+                                      (*wrong)["text"].get<std::string>()));
+    return ExitCode::Failure;
 }
 
 } // namespace Norvex::App
