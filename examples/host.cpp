@@ -69,7 +69,7 @@ LRESULT CALLBACK HandleMessage(HWND window, UINT message, WPARAM wparam, LPARAM 
             SetTimer(window, 1, isHidden ? 100 : USER_TIMER_MAXIMUM, nullptr); // ms
         });
     } else if (message == WM_DPICHANGED) { // lparam: where it looks as large on the other display
-        const auto* to = reinterpret_cast<const RECT*>(lparam);
+        const auto* to = reinterpret_cast<const RECT*>(lparam); // NOLINT(performance-no-int-to-ptr)
         MoveWindow(window, to->left, to->top, to->right - to->left, to->bottom - to->top, TRUE);
     } else if (message == WM_SIZE && scene != nullptr) {
         Do(window, [] { scene->swapChain->RecreateBuffers(); });

@@ -11,12 +11,13 @@ using namespace Norvex;
 namespace {
 
 constexpr UINT kSide = 256; // pixels
+constexpr UINT kRowSize = kSide * 4;
 
 boost::intrusive_ptr<DX::D12Descriptor>
 MakePicture(const boost::intrusive_ptr<DX::D12Device>& device) {
-    std::vector<std::uint32_t> gradient;
-    for (UINT i = 0; i < kSide * kSide; ++i) {
-        gradient.push_back(0xFF800000 | i); // red to the right, green down
+    std::vector<std::uint32_t> gradient(std::size_t{kSide} * kSide);
+    for (std::uint32_t i = 0; i < gradient.size(); ++i) {
+        gradient[i] = 0xFF800000 | i; // red to the right, green down
     }
     DX::D12Texture2DDesc desc;
     desc.width = desc.height = kSide;
@@ -26,7 +27,7 @@ MakePicture(const boost::intrusive_ptr<DX::D12Device>& device) {
     upload.destination = device->CreateTexture2D(desc);
     upload.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(gradient.data());
-    upload.subresources = {{bytes, kSide * 4, gradient.size() * 4}};
+    upload.subresources = {{bytes, kRowSize, gradient.size() * 4}};
     const boost::intrusive_ptr queue(new DX::D12CommandQueue(device, {}));
     queue->UploadResource(upload)->WaitComplete();
     return device->CreateTextureShaderResourceView(upload.destination);
