@@ -256,6 +256,10 @@ protected:
                  m_thrown.hasMemory == (!m_thrown.kind.empty() && result == E_OUTOFMEMORY)));
     }
 
+    static bool IsWait(const std::string& call) {
+        return call == "queue->Signal" || call == "fence->SetEventOnCompletion";
+    }
+
     void ExpectTold(int call, Fault fault) {
         if (GetParam().workload == &Wait12 && fault.result == DXGI_ERROR_DEVICE_REMOVED) {
             return; // what it waits for would not come: only Windows calls off its GPU's work
@@ -286,7 +290,7 @@ protected:
             EXPECT_TRUE(hasReason || !isRemoval || !m_thrown.hasAdapter || own != S_OK) << told;
         }
         // What the GPU may still use is kept where it cannot be waited for.
-        const bool isWait = method == "queue->Signal" || method == "fence->SetEventOnCompletion";
+        const bool isWait = IsWait(method);
         EXPECT_FALSE((!isWait || fault.isLoss) && m_faults.IsAnythingLeft()) << "something is left";
         if (fault.isLoss) {
             EXPECT_EQ(Run(-1, {}), m_expected) << "on a new device: " << m_thrown.sentence;
@@ -334,6 +338,11 @@ TEST_P(FaultTest, EachCallFailsOnce) {
                               std::find(call + 1, calls.end(), *call) == calls.end());
         const bool isOwn = m_faults.GetOwnResult(*call) != S_OK;
         for (std::size_t i = 0; i < (isOwn ? 1 : std::size(kFaults)); ++i) {
+            // Wine ends the program where a swap chain is kept for its GPU when the window goes.
+            if (GetParam().workload == &Present<Generation::Direct3D12> && IsWait(*call) &&
+                !kFaults[i].isLoss) {
+                continue;
+            }
             if (IsWhole() || (isEnd && (isOwn || i == static_cast<std::size_t>(times)))) {
                 ExpectTold(static_cast<int>(call - calls.begin()), kFaults[i]);
                 ++faults;

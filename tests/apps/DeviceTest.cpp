@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Proc/DirectX/Manager/Exceptions.h"
+#include "apps/norvexdx/commands/ConvertCommand.h"
 #include "apps/norvexdx/commands/DoctorCommand.h"
 #include "apps/norvexdx/commands/EncodeCommand.h"
 #include "apps/norvexdx/console/CommandLine.h"
@@ -110,19 +111,28 @@ TEST_P(ViewerDeviceTest, BeginsAnewWhereverTheDeviceIsLost) {
     });
 }
 
-TEST_P(ViewerDeviceTest, ALossFailsTheClipAndLeavesNoFile) {
-    const std::string api = IsDirect3D12() ? "d3d12" : "d3d11";
-    const auto arguments = m_folder.Split("encode @in.png -o @clip --format nv12 --api " + api);
-    const auto encode = std::get<EncodeOptions>(ParseCommandLine(arguments).command);
-    std::size_t failed = 0;
-    LoseAtEachCall([&](bool isLost) {
-        const std::string failure = SentenceOf([&] { RunEncode(encode); });
-        EXPECT_TRUE(isLost || failure == "(nothing)") << failure;
-        EXPECT_EQ(std::filesystem::remove(m_folder.GetPath("clip")), failure == "(nothing)");
-        EXPECT_EQ(m_folder.CountFiles(), 1);
-        failed += failure != "(nothing)" ? 1 : 0;
-    });
-    EXPECT_GT(failed, 3u);
+TEST_P(ViewerDeviceTest, ALossFailsClipsAndPicturesAndLeavesNoFile) {
+    const std::string api = IsDirect3D12() ? " --api d3d12" : " --api d3d11";
+    const auto parse = [&](const std::string& line) {
+        return ParseCommandLine(m_folder.Split(line + api)).command;
+    };
+    const auto encode = std::get<EncodeOptions>(parse("encode @in.png -o @out.png --format nv12"));
+    const auto convert = std::get<ConvertOptions>(parse("convert @in.png @out.png"));
+    const std::function<bool()> ways[] = {
+        [&] { return SentenceOf([&] { RunEncode(encode); }) == "(nothing)"; },
+        [&] { return RunConvert(convert) == ExitCode::Success; }};
+    for (const auto& way : ways) {
+        std::size_t failed = 0;
+        LoseAtEachCall([&](bool isLost) {
+            bool isMade = false;
+            EXPECT_TRUE(SentenceOf([&] { isMade = way(); }) == "(nothing)" || isLost);
+            EXPECT_TRUE(isLost || isMade);
+            EXPECT_EQ(std::filesystem::remove(m_folder.GetPath("out.png")), isMade);
+            EXPECT_EQ(m_folder.CountFiles(), 1);
+            failed += isMade ? 0 : 1;
+        });
+        EXPECT_GT(failed, 3u);
+    }
 }
 
 TEST_P(ViewerDeviceTest, ShowsLightOfTheDisplayInHDR) {

@@ -196,6 +196,17 @@ void InterposeDXGI(Faults& faults, bool isDirect3D12) {
     FailFunction(faults, compile, "D3DCompile2", {"-CompileShader: Failed to compile shader"});
 }
 
+// Until the queue is idle.
+void WaitFor(ID3D12CommandQueue* queue) {
+    const Faults::InCall unnoticed;
+    CComPtr<ID3D12Device> device;
+    CComPtr<ID3D12Fence> fence;
+    queue->GetDevice(IID_PPV_ARGS(&device));
+    device->CreateFence(0, D3D12_FENCE_FLAG_NONE, IID_PPV_ARGS(&fence));
+    queue->Signal(fence, 1);
+    fence->SetEventOnCompletion(1, nullptr);
+}
+
 void Interpose12(Faults& faults) {
     const auto wrapper = DX::D12Device::CreatePrimary();
     const CComPtr device(wrapper->Get());
@@ -212,11 +223,15 @@ void Interpose12(Faults& faults) {
     faults.Keep<MethodPatch<&ID3D12CommandQueue::ExecuteCommandLists>>(
         queue, [&faults](auto original, auto* self, UINT count, auto* lists) {
             original(self, faults.IsLost() ? 0 : count, lists);
+            if (faults.IsRemovalDue() && !faults.IsLost()) {
+                WaitFor(self);
+            }
         });
     faults.Keep<MethodPatch<&ID3D12CommandQueue::Signal>>(
         queue, [&faults](auto original, auto* self, auto* event, UINT64 value) {
             const HRESULT result = original(self, event, value);
             if (faults.IsRemovalDue()) {
+                const Faults::InCall unnoticed;
                 event->SetEventOnCompletion(value, nullptr);
             }
             return result;

@@ -131,7 +131,7 @@ public:
                 return this->IsReasonDue() ? kLossReason : original(self);
             });
     }
-    // Then work is waited for when it is signalled, so that the driver that stands in for a device
+    // Then work is waited for when it is submitted, so that the driver that stands in for a device
     // that is removed has nothing in flight when the library lets go of everything.
     bool IsRemovalDue();
     bool IsLost();
