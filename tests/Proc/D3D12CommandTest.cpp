@@ -107,15 +107,6 @@ TEST_F(D3D12CommandTest, QueuesSignalEventsInOrderAndWaitForThem) {
     EXPECT_FALSE(probe.IsAlive()) << "it is not kept for longer";
 }
 
-TEST_F(D3D12CommandTest, AnAllocatorTakesTimeStamps) {
-    const auto stamp = Device()->CreateQuery(D3D12_QUERY_TYPE_TIMESTAMP);
-    const auto allocator = Queue()->CreateCommandAllocator();
-    allocator->EndQuery(stamp);
-    allocator->Execute();
-    allocator->WaitComplete();
-    EXPECT_GT(stamp->GetUint64Stats(), 0u);
-}
-
 // Allocators of one queue record, give up, submit, are refused and end at random, beside a model of
 // what the GPU may still use. A gate holds the queue back meanwhile.
 TEST_F(D3D12CommandTest, WhatIsTrackedLivesUntilTheGpuIsDone) {

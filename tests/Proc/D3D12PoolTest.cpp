@@ -48,11 +48,10 @@ TEST_F(D3D12PoolTest, StatisticsTellWhatIsInUseAndWhatIsIdle) {
         const auto textures = MakeTextures(slices);
         const auto texture = textures->ObtainTexture();
         textures->ObtainTexture();
-        const auto [inUse, idle, bytesInUse, bytesIdle] = tell(textures->GetStatistics());
-        EXPECT_EQ(inUse, 1U);
-        EXPECT_EQ(idle, slices == 1 ? 1U : 3U);
-        EXPECT_GE(bytesInUse, 64U * 32 * 4);
-        EXPECT_EQ(bytesIdle, bytesInUse * idle);
+        const unsigned idle = slices == 1 ? 1 : 3;
+        const std::uint64_t bytes = textures->GetStatistics().bytesInUse;
+        EXPECT_GE(bytes, 64U * 32 * 4);
+        EXPECT_EQ(tell(textures->GetStatistics()), (Numbers{1, idle, bytes, bytes * idle}));
     }
     const auto expect = [&, before = Device()->GetStatistics()](std::size_t used) {
         const D12DeviceStatistics now = Device()->GetStatistics();
@@ -84,15 +83,13 @@ TEST_F(D3D12PoolTest, StatisticsTellWhatIsInUseAndWhatIsIdle) {
             return result;
         });
     const auto expectMemory = [&](const DeviceStatistics& statistics) {
-        ASSERT_EQ(statistics.localMemory.has_value(), SUCCEEDED(result));
-        EXPECT_EQ(statistics.localMemory.value_or(VideoMemory{1000}).budget, 1000U);
-        EXPECT_EQ(statistics.systemMemory.value_or(VideoMemory{2000, 3}).usage, 3U);
+        EXPECT_EQ(statistics.localMemory.value().budget, 1000U);
+        EXPECT_EQ(statistics.systemMemory.value().usage, 3U);
     };
-    for (const HRESULT answer : {S_OK, E_FAIL}) {
-        result = answer;
-        expectMemory(Device()->GetStatistics());
-        expectMemory(D11Device::CreatePrimary()->GetStatistics());
-    }
+    expectMemory(Device()->GetStatistics());
+    expectMemory(D11Device::CreatePrimary()->GetStatistics());
+    result = E_FAIL;
+    EXPECT_FALSE(Device()->GetStatistics().localMemory.has_value());
 }
 
 TEST_F(D3D12PoolTest, HeapsAreReplacedWhenFullAndTheSmallestThatDoIsRecycled) {

@@ -244,6 +244,10 @@ TEST_F(D3D11ResourceTest, SharedTexturesPassFlagsKeyTimeAndAccess) {
     other.join();
     share();
     EXPECT_EQ(sharing.calls, "7 250; 8; none 9 none none; ");
+    sharing.answer = E_ABORT;
+    ExpectFailure11(acquire, "Failed to acquire texture key mutex", "AcquireSync", E_ABORT);
+    ExpectFailure11(release, "Failed to release texture key mutex", "ReleaseSync", E_ABORT);
+    ExpectFailure11(share, "Failed to create shared handle", "CreateSharedHandle", E_ABORT);
 }
 
 TEST_F(D3D11ResourceTest, BuffersHoldAllTheirContentsOrAreRefused) {
@@ -351,7 +355,7 @@ struct FakeFence : NotingFake {
         Set(&ID3D11Device5::OpenSharedFence,
             [](FakeFence* self, HANDLE handle, REFIID, void** out) {
                 self->opened = handle;
-                return self->GiveTo(out);
+                return SUCCEEDED(self->answer) ? self->GiveTo(out) : self->answer;
             });
     }
 
@@ -370,18 +374,25 @@ TEST(D3D11EventTest, SharedFencesAreOpenedAndCountOneSequence) {
     const auto open = [&] { return D11CompletionEvent::OpenShared(device, shared); };
     NORVEX_EXPECT_REFUSED11("Completion event is null",
                             D11CompletionEvent::OpenShared(device, nullptr));
+    fake.answer = E_ACCESSDENIED;
+    ExpectFailure11(open, "Failed to create fence", "OpenShared", E_ACCESSDENIED);
+    fake.answer = S_OK;
     const auto event = open();
     EXPECT_EQ(fake.opened, shared->GetSharedHandle());
 
     const auto signal = [&] { device->Encode([&](const auto& on) { on->Signal(event); }); };
     const auto wait = [&] { device->Encode([&](const auto& on) { on->Wait(event); }); };
+    fake.answer = E_ACCESSDENIED;
+    ExpectFailure11(signal, "Failed to signal fence", "Signal", E_ACCESSDENIED);
+    ExpectFailure11(wait, "Failed to wait for fence", "Wait", E_ACCESSDENIED);
+    fake.answer = S_OK;
     signal();
     wait();
     EXPECT_EQ(shared->PreIncrementValue(), 2u);
     wait();
     signal();
     EXPECT_EQ(event->PreIncrementValue(), 4u);
-    EXPECT_EQ(fake.calls, "one 1; one 1; one 2; one 3; ");
+    EXPECT_EQ(fake.calls, "one 1; one 0; one 1; one 1; one 2; one 3; ");
 
     device.reset();
     context4.fake = nullptr;

@@ -37,6 +37,8 @@ constexpr RGBColorSpace kRec2020 = {ColorPrimaries::BT2020, TransferCharacterist
 constexpr RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
 constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
 constexpr auto kRGBA8 = DXGI_FORMAT_R8G8B8A8_UNORM;
+constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne,
+                                 AlphaType::Premultiplied};
 
 constexpr unsigned kWidth = 256;
 constexpr unsigned kRows = 8; // of ordinary colours
@@ -122,8 +124,6 @@ TEST(ColorReferenceTest, MeetsPublishedValues) {
 }
 
 TYPED_TEST(DrawTest, EveryConversionAgreesWithTheReferenceAndMakesNumbers) {
-    constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne,
-                                     AlphaType::Premultiplied};
     constexpr float kPeaks[] = {203, 450, 600, 1000, 2000, 4000, 10000};
     constexpr float kScales[] = {1, 1, 0.5F, 0.25F};
     const Pixels card = MakeTestCard();
@@ -242,8 +242,7 @@ TYPED_TEST(DrawTest, PartsFadeAndBlendAndNothingAroundThemShows) {
             expect(blend, params);
             params.conversion.emplace().target = kPQ;
             params.conversion->sourceAlpha = AlphaType::Premultiplied;
-            for (const auto alpha :
-                 {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne, AlphaType::Premultiplied}) {
+            for (const auto alpha : kAlphas) {
                 params.conversion->targetAlpha = alpha;
                 expect(blend, params);
             }

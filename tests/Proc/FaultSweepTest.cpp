@@ -23,7 +23,6 @@
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/Canvas11.h"
-#include "tests/support/Device11.h"
 #include "tests/support/Faults.h"
 #include "tests/support/FrameHost.h"
 #include "tests/support/OutOfMemory.h"
@@ -114,10 +113,8 @@ void UsePools12(Leaving& leaving) {
     const boost::intrusive_ptr fill(new DX::D12FillDraw(device));
     const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
     fill->Encode(allocator, {1.0F, 0.5F, 0.0F, 1.0F}, target, {1, 1, 3, 3});
-    allocator->RecordList(nullptr, [&](const auto& list) {
-        list->TrackObject(texture);
-        list->EndQuery(query);
-    });
+    allocator->RecordList(nullptr, [&](const auto& list) { list->TrackObject(texture); });
+    allocator->EndQuery(query);
     allocator->Execute();
     const boost::intrusive_ptr other(new DX::D12CommandQueue(device, {}));
     const auto second = other->CreateCommandAllocator();
@@ -128,27 +125,8 @@ void UsePools12(Leaving& leaving) {
     leaving.push_back({query->GetUint64Stats() > 0 ? 1.0 : 0.0});
 }
 
-// A texture and a fence that both generations use.
-void Share11(Leaving&) {
-    const auto device = DX::D11Device::CreatePrimary();
-    const auto texture =
-        DX::D11SharedTexture2D::Create(device, MakeTextureDesc11(4, 4, DXGI_FORMAT_R8G8B8A8_UNORM));
-    texture->AcquireSync(0, 0);
-    texture->ReleaseSync(0);
-    CloseHandle(texture->CreateSharedHandle(GENERIC_ALL));
-    const auto device12 = DX::D12Device::CreatePrimary();
-    const MethodPatch<&ID3D12Device::CreateSharedHandle> share(
-        device12->Get(), [](auto, auto*, auto*, auto*, auto, auto, HANDLE* handle) {
-            *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-            return S_OK;
-        });
-    const auto event = DX::D11CompletionEvent::OpenShared(
-        device, device12->CreateCompletionEvent(D3D12_FENCE_FLAG_SHARED));
-    device->Encode([&](const auto& context) {
-        context->Signal(event);
-        context->Wait(event);
-    });
-    DX::D11Device::Attach(device->Get());
+void Attach11(Leaving&) {
+    DX::D11Device::Attach(DX::D11Device::CreatePrimary()->Get());
 }
 
 // Frames, new sizes, and to HDR and back; a switch that failed left nothing half done, and works
@@ -309,11 +287,11 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(, FaultTest,
                          testing::Values(Row{"Draw11", false, &DrawAll<Canvas11>},
-                                         Row{"Share11", false, &Share11},
                                          Row{"Present11", false, &Present<Generation::Direct3D11>},
                                          Row{"Draw12", true, &DrawAll<Canvas>},
                                          Row{"DrawIntoList12", true, &DrawAll<ListCanvas>},
                                          Row{"Pools12", true, &UsePools12},
+                                         Row{"Attach11", false, &Attach11},
                                          Row{"Wait12", true, &Wait12},
                                          Row{"Present12", true, &Present<Generation::Direct3D12>}),
                          [](const auto& row) { return std::string(row.param.name); });

@@ -4,14 +4,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/commands/ConvertCommand.h"
 #include "apps/norvexdx/commands/DoctorCommand.h"
 #include "apps/norvexdx/commands/EncodeCommand.h"
@@ -224,8 +222,7 @@ TEST(DoctorTest, FindsWhatIsWrong) {
 TEST(LostDeviceTest, LeavesTheExampleItsPicture) {
     const auto device = DX::D12Device::CreatePrimary();
     const boost::intrusive_ptr queue(new DX::D12CommandQueue(device, {}));
-    CComPtr<ID3D12Device5> device5;
-    ASSERT_EQ(device->Get()->QueryInterface(IID_PPV_ARGS(&device5)), S_OK);
+    const auto device5 = Platform::Query<ID3D12Device5>(device->Get());
     CComPtr<ID3D12Device> removed; // kept, so that no other has its address
     const MethodPatch<&ID3D12Device5::RemoveDevice> removing(
         device5, [&](auto, ID3D12Device5* self) { removed = self; });
@@ -234,10 +231,15 @@ TEST(LostDeviceTest, LeavesTheExampleItsPicture) {
             return self == removed.p ? DXGI_ERROR_DEVICE_REMOVED : original(self);
         });
     const MethodPatch<&ID3D12CommandQueue::Signal> signal(
-        queue->Get(), [&](auto original, auto* self, auto... args) {
+        queue->Get(), [&](auto original, auto* self, ID3D12Fence* fence, UINT64 value) {
+            const HRESULT result = original(self, fence, value);
             CComPtr<ID3D12Device> owner;
             self->GetDevice(IID_PPV_ARGS(&owner));
-            return owner == removed ? DXGI_ERROR_DEVICE_REMOVED : original(self, args...);
+            if (owner != removed) {
+                return result;
+            }
+            fence->SetEventOnCompletion(value, nullptr); // what is removed does nothing any more
+            return DXGI_ERROR_DEVICE_REMOVED;
         });
     std::string arguments[] = {"device_loss", "2"};
     char* raw[] = {arguments[0].data(), arguments[1].data()};

@@ -296,52 +296,11 @@ void Interpose12(Faults& faults) {
                 "Write: Failed to map upload buffer", "-GetResult: Failed to map query buffer");
 }
 
-// Shared textures and fences, where the system has none: any object that is asked for.
-struct FakeSharing : FakeObject {
-    FakeSharing() {
-        Set(&IDXGIKeyedMutex::AcquireSync, [](FakeObject*, UINT64, DWORD) { return S_OK; });
-        Set(&IDXGIKeyedMutex::ReleaseSync, [](FakeObject*, UINT64) { return S_OK; });
-        Set(&IDXGIResource1::CreateSharedHandle,
-            [](FakeObject*, const SECURITY_ATTRIBUTES*, DWORD, LPCWSTR, HANDLE* handle) {
-                *handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-                return S_OK;
-            });
-        Set(&ID3D11Device5::OpenSharedFence,
-            [](FakeObject* self, HANDLE, REFIID, void** out) { return self->GiveTo(out); });
-        Set(&ID3D11DeviceContext4::Signal, [](FakeObject*, ID3D11Fence*, UINT64) { return S_OK; });
-        Set(&ID3D11DeviceContext4::Wait, [](FakeObject*, ID3D11Fence*, UINT64) { return S_OK; });
-    }
-    ~FakeSharing() { EXPECT_EQ(GetReferences(), 0); }
-};
-
-void InterposeSharing11(Faults& faults, ID3D11Device* device, ID3D11DeviceContext* context,
-                        ID3D11Texture2D* texture) {
-    auto& fake = faults.Keep<FakeSharing>();
-    faults.Keep<InterfacePatch<ID3D11Texture2D, IDXGIKeyedMutex, IDXGIResource1>>(texture, &fake);
-    faults.Keep<InterfacePatch<ID3D11Device, ID3D11Device5>>(device, &fake);
-    faults.Keep<InterfacePatch<ID3D11DeviceContext, ID3D11DeviceContext4>>(context, &fake);
-    const CComPtr mutex(fake.As<IDXGIKeyedMutex>());
-    const CComPtr resource(fake.As<IDXGIResource1>());
-    const CComPtr device5(fake.As<ID3D11Device5>());
-    const CComPtr context4(fake.As<ID3D11DeviceContext4>());
-    NORVEX_FAIL(mutex, AcquireSync, "Failed to acquire texture key mutex");
-    NORVEX_FAIL(mutex, ReleaseSync, "Failed to release texture key mutex");
-    NORVEX_FAIL(resource, CreateSharedHandle, "Failed to create shared handle");
-    NORVEX_FAIL(device5, OpenSharedFence, "OpenShared: Failed to create fence");
-    NORVEX_FAIL(context4, Signal, "-Failed to signal fence");
-    NORVEX_FAIL(context4, Wait, "-Failed to wait for fence");
-}
-
 void Interpose11(Faults& faults) {
     const auto device = MakeRawDevice11();
     const auto context = GetImmediateContext(device);
     const auto dxgiDevice = Platform::Query<IDXGIDevice>(device);
-    D3D11_TEXTURE2D_DESC desc = MakeTextureDesc11(4, 4, DXGI_FORMAT_R8_UNORM);
-    desc.BindFlags = D3D11_BIND_SHADER_RESOURCE;
-    CComPtr<ID3D11Texture2D> texture;
-    device->CreateTexture2D(&desc, nullptr, &texture);
     faults.LoseBy(device.p);
-    InterposeSharing11(faults, device, context, texture);
     using Create = decltype(D3D11CreateDevice);
     void** const place = FindImport(L"NorvexDX.dll", "D3D11CreateDevice");
     faults.Keep<MethodPatch<0, Create>>(
@@ -371,11 +330,8 @@ void Interpose11(Faults& faults) {
     NORVEX_FAIL(device, CreateShaderResourceView, "Failed to create shader resource view");
     NORVEX_FAIL(device, CreateTexture2D, "Failed to create ID3D11Texture2D: width = ");
     NORVEX_FAIL(device, CreateVertexShader, "Failed to create vertex shader");
-    NORVEX_FAIL_QUERY(device, "Attach: Failed to get DXGI device",
-                      "---OpenShared: Shared fence not supported", kUntold);
+    NORVEX_FAIL_QUERY(device, "Attach: Failed to get DXGI device", kUntold);
     NORVEX_FAIL(dxgiDevice, GetAdapter, "Attach: Failed to get DXGI adapter");
-    NORVEX_FAIL_QUERY(texture, "GetKeyedMutex: Failed to get texture key mutex",
-                      "CreateSharedHandle: Failed to query interface");
     NORVEX_FAIL(context, Map, "-Failed to map resource");
 }
 

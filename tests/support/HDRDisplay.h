@@ -23,14 +23,10 @@ namespace Norvex::Test {
 
 class HDRDisplay {
 public:
-    enum Call { Resize, GetBuffer, CheckColorSpace, SetColorSpace, SetMetadata };
+    enum Call { CheckColorSpace, SetColorSpace, SetMetadata };
 
     // One display, in HDR.
     explicit HDRDisplay(bool isDirect3D12) : m_swapChain(MakeSwapChain(isDirect3D12)) {
-        constexpr auto kPass = [](auto original, auto... args) { return original(args...); };
-        Stand<&IDXGISwapChain::GetBuffer>(GetBuffer, kPass);
-        Stand<&IDXGISwapChain::ResizeBuffers>(Resize, kPass);
-        Stand<&IDXGISwapChain3::ResizeBuffers1>(Resize, kPass);
         Stand<&IDXGISwapChain3::CheckColorSpaceSupport>(
             CheckColorSpace, [](auto, auto*, auto, UINT* support) {
                 *support = DXGI_SWAP_CHAIN_COLOR_SPACE_SUPPORT_FLAG_PRESENT;
@@ -96,7 +92,7 @@ private:
     }
 
     CComPtr<IDXGISwapChain> m_swapChain;
-    std::array<int, 5> m_failures = {};
+    std::array<int, 3> m_failures = {};
     std::vector<std::shared_ptr<void>> m_stands;
     std::map<void*, std::size_t> m_indices; // of outputs that were enumerated
     wchar_t m_described = 0;                // the first letter of the last one's name
