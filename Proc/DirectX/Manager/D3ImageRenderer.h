@@ -41,8 +41,8 @@ struct D3ImageParams {
     float pqTonemapB = 0.0F;              // 0: none
     float displayPeakLuminance = 1000.0F; // cd/m2
     float hlgOOTFGamma = 1.0F;            // system gamma
-    float transparency = 0.0F;      // 1 - opacity
-    float colorTransparency = 0.0F; // the same for the colour, where nothing is converted
+    float transparency = 0.0F;            // 1 - opacity
+    float colorTransparency = 0.0F;       // the same for the colour, where nothing is converted
     // In texture coordinates, of the part that is drawn; an extent of 0: the whole source.
     std::array<float, 2> partOrigin = {};
     std::array<float, 2> partExtent = {};
