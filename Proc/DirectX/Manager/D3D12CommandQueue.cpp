@@ -194,6 +194,7 @@ void D12CommandQueue::UseEvent(const boost::intrusive_ptr<D12CompletionEvent>& e
     const auto done = std::ranges::partition(m_usedEvents, [](const UsedEvent& used) {
         return used.event->GetFence()->GetCompletedValue() < used.value;
     });
+    finished.reserve(done.size());
     std::ranges::move(done, std::back_inserter(finished));
     m_usedEvents.erase(done.begin(), done.end());
     UsedEvent& used = m_usedEvents.emplace_back(event); // what needs memory comes first
