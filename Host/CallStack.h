@@ -12,6 +12,7 @@
 namespace Norvex {
 
 struct CallStack {
+    // How many are kept at most.
     static constexpr std::size_t kMaxFrames = 24;
 
     std::array<const void*, kMaxFrames> frames{}; // return addresses, innermost first; then null

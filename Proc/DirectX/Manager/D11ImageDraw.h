@@ -51,9 +51,11 @@ public:
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const Proc::ColorF& color,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target, const Rect2DT<long>& rect);
 
+    // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
     // Null, the default: replace.
     const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    // Null: replace.
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
     void SetBlend(BlendPreset preset); // "Failed to create blend state"
 
@@ -103,6 +105,7 @@ public:
     // so that the host says when; nothing happens the second time, whatever the luminances are.
     // "Failed to compile shader", "Failed to create pixel shader"; then all is as before.
     void Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    // How many conversions have a shader of their own.
     std::size_t GetSpecializationCount() const { return m_specialized.size(); }
 
     // Null, the default: replace.

@@ -111,6 +111,7 @@ public:
 
     // BeginQuery not for time stamps. "Query is null".
     void BeginQuery(const boost::intrusive_ptr<D11Query>& query);
+    // Of time stamps and events alone, or after BeginQuery.
     void EndQuery(const boost::intrusive_ptr<D11Query>& query);
     // What lies between the last BeginQuery and EndQuery of the query; empty while the GPU has not
     // come so far. They send off what was recorded, and do not wait. Each is for certain types:
@@ -118,6 +119,7 @@ public:
     // Occlusion: samples that passed; time stamp: ticks; event and predicates: 0 or 1.
     std::optional<std::uint64_t> GetUint64Stats(const boost::intrusive_ptr<D11Query>& query);
     std::optional<D3D11_QUERY_DATA_PIPELINE_STATISTICS>
+    // Of D3D11_QUERY_PIPELINE_STATISTICS; none: not yet.
     GetPipelineStats(const boost::intrusive_ptr<D11Query>& query);
     // The frequency in ticks a second, and whether time stamps taken meanwhile cannot be compared.
     std::optional<D3D11_QUERY_DATA_TIMESTAMP_DISJOINT>

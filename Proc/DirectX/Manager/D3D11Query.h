@@ -26,6 +26,7 @@ public:
 
     // Borrowed.
     ID3D11Query* Get() const { return m_query; }
+    // What it counts or times.
     D3D11_QUERY GetType() const { return m_type; }
 
 private:

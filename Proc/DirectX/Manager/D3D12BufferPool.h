@@ -43,6 +43,7 @@ public:
     D3D12_HEAP_TYPE GetType() const { return m_heapType; }
     // Free buffers at this moment, and their bytes.
     std::pair<std::size_t, std::uint64_t> CountFree() const;
+    // In use and idle, at this moment.
     PoolStatistics GetStatistics() const;
 
 private:

@@ -145,7 +145,9 @@ struct D12DownloadResourceParams {
     std::vector<D12DownloadSubresource> subresources;                     // the first ones
     boost::intrusive_ptr<D12BufferPool>
         pool; // staging, when it is a readback pool; else the device's
+    // As of an upload.
     std::optional<unsigned> firstSubresource = std::nullopt;
+    // As of an upload.
     std::optional<D3D12_BOX> box = std::nullopt;
 };
 

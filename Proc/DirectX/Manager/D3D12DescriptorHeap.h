@@ -188,6 +188,7 @@ public:
 
     // Heaps of dead wrappers that wait to be recycled, at this moment.
     std::size_t CountFreeHeaps() const;
+    // In use and idle, at this moment.
     PoolStatistics GetStatistics() const;
 
 private:

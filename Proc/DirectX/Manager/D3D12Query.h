@@ -139,6 +139,7 @@ public:
     boost::intrusive_ptr<D12QueryHeap> CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count);
     // Direct3D heaps of dead wrappers that wait to be recycled, at this moment.
     std::size_t CountFreeHeaps() const;
+    // In use and idle, at this moment.
     PoolStatistics GetStatistics() const;
 
 private:

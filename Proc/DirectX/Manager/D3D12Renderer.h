@@ -62,6 +62,7 @@ public:
     const D12BlendState& GetBlendState() const;
     // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
+    // A blend by its name.
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
 
 private:
@@ -118,6 +119,7 @@ public:
     // pipeline state is made for each. Other threads may draw meanwhile. "Failed to compile
     // shader"; then all is as before.
     void Specialize(const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+    // How many conversions have a shader of their own.
     std::size_t GetSpecializationCount() const;
 
     // What it was made on.
@@ -126,6 +128,7 @@ public:
     D12BlendState GetBlendState() const;
     // Of the next Encode on.
     void SetBlendState(const D12BlendState& blendState);
+    // A blend by its name.
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
     // The user transform; identity when none is set.
     AffineTransform GetTransform() const;

@@ -45,9 +45,11 @@ struct D3ImageParams {
     float colorTransparency = 0.0F;       // the same for the colour, where nothing is converted
     // In texture coordinates, of the part that is drawn; an extent of 0: the whole source.
     std::array<float, 2> partOrigin = {};
+    // Its size.
     std::array<float, 2> partExtent = {};
     // The centres of the part's first and last texel, between which it is sampled.
     std::array<float, 2> firstTexel = {};
+    // Of the last.
     std::array<float, 2> lastTexel = {};
 };
 
@@ -75,18 +77,25 @@ struct ImageDrawParams {
 
 // What of them decides the way through the pixel shader.
 struct D3ConversionKey {
+    // As D3ImageParams has it.
     std::uint32_t sourceColorSpace = 0;
+    // As D3ImageParams has it.
     std::uint32_t targetColorSpace = 0;
+    // As D3ImageParams has it.
     std::uint32_t sourceAlphaType = 0;
+    // As D3ImageParams has it.
     std::uint32_t targetAlphaType = 0;
+    // As D3ImageParams has it.
     std::uint32_t displayLinear = 0;
 
+    // Of these parameters.
     explicit D3ConversionKey(const D3ImageParams& params)
         : sourceColorSpace(params.sourceColorSpace),
           targetColorSpace(params.targetColorSpace),
           sourceAlphaType(params.sourceAlphaType),
           targetAlphaType(params.targetAlphaType),
           displayLinear(params.displayLinear) {}
+    // Member by member.
     bool operator==(const D3ConversionKey&) const = default;
 };
 

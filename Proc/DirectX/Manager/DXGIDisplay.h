@@ -24,14 +24,19 @@ class DXGIFactory;
 
 // CIE 1931 x, y.
 struct Chromaticity {
+    // From 0 to 1.
     double x = 0.0;
+    // From 0 to 1.
     double y = 0.0;
 
     friend bool operator==(const Chromaticity&, const Chromaticity&) = default;
 };
 
 struct DisplayPrimaries {
-    Chromaticity red, green, blue, white;
+    Chromaticity red;   // primary
+    Chromaticity green; // primary
+    Chromaticity blue;  // primary
+    Chromaticity white; // point
 
     friend bool operator==(const DisplayPrimaries&, const DisplayPrimaries&) = default;
 };
@@ -42,8 +47,10 @@ struct NORVEX_DX_API DisplayDescription {
     std::string monitor; // its maker's name for it, UTF-8; empty when not told
     Rect2DT<long> area;  // in screen coordinates
     bool isHDR = false;  // shows BT.2100 PQ
+    // As DXGI tells.
     DXGI_COLOR_SPACE_TYPE colorSpace = DXGI_COLOR_SPACE_RGB_FULL_G22_NONE_P709;
     DisplayPrimaries primaries; // zeros when not told
+    // Of black; 0 when not told.
     float minLuminance = 0.0F;
     float maxLuminance = 0.0F;          // of a small part of the screen; 0 when not told
     float maxFullFrameLuminance = 0.0F; // 0 when not told
@@ -69,6 +76,7 @@ enum class DisplayField : std::uint32_t {
     SDRWhite = 256,
 };
 
+// Why a description differs; several may hold.
 enum class DisplayChangeReason : std::uint32_t {
     OtherMonitor = 1,    // most of the window is on another one
     NoMonitor = 2,       // there is none any more
@@ -78,11 +86,13 @@ enum class DisplayChangeReason : std::uint32_t {
 };
 
 struct NORVEX_DX_API DisplayChange {
+    // What differs.
     bitflags<DisplayField> fields;
     // May be FactoryOutdated with all fields as they were: what was made with an older factory of
     // the host's is to be made anew.
     bitflags<DisplayChangeReason> reasons;
 
+    // Whether anything differs.
     explicit operator bool() const { return !fields.empty(); }
 };
 

@@ -108,6 +108,7 @@ public:
                               float maxContentLightLevel, float maxFrameAverageLightLevel);
     // Back to SDR. The same failures.
     void DisableHDR();
+    // Whether its output is HDR10 now.
     bool IsHDREnabled() const { return m_output.colorSpace != kSDR.colorSpace; }
     // What the last EnableHDRIfSupported came to.
     HDRRefusal GetHDRRefusal() const { return IsHDREnabled() ? HDRRefusal::None : m_refusal; }

@@ -15,6 +15,7 @@ public:
 
 protected:
     LiveObject() noexcept;
+    // A copy is an object of its own.
     LiveObject(const LiveObject& other) noexcept;
     LiveObject& operator=(const LiveObject&) = default;
 };
