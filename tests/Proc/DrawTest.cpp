@@ -207,12 +207,12 @@ TYPED_TEST(DrawTest, PartsFadeAndBlendAndNothingAroundThemShows) {
             const bool isFilled = i / kAcross < kFilled;
             const double x =
                 std::clamp((static_cast<double>(i % kAcross) + 0.5) / 8 + 2.5, 3.0, 7.0);
-            const double y =
-                std::clamp((static_cast<double>(i / kAcross) + 0.5) / 8 + 1.5, 2.0, 4.0);
+            const double y = std::clamp(
+                (std::trunc(static_cast<double>(i) / kAcross) + 0.5) / 8 + 1.5, 2.0, 4.0);
             Color color = {};
             for (std::size_t texel = 0; texel < picture.colors.size(); ++texel) {
                 const double across = std::fabs(x - static_cast<double>(texel % 11));
-                const double down = std::fabs(y - static_cast<double>(texel / 11));
+                const double down = std::fabs(y - std::trunc(static_cast<double>(texel) / 11));
                 for (std::size_t k = 0; k < 4 && across < 1 && down < 1; ++k) {
                     color[k] += (1 - across) * (1 - down) * picture.colors[texel][k];
                 }

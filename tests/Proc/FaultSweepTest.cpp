@@ -106,7 +106,7 @@ void UsePools12(Leaving& leaving) {
     device->CreateReadbackBuffer(1)->Read(0, 1, [](const auto*) {});
     const auto sampler = device->CreateSamplerHeap(4);
     device->CreateCompletionEvent(D3D12_FENCE_FLAG_SHARED);
-    HANDLE const handle = device->CreateSharedHandle(texture->GetResource());
+    auto* const handle = device->CreateSharedHandle(texture->GetResource());
     CloseHandle(handle);
     device->OpenSharedResource(handle);
     const auto target = canvas.MakeTarget(4, 4, desc.format);

@@ -94,7 +94,7 @@ TEST(ExceptionTest, IsDescribedWithAndWithoutWhatItMayCarry) {
     EXPECT_EQ(Describe(std::runtime_error("it is raining")), "it is raining" + version);
     EXPECT_EQ(Describe(DirectX11Exception()), "DirectX 11 exception" + version);
     try {
-        DXGIAdapter(static_cast<IDXGIAdapter*>(nullptr));
+        const DXGIAdapter refused(static_cast<IDXGIAdapter*>(nullptr));
         FAIL() << "it was not refused";
     } catch (const std::exception& e) {
         const std::string text = Describe(e);

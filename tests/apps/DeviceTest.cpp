@@ -28,8 +28,10 @@
 #include "tests/support/HDRDisplay.h"
 #include "tests/support/Thrown.h"
 
+// NOLINTBEGIN(readability-identifier-naming, bugprone-suspicious-include): as a function
 #define main DrawOnLostDevice
 #include "examples/device_loss.cpp"
+// NOLINTEND(readability-identifier-naming, bugprone-suspicious-include)
 #undef main
 
 namespace Norvex::Test {

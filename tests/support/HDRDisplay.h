@@ -110,6 +110,7 @@ private:
         GetOutput(), [this](auto original, auto* self, DXGI_OUTPUT_DESC* desc) {
             const HRESULT result = original(self, desc);
             desc->DesktopCoordinates = outputs.at(m_indices[self]).first;
+            // NOLINTNEXTLINE(performance-no-int-to-ptr): a number will do
             desc->Monitor = reinterpret_cast<HMONITOR>(m_indices[self] + 1);
             m_described = desc->DeviceName[0] = static_cast<wchar_t>(L'1' + m_indices[self]);
             return result;

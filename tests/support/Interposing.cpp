@@ -37,7 +37,7 @@ std::map<std::string, Named>& GetNamed() {
 }
 
 FARPROC WINAPI FindFunction(HMODULE module, const char* name) {
-    const FARPROC found = GetProcAddress(module, name);
+    auto* const found = GetProcAddress(module, name);
     const auto named = GetNamed().find(name);
     if (found == nullptr || named == GetNamed().end()) {
         return found;

@@ -102,6 +102,7 @@ std::string DescribeLiveObjects() {
         }
     }
     std::vector<std::pair<std::size_t, const Birth*>> order;
+    order.reserve(counts.size());
     for (const auto& [birth, number] : counts) {
         order.emplace_back(number, &birth);
     }

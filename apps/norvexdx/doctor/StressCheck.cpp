@@ -61,6 +61,7 @@ StressResult RunStress(Graphics& graphics, double seconds) {
     Work work{.graphics = graphics, .milliseconds = seconds * 1000.0};
     {
         std::vector<std::jthread> threads;
+        threads.reserve(kThreads);
         for (unsigned i = 0; i < kThreads; ++i) {
             threads.emplace_back([&work, i] { Repeat(work, i); });
         }
