@@ -115,7 +115,8 @@ public:
     void SetBlend(BlendPreset preset); // "Failed to create blend state"
     // Throws std::bad_optional_access while none is stored; drawing then takes the identity.
     AffineTransform GetTransform() const { return m_transform.value(); }
-    // From the unit square, the picture, to clip space. Of the next Encode on.
+    // From clip space to clip space, its translation in pixels of the rectangle. Of the next draw
+    // on.
     void SetTransform(const AffineTransform& transform) { m_transform = transform; }
 
 protected:

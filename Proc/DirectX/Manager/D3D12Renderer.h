@@ -132,7 +132,8 @@ public:
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
     // The user transform; identity when none is set.
     AffineTransform GetTransform() const;
-    // From the unit square, the picture, to clip space. Of the next Encode on.
+    // From clip space to clip space, its translation in pixels of the rectangle. Of the next draw
+    // on.
     void SetTransform(const AffineTransform& transform);
 
 protected:
