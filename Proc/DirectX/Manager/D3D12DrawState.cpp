@@ -56,21 +56,31 @@ D3D12_GPU_VIRTUAL_ADDRESS D12DrawState::AddConstants(const void* data, std::size
 
 D3D12_GPU_DESCRIPTOR_HANDLE
 D12DrawState::AddView(const boost::intrusive_ptr<D12Descriptor>& view) {
-    if (view.get() != m_lastView) {
-        if (m_views == nullptr || m_usedViews == kViewsInHeap) {
-            auto views = m_list.GetDevice()->CreateViewHeap(kViewsInHeap);
-            m_list.Keep(views.get());
-            m_views = std::move(views);
-            m_usedViews = 0;
-        }
-        m_list.Keep(view.get());
-        m_list.GetDevice()->Get()->CopyDescriptorsSimple(1, m_views->GetCPUHandle(m_usedViews),
-                                                         view->GetCPUHandle(),
-                                                         D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV);
-        ++m_usedViews;
-        m_lastView = view.get();
+    if (view.get() == m_lastView) {
+        return m_views->GetGPUHandle(m_usedViews - 1);
     }
-    return m_views->GetGPUHandle(m_usedViews - 1);
+    ReserveViews(1);
+    return PlaceView(view);
+}
+
+void D12DrawState::ReserveViews(unsigned count) {
+    if (m_views == nullptr || m_usedViews + count > kViewsInHeap) {
+        auto views = m_list.GetDevice()->CreateViewHeap(kViewsInHeap);
+        m_list.Keep(views.get());
+        m_views = std::move(views);
+        m_usedViews = 0;
+        m_lastView = nullptr;
+    }
+}
+
+D3D12_GPU_DESCRIPTOR_HANDLE
+D12DrawState::PlaceView(const boost::intrusive_ptr<D12Descriptor>& view) {
+    m_list.Keep(view.get());
+    m_list.GetDevice()->Get()->CopyDescriptorsSimple(1, m_views->GetCPUHandle(m_usedViews),
+                                                     view->GetCPUHandle(),
+                                                     D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV);
+    m_lastView = view.get();
+    return m_views->GetGPUHandle(m_usedViews++);
 }
 
 void D12DrawState::SetPipelineState(ID3D12PipelineState* pipelineState) {

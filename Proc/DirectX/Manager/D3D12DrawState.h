@@ -40,6 +40,19 @@ public:
     D3D12_GPU_VIRTUAL_ADDRESS AddConstants(const void* data, std::size_t size);
     // A table of this one view. What D12DescriptorHeapPool::CreateGPUHeap throws.
     D3D12_GPU_DESCRIPTOR_HANDLE AddView(const boost::intrusive_ptr<D12Descriptor>& view);
+    // Views that lie in a row in one heap, so that a table may begin at each, and all may be set
+    // after all are added.
+    template <std::size_t count>
+    std::array<D3D12_GPU_DESCRIPTOR_HANDLE, count>
+    AddViews(const std::array<boost::intrusive_ptr<D12Descriptor>, count>& views) {
+        static_assert(count <= kViewsInHeap);
+        ReserveViews(count);
+        std::array<D3D12_GPU_DESCRIPTOR_HANDLE, count> places = {};
+        for (std::size_t i = 0; i < count; ++i) {
+            places[i] = PlaceView(views[i]);
+        }
+        return places;
+    }
 
     using Targets = std::span<const boost::intrusive_ptr<D12Descriptor>>;
     void SetPipelineState(ID3D12PipelineState* pipelineState);
@@ -84,6 +97,9 @@ private:
         m_known |= item;
     }
     void Unmap();
+    // Has room for so many in one heap.
+    void ReserveViews(unsigned count);
+    D3D12_GPU_DESCRIPTOR_HANDLE PlaceView(const boost::intrusive_ptr<D12Descriptor>& view);
 
     D12GraphicsCommandList& m_list;
 

@@ -245,8 +245,8 @@ void D12YUVConverter::Record(D12DrawState& state, const Conversion& conversion) 
     m_yCbCrTexture->Clear();
     m_resizeTexture->Clear();
     MakeQuads(list);
-    const auto source = state.AddView(conversion.source);
-    const auto intermediate = state.AddView(m_intermediateSource);
+    const auto [source, intermediate] =
+        state.AddViews<2>({conversion.source, m_intermediateSource});
     list.TrackObject(m_paramsBuffer.p);
     list.ResourceBarrier(conversion.before);
     m_yCbCrPass->Draw(state, conversion.firstTargets, RectOf(m_destination->size),
