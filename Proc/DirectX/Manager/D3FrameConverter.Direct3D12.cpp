@@ -30,7 +30,8 @@ constexpr auto kFrameDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
 struct D12FrameConverter::Pass {
     Pass(const boost::intrusive_ptr<D12Device>& device, const FramePass& pass)
-        : pipeline(device, kFrameEvent, std::string(Shaders::kQuadVertex), GetFrameCodesShader(pass)),
+        : pipeline(device, kFrameEvent, std::string(Shaders::kQuadVertex),
+                   GetFrameCodesShader(pass)),
           image(AddFrameConstants(pipeline.GetParameters(), 0, D3D12_SHADER_VISIBILITY_PIXEL)),
           frame(AddFrameConstants(pipeline.GetParameters(), 1, D3D12_SHADER_VISIBILITY_PIXEL)),
           planes(pipeline.AddTexture(3)) {

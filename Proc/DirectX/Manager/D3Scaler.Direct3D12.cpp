@@ -32,8 +32,8 @@ bool IsOfDevice(ID3D12DeviceChild* child, const D12Device& device) {
 
 std::unique_ptr<D12QuadPipeline> MakeScalerPass(const boost::intrusive_ptr<D12Device>& device,
                                                 ScalerPass pass) {
-    auto pipeline = std::make_unique<D12QuadPipeline>(device, kScalerEvent, std::string(Shaders::kQuadVertex),
-                                                      GetScalerPixelShader(pass));
+    auto pipeline = std::make_unique<D12QuadPipeline>(
+        device, kScalerEvent, std::string(Shaders::kQuadVertex), GetScalerPixelShader(pass));
     pipeline->SetBlendState({}); // not every system blends in every format
     pipeline->GetParameters().AddConstantBufferView(0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
                                                     D3D12_SHADER_VISIBILITY_PIXEL);
@@ -76,9 +76,10 @@ D12Scaler::D12Scaler(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
       m_rowPass(MakeScalerPass(device, ScalerPass::Rows)),
       m_columnPass(MakeScalerPass(device, ScalerPass::Columns)),
-      m_rowTextures(m_rowPass->GetParameters().AddViewTable(kScalerTextureCount, D3D12_SHADER_VISIBILITY_PIXEL)),
-      m_columnTextures(
-          m_columnPass->GetParameters().AddViewTable(kScalerTextureCount, D3D12_SHADER_VISIBILITY_PIXEL)),
+      m_rowTextures(m_rowPass->GetParameters().AddViewTable(kScalerTextureCount,
+                                                            D3D12_SHADER_VISIBILITY_PIXEL)),
+      m_columnTextures(m_columnPass->GetParameters().AddViewTable(kScalerTextureCount,
+                                                                  D3D12_SHADER_VISIBILITY_PIXEL)),
       m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
 
 D12Scaler::~D12Scaler() = default;
