@@ -3,7 +3,6 @@
 // methods of a real texture and of its device are interposed, so that it answers as one.
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <random>
 #include <span>
@@ -12,10 +11,10 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "apps/norvexdx/reference/YCbCrReference.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
-#include "tests/support/YCbCrReference.h"
 
 namespace Norvex::Test {
 
@@ -104,7 +103,8 @@ protected:
     // The frame in each format, against the reference.
     void ExpectReference(const Size& size, const Size& half, YCbCrMatrix matrix, AlphaType alpha,
                          bool isPlanar) {
-        const auto expected = ReferenceFrame(MakeNoise(size), matrix, alpha, half);
+        const auto expected =
+            Reference::ReferenceFrame(MakeNoise(size).colors, size, matrix, alpha, half);
         const auto source = MakeSource(size);
         for (const Format& format : kFormats) {
             const auto lumaTarget = MakeTarget(size, format.luma);
@@ -119,7 +119,7 @@ protected:
             auto frame = EncodePixels(m_canvas.Read(lumaTarget), format.luma);
             std::ranges::copy(EncodePixels(m_canvas.Read(chromaTarget), format.chroma),
                               std::back_inserter(frame));
-            EXPECT_EQ(DescribeDifference(frame, format.bits, expected), "")
+            EXPECT_EQ(Reference::DescribeDifference(frame, format.bits, expected), "")
                 << size.width << " x " << size.height << ", " << format.bits << " bits, matrix "
                 << static_cast<int>(matrix) << ", alpha " << static_cast<int>(alpha);
         }

@@ -1,8 +1,9 @@
 // One program, run on several systems: in debug mode, whether there is a debug layer or not; on
-// Windows 7, and with a dxgi.dll that has no CreateDXGIFactory2; under a validation layer that must
-// hear a mistake. A suite each.
+// Windows 7, and with a dxgi.dll that has no CreateDXGIFactory2; in a graphics debugger; under a
+// validation layer that must hear a mistake. A suite each.
 
 #include <cstring>
+#include <set>
 #include <string>
 
 #include <fmt/format.h>
@@ -13,9 +14,10 @@
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
-#include "tests/support/Canvas.h"
+#include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NamedFunction.h"
 #include "tests/support/TestWindow.h"
 #include "tests/support/Thrown.h"
 
@@ -156,6 +158,109 @@ TEST(OldFactoryTest, TheFactoryOfDxgi11Serves) {
 
     const TestWindow window({160, 90});
     EXPECT_NO_THROW(DXGISwapChain::Create(D11Device::CreatePrimary(), window.Get())->Present());
+}
+
+NamedFunction<HRESULT(UINT, REFIID, void**)> getAnalysis("DXGIGetDebugInterface1");
+
+template <class Object>
+struct NamePatch : MethodPatch<&ID3D12Object::SetName, HRESULT(Object*, LPCWSTR)> {
+    NamePatch(Object* object, std::set<std::wstring>& names)
+        : NamePatch::MethodPatch(object, [&names](auto original, Object* self, LPCWSTR name) {
+              names.insert(name);
+              return original(self, name);
+          }) {}
+};
+
+constexpr auto kRgba = DXGI_FORMAT_R8G8B8A8_UNORM;
+
+// On an allocator, an open list, or a context.
+template <class AnyCanvas>
+void DrawAll(AnyCanvas& canvas, const auto& on) {
+    const auto& device = canvas.GetDevice();
+    const auto source = canvas.MakeSource({2, 2, std::vector<Color>(4)}, kRgba);
+    const auto target = canvas.MakeTarget(2, 2, kRgba);
+    const auto luma = canvas.MakeTarget(2, 2, DXGI_FORMAT_R8_UNORM);
+    const auto chroma = canvas.MakeTarget(1, 1, DXGI_FORMAT_R8G8_UNORM);
+    typename AnyCanvas::FillDraw(device).Encode(on, {}, target, {0, 0, 1, 1});
+    typename AnyCanvas::ImageDraw(device).Encode(on, source, target, {}, {});
+    typename AnyCanvas::Converter converter(device, {});
+    AnyCanvas::Convert(converter, on, AnyCanvas::TextureOf(source), AnyCanvas::TextureOf(luma),
+                       AnyCanvas::TextureOf(chroma), DXGI_FORMAT_NV12, Conf::YCbCrMatrix::BT709);
+}
+constexpr auto kAllDraws = "fill draw()image draw()YCbCr conversion()";
+
+// The debugger comes before the first object.
+struct GraphicsDebuggerTest : testing::Test {
+    FakeObject analysis;
+    const MethodPatch<0, HRESULT(UINT, REFIID, void**)> m_patch{
+        (API::GetInstance(), getAnalysis.Get()),
+        [this](auto, UINT, REFIID, void** out) { return analysis.GiveTo(out); }};
+    std::string events;
+};
+
+TEST_F(GraphicsDebuggerTest, SeesNamesAndEventsOnDirect3D12) {
+    Canvas canvas;
+    const auto& device = canvas.GetDevice();
+    const auto queue = device->CreateCommandQueue();
+    const auto allocator = queue->CreateCommandAllocator();
+    const auto list = allocator->CreateCommandList(nullptr);
+    std::set<std::wstring> names;
+    const boost::intrusive_ptr parameters(device->CreateShaderParameters());
+    parameters->SerializeRootSignature();
+    const auto buffer = device->CreateUploadBuffer(1);
+    const NamePatch<ID3D12Resource> resources(buffer->GetResource(), names);
+    const NamePatch<ID3D12CommandQueue> queues(queue->Get(), names);
+    const NamePatch<ID3D12GraphicsCommandList> lists(list->GetGraphics(), names);
+    const NamePatch<ID3D12RootSignature> signatures(parameters->GetRootSignature(), names);
+    const MethodPatch<&ID3D12GraphicsCommandList::BeginEvent> begin(
+        list->GetGraphics(), [&](auto, auto*, UINT kind, const void* data, UINT size) {
+            EXPECT_EQ(kind, 1U) << "characters with a zero";
+            events += std::string(static_cast<const char*>(data), size).c_str() + std::string("(");
+        });
+    const MethodPatch<&ID3D12GraphicsCommandList::EndEvent> end(
+        list->GetGraphics(), [&](auto, auto*) { events += ")"; });
+    D3D12_COMMAND_QUEUE_DESC compute = {};
+    compute.Type = D3D12_COMMAND_LIST_TYPE_COMPUTE;
+    device->CreateCommandQueue(compute);
+    canvas.Record([&](const auto& on) { DrawAll(canvas, on); });
+    EXPECT_EQ(events, kAllDraws);
+    DrawAll(canvas, list);
+    EXPECT_EQ(events, std::string(kAllDraws) + kAllDraws);
+    list->Close();
+    allocator->Execute();
+    EXPECT_THAT(names, testing::IsSupersetOf({L"compute queue", L"direct command list",
+                                              L"root signature", L"Matrix Buffer",
+                                              L"upload buffer 64 KiB", L"YCbCr params buffer"}));
+    events.clear();
+    const auto target = canvas.MakeTarget(2, 2, kRgba);
+    const boost::intrusive_ptr fill(new D12FillDraw(device));
+    const FailingMethod<&ID3D12Device::CreateCommittedResource> noQuad(device->Get(), E_FAIL);
+    EXPECT_THROW(fill->Encode(queue->CreateCommandAllocator(), {}, target, {0, 0, 1, 1}),
+                 DirectX12Exception);
+    EXPECT_EQ(events, "fill draw()");
+}
+
+TEST_F(GraphicsDebuggerTest, SeesNamesAndEventsOnDirect3D11) {
+    const auto annotation =
+        Platform::Query<ID3DUserDefinedAnnotation>(GetImmediateContext(MakeRawDevice11()).p);
+    const MethodPatch<&ID3DUserDefinedAnnotation::BeginEvent> begin(
+        annotation, [&](auto, auto*, std::wstring_view name) {
+            events.append(name.begin(), name.end()).append("(");
+            return 0;
+        });
+    const MethodPatch<&ID3DUserDefinedAnnotation::EndEvent> end(annotation, [&](auto, auto*) {
+        events += ")";
+        return 0;
+    });
+    Canvas11 canvas;
+    canvas.Record([&](const auto& on) { DrawAll(canvas, on); });
+    EXPECT_EQ(events, kAllDraws);
+    std::string name(64, ' ');
+    UINT size = 64;
+    const auto target = canvas.MakeTarget(1, 1, kRgba);
+    EXPECT_EQ(target->GetView()->GetPrivateData(WKPDID_D3DDebugObjectName, &size, name.data()),
+              S_OK);
+    EXPECT_EQ(name.substr(0, size), "render target view");
 }
 
 // Draws from a texture that is still a copy destination. The driver does it, the validation layer

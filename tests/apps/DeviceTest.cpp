@@ -211,10 +211,12 @@ TEST(DoctorTest, FindsWhatIsWrong) {
         const StressResult right = RunStress(*graphics, 0.1);
         EXPECT_GT(right.pictures, 0U);
         EXPECT_EQ(right.wrong, 0U);
+        EXPECT_TRUE(std::ranges::all_of(CheckYCbCr(*graphics), &YCbCrError::IsRight));
         const MethodPatch<&ID3D11DeviceContext::Draw> leaveOut(
             GetImmediateContext(DX::D11Device::CreatePrimary()->Get()), [](auto...) {});
         const StressResult wrong = RunStress(*graphics, 0.1);
         EXPECT_EQ(wrong.wrong, wrong.pictures);
+        EXPECT_TRUE(std::ranges::none_of(CheckYCbCr(*graphics), &YCbCrError::IsRight));
     }
     const FailingMethod<&ID3D11Device::CreateTexture2D> noTextures(raw, E_OUTOFMEMORY);
     EXPECT_EQ(RunDoctor(options), ExitCode::Failure);

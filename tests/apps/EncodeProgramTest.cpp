@@ -5,8 +5,8 @@
 
 #include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/reference/ColorReference.h"
+#include "apps/norvexdx/reference/YCbCrReference.h"
 #include "tests/apps/Process.h"
-#include "tests/support/YCbCrReference.h"
 
 namespace Norvex::Test {
 
@@ -23,7 +23,8 @@ protected:
     // A frame of a file: samples are codes.
     static void ExpectFrame(std::span<const std::uint8_t> frame, unsigned bits,
                             const Pixels& pixels, YCbCrMatrix matrix) {
-        const auto expected = ReferenceFrame(pixels, matrix, Proc::AlphaType::NonPremultiplied,
+        const auto expected = ReferenceFrame(pixels.colors, {pixels.width, pixels.height}, matrix,
+                                             Proc::AlphaType::NonPremultiplied,
                                              {(pixels.width + 1) / 2, (pixels.height + 1) / 2});
         EXPECT_EQ(DescribeDifference(frame, bits, expected), "");
         for (std::size_t i = 0; i < frame.size() && bits == 10; i += 2) {

@@ -144,10 +144,13 @@ TEST_F(ProgramTest, TheDoctorExaminesAllThereIs) {
         EXPECT_EQ(check.at("right"), true) << check;
         if (check.at("name").get<std::string>().ends_with("conversions")) {
             EXPECT_EQ(check.at("details").size(), 30U); // from five spaces to six
+        } else if (check.at("name").get<std::string>().ends_with("Y'CbCr")) {
+            EXPECT_EQ(check.at("details").size(), 27U); // formats, matrices, alpha types
         }
     }
     EXPECT_THAT(names, testing::IsSupersetOf({"adapters", "Direct3D 12, conversions",
-                                              "Direct3D 11, conversions", "live objects"}));
+                                              "Direct3D 11, conversions", "Direct3D 12, Y'CbCr",
+                                              "Direct3D 11, Y'CbCr", "live objects"}));
     EXPECT_EQ(report.at("info").at("adapters").at(0).at("outputs").at(0).at("hdr"), false);
     // A failure is a line of the report; a screenful tells all.
     const std::string text = Run("doctor --adapter 99", {"not healthy: Direct3D 12: "}, 1);
@@ -174,6 +177,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     expect(encode + "-", "need --size", "raw", 2);
     expect(encode + "-", "does not begin with FRAME", "YUV4MPEG2 W2 H1 C444\nFRAM\n");
     expect(encode + "-", "3 of its 6 bytes are missing", "YUV4MPEG2 W2 H1 C444\nFRAME\nabc");
+    expect(encode + "-", "65535 x 65535 pixels is larger", "YUV4MPEG2 W65535 H65535 C444\n");
     expect(encode + "-", "longer than a Y4M file's", "YUV4MPEG2 " + std::string(5000, 'X'));
     expect(encode + "- --size 4x4", "no frames");
     expect(encode + "- --size 4x4", "frame 2: 28 of its 64 bytes", std::string(100, 'x'));

@@ -10,6 +10,9 @@ namespace {
 
 constexpr unsigned kWindows10 = 10;
 constexpr unsigned long kErrorDelayLoadFailed = 1285; // Win32: a delay-loaded function is missing
+// Of IDXGraphicsAnalysis, whose header not every toolchain has.
+constexpr GUID kGraphicsAnalysis = {
+    0x9f251514, 0x9d4d, 0x4902, {0x9d, 0x60, 0x18, 0x98, 0x8a, 0xb7, 0xd4, 0xb5}};
 
 template <class Function>
 void Resolve(HMODULE module, const char* name, Function& function) {
@@ -77,6 +80,7 @@ void API::ReadHostDeclaration() {
 
 void API::ResolveEntryPoints() {
     Resolve(m_dxgi, "CreateDXGIFactory2", m_createFactory2);
+    Resolve(m_dxgi, "DXGIGetDebugInterface1", m_dxgiGetDebugInterface1);
     Resolve(m_compiler, "D3DCompile2", m_compile2);
     Resolve(m_dxgiDebug, "DXGIGetDebugInterface", m_dxgiGetDebugInterface);
     Resolve(m_d3d12, "D3D12CreateDevice", m_d12CreateDevice);
@@ -140,6 +144,14 @@ long API::GetDebugInterface(CComPtr<IDXGIDebug>& out) {
         return E_DELAY_LOAD_FAILED;
     }
     return m_dxgiGetDebugInterface(IID_PPV_ARGS(&out));
+}
+
+bool API::HasGraphicsAnalysis() const {
+    CComPtr<IUnknown> analysis;
+    return m_dxgiGetDebugInterface1 != nullptr &&
+           SUCCEEDED(m_dxgiGetDebugInterface1(0, kGraphicsAnalysis,
+                                              reinterpret_cast<void**>(&analysis))) &&
+           analysis != nullptr;
 }
 
 std::optional<unsigned> API::D3D12SDKVersion() {

@@ -61,6 +61,8 @@ public:
     bool IsCompilerLoaded() const { return m_compile2 != nullptr; }
     // Whether the system has DXGI 1.3.
     bool IsFactory2Available() const { return m_createFactory2 != nullptr; }
+    // Whether a graphics debugger has the process and offers IDXGraphicsAnalysis.
+    bool HasGraphicsAnalysis() const;
     // As Windows itself says, whatever the host declares.
     bool IsWindows10OrGreater() const { return m_isWindows10OrGreater; }
 
@@ -88,6 +90,7 @@ private:
     decltype(&::D3DCompile2) m_compile2 = nullptr;
     decltype(&::D3D12CreateDevice) m_d12CreateDevice = nullptr;
     HRESULT(WINAPI* m_dxgiGetDebugInterface)(REFIID, void**) = nullptr;
+    HRESULT(WINAPI* m_dxgiGetDebugInterface1)(UINT, REFIID, void**) = nullptr;
     decltype(&::D3D12GetDebugInterface) m_d12GetDebugInterface = nullptr;
     decltype(&::D3D12SerializeRootSignature) m_d12SerializeRootSignature = nullptr;
     decltype(&::D3D12SerializeVersionedRootSignature) m_d12SerializeVersionedRootSignature =

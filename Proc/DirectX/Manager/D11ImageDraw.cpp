@@ -4,6 +4,7 @@
 #include <source_location>
 #include <string>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -26,8 +27,23 @@ void CheckSource(const D11ShaderTexture2D* source, const std::source_location& l
 }
 
 CComPtr<ID3D11BlendState> CreateBlend(D11Device& device, BlendPreset preset) {
-    return preset == BlendPreset::Replace ? CComPtr<ID3D11BlendState>()
-                                          : device.CreateBlendState(MakeBlendDesc11(preset));
+    if (preset == BlendPreset::Replace) {
+        return {};
+    }
+    auto state = device.CreateBlendState(MakeBlendDesc11(preset));
+    SetName(state, "blend state");
+    return state;
+}
+
+// Of one draw.
+CComPtr<ID3D11Buffer> CreateConstants(const boost::intrusive_ptr<D11Device>& device,
+                                      const char* name, const void* data, std::size_t size,
+                                      const std::source_location& location) {
+    auto constants = CreateFilledBuffer(device, D3D11_BIND_CONSTANT_BUFFER, data, size, location);
+    if (IsToolPresent()) {
+        SetName(constants, name);
+    }
+    return constants;
 }
 
 // Whether it multiplies the source's colour by its alpha.
@@ -60,8 +76,9 @@ void D11FillDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
     if (!viewport) {
         return;
     }
-    const auto constants =
-        CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, &color, sizeof(color));
+    const auto event = D11QuadPipeline::BeginEvent(*context, "fill draw");
+    const auto constants = CreateConstants(m_device, "fill constants", &color, sizeof(color),
+                                           std::source_location::current());
     ID3D11RenderTargetView* const view = target->GetView();
     m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *viewport,
@@ -122,8 +139,9 @@ void D11ImageDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
         D3ImageRenderer::MakeParams(ToClipUnits(transform, area, *viewport), params, sourceSize,
                                     params.opacity < 1.0F && BlendsStraight(m_blendState));
     const auto bytes = D3ImageRenderer::MakeParamsBytes(shaderParams);
-    const auto constants =
-        CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
+    const auto event = D11QuadPipeline::BeginEvent(*context, "image draw");
+    const auto constants = CreateConstants(m_device, "image constants", bytes.data(), bytes.size(),
+                                           std::source_location::current());
     ID3D11RenderTargetView* const view = target->GetView();
     m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *viewport,

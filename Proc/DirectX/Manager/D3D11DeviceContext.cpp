@@ -4,6 +4,7 @@
 #include <initializer_list>
 #include <source_location>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Query.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
@@ -49,7 +50,8 @@ void RequireQuery(const boost::intrusive_ptr<D11Query>& query,
 D11DeviceContext::D11DeviceContext(const CComPtr<ID3D11DeviceContext>& context,
                                    const CComPtr<ID3D11DeviceContext4>& context4)
     : m_context(context),
-      m_context4(context4) {}
+      m_context4(context4),
+      m_annotation(FindAnnotation(context)) {}
 
 D11DeviceContext::~D11DeviceContext() = default;
 

@@ -145,8 +145,9 @@ private:
                      const CComPtr<ID3D11DeviceContext4>& context4);
 
     CComPtr<ID3D11DeviceContext> m_context;
-    CComPtr<ID3D11DeviceContext4> m_context4; // null where fences are not supported
-    Platform::RecursiveMutex m_encodeLock;    // held while a D11Device::Encode runs
+    CComPtr<ID3D11DeviceContext4> m_context4;        // null where fences are not supported
+    CComPtr<ID3DUserDefinedAnnotation> m_annotation; // null where no debugger listens
+    Platform::RecursiveMutex m_encodeLock;           // held while a D11Device::Encode runs
 };
 
 } // namespace Norvex::DX

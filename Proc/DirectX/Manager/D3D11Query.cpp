@@ -1,5 +1,6 @@
 #include "Proc/DirectX/Manager/D3D11Query.h"
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -10,6 +11,7 @@ D11Query::D11Query(const boost::intrusive_ptr<D11Device>& device, D3D11_QUERY ty
     const D3D11_QUERY_DESC desc = {type, 0};
     ThrowIfFailed<DirectX11Exception>(device->Get()->CreateQuery(&desc, &m_query),
                                       "Failed to create query", device->Get());
+    SetName(m_query, "query");
 }
 
 D11Query::~D11Query() = default;

@@ -2,9 +2,11 @@
 
 #include <limits>
 #include <source_location>
+#include <utility>
 
 #include <fmt/format.h>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
@@ -45,6 +47,18 @@ DXGI_FORMAT FormatOf(ID3D11Texture2D* texture) {
     return desc.Format;
 }
 
+template <class Object>
+CComPtr<Object> Named(CComPtr<Object> object, const char* name) {
+    SetName(object, name);
+    return object;
+}
+
+// What may be made anew for every frame.
+template <class Object>
+CComPtr<Object> NamedForTool(CComPtr<Object> object, const char* name) {
+    return IsToolPresent() ? Named(std::move(object), name) : object;
+}
+
 CComPtr<ID3D11RenderTargetView>
 CreateRenderTargetView(ID3D11Texture2D* texture, const std::optional<DXGI_FORMAT>& viewFormat) {
     const auto device = GetDevice(texture);
@@ -54,7 +68,7 @@ CreateRenderTargetView(ID3D11Texture2D* texture, const std::optional<DXGI_FORMAT
     CComPtr<ID3D11RenderTargetView> view;
     ThrowIfFailed<DirectX11Exception>(device->CreateRenderTargetView(texture, &desc, &view),
                                       "Failed to create render rarget view", device);
-    return view;
+    return NamedForTool(view, "render target view");
 }
 
 CComPtr<ID3D11ShaderResourceView>
@@ -67,7 +81,7 @@ CreateShaderResourceView(ID3D11Texture2D* texture, const std::optional<DXGI_FORM
     CComPtr<ID3D11ShaderResourceView> view;
     ThrowIfFailed<DirectX11Exception>(device->CreateShaderResourceView(texture, &desc, &view),
                                       "Failed to create shader resource view", device);
-    return view;
+    return NamedForTool(view, "shader resource view");
 }
 
 CComPtr<IDXGIKeyedMutex> GetKeyedMutex(ID3D11Texture2D* texture) {
@@ -81,8 +95,9 @@ template <class Index>
 CComPtr<ID3D11Buffer>
 CreateIndices(const boost::intrusive_ptr<D11Device>& device, const std::vector<Index>& indices,
               const std::source_location& location = std::source_location::current()) {
-    return CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
-                              UINT64{sizeof(Index)} * indices.size(), location);
+    return Named(CreateFilledBuffer(device, D3D11_BIND_INDEX_BUFFER, indices.data(),
+                                    UINT64{sizeof(Index)} * indices.size(), location),
+                 "index buffer");
 }
 
 } // namespace
@@ -117,8 +132,8 @@ D11RenderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
     Require(device);
     D3D11_TEXTURE2D_DESC bound = desc;
     bound.BindFlags |= D3D11_BIND_RENDER_TARGET;
-    return boost::intrusive_ptr<D11RenderTexture2D>(
-        new D11RenderTexture2D(device->CreateTexture2D(bound, nullptr), std::nullopt));
+    return boost::intrusive_ptr<D11RenderTexture2D>(new D11RenderTexture2D(
+        NamedForTool(device->CreateTexture2D(bound, nullptr), "render texture"), std::nullopt));
 }
 
 Size2DT<long> D11RenderTexture2D::GetSize() const {
@@ -144,8 +159,8 @@ D11ShaderTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
     Require(device);
     D3D11_TEXTURE2D_DESC bound = desc;
     bound.BindFlags |= D3D11_BIND_SHADER_RESOURCE;
-    return boost::intrusive_ptr<D11ShaderTexture2D>(
-        new D11ShaderTexture2D(device->CreateTexture2D(bound, initialData), std::nullopt));
+    return boost::intrusive_ptr<D11ShaderTexture2D>(new D11ShaderTexture2D(
+        NamedForTool(device->CreateTexture2D(bound, initialData), "shader texture"), std::nullopt));
 }
 
 Size2DT<long> D11ShaderTexture2D::GetSize() const {
@@ -166,8 +181,8 @@ D11SharedTexture2D::Create(const boost::intrusive_ptr<D11Device>& device,
                                     "Shared texture not supported");
     D3D11_TEXTURE2D_DESC shared = desc;
     shared.MiscFlags |= D3D11_RESOURCE_MISC_SHARED_KEYEDMUTEX | D3D11_RESOURCE_MISC_SHARED_NTHANDLE;
-    return boost::intrusive_ptr<D11SharedTexture2D>(
-        new D11SharedTexture2D(device->CreateTexture2D(shared, nullptr)));
+    return boost::intrusive_ptr<D11SharedTexture2D>(new D11SharedTexture2D(
+        NamedForTool(device->CreateTexture2D(shared, nullptr), "shared texture")));
 }
 
 Size2DT<long> D11SharedTexture2D::GetSize() const {
@@ -215,7 +230,8 @@ boost::intrusive_ptr<D11VertexBuffer>
 D11VertexBuffer::Create(const boost::intrusive_ptr<D11Device>& device, const void* data,
                         UINT stride, UINT count) {
     const auto buffer =
-        CreateFilledBuffer(device, D3D11_BIND_VERTEX_BUFFER, data, UINT64{stride} * count);
+        Named(CreateFilledBuffer(device, D3D11_BIND_VERTEX_BUFFER, data, UINT64{stride} * count),
+              "vertex buffer");
     return boost::intrusive_ptr<D11VertexBuffer>(new D11VertexBuffer(buffer, stride, count));
 }
 
@@ -262,6 +278,7 @@ D11CompletionEvent::OpenShared(const boost::intrusive_ptr<D11Device>& device,
     ThrowIfFailed<DirectX11Exception>(
         device->Get5()->OpenSharedFence(event->GetSharedHandle(), IID_PPV_ARGS(&fence)),
         "Failed to create fence", device->Get());
+    SetName(fence, "completion fence");
     return boost::intrusive_ptr<D11CompletionEvent>(new D11CompletionEvent(fence, event));
 }
 

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12FreeList.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -42,6 +43,12 @@ private:
 
 constexpr D3D12_RANGE kNothing = {0, 0};
 
+const char* NameOf(D3D12_HEAP_TYPE type) {
+    return type == D3D12_HEAP_TYPE_UPLOAD     ? "upload buffer"
+           : type == D3D12_HEAP_TYPE_READBACK ? "readback buffer"
+                                              : "buffer";
+}
+
 } // namespace
 
 D12BufferPool::D12BufferPool(const CComPtr<ID3D12Device>& device, D3D12_HEAP_TYPE heapType)
@@ -77,6 +84,7 @@ CComPtr<ID3D12Resource> D12BufferPool::CreateDimensionBuffer(std::uint64_t round
         m_device->CreateCommittedResource(&heap, D3D12_HEAP_FLAG_NONE, &desc, *initialState,
                                           nullptr, IID_PPV_ARGS(&resource)),
         "Failed to create buffer", m_device);
+    SetName(resource, NameOf(m_heapType), roundedSize);
     return resource;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -13,6 +14,7 @@ D12AllocatorState::D12AllocatorState(const CComPtr<ID3D12Device>& device,
     ThrowIfFailed<DirectX12Exception>(
         device->CreateCommandAllocator(type, IID_PPV_ARGS(&m_allocator)),
         "Failed to create command allocator", device);
+    SetName(m_allocator, type, "command allocator");
     m_completionEvent.reset(new D12CompletionEvent(device, D3D12_FENCE_FLAG_NONE));
 }
 

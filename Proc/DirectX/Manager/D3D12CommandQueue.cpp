@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
@@ -19,6 +20,7 @@ D12CompletionEvent::D12CompletionEvent(const CComPtr<ID3D12Device>& device,
     ThrowUnless<DirectX12Exception>(device != nullptr, "DirectX 12 device is null");
     ThrowIfFailed<DirectX12Exception>(device->CreateFence(0, flags, IID_PPV_ARGS(&m_fence)),
                                       "Failed to create fence", device);
+    SetName(m_fence, "completion fence");
     if ((flags & D3D12_FENCE_FLAG_SHARED) != 0) {
         ThrowIfFailed<DirectX12Exception>(
             device->CreateSharedHandle(m_fence, nullptr, GENERIC_ALL, nullptr, &m_sharedHandle),
@@ -85,6 +87,7 @@ D12CommandQueue::D12CommandQueue(const boost::intrusive_ptr<D12Device>& device,
     ThrowIfFailed<DirectX12Exception>(
         m_device->Get()->CreateCommandQueue(&desc, IID_PPV_ARGS(&m_queue)),
         "Failed to create command queue", m_device->Get());
+    SetName(m_queue, m_type, "queue");
     m_completionEvent = m_device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
 }
 

@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12PooledHeaps.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -11,6 +12,19 @@ namespace {
 
 constexpr std::uint32_t KeyOf(D3D12_DESCRIPTOR_HEAP_TYPE type, D3D12_DESCRIPTOR_HEAP_FLAGS flags) {
     return (static_cast<std::uint32_t>(flags) << 16) | (static_cast<std::uint32_t>(type) & 0xFFFF);
+}
+
+const char* NameOf(D3D12_DESCRIPTOR_HEAP_TYPE type) {
+    switch (type) {
+    case D3D12_DESCRIPTOR_HEAP_TYPE_SAMPLER:
+        return "sampler heap";
+    case D3D12_DESCRIPTOR_HEAP_TYPE_RTV:
+        return "render target heap";
+    case D3D12_DESCRIPTOR_HEAP_TYPE_DSV:
+        return "depth buffer heap";
+    default:
+        return "shader view heap";
+    }
 }
 
 } // namespace
@@ -87,6 +101,8 @@ CComPtr<ID3D12DescriptorHeap> D12DescriptorHeapPool::CreateHeap(D3D12_DESCRIPTOR
         ThrowIfFailed<DirectX12Exception>(
             m_device->CreateDescriptorHeap(&desc, IID_PPV_ARGS(&heap)),
             "Failed to create descriptor heap", m_device);
+        const bool isForCPU = flags == D3D12_DESCRIPTOR_HEAP_FLAG_NONE;
+        SetName(heap, isForCPU ? "CPU" : "GPU", NameOf(type));
         return heap;
     });
 }

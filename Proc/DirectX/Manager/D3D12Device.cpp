@@ -12,6 +12,7 @@
 #include "Host/RefCountable.h"
 #include "Platform/Mutex.h"
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12DevicePool.h"
 #include "Proc/DirectX/Manager/DXGIFactory.h"
 #include "Proc/DirectX/Manager/DirectXDebug.h"
@@ -236,6 +237,7 @@ D12Device::CreateCommandList(D3D12_COMMAND_LIST_TYPE type,
     ThrowIfFailed<DirectX12Exception>(
         m_device->CreateCommandList(0, type, allocator, pipelineState, IID_PPV_ARGS(&list)),
         "Failed to create command list", m_device);
+    SetName(list, type, "command list");
     return list;
 }
 
@@ -260,6 +262,7 @@ CComPtr<ID3D12CommandList> D12Device::CreateClosedCommandList(D3D12_COMMAND_LIST
         device4->CreateCommandList1(0, type, D3D12_COMMAND_LIST_FLAG_NONE, riid,
                                     reinterpret_cast<void**>(&list)),
         kFailed, m_device);
+    SetName(list, type, "command list");
     return list;
 }
 

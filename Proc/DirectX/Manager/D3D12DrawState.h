@@ -15,6 +15,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "Proc/DirectX/Manager/D3D12CommandList.h"
@@ -34,6 +35,10 @@ public:
     D12DrawState& operator=(const D12DrawState&) = delete;
 
     D12GraphicsCommandList& GetList() const { return m_list; }
+    // An event that debuggers show, while what is answered lives. A literal.
+    [[nodiscard]] D12DrawEvent BeginEvent(const char* name) const {
+        return {m_list.m_graphicsList, name};
+    }
 
     // At most kChunkInBytes of constants. "Failed to map upload buffer", and what
     // D12Device::CreateUploadBuffer throws.

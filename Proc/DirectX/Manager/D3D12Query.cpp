@@ -4,6 +4,7 @@
 #include <source_location>
 #include <utility>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12PooledHeaps.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -144,6 +145,7 @@ D12QueryHeap::D12QueryHeap(const CComPtr<ID3D12Device>& device, CComPtr<ID3D12Qu
                                           D3D12_RESOURCE_STATE_COPY_DEST, nullptr,
                                           IID_PPV_ARGS(&m_readbackBuffer)),
         "Failed to create 2D texture", m_device);
+    SetName(m_readbackBuffer, "query results");
 }
 
 D12QueryHeap::~D12QueryHeap() {
@@ -207,6 +209,7 @@ D12QueryHeapPool::CreateHeap(D3D12_QUERY_HEAP_TYPE type, unsigned count,
         CComPtr<ID3D12QueryHeap> made;
         ThrowIfFailed<DirectX12Exception>(m_device->CreateQueryHeap(&desc, IID_PPV_ARGS(&made)),
                                           "Failed to create query heap", m_device);
+        SetName(made, "query heap");
         return made;
     });
     return m_heaps->Lend(new D12QueryHeap(m_device, std::move(heap), type, count, std::move(pool)));

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
@@ -55,7 +56,8 @@ private:
 
 D12FillDraw::D12FillDraw(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
-      m_pipeline(std::make_unique<D12QuadPipeline>(device, std::string(Shaders::kQuadVertex),
+      m_pipeline(std::make_unique<D12QuadPipeline>(device, "fill draw",
+                                                   std::string(Shaders::kQuadVertex),
                                                    std::string(Shaders::kFillPixel))),
       m_color(m_pipeline->GetParameters().AddContants(4, 0, 0, D3D12_SHADER_VISIBILITY_ALL)) {}
 
@@ -79,6 +81,7 @@ void D12FillDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& lis
     CheckTarget(target.get(), std::source_location::current());
     D12DrawState& state = D12DrawState::Of(list, std::source_location::current());
     if (const auto viewport = GetVisiblePart(rect, target->GetSize())) {
+        const D12DrawEvent event = m_pipeline->BeginEvent(state);
         const D12DrawState::Targets targets(&target, 1);
         m_pipeline->MakePipelineState(targets);
         m_pipeline->Draw(state, targets, *viewport, m_pipeline->GetQuad(*list),
@@ -96,7 +99,8 @@ void D12FillDraw::SetBlendState(const D12BlendState& blendState) {
 
 D12ImageDraw::D12ImageDraw(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
-      m_pipeline(std::make_unique<D12QuadPipeline>(device, D3ImageRenderer::GetVertexShader(),
+      m_pipeline(std::make_unique<D12QuadPipeline>(device, "image draw",
+                                                   D3ImageRenderer::GetVertexShader(),
                                                    D3ImageRenderer::GetPixelShader())),
       m_paramsView(m_pipeline->GetParameters().AddConstantBufferView(
           0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE, D3D12_SHADER_VISIBILITY_ALL)),
@@ -178,6 +182,7 @@ void D12ImageDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
     }
     const D3ImageParams shaderParams =
         MakeShaderParams(ToClipUnits(transform, area, *viewport), *source, params);
+    const D12DrawEvent event = m_pipeline->BeginEvent(state);
     const auto constants = state.AddConstants(&shaderParams, sizeof(shaderParams));
     const auto texture = state.AddView(source);
     const D12DrawState::Targets targets(&target, 1);

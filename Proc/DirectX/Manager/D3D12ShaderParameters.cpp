@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -131,6 +132,7 @@ D12ShaderParameters::CreateRootSignature(const D3D12_VERSIONED_ROOT_SIGNATURE_DE
                                                                     blob->GetBufferSize(),
                                                                     IID_PPV_ARGS(&rootSignature)),
                                       "Failed to create root signature", m_device, location);
+    SetName(rootSignature, "root signature");
     return rootSignature;
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12FreeList.h"
 #include "Proc/DirectX/Manager/SlotBitmap.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -24,6 +25,7 @@ public:
         CComPtr<ID3D12Resource> resource = m_free.Take(kSize, D12FreeList::End::Oldest);
         if (resource == nullptr) {
             resource = GetDevice()->CreateTexture2D(GetDesc());
+            SetName(resource, "pooled texture");
             m_bytes = SizeOf(*GetDevice(), resource);
         }
         auto texture = CreateTexture(resource, 0);
@@ -52,7 +54,9 @@ public:
     D12TextureArray(const boost::intrusive_ptr<D12Device>& device, const D12Texture2DDesc& desc)
         : D12Texture2DPool(device, desc),
           m_resource(device->CreateTexture2D(desc)),
-          m_slots(desc.arraySize) {}
+          m_slots(desc.arraySize) {
+        SetName(m_resource, "pooled texture array");
+    }
 
     boost::intrusive_ptr<D12Texture2D> ObtainTexture() override {
         const auto slot = m_slots.Allocate();

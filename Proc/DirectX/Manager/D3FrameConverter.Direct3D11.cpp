@@ -50,6 +50,7 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
     const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
     const auto owned = MakePlaneTargets(*m_device, destination);
     const std::vector<ID3D11RenderTargetView*> targets(owned.begin(), owned.end());
+    const auto event = D11QuadPipeline::BeginEvent(*context, "frame conversion");
     for (std::size_t i = 0; i < conversion.passes.size(); ++i) {
         const FramePass& pass = conversion.passes[i];
         const auto [width, height] = destination.desc.GetPlane(pass.firstPlane).size;

@@ -21,6 +21,8 @@ constexpr unsigned kConvertImageIndex = 0;
 constexpr unsigned kConvertFrameIndex = 1;
 constexpr unsigned kConvertPlanesIndex = 2;
 
+constexpr auto kFrameEvent = "frame conversion"; // what debuggers show
+
 constexpr auto kFrameRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
 constexpr auto kFrameDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
@@ -28,7 +30,8 @@ constexpr auto kFrameDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
 struct D12FrameConverter::Pass {
     Pass(const boost::intrusive_ptr<D12Device>& device, const FramePass& pass)
-        : pipeline(device, std::string(Shaders::kQuadVertex), GetFrameCodesShader(pass)),
+        : pipeline(device, kFrameEvent, std::string(Shaders::kQuadVertex),
+                   GetFrameCodesShader(pass)),
           image(AddFrameConstants(pipeline.GetParameters(), 0, D3D12_SHADER_VISIBILITY_PIXEL)),
           frame(AddFrameConstants(pipeline.GetParameters(), 1, D3D12_SHADER_VISIBILITY_PIXEL)),
           planes(pipeline.AddTexture(3)) {
@@ -111,6 +114,7 @@ void D12FrameConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& 
         for (const auto& step : conversion.steps) {
             step.pass.pipeline.GetQuad(*list); // before anything is recorded: it may fail
         }
+        const D12DrawEvent event(list->GetGraphics(), kFrameEvent);
         list->ResourceBarrier(conversion.before);
         for (const auto& [pass, targets, size, constants] : conversion.steps) {
             const D12PlanesOfOneDraw planes(*pass.planes, conversion.views);
@@ -131,6 +135,7 @@ void D12FrameConverter::Encode(const boost::intrusive_ptr<D12GraphicsCommandList
     const auto location = std::source_location::current();
     D12DrawState& state = D12DrawState::Of(list, location);
     const Conversion conversion = Prepare(source, destination, states, params, location);
+    const D12DrawEvent event = state.BeginEvent(kFrameEvent);
     const auto textures = state.AddViews(conversion.views);
     for (const auto& step : conversion.steps) {
         step.pass.pipeline.GetQuad(*list);

@@ -51,6 +51,7 @@ void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
     const auto make = [&](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
+    const auto event = D11QuadPipeline::BeginEvent(*context, "frame draw");
     const auto imageConstants = make(MakeParamsBytes(drawing.image));
     const D3FrameParams frame = MakeFrameParams(source.desc, GetChromaFilter());
     const auto planes = MakePlaneViews(*m_device, source);

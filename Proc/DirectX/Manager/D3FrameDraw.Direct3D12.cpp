@@ -26,8 +26,8 @@ bool DrawsStraightAlpha(const D12BlendState& blend) {
 
 D12FrameDraw::D12FrameDraw(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
-      m_pipeline(
-          std::make_unique<D12QuadPipeline>(device, GetVertexShader(), GetFrameDrawShader())),
+      m_pipeline(std::make_unique<D12QuadPipeline>(device, "frame draw", GetVertexShader(),
+                                                   GetFrameDrawShader())),
       m_imageParams(AddFrameConstants(m_pipeline->GetParameters(), 0, D3D12_SHADER_VISIBILITY_ALL)),
       m_frameParams(
           AddFrameConstants(m_pipeline->GetParameters(), 1, D3D12_SHADER_VISIBILITY_PIXEL)),
@@ -74,6 +74,7 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
     if (!drawing.viewport) {
         return;
     }
+    const D12DrawEvent event = m_pipeline->BeginEvent(state);
     const D3FrameParams frame = MakeFrameParams(source.desc, GetChromaFilter());
     const auto imageConstants = state.AddConstants(&drawing.image, sizeof(drawing.image));
     const auto frameConstants = state.AddConstants(&frame, sizeof(frame));

@@ -59,7 +59,12 @@ D11QuadPipeline::D11QuadPipeline(const boost::intrusive_ptr<D11Device>& device,
       m_inputLayout(device->CreateInputLayout(MakeInputElements11(), m_vertexShader)),
       m_sampler(device->CreateSamplerState(MakeLinearSampler11())),
       m_rasterizer(device->CreateRasterizerState(MakeRasterizer11())),
-      m_depthStencil(device->CreateDepthStencilState(MakeDepthStencil11())) {}
+      m_depthStencil(device->CreateDepthStencilState(MakeDepthStencil11())) {
+    SetName(m_inputLayout, "quad input layout");
+    SetName(m_sampler, "linear sampler");
+    SetName(m_rasterizer, "quad rasterizer state");
+    SetName(m_depthStencil, "quad depth-stencil state");
+}
 
 boost::intrusive_ptr<D11VertexBuffer>
 D11QuadPipeline::CreateQuad(const boost::intrusive_ptr<D11Device>& device,
@@ -104,6 +109,10 @@ void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw,
     ID3D11SamplerState* const sampler = m_sampler;
     raw.PSSetSamplers(0, 1, &sampler);
     raw.Draw(quad->GetCount(), 0);
+}
+
+D11DrawEvent D11QuadPipeline::BeginEvent(const D11DeviceContext& context, const char* name) {
+    return {context.m_annotation, name};
 }
 
 void D11QuadPipeline::Unbind(D11DeviceContext& context) {

@@ -73,9 +73,10 @@ CComPtr<ID3D12Resource> CreateConstants(D12Device& device, std::span<const std::
     return buffer;
 }
 
-D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device,
+D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const char* name,
                                  const std::string& vertexShader, const std::string& pixelShader)
     : m_device(device),
+      m_name(name),
       m_parameters(device->CreateShaderParameters()) {
     m_parameters->SetFlags({D3D12_ROOT_SIGNATURE_FLAG_ALLOW_INPUT_ASSEMBLER_INPUT_LAYOUT});
     m_desc.vertexShader = D12Shader::CreateVertex("VSMain", vertexShader);
@@ -117,6 +118,7 @@ D12QuadPipeline::MakePipelineState(D12DrawState::Targets targets) {
         m_desc.renderTargetFormats.assign(formats.begin(), formats.end());
         used.state.Release();
         used.state = m_device->CreateGraphicsPipelineState(m_desc);
+        SetName(used.state, m_name, "pipeline state");
         used.rootSignature = rootSignature;
         used.blend = m_blendState;
         used.formats = m_desc.renderTargetFormats;
@@ -147,6 +149,7 @@ void D12QuadPipeline::Record(D12CommandAllocator& allocator,
     const D12DrawState::Targets targets(&target, 1);
     allocator.RecordList(MakePipelineState(targets), [&](const List& list) {
         if (viewport) {
+            const D12DrawEvent event(list->GetGraphics(), m_name);
             Draw(list, targets, *viewport, target->GetSize(), GetQuad(*list, winding));
         }
     });

@@ -16,6 +16,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -51,6 +52,8 @@ public:
     void Draw(D11DeviceContext& context, const D11QuadDraw& draw) const;
     void Draw(D11DeviceContext& context, const D11QuadDraw& draw,
               const boost::intrusive_ptr<D11VertexBuffer>& quad) const;
+    // An event that debuggers show, while what is answered lives. A literal.
+    [[nodiscard]] static D11DrawEvent BeginEvent(const D11DeviceContext& context, const char* name);
     // Unbinds what would hinder the next user: targets, blend, depth-stencil and rasterizer state.
     static void Unbind(D11DeviceContext& context);
 
@@ -74,9 +77,10 @@ public:
     using Target = boost::intrusive_ptr<D12Descriptor>;
     using Targets = std::vector<Target>;
 
-    // Compiles the shaders. Blends as replace (ONE, ZERO, all channels).
-    D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const std::string& vertexShader,
-                    const std::string& pixelShader);
+    // Compiles the shaders. Blends as replace (ONE, ZERO, all channels). The name is what debuggers
+    // show, a literal.
+    D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, const char* name,
+                    const std::string& vertexShader, const std::string& pixelShader);
 
     D12ShaderParameters& GetParameters() const { return *m_parameters; }
     // A table with one texture, t0 of the pixel shader, which samples it through s0; or with more,
@@ -91,6 +95,11 @@ public:
 
     const D12BlendState& GetBlendState() const { return m_blendState; }
     void SetBlendState(const D12BlendState& blendState) { m_blendState = blendState; }
+
+    // Begins the event of a draw into an open list, or of a list that is recorded.
+    [[nodiscard]] D12DrawEvent BeginEvent(const D12DrawState& state) const {
+        return state.BeginEvent(m_name);
+    }
 
     // Records one list: the quad over the viewport, which lies inside the target; without one,
     // nothing.
@@ -136,6 +145,7 @@ private:
     const PixelShader& GetShader() const { return m_shaders[m_used]; }
 
     boost::intrusive_ptr<D12Device> m_device;
+    const char* m_name;
     boost::intrusive_ptr<D12ShaderParameters> m_parameters;
     D12GraphicsPipelineDesc m_desc;
     D12BlendState m_blendState;

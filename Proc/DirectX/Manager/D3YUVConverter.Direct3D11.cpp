@@ -5,6 +5,7 @@
 #include <source_location>
 #include <string>
 
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
@@ -97,7 +98,9 @@ void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
     const auto bytes = MakeYUVParams(m_alphaType, destination.matrix, format.bitDepth);
     m_paramsBuffer =
         CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
+    SetName(m_paramsBuffer, "YCbCr params buffer");
     const auto texture = CreateIntermediate(*m_device, destination.size, format.chroma);
+    SetName(texture, "chroma of full size");
     m_intermediateSource.reset(new D11ShaderTexture2D(texture, std::nullopt));
     m_intermediateTarget.reset(new D11RenderTexture2D(texture, std::nullopt));
     m_chromaQuad = D11QuadPipeline::CreateQuad(
@@ -107,6 +110,7 @@ void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
 
 void D11YUVConverter::Record(D11DeviceContext& context, const D11ShaderTexture2D& source,
                              const D11RenderTexture2D& luma, const D11RenderTexture2D& chroma) {
+    const auto event = D11QuadPipeline::BeginEvent(context, "YCbCr conversion");
     const auto [width, height] = m_destination->size;
     const std::array<ID3D11RenderTargetView*, 2> planes = {luma.GetView(),
                                                            m_intermediateTarget->GetView()};

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
@@ -43,12 +44,14 @@ void AddTransition(std::vector<D3D12_RESOURCE_BARRIER>& barriers, ID3D12Resource
 }
 
 std::unique_ptr<D12QuadPipeline> MakePass(const boost::intrusive_ptr<D12Device>& device,
-                                          const std::string& pixelShader) {
-    auto pass =
-        std::make_unique<D12QuadPipeline>(device, std::string(Shaders::kQuadVertex), pixelShader);
+                                          const char* name, const std::string& pixelShader) {
+    auto pass = std::make_unique<D12QuadPipeline>(device, name, std::string(Shaders::kQuadVertex),
+                                                  pixelShader);
     pass->SetBlendState({}); // not every system blends in every format of a plane
     return pass;
 }
+
+constexpr auto kEvent = "YCbCr conversion"; // what debuggers show
 
 // Root parameters, in the order in which they are added.
 constexpr unsigned kYCbCrTextureIndex = 0;
@@ -81,8 +84,8 @@ D12YUVConverter::D12YUVConverter(const boost::intrusive_ptr<D12Device>& device,
                                  Proc::AlphaType alphaType)
     : m_device(CheckDevice<DirectX12Exception>(device)),
       m_alphaType(alphaType),
-      m_yCbCrPass(MakePass(m_device, GetYUVPixelShader())),
-      m_resizePass(MakePass(m_device, std::string(Shaders::kResizePixel))),
+      m_yCbCrPass(MakePass(m_device, kEvent, GetYUVPixelShader())),
+      m_resizePass(MakePass(m_device, "chroma reduction", std::string(Shaders::kResizePixel))),
       m_yCbCrTexture(m_yCbCrPass->AddTexture()),
       m_resizeTexture(m_resizePass->AddTexture()),
       m_paramsView(m_yCbCrPass->GetParameters().AddConstantBufferView(
@@ -199,6 +202,7 @@ void D12YUVConverter::CreateIntermediate(const Size2DT<long>& size, DXGI_FORMAT 
     desc.format = format;
     desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
     const auto texture = m_device->CreateTexture2D(desc);
+    SetName(texture, "chroma of full size");
     m_intermediateSource = m_device->CreateTextureShaderResourceView(texture);
     m_intermediateTarget = m_device->CreateRenderTargetView(texture);
 }
@@ -228,6 +232,7 @@ void D12YUVConverter::Record(D12CommandAllocator& allocator, const Conversion& c
     m_paramsView->SetBuffer(m_paramsBuffer);
     allocator.RecordList(m_yCbCrPass->GetPipelineState(), [&](const D12QuadPipeline::List& list) {
         MakeQuads(*list); // before anything is recorded: it may fail
+        const D12DrawEvent event(list->GetGraphics(), kEvent);
         list->ResourceBarrier(conversion.before);
         m_yCbCrPass->Draw(list, conversion.firstTargets, RectOf(m_destination->size),
                           m_destination->size, m_yCbCrPass->GetQuad(*list));
@@ -245,6 +250,7 @@ void D12YUVConverter::Record(D12DrawState& state, const Conversion& conversion) 
     m_yCbCrTexture->Clear();
     m_resizeTexture->Clear();
     MakeQuads(list);
+    const D12DrawEvent event = state.BeginEvent(kEvent);
     state.ReserveViews(2);
     const auto source = state.AddView(conversion.source);
     const auto intermediate = state.AddView(m_intermediateSource);

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
@@ -308,6 +309,7 @@ void DXGISwapChain::MakeRenderTexture(const Size2DT<long>& size,
     CComPtr<ID3D11Texture2D> texture;
     ThrowIfFailed<DirectX11Exception>(m_swapChain->GetBuffer(0, IID_PPV_ARGS(&texture)),
                                       "Failed to get back buffer", m_device->Get(), location);
+    SetName(texture, "Swap chain back buffer");
     m_renderTexture = new D11RenderTexture2D(texture, std::nullopt);
 }
 

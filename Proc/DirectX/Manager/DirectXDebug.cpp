@@ -188,6 +188,12 @@ bool MarkFirstObject() {
     return state.requested;
 }
 
+bool IsRequested() noexcept {
+    DebugState& state = GetState();
+    const std::lock_guard guard(state.lock);
+    return state.requested;
+}
+
 void EnableLayerOnce() {
     long result = S_OK;
     std::call_once(GetState().layerOnce, [&result] { result = EnableLayer(); });

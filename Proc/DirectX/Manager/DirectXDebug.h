@@ -29,6 +29,8 @@ namespace Debug {
 
 // Ends the time in which debug mode may be requested; true when it was.
 bool MarkFirstObject();
+// Whether debug mode was requested.
+bool IsRequested() noexcept;
 // Switches the Direct3D 12 debug layer on, at most once per process.
 void EnableLayerOnce();
 // Whether the layer was switched on: factories are then created with DXGI_CREATE_FACTORY_DEBUG.

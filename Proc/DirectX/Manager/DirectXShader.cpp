@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Proc/DirectX/Manager/API.h"
+#include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/Throw.h"
@@ -85,6 +86,7 @@ CComPtr<ID3D11VertexShader> CreateVertexShader(const boost::intrusive_ptr<D11Dev
                                                                  code->GetBufferSize(), nullptr,
                                                                  &shader),
                                       "Failed to create vertex shader", device);
+    SetName(shader, "vertex shader");
     return shader;
 }
 
@@ -97,6 +99,7 @@ CComPtr<ID3D11PixelShader> CreatePixelShader(const boost::intrusive_ptr<D11Devic
                                                                 code->GetBufferSize(), nullptr,
                                                                 &shader),
                                       "Failed to create pixel shader", device);
+    SetName(shader, "pixel shader");
     return shader;
 }
 

@@ -199,7 +199,7 @@ const typename Info::value_type* FindFact(const std::exception& exception) {
 
 std::string DescribeResult(const HResultValue& value) {
     // The adapter has a line with more.
-    std::string text = fmt::format("\n{} ({:#010x})", to_string({value.result, {}, {}}),
+    std::string text = fmt::format("\n{} ({:#010x})", to_string(HResultValue{value.result, {}, {}}),
                                    static_cast<std::uint32_t>(value.result));
     if (value.adapter) {
         const AdapterDescription& adapter = *value.adapter;

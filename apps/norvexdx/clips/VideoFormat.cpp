@@ -87,6 +87,10 @@ DX::Size2DT<long> GetChromaSize(const DX::Size2DT<long>& size) {
     return {(size.width + 1) / 2, (size.height + 1) / 2};
 }
 
+std::span<const VideoFormat> GetVideoFormats() {
+    return kFormats;
+}
+
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name) {
     const auto* found =
         std::find_if(std::begin(kFormats), std::end(kFormats),

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,8 @@ struct FrameRate {
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
 
+// All that there are.
+std::span<const VideoFormat> GetVideoFormats();
 // nv12, p010, p016.
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name);
 // bt601, bt709, bt2020.

@@ -67,6 +67,46 @@ Finding ExamineConversions(Graphics& graphics) {
             std::move(rows)};
 }
 
+const char* GetAlphaName(Proc::AlphaType alpha) {
+    switch (alpha) {
+    case Proc::AlphaType::NonPremultiplied:
+        return "straight";
+    case Proc::AlphaType::Premultiplied:
+        return "premultiplied";
+    default:
+        return "one";
+    }
+}
+
+Finding ExamineYCbCr(const Graphics& graphics) {
+    std::vector<YCbCrError> errors;
+    try {
+        errors = CheckYCbCr(graphics);
+    } catch (const Failure& failure) { // what the adapter cannot do is not wrong
+        return {true, std::string("not examined: ") + failure.what()};
+    }
+    Json rows = Json::array();
+    for (const YCbCrError& error : errors) {
+        rows.push_back({{"format", error.format.name},
+                        {"matrix", GetMatrixName(error.matrix)},
+                        {"alpha", GetAlphaName(error.alpha)},
+                        {"planar", error.isPlanar},
+                        {"largestError", error.largest},
+                        {"allowed", error.allowed},
+                        {"right", error.IsRight()}});
+    }
+    const auto right = std::ranges::count_if(errors, &YCbCrError::IsRight);
+    const auto worst = std::ranges::max_element(
+        errors, {}, [](const YCbCrError& error) { return error.largest / error.allowed; });
+    return {right == std::ssize(errors),
+            fmt::format("{} of {} are right; the worst, {} by {} with {} alpha, is off by {:.1f} "
+                        "of {}, allowed {:.1f}",
+                        right, errors.size(), worst->format.name, GetMatrixName(worst->matrix),
+                        GetAlphaName(worst->alpha), worst->largest,
+                        worst->format.bits == 8 ? 255 : 65535, worst->allowed),
+            std::move(rows)};
+}
+
 Finding ExamineStress(Graphics& graphics, unsigned seconds) {
     const StressResult result = RunStress(graphics, seconds);
     return {result.wrong == 0, fmt::format("{} pictures on {} threads, {} wrong", result.pictures,
@@ -131,6 +171,7 @@ void ExamineGeneration(Json& report, ApiChoice api, const DoctorOptions& options
         return;
     }
     Examine(report, name + ", conversions", [&] { return ExamineConversions(*graphics); });
+    Examine(report, name + ", Y'CbCr", [&] { return ExamineYCbCr(*graphics); });
     if (options.stressSeconds != 0) {
         Examine(report, name + ", stress",
                 [&] { return ExamineStress(*graphics, options.stressSeconds); });
@@ -227,8 +268,12 @@ std::string MakeDetailsText(const Json& check) {
     }
     std::string text;
     for (const Json& row : details) {
-        text += fmt::format("    {:<13} to {:<13} {:>8.2f} of {:>4.0f}{}\n",
-                            row["from"].get<std::string>(), row["to"].get<std::string>(),
+        const bool isYCbCr = row.contains("matrix");
+        const auto from = row[isYCbCr ? "alpha" : "from"].get<std::string>();
+        const auto to =
+            isYCbCr ? row["format"].get<std::string>() + " " + row["matrix"].get<std::string>()
+                    : row["to"].get<std::string>();
+        text += fmt::format("    {:<13} to {:<13} {:>8.2f} of {:>5.1f}{}\n", from, to,
                             row["largestError"].get<double>(), row["allowed"].get<double>(),
                             row["right"].get<bool>() ? "" : "  WRONG");
     }

@@ -15,9 +15,9 @@ struct DoctorOptions {
 };
 
 // Prints system, adapters, displays, what is missing and what that costs, and examines: every
-// conversion of colours against the reference, drawing on several threads, what is left alive. Each
-// failure is a line of the report, the first one on standard error too. Success when all that was
-// examined is right.
+// conversion of colours and to Y'CbCr against the reference, drawing on several threads, what is
+// left alive. Each failure is a line of the report, the first one on standard error too. Success
+// when all that was examined is right.
 ExitCode RunDoctor(const DoctorOptions& options);
 
 } // namespace Norvex::App

@@ -5,7 +5,9 @@
 #include <cstring>
 #include <random>
 
+#include "apps/norvexdx/graphics/FrameEncoder.h"
 #include "apps/norvexdx/reference/ColorReference.h"
+#include "apps/norvexdx/reference/YCbCrReference.h"
 
 namespace Norvex::App {
 
@@ -18,6 +20,8 @@ using Proc::LinearizationMode;
 
 constexpr double kMaxSample = 65535.0;
 constexpr DX::Size2DT<long> kCardSize = {64, 12};
+constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne,
+                                 AlphaType::Premultiplied};
 
 constexpr Conf::RGBColorSpace kSpaces[] = {
     {BT709, TransferCharacteristics::sRGB},   {BT709, TransferCharacteristics::BT709},
@@ -57,15 +61,19 @@ Image MakeCard(bool isPremultiplied) {
     return card;
 }
 
+Reference::Pixel PixelAt(const Image& card, std::size_t index) {
+    Reference::Pixel color{};
+    std::ranges::transform(SamplesAt(card, index), color.begin(),
+                           [](std::uint16_t sample) { return sample / kMaxSample; });
+    return color;
+}
+
 double FindLargestError(const Image& card, const Image& drawn,
                         const Proc::ColorAlphaConversionInfo& conversion) {
     double largest = 0.0;
     const std::size_t count = std::size_t{card.width} * card.height;
     for (std::size_t i = 0; i < count; ++i) {
-        Reference::Pixel color{};
-        std::ranges::transform(SamplesAt(card, i), color.begin(),
-                               [](std::uint16_t sample) { return sample / kMaxSample; });
-        const Reference::Pixel expected = Reference::ReferenceConvert(color, conversion);
+        const Reference::Pixel expected = Reference::ReferenceConvert(PixelAt(card, i), conversion);
         const Samples samples = SamplesAt(drawn, i);
         for (std::size_t channel = 0; channel < samples.size(); ++channel) {
             const double wanted = std::clamp(expected[channel], 0.0, 1.0) * kMaxSample;
@@ -86,8 +94,6 @@ double GetAllowed(const Conf::RGBColorSpace& from, const Conf::RGBColorSpace& to
 } // namespace
 
 std::vector<ConversionError> CheckConversions(Graphics& graphics) {
-    constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne,
-                                     AlphaType::Premultiplied};
     const Image cards[] = {MakeCard(false), MakeCard(true)};
     const std::unique_ptr<Picture> pictures[] = {graphics.Upload(cards[0]),
                                                  graphics.Upload(cards[1])};
@@ -118,6 +124,37 @@ std::vector<ConversionError> CheckConversions(Graphics& graphics) {
                                                              canvas->Download(), conversion));
             }
             errors.push_back(error);
+        }
+    }
+    return errors;
+}
+
+std::vector<YCbCrError> CheckYCbCr(const Graphics& graphics) {
+    const Image card = MakeCard(false);
+    std::vector<Reference::Pixel> pixels(std::size_t{card.width} * card.height);
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+        pixels[i] = PixelAt(card, i);
+    }
+    std::vector<YCbCrError> errors;
+    std::vector<std::uint8_t> planes;
+    for (const VideoFormat& format : GetVideoFormats()) {
+        for (const auto matrix : {Conf::YCbCrMatrix::BT601, Conf::YCbCrMatrix::BT709,
+                                  Conf::YCbCrMatrix::BT2020NonConstant}) {
+            for (const AlphaType alpha : kAlphas) {
+                const auto encoder = FrameEncoder::Open(graphics, {.format = format,
+                                                                   .matrix = matrix,
+                                                                   .size = kCardSize,
+                                                                   .conversion = {},
+                                                                   .alpha = alpha});
+                encoder->Submit(card);
+                encoder->Collect(planes);
+                const auto expected =
+                    Reference::ReferenceFrame(pixels, {card.width, card.height}, matrix, alpha,
+                                              {card.width / 2, card.height / 2});
+                const auto error = Reference::FindLargestError(planes, format.bits, expected);
+                errors.push_back(
+                    {format, matrix, alpha, encoder->IsPlanar(), error.largest, error.allowed});
+            }
         }
     }
     return errors;

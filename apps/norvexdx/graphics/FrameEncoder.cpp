@@ -106,7 +106,11 @@ bool HasTruePlanes(FrameEncoder& encoder, const EncoderParams& params) {
 
 bool PassesPlanarTest(const Graphics& graphics, const EncoderParams& params) {
     try {
-        const EncoderParams test = {params.format, params.matrix, kTestSize, std::nullopt};
+        const EncoderParams test = {.format = params.format,
+                                    .matrix = params.matrix,
+                                    .size = kTestSize,
+                                    .conversion = {},
+                                    .alpha = params.alpha};
         return HasTruePlanes(*graphics.MakeEncoder(test, {.isPlanar = true}), test);
     } catch (const DX::DirectXException&) {
         return false;

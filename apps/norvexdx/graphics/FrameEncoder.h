@@ -23,7 +23,8 @@ struct EncoderParams {
     VideoFormat format;
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
     DX::Size2DT<long> size; // frames of another are fitted into it, over black
-    std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: colours stay
+    std::optional<Proc::ColorAlphaConversionInfo> conversion;  // empty: colours stay
+    Proc::AlphaType alpha = Proc::AlphaType::NonPremultiplied; // of frames as they are converted
 };
 
 // The textures that planes are drawn on.
@@ -53,7 +54,7 @@ public:
     bool IsPlanar() const { return m_textures.isPlanar; }
     std::size_t CountInFlight() const { return m_count; }
 
-    // Has the device begin with a frame, straight alpha, which is read before the call returns.
+    // Has the device begin with a frame, which is read before the call returns.
     // While kSlots are in flight: std::logic_error. Answers the bytes that the frame holds on the
     // device and for transfers until it is collected.
     std::size_t Submit(const Image& frame);

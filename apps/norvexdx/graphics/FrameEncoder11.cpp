@@ -69,7 +69,7 @@ public:
         : FrameEncoder(params, textures),
           m_device(device),
           m_draw(new DX::D11ImageDraw(device)),
-          m_converter(new DX::D11YUVConverter(device, Proc::AlphaType::NonPremultiplied)) {
+          m_converter(new DX::D11YUVConverter(device, params.alpha)) {
         if (params.conversion) {
             m_draw->Specialize(params.conversion);
         }

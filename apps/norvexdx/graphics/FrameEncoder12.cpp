@@ -36,7 +36,7 @@ public:
           m_device(device),
           m_queue(MakeQueue12(device)),
           m_draw(new DX::D12ImageDraw(device)),
-          m_converter(new DX::D12YUVConverter(device, Proc::AlphaType::NonPremultiplied)),
+          m_converter(new DX::D12YUVConverter(device, params.alpha)),
           m_canvasPool(DX::D12Texture2DPool::Create(
               device, MakeTextureDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
         if (params.conversion) {

@@ -1,19 +1,21 @@
-#include "tests/support/YCbCrReference.h"
+#include "apps/norvexdx/reference/YCbCrReference.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
+#include <utility>
 
 #include <fmt/format.h>
 
-namespace Norvex::Test {
+namespace Norvex::Reference {
 
 using Conf::YCbCrMatrix;
 
 namespace {
 
 // Cut to the narrow range, as what filters and scRGB leave beyond needs it.
-std::array<double, 3> CodesOf(const Color& color, double opacity, YCbCrMatrix matrix) {
+std::array<double, 3> CodesOf(const Pixel& color, double opacity, YCbCrMatrix matrix) {
     const auto [kr, kb] = matrix == YCbCrMatrix::BT601   ? std::pair(0.299, 0.114)
                           : matrix == YCbCrMatrix::BT709 ? std::pair(0.2126, 0.0722)
                                                          : std::pair(0.2627, 0.0593);
@@ -28,16 +30,17 @@ std::array<double, 3> CodesOf(const Color& color, double opacity, YCbCrMatrix ma
 
 } // namespace
 
-std::vector<double> ReferenceFrame(const Pixels& pixels, YCbCrMatrix matrix, Proc::AlphaType alpha,
+std::vector<double> ReferenceFrame(std::span<const Pixel> pixels, const DX::Size2DT<unsigned>& size,
+                                   YCbCrMatrix matrix, Proc::AlphaType alpha,
                                    const DX::Size2DT<unsigned>& chromaSize) {
     const auto at = [&](unsigned x, unsigned y) {
-        const Color& color =
-            pixels.At(std::min(x, pixels.width - 1), std::min(y, pixels.height - 1));
+        const Pixel& color = pixels[std::size_t{std::min(y, size.height - 1)} * size.width +
+                                    std::min(x, size.width - 1)];
         return CodesOf(color, alpha == Proc::AlphaType::NonPremultiplied ? color[3] : 1.0, matrix);
     };
     std::vector<double> frame;
-    for (unsigned y = 0; y < pixels.height; ++y) {
-        for (unsigned x = 0; x < pixels.width; ++x) {
+    for (unsigned y = 0; y < size.height; ++y) {
+        for (unsigned x = 0; x < size.width; ++x) {
             frame.push_back(at(x, y)[0]);
         }
     }
@@ -52,22 +55,35 @@ std::vector<double> ReferenceFrame(const Pixels& pixels, YCbCrMatrix matrix, Pro
     return frame;
 }
 
-std::string DescribeDifference(std::span<const std::uint8_t> frame, unsigned bits,
-                               const std::vector<double>& expected) {
+FrameError FindLargestError(std::span<const std::uint8_t> frame, unsigned bits,
+                            const std::vector<double>& expected) {
     const std::size_t size = bits == 8 ? 1 : 2;
-    const double bound = bits == 8 ? 1.5 : bits == 10 ? 64.0 : 8.0;
+    FrameError error;
+    error.allowed = bits == 8 ? 1.5 : bits == 10 ? 64.0 : 8.0;
     if (frame.size() != expected.size() * size) {
-        return fmt::format("{} samples instead of {}", frame.size() / size, expected.size());
+        error.largest = std::numeric_limits<double>::infinity();
+        return error;
     }
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const double sample = size == 1 ? frame[i] : frame[2 * i] + 256.0 * frame[2 * i + 1];
         const double wanted = expected[i] * (size == 1 ? 255.0 : 65535.0);
-        if (!(std::fabs(sample - wanted) <= bound)) {
-            return fmt::format("sample {} of {}: {} instead of {:.2f}", i, expected.size(), sample,
-                               wanted);
+        if (std::fabs(sample - wanted) > error.largest) {
+            error = {i, sample, wanted, std::fabs(sample - wanted), error.allowed};
         }
     }
-    return {};
+    return error;
 }
 
-} // namespace Norvex::Test
+std::string DescribeDifference(std::span<const std::uint8_t> frame, unsigned bits,
+                               const std::vector<double>& expected) {
+    const FrameError error = FindLargestError(frame, bits, expected);
+    if (error.IsRight()) {
+        return {};
+    }
+    return std::isinf(error.largest)
+               ? fmt::format("{} bytes are not {} samples", frame.size(), expected.size())
+               : fmt::format("sample {} of {}: {} instead of {:.2f}", error.index, expected.size(),
+                             error.sample, error.wanted);
+}
+
+} // namespace Norvex::Reference
