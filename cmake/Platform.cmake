@@ -59,7 +59,8 @@ endif()
 # A test waits for its compiler longer than for its own code.
 add_library(norvex_quickly_compiled INTERFACE)
 if(NOT MSVC)
-    target_compile_options(norvex_quickly_compiled INTERFACE -O0 $<$<NOT:$<CONFIG:Debug>>:-g0>)
+    target_compile_options(norvex_quickly_compiled INTERFACE -O0 $<$<NOT:$<CONFIG:Debug>>:-g0>
+        "$<$<CONFIG:Coverage>:-fno-profile-arcs;-fno-test-coverage>") # ./dev coverage is of what is tested
 endif()
 
 function(norvex_precompile target)

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Tests `norvexdx encode` in pipes: clips of ffmpeg's go in, what comes out is compared with ffmpeg's
-# own conversion. ctest calls this, inside the root.
+# own conversion; and what ends it before its time. ctest calls this, inside the root.
 #   encode-test.sh NORVEXDX.exe RESULT.xml
 set -euo pipefail
 
@@ -20,6 +20,7 @@ size=640x360 rate=25 frames=50
 kMinPsnr=45 # dB, of luma
 
 encode() { timeout 60 "$here/wine-run" "$program" encode "$@"; }
+convert() { timeout 60 "$here/wine-run" "$program" convert "$@"; }
 clip() { ffmpeg -v error -f lavfi -i "testsrc2=size=$size:rate=$rate" -frames:v "$frames" -f rawvideo -pix_fmt rgba -; }
 raw() { printf '%s\n' -f rawvideo -pix_fmt "$1" -s "$size" -r "$rate" -i "$2"; }
 
@@ -75,8 +76,77 @@ ends_with_reader() {
     [ "$(cat err)" = "norvexdx: whoever reads standard output has closed it" ] || { cat err; return 1; }
 }
 
+# A disk that is full behind standard output, where the system has one.
+ends_with_full_disk() {
+    local status=0
+    clip | encode - --size "$size" --format nv12 -o - >/dev/full 2>err || status=$?
+    expect "exit status" "$status" == 1
+    [ "$(cat err)" = "norvexdx: cannot write to standard output" ] || { cat err; return 1; }
+}
+
+# In the middle of a clip: nothing is left of it, and the old one stays.
+ends_when_interrupted() {
+    local status=0 began=$SECONDS
+    mkdir interrupted
+    echo old >interrupted/clip
+    mkfifo waiting
+    { clip && sleep 30; } >waiting &
+    local sleeper=$!
+    "$here/wine-run" "$program" encode - --size "$size" --format nv12 -o interrupted/clip <waiting 2>err &
+    local encoder=$!
+    until compgen -G 'interrupted/*.tmp' >part || [ $((SECONDS - began)) -gt 20 ]; do sleep 0.1; done
+    kill -INT "$encoder"
+    wait "$encoder" || status=$?
+    kill "$sleeper"
+    expect "exit status" "$status" == 130
+    [ "$(cd interrupted && echo * && cat clip)" = $'clip\nold' ] || { ls interrupted; return 1; }
+}
+
+# fails_with WORDS COMMAND...: exit code 1, and one line on standard error that has the words
+fails_with() {
+    local status=0
+    "${@:2}" >/dev/null 2>err || status=$?
+    expect "exit status" "$status" == 1
+    expect "lines on standard error" "$(wc -l <err)" == 1
+    grep -qF -- "$1" err || { cat err; return 1; }
+}
+
+# Pictures of 97 x 113 pixels that say that they are 65,535 x 65,535: no room is made for those. Names that
+# no file can have.
+refuses_what_is_too_large() {
+    local kind name
+    name=$(printf 'x%.0s' {1..300}).png
+    for kind in jpg tiff; do
+        ffmpeg -v error -f lavfi -i color=red:size=97x113 -vf "format=$([ $kind = tiff ] && echo rgb24 || echo yuvj420p)" \
+            -frames:v 1 -update 1 "whole.$kind"
+        convert "whole.$kind" out.png >/dev/null
+        LC_ALL=C sed -e 's/\x00\x71\x00\x61/\xff\xff\xff\xff/' -e 's/\x61\x00\x00\x00/\xff\xff\x00\x00/' \
+            -e 's/\x71\x00\x00\x00/\xff\xff\x00\x00/' "whole.$kind" >"large.$kind"
+        fails_with "65535 x 65535 pixels is larger than the device" convert "large.$kind" out.png
+    done
+    fails_with "there is no file" convert "$name" out.png
+    fails_with "cannot replace" convert whole.jpg "$name"
+    [ "$(echo ./*.tmp)" = './*.tmp' ] || { ls; return 1; }
+}
+
+# Two at once into one file: it is whole, and nothing else is left.
+agrees_with_itself() {
+    mkdir both
+    clip >in.rgba
+    encode - --size "$size" --format nv12 -o alone <in.rgba
+    encode - --size "$size" --format nv12 -o both/clip <in.rgba &
+    encode - --size "$size" --format nv12 -o both/clip <in.rgba
+    wait $!
+    cmp alone both/clip
+    [ "$(ls both)" = clip ] || { ls both; return 1; }
+}
+
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D11 agrees d3d11
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D12 agrees d3d12
 run_case EncodePipeTest WhatComesOutDecodes decodes
 run_case EncodePipeTest EndsWithItsReader ends_with_reader
+run_case EncodePipeTest EndsWhenTheDiskIsFull ends_with_full_disk
+run_case EncodePipeTest LeavesNothingWhenItIsInterrupted ends_when_interrupted
+run_case EncodePipeTest WhatIsTooLargeIsRefusedInOneLine refuses_what_is_too_large
+run_case EncodePipeTest TwoAtOnceLeaveAWholeFile agrees_with_itself
 write_results "$result"

@@ -18,11 +18,16 @@ for name in boost directx dxguids CLI nlohmann; do
     ln -s "/usr/include/$name" "$prefix/system-headers/$name"
 done
 
+# Few of the Windows headers, and not every processor's vector instructions with them: sources of all
+# three each include them.
+fewHeaders='-DWIN32_LEAN_AND_MEAN -D_X86INTRIN_H_INCLUDED'
+
 export NORVEX_SDK=$prefix
 build() { # build NAME SOURCE-FOLDER CMAKE-ARGUMENTS...
     local name=$1 source=$2
     shift 2
     cmake -S "$source" -B "$work/$name.build" -G Ninja -Wno-dev \
+        -DCMAKE_C_FLAGS="$fewHeaders" -DCMAKE_CXX_FLAGS="$fewHeaders" \
         -DCMAKE_TOOLCHAIN_FILE="$here/../cmake/mingw-toolchain.cmake" -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_INSTALL_PREFIX="$prefix" -DCMAKE_POLICY_VERSION_MINIMUM=3.5 "$@" &&
         cmake --build "$work/$name.build" &&
@@ -58,13 +63,13 @@ printf 'set(%s 1 CACHE INTERNAL "")\n' "${glogYes[@]}" >"$work/answers.cmake"
 printf 'set(%s "" CACHE INTERNAL "")\n' "${glogNo[@]}" >>"$work/answers.cmake"
 printf 'set(%s 2 CACHE INTERNAL "")\n' HAVE_UINT16_T HAVE___UINT16 >>"$work/answers.cmake"
 
-# All at once, on all cores. Few of the Windows headers: libpng's sources each include them.
+# All at once, on all cores.
 build glog "$work/glog" -C "$work/answers.cmake" -DBUILD_SHARED_LIBS=ON -DWITH_GFLAGS=OFF -DWITH_GTEST=OFF \
     -DWITH_UNWIND=OFF -DBUILD_TESTING=OFF &
 glog=$!
 build fmt "$work/fmt" -DFMT_TEST=OFF -DFMT_DOC=OFF &
 fmt=$!
 build png "$work/png" -DPNG_SHARED=OFF -DPNG_STATIC=ON -DPNG_TESTS=OFF -DPNG_TOOLS=OFF \
-    -DZLIB_USE_STATIC_LIBS=ON -DCMAKE_C_FLAGS=-DWIN32_LEAN_AND_MEAN
+    -DZLIB_USE_STATIC_LIBS=ON
 wait "$glog"
 wait "$fmt"

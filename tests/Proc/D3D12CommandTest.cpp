@@ -62,16 +62,22 @@ protected:
     std::shared_ptr<int> m_token = std::make_shared<int>();
 };
 
+// What the queue signals when four threads make the call.
+template <class Call>
+std::vector<UINT64> SignalsOf(ID3D12CommandQueue* queue, const Call& call) {
+    std::vector<UINT64> values;
+    const QueueSignal patch(queue, [&](auto original, auto* self, auto* fence, auto value) {
+        std::this_thread::sleep_for(value % 2 == 1 ? 20ms : 0ms);
+        values.push_back(value);
+        return original(self, fence, value);
+    });
+    RunThreads(4, [&](unsigned) { call(); });
+    return values;
+}
+
 // A fence that goes back never wakes who waits for more.
 TEST_F(D3D12CommandTest, ThreadsThatWaitForOneQueueSignalInOrder) {
-    std::vector<UINT64> values;
-    const QueueSignal patch(Queue()->Get(),
-                            [&](auto original, auto* self, auto* fence, auto value) {
-                                std::this_thread::sleep_for(value % 2 == 1 ? 20ms : 0ms);
-                                values.push_back(value);
-                                return original(self, fence, value);
-                            });
-    RunThreads(4, [](unsigned) { Queue()->WaitComplete(); });
+    const auto values = SignalsOf(Queue()->Get(), [] { Queue()->WaitComplete(); });
     EXPECT_EQ(values.size(), 4u);
     EXPECT_TRUE(std::ranges::is_sorted(values));
 }
@@ -83,17 +89,8 @@ TEST_F(D3D12CommandTest, QueuesSignalEventsInOrderAndWaitForThem) {
     const auto done = Device()->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
     const auto gate = MakeGate();
     Queue()->Wait(gate);
-    std::vector<UINT64> values;
-    {
-        const QueueSignal patch(Queue()->Get(),
-                                [&](auto original, auto* self, auto* fence, auto value) {
-                                    std::this_thread::sleep_for(value % 2 == 1 ? 20ms : 0ms);
-                                    values.push_back(value);
-                                    return original(self, fence, value);
-                                });
-        RunThreads(4, [&](unsigned) { Queue()->Signal(event); });
-    }
-    EXPECT_EQ(values, (std::vector<UINT64>{1, 2, 3, 4}));
+    EXPECT_EQ(SignalsOf(Queue()->Get(), [&] { Queue()->Signal(event); }),
+              (std::vector<UINT64>{1, 2, 3, 4}));
     other->Wait(event);
     other->Signal(done);
     EXPECT_FALSE(event->IsCompleted() || done->IsCompleted());

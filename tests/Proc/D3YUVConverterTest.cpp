@@ -3,7 +3,6 @@
 // methods of a real texture and of its device are interposed, so that it answers as one.
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <random>
 #include <span>

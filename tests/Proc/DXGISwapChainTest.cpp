@@ -2,7 +2,6 @@
 // viewer's test's. This system's display has no HDR, so that its answers, and those of the swap
 // chain about colour spaces, are interposed.
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include "Proc/DirectX/Manager/DXGIDisplay.h"

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <concepts>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
@@ -25,6 +24,7 @@
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "tests/support/DeviceTest.h"
+#include "tests/support/Environment.h"
 #include "tests/support/LifeProbe.h"
 #include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
@@ -64,12 +64,6 @@ protected:
         allocator->WaitComplete();
     }
 };
-
-// What a longer run sets.
-inline unsigned FromEnvironment(const char* name, unsigned otherwise) {
-    const char* const text = std::getenv(name);
-    return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
 
 template <auto method>
 class CallCount {

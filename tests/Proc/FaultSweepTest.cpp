@@ -247,6 +247,9 @@ protected:
             return; // background threads have made fewer calls this time
         }
         const std::string& method = m_calls[static_cast<std::size_t>(call)];
+        if (fault.isLoss && m_faults.GetOwnResult(method) != S_OK) {
+            return; // or others
+        }
         SCOPED_TRACE(m_what + ": " + method);
         const bool isRemoval = fault.result == DXGI_ERROR_DEVICE_REMOVED;
         const HRESULT own = m_faults.GetOwnResult(method);

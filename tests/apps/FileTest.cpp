@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <random>
 #include <span>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/pictures/OutputFile.h"
 #include "tests/apps/Expectations.h"
+#include "tests/support/Environment.h"
 #include "tests/support/MethodPatch.h"
 
 namespace Norvex::Test {
@@ -162,15 +162,14 @@ Bytes Damage(Bytes file, std::mt19937& random) {
     return file;
 }
 
-// NORVEX_STEPS: how many of each kind.
+// NORVEX_STEPS and NORVEX_SEED: how many of each kind, and which.
 TEST_F(FileTest, DamagedFilesAreReadOrRefusedInOneLine) {
     const auto path = m_folder.GetPath("damaged.y4m"); // only of clips the name matters
-    char count[16] = "100";
-    GetEnvironmentVariableA("NORVEX_STEPS", count, sizeof(count));
+    const unsigned count = FromEnvironment("NORVEX_STEPS", 100);
     const auto expect = [&](const char* name, const auto& read) {
         const Bytes whole = ReadInputFile(m_folder.GetPath(name));
-        std::mt19937 random(1);
-        for (int i = 0; i <= std::atoi(count); ++i) {
+        std::mt19937 random(FromEnvironment("NORVEX_SEED", 1));
+        for (unsigned i = 0; i <= count; ++i) {
             SCOPED_TRACE(fmt::format("{}, {}", name, i));
             WriteBytes(path, i == 0 ? whole : Damage(whole, random));
             const std::string line = FailureOf(read);
@@ -221,15 +220,17 @@ TEST_F(FileTest, LeavesTheOldFileUntilTheNewOneIsWhole) {
         expectFile("old");
     };
     constexpr const wchar_t* kThisProgram = L"ProgramPartsTest.exe";
-    const auto expectFailureOf = [&](const char* function, DWORD error, const char* words) {
-        const auto fail = [error](auto) {
+    const auto expectFailureOf = [&](const char* function, DWORD error, const char* words,
+                                     std::intptr_t answer = FALSE) {
+        const auto fail = [=](auto) {
             SetLastError(error);
-            return FALSE;
+            return answer;
         };
-        const MethodPatch<0, BOOL()> patch(FindImport(kThisProgram, function), fail);
+        const MethodPatch<0, std::intptr_t()> patch(FindImport(kThisProgram, function), fail);
         expectFailure(words);
     };
     write("old");
+    expectFailureOf("CreateFileW", ERROR_ACCESS_DENIED, "access is denied", -1);
     expectFailureOf("WriteFile", ERROR_DISK_FULL, "the disk is full");
     expectFailureOf("FlushFileBuffers", ERROR_HANDLE_DISK_FULL, "the disk is full");
     expectFailureOf("MoveFileExW", ERROR_ACCESS_DENIED, "access is denied");

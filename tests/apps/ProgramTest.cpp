@@ -177,6 +177,7 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     expect(encode + "-", "need --size", "raw", 2);
     expect(encode + "-", "does not begin with FRAME", "YUV4MPEG2 W2 H1 C444\nFRAM\n");
     expect(encode + "-", "3 of its 6 bytes are missing", "YUV4MPEG2 W2 H1 C444\nFRAME\nabc");
+    expect(encode + "-", "65535 x 65535 pixels is larger", "YUV4MPEG2 W65535 H65535 C444\n");
     expect(encode + "-", "longer than a Y4M file's", "YUV4MPEG2 " + std::string(5000, 'X'));
     expect(encode + "- --size 4x4", "no frames");
     expect(encode + "- --size 4x4", "frame 2: 28 of its 64 bytes", std::string(100, 'x'));

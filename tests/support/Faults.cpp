@@ -5,8 +5,6 @@
 #include <system_error>
 #include <thread>
 
-#include <fmt/format.h>
-
 #include "Proc/DirectX/Manager/D3D12BufferPool.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
@@ -93,7 +91,8 @@ HRESULT Faults::Take(const std::string& name) {
         return m_isLost && EndsWithDevice(name) ? kLoss.result : S_OK;
     }
     if (call.own != S_OK) {
-        return call.own;
+        m_failing += m_fault.isLoss ? 1 : 0; // then the device is lost at the next
+        return m_fault.isLoss ? S_OK : call.own;
     }
     m_isLost = m_fault.isLoss && EndsWithDevice(name);
     m_isReasonDue = m_fault.result == DXGI_ERROR_DEVICE_REMOVED;
@@ -145,12 +144,19 @@ void InterposeWindows(Faults& faults) {
     const auto refuse = [](auto...) {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     };
-    // What the C++ runtime starts threads by.
+    const Tellings told = {"--: no thread", kUntold};
+    // What MinGW's C++ runtime starts threads by; Microsoft's does it inline, by the C runtime.
     constexpr auto kStart = "_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_"
                             "deleteIS1_EEPFvvE";
-    faults.Stand<MethodPatch<0, void(void*, void*, void (*)()), Faults>>(
-        FindImport(L"NorvexDX.dll", kStart), "std::thread", E_OUTOFMEMORY, refuse,
-        {"--: no thread", kUntold});
+    using StartByC = std::uintptr_t(void*, unsigned, void*, void*, unsigned, unsigned*);
+    try {
+        faults.Stand<MethodPatch<0, void(void*, void*, void (*)()), Faults>>(
+            FindImport(L"NorvexDX.dll", kStart), "std::thread", E_OUTOFMEMORY, refuse, told);
+    } catch (const std::runtime_error&) {
+        faults.Stand<MethodPatch<0, StartByC, Faults>>(
+            FindImport(L"NorvexDX.dll", "_beginthreadex"), "std::thread", E_OUTOFMEMORY,
+            [](auto...) { return std::uintptr_t{}; }, told);
+    }
 }
 
 void InterposeDXGI(Faults& faults, bool isDirect3D12) {

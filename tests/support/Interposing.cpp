@@ -63,7 +63,7 @@ void StoreProtected(void** place, void* value) {
     VirtualProtect(static_cast<void*>(place), sizeof(void*), protection, &protection);
 }
 
-void** FindImport(const wchar_t* module, const char* name) {
+void** FindImport(const wchar_t* module, const char* name, const char* otherName) {
     auto* const base = GetModuleHandleW(module);
     const auto headerPlace = static_cast<std::size_t>(At<IMAGE_DOS_HEADER>(base, 0)->e_lfanew);
     const auto* header = At<IMAGE_NT_HEADERS>(base, headerPlace);
@@ -78,6 +78,9 @@ void** FindImport(const wchar_t* module, const char* name) {
                 return address;
             }
         }
+    }
+    if (otherName != nullptr) {
+        return FindImport(module, otherName);
     }
     throw std::runtime_error(std::string("not imported: ") + name);
 }

@@ -20,8 +20,9 @@ namespace Norvex::Test {
 
 // Writes where the memory is write-protected. Throws std::runtime_error.
 void StoreProtected(void** place, void* value);
-// The place in the module's import table that holds the function's address.
-void** FindImport(const wchar_t* module, const char* name);
+// The place in the module's import table that holds the function's address; of the other one where
+// that is not imported. Throws std::runtime_error.
+void** FindImport(const wchar_t* module, const char* name, const char* otherName = nullptr);
 
 // An object whose methods answer their places in the method table.
 void* GetObjectOfPlaces();

@@ -185,6 +185,10 @@ public:
     // All of a texture, for shaders.
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
+    // As described.
+    boost::intrusive_ptr<D12Descriptor>
+    CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                             const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
 
     // Heaps of dead wrappers that wait to be recycled, at this moment.
     std::size_t CountFreeHeaps() const;

@@ -74,6 +74,14 @@ D12DescriptorHeapPool::CreateTextureShaderResourceView(const CComPtr<ID3D12Resou
     });
 }
 
+boost::intrusive_ptr<D12Descriptor> D12DescriptorHeapPool::CreateShaderResourceView(
+    const CComPtr<ID3D12Resource>& resource,
+    const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc) {
+    return CreateShared(D3D12_DESCRIPTOR_HEAP_TYPE_CBV_SRV_UAV, [&](D12DescriptorCPUHeap& heap) {
+        return heap.CreateShaderResourceView(resource, desc);
+    });
+}
+
 template <class Create>
 boost::intrusive_ptr<D12Descriptor>
 D12DescriptorHeapPool::CreateShared(D3D12_DESCRIPTOR_HEAP_TYPE type, const Create& create) {

@@ -183,4 +183,10 @@ D12Device::CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resour
     return m_descriptorHeapPool->CreateTextureShaderResourceView(resource);
 }
 
+boost::intrusive_ptr<D12Descriptor>
+D12Device::CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                                    const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc) {
+    return m_descriptorHeapPool->CreateShaderResourceView(resource, desc);
+}
+
 } // namespace Norvex::DX

@@ -164,6 +164,10 @@ public:
     // All of a texture, from the device's shared heaps.
     boost::intrusive_ptr<D12Descriptor>
     CreateTextureShaderResourceView(const CComPtr<ID3D12Resource>& resource);
+    // As described, one plane or slice of a texture for example.
+    boost::intrusive_ptr<D12Descriptor>
+    CreateShaderResourceView(const CComPtr<ID3D12Resource>& resource,
+                             const std::optional<D3D12_SHADER_RESOURCE_VIEW_DESC>& desc);
 
     // Idle allocators and lists, for the command classes; see D12DevicePool. What comes back must
     // be idle (the GPU is done; a list is closed). "Failed to create command allocator".

@@ -54,15 +54,20 @@ D3D12_GPU_VIRTUAL_ADDRESS D12DrawState::AddConstants(const void* data, std::size
     return address;
 }
 
-D3D12_GPU_DESCRIPTOR_HANDLE
-D12DrawState::AddView(const boost::intrusive_ptr<D12Descriptor>& view) {
-    if (view.get() != m_lastView) {
-        if (m_views == nullptr || m_usedViews == kViewsInHeap) {
-            auto views = m_list.GetDevice()->CreateViewHeap(kViewsInHeap);
-            m_list.Keep(views.get());
-            m_views = std::move(views);
-            m_usedViews = 0;
-        }
+void D12DrawState::ReserveViews(std::size_t count) {
+    if (m_views == nullptr || m_usedViews + count > kViewsInHeap) {
+        auto views = m_list.GetDevice()->CreateViewHeap(kViewsInHeap);
+        m_list.Keep(views.get());
+        m_views = std::move(views);
+        m_usedViews = 0;
+        m_lastView = nullptr;
+    }
+}
+
+D3D12_GPU_DESCRIPTOR_HANDLE D12DrawState::AddViews(Views views) {
+    ReserveViews(views.size());
+    const unsigned first = m_usedViews;
+    for (const auto& view : views) {
         m_list.Keep(view.get());
         m_list.GetDevice()->Get()->CopyDescriptorsSimple(1, m_views->GetCPUHandle(m_usedViews),
                                                          view->GetCPUHandle(),
@@ -70,7 +75,12 @@ D12DrawState::AddView(const boost::intrusive_ptr<D12Descriptor>& view) {
         ++m_usedViews;
         m_lastView = view.get();
     }
-    return m_views->GetGPUHandle(m_usedViews - 1);
+    return m_views->GetGPUHandle(first);
+}
+
+D3D12_GPU_DESCRIPTOR_HANDLE
+D12DrawState::AddView(const boost::intrusive_ptr<D12Descriptor>& view) {
+    return view.get() != m_lastView ? AddViews({&view, 1}) : m_views->GetGPUHandle(m_usedViews - 1);
 }
 
 void D12DrawState::SetPipelineState(ID3D12PipelineState* pipelineState) {

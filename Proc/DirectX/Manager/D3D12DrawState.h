@@ -43,8 +43,14 @@ public:
     // At most kChunkInBytes of constants. "Failed to map upload buffer", and what
     // D12Device::CreateUploadBuffer throws.
     D3D12_GPU_VIRTUAL_ADDRESS AddConstants(const void* data, std::size_t size);
+    using Views = std::span<const boost::intrusive_ptr<D12Descriptor>>;
     // A table of this one view. What D12DescriptorHeapPool::CreateGPUHeap throws.
     D3D12_GPU_DESCRIPTOR_HANDLE AddView(const boost::intrusive_ptr<D12Descriptor>& view);
+    // A table of these, at most kViewsInHeap. The same errors.
+    D3D12_GPU_DESCRIPTOR_HANDLE AddViews(Views views);
+    // The next `count` views will lie in one heap, as all tables of one draw or of several in a row
+    // must: the newest heap is the one that is set. The same errors.
+    void ReserveViews(std::size_t count);
 
     using Targets = std::span<const boost::intrusive_ptr<D12Descriptor>>;
     void SetPipelineState(ID3D12PipelineState* pipelineState);

@@ -96,6 +96,13 @@ void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw,
     raw.VSSetConstantBuffers(0, 1, &draw.constants);
     raw.PSSetConstantBuffers(0, 1, &draw.constants);
     raw.PSSetShaderResources(0, 1, &draw.texture);
+    if (!draw.moreTextures.empty()) {
+        raw.PSSetShaderResources(1, static_cast<UINT>(draw.moreTextures.size()),
+                                 draw.moreTextures.data());
+    }
+    if (draw.moreConstants != nullptr) {
+        raw.PSSetConstantBuffers(1, 1, &draw.moreConstants);
+    }
     raw.IASetInputLayout(m_inputLayout);
     raw.VSSetShader(m_vertexShader->GetShader(), nullptr, 0);
     raw.PSSetShader(draw.shader->GetShader(), nullptr, 0);

@@ -88,9 +88,9 @@ D12QuadPipeline::D12QuadPipeline(const boost::intrusive_ptr<D12Device>& device, 
     m_blendState.targets = {D12RenderTargetBlend{}};
 }
 
-boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture() {
+boost::intrusive_ptr<D12ViewTable> D12QuadPipeline::AddTexture(unsigned count) {
     m_parameters->AddSampler(MakeLinearSampler12());
-    return m_parameters->AddViewTable(1, D3D12_SHADER_VISIBILITY_PIXEL);
+    return m_parameters->AddViewTable(count, D3D12_SHADER_VISIBILITY_PIXEL);
 }
 
 void D12QuadPipeline::AddShader(const D3ConversionKey& key, std::shared_ptr<D12Shader> shader) {

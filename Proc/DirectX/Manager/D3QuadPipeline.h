@@ -39,6 +39,8 @@ struct D11QuadDraw {
     ID3D11ShaderResourceView* texture = nullptr;
     ID3D11Buffer* constants = nullptr; // of both stages
     ID3D11BlendState* blendState = nullptr;
+    std::span<ID3D11ShaderResourceView* const> moreTextures = {}; // from t1 on
+    ID3D11Buffer* moreConstants = nullptr;                        // b1 of the pixel shader
 };
 
 class D11QuadPipeline {
@@ -81,8 +83,9 @@ public:
                     const std::string& vertexShader, const std::string& pixelShader);
 
     D12ShaderParameters& GetParameters() const { return *m_parameters; }
-    // A table with one texture, t0 of the pixel shader, which samples it through s0.
-    boost::intrusive_ptr<D12ViewTable> AddTexture();
+    // A table with one texture, t0 of the pixel shader, which samples it through s0; or with more,
+    // from t0 on.
+    boost::intrusive_ptr<D12ViewTable> AddTexture(unsigned count = 1);
     // Another pixel shader, for one conversion.
     void AddShader(const D3ConversionKey& key, std::shared_ptr<D12Shader> shader);
     std::size_t GetAddedShaderCount() const { return m_shaders.size() - 1; }

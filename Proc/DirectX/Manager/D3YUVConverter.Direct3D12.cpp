@@ -251,6 +251,7 @@ void D12YUVConverter::Record(D12DrawState& state, const Conversion& conversion) 
     m_resizeTexture->Clear();
     MakeQuads(list);
     const D12DrawEvent event = state.BeginEvent(kEvent);
+    state.ReserveViews(2);
     const auto source = state.AddView(conversion.source);
     const auto intermediate = state.AddView(m_intermediateSource);
     list.TrackObject(m_paramsBuffer.p);

@@ -32,9 +32,6 @@ cbuffer ParamsBuffer: register( b0 )
 #define displayLinear ONE_DISPLAY_LINEAR
 #endif
 
-Texture2D shaderTexture: register( t0 );
-SamplerState sampleType: register( s0 );
-
 struct PSInput
 {
     float4 position: SV_POSITION;
@@ -116,14 +113,27 @@ float4 ConvertColorSpace( float4 color )
     return color;
 }
 
-float4 PSMain( PSInput input ): SV_TARGET
+// What is drawn of a sample.
+float4 DrawColor( float4 color )
 {
-    // Of a part no texel around it.
-    float2 at = clamp( partOrigin + input.uv * partExtent, firstTexel, lastTexel );
-    float4 color = shaderTexture.Sample( sampleType, partExtent.x > 0.0 ? at : input.uv );
     if ( sourceColorSpace != 0 && targetColorSpace != 0 )
         color = ConvertColorSpace( color );
     else if ( transparency > 0.0 )
         color *= 1.0 - float4( colorTransparency.xxx, transparency );
     return color;
 }
+
+// Shaders of frames have samples of their own.
+#ifndef FRAME_SHADER
+
+Texture2D shaderTexture: register( t0 );
+SamplerState sampleType: register( s0 );
+
+float4 PSMain( PSInput input ): SV_TARGET
+{
+    // Of a part no texel around it.
+    float2 at = clamp( partOrigin + input.uv * partExtent, firstTexel, lastTexel );
+    return DrawColor( shaderTexture.Sample( sampleType, partExtent.x > 0.0 ? at : input.uv ) );
+}
+
+#endif

@@ -32,6 +32,8 @@ Image Decode(std::span<const std::uint8_t> file) {
     if (!structure.isComplete) {
         throw Failure("the file is cut short");
     }
+    // Some decoders make room for all of it when they begin.
+    CheckDimensions(structure.width, structure.height);
     Image image = ReadWithWic(file);
     if (!structure.profile.empty()) {
         image.profile = IccProfile{.bytes = std::move(structure.profile), .name = {}};

@@ -17,6 +17,11 @@ constexpr std::uint8_t kStartOfScan = 0xDA;
 constexpr std::uint8_t kApplication1 = 0xE1;
 constexpr std::uint8_t kApplication2 = 0xE2;
 
+// SOF0 to SOF15, among which stand the tables of Huffman codes and of arithmetic coding, and JPG.
+bool IsStartOfFrame(std::uint8_t marker) {
+    return marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
+}
+
 bool IsRestart(std::uint8_t marker) {
     return marker >= 0xD0 && marker <= 0xD7;
 }
@@ -113,7 +118,10 @@ JpegStructure ReadJpegStructure(Bytes file) {
             return result;
         }
         const auto segment = file.subspan(position + 3, length - 2);
-        if (marker == kApplication1) {
+        if (IsStartOfFrame(marker) && segment.size() >= 5) {
+            result.height = std::uint32_t{segment[1]} << 8 | segment[2];
+            result.width = std::uint32_t{segment[3]} << 8 | segment[4];
+        } else if (marker == kApplication1) {
             result.orientation = ReadExifOrientation(segment).value_or(result.orientation);
         } else if (marker == kApplication2) {
             AppendProfile(segment, result.profile);

@@ -12,6 +12,8 @@ namespace Norvex::App {
 
 struct JpegStructure {
     bool isComplete = false;           // the markers lead to the end-of-image marker
+    std::uint32_t width = 0;           // 0 where it does not say
+    std::uint32_t height = 0;          // the same
     unsigned orientation = 1;          // EXIF's, 1 to 8
     std::vector<std::uint8_t> profile; // ICC; empty without
 };

@@ -162,6 +162,36 @@ double LightFromSRGB(double value) {
     return value <= 0.04045 ? value / 12.92 : std::pow((value + 0.055) / 1.055, 2.4);
 }
 
+double LightFromValue(double value, Conf::TransferCharacteristics transfer) {
+    switch (transfer) {
+    case BT709:
+        return DisplayFromRec709(value);
+    case sRGB:
+        return LightFromSRGB(value);
+    case PQ:
+        return LightFromPQ(value);
+    case HLG:
+        return SceneFromHLG(value);
+    default:
+        return value;
+    }
+}
+
+double ValueFromLight(double light, Conf::TransferCharacteristics transfer) {
+    switch (transfer) {
+    case BT709:
+        return Rec709FromDisplay(light);
+    case sRGB:
+        return SRGBFromLight(light);
+    case PQ:
+        return PQFromLight(light);
+    case HLG:
+        return HLGFromScene(light);
+    default:
+        return light;
+    }
+}
+
 Pixel ReferenceConvert(const Pixel& color, const Info& info) {
     const double alpha = info.sourceAlpha == AlphaType::AlphaIsOne ? 1.0 : color[3];
     const bool isDivided = info.sourceAlpha == AlphaType::Premultiplied && alpha > 0.0;

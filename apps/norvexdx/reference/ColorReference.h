@@ -21,4 +21,9 @@ Pixel ReferenceConvert(const Pixel& color, const Proc::ColorAlphaConversionInfo&
 double PQFromLight(double light);
 double LightFromSRGB(double value);
 
+// One channel as BT709, sRGB and PQ show it on a display, as HLG has it in the scene (from 0 to
+// 12), linear as it is; and back.
+double LightFromValue(double value, Conf::TransferCharacteristics transfer);
+double ValueFromLight(double light, Conf::TransferCharacteristics transfer);
+
 } // namespace Norvex::Reference

@@ -1,0 +1,70 @@
+#include <array>
+#include <string>
+#include <vector>
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
+#include "Proc/DirectX/Manager/D3FrameViews.h"
+#include "Proc/DirectX/Manager/D3Quad.h"
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
+#include "QuadShaders.h"
+
+namespace Norvex::DX {
+
+struct D11FrameConverter::Pass {
+    std::shared_ptr<D11PixelShader> shader;
+    KeptConstants<ID3D11Buffer> frameConstants = {};
+};
+
+D11FrameConverter::D11FrameConverter(const boost::intrusive_ptr<D11Device>& device)
+    : m_device(CheckDevice<DirectX11Exception>(device)),
+      m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
+      m_imageConstants(std::make_unique<KeptConstants<ID3D11Buffer>>()) {}
+
+D11FrameConverter::~D11FrameConverter() = default;
+
+void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                               const D11Frame& source, const D11Frame& destination,
+                               const FrameConvertParams& params) {
+    CheckFrames<DirectX11Exception>(source, destination, std::source_location::current());
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
+    const auto make = [this](std::span<const std::uint8_t> bytes) {
+        return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
+    };
+    const FrameConversion conversion = MakeFrameConversion(source.desc, destination.desc, params);
+    const auto& imageConstants =
+        m_imageConstants->Get(D3ImageRenderer::MakeParamsBytes(conversion.image), make);
+    std::vector<ID3D11Buffer*> frameConstants;
+    for (std::size_t i = 0; i < conversion.passes.size(); ++i) { // before anything is recorded
+        const FramePass& pass = conversion.passes[i];
+        auto& kept = m_passes.at(pass.GetKind());
+        if (kept == nullptr) {
+            kept = std::make_unique<Pass>(Pass{
+                std::make_shared<D11PixelShader>(m_device, "PSMain", GetFrameCodesShader(pass))});
+        }
+        frameConstants.push_back(kept->frameConstants.Get(BytesOf(conversion.frames[i]), make));
+    }
+    const auto planes = MakePlaneViews(*m_device, source);
+    const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
+    const auto owned = MakePlaneTargets(*m_device, destination);
+    const std::vector<ID3D11RenderTargetView*> targets(owned.begin(), owned.end());
+    const auto event = D11QuadPipeline::BeginEvent(*context, "frame conversion");
+    for (std::size_t i = 0; i < conversion.passes.size(); ++i) {
+        const FramePass& pass = conversion.passes[i];
+        const auto [width, height] = destination.desc.GetPlane(pass.firstPlane).size;
+        m_pipeline->Draw(*context,
+                         {.targets = std::span(targets).subspan(pass.firstPlane, pass.planeCount),
+                          .viewport = {0, 0, width, height},
+                          .shader = m_passes.at(pass.GetKind())->shader,
+                          .texture = planes[0],
+                          .constants = imageConstants,
+                          .moreTextures = more,
+                          .moreConstants = frameConstants[i]});
+    }
+    context->PSSetShaderResources({nullptr, nullptr, nullptr});
+    D11QuadPipeline::Unbind(*context);
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,78 @@
+#include <algorithm>
+#include <array>
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
+#include "Proc/DirectX/Manager/D3FrameViews.h"
+#include "Proc/DirectX/Manager/D3Quad.h"
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+bool DrawsStraightAlpha(ID3D11BlendState* state) {
+    D3D11_BLEND_DESC desc = {};
+    if (state != nullptr) {
+        state->GetDesc(&desc);
+    }
+    return desc.RenderTarget[0].BlendEnable != FALSE &&
+           desc.RenderTarget[0].SrcBlend == D3D11_BLEND_SRC_ALPHA;
+}
+
+} // namespace
+
+D11FrameDraw::D11FrameDraw(const boost::intrusive_ptr<D11Device>& device)
+    : m_device(CheckDevice<DirectX11Exception>(device)),
+      m_pipeline(std::make_unique<D11QuadPipeline>(device, GetVertexShader())),
+      m_pixelShader(std::make_shared<D11PixelShader>(device, "PSMain", GetFrameDrawShader())),
+      m_frameConstants(std::make_unique<KeptConstants<ID3D11Buffer>>()) {}
+
+D11FrameDraw::~D11FrameDraw() = default;
+
+void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                          const D11Frame& source,
+                          const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                          const ImageDrawParams& params) {
+    const auto location = std::source_location::current();
+    CheckFrame<DirectX11Exception>(source.desc, DescribeTextures(source), source.slice, location);
+    ThrowUnless<DirectX11Exception>(target != nullptr,
+                                    "The texture is expected to be the render target view");
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
+    CheckSourceRect<DirectX11Exception>(params.sourceRect, source.desc.size);
+    CheckFrameConversion<DirectX11Exception>(source.desc, params.conversion, location);
+    const Drawing drawing =
+        Prepare(source.desc, params, target->GetSize(), DrawsStraightAlpha(m_blendState));
+    if (!drawing.viewport) {
+        return;
+    }
+    const auto make = [&](std::span<const std::uint8_t> bytes) {
+        return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
+    };
+    const auto event = D11QuadPipeline::BeginEvent(*context, "frame draw");
+    const auto imageConstants = make(MakeParamsBytes(drawing.image));
+    const D3FrameParams frame = MakeFrameParams(source.desc, GetChromaFilter());
+    const auto planes = MakePlaneViews(*m_device, source);
+    const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
+    ID3D11RenderTargetView* const view = target->GetView();
+    m_pipeline->Draw(*context, {.targets = {&view, 1},
+                                .viewport = *drawing.viewport,
+                                .shader = m_pixelShader,
+                                .texture = planes[0],
+                                .constants = imageConstants,
+                                .blendState = m_blendState,
+                                .moreTextures = more,
+                                .moreConstants = m_frameConstants->Get(BytesOf(frame), make)});
+    context->PSSetShaderResources({nullptr, nullptr, nullptr});
+    D11QuadPipeline::Unbind(*context);
+}
+
+void D11FrameDraw::SetBlend(BlendPreset preset) {
+    m_blendState = preset == BlendPreset::Replace
+                       ? CComPtr<ID3D11BlendState>()
+                       : m_device->CreateBlendState(MakeBlendDesc11(preset));
+}
+
+} // namespace Norvex::DX

@@ -1,0 +1,154 @@
+#pragma once
+
+// Drawing frames of video: any layout of D3Frame.h, as image renderers draw images, by their view
+// state or a transform. Chroma is interpolated where it lies, and codes are expanded exactly. One
+// thread at a time; on Direct3D 11 inside D11Device::Encode. Throws DirectX11Exception,
+// DirectX12Exception, and has recorded nothing then. Next: D3ImageRenderer.h, D3FrameConverter.h.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <source_location>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Platform/ComPtr.h"
+#include "Platform/Export.h"
+#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3Blend.h"
+#include "Proc/DirectX/Manager/D3D11DeviceContext.h"
+#include "Proc/DirectX/Manager/D3D11Resource.h"
+#include "Proc/DirectX/Manager/D3D12Command.h"
+#include "Proc/DirectX/Manager/D3D12GraphicsPipelineState.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3Frame.h"
+#include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+
+namespace Norvex::DX {
+
+class D11QuadPipeline;
+class D12QuadPipeline;
+struct D3FrameParams;
+template <class Buffer>
+class KeptConstants;
+
+// How chroma of fewer samples than luma is interpolated. Luma, and RGB, always bilinearly.
+enum class ChromaFilter : std::uint32_t {
+    Bilinear = 0,
+    CatmullRom = 1, // 4 x 4 samples: sharper, overshoots a little
+};
+
+// What the drawers of both generations share. The picture that the view state places is the frame,
+// or the part of it that is drawn.
+class NORVEX_DX_API D3FrameDraw : public D3ImageRenderer {
+public:
+    ~D3FrameDraw() override;
+
+    // Bilinear by default.
+    ChromaFilter GetChromaFilter() const { return m_chromaFilter; }
+    // Of the next Encode on.
+    void SetChromaFilter(ChromaFilter filter) { m_chromaFilter = filter; }
+
+protected:
+    D3FrameDraw();
+
+    // One draw.
+    struct Drawing {
+        Rect2DT<long> area;                    // that is drawn over
+        std::optional<Rect2DT<long>> viewport; // of that what lies inside the target
+        AffineTransform transform;             // in clip units of the area
+        D3ImageParams image;                   // for the shaders
+    };
+    // hasStraightAlpha: what it draws without a conversion.
+    Drawing Prepare(const D3FrameDesc& source, const ImageDrawParams& params,
+                    const Size2DT<long>& target, bool hasStraightAlpha);
+    void SetTransform(const std::optional<AffineTransform>& transform) override;
+
+private:
+    AffineTransform MakeViewTransform(const Size2DT<long>& source, const Size2DT<long>& target);
+
+    ChromaFilter m_chromaFilter = ChromaFilter::Bilinear;
+    std::optional<AffineTransform> m_transform;
+    Size2DT<long> m_lastSourceSize;
+    Size2DT<long> m_lastTargetSize;
+};
+
+class NORVEX_DX_API D12FrameDraw : public D3FrameDraw {
+public:
+    // Compiles the shaders. "There is no device".
+    explicit D12FrameDraw(const boost::intrusive_ptr<D12Device>& device);
+    ~D12FrameDraw() override;
+
+    // What it was made on.
+    const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+
+    // Records one closed list. The frame's textures are readable by the pixel shader, the target is
+    // in the render-target state. params: as of D12ImageDraw, the source rectangle in pixels of the
+    // frame; a conversion's source colours and alpha are the frame's, whatever it says of them;
+    // without one, R'G'B' is drawn as the matrix gives it. What a part is sampled from: luma and
+    // RGB inside alone, chroma as of the whole frame. What is wrong with the frame: D3FrameShader.h
+    // lists "A texture of the frame is missing" and others beside D3FrameDesc::Validate's. "The
+    // frame's colors cannot be converted to these" (linear light as source or with BT.2020's
+    // primaries), "The texture is expected to be the render target view", "There is no command
+    // allocator", "The source rectangle does not lie in the texture".
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source,
+                const boost::intrusive_ptr<D12Descriptor>& target,
+                const ImageDrawParams& params = {});
+    // Into an open list; what it replaces there: D3D12Renderer.h. "There is no command list", "The
+    // command list is closed".
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const D12Frame& source,
+                const boost::intrusive_ptr<D12Descriptor>& target,
+                const ImageDrawParams& params = {});
+
+    // Default: replace (ONE, ZERO, all channels).
+    const D12BlendState& GetBlendState() const;
+    // Of the next Encode on.
+    void SetBlendState(const D12BlendState& blendState);
+    // A blend by its name.
+    void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
+
+private:
+    Drawing Check(const D12Frame& source, const D12Descriptor* target,
+                  const ImageDrawParams& params, const std::source_location& location);
+
+    boost::intrusive_ptr<D12Device> m_device;
+    std::unique_ptr<D12QuadPipeline> m_pipeline;
+    boost::intrusive_ptr<D12ConstantBufferView> m_imageParams;
+    boost::intrusive_ptr<D12ConstantBufferView> m_frameParams;
+    boost::intrusive_ptr<D12ViewTable> m_planes;
+    std::unique_ptr<KeptConstants<ID3D12Resource>> m_frameConstants;
+};
+
+class NORVEX_DX_API D11FrameDraw : public D3FrameDraw {
+public:
+    // Compiles the shaders. "There is no device".
+    explicit D11FrameDraw(const boost::intrusive_ptr<D11Device>& device);
+    ~D11FrameDraw() override;
+
+    // What it was made on.
+    const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+
+    // Inside D11Device::Encode. The frame's textures need D3D11_BIND_SHADER_RESOURCE. params and
+    // what is wrong: as of D12FrameDraw, and "There is no device context". What of the context's
+    // state is replaced: as of D11ImageDraw, and constant buffer 1 of the pixel shader; no shader
+    // resource stays bound in 0 to 2.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const D11Frame& source,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                const ImageDrawParams& params = {});
+
+    // Null, the default: replace.
+    const CComPtr<ID3D11BlendState>& GetBlendState() const { return m_blendState; }
+    // Null: replace. Of the next Encode on.
+    void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
+    void SetBlend(BlendPreset preset); // "Failed to create blend state"
+
+private:
+    boost::intrusive_ptr<D11Device> m_device;
+    std::unique_ptr<D11QuadPipeline> m_pipeline;
+    std::shared_ptr<D11PixelShader> m_pixelShader;
+    CComPtr<ID3D11BlendState> m_blendState;
+    std::unique_ptr<KeptConstants<ID3D11Buffer>> m_frameConstants;
+};
+
+} // namespace Norvex::DX

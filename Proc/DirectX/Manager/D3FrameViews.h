@@ -1,0 +1,54 @@
+#pragma once
+
+// Views of the planes of a frame, and what drawers bind them with, internal; the textures fit the
+// description (CheckFrame in D3FrameShader.h). Any thread. Throws what the devices throw when they
+// make views.
+
+#include <array>
+#include <vector>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+
+#include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12Resource.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3Frame.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
+
+namespace Norvex::DX {
+
+// t0 to t2; where the frame has fewer planes the first stands for them.
+using D12PlaneViews = std::array<boost::intrusive_ptr<D12Descriptor>, 3>;
+D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame);
+using D11PlaneViews = std::array<CComPtr<ID3D11ShaderResourceView>, 3>;
+D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame);
+
+// A table holds a frame's planes for one draw, also when that fails.
+class D12PlanesOfOneDraw {
+public:
+    D12PlanesOfOneDraw(D12ViewTable& table, const D12PlaneViews& views);
+    ~D12PlanesOfOneDraw() { m_table.Clear(); }
+    D12PlanesOfOneDraw(const D12PlanesOfOneDraw&) = delete;
+    D12PlanesOfOneDraw& operator=(const D12PlanesOfOneDraw&) = delete;
+
+private:
+    D12ViewTable& m_table;
+};
+// A root parameter for b0 or b1.
+boost::intrusive_ptr<D12ConstantBufferView> AddFrameConstants(D12ShaderParameters& parameters,
+                                                              unsigned shaderRegister,
+                                                              D3D12_SHADER_VISIBILITY visibility);
+
+// To draw on, one a plane.
+std::vector<boost::intrusive_ptr<D12Descriptor>> MakePlaneTargets(D12Device& device,
+                                                                  const D12Frame& frame);
+std::vector<CComPtr<ID3D11RenderTargetView>> MakePlaneTargets(D11Device& device,
+                                                              const D11Frame& frame);
+
+// Of the frame's slice alone, where the states differ.
+void AddFrameTransitions(std::vector<D3D12_RESOURCE_BARRIER>& barriers, const D12Frame& frame,
+                         D3D12_RESOURCE_STATES before, D3D12_RESOURCE_STATES after);
+
+} // namespace Norvex::DX

@@ -1,0 +1,152 @@
+#include <array>
+#include <string>
+
+#include "Proc/DirectX/Manager/D3D11Device.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
+#include "Proc/DirectX/Manager/D3ScalerPlan.h"
+#include "Proc/DirectX/Manager/DirectXShader.h"
+#include "QuadShaders.h"
+
+namespace Norvex::DX {
+
+namespace {
+
+bool IsOfDevice(ID3D11DeviceChild* child, const D11Device& device) {
+    CComPtr<ID3D11Device> parent;
+    child->GetDevice(&parent);
+    CComPtr<IUnknown> own;
+    CComPtr<IUnknown> other;
+    return SUCCEEDED(device.Get()->QueryInterface(IID_PPV_ARGS(&own))) &&
+           SUCCEEDED(parent->QueryInterface(IID_PPV_ARGS(&other))) && own == other;
+}
+
+D3D11_TEXTURE2D_DESC MakeIntermediateDesc(const Size2DT<long>& size, DXGI_FORMAT format) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    desc.Width = static_cast<UINT>(size.width);
+    desc.Height = static_cast<UINT>(size.height);
+    desc.MipLevels = 1;
+    desc.ArraySize = 1;
+    desc.Format = format;
+    desc.SampleDesc.Count = 1;
+    desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
+    return desc;
+}
+
+CComPtr<ID3D11ShaderResourceView> CreateWeightsView(D11Device& device, ID3D11Buffer* weights,
+                                                    const std::array<std::uint32_t, 2>& quads) {
+    D3D11_SHADER_RESOURCE_VIEW_DESC desc = {};
+    desc.Format = DXGI_FORMAT_R32G32B32A32_FLOAT;
+    desc.ViewDimension = D3D11_SRV_DIMENSION_BUFFER;
+    desc.Buffer.FirstElement = quads[0];
+    desc.Buffer.NumElements = quads[1] - quads[0];
+    return device.CreateShaderResourceView(weights, desc);
+}
+
+std::shared_ptr<D11PixelShader> MakeScalerShader(const boost::intrusive_ptr<D11Device>& device,
+                                                 ScalerPass pass) {
+    return std::make_shared<D11PixelShader>(device, "PSMain", GetScalerPixelShader(pass));
+}
+
+} // namespace
+
+struct D11Scaler::Plan {
+    explicit Plan(const D3ScalerJob& job) : passes(job) {}
+
+    D3ScalerPasses passes;
+    CComPtr<ID3D11Buffer> rowConstants;
+    CComPtr<ID3D11Buffer> columnConstants;
+    CComPtr<ID3D11ShaderResourceView> rowWeights;
+    CComPtr<ID3D11ShaderResourceView> columnWeights;
+    boost::intrusive_ptr<D11ShaderTexture2D> intermediateSource;
+    boost::intrusive_ptr<D11RenderTexture2D> intermediateTarget;
+};
+
+D11Scaler::D11Scaler(const boost::intrusive_ptr<D11Device>& device)
+    : m_device(CheckDevice<DirectX11Exception>(device)),
+      m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
+      m_rowShader(MakeScalerShader(device, ScalerPass::Rows)),
+      m_columnShader(MakeScalerShader(device, ScalerPass::Columns)),
+      m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
+
+D11Scaler::~D11Scaler() = default;
+
+void D11Scaler::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                       const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                       const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                       const ScaleParams& params) {
+    const auto location = std::source_location::current();
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
+    ThrowUnless<DirectX11Exception>(IsOfDevice(context->Get(), *m_device),
+                                    "The context belongs to another device");
+    const auto job = Check(source.get(), target.get(), params, location);
+    if (!job) {
+        return;
+    }
+    const auto event = D11QuadPipeline::BeginEvent(*context, "scaling");
+    const Plan& plan = m_plans->Get(*job, [&] { return MakePlan(*job); });
+    const auto pass = [&](ID3D11RenderTargetView* to, const Rect2DT<long>& area, const auto& shader,
+                          ID3D11ShaderResourceView* from, ID3D11ShaderResourceView* weights,
+                          ID3D11Buffer* constants) {
+        context->Get()->PSSetShaderResources(1, 1, &weights);
+        m_pipeline->Draw(*context, {.targets = {&to, 1},
+                                    .viewport = area,
+                                    .shader = shader,
+                                    .texture = from,
+                                    .constants = constants});
+    };
+    const auto& [width, height] = plan.passes.intermediate;
+    pass(plan.intermediateTarget->GetView(), {0, 0, width, height}, m_rowShader, source->GetView(),
+         plan.rowWeights, plan.rowConstants);
+    pass(target->GetView(), job->visible, m_columnShader, plan.intermediateSource->GetView(),
+         plan.columnWeights, plan.columnConstants);
+    constexpr std::array<ID3D11ShaderResourceView*, 2> kNone = {};
+    context->Get()->PSSetShaderResources(0, 2, kNone.data()); // the next call draws to one of them
+    D11QuadPipeline::Unbind(*context);
+}
+
+std::optional<D3ScalerJob> D11Scaler::Check(const D11ShaderTexture2D* source,
+                                            const D11RenderTexture2D* target,
+                                            const ScaleParams& params,
+                                            const std::source_location& location) const {
+    const auto check = [&](bool holds, const char* sentence) {
+        ThrowUnless<DirectX11Exception>(holds, sentence, location);
+    };
+    check(source != nullptr, "The texture is expected to be the shader resource view");
+    check(target != nullptr, "The texture is expected to be the render target view");
+    D3D11_TEXTURE2D_DESC desc = {};
+    source->GetDesc(&desc);
+    check(desc.SampleDesc.Count == 1, "The source is expected to be a 2-D texture of one sample");
+    check(IsOfDevice(source->GetTexture(), *m_device) &&
+              IsOfDevice(target->GetTexture(), *m_device),
+          "The texture belongs to another device");
+    check(source->GetTexture() != target->GetTexture(),
+          "The source and the target are the same texture");
+    D3D11_RENDER_TARGET_VIEW_DESC view = {};
+    target->GetViewDesc(&view);
+    return MakeScalerJob<DirectX11Exception>(params, source->GetSize(), target->GetSize(),
+                                             view.Format, location);
+}
+
+std::unique_ptr<D11Scaler::Plan> D11Scaler::MakePlan(const D3ScalerJob& job) const {
+    auto plan = std::make_unique<Plan>(job);
+    const auto makeConstants = [&](const D3ScalerConstants& constants) {
+        return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, &constants,
+                                  sizeof(constants));
+    };
+    plan->rowConstants = makeConstants(plan->passes.rowConstants);
+    plan->columnConstants = makeConstants(plan->passes.columnConstants);
+    const auto weights =
+        CreateFilledBuffer(m_device, D3D11_BIND_SHADER_RESOURCE, plan->passes.weights.data(),
+                           plan->passes.weights.size());
+    plan->rowWeights = CreateWeightsView(*m_device, weights, plan->passes.rows);
+    plan->columnWeights = CreateWeightsView(*m_device, weights, plan->passes.columns);
+    const auto texture = m_device->CreateTexture2D(
+        MakeIntermediateDesc(plan->passes.intermediate, job.format), nullptr);
+    plan->intermediateSource.reset(new D11ShaderTexture2D(texture, std::nullopt));
+    plan->intermediateTarget.reset(new D11RenderTexture2D(texture, std::nullopt));
+    return plan;
+}
+
+} // namespace Norvex::DX

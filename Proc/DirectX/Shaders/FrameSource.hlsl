@@ -1,0 +1,145 @@
+// The samples of a frame, and R'G'B' of them. Places are in luma samples, the centre of the first
+// at 0.5. All is computed in single precision from samples as they are, since a sampler weighs with
+// few bits.
+
+cbuffer FrameBuffer: register( b1 )
+{
+    float4 sampleZero; // of Y', C'b, C'r, or of R', G', B'
+    float4 redOfSamples;
+    float4 greenOfSamples;
+    float4 blueOfSamples;
+    float2 chromaScale; // of a place to one in chroma samples
+    float2 chromaShift;
+    int2 lastLuma;
+    int2 lastChroma;
+    uint planeCount;
+    uint chromaFilter;
+    uint isPlain; // source and target have the same colours, and alpha needs nothing
+    float dither; // 1: on
+    float4 firstOfColors; // codes of a target, of (R', G', B', 1)
+    float4 secondOfColors;
+    float4 thirdOfColors;
+    float4 smallestCodes;
+    float4 largestCodes;
+    int2 tapFirst; // of those that make one target sample
+    int2 tapCount; // 1, 2, 3
+    int2 tapStep;  // source samples for one of the target
+    float codeUnit;
+};
+
+// Texture arrays, of which the views have one slice. Planes that a frame lacks are its first.
+Texture2DArray plane0: register( t0 );
+Texture2DArray plane1: register( t1 );
+Texture2DArray plane2: register( t2 );
+
+static const uint CatmullRom = 1;
+// Nearer to a sample than this is on it: coordinates are not exact.
+static const float ON_SAMPLE = 1.0 / 1024.0;
+
+int4 Inside( int2 at, int2 last )
+{
+    return int4( min( max( at, int2( 0, 0 ) ), last ), 0, 0 );
+}
+
+float4 LoadFirst( int2 at )
+{
+    return plane0.Load( Inside( at, lastLuma ) );
+}
+
+float2 LoadChroma( int2 at )
+{
+    float2 chroma = plane1.Load( Inside( at, lastChroma ) ).xy;
+    if ( planeCount == 3 )
+        chroma.y = plane2.Load( Inside( at, lastChroma ) ).x;
+    return chroma;
+}
+
+// The sample before a place, as a float; and how far behind it the place is, 0 to 1.
+float2 SampleBefore( float2 place )
+{
+    return floor( place - 0.5 + ON_SAMPLE );
+}
+
+float2 WayFrom( float2 before, float2 place )
+{
+    float2 way = place - 0.5 - before;
+    return abs( way ) < ON_SAMPLE ? float2( 0.0, 0.0 ) : way;
+}
+
+float4 InterpolateFirst( float2 place )
+{
+    float2 before = SampleBefore( place );
+    float2 way = WayFrom( before, place );
+    int2 at = int2( before );
+    float4 upper = lerp( LoadFirst( at ), LoadFirst( at + int2( 1, 0 ) ), way.x );
+    float4 lower = lerp( LoadFirst( at + int2( 0, 1 ) ), LoadFirst( at + int2( 1, 1 ) ), way.x );
+    return lerp( upper, lower, way.y );
+}
+
+// Keys' cubic with a = -1/2, of the samples -1, 0, 1, 2.
+float4 CatmullRomWeights( float t )
+{
+    return float4( ( ( 2.0 - t ) * t - 1.0 ) * t, ( 3.0 * t - 5.0 ) * t * t + 2.0,
+                   ( ( 4.0 - 3.0 * t ) * t + 1.0 ) * t, ( t - 1.0 ) * t * t ) * 0.5;
+}
+
+float2 ChromaRow( int2 at, float4 weights )
+{
+    return LoadChroma( at - int2( 1, 0 ) ) * weights.x + LoadChroma( at ) * weights.y +
+           LoadChroma( at + int2( 1, 0 ) ) * weights.z + LoadChroma( at + int2( 2, 0 ) ) * weights.w;
+}
+
+// The place is in chroma samples.
+float2 InterpolateChroma( float2 place )
+{
+    float2 before = SampleBefore( place );
+    float2 way = WayFrom( before, place );
+    int2 at = int2( before );
+    float2 chroma = LoadChroma( at );
+    if ( way.x != 0.0 || way.y != 0.0 )
+    {
+        if ( chromaFilter == CatmullRom )
+        {
+            float4 across = CatmullRomWeights( way.x );
+            float4 down = CatmullRomWeights( way.y );
+            chroma = ChromaRow( at - int2( 0, 1 ), across ) * down.x +
+                     ChromaRow( at, across ) * down.y +
+                     ChromaRow( at + int2( 0, 1 ), across ) * down.z +
+                     ChromaRow( at + int2( 0, 2 ), across ) * down.w;
+        }
+        else
+        {
+            float2 upper = lerp( chroma, LoadChroma( at + int2( 1, 0 ) ), way.x );
+            float2 lower = lerp( LoadChroma( at + int2( 0, 1 ) ), LoadChroma( at + int2( 1, 1 ) ),
+                                 way.x );
+            chroma = lerp( upper, lower, way.y );
+        }
+    }
+    return chroma;
+}
+
+float4 WithChroma( float4 first, float2 place )
+{
+    if ( planeCount > 1 )
+        first = float4( first.x, InterpolateChroma( place * chromaScale + chromaShift ), 1.0 );
+    return first;
+}
+
+// What the first sample is, or between samples; with its chroma.
+float4 SampleFrame( float2 place )
+{
+    return WithChroma( InterpolateFirst( place ), place );
+}
+
+float4 LoadFrame( int2 at )
+{
+    int2 inside = Inside( at, lastLuma ).xy;
+    return WithChroma( LoadFirst( inside ), float2( inside ) + 0.5 );
+}
+
+float4 ColorOfSamples( float4 samples )
+{
+    float3 difference = samples.xyz - sampleZero.xyz;
+    return float4( dot( redOfSamples.xyz, difference ), dot( greenOfSamples.xyz, difference ),
+                   dot( blueOfSamples.xyz, difference ), samples.w );
+}

@@ -1,0 +1,614 @@
+// Frames of video: descriptions, and drawers and converters of both generations against the
+// reference in double precision. No driver here has planar textures, so the planes are separate
+// textures; where one planar texture is the point, methods of a real texture and of its device are
+// interposed, so that it answers as one.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <span>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "apps/norvexdx/reference/FrameReference.h"
+#include "tests/support/Canvas11.h"
+#include "tests/support/MethodPatch.h"
+#include "tests/support/Thrown.h"
+
+namespace Norvex::Test {
+
+namespace {
+
+using Conf::ColorPrimaries;
+using Conf::RGBColorSpace;
+using Conf::TransferCharacteristics;
+using Conf::YCbCrMatrix;
+using DX::ChromaFilter;
+using DX::ChromaLocation;
+using DX::D3FrameDesc;
+using DX::FrameConvertParams;
+using DX::FrameLayout;
+using DX::FrameRange;
+using Size = DX::Size2DT<long>;
+
+constexpr auto kFloat = DXGI_FORMAT_R32G32B32A32_FLOAT;
+constexpr RGBColorSpace kSRGB = {ColorPrimaries::BT709, TransferCharacteristics::sRGB};
+constexpr RGBColorSpace kRec709 = {ColorPrimaries::BT709, TransferCharacteristics::BT709};
+constexpr RGBColorSpace kRec2020 = {ColorPrimaries::BT2020, TransferCharacteristics::BT709};
+constexpr RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
+constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
+
+struct Layout {
+    const char* name;
+    FrameLayout layout;
+    unsigned bits;
+};
+constexpr Layout kLayouts[] = {
+    {"NV12", FrameLayout::NV12, 8},
+    {"P010", FrameLayout::P010, 10},
+    {"P016", FrameLayout::P016, 16},
+    {"4:2:0 of 8", FrameLayout::Planar420, 8},
+    {"4:2:0 of 10", FrameLayout::Planar420, 10},
+    {"4:2:0 of 12", FrameLayout::Planar420, 12},
+    {"4:2:0 of 16", FrameLayout::Planar420, 16},
+    {"4:2:2 of 8", FrameLayout::Planar422, 8},
+    {"4:2:2 of 10", FrameLayout::Planar422, 10},
+    {"4:2:2 of 12", FrameLayout::Planar422, 12},
+    {"4:2:2 of 16", FrameLayout::Planar422, 16},
+    {"4:4:4 of 8", FrameLayout::Planar444, 8},
+    {"4:4:4 of 10", FrameLayout::Planar444, 10},
+    {"4:4:4 of 12", FrameLayout::Planar444, 12},
+    {"4:4:4 of 16", FrameLayout::Planar444, 16},
+};
+constexpr Size kSizes[] = {{2, 2}, {3, 3}, {7, 4}, {4, 5}, {35, 18}};
+constexpr YCbCrMatrix kMatrices[] = {YCbCrMatrix::BT601, YCbCrMatrix::BT709,
+                                     YCbCrMatrix::BT2020NonConstant};
+
+D3FrameDesc Describe(const Layout& layout, const Size& size) {
+    D3FrameDesc desc;
+    desc.layout = layout.layout;
+    desc.bitDepth = layout.bits;
+    desc.size = size;
+    return desc;
+}
+
+// Every layout with each range and chroma location; matrices and sizes take turns.
+template <class Call>
+void ForEachDescription(const Call& call) {
+    unsigned turn = 0;
+    for (unsigned i = 0; i < std::size(kLayouts); ++i) {
+        for (const auto range : {FrameRange::Narrow, FrameRange::Full}) {
+            for (const auto location :
+                 {ChromaLocation::Left, ChromaLocation::Centre, ChromaLocation::TopLeft}) {
+                D3FrameDesc desc = Describe(kLayouts[i], kSizes[turn % std::size(kSizes)]);
+                desc.range = range;
+                desc.chromaLocation = location;
+                desc.matrix = kMatrices[(turn / 2 + i) % std::size(kMatrices)];
+                ++turn;
+                call(desc, std::string(kLayouts[i].name));
+            }
+        }
+    }
+}
+
+// What each sample of codes is in its texture.
+double UnitOf(const D3FrameDesc& desc) {
+    return desc.IsRGB() ? 1.0 / (std::pow(2.0, desc.bitDepth) - 1.0)
+                        : (desc.layout == FrameLayout::P010 ? 64.0 : 1.0) /
+                              (desc.bitDepth == 8 ? 255.0 : 65535.0);
+}
+
+// Colours from 0 to 1 of single precision, or whole codes.
+Reference::Frame MakeNoise(const D3FrameDesc& desc) {
+    std::mt19937 random(709);
+    std::uniform_real_distribution<float> any;
+    const double largest = std::pow(2.0, desc.bitDepth) - 1.0;
+    return Reference::MakeFrame(desc, [&](unsigned channel, long, long) {
+        const double value = any(random);
+        return channel == 3 ? value : desc.IsRGB() ? value * largest : std::round(value * largest);
+    });
+}
+
+// A frame on a device, and views of its planes to read them by.
+template <class AnyCanvas>
+struct OnDevice;
+template <>
+struct OnDevice<Canvas> {
+    using Frame = DX::D12Frame;
+    using Draw = DX::D12FrameDraw;
+    using Converter = DX::D12FrameConverter;
+    // Of a target that stays one; or, of one that is new, to be read then.
+    static void Encode(Converter& converter, const auto& on, const Frame& from, const Frame& to,
+                       const FrameConvertParams& params, bool isNew = false) {
+        constexpr auto kRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+        constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
+        using States = DX::D12ResourceStates;
+        const States ofTarget =
+            isNew ? States{D3D12_RESOURCE_STATE_COMMON, kRead} : States{kDrawn, kDrawn};
+        converter.Encode(on, from, to, std::array{States{kRead, kRead}, ofTarget}, params);
+    }
+    // Three slices, of which nothing is known.
+    static CComPtr<ID3D12Resource> MakeArray(const Canvas& canvas, const Size& size) {
+        DX::D12Texture2DDesc desc;
+        desc.width = static_cast<std::uint64_t>(size.width);
+        desc.height = static_cast<std::uint32_t>(size.height);
+        desc.arraySize = 3;
+        desc.format = DXGI_FORMAT_R8_UNORM;
+        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
+        return canvas.GetDevice()->CreateTexture2D(desc);
+    }
+};
+template <>
+struct OnDevice<Canvas11> {
+    using Frame = DX::D11Frame;
+    using Draw = DX::D11FrameDraw;
+    using Converter = DX::D11FrameConverter;
+    static void Encode(Converter& converter, const auto& on, const Frame& from, const Frame& to,
+                       const FrameConvertParams& params, bool /*isNew*/ = false) {
+        converter.Encode(on, from, to, params);
+    }
+    static CComPtr<ID3D11Texture2D> MakeArray(const Canvas11& canvas, const Size& size) {
+        auto desc = MakeTextureDesc11(static_cast<unsigned>(size.width),
+                                      static_cast<unsigned>(size.height), DXGI_FORMAT_R8_UNORM);
+        desc.ArraySize = 3;
+        desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
+        return canvas.GetDevice()->CreateTexture2D(desc, nullptr);
+    }
+};
+
+// The channels that a plane's texture holds.
+std::vector<unsigned> ChannelsOf(const D3FrameDesc& desc, unsigned plane) {
+    return desc.IsRGB()                              ? std::vector{0U, 1U, 2U, 3U}
+           : plane == 1 && desc.GetPlaneCount() == 2 ? std::vector{1U, 2U}
+                                                     : std::vector{plane};
+}
+
+template <class AnyCanvas>
+class D3FrameTest : public testing::Test {
+protected:
+    using Traits = OnDevice<AnyCanvas>;
+    using DeviceFrame = typename Traits::Frame;
+    using View = typename AnyCanvas::View;
+
+    static DXGI_FORMAT FormatOf(const D3FrameDesc& desc, unsigned plane) {
+        return desc.IsRGB() ? kFloat : desc.GetPlane(plane).format;
+    }
+
+    DeviceFrame Upload(const Reference::Frame& frame) {
+        DeviceFrame result;
+        result.desc = frame.desc;
+        for (unsigned plane = 0; plane < frame.desc.GetPlaneCount(); ++plane) {
+            const auto channels = ChannelsOf(frame.desc, plane);
+            const auto [width, height] = Reference::SizeOfChannel(frame.desc, channels[0]);
+            const Pixels pixels =
+                MakePixels(static_cast<unsigned>(width), static_cast<unsigned>(height),
+                           [&, columns = width](unsigned x, unsigned y) {
+                               Color color = {};
+                               const auto at = static_cast<std::size_t>(y * columns + x);
+                               for (std::size_t i = 0; i < channels.size(); ++i) {
+                                   const double sample = frame.channels.at(channels[i])[at];
+                                   color.at(i) =
+                                       channels[i] == 3 ? sample : sample * UnitOf(frame.desc);
+                               }
+                               return color;
+                           });
+            result.textures.at(plane) =
+                m_canvas.TextureOf(m_canvas.MakeSource(pixels, FormatOf(frame.desc, plane)));
+        }
+        return result;
+    }
+    // Empty planes to draw on; the views are theirs.
+    DeviceFrame MakeTarget(const D3FrameDesc& desc, std::vector<View>& views) {
+        DeviceFrame result;
+        result.desc = desc;
+        for (unsigned plane = 0; plane < desc.GetPlaneCount(); ++plane) {
+            const auto [width, height] = desc.GetPlane(plane).size;
+            views.push_back(m_canvas.MakeTarget(static_cast<unsigned>(width),
+                                                static_cast<unsigned>(height),
+                                                FormatOf(desc, plane)));
+            result.textures.at(plane) = m_canvas.TextureOf(views.back());
+        }
+        return result;
+    }
+    // compare(code, channel, index) of all that the planes hold.
+    template <class Compare>
+    void ForEachCode(const D3FrameDesc& desc, const std::vector<View>& views,
+                     const Compare& compare) {
+        for (unsigned plane = 0; plane < desc.GetPlaneCount(); ++plane) {
+            const Pixels pixels = m_canvas.Read(views[plane]);
+            const auto channels = ChannelsOf(desc, plane);
+            for (std::size_t at = 0; at < pixels.colors.size(); ++at) {
+                for (std::size_t i = 0; i < channels.size() && i < 3; ++i) {
+                    compare(pixels.colors[at].at(i) / UnitOf(desc), channels[i], at);
+                }
+            }
+        }
+    }
+    // The largest difference of codes that are all whole.
+    double FindError(const Reference::Frame& expected, const std::vector<View>& views) {
+        double error = 0.0;
+        ForEachCode(expected.desc, views, [&](double code, unsigned channel, std::size_t at) {
+            const double whole = std::fabs(code - std::round(code)) < 0.01 ? 0.0 : 1e9;
+            error = std::max(error, whole + std::fabs(code - expected.channels.at(channel)[at]));
+        });
+        return error;
+    }
+    void Convert(const DeviceFrame& from, const DeviceFrame& to,
+                 const FrameConvertParams& params = {}) {
+        m_canvas.Record(
+            [&](const auto& on) { Traits::Encode(*m_converter, on, from, to, params); });
+    }
+    void Show(const DeviceFrame& frame, const View& target) {
+        m_canvas.Record([&](const auto& on) { m_draw->Encode(on, frame, target); });
+    }
+    double ConvertAndCompare(const Reference::Frame& source, const D3FrameDesc& target,
+                             const FrameConvertParams& params = {}) {
+        std::vector<View> views;
+        const DeviceFrame to = MakeTarget(target, views);
+        Convert(Upload(source), to, params);
+        return FindError(Reference::ConvertFrame(source, target, params.conversion,
+                                                 params.chromaFilter == ChromaFilter::CatmullRom),
+                         views);
+    }
+
+    // Prints and bounds the largest error under each name.
+    void Note(const std::string& name, double error, double bound, const D3FrameDesc& desc) {
+        double& largest = m_errors[name];
+        largest = std::max(largest, error);
+        EXPECT_LE(error, bound) << name << ", " << desc.size.width << " x " << desc.size.height
+                                << ", range " << static_cast<int>(desc.range) << ", chroma "
+                                << static_cast<int>(desc.chromaLocation) << ", matrix "
+                                << static_cast<int>(desc.matrix);
+    }
+    void TearDown() override {
+        for (const auto& [name, error] : m_errors) {
+            std::printf("  %s %-44s %.4f\n", AnyCanvas::kName, name.c_str(), error);
+        }
+    }
+
+    AnyCanvas m_canvas;
+    boost::intrusive_ptr<typename Traits::Converter> m_converter{
+        new typename Traits::Converter(m_canvas.GetDevice())};
+    boost::intrusive_ptr<typename Traits::Draw> m_draw{new
+                                                       typename Traits::Draw(m_canvas.GetDevice())};
+    std::map<std::string, double> m_errors;
+};
+
+TYPED_TEST_SUITE(D3FrameTest, BothCanvases, CanvasName);
+
+TYPED_TEST(D3FrameTest, EveryLayoutRangeLocationMatrixAndSizeIsMadeExactly) {
+    ForEachDescription([&](D3FrameDesc desc, const std::string& name) {
+        desc.colorSpace = kSRGB;
+        const auto source = MakeNoise(D3FrameDesc::MakeRGB(desc.size));
+        this->Note(name, this->ConvertAndCompare(source, desc), 0.52, desc);
+    });
+}
+
+TYPED_TEST(D3FrameTest, EveryLayoutIsDrawnExactlyAtItsSize) {
+    unsigned turn = 0;
+    ForEachDescription([&](const D3FrameDesc& desc, const std::string& name) {
+        const auto source = MakeNoise(desc);
+        const bool isCubic = turn++ % 2 == 1;
+        this->m_draw->SetChromaFilter(isCubic ? ChromaFilter::CatmullRom : ChromaFilter::Bilinear);
+        const auto target =
+            this->m_canvas.MakeTarget(static_cast<unsigned>(desc.size.width),
+                                      static_cast<unsigned>(desc.size.height), kFloat);
+        this->Show(this->Upload(source), target);
+        const Pixels drawn = this->m_canvas.Read(target);
+        double error = 0.0;
+        for (std::size_t i = 0; i < drawn.colors.size(); ++i) {
+            const auto x = static_cast<long>(i) % desc.size.width;
+            const auto y = static_cast<long>(i) / desc.size.width;
+            const auto expected = Reference::ColorOf(source, x, y, isCubic);
+            for (std::size_t k = 0; k < expected.size(); ++k) {
+                error = std::max(error, std::fabs(drawn.colors[i].at(k) - expected.at(k)));
+            }
+        }
+        this->Note(name + ", of 65535", error * 65535.0, 0.1, desc);
+    });
+}
+
+// Where a channel of BT.709 is the small difference of great PQ lights, single precision leaves an
+// error that shows from 10 bits on.
+TYPED_TEST(D3FrameTest, FramesBecomeOtherFramesThroughEveryConversionOfColors) {
+    const std::map<std::string, std::map<unsigned, double>> bounds = {
+        {"PQ to BT.709", {{8, 0.52}, {10, 0.65}, {12, 1.2}, {16, 8.0}}},
+        {"PQ to BT.2020", {{8, 0.52}, {10, 0.52}, {12, 0.55}, {16, 1.8}}},
+        {"others to PQ", {{8, 0.52}, {10, 0.52}, {12, 0.52}, {16, 0.8}}},
+        {"others", {{8, 0.52}, {10, 0.52}, {12, 0.52}, {16, 0.6}}},
+    };
+    constexpr std::pair<unsigned, unsigned> kPairs[] = {{0, 1}, {1, 0}, {5, 9}, {13, 2}};
+    unsigned turn = 0;
+    for (const auto& from : {kSRGB, kRec709, kRec2020, kPQ, kHLG}) {
+        for (const auto& to : {kSRGB, kRec709, kRec2020, kPQ, kHLG}) {
+            for (unsigned i = 0; i < 2; ++i) {
+                const auto [layout, other] = kPairs[turn++ % std::size(kPairs)];
+                auto source = Describe(kLayouts[layout], {35, 18});
+                source.colorSpace = from;
+                auto target = Describe(kLayouts[other], {35, 18});
+                target.colorSpace = to;
+                target.chromaLocation = ChromaLocation::TopLeft;
+                const bool isToBT709 = to.primaries == ColorPrimaries::BT709;
+                const auto* const name = from == kPQ && to != kPQ
+                                             ? (isToBT709 ? "PQ to BT.709" : "PQ to BT.2020")
+                                         : to == kPQ ? "others to PQ"
+                                                     : "others";
+                const auto error = this->ConvertAndCompare(
+                    MakeNoise(source), target,
+                    {.chromaFilter = static_cast<ChromaFilter>(layout == 5 ? 1 : 0)});
+                this->Note(fmt::format("{} of {}", name, target.bitDepth), error,
+                           bounds.at(name).at(target.bitDepth), target);
+            }
+        }
+    }
+}
+
+// Flat fields of codes between two, each as large as the pattern; black and white stay.
+TYPED_TEST(D3FrameTest, DitheredCodesMeanWhatTheyStandFor) {
+    constexpr long kPattern = 8, kFields = 40;
+    for (const Layout& layout : {kLayouts[1], kLayouts[11]}) {
+        D3FrameDesc desc = Describe(layout, {2 * kPattern * kFields, 2 * kPattern});
+        desc.chromaLocation = ChromaLocation::Centre; // of one field alone
+        auto rgb = D3FrameDesc::MakeRGB(desc.size);
+        rgb.colorSpace = desc.colorSpace;
+        const auto source = Reference::MakeFrame(rgb, [&](unsigned channel, long x, long) {
+            const long field = x / (2 * kPattern);
+            return field < 2 ? 255.0 * static_cast<double>(field)
+                             : static_cast<double>((field * (37 + 11 * channel)) % 256) + 0.37;
+        });
+        std::vector<typename TestFixture::View> views;
+        const auto to = this->MakeTarget(desc, views);
+        this->Convert(this->Upload(source), to, {.dither = DX::FrameDither::Ordered});
+        const auto expected = Reference::ConvertFrame(source, desc, {}, false);
+        std::map<std::pair<unsigned, long>, std::pair<double, int>> differences; // sum and number
+        this->ForEachCode(desc, views, [&](double code, unsigned channel, std::size_t at) {
+            const long width = Reference::SizeOfChannel(desc, channel).width;
+            const long x = static_cast<long>(at) % width;
+            const double difference = code - expected.channels.at(channel)[at];
+            EXPECT_LT(std::fabs(difference), x < 2 * width / kFields ? 0.01 : 1.0);
+            auto& [sum, number] = differences[{channel, x / kPattern}];
+            sum += difference;
+            ++number;
+        });
+        for (const auto& [place, difference] : differences) {
+            this->Note(std::string(layout.name) + ", mean when dithered",
+                       std::fabs(difference.first) / difference.second, 0.02, desc);
+        }
+    }
+}
+
+// During the call the texture, whose own memory is the luma plane, answers as planar: pairs are
+// asked for by the format of a view on Direct3D 11, by the plane on 12.
+void AsNV12(const Canvas11& canvas, ID3D11Texture2D* planar, ID3D11Texture2D* chroma,
+            const std::function<void()>& call) {
+    const MethodPatch<&ID3D11Texture2D::GetDesc> describe(
+        planar, [&](auto original, auto* self, auto* desc) {
+            original(self, desc);
+            desc->Format = self == planar ? DXGI_FORMAT_NV12 : desc->Format;
+        });
+    const auto choose = [&](auto original, auto* self, auto* resource, const auto* view,
+                            auto** out) {
+        const bool isChroma = resource == planar && view->Format == DXGI_FORMAT_R8G8_UNORM;
+        return original(self, isChroma ? chroma : resource, view, out);
+    };
+    const MethodPatch<&ID3D11Device::CreateRenderTargetView> target(canvas.GetDevice()->Get(),
+                                                                    choose);
+    const MethodPatch<&ID3D11Device::CreateShaderResourceView> source(canvas.GetDevice()->Get(),
+                                                                      choose);
+    call();
+}
+void AsNV12(const Canvas& canvas, ID3D12Resource* planar, ID3D12Resource* chroma,
+            const std::function<void()>& call) {
+    const MethodPatch<&ID3D12Resource::GetDesc> describe(
+        planar, [&](auto original, auto* self, auto* desc) {
+            original(self, desc);
+            desc->Format = self == planar ? DXGI_FORMAT_NV12 : desc->Format;
+            return desc;
+        });
+    const MethodPatch<&ID3D12Device::CreateRenderTargetView> target(
+        canvas.GetDevice()->Get(),
+        [&](auto original, auto* self, auto* resource, const auto* view, auto handle) {
+            auto desc = view != nullptr ? *view : D3D12_RENDER_TARGET_VIEW_DESC{};
+            const bool isChroma = std::exchange(desc.Texture2D.PlaneSlice, 0U) == 1;
+            original(self, isChroma ? chroma : resource, view != nullptr ? &desc : nullptr, handle);
+        });
+    const MethodPatch<&ID3D12Device::CreateShaderResourceView> source(
+        canvas.GetDevice()->Get(),
+        [&](auto original, auto* self, auto* resource, const auto* view, auto handle) {
+            auto desc = *view;
+            const bool isChroma = std::exchange(desc.Texture2DArray.PlaneSlice, 0U) == 1;
+            original(self, isChroma ? chroma : resource, &desc, handle);
+        });
+    call();
+}
+
+// All planes in one texture, which is larger than the frame, are what separate ones are.
+TYPED_TEST(D3FrameTest, OneTextureHoldsAllPlanes) {
+    const D3FrameDesc whole = Describe(kLayouts[0], {64, 36});
+    const auto asNV12 = [&](auto& frame, const auto& call) {
+        frame.desc.size = {63, 35};
+        call();
+        const auto chroma = std::exchange(frame.textures[1], nullptr);
+        AsNV12(this->m_canvas, frame.textures[0], chroma, call);
+    };
+    const auto source = this->Upload(MakeNoise(D3FrameDesc::MakeRGB({63, 35})));
+    std::vector<Pixels> made;
+    for (const bool isPlanar : {false, true}) {
+        std::vector<typename TestFixture::View> views;
+        auto target = this->MakeTarget(whole, views);
+        asNV12(target, [&] {
+            if (isPlanar == (target.textures[1] == nullptr)) {
+                this->Convert(source, target);
+            }
+        });
+        made.push_back(this->m_canvas.Read(views[0]));
+        made.push_back(this->m_canvas.Read(views[1]));
+    }
+    EXPECT_EQ(made[0].colors, made[2].colors);
+    EXPECT_EQ(made[1].colors, made[3].colors);
+    auto frame = this->Upload(MakeNoise(whole));
+    std::vector<Pixels> drawn;
+    asNV12(frame, [&] {
+        const auto target = this->m_canvas.MakeTarget(63, 35, kFloat);
+        this->Show(frame, target);
+        drawn.push_back(this->m_canvas.Read(target));
+    });
+    EXPECT_EQ(drawn[0].colors, drawn[1].colors);
+}
+
+// Into a slice of arrays and from it, the codes as they are; other slices are left alone.
+TYPED_TEST(D3FrameTest, FramesLieInSlicesOfArrays) {
+    const D3FrameDesc desc = Describe(kLayouts[11], {20, 10});
+    const auto source = MakeNoise(desc);
+    const auto frame = this->Upload(source);
+    typename TestFixture::DeviceFrame slice{desc, {}, 2};
+    for (auto& texture : slice.textures) {
+        texture = TestFixture::Traits::MakeArray(this->m_canvas, desc.size);
+    }
+    this->m_canvas.Record([&](const auto& on) {
+        TestFixture::Traits::Encode(*this->m_converter, on, frame, slice, {}, true);
+    });
+    const auto target = this->m_canvas.MakeTarget(20, 10, kFloat);
+    this->Show(slice, target);
+    const Pixels drawn = this->m_canvas.Read(target);
+    for (std::size_t i = 0; i < drawn.colors.size(); ++i) {
+        const auto at = static_cast<long>(i);
+        EXPECT_NEAR(drawn.colors[i][1], Reference::ColorOf(source, at % 20, at / 20, false)[1],
+                    1e-5);
+    }
+}
+
+// A part of a frame at its size through a conversion, faded; on Direct3D 12 also into an open list,
+// so often that the list needs several heaps.
+TYPED_TEST(D3FrameTest, PartsAreConvertedAndFade) {
+    D3FrameDesc desc = Describe(kLayouts[1], {35, 18});
+    desc.matrix = YCbCrMatrix::BT2020NonConstant;
+    desc.colorSpace = kHLG;
+    const auto source = MakeNoise(desc);
+    const auto frame = this->Upload(source);
+    DX::ImageDrawParams params;
+    params.conversion.emplace().target = kSRGB; // from the frame's, whatever it says
+    params.conversion->targetAlpha = Proc::AlphaType::Premultiplied;
+    params.rect = {5, 1, 22, 12};
+    params.sourceRect = {3, 2, 20, 13};
+    params.opacity = 0.5F;
+    Proc::ColorAlphaConversionInfo info = *params.conversion;
+    info.source = kHLG;
+    info.sourceAlpha = Proc::AlphaType::AlphaIsOne;
+    for (const int times : {1, 100}) {
+        const auto target = this->m_canvas.MakeTarget(35, 18, kFloat);
+        this->m_canvas.Record([&](const auto& on) {
+            if constexpr (std::is_same_v<TypeParam, Canvas>) {
+                const auto list = times > 1 ? on->CreateCommandList(nullptr) : nullptr;
+                for (int i = 1; i < times; ++i) {
+                    this->m_draw->Encode(list, frame, target, params);
+                }
+                if (list != nullptr) {
+                    list->Close();
+                    return;
+                }
+            }
+            this->m_draw->Encode(on, frame, target, params);
+        });
+        const Pixels drawn = this->m_canvas.Read(target);
+        for (unsigned y = 0; y < 18; ++y) {
+            for (unsigned x = 0; x < 35; ++x) {
+                const bool isInside = x >= 5 && x < 22 && y >= 1 && y < 12;
+                const auto color =
+                    Reference::ReferenceConvert(Reference::ColorOf(source, static_cast<long>(x) - 2,
+                                                                   static_cast<long>(y) + 1, false),
+                                                info);
+                for (std::size_t k = 0; k < color.size(); ++k) {
+                    EXPECT_NEAR(drawn.At(x, y).at(k), isInside ? color.at(k) / 2.0 : 0.0, 2e-4);
+                }
+            }
+        }
+    }
+}
+
+TYPED_TEST(D3FrameTest, ContradictionsAreRefusedBeforeAnythingIsRecorded) {
+    using Frame = typename TestFixture::DeviceFrame;
+    const D3FrameDesc desc = Describe(kLayouts[0], {8, 6});
+    std::vector<typename TestFixture::View> views;
+    const Frame good = this->MakeTarget(desc, views);
+    const auto target = this->m_canvas.MakeTarget(8, 6, kFloat);
+    const auto refuses = [&](const std::string& sentence, const auto& change) {
+        Frame bad = good;
+        change(bad);
+        const auto end = SentenceOf([&] {
+            this->m_canvas.Record([&](const auto& on) {
+                const auto expect = [&](const auto& call) {
+                    ExpectFailure(call, sentence, "Encode", E_FAIL, TypeParam::kKind);
+                };
+                expect([&] { this->m_draw->Encode(on, bad, target); });
+                expect([&] { TestFixture::Traits::Encode(*this->m_converter, on, good, bad, {}); });
+            });
+        });
+        EXPECT_TRUE(end == "(nothing)" || end == "There are no command lists to execute") << end;
+    };
+    refuses("Unknown frame layout", [](Frame& f) { f.desc.layout = FrameLayout{7}; });
+    refuses("The frame has no pixels", [](Frame& f) { f.desc.size.height = 0; });
+    refuses("Unknown frame range", [](Frame& f) { f.desc.range = FrameRange{2}; });
+    refuses("Unknown chroma location", [](Frame& f) { f.desc.chromaLocation = ChromaLocation{3}; });
+    refuses("Unknown YCbCr matrix", [](Frame& f) { f.desc.matrix = YCbCrMatrix{10}; });
+    refuses("Unknown color space of a frame",
+            [](Frame& f) { f.desc.colorSpace.primaries = ColorPrimaries{5}; });
+    refuses("Unknown alpha type of a frame", [](Frame& f) { f.desc.alpha = Proc::AlphaType{3}; });
+    refuses("The bit depth is not one of the frame's layout",
+            [](Frame& f) { f.desc.bitDepth = 10; });
+    refuses("A frame in YCbCr has no alpha",
+            [](Frame& f) { f.desc.alpha = Proc::AlphaType::Premultiplied; });
+    refuses("A frame in YCbCr has no linear colors",
+            [](Frame& f) { f.desc.colorSpace.transfer = TransferCharacteristics::Linear; });
+    refuses("A texture of the frame is missing", [](Frame& f) { f.textures[1] = nullptr; });
+    refuses("The frame has too many textures", [](Frame& f) { f.textures[2] = f.textures[1]; });
+    refuses("A texture is not of the frame's layout",
+            [](Frame& f) { std::swap(f.textures[0], f.textures[1]); });
+    refuses("A texture is smaller than the frame's plane", [](Frame& f) { ++f.desc.size.width; });
+    refuses("A texture of the frame has no such slice", [](Frame& f) { f.slice = 1; });
+}
+
+TEST(D3FrameDescTest, SaysWhatDXGIAndY4MSay) {
+    for (int type = 0; type <= 24; ++type) {
+        const auto space = static_cast<DXGI_COLOR_SPACE_TYPE>(type);
+        unsigned taken = 0;
+        for (const bool isRGB : {false, true}) {
+            D3FrameDesc desc = isRGB ? D3FrameDesc::MakeRGB({2, 2}) : Describe(kLayouts[1], {2, 2});
+            if (SentenceOf([&] { desc.SetDXGIColorSpace(space); }) == "(nothing)") {
+                ++taken;
+                D3FrameDesc again = desc;
+                again.SetDXGIColorSpace(desc.GetDXGIColorSpace());
+                EXPECT_EQ(again, desc) << type;
+                desc.Validate();
+            }
+        }
+        EXPECT_EQ(taken, space == DXGI_COLOR_SPACE_RESERVED ? 0U : 1U) << type;
+    }
+    for (const char* const tags :
+         {"W3 H2 C420jpeg XCOLORRANGE=FULL", "W3 H2 C420mpeg2 XCOLORRANGE=LIMITED",
+          "W3 H2 C420paldv XCOLORRANGE=LIMITED", "W3 H2 C422p12 XCOLORRANGE=LIMITED",
+          "W3 H2 C444p16 XCOLORRANGE=FULL"}) {
+        const auto desc = D3FrameDesc::FromY4MTags("YUV4MPEG2 F25:1 " + std::string(tags) + " Ip");
+        EXPECT_EQ(desc.GetY4MTags(), tags);
+    }
+    const auto refuses = [](const char* sentence, const auto& call) {
+        ExpectFailure(call, sentence, ThrownBy(call).function);
+    };
+    refuses("Unknown Y4M color space: mono", [] { D3FrameDesc::FromY4MTags("W2 H2 Cmono"); });
+    refuses("Unknown Y4M color range: ALL", [] { D3FrameDesc::FromY4MTags("XCOLORRANGE=ALL"); });
+    refuses("Wrong Y4M size: 2x", [] { D3FrameDesc::FromY4MTags("W2x H2"); });
+    refuses("Y4M has no color space for the frame",
+            [] { Describe(kLayouts[0], {2, 2}).GetY4MTags(); });
+    D3FrameDesc desc = Describe(kLayouts[0], {2, 2});
+    desc.colorSpace = kPQ; // with BT.709's matrix
+    refuses("DXGI has no color space for the frame", [&] { desc.GetDXGIColorSpace(); });
+    refuses("Plane index out of range", [&] { desc.GetPlane(2); });
+}
+
+} // namespace
+
+} // namespace Norvex::Test
