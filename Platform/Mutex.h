@@ -1,19 +1,15 @@
 #pragma once
 
-// Mutexes and a condition variable, the system's own, as std::mutex, std::recursive_mutex and
-// std::condition_variable with what is used of them. MinGW's C++ runtime builds those of semaphores
-// and events, so that waking a thread takes several calls of the system (under Wine of its server,
-// 10 us and more); MSVC's are made of the system's already.
+// Mutexes, the system's own, as std::mutex and std::recursive_mutex with what is used of them.
+// MinGW's C++ runtime builds those of semaphores and events, so that waking a thread takes several
+// calls of the system (under Wine of its server, 10 us and more); MSVC's are made of the system's
+// already. To wait: ConditionVariable.h.
 
-#include <condition_variable>
 #include <mutex>
 
 #if defined(_WIN32) && !defined(_MSC_VER)
 
-#include <algorithm>
-#include <chrono>
-
-#include <windows.h>
+#include "Platform/WindowsHeader.h"
 
 namespace Norvex::Platform {
 
@@ -49,37 +45,6 @@ private:
     CRITICAL_SECTION m_section;
 };
 
-class ConditionVariable {
-public:
-    ConditionVariable() = default;
-    ConditionVariable(const ConditionVariable&) = delete;
-    ConditionVariable& operator=(const ConditionVariable&) = delete;
-
-    void notify_one() { WakeConditionVariable(&m_variable); }
-    void notify_all() { WakeAllConditionVariable(&m_variable); }
-
-    template <class Predicate>
-    void wait(std::unique_lock<Mutex>& lock, const Predicate& isMet) {
-        while (!isMet()) {
-            SleepConditionVariableSRW(&m_variable, &lock.mutex()->m_lock, INFINITE, 0);
-        }
-    }
-    std::cv_status wait_until(std::unique_lock<Mutex>& lock,
-                              const std::chrono::steady_clock::time_point& deadline) {
-        using Clock = std::chrono::steady_clock;
-        using std::chrono::milliseconds;
-        constexpr milliseconds kLongest{24 * 60 * 60 * 1000}; // then the caller looks again
-        const auto left = std::clamp(std::chrono::ceil<milliseconds>(deadline - Clock::now()),
-                                     milliseconds{0}, kLongest);
-        SleepConditionVariableSRW(&m_variable, &lock.mutex()->m_lock,
-                                  static_cast<DWORD>(left.count()), 0);
-        return Clock::now() < deadline ? std::cv_status::no_timeout : std::cv_status::timeout;
-    }
-
-private:
-    CONDITION_VARIABLE m_variable = CONDITION_VARIABLE_INIT;
-};
-
 } // namespace Norvex::Platform
 
 #else
@@ -88,7 +53,6 @@ namespace Norvex::Platform {
 
 using Mutex = std::mutex;
 using RecursiveMutex = std::recursive_mutex;
-using ConditionVariable = std::condition_variable;
 
 } // namespace Norvex::Platform
 

@@ -22,7 +22,8 @@ target_sources(norvex_public INTERFACE FILE_SET HEADERS BASE_DIRS "${PROJECT_SOU
     "${PROJECT_SOURCE_DIR}/Platform/D3D12Video.h"
     "${PROJECT_SOURCE_DIR}/Platform/Direct3D.h"
     "${PROJECT_SOURCE_DIR}/Platform/Export.h"
-    "${PROJECT_SOURCE_DIR}/Platform/Mutex.h")
+    "${PROJECT_SOURCE_DIR}/Platform/Mutex.h"
+    "${PROJECT_SOURCE_DIR}/Platform/WindowsHeader.h")
 
 add_library(norvex_platform INTERFACE)
 target_include_directories(norvex_platform INTERFACE "${PROJECT_SOURCE_DIR}" "${PROJECT_BINARY_DIR}/include")

@@ -18,7 +18,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Host/RefCountable.h"
-#include "Platform/Mutex.h"
+#include "Platform/ConditionVariable.h"
 
 namespace Norvex::Core {
 

@@ -1,6 +1,7 @@
 // Events, queues, allocators, lists, transfers: when work is done and what lives until then.
 
 #include <array>
+#include <chrono>
 #include <new>
 #include <numeric>
 #include <thread>

@@ -1,5 +1,6 @@
 // Pools: of buffers, of textures, and the shared heaps of queries and views.
 
+#include <chrono>
 #include <thread>
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
