@@ -17,14 +17,7 @@
 #define __REQUIRED_RPCNDR_H_VERSION__ 475
 #endif
 
-#if defined(__MINGW32__) && !defined(_X86INTRIN_H_INCLUDED)
-// MinGW's winnt.h brings every processor's vector instructions, which nothing here needs and which
-// cost each source two to three seconds: it is told that they are there already. Who includes them
-// by name still gets them, before and after.
-#define NORVEX_WITHOUT_X86INTRIN
-// NOLINTNEXTLINE(bugprone-reserved-identifier,readability-identifier-naming)
-#define _X86INTRIN_H_INCLUDED
-#endif
+#include "Platform/WindowsHeader.h"
 
 #include <directx/d3d12.h>
 #include <directx/d3dx12_barriers.h>
@@ -37,8 +30,3 @@
 #include <dxgidebug.h>
 
 #include <dxguids/dxguids.h>
-
-#ifdef NORVEX_WITHOUT_X86INTRIN
-#undef _X86INTRIN_H_INCLUDED
-#undef NORVEX_WITHOUT_X86INTRIN
-#endif
