@@ -95,13 +95,15 @@ bool D12CommandAllocator::IsCompleted() const {
 }
 
 void D12CommandAllocator::RecycleMemory() {
-    if (!IsCompleted()) {
+    // Memory that was taken after the last submission is not the GPU's, nor is the other one free.
+    if (m_isMemorySubmitted && !IsCompleted()) {
         // Of the submission before, which the last Execute has waited for.
         if (!m_otherState) {
             m_otherState.emplace(m_device->CreateCommandAllocator(m_type));
         }
         m_state.SwapMemory(*m_otherState);
     }
+    m_isMemorySubmitted = false;
     // After a failure it only grows; the next one tries again.
     m_isMemoryUsed = FAILED(m_state.Get()->Reset());
 }
@@ -213,6 +215,7 @@ void D12CommandAllocator::Submit(const Location& location) {
         m_inUse.push_back(std::exchange(list->m_tracked, {}));
     }
     m_isSignalDue = true;
+    m_isMemorySubmitted = true;
     m_queue->Get()->ExecuteCommandLists(static_cast<UINT>(lists.size()), lists.data());
     m_commandLists.clear();
     SignalIfDue(location);

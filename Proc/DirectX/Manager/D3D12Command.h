@@ -198,7 +198,8 @@ private:
     D12AllocatorState m_state;
     // Takes turns with m_state's, when recording begins while the GPU reads that one.
     std::optional<D12AllocatorState> m_otherState;
-    bool m_isMemoryUsed = false; // of m_state, since its last reset
+    bool m_isMemoryUsed = false;      // of m_state, since its last reset
+    bool m_isMemorySubmitted = false; // since then
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12CommandQueue> m_queue;
     D3D12_COMMAND_LIST_TYPE m_type;
