@@ -186,9 +186,9 @@ protected:
             const auto [width, height] = Reference::SizeOfChannel(frame.desc, channels[0]);
             const Pixels pixels =
                 MakePixels(static_cast<unsigned>(width), static_cast<unsigned>(height),
-                           [&, columns = width](unsigned x, unsigned y) {
+                           [&, columns = static_cast<unsigned>(width)](unsigned x, unsigned y) {
                                Color color = {};
-                               const auto at = static_cast<std::size_t>(y * columns + x);
+                               const auto at = std::size_t{y} * columns + x;
                                for (std::size_t i = 0; i < channels.size(); ++i) {
                                    const double sample = frame.channels.at(channels[i])[at];
                                    color.at(i) =
@@ -358,7 +358,9 @@ TYPED_TEST(D3FrameTest, DitheredCodesMeanWhatTheyStandFor) {
         const auto source = Reference::MakeFrame(rgb, [&](unsigned channel, long x, long) {
             const long field = x / (2 * kPattern);
             return field < 2 ? 255.0 * static_cast<double>(field)
-                             : static_cast<double>((field * (37 + 11 * channel)) % 256) + 0.37;
+                             : static_cast<double>(static_cast<unsigned>(field) *
+                                                   (37 + 11 * channel) % 256) +
+                                   0.37;
         });
         std::vector<typename TestFixture::View> views;
         const auto to = this->MakeTarget(desc, views);

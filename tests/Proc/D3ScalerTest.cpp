@@ -195,8 +195,8 @@ TYPED_TEST(D3ScalerTest, AZonePlateShrunkToAQuarterDoesNotAlias) {
     for (const auto& [kernel, bound] :
          {std::pair(ScaleKernel::Lanczos3, 0.01), std::pair(ScaleKernel::Mitchell, 0.01),
           std::pair(ScaleKernel::Area, 0.1)}) {
-        const double aliasing = MeasureAliasing([&, kernel = kernel](const Pixels& plate) {
-            return this->Scale(plate, kFloats, {64, 64}, {.kernel = kernel});
+        const double aliasing = MeasureAliasing([&, which = kernel](const Pixels& plate) {
+            return this->Scale(plate, kFloats, {64, 64}, {.kernel = which});
         });
         EXPECT_LT(aliasing, bound) << "kernel " << static_cast<int>(kernel);
         this->RecordProperty(fmt::format("kernel {}", static_cast<int>(kernel)),

@@ -83,37 +83,34 @@ float4 CatmullRomWeights( float t )
                    ( ( 4.0 - 3.0 * t ) * t + 1.0 ) * t, ( t - 1.0 ) * t * t ) * 0.5;
 }
 
-float2 ChromaRow( int2 at, float4 weights )
+// Of the sample at -1, 0, 1 or 2.
+float ChromaWeight( int index, float way, float4 cubic )
 {
-    return LoadChroma( at - int2( 1, 0 ) ) * weights.x + LoadChroma( at ) * weights.y +
-           LoadChroma( at + int2( 1, 0 ) ) * weights.z + LoadChroma( at + int2( 2, 0 ) ) * weights.w;
+    float4 weights = float4( 0.0, 1.0 - way, way, 0.0 );
+    if ( chromaFilter == CatmullRom )
+        weights = cubic;
+    return dot( weights, float4( index == -1, index == 0, index == 1, index == 2 ) );
 }
 
-// The place is in chroma samples.
+// The place is in chroma samples. One load in loops: a compiler that unrolls forty takes seconds.
 float2 InterpolateChroma( float2 place )
 {
     float2 before = SampleBefore( place );
     float2 way = WayFrom( before, place );
-    int2 at = int2( before );
-    float2 chroma = LoadChroma( at );
-    if ( way.x != 0.0 || way.y != 0.0 )
+    float4 across = CatmullRomWeights( way.x );
+    float4 down = CatmullRomWeights( way.y );
+    int reach = chromaFilter == CatmullRom ? 1 : 0;
+    // On a sample there is nothing to interpolate.
+    int2 first = int2( way.x != 0.0 ? -reach : 0, way.y != 0.0 ? -reach : 0 );
+    int2 last = int2( way.x != 0.0 ? 1 + reach : 0, way.y != 0.0 ? 1 + reach : 0 );
+    float2 chroma = float2( 0.0, 0.0 );
+    [loop]
+    for ( int y = first.y; y <= last.y; ++y )
     {
-        if ( chromaFilter == CatmullRom )
-        {
-            float4 across = CatmullRomWeights( way.x );
-            float4 down = CatmullRomWeights( way.y );
-            chroma = ChromaRow( at - int2( 0, 1 ), across ) * down.x +
-                     ChromaRow( at, across ) * down.y +
-                     ChromaRow( at + int2( 0, 1 ), across ) * down.z +
-                     ChromaRow( at + int2( 0, 2 ), across ) * down.w;
-        }
-        else
-        {
-            float2 upper = lerp( chroma, LoadChroma( at + int2( 1, 0 ) ), way.x );
-            float2 lower = lerp( LoadChroma( at + int2( 0, 1 ) ), LoadChroma( at + int2( 1, 1 ) ),
-                                 way.x );
-            chroma = lerp( upper, lower, way.y );
-        }
+        [loop]
+        for ( int x = first.x; x <= last.x; ++x )
+            chroma += LoadChroma( int2( before ) + int2( x, y ) ) *
+                      ( ChromaWeight( x, way.x, across ) * ChromaWeight( y, way.y, down ) );
     }
     return chroma;
 }

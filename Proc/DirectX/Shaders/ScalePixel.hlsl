@@ -116,13 +116,17 @@ float4 PSMain( PSInput input ): SV_TARGET
     float4 header = weights.Load( row );
     int tap = int( header.x );
     float4 sum = 0.0;
+    [loop]
     for ( int quad = 1; quad <= quadCount; ++quad )
     {
+        // One tap in a loop: compilers take seconds for four.
         float4 weight = weights.Load( row + quad );
-        sum += weight.x * LoadTap( tap, across );
-        sum += weight.y * LoadTap( tap + 1, across );
-        sum += weight.z * LoadTap( tap + 2, across );
-        sum += weight.w * LoadTap( tap + 3, across );
+        [loop]
+        for ( int i = 0; i < 4; ++i )
+        {
+            sum += weight.x * LoadTap( tap + i, across );
+            weight = weight.yzwx;
+        }
         tap += 4;
     }
     if ( antiRinging > 0.0 )
@@ -130,6 +134,7 @@ float4 PSMain( PSInput input ): SV_TARGET
         int last = int( header.z );
         float4 low = LoadTap( last, across );
         float4 high = low;
+        [loop]
         for ( int neighbour = int( header.y ); neighbour < last; ++neighbour )
         {
             float4 color = LoadTap( neighbour, across );
