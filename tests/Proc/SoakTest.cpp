@@ -1,6 +1,8 @@
 // Frame after frame leaves nothing: no object of Direct3D, no memory of the library's, no handle.
 // NORVEX_STEPS: how many frames.
 
+#include <bit>
+
 #include <fmt/format.h>
 
 #include "tests/Proc/Direct3D12Fixture.h"
@@ -30,7 +32,7 @@ long long CountHandles() {
     long long count = 0;
     for (std::uintptr_t value = 4; value < 1U << 16; value += 4) {
         DWORD flags = 0;
-        count += GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags) != FALSE ? 1 : 0;
+        count += GetHandleInformation(std::bit_cast<HANDLE>(value), &flags) != FALSE ? 1 : 0;
     }
     return count;
 }

@@ -215,7 +215,9 @@ TEST_F(GraphicsDebuggerTest, SeesNamesAndEventsOnDirect3D12) {
     const MethodPatch<&ID3D12GraphicsCommandList::BeginEvent> begin(
         list->GetGraphics(), [&](auto, auto*, UINT kind, const void* data, UINT size) {
             EXPECT_EQ(kind, 1U) << "characters with a zero";
-            events += std::string(static_cast<const char*>(data), size).c_str() + std::string("(");
+            const std::string name = static_cast<const char*>(data);
+            EXPECT_EQ(size, name.size() + 1);
+            events += name + "(";
         });
     const MethodPatch<&ID3D12GraphicsCommandList::EndEvent> end(
         list->GetGraphics(), [&](auto, auto*) { events += ")"; });

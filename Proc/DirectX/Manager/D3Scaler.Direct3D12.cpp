@@ -1,4 +1,5 @@
 #include <array>
+#include <cstddef>
 #include <mutex>
 #include <string>
 
@@ -19,7 +20,7 @@ namespace {
 // Root parameters, in the order in which they are added.
 constexpr unsigned kScalerConstantsIndex = 0;
 constexpr unsigned kScalerTexturesIndex = 1;
-constexpr unsigned kScalerTextureCount = 2; // of a pass: texture and weights
+constexpr std::size_t kScalerTextureCount = 2; // of a pass: texture and weights
 
 constexpr auto kScalerEvent = "scaling"; // what debuggers show
 

@@ -53,9 +53,9 @@ double Cut(const D3FrameDesc& desc, double code) {
 
 double SampleAt(const Frame& frame, unsigned channel, long x, long y) {
     const auto [width, height] = SizeOfChannel(frame.desc, channel);
-    const long row = std::clamp(y, 0L, height - 1);
-    return frame.channels.at(
-        channel)[static_cast<std::size_t>(row * width + std::clamp(x, 0L, width - 1))];
+    const auto row = static_cast<std::size_t>(std::clamp(y, 0L, height - 1));
+    const auto column = static_cast<std::size_t>(std::clamp(x, 0L, width - 1));
+    return frame.channels.at(channel)[row * static_cast<std::size_t>(width) + column];
 }
 
 double Cubic(double distance) {
