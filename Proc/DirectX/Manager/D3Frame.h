@@ -69,8 +69,8 @@ struct NORVEX_DX_API D3FrameDesc {
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;  // not of RGB
     FrameRange range = FrameRange::Narrow;                // of the codes
     ChromaLocation chromaLocation = ChromaLocation::Left; // of 4:2:0 and 4:2:2
-    Conf::RGBColorSpace colorSpace = {                    // of R'G'B'
-                                      Conf::ColorPrimaries::BT709,
+    // Of R'G'B'.
+    Conf::RGBColorSpace colorSpace = {Conf::ColorPrimaries::BT709,
                                       Conf::TransferCharacteristics::BT709};
     Proc::AlphaType alpha = Proc::AlphaType::AlphaIsOne; // of RGB; Y'CbCr has none
 
