@@ -21,6 +21,8 @@
 #include "Host/CoreException.h"
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
 #include "tests/support/Canvas.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Faults.h"
@@ -38,17 +40,43 @@ constexpr Fault kFaults[] = {
 // A workload leaves the same each time, also when it throws after a second attempt.
 using Leaving = std::vector<Color>;
 
-// The drawers of a generation; a drawing that failed is done again on what it was recorded on.
+// A picture, and what is drawn of it.
+template <class AnyCanvas>
+struct Drawing {
+    // drawEach(on) records. What failed is done again on what it was recorded on, and told then.
+    template <class Call>
+    void Record(Leaving& leaving, const Call& drawEach) {
+        std::exception_ptr failure;
+        canvas.Record([&](const auto& on) {
+            try {
+                drawEach(on);
+            } catch (const std::exception&) {
+                failure = std::current_exception();
+                drawEach(on);
+            }
+        });
+        const Leaving drawn = canvas.Read(target).colors;
+        leaving = canvas.Read(luma).colors;
+        leaving.insert(leaving.end(), drawn.begin(), drawn.end());
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+    }
+
+    AnyCanvas canvas;
+    decltype(canvas.MakeSource({}, {})) source = canvas.MakeSource(
+        MakePixels(8, 4, [](unsigned x, unsigned y) { return Color{x / 7.0, y / 3.0, 0.5, 1.0}; }),
+        DXGI_FORMAT_R8G8B8A8_UNORM);
+    typename AnyCanvas::View target = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
+    typename AnyCanvas::View luma = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8_UNORM);
+    typename AnyCanvas::View chroma = canvas.MakeTarget(4, 2, DXGI_FORMAT_R8G8_UNORM);
+};
+
+// The drawers of images of a generation.
 template <class AnyCanvas>
 void DrawAll(Leaving& leaving) {
-    AnyCanvas canvas;
-    const Pixels gradient =
-        MakePixels(8, 4, [](unsigned x, unsigned y) { return Color{x / 7.0, y / 3.0, 0.5, 1.0}; });
-    const auto source = canvas.MakeSource(gradient, DXGI_FORMAT_R8G8B8A8_UNORM);
-    const auto target = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8G8B8A8_UNORM);
-    const auto luma = canvas.MakeTarget(8, 4, DXGI_FORMAT_R8_UNORM);
-    const auto chroma = canvas.MakeTarget(4, 2, DXGI_FORMAT_R8G8_UNORM);
-    const auto& device = canvas.GetDevice();
+    Drawing<AnyCanvas> drawing;
+    const auto& device = drawing.canvas.GetDevice();
     const boost::intrusive_ptr draw(new typename AnyCanvas::ImageDraw(device));
     const boost::intrusive_ptr renderer(new typename AnyCanvas::ImageRenderer(device));
     renderer->SetRotation(0.5F);
@@ -56,28 +84,46 @@ void DrawAll(Leaving& leaving) {
         new typename AnyCanvas::Converter(device, Proc::AlphaType::AlphaIsOne));
     Proc::ColorAlphaConversionInfo conversion;
     conversion.target = {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ};
-    const auto drawEach = [&](const auto& on) {
-        draw->Encode(on, source, target, conversion, std::nullopt);
-        renderer->Encode(on, source, target, conversion, std::nullopt);
-        AnyCanvas::Convert(*converter, on, AnyCanvas::TextureOf(source), AnyCanvas::TextureOf(luma),
-                           AnyCanvas::TextureOf(chroma), DXGI_FORMAT_NV12,
-                           Conf::YCbCrMatrix::BT709);
-    };
-    std::exception_ptr failure;
-    canvas.Record([&](const auto& on) {
-        try {
-            drawEach(on);
-        } catch (const std::exception&) {
-            failure = std::current_exception();
-            drawEach(on);
-        }
+    drawing.Record(leaving, [&](const auto& on) {
+        draw->Encode(on, drawing.source, drawing.target, conversion, std::nullopt);
+        renderer->Encode(on, drawing.source, drawing.target, conversion, std::nullopt);
+        AnyCanvas::Convert(*converter, on, AnyCanvas::TextureOf(drawing.source),
+                           AnyCanvas::TextureOf(drawing.luma), AnyCanvas::TextureOf(drawing.chroma),
+                           DXGI_FORMAT_NV12, Conf::YCbCrMatrix::BT709);
     });
-    const Leaving drawn = canvas.Read(target).colors;
-    leaving = canvas.Read(luma).colors;
-    leaving.insert(leaving.end(), drawn.begin(), drawn.end());
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
+}
+
+void ConvertFrame(DX::D12FrameConverter& converter, const auto& on, const DX::D12Frame& from,
+                  const DX::D12Frame& to) {
+    constexpr auto kRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+    constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
+    converter.Encode(on, from, to, {{{kRead, kRead}, {kDrawn, kDrawn}}});
+}
+
+void ConvertFrame(DX::D11FrameConverter& converter, const auto& on, const DX::D11Frame& from,
+                  const DX::D11Frame& to) {
+    converter.Encode(on, from, to);
+}
+
+// The drawers of frames, and the scaler. AnyFrame and others: of the canvas's generation.
+template <class AnyCanvas, class AnyFrame, class FrameDraw, class Converter, class Scaler>
+void DrawFrames(Leaving& leaving) {
+    Drawing<AnyCanvas> drawing;
+    const auto& device = drawing.canvas.GetDevice();
+    const boost::intrusive_ptr draw(new FrameDraw(device));
+    const boost::intrusive_ptr converter(new Converter(device));
+    const boost::intrusive_ptr scaler(new Scaler(device));
+    AnyFrame from;
+    from.desc = DX::D3FrameDesc::MakeRGB({8, 4});
+    from.textures[0] = AnyCanvas::TextureOf(drawing.source);
+    AnyFrame to;
+    to.desc.size = from.desc.size;
+    to.textures = {AnyCanvas::TextureOf(drawing.luma), AnyCanvas::TextureOf(drawing.chroma)};
+    drawing.Record(leaving, [&](const auto& on) {
+        draw->Encode(on, from, drawing.target);
+        scaler->Encode(on, drawing.source, drawing.target, {.rect = DX::Rect2DT<long>{1, 1, 5, 3}});
+        ConvertFrame(*converter, on, from, to);
+    });
 }
 
 // Draws into one open list.
@@ -293,6 +339,15 @@ INSTANTIATE_TEST_SUITE_P(, FaultTest,
                                          Row{"Present11", false, &Present<Generation::Direct3D11>},
                                          Row{"Draw12", true, &DrawAll<Canvas>},
                                          Row{"DrawIntoList12", true, &DrawAll<ListCanvas>},
+                                         Row{"Frames11", false,
+                                             &DrawFrames<Canvas11, DX::D11Frame, DX::D11FrameDraw,
+                                                         DX::D11FrameConverter, DX::D11Scaler>},
+                                         Row{"Frames12", true,
+                                             &DrawFrames<Canvas, DX::D12Frame, DX::D12FrameDraw,
+                                                         DX::D12FrameConverter, DX::D12Scaler>},
+                                         Row{"FramesIntoList12", true,
+                                             &DrawFrames<ListCanvas, DX::D12Frame, DX::D12FrameDraw,
+                                                         DX::D12FrameConverter, DX::D12Scaler>},
                                          Row{"Pools12", true, &UsePools12},
                                          Row{"Attach11", false, &Attach11},
                                          Row{"Wait12", true, &Wait12},

@@ -87,11 +87,12 @@ public:
     // in the render-target state. params: as of D12ImageDraw, the source rectangle in pixels of the
     // frame; a conversion's source colours and alpha are the frame's, whatever it says of them;
     // without one, R'G'B' is drawn as the matrix gives it. What a part is sampled from: luma and
-    // RGB inside alone, chroma as of the whole frame. What is wrong with the frame: D3FrameShader.h
-    // lists "A texture of the frame is missing" and others beside D3FrameDesc::Validate's. "The
-    // frame's colors cannot be converted to these" (linear light as source or with BT.2020's
-    // primaries), "The texture is expected to be the render target view", "There is no command
-    // allocator", "The source rectangle does not lie in the texture".
+    // RGB inside alone, chroma as of the whole frame. D3FrameDesc::Validate's sentences, "A texture
+    // of the frame is missing", "The frame has too many textures", "A texture is not of the frame's
+    // layout", "A texture is smaller than the frame's plane", "A texture of the frame has no such
+    // slice", "The frame's colors cannot be converted to these" (linear light as source or with
+    // BT.2020's primaries), "The texture is expected to be the render target view", "There is no
+    // command allocator", "The source rectangle does not lie in the texture".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source,
                 const boost::intrusive_ptr<D12Descriptor>& target,
                 const ImageDrawParams& params = {});

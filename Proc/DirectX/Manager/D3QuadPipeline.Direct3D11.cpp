@@ -74,6 +74,20 @@ D11QuadPipeline::CreateQuad(const boost::intrusive_ptr<D11Device>& device,
                                    static_cast<UINT>(quad.size()));
 }
 
+CComPtr<ID3D11Texture2D> D11QuadPipeline::CreateIntermediate(D11Device& device,
+                                                             const Size2DT<long>& size,
+                                                             DXGI_FORMAT format) {
+    D3D11_TEXTURE2D_DESC desc = {};
+    desc.Width = static_cast<UINT>(size.width);
+    desc.Height = static_cast<UINT>(size.height);
+    desc.MipLevels = 1;
+    desc.ArraySize = 1;
+    desc.Format = format;
+    desc.SampleDesc.Count = 1;
+    desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
+    return device.CreateTexture2D(desc, nullptr);
+}
+
 void D11QuadPipeline::Draw(D11DeviceContext& context, const D11QuadDraw& draw) const {
     Draw(context, draw, m_quad);
 }

@@ -59,6 +59,9 @@ public:
 
     static boost::intrusive_ptr<D11VertexBuffer>
     CreateQuad(const boost::intrusive_ptr<D11Device>& device, const Size2DT<float>& extent);
+    // A texture that one draw makes and the next reads.
+    static CComPtr<ID3D11Texture2D> CreateIntermediate(D11Device& device, const Size2DT<long>& size,
+                                                       DXGI_FORMAT format);
 
 private:
     std::shared_ptr<D11VertexShader> m_vertexShader;

@@ -13,27 +13,6 @@ namespace Norvex::DX {
 
 namespace {
 
-bool IsOfDevice(ID3D11DeviceChild* child, const D11Device& device) {
-    CComPtr<ID3D11Device> parent;
-    child->GetDevice(&parent);
-    CComPtr<IUnknown> own;
-    CComPtr<IUnknown> other;
-    return SUCCEEDED(device.Get()->QueryInterface(IID_PPV_ARGS(&own))) &&
-           SUCCEEDED(parent->QueryInterface(IID_PPV_ARGS(&other))) && own == other;
-}
-
-D3D11_TEXTURE2D_DESC MakeIntermediateDesc(const Size2DT<long>& size, DXGI_FORMAT format) {
-    D3D11_TEXTURE2D_DESC desc = {};
-    desc.Width = static_cast<UINT>(size.width);
-    desc.Height = static_cast<UINT>(size.height);
-    desc.MipLevels = 1;
-    desc.ArraySize = 1;
-    desc.Format = format;
-    desc.SampleDesc.Count = 1;
-    desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
-    return desc;
-}
-
 CComPtr<ID3D11ShaderResourceView> CreateWeightsView(D11Device& device, ID3D11Buffer* weights,
                                                     const std::array<std::uint32_t, 2>& quads) {
     D3D11_SHADER_RESOURCE_VIEW_DESC desc = {};
@@ -78,8 +57,6 @@ void D11Scaler::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                        const ScaleParams& params) {
     const auto location = std::source_location::current();
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
-    ThrowUnless<DirectX11Exception>(IsOfDevice(context->Get(), *m_device),
-                                    "The context belongs to another device");
     const auto job = Check(source.get(), target.get(), params, location);
     if (!job) {
         return;
@@ -118,9 +95,6 @@ std::optional<D3ScalerJob> D11Scaler::Check(const D11ShaderTexture2D* source,
     D3D11_TEXTURE2D_DESC desc = {};
     source->GetDesc(&desc);
     check(desc.SampleDesc.Count == 1, "The source is expected to be a 2-D texture of one sample");
-    check(IsOfDevice(source->GetTexture(), *m_device) &&
-              IsOfDevice(target->GetTexture(), *m_device),
-          "The texture belongs to another device");
     check(source->GetTexture() != target->GetTexture(),
           "The source and the target are the same texture");
     D3D11_RENDER_TARGET_VIEW_DESC view = {};
@@ -142,8 +116,8 @@ std::unique_ptr<D11Scaler::Plan> D11Scaler::MakePlan(const D3ScalerJob& job) con
                            plan->passes.weights.size());
     plan->rowWeights = CreateWeightsView(*m_device, weights, plan->passes.rows);
     plan->columnWeights = CreateWeightsView(*m_device, weights, plan->passes.columns);
-    const auto texture = m_device->CreateTexture2D(
-        MakeIntermediateDesc(plan->passes.intermediate, job.format), nullptr);
+    const auto texture =
+        D11QuadPipeline::CreateIntermediate(*m_device, plan->passes.intermediate, job.format);
     plan->intermediateSource.reset(new D11ShaderTexture2D(texture, std::nullopt));
     plan->intermediateTarget.reset(new D11RenderTexture2D(texture, std::nullopt));
     return plan;

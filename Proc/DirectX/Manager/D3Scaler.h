@@ -82,10 +82,9 @@ public:
     // is in the render-target state, and what the rectangle covers is replaced. "There is no
     // command allocator", "The texture is expected to be the shader resource view", "The texture is
     // expected to be the render target view" (null is neither), "The source is expected to be a 2-D
-    // texture of one sample", "The texture belongs to another device", "The list belongs to another
-    // device", "The source and the target are the same texture", "The source rectangle does not lie
-    // in the texture", "The target rectangle is empty", "Unknown kernel", "Unsupported transfer
-    // function".
+    // texture of one sample", "The source and the target are the same texture", "The source
+    // rectangle does not lie in the texture", "The target rectangle is empty", "Unknown kernel",
+    // "Unsupported transfer function".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target, const ScaleParams& params);
@@ -131,8 +130,8 @@ public:
     D11Scaler& operator=(const D11Scaler&) = delete;
 
     // What of the context's state is replaced: as of D11ImageDraw::Encode, but no shader resource
-    // stays bound, of two. "There is no device context", "The context belongs to another device",
-    // and of the textures and parameters as D12Scaler.
+    // stays bound, of two. "There is no device context", and of the textures and parameters as
+    // D12Scaler.
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                 const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target, const ScaleParams& params);

@@ -31,19 +31,6 @@ void CheckArguments(const D11DeviceContext* context, ID3D11Texture2D* source,
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context", location);
 }
 
-CComPtr<ID3D11Texture2D> CreateIntermediate(D11Device& device, const Size2DT<long>& size,
-                                            DXGI_FORMAT format) {
-    D3D11_TEXTURE2D_DESC desc = {};
-    desc.Width = static_cast<UINT>(size.width);
-    desc.Height = static_cast<UINT>(size.height);
-    desc.MipLevels = 1;
-    desc.ArraySize = 1;
-    desc.Format = format;
-    desc.SampleDesc.Count = 1;
-    desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
-    return device.CreateTexture2D(desc, nullptr);
-}
-
 } // namespace
 
 D11YUVConverter::D11YUVConverter(const boost::intrusive_ptr<D11Device>& device,
@@ -99,7 +86,8 @@ void D11YUVConverter::ConfigForDestination(const YUVDestination& destination,
     m_paramsBuffer =
         CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     SetName(m_paramsBuffer, "YCbCr params buffer");
-    const auto texture = CreateIntermediate(*m_device, destination.size, format.chroma);
+    const auto texture =
+        D11QuadPipeline::CreateIntermediate(*m_device, destination.size, format.chroma);
     SetName(texture, "chroma of full size");
     m_intermediateSource.reset(new D11ShaderTexture2D(texture, std::nullopt));
     m_intermediateTarget.reset(new D11RenderTexture2D(texture, std::nullopt));
