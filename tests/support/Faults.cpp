@@ -331,7 +331,8 @@ void Interpose11(Faults& faults) {
     NORVEX_FAIL(device, CreateInputLayout, "Failed to create input layout");
     NORVEX_FAIL(device, CreatePixelShader, "Failed to create pixel shader");
     NORVEX_FAIL(device, CreateRasterizerState, "Failed to create rasterizer state");
-    NORVEX_FAIL(device, CreateRenderTargetView, "Failed to create render rarget view");
+    NORVEX_FAIL(device, CreateRenderTargetView, "Failed to create render rarget view",
+                "CreateRenderTargetView: Failed to create render target view");
     NORVEX_FAIL(device, CreateSamplerState, "Failed to create sampler state");
     NORVEX_FAIL(device, CreateShaderResourceView, "Failed to create shader resource view");
     NORVEX_FAIL(device, CreateTexture2D, "Failed to create ID3D11Texture2D: width = ");
