@@ -1,10 +1,11 @@
 // Whole pictures: conversion to the planes of encoders beside a draw that converts nothing, and
 // showing a frame.
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
-#include <tuple>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -14,6 +15,7 @@
 #include "Proc/DirectX/Manager/DXGISwapChain.h"
 #include "bench/Cases.h"
 #include "bench/Direct3D12Twin.h"
+#include "tests/support/MethodPatch.h"
 #include "tests/support/TestWindow.h"
 
 namespace Norvex::Bench {
@@ -101,15 +103,29 @@ Ways MakeConversions(unsigned width, unsigned height, DXGI_FORMAT format) {
             {}};
 }
 
+// The compiled shader of the pipeline state that the call makes.
+std::size_t GetShaderSize(const auto& call) {
+    std::size_t size = 0;
+    const auto device = DX::D12Device::CreatePrimary();
+    const Test::MethodPatch<&ID3D12Device::CreateGraphicsPipelineState> patch(
+        device->Get(), [&](auto original, auto* self, const auto* desc, auto&&... where) {
+            size = desc->PS.BytecodeLength;
+            return original(self, desc, where...);
+        });
+    call();
+    return size;
+}
+
 Ways MakeDraws(const Conf::RGBColorSpace& from, const Conf::RGBColorSpace& to) {
     const auto pictures = std::make_shared<Pictures>(1920, 1080, DXGI_FORMAT_NV12);
     Proc::ColorAlphaConversionInfo conversion;
     conversion.source = from;
     conversion.target = to;
-    return {
-        {MakeWay("specialized", [=] { pictures->DrawSpecialized(conversion); }, {"one for all"}),
-         MakeWay("one for all", [=] { pictures->Draw(conversion); })},
-        {}};
+    const auto specialized = [=] { pictures->DrawSpecialized(conversion); };
+    const auto general = [=] { pictures->Draw(conversion); };
+    const auto name = fmt::format("specialized, {} bytes", GetShaderSize(specialized));
+    const auto twin = fmt::format("one for all, {} bytes", GetShaderSize(general));
+    return {{MakeWay(name.c_str(), specialized, {twin}), MakeWay(twin.c_str(), general)}, {}};
 }
 
 struct Screens {
@@ -151,15 +167,20 @@ std::vector<Case> MakePictureCases() {
     }
     using Conf::ColorPrimaries;
     using Conf::TransferCharacteristics;
-    constexpr Conf::RGBColorSpace kSRGB = {ColorPrimaries::BT709, TransferCharacteristics::sRGB};
-    constexpr Conf::RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
-    constexpr Conf::RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
-    for (const auto& [name, from, to] : {std::tuple("srgb-srgb", kSRGB, kSRGB),
-                                         {"srgb-pq", kSRGB, kPQ},
-                                         {"hlg-srgb", kHLG, kSRGB},
-                                         {"pq-srgb", kPQ, kSRGB}}) {
-        cases.push_back({std::string("d3d12/draw/1080p/") + name, Clock::Wall,
-                         [=] { return MakeDraws(from, to); }});
+    const std::pair<const char*, Conf::RGBColorSpace> spaces[] = {
+        {"srgb", {ColorPrimaries::BT709, TransferCharacteristics::sRGB}},
+        {"rec709", {ColorPrimaries::BT709, TransferCharacteristics::BT709}},
+        {"rec2020", {ColorPrimaries::BT2020, TransferCharacteristics::BT709}},
+        {"pq", {ColorPrimaries::BT2020, TransferCharacteristics::PQ}},
+        {"hlg", {ColorPrimaries::BT2020, TransferCharacteristics::HLG}},
+        {"scrgb", {ColorPrimaries::BT709, TransferCharacteristics::Linear}}}; // as target alone
+    for (const auto& [source, from] : spaces) {
+        for (const auto& [target, to] : spaces) {
+            if (from.transfer != TransferCharacteristics::Linear) {
+                cases.push_back({fmt::format("d3d12/draw/1080p/{}-{}", source, target), Clock::Wall,
+                                 [from = from, to = to] { return MakeDraws(from, to); }});
+            }
+        }
     }
     cases.push_back({"d3d12/present", Clock::Both, &MakePresents});
     return cases;
