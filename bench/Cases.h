@@ -16,6 +16,7 @@ std::vector<Case> MakeSubmissionCases();
 std::vector<Case> MakeGrowthCases();
 std::vector<Case> MakeThreadCases();
 std::vector<Case> MakePictureCases();
+std::vector<Case> MakeConverterCases();
 std::vector<Case> MakeStartCases();
 
 } // namespace Norvex::Bench

@@ -44,7 +44,8 @@ std::vector<Case> MakeCases() {
     std::vector<Case> all;
     for (auto* const make :
          {&MakeFrameCases12, &MakeFrameCases11, &MakeTransferCases, &MakeSubmissionCases,
-          &MakePoolCases, &MakeThreadCases, &MakePictureCases, &MakeStartCases, &MakeGrowthCases}) {
+          &MakePoolCases, &MakeThreadCases, &MakePictureCases, &MakeConverterCases, &MakeStartCases,
+          &MakeGrowthCases}) {
         auto some = make();
         std::move(some.begin(), some.end(), std::back_inserter(all));
     }

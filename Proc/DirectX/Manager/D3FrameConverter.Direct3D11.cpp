@@ -5,6 +5,7 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
 #include "Proc/DirectX/Manager/D3FrameShader.h"
 #include "Proc/DirectX/Manager/D3FrameViews.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
@@ -13,17 +14,20 @@
 
 namespace Norvex::DX {
 
-struct D11FrameConverter::Pass {
-    std::shared_ptr<D11PixelShader> shader;
-    KeptConstants<ID3D11Buffer> frameConstants = {};
+struct D11FrameConverter::Passes : FrameVariants<D11FramePass> {
+    KeptConstants<ID3D11Buffer> imageConstants;
 };
 
 D11FrameConverter::D11FrameConverter(const boost::intrusive_ptr<D11Device>& device)
     : m_device(CheckDevice<DirectX11Exception>(device)),
       m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
-      m_imageConstants(std::make_unique<KeptConstants<ID3D11Buffer>>()) {}
+      m_passes(std::make_unique<Passes>()) {}
 
 D11FrameConverter::~D11FrameConverter() = default;
+
+std::size_t D11FrameConverter::GetShaderCount() const {
+    return m_passes->GetCount();
+}
 
 void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                                const D11Frame& source, const D11Frame& destination,
@@ -35,16 +39,18 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
     };
     const FrameConversion conversion = MakeFrameConversion(source.desc, destination.desc, params);
     const auto& imageConstants =
-        m_imageConstants->Get(D3ImageRenderer::MakeParamsBytes(conversion.image), make);
-    std::vector<ID3D11Buffer*> frameConstants;
+        m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(conversion.image), make);
+    struct Step {
+        std::shared_ptr<D11PixelShader> shader;
+        CComPtr<ID3D11Buffer> constants;
+    };
+    std::vector<Step> steps;
     for (std::size_t i = 0; i < conversion.passes.size(); ++i) { // before anything is recorded
-        const FramePass& pass = conversion.passes[i];
-        auto& kept = m_passes.at(pass.GetKind());
-        if (kept == nullptr) {
-            kept = std::make_unique<Pass>(Pass{
-                std::make_shared<D11PixelShader>(m_device, "PSMain", GetFrameCodesShader(pass))});
-        }
-        frameConstants.push_back(kept->frameConstants.Get(BytesOf(conversion.frames[i]), make));
+        const FrameShaderKey& key = conversion.shaders[i];
+        D11FramePass& pass =
+            m_passes->Get(key, [&] { return std::make_unique<D11FramePass>(m_device, key); });
+        steps.push_back(
+            {pass.shader, pass.frameConstants.Get(BytesOf(conversion.frames[i]), make)});
     }
     const auto planes = MakePlaneViews(*m_device, source);
     const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
@@ -57,11 +63,11 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
         m_pipeline->Draw(*context,
                          {.targets = std::span(targets).subspan(pass.firstPlane, pass.planeCount),
                           .viewport = {0, 0, width, height},
-                          .shader = m_passes.at(pass.GetKind())->shader,
+                          .shader = steps[i].shader,
                           .texture = planes[0],
                           .constants = imageConstants,
                           .moreTextures = more,
-                          .moreConstants = frameConstants[i]});
+                          .moreConstants = steps[i].constants});
     }
     context->PSSetShaderResources({nullptr, nullptr, nullptr});
     D11QuadPipeline::Unbind(*context);

@@ -6,20 +6,15 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
 #include "Proc/DirectX/Manager/D3FrameShader.h"
 #include "Proc/DirectX/Manager/D3FrameViews.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
-#include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
 
 namespace {
-
-// Root parameters, in the order in which they are added.
-constexpr unsigned kConvertImageIndex = 0;
-constexpr unsigned kConvertFrameIndex = 1;
-constexpr unsigned kConvertPlanesIndex = 2;
 
 constexpr auto kFrameEvent = "frame conversion"; // what debuggers show
 
@@ -28,26 +23,14 @@ constexpr auto kFrameDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
 } // namespace
 
-struct D12FrameConverter::Pass {
-    Pass(const boost::intrusive_ptr<D12Device>& device, const FramePass& pass)
-        : pipeline(device, kFrameEvent, std::string(Shaders::kQuadVertex),
-                   GetFrameCodesShader(pass)),
-          image(AddFrameConstants(pipeline.GetParameters(), 0, D3D12_SHADER_VISIBILITY_PIXEL)),
-          frame(AddFrameConstants(pipeline.GetParameters(), 1, D3D12_SHADER_VISIBILITY_PIXEL)),
-          planes(pipeline.AddTexture(3)) {
-        pipeline.SetBlendState({}); // not every system blends in every format of a plane
-    }
-
-    D12QuadPipeline pipeline;
-    boost::intrusive_ptr<D12ConstantBufferView> image;
-    boost::intrusive_ptr<D12ConstantBufferView> frame;
-    boost::intrusive_ptr<D12ViewTable> planes;
-    KeptConstants<ID3D12Resource> frameConstants;
+struct D12FrameConverter::Passes : FrameVariants<D12FramePass> {
+    KeptConstants<ID3D12Resource> imageConstants;
 };
 
 struct D12FrameConverter::Conversion {
     struct Step {
-        Pass& pass;
+        D12FramePass& pass;
+        CComPtr<ID3D12PipelineState> state;
         D12DrawState::Targets targets;
         Size2DT<long> size; // of the planes
         CComPtr<ID3D12Resource> frameConstants = {};
@@ -63,9 +46,13 @@ struct D12FrameConverter::Conversion {
 
 D12FrameConverter::D12FrameConverter(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
-      m_imageConstants(std::make_unique<KeptConstants<ID3D12Resource>>()) {}
+      m_passes(std::make_unique<Passes>()) {}
 
 D12FrameConverter::~D12FrameConverter() = default;
+
+std::size_t D12FrameConverter::GetShaderCount() const {
+    return m_passes->GetCount();
+}
 
 D12FrameConverter::Conversion
 D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
@@ -79,19 +66,22 @@ D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
     Conversion conversion = {MakePlaneViews(*m_device, source),
                              MakePlaneTargets(*m_device, destination)};
     conversion.imageConstants =
-        m_imageConstants->Get(D3ImageRenderer::MakeParamsBytes(wanted.image), make);
+        m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(wanted.image), make);
     for (std::size_t i = 0; i < wanted.passes.size(); ++i) {
         const FramePass& planes = wanted.passes[i];
-        auto& kept = m_passes.at(planes.GetKind());
-        if (kept == nullptr) {
-            kept = std::make_unique<Pass>(m_device, planes);
-        }
-        Pass& pass = *kept;
+        const FrameShaderKey& key = wanted.shaders[i];
+        D12FramePass& pass = m_passes->Get(key, [&] {
+            auto made = std::make_unique<D12FramePass>(m_device, kFrameEvent,
+                                                       std::string(Shaders::kQuadVertex), key,
+                                                       D3D12_SHADER_VISIBILITY_PIXEL);
+            made->pipeline.SetBlendState({}); // not every system blends in every format of a plane
+            return made;
+        });
         const auto targets =
             std::span(conversion.targets).subspan(planes.firstPlane, planes.planeCount);
         const D12PlanesOfOneDraw views(*pass.planes, conversion.views);
-        pass.pipeline.MakePipelineState(targets); // asks the table for its kind of view alone
-        conversion.steps.push_back({pass, targets,
+        // Asks the table for its kind of view alone.
+        conversion.steps.push_back({pass, pass.pipeline.MakePipelineState(targets), targets,
                                     destination.desc.GetPlane(planes.firstPlane).size,
                                     pass.frameConstants.Get(BytesOf(wanted.frames[i]), make)});
     }
@@ -109,18 +99,18 @@ void D12FrameConverter::Encode(const boost::intrusive_ptr<D12CommandAllocator>& 
     const auto location = std::source_location::current();
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
     const Conversion conversion = Prepare(source, destination, states, params, location);
-    const auto& first = conversion.steps.front().pass.pipeline.GetPipelineState();
+    const auto& first = conversion.steps.front().state;
     allocator->RecordList(first, [&](const D12QuadPipeline::List& list) {
         for (const auto& step : conversion.steps) {
             step.pass.pipeline.GetQuad(*list); // before anything is recorded: it may fail
         }
         const D12DrawEvent event(list->GetGraphics(), kFrameEvent);
         list->ResourceBarrier(conversion.before);
-        for (const auto& [pass, targets, size, constants] : conversion.steps) {
+        for (const auto& [pass, pipelineState, targets, size, constants] : conversion.steps) {
             const D12PlanesOfOneDraw planes(*pass.planes, conversion.views);
             pass.image->SetBuffer(conversion.imageConstants);
             pass.frame->SetBuffer(constants);
-            list->SetPipelineState(pass.pipeline.GetPipelineState());
+            list->SetPipelineState(pipelineState);
             pass.pipeline.Draw(list, targets, {0, 0, size.width, size.height}, size,
                                pass.pipeline.GetQuad(*list));
         }
@@ -143,13 +133,13 @@ void D12FrameConverter::Encode(const boost::intrusive_ptr<D12GraphicsCommandList
     }
     list->TrackObject(conversion.imageConstants.p);
     list->ResourceBarrier(conversion.before);
-    for (const auto& [pass, targets, size, constants] : conversion.steps) {
+    for (const auto& [pass, pipelineState, targets, size, constants] : conversion.steps) {
         pass.pipeline.Draw(
             state, targets, {0, 0, size.width, size.height}, pass.pipeline.GetQuad(*list), [&] {
-                state.SetConstants(kConvertImageIndex,
+                state.SetConstants(kFrameImageIndex,
                                    conversion.imageConstants->GetGPUVirtualAddress());
-                state.SetConstants(kConvertFrameIndex, constants->GetGPUVirtualAddress());
-                state.SetTable(kConvertPlanesIndex, textures);
+                state.SetConstants(kFrameConstantsIndex, constants->GetGPUVirtualAddress());
+                state.SetTable(kFramePlanesIndex, textures);
             });
     }
     list->ResourceBarrier(conversion.after);

@@ -27,9 +27,6 @@
 
 namespace Norvex::DX {
 
-// One plane or several of full size, the same of chroma with fewer samples.
-inline constexpr std::size_t kFramePassKinds = 4;
-
 // How codes are rounded.
 enum class FrameDither : std::uint32_t {
     None = 0, // to the nearest
@@ -47,7 +44,7 @@ struct FrameConvertParams {
 
 class NORVEX_DX_API D12FrameConverter : public LiveObject {
 public:
-    // Shaders are compiled when a layout of the destination first needs them.
+    // Shaders are compiled when a kind of conversion first needs them: GetShaderCount.
     explicit D12FrameConverter(const boost::intrusive_ptr<D12Device>& device);
     ~D12FrameConverter() override;
     D12FrameConverter(const D12FrameConverter&) = delete;
@@ -55,6 +52,10 @@ public:
 
     // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
+    // The shaders that it has, one or two a kind of conversion: layouts but for the size of their
+    // codes, place and filter of the chroma, colour spaces, light, alpha, dither. At most 32, those
+    // used last.
+    std::size_t GetShaderCount() const;
 
     // Records one closed list, or throws and leaves the allocator as it was. Source and destination
     // are of one size; the destination's textures allow render targets. A destination in RGB has
@@ -73,7 +74,7 @@ public:
                 const FrameConvertParams& params = {});
 
 private:
-    struct Pass;       // what draws the planes of one size
+    struct Passes;     // what draws the planes of one size
     struct Conversion; // views, constants and barriers of one Encode
 
     // Views of what is converted; the passes' constants and pipeline states fit it then.
@@ -82,13 +83,13 @@ private:
                        const FrameConvertParams& params, const std::source_location& location);
 
     boost::intrusive_ptr<D12Device> m_device;
-    std::unique_ptr<KeptConstants<ID3D12Resource>> m_imageConstants;
-    std::array<std::unique_ptr<Pass>, kFramePassKinds> m_passes; // null before they are needed
+    std::unique_ptr<Passes> m_passes;
 };
 
 class NORVEX_DX_API D11FrameConverter : public LiveObject {
 public:
-    // Makes the states. Shaders are compiled when a layout of the destination first needs them.
+    // Makes the states. Shaders are compiled when a kind of conversion first needs them:
+    // GetShaderCount.
     explicit D11FrameConverter(const boost::intrusive_ptr<D11Device>& device);
     ~D11FrameConverter() override;
     D11FrameConverter(const D11FrameConverter&) = delete;
@@ -96,6 +97,8 @@ public:
 
     // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
+    // As of D12FrameConverter.
+    std::size_t GetShaderCount() const;
 
     // Inside D11Device::Encode. The source's textures need D3D11_BIND_SHADER_RESOURCE, the
     // destination's D3D11_BIND_RENDER_TARGET. What of the context's state is replaced: as of
@@ -105,12 +108,11 @@ public:
                 const D11Frame& destination, const FrameConvertParams& params = {});
 
 private:
-    struct Pass; // what draws the planes of one size
+    struct Passes; // what draws the planes of one size
 
     boost::intrusive_ptr<D11Device> m_device;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
-    std::unique_ptr<KeptConstants<ID3D11Buffer>> m_imageConstants;
-    std::array<std::unique_ptr<Pass>, kFramePassKinds> m_passes; // null before they are needed
+    std::unique_ptr<Passes> m_passes;
 };
 
 } // namespace Norvex::DX

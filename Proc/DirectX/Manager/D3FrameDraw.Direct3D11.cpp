@@ -4,6 +4,7 @@
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
 #include "Proc/DirectX/Manager/D3FrameShader.h"
 #include "Proc/DirectX/Manager/D3FrameViews.h"
 #include "Proc/DirectX/Manager/D3Quad.h"
@@ -24,11 +25,12 @@ bool DrawsStraightAlpha(ID3D11BlendState* state) {
 
 } // namespace
 
+struct D11FrameDraw::Passes : FrameVariants<D11FramePass> {};
+
 D11FrameDraw::D11FrameDraw(const boost::intrusive_ptr<D11Device>& device)
     : m_device(CheckDevice<DirectX11Exception>(device)),
       m_pipeline(std::make_unique<D11QuadPipeline>(device, GetVertexShader())),
-      m_pixelShader(std::make_shared<D11PixelShader>(device, "PSMain", GetFrameDrawShader())),
-      m_frameConstants(std::make_unique<KeptConstants<ID3D11Buffer>>()) {}
+      m_passes(std::make_unique<Passes>()) {}
 
 D11FrameDraw::~D11FrameDraw() = default;
 
@@ -51,20 +53,23 @@ void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
     const auto make = [&](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
+    const FrameShaderKey key = MakeFrameDrawKey(source.desc, GetChromaFilter(), drawing.image);
+    D11FramePass& pass =
+        m_passes->Get(key, [&] { return std::make_unique<D11FramePass>(m_device, key); });
     const auto event = D11QuadPipeline::BeginEvent(*context, "frame draw");
     const auto imageConstants = make(MakeParamsBytes(drawing.image));
-    const D3FrameParams frame = MakeFrameParams(source.desc, GetChromaFilter());
+    const D3FrameParams frame = MakeFrameParams(source.desc);
     const auto planes = MakePlaneViews(*m_device, source);
     const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
     ID3D11RenderTargetView* const view = target->GetView();
     m_pipeline->Draw(*context, {.targets = {&view, 1},
                                 .viewport = *drawing.viewport,
-                                .shader = m_pixelShader,
+                                .shader = pass.shader,
                                 .texture = planes[0],
                                 .constants = imageConstants,
                                 .blendState = m_blendState,
                                 .moreTextures = more,
-                                .moreConstants = m_frameConstants->Get(BytesOf(frame), make)});
+                                .moreConstants = pass.frameConstants.Get(BytesOf(frame), make)});
     context->PSSetShaderResources({nullptr, nullptr, nullptr});
     D11QuadPipeline::Unbind(*context);
 }

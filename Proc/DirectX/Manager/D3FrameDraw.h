@@ -28,10 +28,7 @@
 namespace Norvex::DX {
 
 class D11QuadPipeline;
-class D12QuadPipeline;
-struct D3FrameParams;
-template <class Buffer>
-class KeptConstants;
+struct D12FramePass;
 
 // How chroma of fewer samples than luma is interpolated. Luma, and RGB, always bilinearly.
 enum class ChromaFilter : std::uint32_t {
@@ -76,7 +73,8 @@ private:
 
 class NORVEX_DX_API D12FrameDraw : public D3FrameDraw {
 public:
-    // Compiles the shaders. "There is no device".
+    // Shaders are compiled when a number of planes, a filter or a conversion's colours first need
+    // them; those of 32 stay. "There is no device".
     explicit D12FrameDraw(const boost::intrusive_ptr<D12Device>& device);
     ~D12FrameDraw() override;
 
@@ -113,17 +111,18 @@ private:
     Drawing Check(const D12Frame& source, const D12Descriptor* target,
                   const ImageDrawParams& params, const std::source_location& location);
 
+    struct Passes; // what draws with one shader
+    D12FramePass& GetPass(const D3FrameDesc& source, const D3ImageParams& image);
+
     boost::intrusive_ptr<D12Device> m_device;
-    std::unique_ptr<D12QuadPipeline> m_pipeline;
-    boost::intrusive_ptr<D12ConstantBufferView> m_imageParams;
-    boost::intrusive_ptr<D12ConstantBufferView> m_frameParams;
-    boost::intrusive_ptr<D12ViewTable> m_planes;
-    std::unique_ptr<KeptConstants<ID3D12Resource>> m_frameConstants;
+    D12BlendState m_blendState;
+    std::unique_ptr<Passes> m_passes;
 };
 
 class NORVEX_DX_API D11FrameDraw : public D3FrameDraw {
 public:
-    // Compiles the shaders. "There is no device".
+    // Shaders are compiled when a number of planes, a filter or a conversion's colours first need
+    // them; those of 32 stay. "There is no device".
     explicit D11FrameDraw(const boost::intrusive_ptr<D11Device>& device);
     ~D11FrameDraw() override;
 
@@ -145,11 +144,12 @@ public:
     void SetBlend(BlendPreset preset); // "Failed to create blend state"
 
 private:
+    struct Passes; // what draws with one shader
+
     boost::intrusive_ptr<D11Device> m_device;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
-    std::shared_ptr<D11PixelShader> m_pixelShader;
     CComPtr<ID3D11BlendState> m_blendState;
-    std::unique_ptr<KeptConstants<ID3D11Buffer>> m_frameConstants;
+    std::unique_ptr<Passes> m_passes;
 };
 
 } // namespace Norvex::DX

@@ -37,6 +37,52 @@ CodesOfChannels GetCodesOfChannels(const D3FrameDesc& frame) {
     return {{codes.black, zero, zero}, {codes.lumaScale, scale, scale}};
 }
 
+// matrix * (x - from) + to
+struct Affine {
+    Matrix3 matrix;
+    Triple from;
+    Triple to;
+};
+
+Affine MakeColorsOfSamples(const D3FrameDesc& frame) {
+    const auto [zero, scale] = GetCodesOfChannels(frame);
+    const double unit = frame.GetCodes().unit;
+    Affine result = {frame.IsRGB() ? kIdentity : MakeRGBOfYPbPr(frame.matrix), {}, {}};
+    for (std::size_t column = 0; column < scale.size(); ++column) {
+        for (Triple& row : result.matrix) {
+            row.at(column) /= scale.at(column) * unit;
+        }
+        result.from.at(column) = zero.at(column) * unit;
+    }
+    return result;
+}
+
+Affine MakeCodesOfColors(const D3FrameDesc& frame) {
+    const auto [zero, scale] = GetCodesOfChannels(frame);
+    Affine result = {
+        frame.IsRGB() ? kIdentity : Conf::GetRGBToYpPbPrMatrix(frame.matrix), {}, zero};
+    for (std::size_t i = 0; i < scale.size(); ++i) {
+        for (double& entry : result.matrix.at(i)) {
+            entry *= scale.at(i);
+        }
+    }
+    return result;
+}
+
+Affine Compose(const Affine& first, const Affine& second) {
+    Affine result = {{}, first.from, second.to};
+    for (std::size_t i = 0; i < result.matrix.size(); ++i) {
+        for (std::size_t k = 0; k < result.matrix.size(); ++k) {
+            const double factor = second.matrix.at(i).at(k);
+            result.to.at(i) += factor * (first.to.at(k) - second.from.at(k));
+            for (std::size_t j = 0; j < result.matrix.size(); ++j) {
+                result.matrix.at(i).at(j) += factor * first.matrix.at(k).at(j);
+            }
+        }
+    }
+    return result;
+}
+
 FrameVector MakeVector(const Triple& vector, double last = 0.0) {
     return {static_cast<float>(vector[0]), static_cast<float>(vector[1]),
             static_cast<float>(vector[2]), static_cast<float>(last)};
@@ -49,19 +95,9 @@ std::array<std::int32_t, 2> GetLast(const FramePlane& plane) {
 
 // One sample; the two about a place between them; or those and the one before, about the middle
 // one.
-void SetTaps(D3FrameParams& params, std::size_t axis, long step, double origin) {
+long CountTaps(long step, double origin) {
     constexpr double kOnSample = 0.5;
-    const bool isOnSample = origin == kOnSample;
-    params.tapStep.at(axis) = static_cast<std::int32_t>(step);
-    params.tapCount.at(axis) = step == 1 ? 1 : isOnSample ? 3 : 2;
-    params.tapFirst.at(axis) = step == 2 && isOnSample ? -1 : 0;
-}
-
-std::string MakeShader(const std::string& definitions, std::string_view text) {
-    std::string shader = definitions + D3ImageRenderer::GetPixelShader();
-    shader += Shaders::kFrameSource;
-    shader += text;
-    return shader;
+    return step == 1 ? 1 : origin == kOnSample ? 3 : 2;
 }
 
 const char* FindMistakeOfTexture(const FrameTexture& texture, const FramePlane& plane,
@@ -83,27 +119,26 @@ std::vector<FramePass> GetFramePasses(const D3FrameDesc& target) {
     return {{0, 1}, {1, planes - 1}};
 }
 
-void SetFramePass(D3FrameParams& params, const D3FrameDesc& target, const FramePass& pass) {
-    const auto [zero, scale] = GetCodesOfChannels(target);
-    const FrameCodes codes = target.GetCodes();
-    const Matrix3 matrix = target.IsRGB() ? kIdentity : Conf::GetRGBToYpPbPrMatrix(target.matrix);
+void SetFramePass(D3FrameParams& params, const Affine& codesOfColors, const FrameCodes& codes,
+                  const FramePass& pass) {
+    const auto& [matrix, from, to] = codesOfColors;
     // A pass of chroma begins with the second channel.
     for (std::size_t i = 0; i + pass.firstPlane < matrix.size(); ++i) {
         const std::size_t channel = i + pass.firstPlane;
         const Triple& row = matrix.at(channel);
-        const double factor = scale.at(channel);
-        params.codesOfColors.at(i) =
-            MakeVector({row[0] * factor, row[1] * factor, row[2] * factor}, zero.at(channel));
+        const double zero =
+            to.at(channel) - (row[0] * from[0] + row[1] * from[1] + row[2] * from[2]);
+        params.codesOfColors.at(i) = MakeVector(row, zero);
     }
-    params.smallestCodes = MakeVector({codes.smallest, codes.smallest, codes.smallest});
-    params.largestCodes = MakeVector({codes.largest, codes.largest, codes.largest});
+    params.smallestCode = static_cast<float>(codes.smallest);
+    params.largestCode = static_cast<float>(codes.largest);
     params.codeUnit = static_cast<float>(codes.unit);
-    if (pass.firstPlane != 0) {
-        const auto [across, down] = target.GetChromaStep();
-        const auto [left, top] = target.GetChromaOrigin();
-        SetTaps(params, 0, across, left);
-        SetTaps(params, 1, down, top);
-    }
+}
+
+FrameChroma GetFrameChroma(const D3FrameDesc& source, ChromaFilter filter) {
+    return source.IsRGB()                       ? FrameChroma::OnLuma
+           : filter == ChromaFilter::CatmullRom ? FrameChroma::CatmullRom
+                                                : FrameChroma::Bilinear;
 }
 
 // Whether it changes nothing, or so little that the mean of pixels may be taken before it.
@@ -117,18 +152,33 @@ bool IsPlain(const Proc::ColorAlphaConversionInfo& conversion) {
            (hasSameAlpha || isOverBlack);
 }
 
+// Of a pass.
+FrameShaderKey MakeFrameCodesKey(const D3FrameDesc& source, const D3FrameDesc& target,
+                                 const FramePass& pass, const FrameConvertParams& params) {
+    FrameShaderKey key;
+    key.sourcePlanes = source.GetPlaneCount();
+    if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
+        key.chroma = GetFrameChroma(source, params.chromaFilter);
+    }
+    key.targets = pass.planeCount;
+    key.channels = pass.firstPlane != 0 ? 2 : target.GetChromaStep() == Size2DT<long>{1, 1} ? 3 : 1;
+    if (pass.firstPlane != 0) {
+        const auto [across, down] = target.GetChromaStep();
+        const auto [left, top] = target.GetChromaOrigin();
+        key.taps = {CountTaps(across, left), CountTaps(down, top)};
+    }
+    key.dither = params.dither;
+    return key;
+}
+
 } // namespace
 
-D3FrameParams MakeFrameParams(const D3FrameDesc& source, ChromaFilter chromaFilter) {
-    const auto [zero, scale] = GetCodesOfChannels(source);
-    const double unit = source.GetCodes().unit;
-    const Matrix3 matrix = source.IsRGB() ? kIdentity : MakeRGBOfYPbPr(source.matrix);
+D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
+    const Affine colors = MakeColorsOfSamples(source);
     D3FrameParams params;
-    params.sampleZero = MakeVector({zero[0] * unit, zero[1] * unit, zero[2] * unit});
-    for (std::size_t i = 0; i < matrix.size(); ++i) {
-        params.colorsOfSamples.at(i) =
-            MakeVector({matrix.at(i)[0] / (scale[0] * unit), matrix.at(i)[1] / (scale[1] * unit),
-                        matrix.at(i)[2] / (scale[2] * unit)});
+    params.sampleZero = MakeVector(colors.from);
+    for (std::size_t i = 0; i < colors.matrix.size(); ++i) {
+        params.colorsOfSamples.at(i) = MakeVector(colors.matrix.at(i));
     }
     // The centre of chroma sample 0 is 0.5, in luma samples the origin.
     const auto [across, down] = source.GetChromaStep();
@@ -138,11 +188,18 @@ D3FrameParams MakeFrameParams(const D3FrameDesc& source, ChromaFilter chromaFilt
     };
     params.chromaScale = {1.0F / static_cast<float>(across), 1.0F / static_cast<float>(down)};
     params.chromaShift = {shift(left, across), shift(top, down)};
-    params.planeCount = source.GetPlaneCount();
     params.lastLuma = GetLast(source.GetPlane(0));
-    params.lastChroma = GetLast(source.GetPlane(params.planeCount > 1 ? 1 : 0));
-    params.chromaFilter = static_cast<std::uint32_t>(chromaFilter);
+    params.lastChroma = GetLast(source.GetPlane(source.GetPlaneCount() > 1 ? 1 : 0));
     return params;
+}
+
+FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
+                                const D3ImageParams& image) {
+    FrameShaderKey key;
+    key.sourcePlanes = source.GetPlaneCount();
+    key.chroma = GetFrameChroma(source, chromaFilter);
+    key.conversion.emplace(image);
+    return key;
 }
 
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
@@ -150,15 +207,22 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
     Proc::ColorAlphaConversionInfo info{params.conversion, source.alpha, target.alpha};
     info.source = source.colorSpace;
     info.target = target.colorSpace;
+    const bool isPlain = IsPlain(info);
+    const Affine ofColors = MakeCodesOfColors(target);
+    const Affine codes = isPlain ? Compose(MakeColorsOfSamples(source), ofColors) : ofColors;
     FrameConversion conversion;
     conversion.image = D3ImageRenderer::MakeParams({}, info);
     conversion.passes = GetFramePasses(target);
     for (const FramePass& pass : conversion.passes) {
-        D3FrameParams frame = MakeFrameParams(source, params.chromaFilter);
-        frame.isPlain = IsPlain(info) ? 1 : 0;
-        frame.dither = params.dither == FrameDither::Ordered ? 1.0F : 0.0F;
-        SetFramePass(frame, target, pass);
-        conversion.frames.push_back(frame);
+        SetFramePass(conversion.frames.emplace_back(MakeFrameParams(source)), codes,
+                     target.GetCodes(), pass);
+        FrameShaderKey& key =
+            conversion.shaders.emplace_back(MakeFrameCodesKey(source, target, pass, params));
+        if (!isPlain) {
+            key.conversion.emplace(conversion.image);
+        } else { // alpha of no target is as good as one
+            key.isOpaque = !target.IsRGB() || source.alpha == Proc::AlphaType::AlphaIsOne;
+        }
     }
     return conversion;
 }
@@ -202,14 +266,27 @@ const char* FindFrameMistake(const D3FrameDesc& frame, const FrameTextures& text
     return nullptr;
 }
 
-std::string GetFrameDrawShader() {
-    return MakeShader("#define FRAME_SHADER\n", Shaders::kFramePixel);
-}
-
-std::string GetFrameCodesShader(const FramePass& pass) {
-    return MakeShader(fmt::format("#define FRAME_SHADER\n#define TARGET_COUNT {}\n{}",
-                                  pass.planeCount, pass.firstPlane == 0 ? "#define ONE_TAP\n" : ""),
-                      Shaders::kFrameCodes);
+std::string GetFrameShader(const FrameShaderKey& key) {
+    std::string text = fmt::format("#define FRAME_SHADER\n#define SOURCE_PLANES {}\n"
+                                   "#define CHROMA_PLACES {}\n",
+                                   key.sourcePlanes, static_cast<unsigned>(key.chroma));
+    if (key.targets != 0) {
+        text += fmt::format("#define TARGET_COUNT {}\n#define CHANNEL_COUNT {}\n"
+                            "#define TAPS_ACROSS {}\n#define TAPS_DOWN {}\n#define DITHER {}\n",
+                            key.targets, key.channels, key.taps.width, key.taps.height,
+                            static_cast<unsigned>(key.dither));
+    }
+    if (key.isOpaque) {
+        text += "#define OPAQUE\n";
+    }
+    if (key.conversion) {
+        text += D3ImageRenderer::GetPixelShader(*key.conversion);
+    } else {
+        text += "#define PLAIN\n" + D3ImageRenderer::GetPixelShader();
+    }
+    text += Shaders::kFrameSource;
+    text += key.targets != 0 ? Shaders::kFrameCodes : Shaders::kFramePixel;
+    return text;
 }
 
 } // namespace Norvex::DX

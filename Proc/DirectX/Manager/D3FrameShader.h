@@ -4,10 +4,9 @@
 // planes a pass of a converter writes, and whether textures hold a frame. Pure functions, any
 // thread. E is the exception of the generation.
 
-#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <source_location>
 #include <span>
@@ -35,39 +34,56 @@ struct D3FrameParams {
     std::array<float, 2> chromaShift = {};
     std::array<std::int32_t, 2> lastLuma = {};
     std::array<std::int32_t, 2> lastChroma = {};
-    std::uint32_t planeCount = 1;
-    std::uint32_t chromaFilter = 0;
-    std::uint32_t isPlain = 0;
-    float dither = 0.0F;
-    // Of a target's pass.
+    // Of a target's pass; of samples where nothing else is done with them.
     std::array<FrameVector, 3> codesOfColors = {};
-    FrameVector smallestCodes = {};
-    FrameVector largestCodes = {};
-    std::array<std::int32_t, 2> tapFirst = {};
-    std::array<std::int32_t, 2> tapCount = {1, 1};
-    std::array<std::int32_t, 2> tapStep = {1, 1};
+    float smallestCode = 0.0F;
+    float largestCode = 0.0F;
     float codeUnit = 1.0F;
-    std::array<float, 9> unused = {}; // up to 256 bytes
+    std::array<float, 25> unused = {}; // up to 256 bytes
 };
 static_assert(sizeof(D3FrameParams) == 256);
+
+// How chroma is found at the place of a luma sample: the macros of FrameSource.hlsl.
+enum class FrameChroma : std::uint32_t { OnLuma = 0, Bilinear = 1, CatmullRom = 2 };
+
+// What is decided when a shader is compiled: shaders are made for each of these that is met. What
+// else they are told stands in constants. A further stage in them becomes a member here, and what
+// GetFrameShader writes for it.
+struct FrameShaderKey {
+    unsigned sourcePlanes = 1;
+    FrameChroma chroma = FrameChroma::OnLuma;
+    std::optional<D3ConversionKey> conversion = {}; // none: the codes are sums of samples
+    // Of a pass of a converter; without targets, of a drawer.
+    unsigned targets = 0;
+    unsigned channels = 0;                  // of codes
+    Size2DT<long> taps = {1, 1};            // pixels of the source for a sample
+    FrameDither dither = FrameDither::None; // of the codes
+    bool isOpaque = false;                  // alpha becomes one, where it is not converted
+
+    bool operator==(const FrameShaderKey&) const = default;
+};
+
+// The text of it, entry "PSMain". Parameters b0 and b1, planes t0 to t2. A drawer's draws a frame
+// as D3ImageRenderer's draws an image.
+std::string GetFrameShader(const FrameShaderKey& key);
 
 // Planes of one size, which one pass writes.
 struct FramePass {
     unsigned firstPlane = 0;
     unsigned planeCount = 1;
-
-    // Which of the kFramePassKinds shaders draws it.
-    std::size_t GetKind() const { return (firstPlane != 0 ? 2U : 0U) + (planeCount > 1 ? 1U : 0U); }
 };
 
 // Of who draws from the frame.
-D3FrameParams MakeFrameParams(const D3FrameDesc& source, ChromaFilter chromaFilter);
+D3FrameParams MakeFrameParams(const D3FrameDesc& source);
+FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
+                                const D3ImageParams& image);
 
 // What the shaders of a converter are told.
 struct FrameConversion {
     std::vector<FramePass> passes;
     D3ImageParams image;
-    std::vector<D3FrameParams> frames; // one a pass
+    std::vector<D3FrameParams> frames;   // one a pass
+    std::vector<FrameShaderKey> shaders; // one a pass
 };
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
                                     const FrameConvertParams& params);
@@ -118,38 +134,6 @@ void CheckFrames(const Frame& source, const Frame& target, const std::source_loc
                    location);
     ThrowUnless<E>(CanConvert(source.desc.colorSpace, target.desc.colorSpace),
                    "The frame's colors cannot be converted to these", location);
-}
-
-// Entry "PSMain": a frame drawn as D3ImageRenderer's draws an image. Parameters b0 and b1, planes
-// t0 to t2.
-std::string GetFrameDrawShader();
-// The planes of a pass.
-std::string GetFrameCodesShader(const FramePass& pass);
-
-// A constant buffer that stays while its contents do. Buffer: ID3D11Buffer, ID3D12Resource.
-template <class Buffer>
-class KeptConstants {
-public:
-    // make(bytes) makes another.
-    template <class Make>
-    const CComPtr<Buffer>& Get(std::span<const std::uint8_t> bytes, const Make& make) {
-        if (m_buffer == nullptr || !std::ranges::equal(m_bytes, bytes)) {
-            m_buffer.Release(); // should it throw
-            m_buffer = make(bytes);
-            m_bytes.assign(bytes.begin(), bytes.end());
-        }
-        return m_buffer;
-    }
-
-private:
-    std::vector<std::uint8_t> m_bytes;
-    CComPtr<Buffer> m_buffer;
-};
-
-// As they lie in memory.
-template <class Params>
-std::span<const std::uint8_t> BytesOf(const Params& params) {
-    return {reinterpret_cast<const std::uint8_t*>(&params), sizeof(params)};
 }
 
 } // namespace Norvex::DX

@@ -128,13 +128,6 @@ D12PlanesOfOneDraw::D12PlanesOfOneDraw(D12ViewTable& table, const D12PlaneViews&
     }
 }
 
-boost::intrusive_ptr<D12ConstantBufferView> AddFrameConstants(D12ShaderParameters& parameters,
-                                                              unsigned shaderRegister,
-                                                              D3D12_SHADER_VISIBILITY visibility) {
-    return parameters.AddConstantBufferView(shaderRegister, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
-                                            visibility);
-}
-
 D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame) {
     D12PlaneViews views;
     ForEachPlane(frame, [&](unsigned index, const PlanePlace& place, const auto& texture) {

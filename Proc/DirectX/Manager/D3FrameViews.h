@@ -36,10 +36,6 @@ public:
 private:
     D12ViewTable& m_table;
 };
-// A root parameter for b0 or b1.
-boost::intrusive_ptr<D12ConstantBufferView> AddFrameConstants(D12ShaderParameters& parameters,
-                                                              unsigned shaderRegister,
-                                                              D3D12_SHADER_VISIBILITY visibility);
 
 // To draw on, one a plane.
 std::vector<boost::intrusive_ptr<D12Descriptor>> MakePlaneTargets(D12Device& device,

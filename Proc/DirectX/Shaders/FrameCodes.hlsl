@@ -1,6 +1,10 @@
 // Samples of a frame's planes from the samples of another: their mean at the place of the target's,
 // as codes. What the planes of one pass are: the first target may hold several channels, the others
 // have one.
+//
+// A shader is made for one kind of conversion: TARGET_COUNT; CHANNEL_COUNT, of codes; TAPS_ACROSS
+// and TAPS_DOWN, the source's pixels for one sample; DITHER; PLAIN, where the codes are sums of the
+// source's samples, because the colours stay; OPAQUE, where alpha is one then.
 
 struct PSOutput
 {
@@ -13,6 +17,17 @@ struct PSOutput
 #endif
 };
 
+float4 LoadTap( int2 at )
+{
+    float4 samples = LoadFrame( at );
+#ifndef PLAIN
+    samples = ConvertColorSpace( ColorOfSamples( samples ) );
+#endif
+    return samples;
+}
+
+#if TAPS_ACROSS * TAPS_DOWN > 1
+
 // 1; 1/2, 1/2; 1/4, 1/2, 1/4: triangles and boxes about the place.
 float TapWeight( int index, int count )
 {
@@ -22,27 +37,33 @@ float TapWeight( int index, int count )
     return weight;
 }
 
-float4 LoadTap( int2 at )
+// In loops, because a conversion of colours is much to write out.
+float4 MeanOfTaps( int2 at )
 {
-    float4 samples = LoadFrame( at );
-    if ( isPlain == 0 )
-        samples = ConvertColorSpace( ColorOfSamples( samples ) );
-    return samples;
-}
-
-float4 MeanOfTaps( int2 from )
-{
+    int2 stride = int2( min( TAPS_ACROSS, 2 ), min( TAPS_DOWN, 2 ) );
+    int2 from = at * stride - int2( TAPS_ACROSS / 3, TAPS_DOWN / 3 );
     float4 sum = float4( 0.0, 0.0, 0.0, 0.0 );
     [loop]
-    for ( int y = 0; y < tapCount.y; ++y )
+    for ( int y = 0; y < TAPS_DOWN; ++y )
     {
         [loop]
-        for ( int x = 0; x < tapCount.x; ++x )
-            sum += LoadTap( from + int2( x, y ) ) *
-                   ( TapWeight( x, tapCount.x ) * TapWeight( y, tapCount.y ) );
+        for ( int x = 0; x < TAPS_ACROSS; ++x )
+            sum += LoadTap( Inside( from + int2( x, y ), lastLuma ).xy ) *
+                   ( TapWeight( x, TAPS_ACROSS ) * TapWeight( y, TAPS_DOWN ) );
     }
     return sum;
 }
+
+#else
+
+float4 MeanOfTaps( int2 at )
+{
+    return LoadTap( at );
+}
+
+#endif
+
+#if DITHER == 1
 
 // Bayer's 8 x 8, each of 64 steps between 0 and 1 once.
 float Threshold( uint2 at )
@@ -54,31 +75,36 @@ float Threshold( uint2 at )
     return ( float( order ) + 0.5 ) / 64.0;
 }
 
-float3 RoundCodes( float3 codes, uint2 at )
+#else
+
+float Threshold( uint2 at )
 {
-    float3 threshold = float3( 0.5, 0.5, 0.5 );
-    if ( dither > 0.0 )
-        threshold = float3( Threshold( at ), Threshold( at + uint2( 3, 5 ) ),
-                            Threshold( at + uint2( 6, 2 ) ) );
-    return floor( clamp( codes, smallestCodes.xyz, largestCodes.xyz ) + threshold );
+    return 0.5;
+}
+
+#endif
+
+// The sample of a channel, of which the thresholds lie this far from the first's.
+float SampleOf( float4 row, float3 color, uint2 at )
+{
+    float code = clamp( dot( row.xyz, color ) + row.w, smallestCode, largestCode );
+    return floor( code + Threshold( at ) ) * codeUnit;
 }
 
 PSOutput PSMain( PSInput input )
 {
     int2 at = int2( input.position.xy );
-#ifdef ONE_TAP
-    float4 color = LoadTap( at );
-#else
-    float4 color = MeanOfTaps( at * tapStep + tapFirst );
+    float4 color = MeanOfTaps( at );
+#ifdef OPAQUE
+    color.a = 1.0;
 #endif
-    if ( isPlain != 0 )
-        color = ColorOfSamples( color );
-    if ( isPlain != 0 && sourceAlphaType == AlphaTypeAlphaIsOne )
-        color.a = 1.0;
-    float3 codes = float3( dot( firstOfColors.xyz, color.rgb ) + firstOfColors.w,
-                           dot( secondOfColors.xyz, color.rgb ) + secondOfColors.w,
-                           dot( thirdOfColors.xyz, color.rgb ) + thirdOfColors.w );
-    float3 samples = RoundCodes( codes, uint2( at ) ) * codeUnit;
+    float3 samples = float3( SampleOf( firstOfColors, color.rgb, uint2( at ) ), 0.0, 0.0 );
+#if CHANNEL_COUNT > 1
+    samples.y = SampleOf( secondOfColors, color.rgb, uint2( at ) + uint2( 3, 5 ) );
+#endif
+#if CHANNEL_COUNT > 2
+    samples.z = SampleOf( thirdOfColors, color.rgb, uint2( at ) + uint2( 6, 2 ) );
+#endif
 
     PSOutput output;
     output.first = float4( samples, color.a );

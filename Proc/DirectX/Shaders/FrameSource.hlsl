@@ -1,6 +1,13 @@
 // The samples of a frame, and R'G'B' of them. Places are in luma samples, the centre of the first
 // at 0.5. All is computed in single precision from samples as they are, since a sampler weighs with
 // few bits.
+//
+// A shader is made for one kind of frame: SOURCE_PLANES, and CHROMA_PLACES, which says how chroma is
+// found at the place of a luma sample.
+
+#define CHROMA_ON_LUMA 0 // as many samples as luma has
+#define CHROMA_BILINEAR 1
+#define CHROMA_CATMULL_ROM 2
 
 cbuffer FrameBuffer: register( b1 )
 {
@@ -12,18 +19,11 @@ cbuffer FrameBuffer: register( b1 )
     float2 chromaShift;
     int2 lastLuma;
     int2 lastChroma;
-    uint planeCount;
-    uint chromaFilter;
-    uint isPlain; // source and target have the same colours, and alpha needs nothing
-    float dither; // 1: on
-    float4 firstOfColors; // codes of a target, of (R', G', B', 1)
+    float4 firstOfColors; // codes of a target, of (R', G', B', 1), or of samples where PLAIN
     float4 secondOfColors;
     float4 thirdOfColors;
-    float4 smallestCodes;
-    float4 largestCodes;
-    int2 tapFirst; // of those that make one target sample
-    int2 tapCount; // 1, 2, 3
-    int2 tapStep;  // source samples for one of the target
+    float smallestCode;
+    float largestCode;
     float codeUnit;
 };
 
@@ -32,7 +32,6 @@ Texture2DArray plane0: register( t0 );
 Texture2DArray plane1: register( t1 );
 Texture2DArray plane2: register( t2 );
 
-static const uint CatmullRom = 1;
 // Nearer to a sample than this is on it: coordinates are not exact.
 static const float ON_SAMPLE = 1.0 / 1024.0;
 
@@ -44,14 +43,6 @@ int4 Inside( int2 at, int2 last )
 float4 LoadFirst( int2 at )
 {
     return plane0.Load( Inside( at, lastLuma ) );
-}
-
-float2 LoadChroma( int2 at )
-{
-    float2 chroma = plane1.Load( Inside( at, lastChroma ) ).xy;
-    if ( planeCount == 3 )
-        chroma.y = plane2.Load( Inside( at, lastChroma ) ).x;
-    return chroma;
 }
 
 // The sample before a place, as a float; and how far behind it the place is, 0 to 1.
@@ -76,6 +67,19 @@ float4 InterpolateFirst( float2 place )
     return lerp( upper, lower, way.y );
 }
 
+#if SOURCE_PLANES > 1
+
+float2 LoadChroma( int2 at )
+{
+    float2 chroma = plane1.Load( Inside( at, lastChroma ) ).xy;
+#if SOURCE_PLANES > 2
+    chroma.y = plane2.Load( Inside( at, lastChroma ) ).x;
+#endif
+    return chroma;
+}
+
+#if CHROMA_PLACES == CHROMA_CATMULL_ROM
+
 // Keys' cubic with a = -1/2, of the samples -1, 0, 1, 2.
 float4 CatmullRomWeights( float t )
 {
@@ -84,11 +88,8 @@ float4 CatmullRomWeights( float t )
 }
 
 // Of the sample at -1, 0, 1 or 2.
-float ChromaWeight( int index, float way, float4 cubic )
+float ChromaWeight( int index, float4 weights )
 {
-    float4 weights = float4( 0.0, 1.0 - way, way, 0.0 );
-    if ( chromaFilter == CatmullRom )
-        weights = cubic;
     return dot( weights, float4( index == -1, index == 0, index == 1, index == 2 ) );
 }
 
@@ -99,10 +100,9 @@ float2 InterpolateChroma( float2 place )
     float2 way = WayFrom( before, place );
     float4 across = CatmullRomWeights( way.x );
     float4 down = CatmullRomWeights( way.y );
-    int reach = chromaFilter == CatmullRom ? 1 : 0;
     // On a sample there is nothing to interpolate.
-    int2 first = int2( way.x != 0.0 ? -reach : 0, way.y != 0.0 ? -reach : 0 );
-    int2 last = int2( way.x != 0.0 ? 1 + reach : 0, way.y != 0.0 ? 1 + reach : 0 );
+    int2 first = int2( way.x != 0.0 ? -1 : 0, way.y != 0.0 ? -1 : 0 );
+    int2 last = int2( way.x != 0.0 ? 2 : 0, way.y != 0.0 ? 2 : 0 );
     float2 chroma = float2( 0.0, 0.0 );
     [loop]
     for ( int y = first.y; y <= last.y; ++y )
@@ -110,17 +110,39 @@ float2 InterpolateChroma( float2 place )
         [loop]
         for ( int x = first.x; x <= last.x; ++x )
             chroma += LoadChroma( int2( before ) + int2( x, y ) ) *
-                      ( ChromaWeight( x, way.x, across ) * ChromaWeight( y, way.y, down ) );
+                      ( ChromaWeight( x, across ) * ChromaWeight( y, down ) );
     }
     return chroma;
 }
 
+#else
+
+// The place is in chroma samples.
+float2 InterpolateChroma( float2 place )
+{
+    float2 before = SampleBefore( place );
+    float2 way = WayFrom( before, place );
+    int2 at = int2( before );
+    float2 upper = lerp( LoadChroma( at ), LoadChroma( at + int2( 1, 0 ) ), way.x );
+    float2 lower = lerp( LoadChroma( at + int2( 0, 1 ) ), LoadChroma( at + int2( 1, 1 ) ), way.x );
+    return lerp( upper, lower, way.y );
+}
+
+#endif
+
 float4 WithChroma( float4 first, float2 place )
 {
-    if ( planeCount > 1 )
-        first = float4( first.x, InterpolateChroma( place * chromaScale + chromaShift ), 1.0 );
+    return float4( first.x, InterpolateChroma( place * chromaScale + chromaShift ), 1.0 );
+}
+
+#else
+
+float4 WithChroma( float4 first, float2 place )
+{
     return first;
 }
+
+#endif
 
 // What the first sample is, or between samples; with its chroma.
 float4 SampleFrame( float2 place )
@@ -128,10 +150,16 @@ float4 SampleFrame( float2 place )
     return WithChroma( InterpolateFirst( place ), place );
 }
 
+// Of a pixel inside the frame.
 float4 LoadFrame( int2 at )
 {
-    int2 inside = Inside( at, lastLuma ).xy;
-    return WithChroma( LoadFirst( inside ), float2( inside ) + 0.5 );
+    float4 samples = plane0.Load( int4( at, 0, 0 ) );
+#if SOURCE_PLANES > 1 && CHROMA_PLACES == CHROMA_ON_LUMA
+    samples = float4( samples.x, LoadChroma( at ), 1.0 );
+#else
+    samples = WithChroma( samples, float2( at ) + 0.5 );
+#endif
+    return samples;
 }
 
 float4 ColorOfSamples( float4 samples )

@@ -91,6 +91,15 @@ float3 Encode( float3 color )
 static const float MAX_LIGHT = 1e37;
 static const float MAX_RESULT = 65504.0;
 
+// What else a shader does to a picture is said by who asks for it: with LIGHT_STAGE to the target's
+// linear light, with COLOR_STAGE to its encoded colours. The functions stand behind this text.
+#ifdef LIGHT_STAGE
+float3 ChangeLight( float3 light );
+#endif
+#ifdef COLOR_STAGE
+float3 ChangeColor( float3 color );
+#endif
+
 float4 ConvertColorSpace( float4 color )
 {
     if ( sourceAlphaType == AlphaTypePremultiplied )
@@ -98,11 +107,23 @@ float4 ConvertColorSpace( float4 color )
     else if ( sourceAlphaType == AlphaTypeAlphaIsOne )
         color.a = 1.0;
 
-    if ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
+#ifdef LIGHT_STAGE
+    bool changes = true;
+#else
+    bool changes = sourceColorSpace != targetColorSpace || linearScale != 1.0;
+#endif
+    if ( changes )
     {
         float3 light = clamp( Linearize( color.rgb ), -MAX_LIGHT, MAX_LIGHT );
-        color.rgb = Encode( ConvertPrimaries( light ) * linearScale );
+        light = ConvertPrimaries( light ) * linearScale;
+#ifdef LIGHT_STAGE
+        light = ChangeLight( light );
+#endif
+        color.rgb = Encode( light );
     }
+#ifdef COLOR_STAGE
+    color.rgb = ChangeColor( color.rgb );
+#endif
     color.rgb = clamp( color.rgb, -MAX_RESULT, MAX_RESULT );
 
     color.a *= 1.0 - transparency;
