@@ -87,7 +87,7 @@ HRESULT Faults::Take(const std::string& name) {
     const std::lock_guard guard(m_mutex);
     m_made.push_back(name);
     const Call& call = m_calls.at(name);
-    if (m_failing + 1 != std::ssize(m_made)) {
+    if (m_failing + 1 != std::ssize(m_made) || IsSpared(name, m_fault)) {
         return m_isLost && EndsWithDevice(name) ? kLoss.result : S_OK;
     }
     if (call.own != S_OK) {

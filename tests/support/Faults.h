@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -55,6 +56,12 @@ public:
     // How the call fails, where it has a way of its own.
     HRESULT GetOwnResult(const std::string& call) const { return m_calls.at(call).own; }
     const auto& GetTable() const { return m_calls; }
+    // From now on these calls fail with the loss of the device alone. Between Begin and End never.
+    void Spare(const std::set<std::string>& calls) { m_spared = calls; }
+    // Whether such a fault at this call is left out.
+    bool IsSpared(const std::string& call, const Fault& fault) const {
+        return !fault.isLoss && m_spared.contains(call);
+    }
     // The table names such objects in small letters.
     bool EndsWithDevice(const std::string& call) const;
 
@@ -151,6 +158,7 @@ private:
 
     std::vector<std::shared_ptr<void>> m_kept;
     std::map<std::string, Call> m_calls;
+    std::set<std::string> m_spared;
     std::recursive_mutex m_mutex; // guards all below
     int m_failing = -1;
     Fault m_fault;

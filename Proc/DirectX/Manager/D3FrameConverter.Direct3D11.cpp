@@ -37,7 +37,8 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
-    const FrameConversion conversion = MakeFrameConversion(source.desc, destination.desc, params);
+    const FrameConversion conversion =
+        MakeFrameConversion(source.desc, destination.desc, params, GetLutDimensions(m_colorLut));
     const auto& imageConstants =
         m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(conversion.image), make);
     struct Step {
@@ -52,8 +53,8 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
         steps.push_back(
             {pass.shader, pass.frameConstants.Get(BytesOf(conversion.frames[i]), make)});
     }
-    const auto planes = MakePlaneViews(*m_device, source);
-    const std::array<ID3D11ShaderResourceView*, 2> more = {planes[1], planes[2]};
+    const auto planes = MakePlaneViews(*m_device, source, m_colorLut);
+    const std::array<ID3D11ShaderResourceView*, 3> more = {planes[1], planes[2], planes[3]};
     const auto owned = MakePlaneTargets(*m_device, destination);
     const std::vector<ID3D11RenderTargetView*> targets(owned.begin(), owned.end());
     const auto event = D11QuadPipeline::BeginEvent(*context, "frame conversion");
@@ -69,7 +70,7 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
                           .moreTextures = more,
                           .moreConstants = steps[i].constants});
     }
-    context->PSSetShaderResources({nullptr, nullptr, nullptr});
+    context->PSSetShaderResources({nullptr, nullptr, nullptr, nullptr});
     D11QuadPipeline::Unbind(*context);
 }
 

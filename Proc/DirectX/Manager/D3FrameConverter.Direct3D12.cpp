@@ -62,8 +62,9 @@ D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateConstants(*m_device, bytes, L"Frame params buffer");
     };
-    const FrameConversion wanted = MakeFrameConversion(source.desc, destination.desc, params);
-    Conversion conversion = {MakePlaneViews(*m_device, source),
+    const FrameConversion wanted =
+        MakeFrameConversion(source.desc, destination.desc, params, GetLutDimensions(m_colorLut));
+    Conversion conversion = {MakePlaneViews(*m_device, source, m_colorLut),
                              MakePlaneTargets(*m_device, destination)};
     conversion.imageConstants =
         m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(wanted.image), make);

@@ -17,6 +17,7 @@
 
 #include "Host/ColorConversionInfo.h"
 #include "Platform/Export.h"
+#include "Proc/DirectX/Manager/D3ColorLut.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3Frame.h"
@@ -73,6 +74,10 @@ public:
                 const D12Frame& destination, const std::array<D12ResourceStates, 2>& states,
                 const FrameConvertParams& params = {});
 
+    // Null, the default: none. Of the next Encode on.
+    const boost::intrusive_ptr<D12ColorLut>& GetColorLut() const { return m_colorLut; }
+    void SetColorLut(const boost::intrusive_ptr<D12ColorLut>& lut) { m_colorLut = lut; }
+
 private:
     struct Passes;     // what draws the planes of one size
     struct Conversion; // views, constants and barriers of one Encode
@@ -83,6 +88,7 @@ private:
                        const FrameConvertParams& params, const std::source_location& location);
 
     boost::intrusive_ptr<D12Device> m_device;
+    boost::intrusive_ptr<D12ColorLut> m_colorLut;
     std::unique_ptr<Passes> m_passes;
 };
 
@@ -107,10 +113,15 @@ public:
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const D11Frame& source,
                 const D11Frame& destination, const FrameConvertParams& params = {});
 
+    // Null, the default: none. Of the next Encode on.
+    const boost::intrusive_ptr<D11ColorLut>& GetColorLut() const { return m_colorLut; }
+    void SetColorLut(const boost::intrusive_ptr<D11ColorLut>& lut) { m_colorLut = lut; }
+
 private:
     struct Passes; // what draws the planes of one size
 
     boost::intrusive_ptr<D11Device> m_device;
+    boost::intrusive_ptr<D11ColorLut> m_colorLut;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
     std::unique_ptr<Passes> m_passes;
 };

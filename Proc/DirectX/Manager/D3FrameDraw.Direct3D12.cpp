@@ -38,11 +38,13 @@ D12FrameDraw::Drawing D12FrameDraw::Check(const D12Frame& source, const D12Descr
         "The texture is expected to be the render target view", location);
     CheckSourceRect<DirectX12Exception>(params.sourceRect, source.desc.size, location);
     CheckFrameConversion<DirectX12Exception>(source.desc, params.conversion, location);
-    return Prepare(source.desc, params, target->GetSize(), DrawsStraightAlpha(m_blendState));
+    return Prepare(source.desc, params, target->GetSize(), DrawsStraightAlpha(m_blendState),
+                   m_colorLut != nullptr);
 }
 
 D12FramePass& D12FrameDraw::GetPass(const D3FrameDesc& source, const D3ImageParams& image) {
-    const FrameShaderKey key = MakeFrameDrawKey(source, GetChromaFilter(), image);
+    const FrameShaderKey key =
+        MakeFrameDrawKey(source, GetChromaFilter(), image, GetLutDimensions(m_colorLut));
     D12FramePass& pass = m_passes->Get(key, [&] {
         return std::make_unique<D12FramePass>(m_device, "frame draw", GetVertexShader(), key,
                                               D3D12_SHADER_VISIBILITY_ALL);
@@ -58,7 +60,7 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     const Drawing drawing = Check(source, target.get(), params, location);
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
     D12FramePass& pass = GetPass(source.desc, drawing.image);
-    const D12PlanesOfOneDraw planes(*pass.planes, MakePlaneViews(*m_device, source));
+    const D12PlanesOfOneDraw planes(*pass.planes, MakePlaneViews(*m_device, source, m_colorLut));
     pass.image->SetBuffer(
         CreateConstants(*m_device, MakeParamsBytes(drawing.image), L"Matrix Buffer"));
     const D3FrameParams frame = MakeFrameParams(source.desc);
@@ -82,7 +84,7 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
     const D3FrameParams frame = MakeFrameParams(source.desc);
     const auto imageConstants = state.AddConstants(&drawing.image, sizeof(drawing.image));
     const auto frameConstants = state.AddConstants(&frame, sizeof(frame));
-    const D12PlaneViews views = MakePlaneViews(*m_device, source);
+    const D12PlaneViews views = MakePlaneViews(*m_device, source, m_colorLut);
     const auto textures = state.AddViews(views);
     const D12DrawState::Targets targets(&target, 1);
     const D12PlanesOfOneDraw planes(*pass.planes, views);

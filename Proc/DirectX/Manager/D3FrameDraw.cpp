@@ -9,8 +9,14 @@ D3FrameDraw::D3FrameDraw() = default;
 D3FrameDraw::~D3FrameDraw() = default;
 
 D3FrameDraw::Drawing D3FrameDraw::Prepare(const D3FrameDesc& source, const ImageDrawParams& params,
-                                          const Size2DT<long>& target, bool hasStraightAlpha) {
+                                          const Size2DT<long>& target, bool hasStraightAlpha,
+                                          bool hasLut) {
     ImageDrawParams drawn = params;
+    if (hasLut && !drawn.conversion) {
+        drawn.conversion.emplace();
+        drawn.conversion->target = source.colorSpace;
+        drawn.conversion->targetAlpha = source.alpha;
+    }
     if (drawn.conversion) {
         drawn.conversion->source = source.colorSpace;
         drawn.conversion->sourceAlpha = source.alpha;

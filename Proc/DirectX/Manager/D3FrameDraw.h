@@ -16,6 +16,7 @@
 #include "Platform/Export.h"
 #include "Proc/DirectX/Manager/CommonTypes.h"
 #include "Proc/DirectX/Manager/D3Blend.h"
+#include "Proc/DirectX/Manager/D3ColorLut.h"
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
@@ -57,9 +58,9 @@ protected:
         AffineTransform transform;             // in clip units of the area
         D3ImageParams image;                   // for the shaders
     };
-    // hasStraightAlpha: what it draws without a conversion.
+    // hasStraightAlpha: what it draws without a conversion. With a LUT there always is one.
     Drawing Prepare(const D3FrameDesc& source, const ImageDrawParams& params,
-                    const Size2DT<long>& target, bool hasStraightAlpha);
+                    const Size2DT<long>& target, bool hasStraightAlpha, bool hasLut);
     void SetTransform(const std::optional<AffineTransform>& transform) override;
 
 private:
@@ -107,6 +108,11 @@ public:
     // A blend by its name.
     void SetBlend(BlendPreset preset) { SetBlendState(D12BlendState::Of(preset)); }
 
+    // Null, the default: none. Of the next Encode on. Without a conversion it is applied to the
+    // frame's own colours.
+    const boost::intrusive_ptr<D12ColorLut>& GetColorLut() const { return m_colorLut; }
+    void SetColorLut(const boost::intrusive_ptr<D12ColorLut>& lut) { m_colorLut = lut; }
+
 private:
     Drawing Check(const D12Frame& source, const D12Descriptor* target,
                   const ImageDrawParams& params, const std::source_location& location);
@@ -115,6 +121,7 @@ private:
     D12FramePass& GetPass(const D3FrameDesc& source, const D3ImageParams& image);
 
     boost::intrusive_ptr<D12Device> m_device;
+    boost::intrusive_ptr<D12ColorLut> m_colorLut;
     D12BlendState m_blendState;
     std::unique_ptr<Passes> m_passes;
 };
@@ -132,7 +139,7 @@ public:
     // Inside D11Device::Encode. The frame's textures need D3D11_BIND_SHADER_RESOURCE. params and
     // what is wrong: as of D12FrameDraw, and "There is no device context". What of the context's
     // state is replaced: as of D11ImageDraw, and constant buffer 1 of the pixel shader; no shader
-    // resource stays bound in 0 to 2.
+    // resource stays bound in 0 to 3.
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const D11Frame& source,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target,
                 const ImageDrawParams& params = {});
@@ -143,10 +150,16 @@ public:
     void SetBlendState(const CComPtr<ID3D11BlendState>& blendState) { m_blendState = blendState; }
     void SetBlend(BlendPreset preset); // "Failed to create blend state"
 
+    // Null, the default: none. Of the next Encode on. Without a conversion it is applied to the
+    // frame's own colours.
+    const boost::intrusive_ptr<D11ColorLut>& GetColorLut() const { return m_colorLut; }
+    void SetColorLut(const boost::intrusive_ptr<D11ColorLut>& lut) { m_colorLut = lut; }
+
 private:
     struct Passes; // what draws with one shader
 
     boost::intrusive_ptr<D11Device> m_device;
+    boost::intrusive_ptr<D11ColorLut> m_colorLut;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
     CComPtr<ID3D11BlendState> m_blendState;
     std::unique_ptr<Passes> m_passes;

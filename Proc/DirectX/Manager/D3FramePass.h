@@ -93,7 +93,7 @@ struct D12FramePass {
         : pipeline(device, name, vertexShader, GetFrameShader(key)),
           image(AddConstants(0, imageReader)),
           frame(AddConstants(1, D3D12_SHADER_VISIBILITY_PIXEL)),
-          planes(pipeline.AddTexture(3)) {}
+          planes(pipeline.AddTexture(4)) {}
 
     D12QuadPipeline pipeline;
     boost::intrusive_ptr<D12ConstantBufferView> image;

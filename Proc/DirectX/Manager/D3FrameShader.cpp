@@ -194,20 +194,21 @@ D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
 }
 
 FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
-                                const D3ImageParams& image) {
+                                const D3ImageParams& image, unsigned lutDimensions) {
     FrameShaderKey key;
     key.sourcePlanes = source.GetPlaneCount();
     key.chroma = GetFrameChroma(source, chromaFilter);
     key.conversion.emplace(image);
+    key.lutDimensions = lutDimensions;
     return key;
 }
 
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
-                                    const FrameConvertParams& params) {
+                                    const FrameConvertParams& params, unsigned lutDimensions) {
     Proc::ColorAlphaConversionInfo info{params.conversion, source.alpha, target.alpha};
     info.source = source.colorSpace;
     info.target = target.colorSpace;
-    const bool isPlain = IsPlain(info);
+    const bool isPlain = IsPlain(info) && lutDimensions == 0;
     const Affine ofColors = MakeCodesOfColors(target);
     const Affine codes = isPlain ? Compose(MakeColorsOfSamples(source), ofColors) : ofColors;
     FrameConversion conversion;
@@ -220,6 +221,7 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
             conversion.shaders.emplace_back(MakeFrameCodesKey(source, target, pass, params));
         if (!isPlain) {
             key.conversion.emplace(conversion.image);
+            key.lutDimensions = lutDimensions;
         } else { // alpha of no target is as good as one
             key.isOpaque = !target.IsRGB() || source.alpha == Proc::AlphaType::AlphaIsOne;
         }
@@ -279,12 +281,18 @@ std::string GetFrameShader(const FrameShaderKey& key) {
     if (key.isOpaque) {
         text += "#define OPAQUE\n";
     }
+    if (key.lutDimensions != 0) {
+        text += fmt::format("#define COLOR_STAGE\n#define LUT_DIMENSIONS {}\n", key.lutDimensions);
+    }
     if (key.conversion) {
         text += D3ImageRenderer::GetPixelShader(*key.conversion);
     } else {
         text += "#define PLAIN\n" + D3ImageRenderer::GetPixelShader();
     }
     text += Shaders::kFrameSource;
+    if (key.lutDimensions != 0) {
+        text += Shaders::kColorLut;
+    }
     text += key.targets != 0 ? Shaders::kFrameCodes : Shaders::kFramePixel;
     return text;
 }

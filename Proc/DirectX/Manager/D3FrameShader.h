@@ -59,6 +59,7 @@ struct FrameShaderKey {
     Size2DT<long> taps = {1, 1};            // pixels of the source for a sample
     FrameDither dither = FrameDither::None; // of the codes
     bool isOpaque = false;                  // alpha becomes one, where it is not converted
+    unsigned lutDimensions = 0;             // of the table that colours go through; 0: none
 
     bool operator==(const FrameShaderKey&) const = default;
 };
@@ -73,10 +74,16 @@ struct FramePass {
     unsigned planeCount = 1;
 };
 
+// The dimensions of a color LUT, 0 of none.
+template <class Lut>
+unsigned GetLutDimensions(const boost::intrusive_ptr<Lut>& lut) {
+    return lut != nullptr ? lut->GetDimensions() : 0;
+}
+
 // Of who draws from the frame.
 D3FrameParams MakeFrameParams(const D3FrameDesc& source);
 FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
-                                const D3ImageParams& image);
+                                const D3ImageParams& image, unsigned lutDimensions);
 
 // What the shaders of a converter are told.
 struct FrameConversion {
@@ -86,7 +93,7 @@ struct FrameConversion {
     std::vector<FrameShaderKey> shaders; // one a pass
 };
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
-                                    const FrameConvertParams& params);
+                                    const FrameConvertParams& params, unsigned lutDimensions);
 // Whether the shaders have it: from no linear light, and to none with BT.2020's primaries.
 bool CanConvert(const Conf::RGBColorSpace& source, const Conf::RGBColorSpace& target);
 // "The frame's colors cannot be converted to these"; without a conversion all is well.

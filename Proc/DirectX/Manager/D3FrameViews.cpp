@@ -128,7 +128,8 @@ D12PlanesOfOneDraw::D12PlanesOfOneDraw(D12ViewTable& table, const D12PlaneViews&
     }
 }
 
-D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame) {
+D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame,
+                             const boost::intrusive_ptr<D12ColorLut>& lut) {
     D12PlaneViews views;
     ForEachPlane(frame, [&](unsigned index, const PlanePlace& place, const auto& texture) {
         views.at(index) = device.CreateShaderResourceView(texture, DescribeView12(place));
@@ -136,16 +137,23 @@ D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame) {
     for (std::size_t i = frame.desc.GetPlaneCount(); i < views.size(); ++i) {
         views.at(i) = views[0];
     }
+    if (lut != nullptr) {
+        views.back() = lut->GetView();
+    }
     return views;
 }
 
-D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame) {
+D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame,
+                             const boost::intrusive_ptr<D11ColorLut>& lut) {
     D11PlaneViews views;
     ForEachPlane(frame, [&](unsigned index, const PlanePlace& place, const auto& texture) {
         views.at(index) = device.CreateShaderResourceView(texture, DescribeView11(place));
     });
     for (std::size_t i = frame.desc.GetPlaneCount(); i < views.size(); ++i) {
         views.at(i) = views[0];
+    }
+    if (lut != nullptr) {
+        views.back() = lut->GetView();
     }
     return views;
 }

@@ -10,6 +10,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include "Platform/ComPtr.h"
+#include "Proc/DirectX/Manager/D3ColorLut.h"
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Resource.h"
@@ -19,11 +20,13 @@
 
 namespace Norvex::DX {
 
-// t0 to t2; where the frame has fewer planes the first stands for them.
-using D12PlaneViews = std::array<boost::intrusive_ptr<D12Descriptor>, 3>;
-D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame);
-using D11PlaneViews = std::array<CComPtr<ID3D11ShaderResourceView>, 3>;
-D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame);
+// t0 to t2, and t3 for a color LUT; where there are fewer the first plane stands for them.
+using D12PlaneViews = std::array<boost::intrusive_ptr<D12Descriptor>, 4>;
+D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame,
+                             const boost::intrusive_ptr<D12ColorLut>& lut);
+using D11PlaneViews = std::array<CComPtr<ID3D11ShaderResourceView>, 4>;
+D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame,
+                             const boost::intrusive_ptr<D11ColorLut>& lut);
 
 // A table holds a frame's planes for one draw, also when that fails.
 class D12PlanesOfOneDraw {
