@@ -1,5 +1,6 @@
 // Draws into a texture of a host that has a Direct3D 11 device already, as video decoders make one:
 // wraps the device, converts from sRGB to BT.709 into the texture, and shows what stays bound.
+// The host links d3d11 beside the library.
 
 #include <array>
 #include <cstdio>

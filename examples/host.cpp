@@ -1,5 +1,6 @@
 // A host with a message loop and a Direct3D 11 device of its own: it follows its window's size and
-// DPI and the display, rests while nobody sees the window, and begins anew when the device is lost.
+// DPI and the display, rests while nobody sees the window, begins anew when the device is lost.
+// Links d3d11 beside the library.
 
 #include <array>
 #include <cstdio>

@@ -87,7 +87,8 @@ int main(int argc, char** argv) {
     CloseHandle(startup.hStdInput); // writing fails from now on when the encoder is gone
     try {
         if (!WriteFrames(frames)) {
-            std::fprintf(stderr, "Nobody reads the frames: %s\n", commandLine.c_str());
+            std::fprintf(stderr, "No encoder reads the frames (video ENCODER ...): %s\n",
+                         commandLine.c_str());
         }
     } catch (const DX::DirectXException& e) {
         std::fprintf(stderr, "%s\n", e.GetErrorDescription().c_str());

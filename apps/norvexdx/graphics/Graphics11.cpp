@@ -5,7 +5,10 @@
 #include <optional>
 #include <thread>
 
+#include <boost/throw_exception.hpp>
+
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
+#include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/FrameEncoder11.h"
 #include "apps/norvexdx/graphics/Pieces11.h"
@@ -295,6 +298,17 @@ private:
     std::optional<Drawer> m_drawer; // empty until the shaders are compiled
 };
 
+// A lost device supports nothing, which is not the adapter's fault.
+void CheckWhyNothing(const DX::D11Device& device, bool isNothing) {
+    const long reason = isNothing ? device.Get()->GetDeviceRemovedReason() : S_OK;
+    if (reason != S_OK) {
+        DX::DirectX11Exception failure;
+        failure << ErrorDescription("The device was lost while its formats were asked for")
+                << HResult(reason, device.Get());
+        boost::throw_exception(failure);
+    }
+}
+
 } // namespace
 
 std::unique_ptr<Graphics> MakeGraphics11(const boost::intrusive_ptr<DX::D11Device>& device) {
@@ -304,6 +318,7 @@ std::unique_ptr<Graphics> MakeGraphics11(const boost::intrusive_ptr<DX::D11Devic
 FormatUses GetFormatUses(const DX::D11Device& device, DXGI_FORMAT format) {
     const auto support =
         device.CheckFormatSupport(format).value_or(bitflags<D3D11_FORMAT_SUPPORT>());
+    CheckWhyNothing(device, !support);
     return {.drawFrom = support.has(D3D11_FORMAT_SUPPORT_SHADER_SAMPLE),
             .drawTo = support.has(D3D11_FORMAT_SUPPORT_TEXTURE2D) &&
                       support.has(D3D11_FORMAT_SUPPORT_RENDER_TARGET),

@@ -4,8 +4,11 @@
 #include <deque>
 #include <mutex>
 
+#include <boost/throw_exception.hpp>
+
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/FrameEncoder12.h"
 #include "apps/norvexdx/graphics/Pieces12.h"
@@ -313,6 +316,17 @@ private:
     Drawers m_drawers;
 };
 
+// A lost device supports nothing, which is not the adapter's fault.
+void CheckWhyNothing(const DX::D12Device& device, bool isNothing) {
+    const long reason = isNothing ? device.Get()->GetDeviceRemovedReason() : S_OK;
+    if (reason != S_OK) {
+        DX::DirectX12Exception failure;
+        failure << ErrorDescription("The device was lost while its formats were asked for")
+                << HResult(reason, device.Get());
+        boost::throw_exception(failure);
+    }
+}
+
 } // namespace
 
 std::unique_ptr<Graphics> MakeGraphics12(const boost::intrusive_ptr<DX::D12Device>& device) {
@@ -321,6 +335,7 @@ std::unique_ptr<Graphics> MakeGraphics12(const boost::intrusive_ptr<DX::D12Devic
 
 FormatUses GetFormatUses(const DX::D12Device& device, DXGI_FORMAT format) {
     const auto support = device.CheckFormatSupport(format).first;
+    CheckWhyNothing(device, !support);
     return {.drawFrom = support.has(D3D12_FORMAT_SUPPORT1_SHADER_SAMPLE),
             .drawTo = support.has(D3D12_FORMAT_SUPPORT1_TEXTURE2D) &&
                       support.has(D3D12_FORMAT_SUPPORT1_RENDER_TARGET),
