@@ -56,7 +56,9 @@ Times MeasureWay(const Way& way, Clock clock, std::int64_t times) {
     }
     way.run(std::min<std::int64_t>(times, 4)); // pools and caches are warm again after other ways
     const auto work = [&] { way.run(times); };
-    return clock == Clock::Wall ? Times{0, MeasureWall(work)} : MeasureThread(work);
+    return clock == Clock::Wall      ? Times{0, MeasureWall(work)}
+           : clock == Clock::Process ? MeasureProcess(work)
+                                     : MeasureThread(work);
 }
 
 void Measure(benchmark::State& state, const Way& way, Clock clock) {
@@ -186,6 +188,10 @@ private:
     std::vector<std::pair<double, double>> m_points;
 };
 
+const char* GetUnit(Clock clock) {
+    return clock == Clock::Wall ? " (wall)" : clock == Clock::Process ? " (all)" : "";
+}
+
 Json RunCase(const Case& chosen, Growth& growth) {
     const Ways ways = chosen.make();
     for (const Way& way : ways.ways) {
@@ -200,8 +206,8 @@ Json RunCase(const Case& chosen, Growth& growth) {
     Json result = {{"name", chosen.name}};
     const bool isWall = chosen.clock == Clock::Wall;
     result[isWall ? "wall" : "cpu"] =
-        Report(chosen.name + (isWall ? " (wall)" : ""), ways.ways, collector, &WaySamples::cpu);
-    if (chosen.clock == Clock::Both) {
+        Report(chosen.name + GetUnit(chosen.clock), ways.ways, collector, &WaySamples::cpu);
+    if (chosen.clock == Clock::Both || chosen.clock == Clock::Process) {
         result["wall"] = Report(chosen.name + " (wall)", ways.ways, collector, &WaySamples::wall);
     }
     result["counts"] = ReportCounts(ways);

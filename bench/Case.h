@@ -43,9 +43,10 @@ struct Ways {
 };
 
 enum class Clock : int {
-    Thread, // what the calling thread computes
-    Both,   // and what passes, for work that it waits for
-    Wall,   // what passes alone: for work that is short, or on several threads
+    Thread,  // what the calling thread computes
+    Both,    // and what passes, for work that it waits for
+    Process, // what all its threads compute, and what passes: for what a software driver draws
+    Wall,    // what passes alone: for work that is short, or on several threads
 };
 
 struct Case {

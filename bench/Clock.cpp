@@ -14,13 +14,19 @@ double SecondsOf(const FILETIME& time) {
     return static_cast<double>(value.QuadPart) * kSecondsPerUnit;
 }
 
-double GetThreadSeconds() {
+// GetThreadTimes or GetProcessTimes.
+double GetSeconds(BOOL(WINAPI* getTimes)(HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*),
+                  HANDLE ofWhat) {
     FILETIME creation = {};
     FILETIME exit = {};
     FILETIME kernel = {};
     FILETIME user = {};
-    GetThreadTimes(GetCurrentThread(), &creation, &exit, &kernel, &user);
+    getTimes(ofWhat, &creation, &exit, &kernel, &user);
     return SecondsOf(kernel) + SecondsOf(user);
+}
+
+double GetThreadSeconds() {
+    return GetSeconds(&GetThreadTimes, GetCurrentThread());
 }
 
 struct Step {
@@ -44,6 +50,14 @@ double MeasureWall(const Work& work) {
     const auto begin = std::chrono::steady_clock::now();
     work();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+Times MeasureProcess(const Work& work) {
+    const double begin = GetSeconds(&GetProcessTimes, GetCurrentProcess());
+    Times times;
+    times.wall = MeasureWall(work);
+    times.cpu = GetSeconds(&GetProcessTimes, GetCurrentProcess()) - begin;
+    return times;
 }
 
 Times MeasureThread(const Work& work) {

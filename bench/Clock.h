@@ -1,6 +1,6 @@
 #pragma once
 
-// Time that work takes on this thread, which is always the same.
+// Time that work takes on this thread, which is always the same, or on all.
 
 #include <functional>
 
@@ -9,7 +9,7 @@ namespace Norvex::Bench {
 using Work = std::function<void()>;
 
 struct Times {
-    double cpu = 0;  // seconds of this thread's, in it and in the system for it
+    double cpu = 0;  // seconds that the thread or all compute, in it and in the system for it
     double wall = 0; // seconds that passed
 };
 
@@ -17,6 +17,9 @@ struct Times {
 // what remains up to the step after it is spent in looking at the clock, which costs the same each
 // time: the result is good to a few milliseconds, and the work should take many of them.
 Times MeasureThread(const Work& work);
+
+// Of all threads of the process, those of a driver that draws itself among them; in steps of 10 ms.
+Times MeasureProcess(const Work& work);
 
 double MeasureWall(const Work& work);
 

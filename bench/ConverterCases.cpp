@@ -1,13 +1,17 @@
-// Frames for encoders, 1920 x 1080: the converter of one pass a plane beside the one of two passes,
-// which has the colours converted by a draw before.
+// Frames of video, 1920 x 1080. To encoders: the converter of one pass a plane beside the one of
+// two passes, which has the colours converted by a draw before. From decoders: the drawer of frames
+// beside the one of images.
 
 #include <memory>
 #include <optional>
 #include <string>
 
+#include <fmt/format.h>
+
 #include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "bench/Cases.h"
 #include "bench/Direct3D12Twin.h"
@@ -33,6 +37,7 @@ public:
         m_target.desc.layout = layout;
         m_target.desc.bitDepth = layout == DX::FrameLayout::NV12 ? 8 : 10;
         m_target.desc.size = kFullHD;
+        m_target.desc.chromaLocation = DX::ChromaLocation::Centre; // as the two passes have it
         m_target.desc.colorSpace = colorSpace;
         m_source.textures[0] = MakeTexture(kFullHD, DXGI_FORMAT_R8G8B8A8_UNORM, kConvertSource);
         for (unsigned plane = 0; plane < 2; ++plane) {
@@ -44,6 +49,9 @@ public:
             m_conversion->source = m_source.desc.colorSpace;
             m_drawer->Specialize(m_conversion);
         }
+        m_pictureTarget = m_device->CreateRenderTargetView(
+            MakeTexture(kFullHD, DXGI_FORMAT_R8G8B8A8_UNORM, kConvertTarget));
+        m_drawer->Specialize(GetWayBack().conversion);
         m_between = MakeTexture(kFullHD, DXGI_FORMAT_R16G16B16A16_FLOAT, kConvertTarget);
         m_pictureView = m_device->CreateTextureShaderResourceView(m_source.textures[0]);
         m_betweenTarget = m_device->CreateRenderTargetView(m_between);
@@ -67,7 +75,33 @@ public:
         });
     }
 
+    void DrawFrame() {
+        Run([&](const auto& allocator) {
+            const auto change = [&](D3D12_RESOURCE_STATES from, D3D12_RESOURCE_STATES to) {
+                allocator->ResourceBarrier(
+                    {CD3DX12_RESOURCE_BARRIER::Transition(m_target.textures[0], from, to),
+                     CD3DX12_RESOURCE_BARRIER::Transition(m_target.textures[1], from, to)});
+            };
+            change(kConvertTarget, kConvertSource);
+            m_frameDrawer->Encode(allocator, m_target, m_pictureTarget, GetWayBack());
+            change(kConvertSource, kConvertTarget);
+        });
+    }
+    void DrawImage() {
+        Run([&](const auto& allocator) {
+            m_drawer->Encode(allocator, m_pictureView, m_pictureTarget, GetWayBack());
+        });
+    }
+
 private:
+    DX::ImageDrawParams GetWayBack() const {
+        DX::ImageDrawParams params;
+        if (m_conversion) {
+            params.conversion.emplace().source = m_conversion->target;
+            params.conversion->target = m_conversion->source;
+        }
+        return params;
+    }
     void Run(const auto& record) {
         const auto allocator = m_queue->CreateCommandAllocator();
         record(allocator);
@@ -92,12 +126,14 @@ private:
     boost::intrusive_ptr<DX::D12YUVConverter> m_twoPasses{
         new DX::D12YUVConverter(m_device, Proc::AlphaType::AlphaIsOne)};
     boost::intrusive_ptr<DX::D12ImageDraw> m_drawer{new DX::D12ImageDraw(m_device)};
+    boost::intrusive_ptr<DX::D12FrameDraw> m_frameDrawer{new DX::D12FrameDraw(m_device)};
     std::optional<Proc::ColorAlphaConversionInfo> m_conversion;
     DX::D12Frame m_source;
     DX::D12Frame m_target;
     CComPtr<ID3D12Resource> m_between; // colours that are converted
     boost::intrusive_ptr<DX::D12Descriptor> m_pictureView;
     boost::intrusive_ptr<DX::D12Descriptor> m_betweenTarget;
+    boost::intrusive_ptr<DX::D12Descriptor> m_pictureTarget;
 };
 
 Ways MakeConversionsOfFrames(DX::FrameLayout layout, const Conf::RGBColorSpace& colorSpace) {
@@ -107,17 +143,28 @@ Ways MakeConversionsOfFrames(DX::FrameLayout layout, const Conf::RGBColorSpace& 
             {}};
 }
 
+Ways MakeDrawsOfFrames(DX::FrameLayout layout, const Conf::RGBColorSpace& colorSpace) {
+    const auto frames = std::make_shared<ConvertedFrames>(layout, colorSpace);
+    return {{MakeWay("frame", [frames] { frames->DrawFrame(); }, {"image"}),
+             MakeWay("image", [frames] { frames->DrawImage(); })},
+            {}};
+}
+
 } // namespace
 
 std::vector<Case> MakeConverterCases() {
     std::vector<Case> cases;
     for (const auto layout : {DX::FrameLayout::NV12, DX::FrameLayout::P010}) {
-        for (const auto& [name, space] : {std::pair("same", kFromSRGB), {"srgb-pq", kToPQ}}) {
-            const std::string prefix =
-                layout == DX::FrameLayout::NV12 ? "d3d12/converter/nv12/" : "d3d12/converter/p010/";
-            cases.push_back({prefix + name, Clock::Wall, [layout, space = space] {
-                                 return MakeConversionsOfFrames(layout, space);
-                             }});
+        for (const auto& [name, space] : {std::pair("same", kFromSRGB), {"pq", kToPQ}}) {
+            const bool isNV12 = layout == DX::FrameLayout::NV12;
+            const auto add = [&](const char* kind,
+                                 Ways (*make)(DX::FrameLayout, const Conf::RGBColorSpace&)) {
+                cases.push_back(
+                    {fmt::format("d3d12/{}/{}/{}", kind, isNV12 ? "nv12" : "p010", name),
+                     Clock::Process, [=, space = space] { return make(layout, space); }});
+            };
+            add("converter", &MakeConversionsOfFrames);
+            add("framedraw", &MakeDrawsOfFrames);
         }
     }
     return cases;

@@ -21,7 +21,8 @@ constexpr auto kHelp =
     R"(usage: bench [PATTERN...] [--json FILE] [--list] [options of Google Benchmark]
 
 Measures each case in the ways of the library and of its twins, in turns, and prints medians and the
-ratios of medians and of minima. Times are of the calling thread, or what passes where it says (wall).
+ratios of medians and of minima. Times are of the calling thread, of all threads where it says (all), or
+what passes where it says (wall).
 PATTERN is a regular expression that a case's name contains. A twin "expert" does what somebody would
 write by hand; "same calls" makes the calls of Direct3D that the library makes.
 

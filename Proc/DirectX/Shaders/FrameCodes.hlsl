@@ -8,12 +8,18 @@
 
 struct PSOutput
 {
-    float4 first: SV_TARGET0;
+#if TARGET_COUNT * CHANNEL_COUNT == 3
+    float4 first: SV_TARGET0; // with alpha
+#elif TARGET_COUNT < CHANNEL_COUNT
+    float2 first: SV_TARGET0;
+#else
+    float first: SV_TARGET0;
+#endif
 #if TARGET_COUNT > 1
-    float4 second: SV_TARGET1;
+    float second: SV_TARGET1;
 #endif
 #if TARGET_COUNT > 2
-    float4 third: SV_TARGET2;
+    float third: SV_TARGET2;
 #endif
 };
 
@@ -28,7 +34,42 @@ float4 LoadTap( int2 at )
 
 #if TAPS_ACROSS * TAPS_DOWN > 1
 
-// 1; 1/2, 1/2; 1/4, 1/2, 1/4: triangles and boxes about the place.
+int2 FirstTap( int2 at )
+{
+    return at * int2( min( TAPS_ACROSS, 2 ), min( TAPS_DOWN, 2 ) ) -
+           int2( TAPS_ACROSS / 3, TAPS_DOWN / 3 );
+}
+
+// Triangles and boxes about the place: 1; 1/2, 1/2; 1/4, 1/2, 1/4.
+#ifdef PLAIN
+
+float4 MeanOfRow( int2 from )
+{
+    float4 mean = LoadTap( Inside( from, lastLuma ).xy );
+#if TAPS_ACROSS == 2
+    mean = ( mean + LoadTap( Inside( from + int2( 1, 0 ), lastLuma ).xy ) ) * 0.5;
+#elif TAPS_ACROSS == 3
+    mean = ( mean + LoadTap( Inside( from + int2( 2, 0 ), lastLuma ).xy ) ) * 0.25 +
+           LoadTap( Inside( from + int2( 1, 0 ), lastLuma ).xy ) * 0.5;
+#endif
+    return mean;
+}
+
+float4 MeanOfTaps( int2 at )
+{
+    int2 from = FirstTap( at );
+    float4 mean = MeanOfRow( from );
+#if TAPS_DOWN == 2
+    mean = ( mean + MeanOfRow( from + int2( 0, 1 ) ) ) * 0.5;
+#elif TAPS_DOWN == 3
+    mean = ( mean + MeanOfRow( from + int2( 0, 2 ) ) ) * 0.25 +
+           MeanOfRow( from + int2( 0, 1 ) ) * 0.5;
+#endif
+    return mean;
+}
+
+#else
+
 float TapWeight( int index, int count )
 {
     float weight = 1.0 / float( min( count, 2 ) );
@@ -40,8 +81,7 @@ float TapWeight( int index, int count )
 // In loops, because a conversion of colours is much to write out.
 float4 MeanOfTaps( int2 at )
 {
-    int2 stride = int2( min( TAPS_ACROSS, 2 ), min( TAPS_DOWN, 2 ) );
-    int2 from = at * stride - int2( TAPS_ACROSS / 3, TAPS_DOWN / 3 );
+    int2 from = FirstTap( at );
     float4 sum = float4( 0.0, 0.0, 0.0, 0.0 );
     [loop]
     for ( int y = 0; y < TAPS_DOWN; ++y )
@@ -53,6 +93,8 @@ float4 MeanOfTaps( int2 at )
     }
     return sum;
 }
+
+#endif
 
 #else
 
@@ -107,12 +149,18 @@ PSOutput PSMain( PSInput input )
 #endif
 
     PSOutput output;
+#if TARGET_COUNT * CHANNEL_COUNT == 3
     output.first = float4( samples, color.a );
+#elif TARGET_COUNT < CHANNEL_COUNT
+    output.first = samples.xy;
+#else
+    output.first = samples.x;
+#endif
 #if TARGET_COUNT > 1
-    output.second = samples.yyyy;
+    output.second = samples.y;
 #endif
 #if TARGET_COUNT > 2
-    output.third = samples.zzzz;
+    output.third = samples.z;
 #endif
     return output;
 }
