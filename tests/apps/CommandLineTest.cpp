@@ -52,7 +52,15 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
     expect("several inputs", "convert a/photo.jpg b/PHOTO.tif @");
     expect("is not a frame rate", encode + "--fps ", {"0", "0/1", "25/", "-25", "25.", "24.0001"});
     expect("belong together", encode, {"--from srgb"});
-    expect("goes alone", encode, {"-"});
+    expect("goes alone", encode, {"-", "--input-format rgba b.png"});
+    expect("is not for --converter two-pass", encode + "--converter two-pass ",
+           {"--range full", "--siting left", "--dither ordered", "--scaler area",
+            "--input-format nv12", "--input-matrix bt601"});
+    expect("is not for --converter two-pass",
+           "encode a.png -o out --format yuv422p --converter two-pass");
+    expect("Y4M cannot say", "encode a.png -o out --format p010 --container y4m --siting centre");
+    expect("linear light", encode, {"--from srgb --to rec709-linear"});
+    expect("is not a format", encode, {"--input-format yuv411p", "--input-format p016be"});
     expect("--screenshot goes with --frames", "view in.png --screenshot out.png");
     expect("rec709-linear cannot be converted from", "view in.png --from rec709-linear");
     expect("--help", "", {"", "paint", "convert in.png", "info more", "view in.png --frames 0"});

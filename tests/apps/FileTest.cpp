@@ -192,9 +192,13 @@ TEST_F(FileTest, DamagedFilesAreReadOrRefusedInOneLine) {
     expect("a.y4m", [&] {
         EncodePlan plan;
         plan.options.inputs = {Utf8FromPath(path)};
-        Image frame;
-        for (const auto source = OpenFrameSource(plan); source->Read(frame);) {
-            EXPECT_EQ(frame.pixels.size(), frame.GetRowSize() * frame.height);
+        for (const auto converter : {ConverterChoice::OnePass, ConverterChoice::TwoPass}) {
+            plan.options.converter = converter;
+            ClipFrame frame;
+            for (const auto source = OpenFrameSource(plan); source->Read(frame);) {
+                EXPECT_EQ(frame.pixels.size(), frame.desc ? GetFrameBytes(*frame.desc)
+                                                          : frame.GetRowSize() * frame.height);
+            }
         }
     });
     WriteBytes(m_folder.GetPath("a.icm"), ReadSRGBProfile());

@@ -33,7 +33,7 @@ struct Line {
     }
 
     std::shared_ptr<FrameSource> source;
-    Exchange<Image> frames{kFramesWaiting};
+    Exchange<ClipFrame> frames{kFramesWaiting};
     Exchange<Planes> planes{kFramesWaiting};
     EncodeMonitor monitor;
     std::mutex mutex; // guards failure

@@ -70,28 +70,33 @@ std::unique_ptr<ByteSink> OpenByteSink(const std::string& output) {
 }
 
 FrameSink::FrameSink(std::unique_ptr<ByteSink> sink, Container container, const VideoFormat& format,
-                     Y4mHeader header)
+                     Y4mHeader header, bool hasExactCodes)
     : m_sink(std::move(sink)),
       m_container(container),
       m_format(format),
-      m_header(std::move(header)) {
+      m_header(std::move(header)),
+      m_hasExactCodes(hasExactCodes) {
     if (m_container == Container::Y4m) {
-        m_header.colors = m_format.y4mColors;
         const std::string line = MakeY4mHeader(m_header);
         m_sink->Write(line.data(), line.size());
     }
 }
 
 void FrameSink::Write(std::vector<std::uint8_t>& planes) {
-    RoundToCodes(m_format, planes);
+    if (!m_hasExactCodes) {
+        RoundToCodes(m_format, planes);
+    }
     if (m_container == Container::Raw) {
         m_sink->Write(planes.data(), planes.size());
         return;
     }
-    Deinterleave(m_format, m_header.size, planes, m_planar);
     const std::string line = std::string(kY4mFrame) + "\n";
     m_sink->Write(line.data(), line.size());
-    m_sink->Write(m_planar.data(), m_planar.size());
+    if (m_format.HasPairs()) {
+        Deinterleave(m_format, m_header.size, planes, m_planar);
+    }
+    const auto& bare = m_format.HasPairs() ? m_planar : planes;
+    m_sink->Write(bare.data(), bare.size());
 }
 
 } // namespace Norvex::App

@@ -32,11 +32,13 @@ std::unique_ptr<ByteSink> OpenByteSink(const std::string& output);
 
 class FrameSink {
 public:
-    // The header's colours are the format's. Writes the header, where the container has one.
+    // Writes the header, where the container has one.
     FrameSink(std::unique_ptr<ByteSink> sink, Container container, const VideoFormat& format,
-              Y4mHeader header);
+              Y4mHeader header, bool hasExactCodes);
 
-    // Luma, then chroma pairs, of one frame; changed on the way.
+    // The planes of one frame, one behind the other; changed on the way. Samples are codes, or near
+    // those.
+
     void Write(std::vector<std::uint8_t>& planes);
     void Commit() { m_sink->Commit(); }
 
@@ -45,6 +47,7 @@ private:
     Container m_container;
     VideoFormat m_format;
     Y4mHeader m_header;
+    bool m_hasExactCodes;
     std::vector<std::uint8_t> m_planar;
 };
 

@@ -26,57 +26,50 @@ constexpr std::size_t kMaxY4mLine = 1024; // bytes
 
 class RawSource : public FrameSource {
 public:
-    RawSource(std::unique_ptr<ByteStream> stream, const DX::Size2DT<long>& size, unsigned depth)
+    // Without a description the frames are RGBA of so many bits a channel.
+    RawSource(std::unique_ptr<ByteStream> stream, const DX::Size2DT<long>& size, unsigned depth,
+              const std::optional<DX::D3FrameDesc>& desc)
         : m_stream(std::move(stream)),
-          m_depth(depth) {
+          m_depth(depth),
+          m_desc(desc) {
         m_size = size;
         if (const auto total = m_stream->GetSize()) {
-            m_count = *total / GetFrameBytes();
+            ClipFrame frame;
+            m_count = *total / MakeRoom(frame);
         }
     }
 
-    bool Read(Image& frame) override {
-        frame.SetSize(m_size, m_depth);
-        const std::size_t count = m_stream->Read(frame.pixels.data(), frame.pixels.size());
+    bool Read(ClipFrame& frame) override {
+        const std::size_t size = MakeRoom(frame);
+        const std::size_t count = m_stream->Read(frame.pixels.data(), size);
         ++m_number;
-        if (count != 0 && count != frame.pixels.size()) {
-            ThrowCutShort(*m_stream, m_number, frame.pixels.size() - count, frame.pixels.size());
+        if (count != 0 && count != size) {
+            ThrowCutShort(*m_stream, m_number, size - count, size);
         }
         return count != 0;
     }
 
 private:
-    std::size_t GetFrameBytes() const {
-        return static_cast<std::size_t>(m_size.width) * static_cast<std::size_t>(m_size.height) *
-               Image::kChannels * m_depth / 8;
+    // Answers the bytes of a frame.
+    std::size_t MakeRoom(ClipFrame& frame) const {
+        if (m_desc) {
+            frame.SetPlanes(*m_desc);
+        } else {
+            frame.SetSize(m_size, m_depth);
+        }
+        return frame.pixels.size();
     }
 
     std::unique_ptr<ByteStream> m_stream;
     unsigned m_depth;
+    std::optional<DX::D3FrameDesc> m_desc;
     std::uint64_t m_number = 0; // of frames begun
 };
 
+// What both kinds have in common: the header, and the line before each frame.
 class Y4mSource : public FrameSource {
 public:
-    Y4mSource(std::unique_ptr<ByteStream> stream, Conf::YCbCrMatrix matrix)
-        : m_stream(std::move(stream)),
-          m_matrix(matrix) {
-        const std::string line = m_stream->ReadLine(kMaxY4mLine).value_or("");
-        try {
-            m_header = ParseY4mHeader(line);
-            m_samples.resize(GetY4mFrameBytes(m_header));
-        } catch (const Failure& failure) {
-            throw Failure(m_stream->GetName() + ": " + failure.what());
-        }
-        m_size = m_header.size;
-        m_rate = m_header.rate;
-        m_pixelAspect = m_header.aspect;
-        if (const auto total = m_stream->GetSize()) {
-            m_count = (*total - line.size()) / (m_samples.size() + kY4mFrame.size() + 1);
-        }
-    }
-
-    bool Read(Image& frame) override {
+    bool Read(ClipFrame& frame) override {
         const auto line = m_stream->ReadLine(kMaxY4mLine);
         if (!line) {
             return false;
@@ -86,21 +79,120 @@ public:
             throw Failure(fmt::format("{}: frame {} does not begin with {}", m_stream->GetName(),
                                       m_number, kY4mFrame));
         }
-        const std::size_t count = m_stream->Read(m_samples.data(), m_samples.size());
-        if (count != m_samples.size()) {
-            ThrowCutShort(*m_stream, m_number, m_samples.size() - count, m_samples.size());
-        }
-        ConvertY4mFrame(m_header, m_samples, m_matrix, frame);
+        ReadSamples(frame);
         return true;
     }
 
+protected:
+    explicit Y4mSource(std::unique_ptr<ByteStream> stream) : m_stream(std::move(stream)) {
+        const std::string line = m_stream->ReadLine(kMaxY4mLine).value_or("");
+        Examine([&] { m_header = ParseY4mHeader(line); });
+        m_headerBytes = line.size();
+        m_size = m_header.size;
+        m_rate = m_header.rate;
+        m_pixelAspect = m_header.aspect;
+    }
+
+    const Y4mHeader& GetHeader() const { return m_header; }
+
+    // Gives failures the file's name.
+    template <class Function>
+    void Examine(const Function& function) const {
+        try {
+            function();
+        } catch (const Failure& failure) {
+            throw Failure(m_stream->GetName() + ": " + failure.what());
+        }
+    }
+
+    void Count(std::size_t frameBytes) {
+        if (const auto total = m_stream->GetSize()) {
+            m_count = (*total - m_headerBytes) / (frameBytes + kY4mFrame.size() + 1);
+        }
+    }
+
+    void Fill(std::uint8_t* samples, std::size_t size) {
+        const std::size_t count = m_stream->Read(samples, size);
+        if (count != size) {
+            ThrowCutShort(*m_stream, m_number, size - count, size);
+        }
+    }
+
 private:
+    virtual void ReadSamples(ClipFrame& frame) = 0;
+
     std::unique_ptr<ByteStream> m_stream;
-    Conf::YCbCrMatrix m_matrix;
     Y4mHeader m_header;
-    std::vector<std::uint8_t> m_samples;
+    std::size_t m_headerBytes = 0;
     std::uint64_t m_number = 0; // of frames begun
 };
+
+// Frames as RGBA, for conversion in two passes.
+class Y4mPictureSource : public Y4mSource {
+public:
+    Y4mPictureSource(std::unique_ptr<ByteStream> stream, Conf::YCbCrMatrix matrix)
+        : Y4mSource(std::move(stream)),
+          m_matrix(matrix) {
+        Examine([this] { m_samples.resize(GetY4mFrameBytes(GetHeader())); });
+        Count(m_samples.size());
+    }
+
+private:
+    void ReadSamples(ClipFrame& frame) override {
+        Fill(m_samples.data(), m_samples.size());
+        ConvertY4mFrame(GetHeader(), m_samples, m_matrix, frame);
+    }
+
+    Conf::YCbCrMatrix m_matrix;
+    std::vector<std::uint8_t> m_samples;
+};
+
+class Y4mPlaneSource : public Y4mSource {
+public:
+    Y4mPlaneSource(std::unique_ptr<ByteStream> stream, const EncodePlan& plan)
+        : Y4mSource(std::move(stream)) {
+        Examine([this] { m_planes = DescribeY4mPlanes(GetHeader()); });
+        plan.SetInput(m_planes.desc);
+        Count(m_planes.fileBytes);
+    }
+
+private:
+    void ReadSamples(ClipFrame& frame) override {
+        frame.SetPlanes(m_planes.desc);
+        Fill(frame.pixels.data(), m_planes.fileBytes);
+        FinishY4mPlanes(m_planes, frame.pixels);
+    }
+
+    Y4mPlanes m_planes;
+};
+
+std::unique_ptr<FrameSource> MakeY4mSource(std::unique_ptr<ByteStream> stream,
+                                           const EncodePlan& plan) {
+    if (plan.options.converter == ConverterChoice::TwoPass) {
+        return std::make_unique<Y4mPictureSource>(std::move(stream), plan.GetMatrix({}));
+    }
+    return std::make_unique<Y4mPlaneSource>(std::move(stream), plan);
+}
+
+std::unique_ptr<FrameSource> MakeRawSource(std::unique_ptr<ByteStream> stream,
+                                           const EncodePlan& plan) {
+    const EncodeOptions& options = plan.options;
+    const auto size = options.inputSize ? options.inputSize : options.size;
+    if (!size) {
+        throw Failure(options.inputs.front() == kStandardStream
+                          ? "raw frames on standard input need --size"
+                          : "raw frames need --size",
+                      ExitCode::WrongUsage);
+    }
+    std::optional<DX::D3FrameDesc> desc;
+    if (options.inputFormat && options.inputFormat->video) {
+        desc = options.inputFormat->video->Describe(*size);
+        plan.SetInput(*desc);
+    }
+    const unsigned depth =
+        options.inputFormat ? options.inputFormat->bits : options.inputDepth.value_or(8);
+    return std::make_unique<RawSource>(std::move(stream), *size, depth, desc);
+}
 
 // All with 16 bits a channel, so that one clip may have pictures of both depths.
 void Widen(Image& image) {
@@ -127,12 +219,12 @@ public:
         m_colorSpace = m_first->colorSpace;
     }
 
-    bool Read(Image& frame) override {
+    bool Read(ClipFrame& frame) override {
         if (m_next == m_options.inputs.size()) {
             return false;
         }
         const std::string& file = m_options.inputs[m_next++];
-        frame = m_first ? std::move(*m_first) : ReadPicture(file);
+        static_cast<Image&>(frame) = m_first ? std::move(*m_first) : ReadPicture(file);
         m_first.reset();
         if (!m_options.size && frame.GetSize() != m_size) {
             throw Failure(fmt::format("{} is {} x {} pixels, the picture before it {} x {}: --size "
@@ -179,15 +271,10 @@ bool IsY4m(const std::string& file) {
 
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan) {
-    if (stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
-        return std::make_unique<Y4mSource>(std::move(stream), plan.GetMatrix({}));
+    if (!plan.options.inputFormat && stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
+        return MakeY4mSource(std::move(stream), plan);
     }
-    const EncodeOptions& options = plan.options;
-    if (!options.size) {
-        throw Failure("raw frames on standard input need --size", ExitCode::WrongUsage);
-    }
-    return std::make_unique<RawSource>(std::move(stream), *options.size,
-                                       options.inputDepth.value_or(8));
+    return MakeRawSource(std::move(stream), plan);
 }
 
 std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan) {
@@ -196,14 +283,16 @@ std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan) {
     if (first == kStandardStream) {
         return MakeStreamSource(ByteStream::OpenStandardInput(), plan);
     }
+    if (plan.options.inputFormat) {
+        return MakeRawSource(ByteStream::OpenFile(PathFromUtf8(first)), plan);
+    }
     for (const std::string& file : inputs) {
         if (IsY4m(file) && inputs.size() > 1) {
             throw Failure("a Y4M file goes alone: " + file, ExitCode::WrongUsage);
         }
     }
     if (IsY4m(first)) {
-        return std::make_unique<Y4mSource>(ByteStream::OpenFile(PathFromUtf8(first)),
-                                           plan.GetMatrix({}));
+        return MakeY4mSource(ByteStream::OpenFile(PathFromUtf8(first)), plan);
     }
     return std::make_unique<PictureSource>(plan.options);
 }

@@ -6,9 +6,9 @@
 #include <memory>
 #include <optional>
 
+#include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/commands/EncodePlan.h"
 #include "apps/norvexdx/pictures/ByteStream.h"
-#include "apps/norvexdx/pictures/Image.h"
 
 namespace Norvex::App {
 
@@ -20,7 +20,7 @@ public:
 
     // The next frame, into memory that is used again; false at the end. Failure when the input ends
     // in the middle of a frame.
-    virtual bool Read(Image& frame) = 0;
+    virtual bool Read(ClipFrame& frame) = 0;
 
     // Of the first frame.
     const DX::Size2DT<long>& GetSize() const { return m_size; }
@@ -44,7 +44,7 @@ protected:
 // As the plan says. Failures: no such file, not a picture, not a Y4M stream that is taken, raw
 // frames of unknown size.
 std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan);
-// Raw RGBA frames of 8 or 16 bits a channel, or the Y4M stream that it turns out to be.
+// Raw frames, or the Y4M stream that it turns out to be.
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan);
 

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <numeric>
 
+#include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/console/Arguments.h"
 
 namespace Norvex::App {
@@ -11,13 +12,26 @@ namespace Norvex::App {
 namespace {
 
 constexpr VideoFormat kFormats[] = {
-    {"nv12", 8, DXGI_FORMAT_NV12, DXGI_FORMAT_R8_UNORM, DXGI_FORMAT_R8G8_UNORM,
-     "R8_UNORM and R8G8_UNORM", "420jpeg"},
-    {"p010", 10, DXGI_FORMAT_P010, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM,
-     "R16_UNORM and R16G16_UNORM", "420p10"},
-    {"p016", 16, DXGI_FORMAT_P016, DXGI_FORMAT_R16_UNORM, DXGI_FORMAT_R16G16_UNORM,
-     "R16_UNORM and R16G16_UNORM", "420p16"},
+    {"nv12", 8, DX::FrameLayout::NV12, DXGI_FORMAT_NV12, DXGI_FORMAT_R8_UNORM,
+     DXGI_FORMAT_R8G8_UNORM, "R8_UNORM and R8G8_UNORM", "420jpeg"},
+    {"p010", 10, DX::FrameLayout::P010, DXGI_FORMAT_P010, DXGI_FORMAT_R16_UNORM,
+     DXGI_FORMAT_R16G16_UNORM, "R16_UNORM and R16G16_UNORM", "420p10"},
+    {"p016", 16, DX::FrameLayout::P016, DXGI_FORMAT_P016, DXGI_FORMAT_R16_UNORM,
+     DXGI_FORMAT_R16G16_UNORM, "R16_UNORM and R16G16_UNORM", "420p16"},
+    {"yuv420p", 8, DX::FrameLayout::Planar420},
+    {"yuv420p10", 10, DX::FrameLayout::Planar420},
+    {"yuv420p12", 12, DX::FrameLayout::Planar420},
+    {"yuv420p16", 16, DX::FrameLayout::Planar420},
+    {"yuv422p", 8, DX::FrameLayout::Planar422},
+    {"yuv422p10", 10, DX::FrameLayout::Planar422},
+    {"yuv422p12", 12, DX::FrameLayout::Planar422},
+    {"yuv422p16", 16, DX::FrameLayout::Planar422},
+    {"yuv444p", 8, DX::FrameLayout::Planar444},
+    {"yuv444p10", 10, DX::FrameLayout::Planar444},
+    {"yuv444p12", 12, DX::FrameLayout::Planar444},
+    {"yuv444p16", 16, DX::FrameLayout::Planar444},
 };
+constexpr std::size_t kPairFormats = 3; // the first ones
 
 struct NamedMatrix {
     const char* name;
@@ -41,10 +55,6 @@ constexpr NamedRate kBroadcastRates[] = {
     {"59.94", {60000, 1001}},
     {"119.88", {120000, 1001}},
 };
-
-std::size_t CountPixels(const DX::Size2DT<long>& size) {
-    return static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height);
-}
 
 // A whole number without sign.
 std::optional<unsigned> ParseDigits(std::string_view text) {
@@ -75,26 +85,45 @@ std::optional<FrameRate> ParseDecimalRate(std::string_view whole, std::string_vi
 
 } // namespace
 
+DX::D3FrameDesc VideoFormat::Describe(const DX::Size2DT<long>& size) const {
+    DX::D3FrameDesc desc;
+    desc.layout = layout;
+    desc.bitDepth = bits;
+    desc.size = size;
+    return desc;
+}
+
 std::size_t VideoFormat::GetLumaBytes(const DX::Size2DT<long>& size) const {
-    return CountPixels(size) * GetSampleSize();
+    return GetPlaneBytes(Describe(size), 0);
 }
 
 std::size_t VideoFormat::GetChromaBytes(const DX::Size2DT<long>& size) const {
-    return CountPixels(GetChromaSize(size)) * 2 * GetSampleSize();
+    return App::GetFrameBytes(Describe(size)) - GetLumaBytes(size);
 }
 
 DX::Size2DT<long> GetChromaSize(const DX::Size2DT<long>& size) {
     return {(size.width + 1) / 2, (size.height + 1) / 2};
 }
 
-std::span<const VideoFormat> GetVideoFormats() {
-    return kFormats;
+std::span<const VideoFormat> GetPairFormats() {
+    return std::span(kFormats).first(kPairFormats);
+}
+
+std::string GetVideoFormatNames() {
+    std::string names;
+    for (const VideoFormat& format : kFormats) {
+        names += (names.empty() ? "" : ", ") + std::string(format.name);
+    }
+    return names;
 }
 
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name) {
+    constexpr std::string_view kLittleEndian = "le";
     const auto* found =
-        std::find_if(std::begin(kFormats), std::end(kFormats),
-                     [&](const VideoFormat& format) { return format.name == name; });
+        std::find_if(std::begin(kFormats), std::end(kFormats), [&](const VideoFormat& format) {
+            return format.name == name ||
+                   (format.bits > 8 && format.name + std::string(kLittleEndian) == name);
+        });
     return found != std::end(kFormats) ? std::optional(*found) : std::nullopt;
 }
 
@@ -109,6 +138,27 @@ std::string GetMatrixName(Conf::YCbCrMatrix matrix) {
         std::find_if(std::begin(kMatrices), std::end(kMatrices),
                      [&](const NamedMatrix& entry) { return entry.matrix == matrix; });
     return found != std::end(kMatrices) ? found->name : std::string();
+}
+
+std::optional<DX::FrameRange> ParseRange(std::string_view name) {
+    if (name == "narrow") {
+        return DX::FrameRange::Narrow;
+    }
+    return name == "full" ? std::optional(DX::FrameRange::Full) : std::nullopt;
+}
+
+std::optional<DX::ChromaLocation> ParseSiting(std::string_view name) {
+    constexpr std::pair<const char*, DX::ChromaLocation> kSitings[] = {
+        {"left", DX::ChromaLocation::Left},
+        {"centre", DX::ChromaLocation::Centre},
+        {"top-left", DX::ChromaLocation::TopLeft},
+    };
+    for (const auto& [known, siting] : kSitings) {
+        if (known == name) {
+            return siting;
+        }
+    }
+    return std::nullopt;
 }
 
 std::optional<FrameRate> ParseFrameRate(std::string_view text) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// What clips are made of: the pixel formats in Y'CbCr 4:2:0, their planes, and frame rates. Plain
-// values and pure functions, any thread. Next: PlanePacking.h, Y4m.h.
+// What clips are made of: the pixel formats in Y'CbCr, their planes, and frame rates. Plain values
+// and pure functions, any thread. Next: ClipFrame.h, PlanePacking.h, Y4m.h.
 
 #include <cstddef>
 #include <cstdint>
@@ -11,22 +11,27 @@
 #include <string_view>
 
 #include "Host/Color.h"
-#include "Proc/DirectX/Manager/CommonTypes.h"
+#include "Proc/DirectX/Manager/D3Frame.h"
 
 namespace Norvex::App {
 
-// A luma plane, and a plane of chroma pairs with half its width and height, rounded up. A sample
-// holds its code in its high bits.
+// How the samples of a frame lie. Of pairs (a luma plane, and one of chroma pairs with half its
+// width and height, rounded up; a sample holds its code in its high bits) and of three planes.
 struct VideoFormat {
     const char* name = ""; // as the user types it
     unsigned bits = 8;     // of a code
+    DX::FrameLayout layout = DX::FrameLayout::NV12;
+    // Of pairs, for conversion in two passes.
     DXGI_FORMAT planar = DXGI_FORMAT_UNKNOWN;
     DXGI_FORMAT luma = DXGI_FORMAT_UNKNOWN;
     DXGI_FORMAT chroma = DXGI_FORMAT_UNKNOWN;
     const char* planesName = ""; // of the two formats, for messages
     const char* y4mColors = "";  // of the same samples in a Y4M file
 
+    bool HasPairs() const { return planar != DXGI_FORMAT_UNKNOWN; }
     std::size_t GetSampleSize() const { return bits == 8 ? 1 : 2; } // bytes
+    // Narrow range, Rec. 709, chroma at the left.
+    DX::D3FrameDesc Describe(const DX::Size2DT<long>& size) const;
     // Bytes of the planes of a frame of this size, rows without padding.
     std::size_t GetLumaBytes(const DX::Size2DT<long>& size) const;
     std::size_t GetChromaBytes(const DX::Size2DT<long>& size) const;
@@ -45,13 +50,19 @@ struct FrameRate {
     friend bool operator==(const FrameRate&, const FrameRate&) = default;
 };
 
-// All that there are.
-std::span<const VideoFormat> GetVideoFormats();
-// nv12, p010, p016.
+// Those with pairs: nv12, p010, p016.
+std::span<const VideoFormat> GetPairFormats();
+// "nv12, p010, p016, yuv420p, ...": all that there are.
+std::string GetVideoFormatNames();
+// A name as ffmpeg has it; those of more than 8 bits also end in "le".
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name);
 // bt601, bt709, bt2020.
 std::optional<Conf::YCbCrMatrix> ParseMatrix(std::string_view name);
 std::string GetMatrixName(Conf::YCbCrMatrix matrix);
+// narrow, full.
+std::optional<DX::FrameRange> ParseRange(std::string_view name);
+// left, centre, top-left.
+std::optional<DX::ChromaLocation> ParseSiting(std::string_view name);
 // N, N/D, or N with up to three decimals; 23.976, 29.97, 59.94 and 119.88 mean what broadcasters
 // mean by them, 24000/1001 and so on.
 std::optional<FrameRate> ParseFrameRate(std::string_view text);

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Arguments.h"
 #include "apps/norvexdx/console/Failure.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
@@ -27,6 +28,18 @@ std::optional<FrameRate> ParseY4mRate(std::string_view text) {
     std::string fraction(text);
     std::replace(fraction.begin(), fraction.end(), ':', '/');
     return ParseFrameRate(fraction);
+}
+
+void TakeExtension(std::string_view value, Y4mHeader& header) {
+    constexpr std::string_view kRange = "COLORRANGE=";
+    if (!value.starts_with(kRange)) {
+        return; // others say nothing that matters here
+    }
+    const std::string_view range = value.substr(kRange.size());
+    if (range != "FULL" && range != "LIMITED") {
+        throw Failure("Y4M with the colour range " + std::string(range) + " is not taken");
+    }
+    header.range = range == "FULL" ? DX::FrameRange::Full : DX::FrameRange::Narrow;
 }
 
 void TakeParameter(char tag, std::string_view value, Y4mHeader& header) {
@@ -52,9 +65,7 @@ void TakeParameter(char tag, std::string_view value, Y4mHeader& header) {
         }
         break;
     case 'X':
-        if (value == "COLORRANGE=FULL") {
-            throw Failure("Y4M in full range is not taken");
-        }
+        TakeExtension(value, header);
         break;
     default:
         break; // later versions may say more
@@ -139,9 +150,9 @@ Y4mHeader ParseY4mHeader(std::string_view line) {
 
 std::string MakeY4mHeader(const Y4mHeader& header) {
     const FrameRate rate = header.rate.value_or(FrameRate());
-    return fmt::format("{}W{} H{} F{}:{} Ip A{} C{} XCOLORRANGE=LIMITED\n", kY4mMagic,
-                       header.size.width, header.size.height, rate.numerator, rate.denominator,
-                       header.aspect, header.colors);
+    return fmt::format("{}W{} H{} F{}:{} Ip A{} C{} XCOLORRANGE={}\n", kY4mMagic, header.size.width,
+                       header.size.height, rate.numerator, rate.denominator, header.aspect,
+                       header.colors, header.range == DX::FrameRange::Full ? "FULL" : "LIMITED");
 }
 
 Y4mSamples GetY4mSamples(const std::string& colors) {
@@ -156,10 +167,14 @@ Y4mSamples GetY4mSamples(const std::string& colors) {
         }
     }
     throw Failure("Y4M with C" + colors +
-                  " is not taken: only C444 and Cmono, whose every pixel has its own colour");
+                  " is not taken with --converter two-pass: only C444 and Cmono, whose every pixel "
+                  "has its own colour");
 }
 
 std::size_t GetY4mFrameBytes(const Y4mHeader& header) {
+    if (header.range == DX::FrameRange::Full) {
+        throw Failure("Y4M in full range is not taken with --converter two-pass");
+    }
     const Y4mSamples samples = GetY4mSamples(header.colors);
     return CountPixels(header) * samples.planes * samples.GetSampleSize();
 }
@@ -174,6 +189,77 @@ void ConvertY4mFrame(const Y4mHeader& header, std::span<const std::uint8_t> samp
     } else {
         ConvertSamples<std::uint16_t>(samples.data(), CountPixels(header), layout, matrix,
                                       image.pixels.data());
+    }
+}
+
+namespace {
+
+// Codes with fewer bits than the library has a format for.
+struct OddDepth {
+    std::string_view suffix;
+    std::string_view taken; // in its place
+    unsigned shift;
+};
+constexpr OddDepth kOddDepths[] = {{"p9", "p10", 1}, {"p14", "p16", 2}};
+
+bool IsMono(const Y4mHeader& header) {
+    return header.colors.starts_with("mono");
+}
+
+// "mono10" as "420p10".
+std::string GetPlanarColors(const Y4mHeader& header) {
+    if (!IsMono(header)) {
+        return header.colors;
+    }
+    const std::string bits = header.colors.substr(std::string_view("mono").size());
+    return bits.empty() ? "420mpeg2" : "420p" + bits;
+}
+
+template <class Sample>
+void Fill(std::span<std::uint8_t> samples, Sample value) {
+    for (std::size_t i = 0; i + sizeof(Sample) <= samples.size(); i += sizeof(Sample)) {
+        std::memcpy(&samples[i], &value, sizeof(value));
+    }
+}
+
+} // namespace
+
+Y4mPlanes DescribeY4mPlanes(const Y4mHeader& header) {
+    Y4mPlanes planes;
+    std::string colors = GetPlanarColors(header);
+    for (const OddDepth& odd : kOddDepths) {
+        if (colors.ends_with(odd.suffix)) {
+            colors.replace(colors.size() - odd.suffix.size(), odd.suffix.size(), odd.taken);
+            planes.shift = odd.shift;
+        }
+    }
+    if (planes.shift != 0 && header.range == DX::FrameRange::Full) {
+        throw Failure("Y4M with C" + header.colors + " in full range is not taken");
+    }
+    try {
+        planes.desc = DX::D3FrameDesc::FromY4MTags("C" + colors);
+    } catch (const DX::DirectXException&) {
+        throw Failure("Y4M with C" + header.colors + " is not taken");
+    }
+    planes.desc.size = header.size;
+    planes.desc.range = header.range;
+    planes.fileBytes = IsMono(header) ? GetPlaneBytes(planes.desc, 0) : GetFrameBytes(planes.desc);
+    return planes;
+}
+
+void FinishY4mPlanes(const Y4mPlanes& planes, std::span<std::uint8_t> samples) {
+    for (std::size_t i = 0; planes.shift != 0 && i + 1 < planes.fileBytes; i += 2) {
+        std::uint16_t sample = 0;
+        std::memcpy(&sample, &samples[i], sizeof(sample));
+        sample = static_cast<std::uint16_t>(sample << planes.shift);
+        std::memcpy(&samples[i], &sample, sizeof(sample));
+    }
+    const auto zero = static_cast<unsigned>(planes.desc.GetCodes().chromaZero);
+    const auto chroma = samples.subspan(planes.fileBytes);
+    if (planes.desc.bitDepth == 8) {
+        Fill(chroma, static_cast<std::uint8_t>(zero));
+    } else {
+        Fill(chroma, static_cast<std::uint16_t>(zero));
     }
 }
 

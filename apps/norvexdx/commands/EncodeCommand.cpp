@@ -33,13 +33,23 @@ void RunEncode(const EncodeOptions& options) {
     report.colorSpace = options.to ? options.to : source->GetColorSpace();
     report.matrix = plan.GetMatrix(source->GetColorSpace());
     report.size = options.size.value_or(source->GetSize());
-    FrameSink sink(OpenByteSink(options.output), plan.container, options.format,
-                   {report.size, options.rate ? options.rate : source->GetRate(),
-                    source->GetPixelAspect(), options.format.y4mColors});
+    const bool isOnePass = options.converter == ConverterChoice::OnePass;
+    const DX::D3FrameDesc desc = plan.DescribeOutput(report.size, report.matrix);
+    FrameSink sink(
+        OpenByteSink(options.output), plan.container, options.format,
+        {report.size, options.rate ? options.rate : source->GetRate(), source->GetPixelAspect(),
+         plan.container == Container::Y4m ? plan.GetY4mColors() : std::string(), desc.range},
+        isOnePass);
     // Nothing is drawn with it: the kind whose shaders compile fastest.
     const auto graphics = Graphics::Open(options.graphics, DrawKind::Fill, &Console::PrintMessage);
-    const auto encoder = FrameEncoder::Open(
-        *graphics, {options.format, report.matrix, report.size, plan.conversion});
+    EncoderParams params = {options.format, report.matrix, report.size, plan.conversion};
+    if (isOnePass) {
+        params.onePass = {.target = desc,
+                          .dither = options.dither.value_or(DX::FrameDither::None),
+                          .kernel = options.scaler.value_or(DX::ScaleKernel::Bilinear)};
+    }
+    const auto encoder = FrameEncoder::Open(*graphics, params);
+    report.isOnePass = isOnePass;
     report.isPlanar = encoder->IsPlanar();
     {
         Progress progress(options.progress || Console::IsErrorTerminal());

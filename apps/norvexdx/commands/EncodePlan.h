@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/commands/ConvertPlan.h"
 
@@ -18,6 +20,26 @@ constexpr const char* kStandardStream = "-";
 
 enum class Container { Raw, Y4m };
 
+// How frames become Y'CbCr.
+enum class ConverterChoice {
+    OnePass, // with exact codes, in every layout: D3FrameConverter.h
+    TwoPass, // pairs alone, divided by 2^bits: D3YUVConverter.h
+};
+
+// Of raw frames: those of a format, or RGBA of 8 or 16 bits a channel.
+struct RawFormat {
+    std::optional<VideoFormat> video; // empty: RGBA
+    unsigned bits = 8;                // a channel, or of a code
+};
+
+// A name as ffmpeg has it: rgba, rgba64le, and those of ParseVideoFormat.
+std::optional<RawFormat> ParseRawFormat(std::string_view name);
+// one-pass, two-pass.
+std::optional<ConverterChoice> ParseConverter(std::string_view name);
+// none, ordered.
+std::optional<DX::FrameDither> ParseDither(std::string_view name);
+// bilinear, catmull-rom, mitchell, lanczos, area.
+std::optional<DX::ScaleKernel> ParseScaler(std::string_view name);
 // raw, y4m.
 std::optional<Container> ParseContainer(std::string_view name);
 
@@ -30,7 +52,17 @@ struct EncodeOptions {
     std::optional<Conf::RGBColorSpace> from;
     std::optional<Conf::RGBColorSpace> to;
     std::optional<DX::Size2DT<long>> size;
-    std::optional<unsigned> inputDepth; // bits a channel of raw frames
+    std::optional<unsigned> inputDepth;         // bits a channel of raw RGBA
+    std::optional<RawFormat> inputFormat;       // the input is raw frames
+    std::optional<DX::Size2DT<long>> inputSize; // of raw frames; without, size
+    std::optional<Conf::YCbCrMatrix> inputMatrix;
+    std::optional<DX::FrameRange> inputRange; // without, what the input says
+    std::optional<DX::ChromaLocation> inputSiting;
+    ConverterChoice converter = ConverterChoice::OnePass;
+    std::optional<DX::FrameRange> range;
+    std::optional<DX::ChromaLocation> siting;
+    std::optional<DX::FrameDither> dither;
+    std::optional<DX::ScaleKernel> scaler;
     std::optional<FrameRate> rate;
     std::optional<Container> container;
     bool json = false;
@@ -46,6 +78,12 @@ struct EncodePlan {
     // As the user says; else the one that belongs to the clip's colours, which are --to's or,
     // without, the input's where that says them.
     Conf::YCbCrMatrix GetMatrix(const std::optional<Conf::RGBColorSpace>& inputSpace) const;
+    // What the input's frames in Y'CbCr are, beside what it says of them itself.
+    void SetInput(DX::D3FrameDesc& desc) const;
+    // Of the clip's frames; the colours are the encoder's.
+    DX::D3FrameDesc DescribeOutput(const DX::Size2DT<long>& size, Conf::YCbCrMatrix matrix) const;
+    // Of a Y4M file's header, after the C.
+    std::string GetY4mColors() const;
     bool WritesToStandardOutput() const { return options.output == kStandardStream; }
 };
 

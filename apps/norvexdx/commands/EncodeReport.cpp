@@ -34,7 +34,8 @@ std::string MakeEncodeJson(const Graphics& graphics, const EncodeReport& report)
     json["matrix"] = GetMatrixName(report.matrix);
     json["colorSpace"] =
         report.colorSpace ? Json(GetColorSpaceName(*report.colorSpace)) : Json(nullptr);
-    json["planes"] = report.isPlanar ? "planar" : "pair";
+    json["converter"] = report.isOnePass ? "one-pass" : "two-pass";
+    json["planes"] = report.isPlanar ? "planar" : report.format.HasPairs() ? "pair" : "three";
     json["width"] = report.size.width;
     json["height"] = report.size.height;
     json["frames"] = totals.frames;
@@ -56,12 +57,14 @@ std::string MakeEncodeText(const Graphics& graphics, const EncodeReport& report)
     const EncodeTotals& totals = report.totals;
     const std::string space =
         report.colorSpace ? " of " + GetColorSpaceName(*report.colorSpace) : std::string();
-    std::string line = fmt::format(
-        "{} on {}: {} frames of {} x {} to {} ({}, {}), {:.1f} frames/s", graphics.GetApiName(),
-        graphics.GetDevice().GetAdapterName(), totals.frames, report.size.width, report.size.height,
-        report.format.name, GetMatrixName(report.matrix) + space,
-        report.isPlanar ? "planar textures" : "luma and chroma in two textures",
-        totals.GetFramesPerSecond());
+    std::string line = fmt::format("{} on {}: {} frames of {} x {} to {} ({}, {}), {:.1f} frames/s",
+                                   graphics.GetApiName(), graphics.GetDevice().GetAdapterName(),
+                                   totals.frames, report.size.width, report.size.height,
+                                   report.format.name, GetMatrixName(report.matrix) + space,
+                                   report.isPlanar            ? "planar textures"
+                                   : report.format.HasPairs() ? "luma and chroma in two textures"
+                                                              : "a texture a plane",
+                                   totals.GetFramesPerSecond());
     if (const auto gpuMs = totals.GetGpuMsPerFrame()) {
         line += fmt::format(", GPU {:.2f} ms", *gpuMs);
     }

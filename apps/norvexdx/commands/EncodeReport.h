@@ -14,6 +14,7 @@ struct EncodeReport {
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
     std::optional<Conf::RGBColorSpace> colorSpace; // of the frames, where that is known
     DX::Size2DT<long> size;
+    bool isOnePass = false;
     bool isPlanar = false;
     EncodeTotals totals;
     std::uint64_t peakMemory = 0; // bytes of the process in physical memory; 0: not known

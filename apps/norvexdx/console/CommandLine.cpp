@@ -36,15 +36,19 @@ Examples:
   norvexdx convert one.jpg two.jpg three.tif thumbnails --size 320x240 --json)";
 
 constexpr const char* kEncodeNotes = R"(
-IN is pictures, each one frame; a Y4M file, with C444 or Cmono samples, narrow range, in the matrix
-of --matrix; or - for standard input, which is a Y4M stream or raw RGBA frames of --size. All frames
-have one size, or are fitted into --size over black. Transparency is over black. OUT is a file, which
-appears whole or not at all, or - for standard output; then --stats and --json tell on standard
-error.
+IN is pictures, each one frame; a Y4M file, 4:2:0, 4:2:2, 4:4:4 or mono of 8 to 16 bits; a file of raw
+frames, with --input-format and their size; or - for standard input, which is a Y4M stream or raw
+frames of --size, RGBA without --input-format. All frames have one size, or are fitted into --size
+over black; --input-size is that of raw frames where it is another. Transparency is over black. OUT
+is a file, which appears whole or not at all, or - for standard output; then --stats and --json tell
+on standard error.
 
-Luma and chroma are in narrow range; each chroma sample is the mean of 2 x 2. In raw clips chroma is
-interleaved and P010 has its codes in the high bits; Y4M has three planes and bare codes (C420jpeg,
-C420p10, C420p16). Frames with odd sides have their chroma rounded up.
+Formats have ffmpeg's names: nv12, p010, p016, and yuv420p, yuv422p, yuv444p, which may end in 10, 12
+or 16 and "le". Raw clips have their planes as the format says; Y4M has three planes and bare codes,
+and its header tells range and siting. Frames with odd sides have their chroma rounded up.
+
+One pass makes exact codes: white is 235 of 8 bits. Two passes make nv12, p010 and p016 of RGB and of
+Y4M in C444 and Cmono, divide by 2^bits (white is 234), each chroma sample the mean of 2 x 2.
 
 Examples:
   norvexdx encode a.png b.png c.png -o clip.y4m --format nv12 --fps 2 --size 1920x1080
@@ -254,15 +258,16 @@ void AddView(CLI::App& parent, ViewOptions& options) {
 }
 
 void AddEncode(CLI::App& parent, EncodeOptions& options) {
-    CLI::App& app = *parent.add_subcommand("encode", "make a clip: NV12, P010 or P016 frames");
+    CLI::App& app = *parent.add_subcommand("encode", "make a clip: frames in Y'CbCr");
     app.add_option("inputs", options.inputs, "pictures, a Y4M file, or - for standard input")
         ->required()
         ->type_name("IN");
     app.add_option("-o,--output", options.output, "the clip, or - for standard output")
         ->required()
         ->type_name("OUT");
-    AddValue(app, "--format", options.format, &ParseVideoFormat, "nv12, p010 or p016", "FORMAT",
-             "of the frames: nv12 (8 bits), p010 (10) or p016 (16)")
+    AddValue(app, "--format", options.format, &ParseVideoFormat,
+             "a format of frames (" + GetVideoFormatNames() + ")", "FORMAT",
+             "of the frames, a name as ffmpeg has it: nv12, p010, yuv420p, yuv422p10 ...")
         ->required();
     AddValue(app, "--matrix", options.matrix, &ParseMatrix, "bt601, bt709 or bt2020", "MATRIX",
              "from R'G'B' to Y'C'bC'r (bt2020 where --to, or without it the first picture, has "
@@ -276,6 +281,29 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "size of the frames (the input's); of raw frames it must be said");
     AddValue(app, "--input-depth", options.inputDepth, &ParseDepth, "8 or 16", "BITS",
              "bits a channel of raw frames, 16 little endian (8)");
+    AddValue(app, "--input-format", options.inputFormat, &ParseRawFormat,
+             "a format of raw frames (rgba, rgba64le, " + GetVideoFormatNames() + ")", "FORMAT",
+             "the input is raw frames of this format (rgba)");
+    AddValue(app, "--input-size", options.inputSize, &ParseSize, "WIDTHxHEIGHT from 1 to 16384",
+             "WxH", "size of raw frames (--size)");
+    AddValue(app, "--input-matrix", options.inputMatrix, &ParseMatrix, "bt601, bt709 or bt2020",
+             "MATRIX", "of frames in Y'C'bC'r (that of --from, else --matrix)");
+    AddValue(app, "--input-range", options.inputRange, &ParseRange, "narrow or full", "RANGE",
+             "of frames in Y'C'bC'r (what the input says, else narrow)");
+    AddValue(app, "--input-siting", options.inputSiting, &ParseSiting, "left, centre or top-left",
+             "PLACE", "of chroma samples (what the input says, else left)");
+    AddValue(app, "--converter", options.converter, &ParseConverter, "one-pass or two-pass", "KIND",
+             "one-pass or two-pass (one-pass)");
+    AddValue(app, "--range", options.range, &ParseRange, "narrow or full", "RANGE",
+             "of codes: narrow (16 to 235) or full (narrow)");
+    AddValue(app, "--siting", options.siting, &ParseSiting, "left, centre or top-left", "PLACE",
+             "where chroma samples lie: left (H.264, H.265), centre or top-left (left)");
+    AddValue(app, "--dither", options.dither, &ParseDither, "none or ordered", "KIND",
+             "none or ordered (none)");
+    AddValue(app, "--scaler", options.scaler, &ParseScaler,
+             "bilinear, catmull-rom, mitchell, lanczos or area", "KERNEL",
+             "for frames of another size: bilinear, catmull-rom, mitchell, lanczos or area "
+             "(bilinear)");
     AddValue(app, "--fps", options.rate, &ParseFrameRate,
              "a frame rate such as 25, 30000/1001 or 29.97", "R",
              "frames per second, for Y4M's header (the input's, else 25)");

@@ -137,7 +137,7 @@ std::vector<YCbCrError> CheckYCbCr(const Graphics& graphics) {
     }
     std::vector<YCbCrError> errors;
     std::vector<std::uint8_t> planes;
-    for (const VideoFormat& format : GetVideoFormats()) {
+    for (const VideoFormat& format : GetPairFormats()) {
         for (const auto matrix : {Conf::YCbCrMatrix::BT601, Conf::YCbCrMatrix::BT709,
                                   Conf::YCbCrMatrix::BT2020NonConstant}) {
             for (const AlphaType alpha : kAlphas) {

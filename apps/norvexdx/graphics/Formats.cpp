@@ -7,6 +7,9 @@
 namespace Norvex::App {
 
 std::size_t GetPixelSize(DXGI_FORMAT format) {
+    if (format == DXGI_FORMAT_R32G32B32A32_FLOAT) {
+        return 16;
+    }
     const bool isDeep =
         format == DXGI_FORMAT_R16G16B16A16_UNORM || format == DXGI_FORMAT_R16G16B16A16_FLOAT;
     return isDeep ? 8 : 4;

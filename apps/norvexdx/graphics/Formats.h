@@ -18,7 +18,8 @@ struct FormatUses {
     bool blend = false;
 };
 
-// Bytes of a pixel, of the formats that are drawn on here: 8 for R16G16B16A16, else 4.
+// Bytes of a pixel, of the formats that are drawn on here: 16 for R32G32B32A32, 8 for
+// R16G16B16A16, else 4.
 std::size_t GetPixelSize(DXGI_FORMAT format);
 
 // Of pictures on the device: R8G8B8A8_UNORM or R16G16B16A16_UNORM.

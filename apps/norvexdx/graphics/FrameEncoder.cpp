@@ -14,6 +14,10 @@ namespace Norvex::App {
 
 namespace {
 
+// Of frames whose colours stay: any that is the same on both sides.
+constexpr Conf::RGBColorSpace kAnySpace = {Conf::ColorPrimaries::BT709,
+                                           Conf::TransferCharacteristics::BT709};
+
 using Codes = std::array<double, 3>; // of luma, C'b, C'r, divided by 2^bits
 
 constexpr std::array<std::array<std::uint8_t, 3>, 8> kTestColors = {{{255, 0, 0},
@@ -128,6 +132,14 @@ bool IsEven(const DX::Size2DT<long>& size) {
     return size.width % 2 == 0 && size.height % 2 == 0;
 }
 
+void CheckSize(const DX::Size2DT<long>& size, long largestSide) {
+    if (size.width > largestSide || size.height > largestSide) {
+        throw Failure(fmt::format("frames of {} x {} pixels are larger than the adapter takes "
+                                  "({} x {})",
+                                  size.width, size.height, largestSide, largestSide));
+    }
+}
+
 DXGI_FORMAT ChooseCanvasFormat(const std::function<FormatUses(DXGI_FORMAT)>& usesOf) {
     for (const DXGI_FORMAT format :
          {DXGI_FORMAT_R16G16B16A16_UNORM, DXGI_FORMAT_R16G16B16A16_FLOAT}) {
@@ -139,10 +151,29 @@ DXGI_FORMAT ChooseCanvasFormat(const std::function<FormatUses(DXGI_FORMAT)>& use
     throw Failure("the adapter cannot draw pictures of 16 bits a channel");
 }
 
+// A texture a plane, and intermediate pictures that lose nothing where the adapter has such.
+EncoderTextures ChooseOnePass(const Graphics& graphics, const EncoderParams& params) {
+    CheckSize(params.size, GetLargestSide(graphics.GetDevice().GetFeatureLevel()));
+    const DX::D3FrameDesc& target = params.onePass->target;
+    for (unsigned plane = 0; plane < target.GetPlaneCount(); ++plane) {
+        if (!graphics.GetUses(target.GetPlane(plane).format).drawTo) {
+            throw Failure(
+                fmt::format("the adapter cannot draw the planes of {}", params.format.name));
+        }
+    }
+    const FormatUses floats = graphics.GetUses(DXGI_FORMAT_R32G32B32A32_FLOAT);
+    return {.isPlanar = false,
+            .canvasFormat = floats.drawTo && floats.drawFrom ? DXGI_FORMAT_R32G32B32A32_FLOAT
+                                                             : DXGI_FORMAT_R16G16B16A16_FLOAT};
+}
+
 } // namespace
 
 std::unique_ptr<FrameEncoder> FrameEncoder::Open(const Graphics& graphics,
                                                  const EncoderParams& params) {
+    if (params.onePass) {
+        return graphics.MakeEncoder(params, ChooseOnePass(graphics, params));
+    }
     const TextureChoice choice =
         ChooseTextures(params, GetLargestSide(graphics.GetDevice().GetFeatureLevel()),
                        [&graphics](DXGI_FORMAT format) { return graphics.GetUses(format); });
@@ -155,7 +186,7 @@ std::unique_ptr<FrameEncoder> FrameEncoder::Open(const Graphics& graphics,
     return graphics.MakeEncoder(params, {isPlanar, choice.canvasFormat});
 }
 
-std::size_t FrameEncoder::Submit(const Image& frame) {
+std::size_t FrameEncoder::Submit(const ClipFrame& frame) {
     if (m_count == kSlots) {
         throw std::logic_error("all slots are in flight");
     }
@@ -184,17 +215,75 @@ FrameEncoder::Collected FrameEncoder::Collect(std::vector<std::uint8_t>& planes)
     return {gpuMs, m_bytes[slot]};
 }
 
-bool FrameEncoder::IsDrawn(const Image& frame) const {
-    return m_params.conversion || frame.GetSize() != m_params.size;
+bool FrameEncoder::IsDrawn(const ClipFrame& frame) const {
+    return (m_params.conversion && !m_params.onePass) || frame.GetSize() != m_params.size;
+}
+
+DX::D3FrameDesc FrameEncoder::DescribeSource(const ClipFrame& frame) const {
+    DX::D3FrameDesc desc =
+        frame.desc.value_or(DX::D3FrameDesc::MakeRGB(frame.GetSize(), m_params.alpha));
+    desc.bitDepth = frame.desc ? desc.bitDepth : frame.bitsPerChannel;
+    desc.colorSpace = m_params.conversion ? m_params.conversion->source : kAnySpace;
+    return desc;
+}
+
+DX::D3FrameDesc FrameEncoder::DescribeTarget() const {
+    DX::D3FrameDesc desc = m_params.onePass->target;
+    desc.colorSpace = m_params.conversion ? m_params.conversion->target : kAnySpace;
+    return desc;
+}
+
+DX::D3FrameDesc FrameEncoder::DescribeScaled(const ClipFrame& frame) const {
+    const DX::D3FrameDesc source = DescribeSource(frame);
+    DX::D3FrameDesc desc = DX::D3FrameDesc::MakeRGB(m_params.size, source.alpha);
+    desc.bitDepth = 16;
+    desc.colorSpace = source.colorSpace;
+    return desc;
+}
+
+DX::ScaleParams FrameEncoder::GetScaling(const ClipFrame& frame) const {
+    const DX::Size2DT<long> source = frame.GetSize();
+    const auto& [width, height] = m_params.size;
+    const double scale = std::min(static_cast<double>(width) / static_cast<double>(source.width),
+                                  static_cast<double>(height) / static_cast<double>(source.height));
+    const auto fitted = [scale](long side, long room) {
+        return std::clamp(std::lround(static_cast<double>(side) * scale), 1L, room);
+    };
+    const DX::Size2DT<long> size = {fitted(source.width, width), fitted(source.height, height)};
+    const long left = (width - size.width) / 2;
+    const long top = (height - size.height) / 2;
+    return {.kernel = m_params.onePass->kernel,
+            .rect = DX::Rect2DT<long>{left, top, left + size.width, top + size.height},
+            .alphaType = DescribeSource(frame).alpha};
+}
+
+DX::FrameConvertParams FrameEncoder::GetConversion() const {
+    DX::FrameConvertParams params;
+    if (m_params.conversion) {
+        params.conversion = *m_params.conversion; // alpha is the frames'
+    }
+    params.dither = m_params.onePass->dither;
+    return params;
+}
+
+std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame) {
+    if (!frame.desc) {
+        return {{frame.pixels.data(), frame.GetRowSize(), frame.GetSize(),
+                 GetPictureFormat(frame.bitsPerChannel)}};
+    }
+    std::vector<PlaneRows> planes;
+    const std::uint8_t* data = frame.pixels.data();
+    for (unsigned i = 0; i < frame.desc->GetPlaneCount(); ++i) {
+        const DX::FramePlane plane = frame.desc->GetPlane(i);
+        planes.push_back({data, GetPlaneRowBytes(*frame.desc, i), plane.size, plane.format});
+        data += GetPlaneBytes(*frame.desc, i);
+    }
+    return planes;
 }
 
 TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
                              const std::function<FormatUses(DXGI_FORMAT)>& usesOf) {
-    if (params.size.width > largestSide || params.size.height > largestSide) {
-        throw Failure(fmt::format("frames of {} x {} pixels are larger than the adapter takes "
-                                  "({} x {})",
-                                  params.size.width, params.size.height, largestSide, largestSide));
-    }
+    CheckSize(params.size, largestSide);
     const VideoFormat& format = params.format;
     const auto isTarget = [&](DXGI_FORMAT plane) {
         const FormatUses uses = usesOf(plane);

@@ -1,10 +1,10 @@
 #pragma once
 
-// RGBA frames to Y'CbCr planes on the device, several at a time: while one is converted, the next
-// is uploaded and the one before read back. What is the same for both generations (slots, choice of
-// textures, self-test) is here, the rest in FrameEncoder11.cpp and FrameEncoder12.cpp, which read
-// side by side. Goes before its Graphics. One thread at a time. Throws Failure and what the library
-// throws.
+// Frames of clips to Y'CbCr planes on the device, several at a time: while one is converted, the
+// next is uploaded and the one before read back. What is the same for both generations (slots,
+// choice of textures, self-test) is here, the rest in FrameEncoder11.cpp and FrameEncoder12.cpp,
+// which read side by side. Goes before its Graphics. One thread at a time. Throws Failure and what
+// the library throws.
 
 #include <array>
 #include <functional>
@@ -12,11 +12,20 @@
 #include <optional>
 #include <vector>
 
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
+#include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/graphics/Graphics.h"
-#include "apps/norvexdx/pictures/Image.h"
 
 namespace Norvex::App {
+
+// Of a conversion with exact codes.
+struct OnePassParams {
+    DX::D3FrameDesc target; // all but its colour space
+    DX::FrameDither dither = DX::FrameDither::None;
+    DX::ScaleKernel kernel = DX::ScaleKernel::Bilinear; // for frames of another size
+};
 
 // What the frames become.
 struct EncoderParams {
@@ -24,13 +33,14 @@ struct EncoderParams {
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
     DX::Size2DT<long> size; // frames of another are fitted into it, over black
     std::optional<Proc::ColorAlphaConversionInfo> conversion;  // empty: colours stay
-    Proc::AlphaType alpha = Proc::AlphaType::NonPremultiplied; // of frames as they are converted
+    Proc::AlphaType alpha = Proc::AlphaType::NonPremultiplied; // of pictures as they are converted
+    std::optional<OnePassParams> onePass = {}; // empty: two passes, which take pictures alone
 };
 
 // The textures that planes are drawn on.
 struct EncoderTextures {
     bool isPlanar = false; // one of both planes; else one each
-    // Of pictures that are drawn before they are converted; 16 bits a channel.
+    // Of pictures that are drawn before they are converted; at least 16 bits a channel.
     DXGI_FORMAT canvasFormat = DXGI_FORMAT_R16G16B16A16_UNORM;
 };
 
@@ -57,7 +67,7 @@ public:
     // Has the device begin with a frame, which is read before the call returns.
     // While kSlots are in flight: std::logic_error. Answers the bytes that the frame holds on the
     // device and for transfers until it is collected.
-    std::size_t Submit(const Image& frame);
+    std::size_t Submit(const ClipFrame& frame);
 
     struct Collected {
         std::optional<double> gpuMs; // empty: the device could not tell
@@ -74,11 +84,19 @@ protected:
 
     const EncoderParams& GetParams() const { return m_params; }
     const EncoderTextures& GetTextures() const { return m_textures; }
-    // Whether a frame is drawn before it is converted: its colours or its size change.
-    bool IsDrawn(const Image& frame) const;
+    // Whether a frame is drawn before it is converted: its size changes, or in two passes its
+    // colours.
+    bool IsDrawn(const ClipFrame& frame) const;
+    // In one pass: what the frame is, what it becomes, where on that it lies when it is scaled, the
+    // picture that scaling makes, and how all is converted.
+    DX::D3FrameDesc DescribeSource(const ClipFrame& frame) const;
+    DX::D3FrameDesc DescribeTarget() const;
+    DX::ScaleParams GetScaling(const ClipFrame& frame) const;
+    DX::D3FrameDesc DescribeScaled(const ClipFrame& frame) const;
+    DX::FrameConvertParams GetConversion() const;
 
 private:
-    virtual void Begin(std::size_t slot, const Image& frame) = 0;
+    virtual void Begin(std::size_t slot, const ClipFrame& frame) = 0;
     virtual std::optional<double> End(std::size_t slot, std::uint8_t* planes) = 0;
 
     EncoderParams m_params;
@@ -87,6 +105,16 @@ private:
     std::size_t m_oldest = 0;
     std::size_t m_count = 0;
 };
+
+// Rows of a plane, or of a picture, in a frame's memory.
+struct PlaneRows {
+    const std::uint8_t* data = nullptr;
+    std::size_t rowBytes = 0; // without padding
+    DX::Size2DT<long> size;   // samples
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;
+};
+// One each, 1 to 3.
+std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame);
 
 // Which textures an adapter may have for this: planar ones still need their test.
 struct TextureChoice {

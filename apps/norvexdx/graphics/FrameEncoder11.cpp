@@ -1,8 +1,12 @@
 #include "apps/norvexdx/graphics/FrameEncoder11.h"
 
+#include <algorithm>
 #include <thread>
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "apps/norvexdx/graphics/Pieces11.h"
 
@@ -67,9 +71,13 @@ public:
     FrameEncoder11(const boost::intrusive_ptr<DX::D11Device>& device, const EncoderParams& params,
                    const EncoderTextures& textures)
         : FrameEncoder(params, textures),
-          m_device(device),
-          m_draw(new DX::D11ImageDraw(device)),
-          m_converter(new DX::D11YUVConverter(device, params.alpha)) {
+          m_device(device) {
+        if (params.onePass) {
+            m_onePass.reset(new DX::D11FrameConverter(device));
+            return;
+        }
+        m_draw.reset(new DX::D11ImageDraw(device));
+        m_converter.reset(new DX::D11YUVConverter(device, params.alpha));
         if (params.conversion) {
             m_draw->Specialize(params.conversion);
         }
@@ -82,23 +90,25 @@ private:
     // What a frame in flight uses; kept for the next one.
     struct Slot {
         std::optional<Timer> timer;
-        Texture upload; // staging, of the source's size
-        Picture source;
-        boost::intrusive_ptr<DX::D11RenderTexture2D> canvas; // null before a frame is drawn
-        std::array<Texture, 2> planes;                       // of a planar texture only the first
-        std::array<Texture, 2> readback;
+        std::array<Texture, 3> upload;                        // staging, of the source's size
+        std::array<Picture, 3> source;                        // a picture, or a plane each
+        boost::intrusive_ptr<DX::D11RenderTexture2D> picture; // of planes that are scaled, or null
+        boost::intrusive_ptr<DX::D11RenderTexture2D> canvas;  // null before a frame is drawn
+        std::array<Texture, 3> planes;                        // of a planar texture only the first
+        std::array<Texture, 3> readback;
     };
 
-    void Begin(std::size_t index, const Image& frame) override {
+    void Begin(std::size_t index, const ClipFrame& frame) override {
         Slot& slot = m_slots[index];
         m_device->Encode([&](const Context& context) {
             Prepare(slot, frame);
             slot.timer->Begin();
             Upload(context, slot, frame);
-            if (IsDrawn(frame)) {
-                Draw(context, slot);
+            if (GetParams().onePass) {
+                ConvertInOnePass(context, slot, frame);
+            } else {
+                ConvertInTwoPasses(context, slot, IsDrawn(frame));
             }
-            Convert(context, slot, IsDrawn(frame));
             for (std::size_t i = 0; i < slot.planes.size() && slot.planes[i]; ++i) {
                 context->CopyResource(slot.readback[i], slot.planes[i]);
             }
@@ -117,25 +127,46 @@ private:
     }
 
     // Makes what the slot lacks for this frame.
-    void Prepare(Slot& slot, const Image& frame) {
-        const DX::Size2DT<long> size = frame.GetSize();
-        const DXGI_FORMAT format = GetPictureFormat(frame.bitsPerChannel);
+    void Prepare(Slot& slot, const ClipFrame& frame) {
         if (!slot.timer) {
             slot.timer.emplace(*m_device);
             MakePlanes(slot);
         }
-        D3D11_TEXTURE2D_DESC present = {};
-        if (slot.source) {
-            slot.source->GetDesc(&present);
-        }
-        if (!slot.source || slot.source->GetSize() != size || present.Format != format) {
-            slot.upload = m_device->CreateTexture2D(
-                MakeStagingDesc11(size, format, D3D11_CPU_ACCESS_WRITE), nullptr);
-            slot.source =
-                DX::D11ShaderTexture2D::Create(m_device, MakeTextureDesc11(size, format), nullptr);
+        const std::vector<PlaneRows> planes = GetPlaneRows(frame);
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            MakeSource(slot.upload[i], slot.source[i], planes[i]);
         }
         if (IsDrawn(frame) && !slot.canvas) {
             slot.canvas = MakeCanvas(GetParams().size);
+        }
+        if (IsDrawn(frame) && GetParams().onePass) {
+            PrepareScaling(slot, frame);
+        }
+    }
+
+    void MakeSource(Texture& upload, Picture& source, const PlaneRows& plane) const {
+        D3D11_TEXTURE2D_DESC present = {};
+        if (source) {
+            source->GetDesc(&present);
+        }
+        if (!source || source->GetSize() != plane.size || present.Format != plane.format) {
+            upload = m_device->CreateTexture2D(
+                MakeStagingDesc11(plane.size, plane.format, D3D11_CPU_ACCESS_WRITE), nullptr);
+            source = DX::D11ShaderTexture2D::Create(
+                m_device, MakeTextureDesc11(plane.size, plane.format), nullptr);
+        }
+    }
+
+    // What scaling alone needs, made when a frame first does; all planes of a clip have one size.
+    void PrepareScaling(Slot& slot, const ClipFrame& frame) {
+        if (!m_scaler) {
+            m_scaler.reset(new DX::D11Scaler(m_device));
+        }
+        if (frame.desc && !m_frameDraw) {
+            m_frameDraw.reset(new DX::D11FrameDraw(m_device));
+        }
+        if (frame.desc && !slot.picture) {
+            slot.picture = MakeCanvas(frame.GetSize());
         }
     }
 
@@ -149,7 +180,12 @@ private:
                 MakeStagingDesc11(size, plane, D3D11_CPU_ACCESS_READ), nullptr);
         };
         const DX::Size2DT<long>& size = GetParams().size;
-        if (IsPlanar()) {
+        if (GetParams().onePass) {
+            const DX::D3FrameDesc& target = GetParams().onePass->target;
+            for (unsigned i = 0; i < target.GetPlaneCount(); ++i) {
+                make(i, target.GetPlane(i).size, target.GetPlane(i).format);
+            }
+        } else if (IsPlanar()) {
             make(0, size, format.planar);
         } else {
             make(0, size, format.luma);
@@ -163,20 +199,61 @@ private:
         return DX::D11RenderTexture2D::Create(m_device, desc);
     }
 
-    static void Upload(const Context& context, const Slot& slot, const Image& frame) {
-        {
-            const Mapping11 mapping(context, slot.upload, D3D11_MAP_WRITE);
-            CopyRows(mapping.GetData(), mapping.GetRowPitch(), frame.pixels.data(),
-                     frame.GetRowSize(), frame.GetRowSize(), frame.height);
+    static void Upload(const Context& context, const Slot& slot, const ClipFrame& frame) {
+        const std::vector<PlaneRows> planes = GetPlaneRows(frame);
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            {
+                const Mapping11 mapping(context, slot.upload[i], D3D11_MAP_WRITE);
+                CopyRows(mapping.GetData(), mapping.GetRowPitch(), planes[i].data,
+                         planes[i].rowBytes, planes[i].rowBytes,
+                         static_cast<std::size_t>(planes[i].size.height));
+            }
+            context->CopyResource(slot.source[i]->GetTexture(), slot.upload[i]);
         }
-        context->CopyResource(slot.source->GetTexture(), slot.upload);
+    }
+
+    void ConvertInOnePass(const Context& context, const Slot& slot, const ClipFrame& frame) {
+        DX::D11Frame source;
+        source.desc = DescribeSource(frame);
+        for (unsigned i = 0; i < source.desc.GetPlaneCount(); ++i) {
+            source.textures[i] = slot.source[i]->GetTexture();
+        }
+        if (IsDrawn(frame)) {
+            Scale(context, slot, frame, source);
+            source = {};
+            source.desc = DescribeScaled(frame);
+            source.textures[0] = slot.canvas->GetTexture();
+        }
+        DX::D11Frame target;
+        target.desc = DescribeTarget();
+        std::ranges::copy(slot.planes, target.textures.begin());
+        m_onePass->Encode(context, source, target, GetConversion());
+    }
+
+    void Scale(const Context& context, const Slot& slot, const ClipFrame& frame,
+               const DX::D11Frame& source) {
+        Picture picture = slot.source[0];
+        if (!source.desc.IsRGB()) {
+            m_frameDraw->Encode(context, source, slot.picture,
+                                {.transform = DX::AffineTransform()});
+            picture.reset(new DX::D11ShaderTexture2D(slot.picture->GetTexture(), std::nullopt));
+        }
+        context->ClearRenderTargetView(slot.canvas->GetView(), kBlack);
+        m_scaler->Encode(context, picture, slot.canvas, GetScaling(frame));
+    }
+
+    void ConvertInTwoPasses(const Context& context, const Slot& slot, bool isDrawn) {
+        if (isDrawn) {
+            Draw(context, slot);
+        }
+        Convert(context, slot, isDrawn);
     }
 
     void Draw(const Context& context, const Slot& slot) {
-        const DX::Size2DT<long> sourceSize = slot.source->GetSize();
+        const DX::Size2DT<long> sourceSize = slot.source[0]->GetSize();
         const Placement placement = PlacePicture({}, sourceSize, GetParams().size);
         context->ClearRenderTargetView(slot.canvas->GetView(), kBlack);
-        Picture source = slot.source;
+        Picture source = slot.source[0];
         for (unsigned i = Graphics::CountHalvings(sourceSize, placement.scale); i > 0; --i) {
             source = Halve(context, source);
         }
@@ -194,7 +271,7 @@ private:
 
     void Convert(const Context& context, const Slot& slot, bool isDrawn) {
         const EncoderParams& params = GetParams();
-        const Texture& source = isDrawn ? slot.canvas->GetTexture() : slot.source->GetTexture();
+        const Texture& source = isDrawn ? slot.canvas->GetTexture() : slot.source[0]->GetTexture();
         if (IsPlanar()) {
             m_converter->Encode(context, source, slot.planes[0], params.matrix);
         } else {
@@ -205,6 +282,10 @@ private:
 
     void ReadBack(const Context& context, const Slot& slot, std::uint8_t* planes) const {
         const EncoderParams& params = GetParams();
+        if (params.onePass) {
+            ReadBackPlanes(context, slot, planes);
+            return;
+        }
         const auto height = static_cast<std::size_t>(params.size.height);
         const auto chromaHeight = static_cast<std::size_t>(GetChromaSize(params.size).height);
         const std::size_t lumaSize = params.format.GetLumaBytes(params.size);
@@ -223,9 +304,23 @@ private:
         }
     }
 
+    void ReadBackPlanes(const Context& context, const Slot& slot, std::uint8_t* planes) const {
+        const DX::D3FrameDesc& target = GetParams().onePass->target;
+        for (unsigned i = 0; i < target.GetPlaneCount(); ++i) {
+            const std::size_t rowBytes = GetPlaneRowBytes(target, i);
+            const Mapping11 mapping(context, slot.readback[i], D3D11_MAP_READ);
+            CopyRows(planes, rowBytes, mapping.GetData(), mapping.GetRowPitch(), rowBytes,
+                     static_cast<std::size_t>(target.GetPlane(i).size.height));
+            planes += GetPlaneBytes(target, i);
+        }
+    }
+
     boost::intrusive_ptr<DX::D11Device> m_device;
-    boost::intrusive_ptr<DX::D11ImageDraw> m_draw;
-    boost::intrusive_ptr<DX::D11YUVConverter> m_converter;
+    boost::intrusive_ptr<DX::D11ImageDraw> m_draw;         // of two passes, as the next
+    boost::intrusive_ptr<DX::D11YUVConverter> m_converter; // null in one
+    boost::intrusive_ptr<DX::D11FrameConverter> m_onePass; // null in two
+    boost::intrusive_ptr<DX::D11Scaler> m_scaler;          // null before it is needed
+    boost::intrusive_ptr<DX::D11FrameDraw> m_frameDraw;    // null before it is needed
     std::array<Slot, kSlots> m_slots;
 };
 

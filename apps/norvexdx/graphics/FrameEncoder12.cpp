@@ -9,6 +9,9 @@
 #include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/graphics/Pieces12.h"
@@ -35,13 +38,9 @@ public:
         : FrameEncoder(params, textures),
           m_device(device),
           m_queue(MakeQueue12(device)),
-          m_draw(new DX::D12ImageDraw(device)),
-          m_converter(new DX::D12YUVConverter(device, params.alpha)),
           m_canvasPool(DX::D12Texture2DPool::Create(
               device, MakeTextureDesc12(params.size, textures.canvasFormat, kCanvasState, true))) {
-        if (params.conversion) {
-            m_draw->Specialize(params.conversion);
-        }
+        MakeConverters();
         MakePlanePools();
         PlacePlanes();
         m_queue->Get()->GetTimestampFrequency(&m_ticksPerSecond);
@@ -58,9 +57,10 @@ private:
     // What one frame holds while it is in flight. What the device uses of it, the allocator keeps
     // alive.
     struct Work {
-        Texture source;
+        std::array<Texture, 3> source; // a picture, or a plane each
+        Texture picture;               // null when the frame is not scaled, or is one
         Texture canvas;                // null when the frame is not drawn
-        std::array<Texture, 2> planes; // of a planar texture only the first
+        std::array<Texture, 3> planes; // of a planar texture only the first
         boost::intrusive_ptr<DX::D12Buffer> readback;
         boost::intrusive_ptr<DX::D12CommandAllocator> allocator;
     };
@@ -71,6 +71,19 @@ private:
         Work work;
     };
 
+    void MakeConverters() {
+        const EncoderParams& params = GetParams();
+        if (params.onePass) {
+            m_onePass.reset(new DX::D12FrameConverter(m_device));
+            return;
+        }
+        m_draw.reset(new DX::D12ImageDraw(m_device));
+        m_converter.reset(new DX::D12YUVConverter(m_device, params.alpha));
+        if (params.conversion) {
+            m_draw->Specialize(params.conversion);
+        }
+    }
+
     void MakePlanePools() {
         const VideoFormat& format = GetParams().format;
         const auto make = [&](const DX::Size2DT<long>& size, DXGI_FORMAT plane) {
@@ -78,7 +91,12 @@ private:
                                                 MakeTextureDesc12(size, plane, kPlaneState, true));
         };
         const DX::Size2DT<long>& size = GetParams().size;
-        if (IsPlanar()) {
+        if (GetParams().onePass) {
+            const DX::D3FrameDesc& target = GetParams().onePass->target;
+            for (unsigned i = 0; i < target.GetPlaneCount(); ++i) {
+                m_planePools[i] = make(target.GetPlane(i).size, target.GetPlane(i).format);
+            }
+        } else if (IsPlanar()) {
             m_planePools[0] = make(size, format.planar);
         } else {
             m_planePools[0] = make(size, format.luma);
@@ -86,7 +104,7 @@ private:
         }
     }
 
-    // Where both planes lie in a readback buffer.
+    // Where the planes lie in a readback buffer.
     void PlacePlanes() {
         for (const auto& pool : m_planePools) {
             if (pool == nullptr) {
@@ -105,11 +123,14 @@ private:
         }
     }
 
-    void Begin(std::size_t slot, const Image& frame) override {
+    void Begin(std::size_t slot, const ClipFrame& frame) override {
         Slot& place = m_slots[slot];
         Work work;
-        work.source = ObtainSource(frame);
+        ObtainSource(frame, work);
         work.canvas = IsDrawn(frame) ? m_canvasPool->ObtainTexture() : nullptr;
+        if (work.canvas && GetParams().onePass) {
+            PrepareScaling(frame, work);
+        }
         for (std::size_t i = 0; i < work.planes.size(); ++i) {
             work.planes[i] = m_planePools[i] ? m_planePools[i]->ObtainTexture() : nullptr;
         }
@@ -118,10 +139,11 @@ private:
         work.allocator->RecordList(nullptr, [&](const List& list) {
             list->EndQuery(place.begin);
             RecordUpload(*list, work, frame);
-            if (work.canvas) {
-                RecordDraw(list, work, frame.GetSize());
+            if (GetParams().onePass) {
+                RecordOnePass(list, work, frame);
+            } else {
+                RecordTwoPasses(list, work, frame);
             }
-            RecordConversion(list, work);
             RecordReadback(*list, work);
             list->EndQuery(place.end);
         });
@@ -163,32 +185,108 @@ private:
     }
 
     // Pictures of one clip may differ in size; each size has its pool.
-    Texture ObtainSource(const Image& frame) {
-        const auto desc = MakeTextureDesc12(frame.GetSize(), GetPictureFormat(frame.bitsPerChannel),
-                                            kSourceState, false);
-        if (!m_sourcePool || m_sourcePool->GetDesc().width != desc.width ||
-            m_sourcePool->GetDesc().height != desc.height ||
-            m_sourcePool->GetDesc().format != desc.format) {
-            m_sourcePool = DX::D12Texture2DPool::Create(m_device, desc);
+    void ObtainSource(const ClipFrame& frame, Work& work) {
+        const std::vector<PlaneRows> planes = GetPlaneRows(frame);
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            const auto desc =
+                MakeTextureDesc12(planes[i].size, planes[i].format, kSourceState, false);
+            auto& pool = m_sourcePools[i];
+            if (!pool || pool->GetDesc().width != desc.width ||
+                pool->GetDesc().height != desc.height || pool->GetDesc().format != desc.format) {
+                pool = DX::D12Texture2DPool::Create(m_device, desc);
+            }
+            work.source[i] = pool->ObtainTexture();
         }
-        return m_sourcePool->ObtainTexture();
+    }
+
+    // What scaling alone needs, made when a frame first does; all planes of a clip have one size.
+    void PrepareScaling(const ClipFrame& frame, Work& work) {
+        if (!m_scaler) {
+            m_scaler.reset(new DX::D12Scaler(m_device));
+        }
+        if (frame.desc && !m_frameDraw) {
+            m_frameDraw.reset(new DX::D12FrameDraw(m_device));
+            m_picturePool = DX::D12Texture2DPool::Create(
+                m_device,
+                MakeTextureDesc12(frame.GetSize(), GetTextures().canvasFormat, kCanvasState, true));
+        }
+        work.picture = frame.desc ? m_picturePool->ObtainTexture() : nullptr;
     }
 
     static void RecordUpload(DX::D12GraphicsCommandList& list, const Work& work,
-                             const Image& frame) {
-        DX::D12UploadResourceParams params;
-        params.destination = work.source->GetResource();
-        params.stateBefore = kSourceState;
-        params.stateAfter = kReadable;
-        params.subresources = {{frame.pixels.data(), frame.GetRowSize(), frame.pixels.size()}};
-        list.UploadResource(params);
+                             const ClipFrame& frame) {
+        const std::vector<PlaneRows> planes = GetPlaneRows(frame);
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            const PlaneRows& plane = planes[i];
+            DX::D12UploadResourceParams params;
+            params.destination = work.source[i]->GetResource();
+            params.stateBefore = kSourceState;
+            params.stateAfter = kReadable;
+            params.subresources = {{plane.data, plane.rowBytes,
+                                    plane.rowBytes * static_cast<std::size_t>(plane.size.height)}};
+            list.UploadResource(params);
+        }
+    }
+
+    static DX::D12Frame MakeFrame(const DX::D3FrameDesc& desc,
+                                  const std::array<Texture, 3>& planes) {
+        DX::D12Frame frame;
+        frame.desc = desc;
+        for (std::size_t i = 0; i < planes.size() && planes[i]; ++i) {
+            frame.textures[i] = planes[i]->GetResource();
+        }
+        return frame;
+    }
+
+    void RecordOnePass(const List& list, const Work& work, const ClipFrame& frame) {
+        constexpr DX::D12ResourceStates kPlaneStates = {kPlaneState, kPlaneState};
+        const DX::D12Frame source = MakeFrame(DescribeSource(frame), work.source);
+        const DX::D12Frame target = MakeFrame(DescribeTarget(), work.planes);
+        if (work.canvas) {
+            RecordScaling(list, work, frame, source);
+            m_onePass->Encode(list, MakeFrame(DescribeScaled(frame), {work.canvas}), target,
+                              {{{kCanvasState, kCanvasState}, kPlaneStates}}, GetConversion());
+        } else {
+            m_onePass->Encode(list, source, target, {{{kReadable, kSourceState}, kPlaneStates}},
+                              GetConversion());
+        }
+    }
+
+    void RecordScaling(const List& list, const Work& work, const ClipFrame& frame,
+                       const DX::D12Frame& source) {
+        const auto target = m_device->CreateRenderTargetView(work.canvas->GetResource());
+        list->ClearRenderTargetView(target, kBlack, {});
+        if (work.picture) {
+            RecordPicture(list, source, work);
+        }
+        const auto& picture = work.picture ? work.picture : work.source[0];
+        m_scaler->Encode(list, m_device->CreateTextureShaderResourceView(picture->GetResource()),
+                         target, GetScaling(frame));
+        if (work.picture) {
+            list->ResourceBarrier({Transition(picture->GetResource(), kReadable, kCanvasState)});
+        }
+    }
+
+    // A frame in Y'CbCr as a picture, which scaling takes.
+    void RecordPicture(const List& list, const DX::D12Frame& source, const Work& work) {
+        const auto picture = work.picture->GetResource();
+        m_frameDraw->Encode(list, source, m_device->CreateRenderTargetView(picture),
+                            {.transform = DX::AffineTransform()});
+        list->ResourceBarrier({Transition(picture, kCanvasState, kReadable)});
+    }
+
+    void RecordTwoPasses(const List& list, const Work& work, const ClipFrame& frame) {
+        if (work.canvas) {
+            RecordDraw(list, work, frame.GetSize());
+        }
+        RecordConversion(list, work);
     }
 
     void RecordDraw(const List& list, const Work& work, const DX::Size2DT<long>& sourceSize) {
         const auto target = m_device->CreateRenderTargetView(work.canvas->GetResource());
         const Placement placement = PlacePicture({}, sourceSize, GetParams().size);
         list->ClearRenderTargetView(target, kBlack, {});
-        auto source = m_device->CreateTextureShaderResourceView(work.source->GetResource());
+        auto source = m_device->CreateTextureShaderResourceView(work.source[0]->GetResource());
         for (unsigned i = Graphics::CountHalvings(sourceSize, placement.scale); i > 0; --i) {
             source = RecordHalving(list, source);
         }
@@ -210,7 +308,7 @@ private:
     }
 
     void RecordConversion(const List& list, const Work& work) {
-        const auto& source = work.canvas ? work.canvas : work.source;
+        const auto& source = work.canvas ? work.canvas : work.source[0];
         const DX::D12ResourceStates sourceStates =
             work.canvas ? DX::D12ResourceStates{kCanvasState, kCanvasState}
                         : DX::D12ResourceStates{kReadable, kSourceState};
@@ -235,19 +333,24 @@ private:
                 0, 0, 0, CD3DX12_TEXTURE_COPY_LOCATION(plane->GetResource(), IsPlanar() ? i : 0),
                 nullptr);
         }
-        if (work.canvas) {
-            list.ResourceBarrier({Transition(work.source->GetResource(), kReadable, kSourceState)});
+        for (std::size_t i = 0; work.canvas && i < work.source.size() && work.source[i]; ++i) {
+            list.ResourceBarrier(
+                {Transition(work.source[i]->GetResource(), kReadable, kSourceState)});
         }
     }
 
     boost::intrusive_ptr<DX::D12Device> m_device;
     boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
-    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;
-    boost::intrusive_ptr<DX::D12YUVConverter> m_converter;
-    boost::intrusive_ptr<DX::D12Texture2DPool> m_sourcePool; // for the size of the last frame
+    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;            // of two passes, as the next
+    boost::intrusive_ptr<DX::D12YUVConverter> m_converter;    // null in one
+    boost::intrusive_ptr<DX::D12FrameConverter> m_onePass;    // null in two
+    boost::intrusive_ptr<DX::D12Scaler> m_scaler;             // null before it is needed
+    boost::intrusive_ptr<DX::D12FrameDraw> m_frameDraw;       // null before it is needed
+    boost::intrusive_ptr<DX::D12Texture2DPool> m_picturePool; // null before it is needed
+    std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 3> m_sourcePools; // of the last frame
     boost::intrusive_ptr<DX::D12Texture2DPool> m_canvasPool;
-    std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 2> m_planePools;
-    std::vector<DX::D12PlacedSubResourceFootprint> m_places; // of luma and chroma
+    std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 3> m_planePools;
+    std::vector<DX::D12PlacedSubResourceFootprint> m_places; // of the planes
     std::uint64_t m_readbackSize = 0;                        // bytes
     std::uint64_t m_ticksPerSecond = 0;
     std::array<Slot, kSlots> m_slots;

@@ -1,0 +1,33 @@
+#pragma once
+
+// One frame of a clip in memory: a picture, or the planes of a frame of video. Plain values and
+// pure functions, any thread. Next: VideoFormat.h, FrameSource.h.
+
+#include <cstddef>
+#include <optional>
+
+#include "Proc/DirectX/Manager/D3Frame.h"
+#include "apps/norvexdx/pictures/Image.h"
+
+namespace Norvex::App {
+
+// Bytes of a plane, and of a row of it, as files have them: rows without padding. Of valid frames
+// in Y'CbCr.
+std::size_t GetPlaneRowBytes(const DX::D3FrameDesc& desc, unsigned plane);
+std::size_t GetPlaneBytes(const DX::D3FrameDesc& desc, unsigned plane);
+std::size_t GetFrameBytes(const DX::D3FrameDesc& desc);
+
+// With a description the pixels are the planes that it tells of, one behind the other, and width
+// and height are its size; without, they are RGBA.
+struct ClipFrame : Image {
+    ClipFrame() = default;
+    ClipFrame(const Image& image) : Image(image) {} // a picture is a frame
+    ClipFrame(Image&& image) : Image(std::move(image)) {}
+
+    std::optional<DX::D3FrameDesc> desc = {};
+
+    // Makes room for planes; what was there is not kept in its place.
+    void SetPlanes(const DX::D3FrameDesc& planes);
+};
+
+} // namespace Norvex::App
