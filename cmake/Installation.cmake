@@ -47,6 +47,8 @@ install(FILES "${PROJECT_SOURCE_DIR}/Platform/NorvexDX.natvis"
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Development
     FILES_MATCHING PATTERN "*.cpp" PATTERN host_sdk EXCLUDE)
+install(FILES "${PROJECT_SOURCE_DIR}/cmake/ExamplesOfArchive.cmake" RENAME CMakeLists.txt
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX/examples" COMPONENT Development)
 install(FILES "${PROJECT_SOURCE_DIR}/LICENSE"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Runtime)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/licenses"

@@ -6,13 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "Proc/DirectX/Manager/D3D12Renderer.h"
-#include "Proc/DirectX/Manager/D3YUVConverter.h"
+#include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 
 using namespace Norvex;
 namespace {
-
 constexpr UINT kWidth = 640, kHeight = 360; // pixels, even
 constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
@@ -25,7 +24,6 @@ CComPtr<ID3D12Resource> Make(DX::D12Device& device, UINT width, UINT height, DXG
     desc.initialState = kDrawn;
     return device.CreateTexture2D(desc);
 }
-
 // The rows of both planes have as many bytes as the picture has pixels in a row.
 bool Write(DX::D12CommandQueue& queue, const CComPtr<ID3D12Resource>& plane, UINT rows, HANDLE to) {
     std::vector<std::uint8_t> bytes(std::size_t{kWidth} * rows);
@@ -41,32 +39,34 @@ bool Write(DX::D12CommandQueue& queue, const CComPtr<ID3D12Resource>& plane, UIN
 bool WriteFrames(HANDLE pipe) {
     const auto device = DX::D12Device::CreatePrimary();
     const boost::intrusive_ptr queue(new DX::D12CommandQueue(device, {}));
-    const boost::intrusive_ptr fill(new DX::D12FillDraw(device));
     // [the conversion]
-    const boost::intrusive_ptr converter(new DX::D12YUVConverter(device, {})); // straight alpha
-    const auto canvas = Make(*device, kWidth, kHeight, DXGI_FORMAT_R8G8B8A8_UNORM);
-    const auto luma = Make(*device, kWidth, kHeight, DXGI_FORMAT_R8_UNORM);
-    const auto chroma = Make(*device, kWidth / 2, kHeight / 2, DXGI_FORMAT_R8G8_UNORM);
-    const auto target = device->CreateRenderTargetView(canvas);
-    constexpr DX::D12ResourceStates kKept = {kDrawn, kDrawn};
+    const boost::intrusive_ptr converter(new DX::D12FrameConverter(device));
+    DX::D12Frame picture; // sRGB, opaque
+    picture.desc = DX::D3FrameDesc::MakeRGB({kWidth, kHeight});
+    picture.textures[0] = Make(*device, kWidth, kHeight, DXGI_FORMAT_R8G8B8A8_UNORM);
+    DX::D12Frame frame; // NV12, the matrix of BT.709, narrow range, chroma on the left
+    frame.desc.size = picture.desc.size;
+    frame.desc.colorSpace = picture.desc.colorSpace; // R'G'B' as it is encoded
+    frame.textures[0] = Make(*device, kWidth, kHeight, DXGI_FORMAT_R8_UNORM);
+    frame.textures[1] = Make(*device, kWidth / 2, kHeight / 2, DXGI_FORMAT_R8G8_UNORM);
+    const auto target = device->CreateRenderTargetView(picture.textures[0]);
     bool isRead = true;
     for (long i = 0; i < 50 && isRead; ++i) {
-        const auto frame = queue->CreateCommandAllocator();
-        frame->RecordList(nullptr, [&](const auto& list) {
+        const auto work = queue->CreateCommandAllocator();
+        work->RecordList(nullptr, [&](const auto& list) {
             list->ClearRenderTargetView(target, {0, 0, 0, 1}, {});
-            fill->Encode(list, {1, 0.4F, 0, 1}, target, {8 * i, 120, 8 * i + 120, 240});
-            converter->Encode(list, canvas, luma, chroma, DXGI_FORMAT_NV12,
-                              Conf::YCbCrMatrix::BT709, {kKept, kKept, kKept});
+            list->ClearRenderTargetView(target, {1, 0.4F, 0, 1}, {{8 * i, 120, 8 * i + 120, 240}});
+            converter->Encode(list, picture, frame, {{{kDrawn, kDrawn}, {kDrawn, kDrawn}}});
         });
-        frame->Execute();
-        isRead = Write(*queue, luma, kHeight, pipe) && Write(*queue, chroma, kHeight / 2, pipe);
+        work->Execute();
+        isRead = Write(*queue, frame.textures[0], kHeight, pipe) &&
+                 Write(*queue, frame.textures[1], kHeight / 2, pipe);
     }
     // [the conversion]
     return isRead;
 }
 
 } // namespace
-
 int main(int argc, char** argv) {
     std::string commandLine;
     for (int i = 1; i < argc; ++i) {
@@ -87,8 +87,7 @@ int main(int argc, char** argv) {
     CloseHandle(startup.hStdInput); // writing fails from now on when the encoder is gone
     try {
         if (!WriteFrames(frames)) {
-            std::fprintf(stderr, "No encoder reads the frames (video ENCODER ...): %s\n",
-                         commandLine.c_str());
+            std::fprintf(stderr, "No encoder reads the frames: video ENCODER ARGUMENTS...\n");
         }
     } catch (const DX::DirectXException& e) {
         std::fprintf(stderr, "%s\n", e.GetErrorDescription().c_str());
