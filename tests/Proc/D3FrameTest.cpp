@@ -5,14 +5,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstdio>
 #include <map>
+#include <numbers>
 #include <random>
+#include <set>
 #include <span>
+#include <tuple>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include "Proc/DirectX/Manager/D3BlueNoise.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
 #include "apps/norvexdx/reference/FrameReference.h"
 #include "tests/support/Canvas11.h"
@@ -367,37 +372,122 @@ TYPED_TEST(D3FrameTest, FramesBecomeOtherFramesThroughEveryConversionOfColors) {
 
 // Flat fields of codes between two, each as large as the pattern; black and white stay.
 TYPED_TEST(D3FrameTest, DitheredCodesMeanWhatTheyStandFor) {
-    constexpr long kPattern = 8, kFields = 40;
-    for (const Layout& layout : {kLayouts[1], kLayouts[11]}) {
-        D3FrameDesc desc = Describe(layout, {2 * kPattern * kFields, 2 * kPattern});
-        desc.chromaLocation = ChromaLocation::Centre; // of one field alone
-        auto rgb = D3FrameDesc::MakeRGB(desc.size);
-        rgb.colorSpace = desc.colorSpace;
-        const auto source = Reference::MakeFrame(rgb, [&](unsigned channel, long x, long) {
-            const long field = x / (2 * kPattern);
-            return field < 2 ? 255.0 * static_cast<double>(field)
-                             : static_cast<double>(static_cast<unsigned>(field) *
-                                                   (37 + 11 * channel) % 256) +
-                                   0.37;
-        });
-        std::vector<typename TestFixture::View> views;
-        const auto to = this->MakeTarget(desc, views);
-        this->Convert(this->Upload(source), to, {.dither = DX::FrameDither::Ordered});
-        const auto expected = Reference::ConvertFrame(source, desc, {}, false);
-        std::map<std::pair<unsigned, long>, std::pair<double, int>> differences; // sum and number
-        this->ForEachCode(desc, views, [&](double code, unsigned channel, std::size_t at) {
-            const long width = Reference::SizeOfChannel(desc, channel).width;
-            const long x = static_cast<long>(at) % width;
-            const double difference = code - expected.channels.at(channel)[at];
-            EXPECT_LT(std::fabs(difference), x < 2 * width / kFields ? 0.01 : 1.0);
-            auto& [sum, number] = differences[{channel, x / kPattern}];
-            sum += difference;
-            ++number;
-        });
-        for (const auto& [place, difference] : differences) {
-            this->Note(std::string(layout.name) + ", mean when dithered",
-                       std::fabs(difference.first) / difference.second, 0.02, desc);
+    struct Pattern {
+        DX::FrameDither dither;
+        long size;
+        long fields;
+        const char* name;
+    };
+    constexpr Pattern kPatterns[] = {{DX::FrameDither::Ordered, 8, 40, "when dithered"},
+                                     {DX::FrameDither::BlueNoise, 64, 6, "by blue noise"}};
+    for (const auto& [dither, kPattern, kFields, patternName] : kPatterns) {
+        for (const Layout& layout : {kLayouts[1], kLayouts[11]}) {
+            D3FrameDesc desc = Describe(layout, {2 * kPattern * kFields, 2 * kPattern});
+            desc.chromaLocation = ChromaLocation::Centre; // of one field alone
+            auto rgb = D3FrameDesc::MakeRGB(desc.size);
+            rgb.colorSpace = desc.colorSpace;
+            const auto source =
+                Reference::MakeFrame(rgb, [size = kPattern](unsigned channel, long x, long) {
+                    const long field = x / (2 * size);
+                    return field < 2 ? 255.0 * static_cast<double>(field)
+                                     : static_cast<double>(static_cast<unsigned>(field) *
+                                                           (37 + 11 * channel) % 256) +
+                                           0.37;
+                });
+            std::vector<typename TestFixture::View> views;
+            const auto to = this->MakeTarget(desc, views);
+            this->Convert(this->Upload(source), to, {.dither = dither});
+            const auto expected = Reference::ConvertFrame(source, desc, {}, false);
+            std::map<std::pair<unsigned, long>, std::pair<double, int>> differences; // sum, number
+            this->ForEachCode(
+                desc, views,
+                [&, size = kPattern, fields = kFields](double code, unsigned channel,
+                                                       std::size_t at) {
+                    const long width = Reference::SizeOfChannel(desc, channel).width;
+                    const long x = static_cast<long>(at) % width;
+                    const double difference = code - expected.channels.at(channel)[at];
+                    EXPECT_LT(std::fabs(difference), x < 2 * width / fields ? 0.01 : 1.0);
+                    auto& [sum, number] = differences[{channel, x / size}];
+                    sum += difference;
+                    ++number;
+                });
+            for (const auto& [place, difference] : differences) {
+                this->Note(fmt::format("{}, mean {}", layout.name, patternName),
+                           std::fabs(difference.first) / difference.second, 0.02, desc);
+            }
         }
+    }
+}
+
+// A ramp so flat that a code is 64 pixels wide, as the mean of 9 x 9 pixels shows it from afar.
+TYPED_TEST(D3FrameTest, DitherTakesTheBandsFromARampOfPQ) {
+    constexpr long kWidth = 512, kHeight = 64, kReach = 4;
+    const auto codeAt = [](long x) { return 60.0 + static_cast<double>(x) / 64.0; };
+    auto rgb = D3FrameDesc::MakeRGB({kWidth, kHeight});
+    rgb.colorSpace = kPQ;
+    const auto source = this->Upload(Reference::MakeFrame(
+        rgb, [&](unsigned, long x, long) { return (codeAt(x) - 16.0) / 219.0 * 255.0; }));
+    D3FrameDesc desc = Describe(kLayouts[0], rgb.size);
+    desc.colorSpace = kPQ;
+    for (const auto& [dither, name, least, most] :
+         {std::tuple(DX::FrameDither::None, "none", 0.2, 0.3),
+          {DX::FrameDither::Ordered, "ordered", 0.0, 0.05},
+          {DX::FrameDither::BlueNoise, "blue noise", 0.0, 0.05}}) {
+        std::vector<typename TestFixture::View> views;
+        this->Convert(source, this->MakeTarget(desc, views), {.dither = dither});
+        std::vector<double> errors;
+        this->ForEachCode(desc, views, [&](double code, unsigned channel, std::size_t at) {
+            if (channel == 0) {
+                errors.push_back(code - codeAt(static_cast<long>(at) % kWidth));
+            }
+        });
+        double squares = 0.0;
+        for (long y = kReach; y < kHeight - kReach; ++y) {
+            for (long x = kReach; x < kWidth - kReach; ++x) {
+                double sum = 0.0;
+                for (long i = 0; i < 81; ++i) {
+                    sum += errors[static_cast<std::size_t>((y + i / 9 - kReach) * kWidth + x +
+                                                           i % 9 - kReach)];
+                }
+                squares += sum * sum / (81.0 * 81.0);
+            }
+        }
+        const double root = std::sqrt(
+            squares / static_cast<double>((kWidth - 2 * kReach) * (kHeight - 2 * kReach)));
+        this->Note(fmt::format("bands of a PQ ramp, dither {}", name), root, most, desc);
+        EXPECT_GE(root, least);
+    }
+}
+
+// At every level: the energy of waves longer than ten pixels, beside white noise of the same mean.
+TEST(D3BlueNoiseTest, HasEachRankOnceAndNoLowFrequencies) {
+    constexpr unsigned kSize = DX::kBlueNoiseSize;
+    const auto& ranks = DX::GetBlueNoiseRanks();
+    const std::set<unsigned> all(ranks.begin(), ranks.end());
+    EXPECT_EQ(all.size(), ranks.size());
+    EXPECT_EQ(*all.rbegin(), ranks.size() - 1);
+    for (unsigned level = kSize * 2; level < ranks.size(); level += kSize * 2) {
+        double energy = 0.0;
+        unsigned waves = 0;
+        for (int u = -6; u <= 6; ++u) {
+            for (int v = 0; v <= 6; ++v) {
+                if (u * u + v * v == 0 || u * u + v * v > 36) {
+                    continue;
+                }
+                std::complex<double> wave = 0.0;
+                for (unsigned i = 0; i < ranks.size(); ++i) {
+                    const int phase =
+                        u * static_cast<int>(i % kSize) + v * static_cast<int>(i / kSize);
+                    wave +=
+                        ranks[i] < level ? std::polar(1.0, phase * (std::numbers::pi / 32.0)) : 0.0;
+                }
+                energy += std::norm(wave);
+                ++waves;
+            }
+        }
+        const double share = level / static_cast<double>(ranks.size());
+        const double white = share * (1.0 - share) * static_cast<double>(ranks.size());
+        EXPECT_LT(energy / waves / white, 0.12) << level;
     }
 }
 

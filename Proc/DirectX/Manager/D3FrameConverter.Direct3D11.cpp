@@ -16,6 +16,7 @@ namespace Norvex::DX {
 
 struct D11FrameConverter::Passes : FrameVariants<D11FramePass> {
     KeptConstants<ID3D11Buffer> imageConstants;
+    CComPtr<ID3D11ShaderResourceView> pattern; // null before it is needed
 };
 
 D11FrameConverter::D11FrameConverter(const boost::intrusive_ptr<D11Device>& device)
@@ -54,7 +55,11 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
             {pass.shader, pass.frameConstants.Get(BytesOf(conversion.frames[i]), make)});
     }
     const auto planes = MakePlaneViews(*m_device, source, m_colorLut);
-    const std::array<ID3D11ShaderResourceView*, 3> more = {planes[1], planes[2], planes[3]};
+    if (params.dither == FrameDither::BlueNoise && m_passes->pattern == nullptr) {
+        m_passes->pattern = MakePatternView(m_device);
+    }
+    const std::array<ID3D11ShaderResourceView*, 4> more = {planes[1], planes[2], planes[3],
+                                                           m_passes->pattern};
     const auto owned = MakePlaneTargets(*m_device, destination);
     const std::vector<ID3D11RenderTargetView*> targets(owned.begin(), owned.end());
     const auto event = D11QuadPipeline::BeginEvent(*context, "frame conversion");
@@ -70,7 +75,7 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
                           .moreTextures = more,
                           .moreConstants = steps[i].constants});
     }
-    context->PSSetShaderResources({nullptr, nullptr, nullptr, nullptr});
+    context->PSSetShaderResources({nullptr, nullptr, nullptr, nullptr, nullptr});
     D11QuadPipeline::Unbind(*context);
 }
 

@@ -25,6 +25,7 @@ constexpr auto kFrameDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
 
 struct D12FrameConverter::Passes : FrameVariants<D12FramePass> {
     KeptConstants<ID3D12Resource> imageConstants;
+    boost::intrusive_ptr<D12Descriptor> pattern; // null before it is needed
 };
 
 struct D12FrameConverter::Conversion {
@@ -36,7 +37,7 @@ struct D12FrameConverter::Conversion {
         CComPtr<ID3D12Resource> frameConstants = {};
     };
 
-    D12PlaneViews views;
+    std::vector<boost::intrusive_ptr<D12Descriptor>> views; // planes, pattern
     std::vector<boost::intrusive_ptr<D12Descriptor>> targets;
     std::vector<Step> steps = {};
     CComPtr<ID3D12Resource> imageConstants = {};
@@ -64,8 +65,15 @@ D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
     };
     const FrameConversion wanted =
         MakeFrameConversion(source.desc, destination.desc, params, GetLutDimensions(m_colorLut));
-    Conversion conversion = {MakePlaneViews(*m_device, source, m_colorLut),
+    const D12PlaneViews planeViews = MakePlaneViews(*m_device, source, m_colorLut);
+    Conversion conversion = {{planeViews.begin(), planeViews.end()},
                              MakePlaneTargets(*m_device, destination)};
+    if (params.dither == FrameDither::BlueNoise) {
+        if (m_passes->pattern == nullptr) {
+            m_passes->pattern = MakePatternView(*m_device);
+        }
+        conversion.views.push_back(m_passes->pattern);
+    }
     conversion.imageConstants =
         m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(wanted.image), make);
     for (std::size_t i = 0; i < wanted.passes.size(); ++i) {

@@ -31,8 +31,12 @@ namespace Norvex::DX {
 // How codes are rounded.
 enum class FrameDither : std::uint32_t {
     None = 0, // to the nearest
-    Ordered =
-        1, // by a pattern of 8 x 8 that stays in its place, up as often as they are between two
+    // By a pattern that stays in its place, up as often as they are between two. It is one of 8 x
+    // 8, a regular texture,
+    Ordered = 1,
+    // or one of 64 x 64 without low frequencies, a fine grain: D3BlueNoise.h. The first Encode
+    // makes it.
+    BlueNoise = 2,
 };
 
 // One conversion. Members may be added: name those that are meant.
@@ -108,8 +112,8 @@ public:
 
     // Inside D11Device::Encode. The source's textures need D3D11_BIND_SHADER_RESOURCE, the
     // destination's D3D11_BIND_RENDER_TARGET. What of the context's state is replaced: as of
-    // D11FrameDraw::Encode. What is wrong: as of D12FrameConverter, and "There is no device
-    // context".
+    // D11FrameDraw::Encode, and shader resource 4 of the pixel shader. What is wrong: as of
+    // D12FrameConverter, and "There is no device context".
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const D11Frame& source,
                 const D11Frame& destination, const FrameConvertParams& params = {});
 

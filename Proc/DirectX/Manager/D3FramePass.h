@@ -79,6 +79,11 @@ std::span<const std::uint8_t> BytesOf(const Params& params) {
     return {reinterpret_cast<const std::uint8_t*>(&params), sizeof(params)};
 }
 
+// What a shader reads from t0 on: planes, a color LUT, and the pattern of dither by blue noise.
+inline unsigned CountFrameViews(const FrameShaderKey& key) {
+    return key.dither == FrameDither::BlueNoise ? 5 : 4;
+}
+
 // Root parameters of a pass, in the order in which they are added.
 inline constexpr unsigned kFrameImageIndex = 0;
 inline constexpr unsigned kFrameConstantsIndex = 1;
@@ -93,7 +98,7 @@ struct D12FramePass {
         : pipeline(device, name, vertexShader, GetFrameShader(key)),
           image(AddConstants(0, imageReader)),
           frame(AddConstants(1, D3D12_SHADER_VISIBILITY_PIXEL)),
-          planes(pipeline.AddTexture(4)) {}
+          planes(pipeline.AddTexture(CountFrameViews(key))) {}
 
     D12QuadPipeline pipeline;
     boost::intrusive_ptr<D12ConstantBufferView> image;

@@ -64,8 +64,8 @@ struct FrameShaderKey {
     bool operator==(const FrameShaderKey&) const = default;
 };
 
-// The text of it, entry "PSMain". Parameters b0 and b1, planes t0 to t2. A drawer's draws a frame
-// as D3ImageRenderer's draws an image.
+// The text of it, entry "PSMain". Parameters b0 and b1, planes t0 to t2; dither by blue noise has
+// its ranks in t3. A drawer's draws a frame as D3ImageRenderer's draws an image.
 std::string GetFrameShader(const FrameShaderKey& key);
 
 // Planes of one size, which one pass writes.

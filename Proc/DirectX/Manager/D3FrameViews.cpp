@@ -4,6 +4,10 @@
 #include <cstring>
 
 #include "Platform/D3D12Abi.h"
+#include "Proc/DirectX/Manager/D3BlueNoise.h"
+#include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
+#include "Proc/DirectX/Manager/D3QuadPipeline.h"
 
 namespace Norvex::DX {
 
@@ -121,10 +125,34 @@ FrameTextures DescribeTextures(const D11Frame& frame) {
     return textures;
 }
 
-D12PlanesOfOneDraw::D12PlanesOfOneDraw(D12ViewTable& table, const D12PlaneViews& views)
+boost::intrusive_ptr<D12Descriptor> MakePatternView(D12Device& device) {
+    const auto& ranks = GetBlueNoiseRanks();
+    const auto buffer = CreateConstants(device, BytesOf(ranks), L"Blue noise");
+    D3D12_SHADER_RESOURCE_VIEW_DESC desc = {};
+    desc.Format = DXGI_FORMAT_R16_UINT;
+    desc.ViewDimension = D3D12_SRV_DIMENSION_BUFFER;
+    desc.Shader4ComponentMapping = D3D12_DEFAULT_SHADER_4_COMPONENT_MAPPING;
+    desc.Buffer.NumElements = static_cast<UINT>(ranks.size());
+    return device.CreateShaderResourceView(buffer, desc);
+}
+
+CComPtr<ID3D11ShaderResourceView> MakePatternView(const boost::intrusive_ptr<D11Device>& device) {
+    const auto& ranks = GetBlueNoiseRanks();
+    const auto bytes = BytesOf(ranks);
+    const auto buffer =
+        CreateFilledBuffer(device, D3D11_BIND_SHADER_RESOURCE, bytes.data(), bytes.size());
+    D3D11_SHADER_RESOURCE_VIEW_DESC desc = {};
+    desc.Format = DXGI_FORMAT_R16_UINT;
+    desc.ViewDimension = D3D11_SRV_DIMENSION_BUFFER;
+    desc.Buffer.NumElements = static_cast<UINT>(ranks.size());
+    return device->CreateShaderResourceView(buffer, desc);
+}
+
+D12PlanesOfOneDraw::D12PlanesOfOneDraw(D12ViewTable& table,
+                                       std::span<const boost::intrusive_ptr<D12Descriptor>> views)
     : m_table(table) {
     for (unsigned i = 0; i < views.size(); ++i) {
-        m_table.SetView(i, i, views.at(i), 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
+        m_table.SetView(i, i, views[i], 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
     }
 }
 

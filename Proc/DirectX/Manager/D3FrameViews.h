@@ -5,6 +5,7 @@
 // make views.
 
 #include <array>
+#include <span>
 #include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -28,10 +29,15 @@ using D11PlaneViews = std::array<CComPtr<ID3D11ShaderResourceView>, 4>;
 D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame,
                              const boost::intrusive_ptr<D11ColorLut>& lut);
 
-// A table holds a frame's planes for one draw, also when that fails.
+// The ranks of D3BlueNoise.h, for t4.
+boost::intrusive_ptr<D12Descriptor> MakePatternView(D12Device& device);
+CComPtr<ID3D11ShaderResourceView> MakePatternView(const boost::intrusive_ptr<D11Device>& device);
+
+// A table holds a frame's planes for one draw, also when that fails; and what else it reads.
 class D12PlanesOfOneDraw {
 public:
-    D12PlanesOfOneDraw(D12ViewTable& table, const D12PlaneViews& views);
+    D12PlanesOfOneDraw(D12ViewTable& table,
+                       std::span<const boost::intrusive_ptr<D12Descriptor>> views);
     ~D12PlanesOfOneDraw() { m_table.Clear(); }
     D12PlanesOfOneDraw(const D12PlanesOfOneDraw&) = delete;
     D12PlanesOfOneDraw& operator=(const D12PlanesOfOneDraw&) = delete;

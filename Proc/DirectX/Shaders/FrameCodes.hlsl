@@ -105,6 +105,8 @@ float4 MeanOfTaps( int2 at )
 
 #endif
 
+static const uint2 PATTERN_SHIFT = uint2( 19, 37 ); // 3 and 5 of eight
+
 #if DITHER == 1
 
 // Bayer's 8 x 8, each of 64 steps between 0 and 1 once.
@@ -117,6 +119,16 @@ float Threshold( uint2 at )
     return ( float( order ) + 0.5 ) / 64.0;
 }
 
+#elif DITHER == 2
+
+Buffer<uint> patternRanks: register( t4 ); // of 64 x 64 pixels
+
+float Threshold( uint2 at )
+{
+    uint2 place = at & 63u;
+    return ( float( patternRanks.Load( int( place.y * 64u + place.x ) ) ) + 0.5 ) / 4096.0;
+}
+
 #else
 
 float Threshold( uint2 at )
@@ -126,11 +138,11 @@ float Threshold( uint2 at )
 
 #endif
 
-// The sample of a channel, of which the thresholds lie this far from the first's.
-float SampleOf( float4 row, float3 color, uint2 at )
+// The sample of a channel. Each has its thresholds elsewhere in the pattern.
+float SampleOf( float4 row, float3 color, uint2 at, uint channel )
 {
     float code = clamp( dot( row.xyz, color ) + row.w, smallestCode, largestCode );
-    return floor( code + Threshold( at ) ) * codeUnit;
+    return floor( code + Threshold( at + channel * PATTERN_SHIFT ) ) * codeUnit;
 }
 
 PSOutput PSMain( PSInput input )
@@ -140,12 +152,12 @@ PSOutput PSMain( PSInput input )
 #ifdef OPAQUE
     color.a = 1.0;
 #endif
-    float3 samples = float3( SampleOf( firstOfColors, color.rgb, uint2( at ) ), 0.0, 0.0 );
+    float3 samples = float3( SampleOf( firstOfColors, color.rgb, uint2( at ), 0u ), 0.0, 0.0 );
 #if CHANNEL_COUNT > 1
-    samples.y = SampleOf( secondOfColors, color.rgb, uint2( at ) + uint2( 3, 5 ) );
+    samples.y = SampleOf( secondOfColors, color.rgb, uint2( at ), 1u );
 #endif
 #if CHANNEL_COUNT > 2
-    samples.z = SampleOf( thirdOfColors, color.rgb, uint2( at ) + uint2( 6, 2 ) );
+    samples.z = SampleOf( thirdOfColors, color.rgb, uint2( at ), 2u );
 #endif
 
     PSOutput output;
