@@ -88,26 +88,44 @@ float3 linear_to_srgb( float3 pixel, bool displayLinear )
     return display_linear_to_srgb( pixel );
 }
 
-// SMPTE ST 2084.
+// SMPTE ST 2084. The powers of 1/m2 and m2 are of numbers so near to 1 that single precision leaves
+// little of what they differ by, and c2 - c3 e is the small difference of great numbers. So it is
+// with 1 - e that this computes: c1 = 1 - c2 + c3, so that e - c1 is k - (1 - e), and c2 - c3 e is
+// k + c3 (1 - e), where k = c2 - c3.
 static const float PQ_M1 = 2610.0 / 16384.0;
 static const float PQ_M2 = 2523.0 / 4096.0 * 128.0;
-static const float PQ_C1 = 3424.0 / 4096.0;
-static const float PQ_C2 = 2413.0 / 4096.0 * 32.0;
 static const float PQ_C3 = 2392.0 / 4096.0 * 32.0;
+static const float PQ_K = ( 2413.0 - 2392.0 ) / 4096.0 * 32.0;
 static const float PQ_M1_INV = 16384.0 / 2610.0;
-static const float PQ_M2_INV = 4096.0 / 2523.0 / 128.0;
+static const float LN_2 = 0.693147181;
+// A signal whose light is below 0, so that 0 is none.
+static const float PQ_NO_LIGHT = 5e-7;
 
-// The divisor is at least PQ_C2 - PQ_C3, which is positive.
-float3 pq_decode( float3 v )
+// 1 - exp(t) for t from -0.19 to 0, relative to its size.
+float3 one_minus_exp( float3 t )
 {
-    float3 e = pow( saturate( v ), PQ_M2_INV );
-    return 100.0 * pow( max( e - PQ_C1, 0.0 ) / ( PQ_C2 - PQ_C3 * e ), PQ_M1_INV );
+    float3 sum = 1.0 + t / 6.0;
+    sum = 1.0 + t / 5.0 * sum;
+    sum = 1.0 + t / 4.0 * sum;
+    sum = 1.0 + t / 3.0 * sum;
+    return -t * ( 1.0 + t / 2.0 * sum );
 }
 
+float3 pq_decode( float3 v )
+{
+    float3 d = one_minus_exp( log2( max( saturate( v ), PQ_NO_LIGHT ) ) * ( LN_2 / PQ_M2 ) );
+    return 100.0 * pow( max( PQ_K - d, 0.0 ) / ( PQ_K + PQ_C3 * d ), PQ_M1_INV );
+}
+
+// log(1 - d) = -2 artanh(d / (2 - d)).
 float3 pq_encode( float3 v )
 {
     float3 y = pow( saturate( v * 0.01 ), PQ_M1 );
-    return pow( ( PQ_C1 + PQ_C2 * y ) / ( 1.0 + PQ_C3 * y ), PQ_M2 );
+    float3 d = PQ_K * ( 1.0 - y ); // of 1 + c3 y
+    float3 z = d / ( 2.0 + 2.0 * PQ_C3 * y - d );
+    float3 square = z * z;
+    float3 series = 1.0 + square * ( 1.0 / 3.0 + square * ( 1.0 / 5.0 + square / 7.0 ) );
+    return exp2( z * series * ( -2.0 * PQ_M2 / LN_2 ) );
 }
 
 float3 pq_tonemap( float3 light, float tonemapA, float tonemapB )
