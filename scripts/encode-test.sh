@@ -59,6 +59,30 @@ decodes() {
     expect "frames of the muxed clip" "$count" == "$frames"
 }
 
+# README's line: HDR10 from ffmpeg becomes SDR in an encoder, with every frame, and as zscale makes it
+# where ffmpeg has that. The clip stays below white and inside Rec. 709, beyond which zscale cuts
+# R'G'B' and the library Y'C'bC'r.
+turns_hdr_into_sdr() {
+    local count filters psnr
+    ffmpeg -v error -f lavfi -i "testsrc2=size=$size:rate=$rate" -frames:v 10 \
+        -vf "format=yuv420p10le,lutyuv=y=200+(val-64)*0.35:u=512+(val-512)*0.04:v=512+(val-512)*0.04" \
+        -color_primaries bt2020 -color_trc smpte2084 -colorspace bt2020nc -color_range tv -c:v ffv1 -y hdr.mkv
+    ffmpeg -v error -i hdr.mkv -f yuv4mpegpipe -strict -1 - |
+        encode - --from rec2020-pq --to rec709 --source-peak 203 --format yuv420p --container y4m -o - |
+        tee ours.y4m | ffmpeg -v error -i - -c:v libx264 -y sdr.mp4
+    count=$(ffprobe -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 sdr.mp4)
+    expect "frames of the clip in SDR" "$count" == 10
+    filters=$(ffmpeg -v error -filters)
+    if [[ $filters != *zscale* ]]; then
+        echo "ffmpeg has no zscale: not compared"
+        return
+    fi
+    psnr=$(ffmpeg -hide_banner -i ours.y4m -i hdr.mkv -lavfi "[1]zscale=tin=smpte2084:min=2020_ncl:pin=2020:rin=limited:cin=left:t=709:m=709:p=709:r=limited:c=left:npl=203,format=yuv420p[b];[0][b]psnr" \
+        -f null - 2>&1 | sed -n 's/.*PSNR y:\([0-9.inf]*\) u:\([0-9.inf]*\) v:\([0-9.inf]*\).*/\1 \2 \3/p')
+    echo "PSNR of Y', C'b and C'r against zscale: $psnr"
+    expect "PSNR of luma against zscale" "${psnr%% *}" '>' "$kMinPsnr"
+}
+
 # A reader that goes away ends it with one line, even while the input neither goes on nor ends.
 ends_with_reader() {
     local status=0
@@ -144,6 +168,7 @@ agrees_with_itself() {
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D11 agrees d3d11
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D12 agrees d3d12
 run_case EncodePipeTest WhatComesOutDecodes decodes
+run_case EncodePipeTest TurnsHdrIntoSdr turns_hdr_into_sdr
 run_case EncodePipeTest EndsWithItsReader ends_with_reader
 run_case EncodePipeTest EndsWhenTheDiskIsFull ends_with_full_disk
 run_case EncodePipeTest LeavesNothingWhenItIsInterrupted ends_when_interrupted

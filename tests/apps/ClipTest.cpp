@@ -41,6 +41,34 @@ TEST(ClipTest, Y4mHeadersAreReadAsTheyAreWrittenAndOthersRefused) {
     }
 }
 
+TEST(ClipTest, Y4mPlanesAreThoseOfTheDescription) {
+    const auto describe = [](const std::string& tags) {
+        return DescribeY4mPlanes(ParseY4mHeader("YUV4MPEG2 W5 H3 " + tags));
+    };
+    EXPECT_EQ(describe("C422p14").fileBytes, (15u + 2 * 9) * 2);
+    EXPECT_EQ(describe("XCOLORRANGE=FULL").desc.range, DX::FrameRange::Full);
+    const auto finish = [](const Y4mPlanes& planes, Bytes samples) {
+        samples.resize(GetFrameBytes(planes.desc));
+        FinishY4mPlanes(planes, samples);
+        return samples;
+    };
+    // Codes of 9 bits double; what mono lacks is no colour.
+    const Bytes nine = finish(describe("C420p9"), Bytes(54, 1));
+    EXPECT_EQ(nine, Bytes(54, 2));
+    const Bytes grey = finish(describe("Cmono"), Bytes(15, 7));
+    EXPECT_EQ(grey[14], 7);
+    EXPECT_EQ(Bytes(grey.begin() + 15, grey.end()), Bytes(12, 128));
+    constexpr std::pair<const char*, const char*> kRefused[] = {
+        {"C411", "C411 is not taken"},
+        {"C444alpha", "C444alpha is not taken"},
+        {"C420p14 XCOLORRANGE=FULL", "in full range is not taken"},
+        {"XCOLORRANGE=HALF", "colour range HALF"},
+    };
+    for (const auto& [tags, words] : kRefused) {
+        EXPECT_THAT(FailureOf([&] { describe(tags); }), HasSubstr(words));
+    }
+}
+
 TEST(ClipTest, Y4mDecodesPublishedCodes) {
     const auto expect = [](const char* colors, YCbCrMatrix matrix, const std::string& codes,
                            const Samples& rgb) {

@@ -10,6 +10,7 @@
 #include "apps/norvexdx/reference/ColorReference.h"
 #include "apps/norvexdx/reference/FrameReference.h"
 #include "apps/norvexdx/reference/YCbCrReference.h"
+#include "tests/apps/Expectations.h"
 #include "tests/apps/Process.h"
 
 namespace Norvex::Test {
@@ -175,6 +176,34 @@ TEST_P(EncodeProgramTest, FitsFramesOfAnySizeOverBlack) {
         EXPECT_NEAR(frame[16], edge, bound);
         frame += kFrame;
     }
+}
+
+TEST_P(EncodeProgramTest, AFrameOfAClipBecomesAPicture) {
+    const auto frame =
+        [](char code) { // 7 x 3, a white column at the left edge of 4:2:0 in C420jpeg
+            std::string luma(7 * 3, code);
+            luma[0] = luma[7] = luma[14] = '\xEB';
+            return "FRAME\n" + luma + std::string(2 * 4 * 2, '\x80');
+        };
+    WriteBytes(m_folder.GetPath("a.y4m"), "YUV4MPEG2 W7 H3\n" + frame('\x10') + frame('\x7D'));
+    const auto expect = [&](const std::string& options, unsigned x, unsigned y, unsigned grey) {
+        SCOPED_TRACE(options);
+        Run("convert @a.y4m @a.png --depth 16 " + options);
+        const unsigned sample = grey * 65535 / 219;
+        ExpectPixel(ReadImage(m_folder.GetPath("a.png")), x, y, {sample, sample, sample, 65535},
+                    40);
+    };
+    expect("", 3, 1, 0);
+    expect("--frame 2", 3, 1, 125 - 16);
+    expect("--frame 2", 0, 2, 219);
+    // Pixels stay squares, and lie where they should.
+    expect("--frame 2 --size 21x11 --scaler area", 2, 9, 219);
+    expect("--frame 2 --size 21x11 --scaler area", 3, 1, 125 - 16);
+    Run("convert @a.y4m @b.png --frame 3", {"has 2 frames, not 3"}, 1);
+    Run("convert @a.y4m @b.png --input-format p010 --input-size 7x3 --frame 2",
+        {"ends in the middle of frame 2"}, 1);
+    Run("convert @a.y4m @b.png --input-format p010", {"raw frames need --size"}, 1);
+    Run("convert @a.png @b.png --frame 1", {"is no clip"}, 1);
 }
 
 TEST_P(EncodeProgramTest, TakesTheMatrixOfTheFirstPicture) {

@@ -1,5 +1,7 @@
 #include "apps/norvexdx/clips/ClipFrame.h"
 
+#include "apps/norvexdx/graphics/Formats.h"
+
 namespace Norvex::App {
 
 std::size_t GetPlaneRowBytes(const DX::D3FrameDesc& desc, unsigned plane) {
@@ -28,6 +30,21 @@ void ClipFrame::SetPlanes(const DX::D3FrameDesc& planes) {
     height = static_cast<std::uint32_t>(planes.size.height);
     bitsPerChannel = planes.bitDepth == 8 ? 8 : 16;
     pixels.resize(GetFrameBytes(planes));
+}
+
+std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame) {
+    if (!frame.desc) {
+        return {{frame.pixels.data(), frame.GetRowSize(), frame.GetSize(),
+                 GetPictureFormat(frame.bitsPerChannel)}};
+    }
+    std::vector<PlaneRows> planes;
+    const std::uint8_t* data = frame.pixels.data();
+    for (unsigned i = 0; i < frame.desc->GetPlaneCount(); ++i) {
+        const DX::FramePlane plane = frame.desc->GetPlane(i);
+        planes.push_back({data, GetPlaneRowBytes(*frame.desc, i), plane.size, plane.format});
+        data += GetPlaneBytes(*frame.desc, i);
+    }
+    return planes;
 }
 
 } // namespace Norvex::App

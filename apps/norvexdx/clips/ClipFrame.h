@@ -4,7 +4,10 @@
 // pure functions, any thread. Next: VideoFormat.h, FrameSource.h.
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "Proc/DirectX/Manager/D3Frame.h"
 #include "apps/norvexdx/pictures/Image.h"
@@ -29,5 +32,15 @@ struct ClipFrame : Image {
     // Makes room for planes; what was there is not kept in its place.
     void SetPlanes(const DX::D3FrameDesc& planes);
 };
+
+// Rows of a plane, or of a picture, in a frame's memory.
+struct PlaneRows {
+    const std::uint8_t* data = nullptr;
+    std::size_t rowBytes = 0; // without padding
+    DX::Size2DT<long> size;   // samples
+    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;
+};
+// One each, 1 to 3.
+std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame);
 
 } // namespace Norvex::App

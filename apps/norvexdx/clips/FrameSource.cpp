@@ -177,7 +177,7 @@ std::unique_ptr<FrameSource> MakeY4mSource(std::unique_ptr<ByteStream> stream,
 std::unique_ptr<FrameSource> MakeRawSource(std::unique_ptr<ByteStream> stream,
                                            const EncodePlan& plan) {
     const EncodeOptions& options = plan.options;
-    const auto size = options.inputSize ? options.inputSize : options.size;
+    const auto size = options.input.size ? options.input.size : options.size;
     if (!size) {
         throw Failure(options.inputs.front() == kStandardStream
                           ? "raw frames on standard input need --size"
@@ -185,12 +185,12 @@ std::unique_ptr<FrameSource> MakeRawSource(std::unique_ptr<ByteStream> stream,
                       ExitCode::WrongUsage);
     }
     std::optional<DX::D3FrameDesc> desc;
-    if (options.inputFormat && options.inputFormat->video) {
-        desc = options.inputFormat->video->Describe(*size);
+    if (options.input.format && options.input.format->video) {
+        desc = options.input.format->video->Describe(*size);
         plan.SetInput(*desc);
     }
     const unsigned depth =
-        options.inputFormat ? options.inputFormat->bits : options.inputDepth.value_or(8);
+        options.input.format ? options.input.format->bits : options.inputDepth.value_or(8);
     return std::make_unique<RawSource>(std::move(stream), *size, depth, desc);
 }
 
@@ -257,6 +257,8 @@ private:
     std::size_t m_next = 0;
 };
 
+} // namespace
+
 bool IsY4m(const std::string& file) {
     const auto path = PathFromUtf8(file);
     std::error_code error;
@@ -267,11 +269,9 @@ bool IsY4m(const std::string& file) {
            ByteStream::OpenFile(path)->Peek(kY4mMagic.size()).starts_with(kY4mMagic);
 }
 
-} // namespace
-
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan) {
-    if (!plan.options.inputFormat && stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
+    if (!plan.options.input.format && stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
         return MakeY4mSource(std::move(stream), plan);
     }
     return MakeRawSource(std::move(stream), plan);
@@ -283,7 +283,7 @@ std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan) {
     if (first == kStandardStream) {
         return MakeStreamSource(ByteStream::OpenStandardInput(), plan);
     }
-    if (plan.options.inputFormat) {
+    if (plan.options.input.format) {
         return MakeRawSource(ByteStream::OpenFile(PathFromUtf8(first)), plan);
     }
     for (const std::string& file : inputs) {

@@ -44,6 +44,8 @@ protected:
 // As the plan says. Failures: no such file, not a picture, not a Y4M stream that is taken, raw
 // frames of unknown size.
 std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan);
+// Whether the file is one in Y4M, by its name or its beginning.
+bool IsY4m(const std::string& file);
 // Raw frames, or the Y4M stream that it turns out to be.
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan);

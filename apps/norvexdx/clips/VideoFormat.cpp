@@ -127,6 +127,17 @@ std::optional<VideoFormat> ParseVideoFormat(std::string_view name) {
     return found != std::end(kFormats) ? std::optional(*found) : std::nullopt;
 }
 
+std::optional<RawFormat> ParseRawFormat(std::string_view name) {
+    if (name == "rgba") {
+        return RawFormat{{}, 8};
+    }
+    if (name == "rgba64le" || name == "rgba64") {
+        return RawFormat{{}, 16};
+    }
+    const auto video = ParseVideoFormat(name);
+    return video ? std::optional(RawFormat{video, video->bits}) : std::nullopt;
+}
+
 std::optional<Conf::YCbCrMatrix> ParseMatrix(std::string_view name) {
     const auto* found = std::find_if(std::begin(kMatrices), std::end(kMatrices),
                                      [&](const NamedMatrix& entry) { return entry.name == name; });

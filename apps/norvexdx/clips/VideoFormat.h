@@ -42,6 +42,21 @@ struct VideoFormat {
 
 DX::Size2DT<long> GetChromaSize(const DX::Size2DT<long>& size);
 
+// Of raw frames: those of a format, or RGBA of 8 or 16 bits a channel.
+struct RawFormat {
+    std::optional<VideoFormat> video; // empty: RGBA
+    unsigned bits = 8;                // a channel, or of a code
+};
+
+// What the user says of a clip that is read; what he does not, the clip or a default says.
+struct ClipInput {
+    std::optional<RawFormat> format;       // raw frames, whatever the file begins with
+    std::optional<DX::Size2DT<long>> size; // of raw frames
+    std::optional<Conf::YCbCrMatrix> matrix;
+    std::optional<DX::FrameRange> range;
+    std::optional<DX::ChromaLocation> siting;
+};
+
 // Frames per second, both parts from 1 to 1000000.
 struct FrameRate {
     std::uint32_t numerator = 25;
@@ -56,6 +71,8 @@ std::span<const VideoFormat> GetPairFormats();
 std::string GetVideoFormatNames();
 // A name as ffmpeg has it; those of more than 8 bits also end in "le".
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name);
+// A name as ffmpeg has it: rgba, rgba64le, and those of ParseVideoFormat.
+std::optional<RawFormat> ParseRawFormat(std::string_view name);
 // bt601, bt709, bt2020.
 std::optional<Conf::YCbCrMatrix> ParseMatrix(std::string_view name);
 std::string GetMatrixName(Conf::YCbCrMatrix matrix);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -9,7 +11,9 @@
 
 #include <fmt/format.h>
 
+#include "apps/norvexdx/clips/FrameSource.h"
 #include "apps/norvexdx/console/Console.h"
+#include "apps/norvexdx/console/Failure.h"
 #include "apps/norvexdx/console/Progress.h"
 #include "apps/norvexdx/console/Report.h"
 #include "apps/norvexdx/console/Stopwatch.h"
@@ -56,7 +60,7 @@ private:
     void Work();
     // A job is done; without a failure it is empty. Failures are told in the order of the inputs.
     void Finish(std::size_t index, const std::string& failure);
-    PictureReport Convert(const ConvertJob& job, Image image, double decodeMs) const;
+    PictureReport Convert(const ConvertJob& job, ClipFrame frame, double decodeMs) const;
     void ShowProgress();
 
     const ConvertPlan& m_plan;
@@ -70,6 +74,57 @@ private:
     // Last, because the thread that makes it uses the others.
     std::shared_future<std::shared_ptr<Graphics>> m_graphics;
 };
+
+// A frame of a clip is what the user or the file says that it is, everything else a picture.
+ClipFrame ReadInput(const std::filesystem::path& path, const ConvertOptions& options) {
+    const std::string name = Utf8FromPath(path);
+    if (!options.input.format && !IsY4m(name)) {
+        if (options.frame) {
+            throw Failure(name + " is no clip: --frame is for Y4M, and for raw frames with "
+                                 "--input-format");
+        }
+        return ReadImage(path, options.from);
+    }
+    EncodePlan plan;
+    plan.options.inputs = {name};
+    plan.options.from = options.from;
+    plan.options.input = options.input;
+    const auto source = OpenFrameSource(plan);
+    ClipFrame frame;
+    const unsigned wanted = options.frame.value_or(1);
+    for (unsigned i = 1; i <= wanted; ++i) {
+        if (!source->Read(frame)) {
+            throw Failure(fmt::format("{} has {} frames, not {}", name, i - 1, wanted));
+        }
+    }
+    return frame;
+}
+
+// Where the picture is drawn.
+DX::Size2DT<long> GetArea(const ConvertOptions& options, const Canvas& canvas) {
+    return options.rect ? DX::Size2DT<long>{options.rect->right - options.rect->left,
+                                            options.rect->bottom - options.rect->top}
+                        : canvas.GetSize();
+}
+
+// The picture in the size in which the view draws it, which then is 1:1.
+std::unique_ptr<Picture> ScaleFor(Graphics& graphics, const Picture& source,
+                                  const DX::Size2DT<long>& area, const ConvertOptions& options,
+                                  View& view) {
+    static constexpr long kLargest = 16384; // pixels
+    const float scale = PlacePicture(view, source.GetSize(), area).scale;
+    // As many pixels left and right, above and below: the picture then lies on those of the area.
+    const auto scaled = [scale](long side, long room) {
+        const long size = std::clamp(std::lround(static_cast<float>(side) * scale), 1L, kLargest);
+        return size + std::abs(room - size) % 2;
+    };
+    const DX::Size2DT<long> size = {scaled(source.GetSize().width, area.width),
+                                    scaled(source.GetSize().height, area.height)};
+    if (view.scale) {
+        view.scale = 1.0F;
+    }
+    return graphics.Scale(source, size, *options.scaler, options.sourceAlpha);
+}
 
 bool HasValue(const std::shared_future<std::shared_ptr<Graphics>>& future) {
     try {
@@ -101,10 +156,10 @@ void Batch::Work() {
         std::string failure;
         try {
             const Stopwatch stopwatch;
-            Image image = ReadImage(job.input, m_plan.options.from);
+            ClipFrame frame = ReadInput(job.input, m_plan.options);
             const double decodeMs = stopwatch.GetMilliseconds();
             m_graphics.get();
-            m_reports[i] = Convert(job, std::move(image), decodeMs);
+            m_reports[i] = Convert(job, std::move(frame), decodeMs);
         } catch (...) {
             // Without a device no picture can be converted: that is told once, by Run.
             if (!HasValue(m_graphics)) {
@@ -127,7 +182,7 @@ void Batch::Finish(std::size_t index, const std::string& failure) {
     }
 }
 
-PictureReport Batch::Convert(const ConvertJob& job, Image image, double decodeMs) const {
+PictureReport Batch::Convert(const ConvertJob& job, ClipFrame frame, double decodeMs) const {
     Graphics& graphics = GetGraphics();
     const ConvertOptions& options = m_plan.options;
     PictureReport report;
@@ -135,18 +190,22 @@ PictureReport Batch::Convert(const ConvertJob& job, Image image, double decodeMs
     report.times.decode = decodeMs;
 
     Stopwatch upload;
-    const auto source = graphics.Upload(image);
+    auto source = graphics.UploadFrame(frame);
     report.times.upload = upload.GetMilliseconds();
     report.sourceFormat = source->GetFormat();
-    report.profile = image.profile ? image.profile->name : std::string();
-    const unsigned depth = options.depth.value_or(image.bitsPerChannel);
-    const auto outputSpace = options.to ? options.to : image.colorSpace;
-    image = {};
+    report.profile = frame.profile ? frame.profile->name : std::string();
+    const unsigned depth = options.depth.value_or(frame.bitsPerChannel);
+    const auto outputSpace = options.to ? options.to : frame.colorSpace;
+    frame = {};
 
     const auto canvas = graphics.MakeCanvas(options.size.value_or(source->GetSize()), depth);
-    const auto drawn = graphics.Draw(
-        *source, *canvas,
-        {m_plan.view, m_plan.conversion, options.rect, m_plan.background, m_plan.blends});
+    View view = m_plan.view;
+    if (options.scaler) {
+        source = ScaleFor(graphics, *source, GetArea(options, *canvas), options, view);
+    }
+    const auto drawn =
+        graphics.Draw(*source, *canvas,
+                      {view, m_plan.conversion, options.rect, m_plan.background, m_plan.blends});
     report.times.draw = drawn.drawMs;
     report.transform = drawn.transform;
     WriteCanvas(*canvas, job.output, outputSpace, report);

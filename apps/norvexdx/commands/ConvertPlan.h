@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Proc/DirectX/Manager/D3Scaler.h"
+#include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/console/Arguments.h"
 #include "apps/norvexdx/graphics/Graphics.h"
 
@@ -35,6 +37,9 @@ struct ConvertOptions {
     std::optional<DX::Rect2DT<long>> rect;
     std::optional<Proc::ColorF> background;
     std::optional<unsigned> depth;
+    std::optional<DX::ScaleKernel> scaler; // empty: drawn in their size
+    std::optional<unsigned> frame;         // of clips, from 1
+    ClipInput input;                       // of clips
     bool json = false;
 };
 

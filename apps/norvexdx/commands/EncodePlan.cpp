@@ -22,10 +22,10 @@ void CheckInputs(const EncodeOptions& options) {
     if (options.inputDepth && !readsStandardInput) {
         throw Failure("--input-depth is for standard input (-) only", ExitCode::WrongUsage);
     }
-    if (options.inputFormat && inputs.size() > 1) {
+    if (options.input.format && inputs.size() > 1) {
         throw Failure("a file of raw frames goes alone", ExitCode::WrongUsage);
     }
-    if (options.inputFormat && options.inputDepth) {
+    if (options.input.format && options.inputDepth) {
         throw Failure("--input-depth and --input-format contradict each other",
                       ExitCode::WrongUsage);
     }
@@ -39,10 +39,10 @@ void CheckTwoPass(const EncodeOptions& options) {
         {options.siting.has_value(), "--siting"},
         {options.dither.has_value(), "--dither"},
         {options.scaler.has_value(), "--scaler"},
-        {options.inputFormat && options.inputFormat->video, "--input-format in Y'CbCr"},
-        {options.inputMatrix.has_value(), "--input-matrix"},
-        {options.inputRange.has_value(), "--input-range"},
-        {options.inputSiting.has_value(), "--input-siting"},
+        {options.input.format && options.input.format->video, "--input-format in Y'CbCr"},
+        {options.input.matrix.has_value(), "--input-matrix"},
+        {options.input.range.has_value(), "--input-range"},
+        {options.input.siting.has_value(), "--input-siting"},
     };
     for (const auto& [isAsked, what] : needs) {
         if (isAsked) {
@@ -86,9 +86,15 @@ std::optional<Proc::ColorAlphaConversionInfo> PlanConversion(const EncodeOptions
         throw Failure("--from and --to belong together", ExitCode::WrongUsage);
     }
     if (!options.from) {
+        if (options.sourcePeak || options.targetPeak || options.referenceWhite) {
+            throw Failure("a conversion of colours needs --from and --to", ExitCode::WrongUsage);
+        }
         return std::nullopt;
     }
     ConvertOptions convert;
+    convert.sourcePeak = options.sourcePeak;
+    convert.targetPeak = options.targetPeak;
+    convert.referenceWhite = options.referenceWhite;
     convert.from = options.from;
     convert.to = options.to;
     convert.targetAlpha = Proc::AlphaType::AlphaIsOne; // a clip has none
@@ -96,17 +102,6 @@ std::optional<Proc::ColorAlphaConversionInfo> PlanConversion(const EncodeOptions
 }
 
 } // namespace
-
-std::optional<RawFormat> ParseRawFormat(std::string_view name) {
-    if (name == "rgba") {
-        return RawFormat{{}, 8};
-    }
-    if (name == "rgba64le" || name == "rgba64") {
-        return RawFormat{{}, 16};
-    }
-    const auto video = ParseVideoFormat(name);
-    return video ? std::optional(RawFormat{video, video->bits}) : std::nullopt;
-}
 
 std::optional<ConverterChoice> ParseConverter(std::string_view name) {
     constexpr Name<ConverterChoice> kNames[] = {{"one-pass", ConverterChoice::OnePass},
@@ -146,9 +141,9 @@ EncodePlan::GetMatrix(const std::optional<Conf::RGBColorSpace>& inputSpace) cons
 void EncodePlan::SetInput(DX::D3FrameDesc& desc) const {
     const auto ofSpace =
         IsWide(options.from) ? Conf::YCbCrMatrix::BT2020NonConstant : Conf::YCbCrMatrix::BT709;
-    desc.matrix = options.inputMatrix.value_or(options.from ? ofSpace : GetMatrix({}));
-    desc.range = options.inputRange.value_or(desc.range);
-    desc.chromaLocation = options.inputSiting.value_or(desc.chromaLocation);
+    desc.matrix = options.input.matrix.value_or(options.from ? ofSpace : GetMatrix({}));
+    desc.range = options.input.range.value_or(desc.range);
+    desc.chromaLocation = options.input.siting.value_or(desc.chromaLocation);
 }
 
 DX::D3FrameDesc EncodePlan::DescribeOutput(const DX::Size2DT<long>& size,

@@ -26,14 +26,6 @@ enum class ConverterChoice {
     TwoPass, // pairs alone, divided by 2^bits: D3YUVConverter.h
 };
 
-// Of raw frames: those of a format, or RGBA of 8 or 16 bits a channel.
-struct RawFormat {
-    std::optional<VideoFormat> video; // empty: RGBA
-    unsigned bits = 8;                // a channel, or of a code
-};
-
-// A name as ffmpeg has it: rgba, rgba64le, and those of ParseVideoFormat.
-std::optional<RawFormat> ParseRawFormat(std::string_view name);
 // one-pass, two-pass.
 std::optional<ConverterChoice> ParseConverter(std::string_view name);
 // none, ordered.
@@ -51,13 +43,12 @@ struct EncodeOptions {
     std::optional<Conf::YCbCrMatrix> matrix;
     std::optional<Conf::RGBColorSpace> from;
     std::optional<Conf::RGBColorSpace> to;
+    std::optional<float> sourcePeak; // these three as ConvertOptions has them
+    std::optional<float> targetPeak;
+    std::optional<float> referenceWhite;
     std::optional<DX::Size2DT<long>> size;
-    std::optional<unsigned> inputDepth;         // bits a channel of raw RGBA
-    std::optional<RawFormat> inputFormat;       // the input is raw frames
-    std::optional<DX::Size2DT<long>> inputSize; // of raw frames; without, size
-    std::optional<Conf::YCbCrMatrix> inputMatrix;
-    std::optional<DX::FrameRange> inputRange; // without, what the input says
-    std::optional<DX::ChromaLocation> inputSiting;
+    std::optional<unsigned> inputDepth; // bits a channel of raw RGBA
+    ClipInput input;
     ConverterChoice converter = ConverterChoice::OnePass;
     std::optional<DX::FrameRange> range;
     std::optional<DX::ChromaLocation> siting;

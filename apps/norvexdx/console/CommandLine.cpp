@@ -29,7 +29,11 @@ Where the picture does not cover the output, it is transparent black, or the --b
 is also seen through the picture's own transparency. A picture is premultiplied in its file only
 with --target-alpha premultiplied; PNG viewers expect straight.
 
+A frame of a clip, Y4M or raw with --input-format and --input-size, becomes R'G'B' of --from, without
+it as it is; its matrix is that of --from, else of Rec. 709, unless --input-matrix says another.
+
 Examples:
+  norvexdx convert clip.y4m frame.png --frame 100 --scaler lanczos --size 960x540
   norvexdx convert photo.jpg hdr.png --from srgb --to rec2020-pq --depth 16
   norvexdx convert hdr.png photo.png --from rec2020-pq --to srgb --source-peak 203 --depth 8
   norvexdx convert photo.jpg turned.png --rotate 30 --size 1280x720 --background 202020FF
@@ -53,8 +57,12 @@ Y4M in C444 and Cmono, divide by 2^bits (white is 234), each chroma sample the m
 Examples:
   norvexdx encode a.png b.png c.png -o clip.y4m --format nv12 --fps 2 --size 1920x1080
   norvexdx encode hdr.png -o hdr.y4m --format p010 --from rec2020-pq --to rec2020-hlg
+  ffmpeg -i hdr.mkv -f yuv4mpegpipe -strict -1 - | norvexdx encode - --from rec2020-pq --to rec709
+    --format yuv420p --container y4m -o - | ffmpeg -i - -c:v libx264 sdr.mp4
   ffmpeg -i in.mp4 -f rawvideo -pix_fmt rgba - | norvexdx encode - --size 1920x1080 --format nv12
     -o - | ffmpeg -f rawvideo -pix_fmt nv12 -s 1920x1080 -r 25 -i - out.mp4)";
+
+constexpr const char* kScalers = "bilinear, catmull-rom, mitchell, lanczos or area";
 
 template <class Value>
 using Parser = std::optional<Value> (*)(std::string_view);
@@ -168,10 +176,25 @@ void AddGeometryOptions(CLI::App& app, ConvertOptions& options) {
                  "the part of the output to draw into (all of it)"));
 }
 
+// What is said of clips that are read.
+void AddClipInput(CLI::App& app, ClipInput& input) {
+    AddValue(app, "--input-format", input.format, &ParseRawFormat,
+             "a format of raw frames (rgba, rgba64le, " + GetVideoFormatNames() + ")", "FORMAT",
+             "the input is raw frames of this format (rgba)");
+    AddValue(app, "--input-size", input.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
+             "size of raw frames (--size)");
+    AddValue(app, "--input-matrix", input.matrix, &ParseMatrix, "bt601, bt709 or bt2020", "MATRIX",
+             "of frames in Y'C'bC'r (that of --from, else --matrix)");
+    AddValue(app, "--input-range", input.range, &ParseRange, "narrow or full", "RANGE",
+             "of frames in Y'C'bC'r (what the input says, else narrow)");
+    AddValue(app, "--input-siting", input.siting, &ParseSiting, "left, centre or top-left", "PLACE",
+             "of chroma samples (what the input says, else left)");
+}
+
 void AddConvert(CLI::App& parent, ConvertOptions& options) {
     CLI::App& app = *parent.add_subcommand("convert", "convert pictures: colours, alpha, geometry");
     app.add_option("files", options.files,
-                   "inputs (JPEG, PNG, TIFF), then the output (PNG) or a folder")
+                   "inputs (JPEG, PNG, TIFF, a frame of a clip), then the output (PNG) or a folder")
         ->required()
         ->expected(1, -1) // that it takes two is said in clearer words
         ->type_name("IN... OUT");
@@ -182,6 +205,12 @@ void AddConvert(CLI::App& parent, ConvertOptions& options) {
              "what the picture is drawn over, in the output's colour space");
     AddValue(app, "--depth", options.depth, &ParseDepth, "8 or 16", "BITS",
              "bits a channel of the output (the input's)");
+    AddValue(app, "--scaler", options.scaler, &ParseScaler, kScalers, "KERNEL",
+             "for pictures that change their size, before they are placed: " +
+                 std::string(kScalers) + " (as the drawing does it, bilinear)");
+    AddValue(app, "--frame", options.frame, &ParseFrames, "a number from 1 to 1000000", "N",
+             "the frame of a clip, Y4M or raw, counted from 1 (1)");
+    AddClipInput(app, options.input);
     AddDeviceOptions(app, options);
     AddJsonFlag(app, options);
     app.footer(kConvertNotes);
@@ -277,21 +306,18 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "the colour space of the input");
     AddValue(app, "--to", options.to, &ParseColorSpace, spaces, "SPACE",
              "the colour space of the clip, converted to as by convert");
+    const std::string nits = "a luminance from 1 to 10000 cd/m2";
+    AddValue(app, "--source-peak", options.sourcePeak, &ParseNits, nits, "NITS",
+             "peak of the display that a PQ input was mastered on (1000)");
+    AddValue(app, "--target-peak", options.targetPeak, &ParseNits, nits, "NITS",
+             "peak of the display that the clip, or an HLG input, is for (1000)");
+    AddValue(app, "--reference-white", options.referenceWhite, &ParseNits, nits, "NITS",
+             "luminance of SDR white in PQ and HLG (203)");
     AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
              "size of the frames (the input's); of raw frames it must be said");
     AddValue(app, "--input-depth", options.inputDepth, &ParseDepth, "8 or 16", "BITS",
              "bits a channel of raw frames, 16 little endian (8)");
-    AddValue(app, "--input-format", options.inputFormat, &ParseRawFormat,
-             "a format of raw frames (rgba, rgba64le, " + GetVideoFormatNames() + ")", "FORMAT",
-             "the input is raw frames of this format (rgba)");
-    AddValue(app, "--input-size", options.inputSize, &ParseSize, "WIDTHxHEIGHT from 1 to 16384",
-             "WxH", "size of raw frames (--size)");
-    AddValue(app, "--input-matrix", options.inputMatrix, &ParseMatrix, "bt601, bt709 or bt2020",
-             "MATRIX", "of frames in Y'C'bC'r (that of --from, else --matrix)");
-    AddValue(app, "--input-range", options.inputRange, &ParseRange, "narrow or full", "RANGE",
-             "of frames in Y'C'bC'r (what the input says, else narrow)");
-    AddValue(app, "--input-siting", options.inputSiting, &ParseSiting, "left, centre or top-left",
-             "PLACE", "of chroma samples (what the input says, else left)");
+    AddClipInput(app, options.input);
     AddValue(app, "--converter", options.converter, &ParseConverter, "one-pass or two-pass", "KIND",
              "one-pass or two-pass (one-pass)");
     AddValue(app, "--range", options.range, &ParseRange, "narrow or full", "RANGE",
@@ -300,10 +326,8 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "where chroma samples lie: left (H.264, H.265), centre or top-left (left)");
     AddValue(app, "--dither", options.dither, &ParseDither, "none or ordered", "KIND",
              "none or ordered (none)");
-    AddValue(app, "--scaler", options.scaler, &ParseScaler,
-             "bilinear, catmull-rom, mitchell, lanczos or area", "KERNEL",
-             "for frames of another size: bilinear, catmull-rom, mitchell, lanczos or area "
-             "(bilinear)");
+    AddValue(app, "--scaler", options.scaler, &ParseScaler, kScalers, "KERNEL",
+             "for frames of another size: " + std::string(kScalers) + " (bilinear)");
     AddValue(app, "--fps", options.rate, &ParseFrameRate,
              "a frame rate such as 25, 30000/1001 or 29.97", "R",
              "frames per second, for Y4M's header (the input's, else 25)");

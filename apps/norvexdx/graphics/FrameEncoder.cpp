@@ -266,21 +266,6 @@ DX::FrameConvertParams FrameEncoder::GetConversion() const {
     return params;
 }
 
-std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame) {
-    if (!frame.desc) {
-        return {{frame.pixels.data(), frame.GetRowSize(), frame.GetSize(),
-                 GetPictureFormat(frame.bitsPerChannel)}};
-    }
-    std::vector<PlaneRows> planes;
-    const std::uint8_t* data = frame.pixels.data();
-    for (unsigned i = 0; i < frame.desc->GetPlaneCount(); ++i) {
-        const DX::FramePlane plane = frame.desc->GetPlane(i);
-        planes.push_back({data, GetPlaneRowBytes(*frame.desc, i), plane.size, plane.format});
-        data += GetPlaneBytes(*frame.desc, i);
-    }
-    return planes;
-}
-
 TextureChoice ChooseTextures(const EncoderParams& params, long largestSide,
                              const std::function<FormatUses(DXGI_FORMAT)>& usesOf) {
     CheckSize(params.size, largestSide);

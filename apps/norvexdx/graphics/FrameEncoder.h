@@ -106,16 +106,6 @@ private:
     std::size_t m_count = 0;
 };
 
-// Rows of a plane, or of a picture, in a frame's memory.
-struct PlaneRows {
-    const std::uint8_t* data = nullptr;
-    std::size_t rowBytes = 0; // without padding
-    DX::Size2DT<long> size;   // samples
-    DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN;
-};
-// One each, 1 to 3.
-std::vector<PlaneRows> GetPlaneRows(const ClipFrame& frame);
-
 // Which textures an adapter may have for this: planar ones still need their test.
 struct TextureChoice {
     bool mayBePlanar = false;

@@ -127,6 +127,19 @@ std::unique_ptr<Graphics> Graphics::Open(const GraphicsChoice& choice, DrawKind 
     return graphics;
 }
 
+std::unique_ptr<Picture> Graphics::UploadFrame(const ClipFrame& frame) {
+    return frame.desc ? DrawPlanes(frame, ChooseTargetFormat(16)) : Upload(frame);
+}
+
+std::unique_ptr<Picture> Graphics::Scale(const Picture& source, const DX::Size2DT<long>& size,
+                                         DX::ScaleKernel kernel, Proc::AlphaType alpha) {
+    const auto canvas = MakeCanvasOf(size, ChooseTargetFormat(16));
+    RunScaler(source, *canvas, {.kernel = kernel, .alphaType = alpha});
+    std::unique_ptr<Picture> picture;
+    Run([&](Recorder& recorder) { picture = recorder.TakePicture(*canvas); });
+    return picture;
+}
+
 std::unique_ptr<Canvas> Graphics::MakeCanvas(const DX::Size2DT<long>& size,
                                              unsigned bitsPerChannel) {
     return MakeCanvasOf(size, ChooseTargetFormat(bitsPerChannel));

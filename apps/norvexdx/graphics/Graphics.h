@@ -14,6 +14,8 @@
 
 #include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/D3Device.h"
+#include "Proc/DirectX/Manager/D3Scaler.h"
+#include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/graphics/Formats.h"
 #include "apps/norvexdx/pictures/Image.h"
 #include "apps/norvexdx/viewer/View.h"
@@ -134,6 +136,13 @@ public:
 
     // As R8G8B8A8_UNORM or R16G16B16A16_UNORM; the image may go afterwards.
     virtual std::unique_ptr<Picture> Upload(const Image& image) = 0;
+    // A picture as above; planes are drawn as a picture of at least 16 bits a channel, R'G'B' as
+    // the matrix gives it.
+    std::unique_ptr<Picture> UploadFrame(const ClipFrame& frame);
+    // In another size, by the library's scaler, of values as they are encoded; at least 16 bits a
+    // channel. Compiles shaders.
+    std::unique_ptr<Picture> Scale(const Picture& source, const DX::Size2DT<long>& size,
+                                   DX::ScaleKernel kernel, Proc::AlphaType alpha);
 
     // R8G8B8A8_UNORM for 8 bits; for 16 R16G16B16A16_UNORM where the device draws and blends on it,
     // else R16G16B16A16_FLOAT. Failure when the device has neither.
@@ -175,6 +184,9 @@ protected:
     Graphics() = default;
 
 private:
+    virtual std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) = 0;
+    virtual void RunScaler(const Picture& source, const Canvas& canvas,
+                           const DX::ScaleParams& params) = 0;
     virtual void CompileShaders(DrawKind kind) = 0;
     virtual std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                                  DXGI_FORMAT format) = 0;

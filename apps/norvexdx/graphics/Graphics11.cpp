@@ -8,6 +8,7 @@
 #include <boost/throw_exception.hpp>
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/FrameEncoder11.h"
@@ -269,6 +270,35 @@ public:
     }
 
 private:
+    std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) override {
+        const auto canvas = MakeCanvasOf(frame.GetSize(), format);
+        std::vector<boost::intrusive_ptr<DX::D11ShaderTexture2D>> textures;
+        DX::D11Frame source;
+        source.desc = *frame.desc;
+        for (const PlaneRows& plane : GetPlaneRows(frame)) {
+            const D3D11_SUBRESOURCE_DATA data = {plane.data, static_cast<UINT>(plane.rowBytes), 0};
+            textures.push_back(DX::D11ShaderTexture2D::Create(
+                m_device, MakeTextureDesc11(plane.size, plane.format), &data));
+            source.textures.at(textures.size() - 1) = textures.back()->GetTexture();
+        }
+        std::unique_ptr<Picture> picture;
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            const boost::intrusive_ptr<DX::D11FrameDraw> draw(new DX::D11FrameDraw(m_device));
+            draw->Encode(context, source, TargetOf11(*canvas),
+                         {.transform = DX::AffineTransform()});
+            picture = Recorder11(m_drawer.value(), context).TakePicture(*canvas);
+        });
+        return picture;
+    }
+
+    void RunScaler(const Picture& source, const Canvas& canvas,
+                   const DX::ScaleParams& params) override {
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            const boost::intrusive_ptr<DX::D11Scaler> scaler(new DX::D11Scaler(m_device));
+            scaler->Encode(context, TextureOf(source), TargetOf11(canvas), params);
+        });
+    }
+
     // One drawer serves all kinds.
     void CompileShaders(DrawKind /*kind*/) override { m_drawer.emplace(m_device); }
 

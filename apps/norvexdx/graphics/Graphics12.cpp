@@ -8,6 +8,7 @@
 
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/FrameEncoder12.h"
@@ -283,6 +284,48 @@ public:
     }
 
 private:
+    std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) override {
+        const boost::intrusive_ptr<DX::D12FrameDraw> draw(new DX::D12FrameDraw(m_device));
+        const auto canvas = MakeCanvasOf(frame.GetSize(), format);
+        DX::D12Frame source;
+        source.desc = *frame.desc;
+        std::unique_ptr<Picture> picture;
+        const auto allocator = m_queue->CreateCommandAllocator();
+        allocator->RecordList(nullptr, [&](const List& list) {
+            const std::vector<PlaneRows> planes = GetPlaneRows(frame);
+            for (std::size_t i = 0; i < planes.size(); ++i) {
+                source.textures.at(i) = UploadPlane(*list, planes[i]);
+            }
+            draw->Encode(list, source, TargetOf12(*canvas), {.transform = DX::AffineTransform()});
+            picture = Recorder12(m_drawers, list).TakePicture(*canvas);
+        });
+        allocator->Execute();
+        allocator->WaitComplete();
+        return picture;
+    }
+
+    CComPtr<ID3D12Resource> UploadPlane(DX::D12GraphicsCommandList& list, const PlaneRows& plane) {
+        const auto desc =
+            MakeTextureDesc12(plane.size, plane.format, D3D12_RESOURCE_STATE_COPY_DEST, false);
+        DX::D12UploadResourceParams params;
+        params.destination = m_device->CreateTexture2D(desc);
+        params.stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
+        params.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+        params.subresources = {{plane.data, plane.rowBytes,
+                                plane.rowBytes * static_cast<std::size_t>(plane.size.height)}};
+        list.UploadResource(params);
+        return params.destination;
+    }
+
+    void RunScaler(const Picture& source, const Canvas& canvas,
+                   const DX::ScaleParams& params) override {
+        const boost::intrusive_ptr<DX::D12Scaler> scaler(new DX::D12Scaler(m_device));
+        const auto allocator = m_queue->CreateCommandAllocator();
+        scaler->Encode(allocator, ViewOf(source), TargetOf12(canvas), params);
+        allocator->Execute();
+        allocator->WaitComplete();
+    }
+
     void CompileShaders(DrawKind kind) override {
         if (kind == DrawKind::Fill) {
             m_drawers.GetFillDraw();
