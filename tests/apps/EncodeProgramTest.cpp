@@ -181,9 +181,9 @@ TEST_P(EncodeProgramTest, FitsFramesOfAnySizeOverBlack) {
 TEST_P(EncodeProgramTest, AFrameOfAClipBecomesAPicture) {
     const auto frame =
         [](char code) { // 7 x 3, a white column at the left edge of 4:2:0 in C420jpeg
-            std::string luma(7 * 3, code);
+            std::string luma(21, code);
             luma[0] = luma[7] = luma[14] = '\xEB';
-            return "FRAME\n" + luma + std::string(2 * 4 * 2, '\x80');
+            return "FRAME\n" + luma + std::string(16, '\x80');
         };
     WriteBytes(m_folder.GetPath("a.y4m"), "YUV4MPEG2 W7 H3\n" + frame('\x10') + frame('\x7D'));
     const auto expect = [&](const std::string& options, unsigned x, unsigned y, unsigned grey) {

@@ -136,9 +136,10 @@ std::string D3ImageRenderer::GetPixelShader(const D3ConversionKey& key) {
     return fmt::format("#define ONE_CONVERSION\n"
                        "#define ONE_SOURCE_COLOR_SPACE {}\n#define ONE_TARGET_COLOR_SPACE {}\n"
                        "#define ONE_SOURCE_ALPHA_TYPE {}\n#define ONE_TARGET_ALPHA_TYPE {}\n"
-                       "#define ONE_DISPLAY_LINEAR {}\n",
+                       "#define ONE_DISPLAY_LINEAR {}\n{}",
                        key.sourceColorSpace, key.targetColorSpace, key.sourceAlphaType,
-                       key.targetAlphaType, key.displayLinear != 0) +
+                       key.targetAlphaType, key.displayLinear != 0,
+                       key.keepsColors ? "#define ONE_KEEPS_COLORS\n" : "") +
            GetPixelShader();
 }
 

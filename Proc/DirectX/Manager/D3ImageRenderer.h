@@ -87,6 +87,8 @@ struct D3ConversionKey {
     std::uint32_t targetAlphaType = 0;
     // As D3ImageParams has it.
     std::uint32_t displayLinear = 0;
+    // Equal spaces and a factor of 1: alpha alone is converted.
+    bool keepsColors = false;
 
     // Of these parameters.
     explicit D3ConversionKey(const D3ImageParams& params)
@@ -94,7 +96,9 @@ struct D3ConversionKey {
           targetColorSpace(params.targetColorSpace),
           sourceAlphaType(params.sourceAlphaType),
           targetAlphaType(params.targetAlphaType),
-          displayLinear(params.displayLinear) {}
+          displayLinear(params.displayLinear),
+          keepsColors(params.sourceColorSpace == params.targetColorSpace &&
+                      params.linearScale == 1.0F) {}
     // Member by member.
     bool operator==(const D3ConversionKey&) const = default;
 };

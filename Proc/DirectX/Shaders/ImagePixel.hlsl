@@ -107,6 +107,7 @@ float4 ConvertColorSpace( float4 color )
     else if ( sourceAlphaType == AlphaTypeAlphaIsOne )
         color.a = 1.0;
 
+#if defined( LIGHT_STAGE ) || !defined( ONE_KEEPS_COLORS )
 #ifdef LIGHT_STAGE
     bool changes = true;
 #else
@@ -121,6 +122,7 @@ float4 ConvertColorSpace( float4 color )
 #endif
         color.rgb = Encode( light );
     }
+#endif
 #ifdef COLOR_STAGE
     color.rgb = ChangeColor( color.rgb );
 #endif

@@ -260,7 +260,8 @@ DX::ScaleParams FrameEncoder::GetScaling(const ClipFrame& frame) const {
 DX::FrameConvertParams FrameEncoder::GetConversion() const {
     DX::FrameConvertParams params;
     if (m_params.conversion) {
-        params.conversion = *m_params.conversion; // alpha is the frames'
+        const Proc::ColorConversionInfo& colors = *m_params.conversion; // alpha is the frames'
+        params.conversion = colors;
     }
     params.dither = m_params.onePass->dither;
     return params;
