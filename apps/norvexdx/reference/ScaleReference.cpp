@@ -168,14 +168,4 @@ Picture MakeZonePlate(unsigned size) {
     return plate;
 }
 
-double MeasurePSNR(const Picture& one, const Picture& other) {
-    double sum = 0.0;
-    for (std::size_t i = 0; i < one.pixels.size(); ++i) {
-        for (std::size_t k = 0; k < 3; ++k) {
-            sum += std::pow(one.pixels[i][k] - other.pixels[i][k], 2.0);
-        }
-    }
-    return -10.0 * std::log10(sum / (3.0 * static_cast<double>(one.pixels.size())));
-}
-
 } // namespace Norvex::Reference

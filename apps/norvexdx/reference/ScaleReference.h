@@ -48,8 +48,4 @@ Picture ReferenceScale(const Picture& source, const Scaling& scaling);
 // pixel are left.
 Picture MakeZonePlate(unsigned size);
 
-// The peak signal-to-noise ratio of two pictures of one size, over red, green and blue, in dB of a
-// signal of 1. Infinite for equal ones.
-double MeasurePSNR(const Picture& one, const Picture& other);
-
 } // namespace Norvex::Reference

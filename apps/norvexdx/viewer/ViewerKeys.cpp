@@ -35,10 +35,6 @@ constexpr int kKeysWidth = 24; // characters
 
 } // namespace
 
-std::span<const Binding> GetBindings() {
-    return kBindings;
-}
-
 std::optional<Action> FindAction(const Key& key) {
     for (const Binding& binding : kBindings) {
         for (const NamedKey& named : binding.keys) {

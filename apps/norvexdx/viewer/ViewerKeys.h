@@ -5,7 +5,6 @@
 
 #include <array>
 #include <optional>
-#include <span>
 #include <string>
 
 namespace Norvex::App {
@@ -48,8 +47,6 @@ struct Binding {
     const char* help = nullptr;
 };
 
-// One for each action.
-std::span<const Binding> GetBindings();
 std::optional<Action> FindAction(const Key& key);
 // A line for each action and for what the mouse does; no line break at the end.
 std::string GetViewerHelp();
