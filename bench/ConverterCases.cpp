@@ -161,7 +161,7 @@ std::vector<Case> MakeConverterCases() {
                                  Ways (*make)(DX::FrameLayout, const Conf::RGBColorSpace&)) {
                 cases.push_back(
                     {fmt::format("d3d12/{}/{}/{}", kind, isNV12 ? "nv12" : "p010", name),
-                     Clock::Process, [=, space = space] { return make(layout, space); }});
+                     Clock::Process, [=, target = space] { return make(layout, target); }});
             };
             add("converter", &MakeConversionsOfFrames);
             add("framedraw", &MakeDrawsOfFrames);

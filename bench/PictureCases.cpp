@@ -178,7 +178,7 @@ std::vector<Case> MakePictureCases() {
         for (const auto& [target, to] : spaces) {
             if (from.transfer != TransferCharacteristics::Linear) {
                 cases.push_back({fmt::format("d3d12/draw/1080p/{}-{}", source, target), Clock::Wall,
-                                 [from = from, to = to] { return MakeDraws(from, to); }});
+                                 [before = from, after = to] { return MakeDraws(before, after); }});
             }
         }
     }
