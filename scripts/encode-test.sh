@@ -118,7 +118,10 @@ ends_when_interrupted() {
     local sleeper=$!
     "$here/wine-run" "$program" encode - --size "$size" --format nv12 -o interrupted/clip <waiting 2>err &
     local encoder=$!
-    until compgen -G 'interrupted/*.tmp' >part || [ $((SECONDS - began)) -gt 20 ]; do sleep 0.1; done
+    # Once it has written frames and waits for more: Wine may stand still when a signal meets a thread at
+    # work, as while shaders are compiled for the first frame.
+    until [ -n "$(find interrupted -name '*.tmp' -size +0)" ] || [ $((SECONDS - began)) -gt 20 ]; do sleep 0.1; done
+    sleep 1
     kill -INT "$encoder"
     wait "$encoder" || status=$?
     kill "$sleeper"
