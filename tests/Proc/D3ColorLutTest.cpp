@@ -67,8 +67,9 @@ Color LookUp(const D3ColorLut& lut, const Color& color) {
 }
 
 TEST(D3ColorLutTest, FilesAreReadOrRefusedWithTheLine) {
-    const auto lut = D3ColorLut::FromCube("LUT_1D_SIZE 2\r\nDOMAIN_MIN -1 0 0\rDOMAIN_MAX 2 1 4\n"
-                                          "  0 1e-1 .25\n\n# end\n1\t1 1");
+    const auto lut = D3ColorLut::FromCube(
+        "\xEF\xBB\xBFLUT_1D_SIZE 2 # two\r\nDOMAIN_MAX 2 1 4\rDOMAIN_MIN -1 0 0\n"
+        "  0 1e-1 .25 # black\n\n# end\n1\t1 1");
     EXPECT_EQ(lut.dimensions, 1U);
     EXPECT_EQ(lut.domainMin, (D3ColorLut::Color{-1, 0, 0}));
     EXPECT_EQ(lut.domainMax, (D3ColorLut::Color{2, 1, 4}));
@@ -90,8 +91,9 @@ TEST(D3ColorLutTest, FilesAreReadOrRefusedWithTheLine) {
         {"LUT_1D_SIZE 2\n1 nan 3\n", ", line 2: three numbers are expected"},
         {"LUT_1D_SIZE 2\n1 1e39 3\n", ", line 2: three numbers are expected"},
         {"LUT_1D_SIZE 2\n0 0 0\n1 1 1\n2 2 2\n", ", line 4: more rows than the size says"},
-        {"DOMAIN_MAX 1 0 1\n", ", line 1: the domain is empty"},
-        {"LUT_3D_INPUT_RANGE 1 0\n", ", line 1: the domain is empty"},
+        {"DOMAIN_MIN 2 2 2\nLUT_1D_SIZE 2\n0 0 0\n", ", line 3: the domain is empty"},
+        {"LUT_1D_SIZE 2\nDOMAIN_MAX 1 1e-40 1\n0 0 0\n", ", line 3: the domain is empty"},
+        {"LUT_3D_INPUT_RANGE 1 0\nLUT_3D_SIZE 2\n0 0 0\n", ", line 3: the domain is empty"},
         {"LUT_3D_INPUT_RANGE 1\n", ", line 1: two numbers are expected"},
         {"TITLE noise\n", ", line 1: a title in quotes is expected"},
         {"LUT_4D_SIZE 2\n", ", line 1: unknown keyword LUT_4D_SIZE"},

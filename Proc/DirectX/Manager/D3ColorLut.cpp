@@ -20,6 +20,7 @@ namespace {
 constexpr unsigned kLeastLutSize = 2;
 constexpr unsigned kMostCubeSize = 129;
 constexpr unsigned kMostCurveSize = 65536;
+constexpr float kLeastLutExtent = 1e-6F; // of a channel's domain
 
 unsigned GetMostLutSize(unsigned dimensions) {
     return dimensions == 3 ? kMostCubeSize : kMostCurveSize;
@@ -32,7 +33,7 @@ std::size_t CountLutEntries(unsigned dimensions, std::size_t size) {
 bool HasLutDomain(const D3ColorLut& lut) {
     for (std::size_t i = 0; i < lut.domainMin.size(); ++i) {
         const float extent = lut.domainMax.at(i) - lut.domainMin.at(i);
-        if (!std::isfinite(extent) || extent <= 0.0F) {
+        if (!std::isfinite(extent) || !(extent >= kLeastLutExtent)) {
             return false;
         }
     }
@@ -65,6 +66,8 @@ public:
           m_location(location) {}
 
     void Read(std::string_view text) {
+        constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+        text.remove_prefix(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0);
         while (!text.empty()) {
             const std::string_view line = text.substr(0, text.find_first_of("\r\n"));
             text.remove_prefix(line.size());
@@ -122,7 +125,6 @@ private:
         Check(least && most && TakeWord(words).empty(), "two numbers are expected");
         m_lut.domainMin.fill(*least);
         m_lut.domainMax.fill(*most);
-        Check(HasLutDomain(m_lut), "the domain is empty");
     }
 
     void ReadTitle(std::string_view words) {
@@ -134,6 +136,7 @@ private:
 
     void ReadRow(std::string_view line) {
         Check(m_lut.size != 0, "a row without a size");
+        Check(HasLutDomain(m_lut), "the domain is empty");
         const D3ColorLut::Color color = ReadColor(line);
         Check(m_lut.entries.size() < m_count, "more rows than the size says");
         m_lut.entries.push_back(color);
@@ -141,21 +144,24 @@ private:
 
     void ReadLine(std::string_view line) {
         std::string_view words = line;
-        const std::string_view word = TakeWord(words);
-        if (word.empty() || word.starts_with('#')) {
+        if (TakeWord(words) == "TITLE") {
+            ReadTitle(words);
             return;
         }
-        if (word == "TITLE") {
-            ReadTitle(words);
-        } else if (word == "LUT_1D_SIZE") {
+        line = line.substr(0, line.find('#'));
+        words = line;
+        const std::string_view word = TakeWord(words);
+        if (word.empty()) {
+            return;
+        }
+        if (word == "LUT_1D_SIZE") {
             ReadSize(1, words);
         } else if (word == "LUT_3D_SIZE") {
             ReadSize(3, words);
         } else if (word == "DOMAIN_MIN") {
             m_lut.domainMin = ReadColor(words);
-        } else if (word == "DOMAIN_MAX") { // the second of them, as the format has it
+        } else if (word == "DOMAIN_MAX") {
             m_lut.domainMax = ReadColor(words);
-            Check(HasLutDomain(m_lut), "the domain is empty");
         } else if (word == "LUT_1D_INPUT_RANGE" || word == "LUT_3D_INPUT_RANGE") {
             ReadRange(words);
         } else if (ParseLutNumber(word)) {
