@@ -91,11 +91,8 @@ float3 Encode( float3 color )
 static const float MAX_LIGHT = 1e37;
 static const float MAX_RESULT = 65504.0;
 
-// What else a shader does to a picture is said by who asks for it: with LIGHT_STAGE to the target's
-// linear light, with COLOR_STAGE to its encoded colours. The functions stand behind this text.
-#ifdef LIGHT_STAGE
-float3 ChangeLight( float3 light );
-#endif
+// What else a shader does to the target's encoded colours, where it is asked to; the function stands
+// behind this text.
 #ifdef COLOR_STAGE
 float3 ChangeColor( float3 color );
 #endif
@@ -107,20 +104,11 @@ float4 ConvertColorSpace( float4 color )
     else if ( sourceAlphaType == AlphaTypeAlphaIsOne )
         color.a = 1.0;
 
-#if defined( LIGHT_STAGE ) || !defined( ONE_KEEPS_COLORS )
-#ifdef LIGHT_STAGE
-    bool changes = true;
-#else
-    bool changes = sourceColorSpace != targetColorSpace || linearScale != 1.0;
-#endif
-    if ( changes )
+#ifndef ONE_KEEPS_COLORS
+    if ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
     {
         float3 light = clamp( Linearize( color.rgb ), -MAX_LIGHT, MAX_LIGHT );
-        light = ConvertPrimaries( light ) * linearScale;
-#ifdef LIGHT_STAGE
-        light = ChangeLight( light );
-#endif
-        color.rgb = Encode( light );
+        color.rgb = Encode( ConvertPrimaries( light ) * linearScale );
     }
 #endif
 #ifdef COLOR_STAGE

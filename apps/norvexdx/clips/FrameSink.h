@@ -38,7 +38,6 @@ public:
 
     // The planes of one frame, one behind the other; changed on the way. Samples are codes, or near
     // those.
-
     void Write(std::vector<std::uint8_t>& planes);
     void Commit() { m_sink->Commit(); }
 

@@ -34,13 +34,17 @@ public:
           m_desc(desc) {
         m_size = size;
         if (const auto total = m_stream->GetSize()) {
-            ClipFrame frame;
-            m_count = *total / MakeRoom(frame);
+            m_count = *total / CountFrameBytes();
         }
     }
 
     bool Read(ClipFrame& frame) override {
-        const std::size_t size = MakeRoom(frame);
+        if (m_desc) {
+            frame.SetPlanes(*m_desc);
+        } else {
+            frame.SetSize(m_size, m_depth);
+        }
+        const std::size_t size = frame.pixels.size();
         const std::size_t count = m_stream->Read(frame.pixels.data(), size);
         ++m_number;
         if (count != 0 && count != size) {
@@ -50,14 +54,11 @@ public:
     }
 
 private:
-    // Answers the bytes of a frame.
-    std::size_t MakeRoom(ClipFrame& frame) const {
-        if (m_desc) {
-            frame.SetPlanes(*m_desc);
-        } else {
-            frame.SetSize(m_size, m_depth);
-        }
-        return frame.pixels.size();
+    std::size_t CountFrameBytes() const {
+        return m_desc
+                   ? GetFrameBytes(*m_desc)
+                   : static_cast<std::size_t>(m_size.width) *
+                         static_cast<std::size_t>(m_size.height) * Image::kChannels * m_depth / 8;
     }
 
     std::unique_ptr<ByteStream> m_stream;

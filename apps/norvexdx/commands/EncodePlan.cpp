@@ -111,7 +111,8 @@ std::optional<ConverterChoice> ParseConverter(std::string_view name) {
 
 std::optional<DX::FrameDither> ParseDither(std::string_view name) {
     constexpr Name<DX::FrameDither> kNames[] = {{"none", DX::FrameDither::None},
-                                                {"ordered", DX::FrameDither::Ordered}};
+                                                {"ordered", DX::FrameDither::Ordered},
+                                                {"blue-noise", DX::FrameDither::BlueNoise}};
     return Find(kNames, name);
 }
 

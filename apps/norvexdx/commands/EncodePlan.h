@@ -28,7 +28,7 @@ enum class ConverterChoice {
 
 // one-pass, two-pass.
 std::optional<ConverterChoice> ParseConverter(std::string_view name);
-// none, ordered.
+// none, ordered, blue-noise.
 std::optional<DX::FrameDither> ParseDither(std::string_view name);
 // bilinear, catmull-rom, mitchell, lanczos, area.
 std::optional<DX::ScaleKernel> ParseScaler(std::string_view name);

@@ -324,8 +324,8 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "of codes: narrow (16 to 235) or full (narrow)");
     AddValue(app, "--siting", options.siting, &ParseSiting, "left, centre or top-left", "PLACE",
              "where chroma samples lie: left (H.264, H.265), centre or top-left (left)");
-    AddValue(app, "--dither", options.dither, &ParseDither, "none or ordered", "KIND",
-             "none or ordered (none)");
+    AddValue(app, "--dither", options.dither, &ParseDither, "none, ordered or blue-noise", "KIND",
+             "none, ordered or blue-noise (none)");
     AddValue(app, "--scaler", options.scaler, &ParseScaler, kScalers, "KERNEL",
              "for frames of another size: " + std::string(kScalers) + " (bilinear)");
     AddValue(app, "--fps", options.rate, &ParseFrameRate,
