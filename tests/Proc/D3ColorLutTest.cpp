@@ -118,8 +118,6 @@ struct LutsOf;
 template <>
 struct LutsOf<Canvas> {
     using Lut = DX::D12ColorLut;
-    using Draw = DX::D12FrameDraw;
-    using Frame = DX::D12Frame;
     static boost::intrusive_ptr<Lut> Make(const Canvas& canvas, const D3ColorLut& lut) {
         return boost::intrusive_ptr(new Lut(canvas.GetQueue(), lut));
     }
@@ -127,8 +125,6 @@ struct LutsOf<Canvas> {
 template <>
 struct LutsOf<Canvas11> {
     using Lut = DX::D11ColorLut;
-    using Draw = DX::D11FrameDraw;
-    using Frame = DX::D11Frame;
     static boost::intrusive_ptr<Lut> Make(const Canvas11& canvas, const D3ColorLut& lut) {
         return boost::intrusive_ptr(new Lut(canvas.GetDevice(), lut));
     }
@@ -148,12 +144,12 @@ TYPED_TEST(D3ColorLutDrawTest, ColorsGoThroughTables) {
         const double first = x % 3 == 0 ? std::round(any(random) * 4.0F) / 4.0F : any(random);
         return Color{first, x % 4 == 0 ? first : double{any(random)}, any(random), 0.5};
     });
-    typename Luts::Frame frame;
+    typename TypeParam::Frame frame;
     frame.desc = DX::D3FrameDesc::MakeRGB({32, 16}, Proc::AlphaType::NonPremultiplied);
     const auto source = canvas.MakeSource(noise, kFloats);
     frame.textures[0] = canvas.TextureOf(source);
     const auto target = canvas.MakeTarget(32, 16, kFloats);
-    const boost::intrusive_ptr draw(new typename Luts::Draw(canvas.GetDevice()));
+    const boost::intrusive_ptr draw(new typename TypeParam::FrameDraw(canvas.GetDevice()));
     const auto expect = [&](const auto& expected, double bound, const std::string& what) {
         canvas.Record([&](const auto& on) { draw->Encode(on, frame, target); });
         const Pixels drawn = canvas.Read(target);

@@ -37,11 +37,6 @@ using DX::FrameRange;
 using Size = DX::Size2DT<long>;
 
 constexpr auto kFloat = DXGI_FORMAT_R32G32B32A32_FLOAT;
-constexpr RGBColorSpace kSRGB = {ColorPrimaries::BT709, TransferCharacteristics::sRGB};
-constexpr RGBColorSpace kRec709 = {ColorPrimaries::BT709, TransferCharacteristics::BT709};
-constexpr RGBColorSpace kRec2020 = {ColorPrimaries::BT2020, TransferCharacteristics::BT709};
-constexpr RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
-constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
 
 struct Layout {
     const char* name;
@@ -261,7 +256,8 @@ protected:
         const DeviceFrame to = MakeTarget(target, views);
         Convert(Upload(source), to, params);
         return FindError(Reference::ConvertFrame(source, target, params.conversion,
-                                                 params.chromaFilter == ChromaFilter::CatmullRom),
+                                                 params.chromaFilter == ChromaFilter::CatmullRom,
+                                                 params.toneMapping),
                          views);
     }
 
@@ -357,6 +353,22 @@ TYPED_TEST(D3FrameTest, FramesBecomeOtherFramesThroughEveryConversionOfColors) {
         }
     }
     EXPECT_EQ(this->m_converter->GetShaderCount(), 32U); // more were needed
+}
+
+TYPED_TEST(D3FrameTest, TonesAreMappedOnTheWay) {
+    auto source = Describe(kLayouts[1], {35, 18});
+    source.colorSpace = kPQ;
+    auto target = Describe(kLayouts[12], {35, 18});
+    FrameConvertParams params{
+        .toneMapping = {.curve = DX::ToneCurve::BT2390, .gamut = DX::GamutReduction::Soft}};
+    params.conversion.sourcePeakLuminance = 4000.0F;
+    this->Note("PQ to BT.709, tones mapped, of 10",
+               this->ConvertAndCompare(MakeNoise(source), target, params), 0.52, target);
+    params.toneMapping.channels = DX::ToneChannels::PerChannel;
+    params.toneMapping.targetBlack = 0.1F;
+    target.colorSpace = kPQ; // which would be left alone
+    this->Note("PQ to PQ, tones mapped, of 10",
+               this->ConvertAndCompare(MakeNoise(source), target, params), 0.52, target);
 }
 
 // Flat fields of codes between two, each as large as the pattern; black and white stay.

@@ -30,12 +30,6 @@ using Proc::ColorAlphaConversionInfo;
 using Proc::LinearizationMode;
 using Rect = DX::Rect2DT<long>;
 
-constexpr RGBColorSpace kSRGB = {ColorPrimaries::BT709, TransferCharacteristics::sRGB};
-constexpr RGBColorSpace kRec709 = {ColorPrimaries::BT709, TransferCharacteristics::BT709};
-constexpr RGBColorSpace kRec709Linear = {ColorPrimaries::BT709, TransferCharacteristics::Linear};
-constexpr RGBColorSpace kRec2020 = {ColorPrimaries::BT2020, TransferCharacteristics::BT709};
-constexpr RGBColorSpace kPQ = {ColorPrimaries::BT2020, TransferCharacteristics::PQ};
-constexpr RGBColorSpace kHLG = {ColorPrimaries::BT2020, TransferCharacteristics::HLG};
 constexpr auto kRGBA8 = DXGI_FORMAT_R8G8B8A8_UNORM;
 constexpr AlphaType kAlphas[] = {AlphaType::NonPremultiplied, AlphaType::AlphaIsOne,
                                  AlphaType::Premultiplied};

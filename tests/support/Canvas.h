@@ -9,6 +9,7 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
+#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "tests/support/Pixels.h"
 
@@ -20,6 +21,8 @@ public:
     using ImageDraw = DX::D12ImageDraw;
     using ImageRenderer = DX::D12ImageRenderer;
     using Converter = DX::D12YUVConverter;
+    using Frame = DX::D12Frame;
+    using FrameDraw = DX::D12FrameDraw;
     using Texture = CComPtr<ID3D12Resource>;
     using View = boost::intrusive_ptr<DX::D12Descriptor>;
 

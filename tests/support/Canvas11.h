@@ -33,6 +33,8 @@ public:
     using ImageDraw = DX::D11ImageDraw;
     using ImageRenderer = DX::D11ImageRenderer;
     using Converter = DX::D11YUVConverter;
+    using Frame = DX::D11Frame;
+    using FrameDraw = DX::D11FrameDraw;
     using Texture = CComPtr<ID3D11Texture2D>;
     using View = boost::intrusive_ptr<DX::D11RenderTexture2D>;
 

@@ -10,11 +10,25 @@
 #include <functional>
 #include <vector>
 
+#include "Host/Color.h"
 #include "Platform/Direct3D.h"
 
 namespace Norvex::Test {
 
 using Color = std::array<double, 4>;
+
+inline constexpr Conf::RGBColorSpace kSRGB = {Conf::ColorPrimaries::BT709,
+                                              Conf::TransferCharacteristics::sRGB};
+inline constexpr Conf::RGBColorSpace kRec709 = {Conf::ColorPrimaries::BT709,
+                                                Conf::TransferCharacteristics::BT709};
+inline constexpr Conf::RGBColorSpace kRec709Linear = {Conf::ColorPrimaries::BT709,
+                                                      Conf::TransferCharacteristics::Linear};
+inline constexpr Conf::RGBColorSpace kRec2020 = {Conf::ColorPrimaries::BT2020,
+                                                 Conf::TransferCharacteristics::BT709};
+inline constexpr Conf::RGBColorSpace kPQ = {Conf::ColorPrimaries::BT2020,
+                                            Conf::TransferCharacteristics::PQ};
+inline constexpr Conf::RGBColorSpace kHLG = {Conf::ColorPrimaries::BT2020,
+                                             Conf::TransferCharacteristics::HLG};
 
 // RGBA pixels row by row, in the range of the format they are for.
 struct Pixels {

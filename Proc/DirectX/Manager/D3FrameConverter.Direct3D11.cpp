@@ -33,7 +33,7 @@ std::size_t D11FrameConverter::GetShaderCount() const {
 void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                                const D11Frame& source, const D11Frame& destination,
                                const FrameConvertParams& params) {
-    CheckFrames<DirectX11Exception>(source, destination, std::source_location::current());
+    CheckFrames<DirectX11Exception>(source, destination, params, std::source_location::current());
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());

@@ -59,7 +59,7 @@ D12FrameConverter::Conversion
 D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
                            const std::array<D12ResourceStates, 2>& states,
                            const FrameConvertParams& params, const std::source_location& location) {
-    CheckFrames<DirectX12Exception>(source, destination, location);
+    CheckFrames<DirectX12Exception>(source, destination, params, location);
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateConstants(*m_device, bytes, L"Frame params buffer");
     };

@@ -22,6 +22,7 @@
 #include "Proc/DirectX/Manager/D3D12Command.h"
 #include "Proc/DirectX/Manager/D3Frame.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3ToneMapping.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "Proc/DirectX/Manager/LiveObject.h"
@@ -45,6 +46,7 @@ struct FrameConvertParams {
     Proc::ColorConversionInfo conversion = {};
     ChromaFilter chromaFilter = ChromaFilter::Bilinear; // of a source with less chroma than luma
     FrameDither dither = FrameDither::None;             // of the destination's codes
+    D3ToneMapping toneMapping = {};                     // by default the conversion's own
 };
 
 class NORVEX_DX_API D12FrameConverter : public LiveObject {
@@ -68,7 +70,8 @@ public:
     // states: of every texture of the source, of the destination; barriers are recorded where they
     // differ from the reading and drawing states, of texture arrays for the slice alone. What is
     // wrong with a frame: as of D12FrameDraw; "The frames have different sizes", "The frame's
-    // colors cannot be converted to these", "There is no command allocator".
+    // colors cannot be converted to these", "The luminances of the tone mapping are out of range",
+    // "There is no command allocator".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source,
                 const D12Frame& destination, const std::array<D12ResourceStates, 2>& states,
                 const FrameConvertParams& params = {});

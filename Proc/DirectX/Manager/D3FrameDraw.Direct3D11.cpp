@@ -44,7 +44,10 @@ void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                                     "The texture is expected to be the render target view");
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
     CheckSourceRect<DirectX11Exception>(params.sourceRect, source.desc.size);
-    CheckFrameConversion<DirectX11Exception>(source.desc, params.conversion, location);
+    if (params.conversion) {
+        CheckFrameConversion<DirectX11Exception>(source.desc, *params.conversion, GetToneMapping(),
+                                                 location);
+    }
     const Drawing drawing = Prepare(source.desc, params, target->GetSize(),
                                     DrawsStraightAlpha(m_blendState), m_colorLut != nullptr);
     if (!drawing.viewport) {
@@ -53,24 +56,26 @@ void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
     const auto make = [&](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
-    const FrameShaderKey key = MakeFrameDrawKey(source.desc, GetChromaFilter(), drawing.image,
-                                                GetLutDimensions(m_colorLut));
+    const FrameDrawing wanted =
+        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+                         GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
+    const FrameShaderKey& key = wanted.shader;
     D11FramePass& pass =
         m_passes->Get(key, [&] { return std::make_unique<D11FramePass>(m_device, key); });
     const auto event = D11QuadPipeline::BeginEvent(*context, "frame draw");
     const auto imageConstants = make(MakeParamsBytes(drawing.image));
-    const D3FrameParams frame = MakeFrameParams(source.desc);
     const auto planes = MakePlaneViews(*m_device, source, m_colorLut);
     const std::array<ID3D11ShaderResourceView*, 3> more = {planes[1], planes[2], planes[3]};
     ID3D11RenderTargetView* const view = target->GetView();
-    m_pipeline->Draw(*context, {.targets = {&view, 1},
-                                .viewport = *drawing.viewport,
-                                .shader = pass.shader,
-                                .texture = planes[0],
-                                .constants = imageConstants,
-                                .blendState = m_blendState,
-                                .moreTextures = more,
-                                .moreConstants = pass.frameConstants.Get(BytesOf(frame), make)});
+    m_pipeline->Draw(*context,
+                     {.targets = {&view, 1},
+                      .viewport = *drawing.viewport,
+                      .shader = pass.shader,
+                      .texture = planes[0],
+                      .constants = imageConstants,
+                      .blendState = m_blendState,
+                      .moreTextures = more,
+                      .moreConstants = pass.frameConstants.Get(BytesOf(wanted.frame), make)});
     context->PSSetShaderResources({nullptr, nullptr, nullptr, nullptr});
     D11QuadPipeline::Unbind(*context);
 }

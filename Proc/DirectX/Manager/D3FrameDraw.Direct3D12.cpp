@@ -37,14 +37,15 @@ D12FrameDraw::Drawing D12FrameDraw::Check(const D12Frame& source, const D12Descr
         target != nullptr && target->GetType() == D12Descriptor::RenderTarget,
         "The texture is expected to be the render target view", location);
     CheckSourceRect<DirectX12Exception>(params.sourceRect, source.desc.size, location);
-    CheckFrameConversion<DirectX12Exception>(source.desc, params.conversion, location);
+    if (params.conversion) {
+        CheckFrameConversion<DirectX12Exception>(source.desc, *params.conversion, GetToneMapping(),
+                                                 location);
+    }
     return Prepare(source.desc, params, target->GetSize(), DrawsStraightAlpha(m_blendState),
                    m_colorLut != nullptr);
 }
 
-D12FramePass& D12FrameDraw::GetPass(const D3FrameDesc& source, const D3ImageParams& image) {
-    const FrameShaderKey key =
-        MakeFrameDrawKey(source, GetChromaFilter(), image, GetLutDimensions(m_colorLut));
+D12FramePass& D12FrameDraw::GetPass(const FrameShaderKey& key) {
     D12FramePass& pass = m_passes->Get(key, [&] {
         return std::make_unique<D12FramePass>(m_device, "frame draw", GetVertexShader(), key,
                                               D3D12_SHADER_VISIBILITY_ALL);
@@ -59,11 +60,13 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     const auto location = std::source_location::current();
     const Drawing drawing = Check(source, target.get(), params, location);
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
-    D12FramePass& pass = GetPass(source.desc, drawing.image);
+    const auto [frame, key] =
+        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+                         GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
+    D12FramePass& pass = GetPass(key);
     const D12PlanesOfOneDraw planes(*pass.planes, MakePlaneViews(*m_device, source, m_colorLut));
     pass.image->SetBuffer(
         CreateConstants(*m_device, MakeParamsBytes(drawing.image), L"Matrix Buffer"));
-    const D3FrameParams frame = MakeFrameParams(source.desc);
     pass.frame->SetBuffer(pass.frameConstants.Get(BytesOf(frame), [&](const auto& bytes) {
         return CreateConstants(*m_device, bytes, L"Frame params buffer");
     }));
@@ -79,9 +82,11 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
     if (!drawing.viewport) {
         return;
     }
-    D12FramePass& pass = GetPass(source.desc, drawing.image);
+    const auto [frame, key] =
+        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+                         GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
+    D12FramePass& pass = GetPass(key);
     const D12DrawEvent event = pass.pipeline.BeginEvent(state);
-    const D3FrameParams frame = MakeFrameParams(source.desc);
     const auto imageConstants = state.AddConstants(&drawing.image, sizeof(drawing.image));
     const auto frameConstants = state.AddConstants(&frame, sizeof(frame));
     const D12PlaneViews views = MakePlaneViews(*m_device, source, m_colorLut);

@@ -32,6 +32,9 @@ D3FrameDraw::Drawing D3FrameDraw::Prepare(const D3FrameDesc& source, const Image
     drawing.image = MakeParams(
         ToClipUnits(drawing.transform, drawing.area, drawing.viewport.value_or(drawing.area)),
         drawn, source.size, params.opacity < 1.0F && hasStraightAlpha);
+    if (params.conversion) {
+        drawing.conversion = drawn.conversion;
+    }
     return drawing;
 }
 

@@ -24,12 +24,14 @@
 #include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3Frame.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "Proc/DirectX/Manager/D3ToneMapping.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 
 namespace Norvex::DX {
 
 class D11QuadPipeline;
 struct D12FramePass;
+struct FrameShaderKey;
 
 // How chroma of fewer samples than luma is interpolated. Luma, and RGB, always bilinearly.
 enum class ChromaFilter : std::uint32_t {
@@ -48,6 +50,11 @@ public:
     // Of the next Encode on.
     void SetChromaFilter(ChromaFilter filter) { m_chromaFilter = filter; }
 
+    // Of draws with a conversion; by default the conversion's own.
+    const D3ToneMapping& GetToneMapping() const { return m_toneMapping; }
+    // Of the next Encode on.
+    void SetToneMapping(const D3ToneMapping& toneMapping) { m_toneMapping = toneMapping; }
+
 protected:
     D3FrameDraw();
 
@@ -57,6 +64,7 @@ protected:
         std::optional<Rect2DT<long>> viewport; // of that what lies inside the target
         AffineTransform transform;             // in clip units of the area
         D3ImageParams image;                   // for the shaders
+        std::optional<Proc::ColorAlphaConversionInfo> conversion; // that was asked for
     };
     // hasStraightAlpha: what it draws without a conversion. With a LUT there always is one.
     Drawing Prepare(const D3FrameDesc& source, const ImageDrawParams& params,
@@ -67,6 +75,7 @@ private:
     AffineTransform MakeViewTransform(const Size2DT<long>& source, const Size2DT<long>& target);
 
     ChromaFilter m_chromaFilter = ChromaFilter::Bilinear;
+    D3ToneMapping m_toneMapping;
     std::optional<AffineTransform> m_transform;
     Size2DT<long> m_lastSourceSize;
     Size2DT<long> m_lastTargetSize;
@@ -90,8 +99,9 @@ public:
     // of the frame is missing", "The frame has too many textures", "A texture is not of the frame's
     // layout", "A texture is smaller than the frame's plane", "A texture of the frame has no such
     // slice", "The frame's colors cannot be converted to these" (linear light as source or with
-    // BT.2020's primaries), "The texture is expected to be the render target view", "There is no
-    // command allocator", "The source rectangle does not lie in the texture".
+    // BT.2020's primaries), "The luminances of the tone mapping are out of range", "The texture is
+    // expected to be the render target view", "There is no command allocator", "The source
+    // rectangle does not lie in the texture".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source,
                 const boost::intrusive_ptr<D12Descriptor>& target,
                 const ImageDrawParams& params = {});
@@ -118,7 +128,7 @@ private:
                   const ImageDrawParams& params, const std::source_location& location);
 
     struct Passes; // what draws with one shader
-    D12FramePass& GetPass(const D3FrameDesc& source, const D3ImageParams& image);
+    D12FramePass& GetPass(const FrameShaderKey& key);
 
     boost::intrusive_ptr<D12Device> m_device;
     boost::intrusive_ptr<D12ColorLut> m_colorLut;

@@ -171,6 +171,18 @@ FrameShaderKey MakeFrameCodesKey(const D3FrameDesc& source, const D3FrameDesc& t
     return key;
 }
 
+// Of a shader with this conversion.
+void SetToneMapping(FrameShaderKey& key, D3FrameParams& params, const D3ToneMapping& tones,
+                    const Proc::ColorConversionInfo& conversion) {
+    key.tones = GetToneStages(tones, conversion);
+    if (key.tones.curve != FrameTone::Rational) {
+        key.conversion->keepsColors = false; // of PQ to PQ
+    }
+    if (key.tones != D3ToneStages{}) {
+        params.tone = MakeToneParams(tones, conversion);
+    }
+}
+
 } // namespace
 
 D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
@@ -193,14 +205,20 @@ D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
     return params;
 }
 
-FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
-                                const D3ImageParams& image, unsigned lutDimensions) {
-    FrameShaderKey key;
+FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilter,
+                              const D3ImageParams& image, unsigned lutDimensions,
+                              const D3ToneMapping& tones,
+                              const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
+    FrameDrawing drawing{MakeFrameParams(source), {}};
+    FrameShaderKey& key = drawing.shader;
     key.sourcePlanes = source.GetPlaneCount();
     key.chroma = GetFrameChroma(source, chromaFilter);
     key.conversion.emplace(image);
     key.lutDimensions = lutDimensions;
-    return key;
+    if (conversion) {
+        SetToneMapping(key, drawing.frame, tones, *conversion);
+    }
+    return drawing;
 }
 
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
@@ -208,7 +226,8 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
     Proc::ColorAlphaConversionInfo info{params.conversion, source.alpha, target.alpha};
     info.source = source.colorSpace;
     info.target = target.colorSpace;
-    const bool isPlain = IsPlain(info) && lutDimensions == 0;
+    const bool isPlain = IsPlain(info) && lutDimensions == 0 &&
+                         GetToneStages(params.toneMapping, info).curve == FrameTone::Rational;
     const Affine ofColors = MakeCodesOfColors(target);
     const Affine codes = isPlain ? Compose(MakeColorsOfSamples(source), ofColors) : ofColors;
     FrameConversion conversion;
@@ -222,6 +241,7 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
         if (!isPlain) {
             key.conversion.emplace(conversion.image);
             key.lutDimensions = lutDimensions;
+            SetToneMapping(key, conversion.frames.back(), params.toneMapping, info);
         } else { // alpha of no target is as good as one
             key.isOpaque = !target.IsRGB() || source.alpha == Proc::AlphaType::AlphaIsOne;
         }
@@ -284,12 +304,16 @@ std::string GetFrameShader(const FrameShaderKey& key) {
     if (key.lutDimensions != 0) {
         text += fmt::format("#define COLOR_STAGE\n#define LUT_DIMENSIONS {}\n", key.lutDimensions);
     }
+    text += GetToneMacros(key.tones);
     if (key.conversion) {
         text += D3ImageRenderer::GetPixelShader(*key.conversion);
     } else {
         text += "#define PLAIN\n" + D3ImageRenderer::GetPixelShader();
     }
     text += Shaders::kFrameSource;
+    if (key.tones != D3ToneStages{}) {
+        text += Shaders::kToneMapping;
+    }
     if (key.lutDimensions != 0) {
         text += Shaders::kColorLut;
     }

@@ -20,6 +20,8 @@
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/D3ImageRenderer.h"
+#include "Proc/DirectX/Manager/D3ToneMapping.h"
+#include "Proc/DirectX/Manager/D3ToneStages.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
 namespace Norvex::DX {
@@ -39,7 +41,9 @@ struct D3FrameParams {
     float smallestCode = 0.0F;
     float largestCode = 0.0F;
     float codeUnit = 1.0F;
-    std::array<float, 25> unused = {}; // up to 256 bytes
+    // Of tone mapping, ToneMapping.hlsl.
+    D3ToneParams tone;
+    std::array<float, 16> unused = {}; // up to 256 bytes
 };
 static_assert(sizeof(D3FrameParams) == 256);
 
@@ -60,6 +64,7 @@ struct FrameShaderKey {
     FrameDither dither = FrameDither::None; // of the codes
     bool isOpaque = false;                  // alpha becomes one, where it is not converted
     unsigned lutDimensions = 0;             // of the table that colours go through; 0: none
+    D3ToneStages tones = {};
 
     bool operator==(const FrameShaderKey&) const = default;
 };
@@ -80,10 +85,15 @@ unsigned GetLutDimensions(const boost::intrusive_ptr<Lut>& lut) {
     return lut != nullptr ? lut->GetDimensions() : 0;
 }
 
-// Of who draws from the frame.
-D3FrameParams MakeFrameParams(const D3FrameDesc& source);
-FrameShaderKey MakeFrameDrawKey(const D3FrameDesc& source, ChromaFilter chromaFilter,
-                                const D3ImageParams& image, unsigned lutDimensions);
+// What the shader of a drawer is told besides the image's parameters.
+struct FrameDrawing {
+    D3FrameParams frame;
+    FrameShaderKey shader;
+};
+FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilter,
+                              const D3ImageParams& image, unsigned lutDimensions,
+                              const D3ToneMapping& tones,
+                              const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
 // What the shaders of a converter are told.
 struct FrameConversion {
@@ -96,13 +106,16 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
                                     const FrameConvertParams& params, unsigned lutDimensions);
 // Whether the shaders have it: from no linear light, and to none with BT.2020's primaries.
 bool CanConvert(const Conf::RGBColorSpace& source, const Conf::RGBColorSpace& target);
-// "The frame's colors cannot be converted to these"; without a conversion all is well.
+// "The frame's colors cannot be converted to these", "The luminances of the tone mapping are out of
+// range".
 template <class E>
-void CheckFrameConversion(const D3FrameDesc& source,
-                          const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
-                          const std::source_location& location) {
-    ThrowUnless<E>(!conversion || CanConvert(source.colorSpace, conversion->target),
+void CheckFrameConversion(const D3FrameDesc& source, Proc::ColorConversionInfo conversion,
+                          const D3ToneMapping& tones, const std::source_location& location) {
+    conversion.source = source.colorSpace;
+    ThrowUnless<E>(CanConvert(conversion.source, conversion.target),
                    "The frame's colors cannot be converted to these", location);
+    ThrowUnless<E>(IsInRange(tones, conversion),
+                   "The luminances of the tone mapping are out of range", location);
 }
 
 // What was given as one of a frame's textures; of none: no format, no slices.
@@ -131,16 +144,17 @@ void CheckFrame(const D3FrameDesc& frame, const FrameTextures& textures, unsigne
     ThrowUnless<E>(mistake == nullptr, mistake, location);
 }
 
-// Of both frames of a conversion; "The frames have different sizes", "The frame's colors cannot be
-// converted to these".
+// Of both frames of a conversion; "The frames have different sizes", and CheckFrameConversion's.
 template <class E, class Frame>
-void CheckFrames(const Frame& source, const Frame& target, const std::source_location& location) {
+void CheckFrames(const Frame& source, const Frame& target, const FrameConvertParams& params,
+                 const std::source_location& location) {
     CheckFrame<E>(source.desc, DescribeTextures(source), source.slice, location);
     CheckFrame<E>(target.desc, DescribeTextures(target), target.slice, location);
     ThrowUnless<E>(source.desc.size == target.desc.size, "The frames have different sizes",
                    location);
-    ThrowUnless<E>(CanConvert(source.desc.colorSpace, target.desc.colorSpace),
-                   "The frame's colors cannot be converted to these", location);
+    Proc::ColorConversionInfo conversion = params.conversion;
+    conversion.target = target.desc.colorSpace;
+    CheckFrameConversion<E>(source.desc, conversion, params.toneMapping, location);
 }
 
 } // namespace Norvex::DX

@@ -137,13 +137,18 @@ float3 pq_tonemap( float3 light, float tonemapA, float tonemapB )
     return light;
 }
 
+float3 pq_light_to_rec2020_linear( float3 light, bool displayLinear )
+{
+    if ( !displayLinear )
+        light = display_to_scene_linear( light );
+    return light;
+}
+
 float3 rec2100PQ_to_rec2020_linear( float3 pixel, bool displayLinear, float tonemapA,
                                     float tonemapB )
 {
     float3 light = pq_tonemap( pq_decode( pixel ), tonemapA, tonemapB );
-    if ( !displayLinear )
-        light = display_to_scene_linear( light );
-    return light;
+    return pq_light_to_rec2020_linear( light, displayLinear );
 }
 
 float3 rec2020_linear_to_rec2100PQ( float3 pixel, bool displayLinear )

@@ -25,6 +25,15 @@ cbuffer FrameBuffer: register( b1 )
     float smallestCode;
     float largestCode;
     float codeUnit;
+    float toneBlack; // of tone mapping
+    float toneRange;
+    float toneInverseRange;
+    float toneKnee;
+    float toneInverseRest;
+    float tonePeak;
+    float toneLift;
+    float toneLiftPower;
+    float toneBrightest;
 };
 
 // Texture arrays, of which the views have one slice. Planes that a frame lacks are its first.

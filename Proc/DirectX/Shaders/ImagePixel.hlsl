@@ -38,6 +38,23 @@ struct PSInput
     float2 uv: TEXCOORD0;
 };
 
+// What else a shader does where it is asked to; the functions stand behind this text. To values of
+// PQ, in place of the curve of pqTonemapA and B:
+#ifdef TONE_CURVE
+#define CHANGES_COLORS true
+float3 MapTones( float3 signal );
+#else
+#define CHANGES_COLORS ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
+#endif
+// to the target's linear light,
+#ifdef REDUCES_GAMUT
+float3 ReduceGamut( float3 color );
+#endif
+// and to its encoded colours.
+#ifdef COLOR_STAGE
+float3 ChangeColor( float3 color );
+#endif
+
 float3 Linearize( float3 color )
 {
     if ( sourceColorSpace == sRGB )
@@ -45,7 +62,11 @@ float3 Linearize( float3 color )
     else if ( sourceColorSpace == Rec709 || sourceColorSpace == Rec2020 )
         color = rec709_to_linear( color, displayLinear );
     else if ( sourceColorSpace == Rec2020PQ )
+#ifdef TONE_CURVE
+        color = pq_light_to_rec2020_linear( MapTones( color ), displayLinear );
+#else
         color = rec2100PQ_to_rec2020_linear( color, displayLinear, pqTonemapA, pqTonemapB );
+#endif
     else if ( sourceColorSpace == Rec2020HLG )
         color = rec2020HLG_to_rec2020_linear( color, displayLinear, displayPeakLuminance,
                                               hlgOOTFGamma );
@@ -91,12 +112,6 @@ float3 Encode( float3 color )
 static const float MAX_LIGHT = 1e37;
 static const float MAX_RESULT = 65504.0;
 
-// What else a shader does to the target's encoded colours, where it is asked to; the function stands
-// behind this text.
-#ifdef COLOR_STAGE
-float3 ChangeColor( float3 color );
-#endif
-
 float4 ConvertColorSpace( float4 color )
 {
     if ( sourceAlphaType == AlphaTypePremultiplied )
@@ -105,10 +120,14 @@ float4 ConvertColorSpace( float4 color )
         color.a = 1.0;
 
 #ifndef ONE_KEEPS_COLORS
-    if ( sourceColorSpace != targetColorSpace || linearScale != 1.0 )
+    if ( CHANGES_COLORS )
     {
         float3 light = clamp( Linearize( color.rgb ), -MAX_LIGHT, MAX_LIGHT );
-        color.rgb = Encode( ConvertPrimaries( light ) * linearScale );
+        light = ConvertPrimaries( light ) * linearScale;
+#ifdef REDUCES_GAMUT
+        light = ReduceGamut( light );
+#endif
+        color.rgb = Encode( light );
     }
 #endif
 #ifdef COLOR_STAGE

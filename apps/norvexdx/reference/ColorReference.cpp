@@ -98,7 +98,82 @@ RGB Tonemapped(const RGB& light, const Info& info) {
     return maximum > 0.0 ? Scaled(light, (1.0 + a * maximum) / (1.0 + b * maximum)) : light;
 }
 
-RGB Decode(const RGB& color, const Info& info) {
+// ITU-R BT.2390-11, 5.4.1, in values of PQ; black is lifted by itself, since a channel is meant
+// that need not be the largest.
+struct ToneMapper {
+    double black;
+    double range;
+    double peak; // maxLum
+    double lift; // b
+    ToneMapper(const Info& info, const DX::D3ToneMapping& tones) {
+        const auto pq = [](double luminance) { return PQFromLight(luminance / 100.0); };
+        const bool isHDR = info.target.transfer == PQ || info.target.transfer == HLG ||
+                           (info.target.transfer == Linear &&
+                            info.mode == Proc::LinearizationMode::DisplayReferredHDR);
+        const double target = double{isHDR ? info.targetPeakLuminance : info.referenceWhite};
+        const bool isBrighter = double{info.sourcePeakLuminance} > target;
+        black = pq(double{tones.sourceBlack});
+        range = pq(isBrighter ? double{info.sourcePeakLuminance} : 10000.0) - black;
+        peak = isBrighter ? (pq(target) - black) / range : 1.0;
+        lift = (pq(double{tones.targetBlack}) - black) / range;
+    }
+    double Curve(double value) const {
+        const double knee = std::max(1.5 * peak - 0.5, 0.0);
+        const double e = std::min((value - black) / range, 1.0);
+        const double t = e < knee || knee >= 1.0 ? 0.0 : (e - knee) / (1.0 - knee);
+        const double high = (2.0 * t * t * t - 3.0 * t * t + 1.0) * knee +
+                            (t * t * t - 2.0 * t * t + t) * (1.0 - knee) +
+                            (3.0 * t * t - 2.0 * t * t * t) * peak;
+        return (e < knee ? e : high) * range + black;
+    }
+    double Lifted(double value) const {
+        const double e = std::clamp((value - black) / range, 0.0, 1.0);
+        return value + range * lift * std::pow(1.0 - e, lift > 0.25 ? 1.0 / lift : 4.0);
+    }
+};
+
+RGB ToneMapped(const RGB& color, const Info& info, const DX::D3ToneMapping& tones) {
+    const ToneMapper mapper(info, tones);
+    const auto curve = [&](double value) { return mapper.Curve(value); };
+    const auto lift = [&](double value) { return LightFromPQ(mapper.Lifted(value)); };
+    const RGB values = Each(color, [](double value) { return std::clamp(value, 0.0, 1.0); });
+    if (tones.channels == DX::ToneChannels::PerChannel) {
+        return Each(Each(values, curve), lift);
+    }
+    const double largest = *std::ranges::max_element(values);
+    const double ratio = largest > 0.0 ? LightFromPQ(curve(largest)) / LightFromPQ(largest) : 1.0;
+    return Each(Each(Scaled(Each(values, LightFromPQ), ratio), PQFromLight), lift);
+}
+
+// Mixed with grey of the same luminance: saturations from 0.8 to that of BT.2020's blue become 0.8
+// to 1, which is the edge.
+RGB GamutReduced(const RGB& light, bool hasWhite) {
+    const double y = 0.2126 * light[0] + 0.7152 * light[1] + 0.0722 * light[2];
+    if (!(y > 0.0)) {
+        return light;
+    }
+    constexpr double kKnee = 0.8;
+    constexpr double kFarthest = 2.228;
+    const auto mix = [&](const RGB& color, double share) {
+        return Each(color, [&](double channel) { return y + (channel - y) * share; });
+    };
+    const double saturation = (y - *std::ranges::min_element(light)) / y;
+    const double beyond = saturation - kKnee;
+    const double squeezed =
+        kKnee + beyond / (1.0 + beyond * (1.0 / (1.0 - kKnee) - 1.0 / (kFarthest - kKnee)));
+    const RGB reduced = beyond > 0.0 ? mix(light, squeezed / saturation) : light;
+    const double most = *std::ranges::max_element(reduced);
+    return hasWhite && most > 1.0 ? mix(reduced, y < 1.0 ? (1.0 - y) / (most - y) : 0.0) : reduced;
+}
+
+RGB DecodePQ(const RGB& color, const Info& info, const DX::D3ToneMapping& tones) {
+    const bool hasCurve =
+        tones.curve == DX::ToneCurve::BT2390 &&
+        (info.GetPQTonemapCoefs().first > 0.0F || tones.sourceBlack != tones.targetBlack);
+    return hasCurve ? ToneMapped(color, info, tones) : Tonemapped(Each(color, LightFromPQ), info);
+}
+
+RGB Decode(const RGB& color, const Info& info, const DX::D3ToneMapping& tones) {
     const bool isScene = info.mode == Proc::LinearizationMode::SceneReferred;
     if (info.source.transfer == BT709) {
         return Each(color, isScene ? SceneFromRec709 : DisplayFromRec709);
@@ -107,8 +182,8 @@ RGB Decode(const RGB& color, const Info& info) {
         const RGB scene = Each(color, SceneFromHLG);
         return isScene ? scene : HLGDisplayFromScene(scene, info);
     }
-    const RGB light = info.source.transfer == PQ ? Tonemapped(Each(color, LightFromPQ), info)
-                                                 : Each(color, LightFromSRGB);
+    const RGB light =
+        info.source.transfer == PQ ? DecodePQ(color, info, tones) : Each(color, LightFromSRGB);
     return isScene ? Each(Each(light, Rec709FromDisplay), SceneFromRec709) : light;
 }
 
@@ -144,11 +219,19 @@ RGB Encode(const RGB& light, const Info& info) {
     }
 }
 
-RGB ConvertColor(const RGB& color, const Info& info) {
+RGB ConvertColor(const RGB& color, const Info& info, const DX::D3ToneMapping& tones) {
     const double scale = info.GetLinearScale();
-    const RGB light =
-        ConvertPrimaries(Decode(color, info), info.source.primaries, info.target.primaries);
-    return info.source == info.target && scale == 1.0 ? color : Encode(Scaled(light, scale), info);
+    const RGB light = Scaled(
+        ConvertPrimaries(Decode(color, info, tones), info.source.primaries, info.target.primaries),
+        scale);
+    const bool isReduced = tones.gamut == DX::GamutReduction::Soft &&
+                           info.source.primaries == Conf::ColorPrimaries::BT2020 &&
+                           info.target.primaries == Conf::ColorPrimaries::BT709;
+    const bool isMapped = info.source.transfer == PQ && tones.curve == DX::ToneCurve::BT2390;
+    return info.source == info.target && scale == 1.0 && !isMapped
+               ? color
+               : Encode(isReduced ? GamutReduced(light, info.target.transfer != Linear) : light,
+                        info);
 }
 
 } // namespace
@@ -192,11 +275,11 @@ double ValueFromLight(double light, Conf::TransferCharacteristics transfer) {
     }
 }
 
-Pixel ReferenceConvert(const Pixel& color, const Info& info) {
+Pixel ReferenceConvert(const Pixel& color, const Info& info, const DX::D3ToneMapping& tones) {
     const double alpha = info.sourceAlpha == AlphaType::AlphaIsOne ? 1.0 : color[3];
     const bool isDivided = info.sourceAlpha == AlphaType::Premultiplied && alpha > 0.0;
     const RGB straight = Scaled({color[0], color[1], color[2]}, isDivided ? 1.0 / alpha : 1.0);
-    const RGB result = Scaled(ConvertColor(straight, info),
+    const RGB result = Scaled(ConvertColor(straight, info, tones),
                               info.targetAlpha == AlphaType::NonPremultiplied ? 1.0 : alpha);
     return {result[0], result[1], result[2],
             info.targetAlpha == AlphaType::AlphaIsOne ? 1.0 : alpha};

@@ -165,7 +165,8 @@ Pixel ColorOf(const Frame& frame, long x, long y, bool hasCubicChroma) {
 }
 
 Frame ConvertFrame(const Frame& source, const D3FrameDesc& target,
-                   const Proc::ColorConversionInfo& conversion, bool hasCubicChroma) {
+                   const Proc::ColorConversionInfo& conversion, bool hasCubicChroma,
+                   const DX::D3ToneMapping& tones) {
     Proc::ColorAlphaConversionInfo info{conversion, source.desc.alpha, target.alpha};
     info.source = source.desc.colorSpace;
     info.target = target.colorSpace;
@@ -173,7 +174,7 @@ Frame ConvertFrame(const Frame& source, const D3FrameDesc& target,
     const auto [width, height] = source.desc.size;
     for (long y = 0; y < height; ++y) {
         for (long x = 0; x < width; ++x) {
-            colors.push_back(ReferenceConvert(ColorOf(source, x, y, hasCubicChroma), info));
+            colors.push_back(ReferenceConvert(ColorOf(source, x, y, hasCubicChroma), info, tones));
         }
     }
     return MakeFrame(target, [&, columns = width, rows = height](unsigned channel, long x, long y) {

@@ -36,6 +36,7 @@ Pixel ColorOf(const Frame& frame, long x, long y, bool hasCubicChroma);
 // The codes of the target before they are rounded: each chroma sample is the mean of the pixels
 // about its place, two (half each) or three (a quarter, half, a quarter) across and down.
 Frame ConvertFrame(const Frame& source, const DX::D3FrameDesc& target,
-                   const Proc::ColorConversionInfo& conversion, bool hasCubicChroma);
+                   const Proc::ColorConversionInfo& conversion, bool hasCubicChroma,
+                   const DX::D3ToneMapping& tones = {});
 
 } // namespace Norvex::Reference
