@@ -59,6 +59,12 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
     expect("is not for --converter two-pass",
            "encode a.png -o out --format yuv422p --converter two-pass");
     expect("Y4M cannot say", "encode a.png -o out --format p010 --container y4m --siting centre");
+    expect("is not for --converter two-pass", encode + "--converter two-pass ",
+           {"--lut a.cube", "--gamut clip", "--tone-map rational"});
+    expect("are for --tone-map bt2390", convert,
+           {"--target-black 0.1", "--from srgb --to srgb --tone-map rational --source-black 0"});
+    expect("need --from and --to", convert, {"--tone-map bt2390", "--gamut soft"});
+    expect("from 0 to 10 cd/m2", convert, {"--target-black -1", "--source-black 11"});
     expect("linear light", encode, {"--from srgb --to rec709-linear"});
     expect("is not a format", encode, {"--input-format yuv411p", "--input-format p016be"});
     expect("--screenshot goes with --frames", "view in.png --screenshot out.png");

@@ -108,6 +108,9 @@ TEST_P(EncodeProgramTest, ConvertsFramesOfVideoInEveryLayout) {
         {"C420paldv", "yuv420p16", "--siting centre"},
         {"p010le", "yuv422p", "--input-range full --input-siting top-left"},
         {"nv12", "yuv422p10", "--from rec709 --to rec2020-pq"},
+        {"C420p10", "yuv420p",
+         "--from rec2020-pq --to rec709 --source-peak 4000 --tone-map bt2390-per-channel "
+         "--gamut soft --source-black 0.01 --target-black 0.1"},
     };
     constexpr DX::Size2DT<long> kSize = {7, 5};
     for (const Row& row : rows) {
@@ -134,7 +137,8 @@ TEST_P(EncodeProgramTest, ConvertsFramesOfVideoInEveryLayout) {
         const std::string header = "YUV4MPEG2 W7 H5 " + std::string(row.source) + "\nFRAME\n";
         Run(arguments, {}, 0, (isY4m ? header : "") + std::string(codes.begin(), codes.end()));
         const auto expected = Reference::ConvertFrame(
-            frame, target, plan.conversion.value_or(Proc::ColorAlphaConversionInfo()), false);
+            frame, target, plan.conversion.value_or(Proc::ColorAlphaConversionInfo()), false,
+            plan.stages.tones);
         const Bytes best = PackCodes(expected);
         const Bytes clip = ReadInputFile(m_folder.GetPath("clip"));
         ASSERT_EQ(clip.size(), best.size());

@@ -115,6 +115,16 @@ TEST_F(ProgramTest, DrawsWhatTheOptionsSay) {
         << "what is not converted stays what it is";
     expect("convert @out.png @out.png --from rec2020-pq --to srgb --source-peak 203 --depth 8",
            {{1, 1, {255, 255, 255, 255}}}, 0);
+    // Of 49 cd/m2, which is below the knee, and just above the peak.
+    const std::string kToneMapped = "convert @out.png @out.png --from rec2020-pq --to srgb "
+                                    "--tone-map bt2390 --gamut soft";
+    Run("fill @out.png --size 2x2 --color 707070FF --depth 16");
+    expect(kToneMapped, {{1, 1, {34779, 34779, 34779, 65535}}}, 40);
+    Run("fill @out.png --size 2x2 --color C0C0C0FF");
+    expect(kToneMapped, {{1, 1, {255, 255, 255, 255}}}, 0);
+    WriteBytes(m_folder.GetPath("inverse.cube"), std::string("LUT_1D_SIZE 2\n1 1 1\n0 0 0\n"));
+    expect(kHalf + "--lut @inverse.cube --size 4x4 --target-alpha premultiplied",
+           {{1, 1, {28, 78, 103, 128}}});
 }
 
 TEST_P(PictureTest, ReportsAsJson) {
@@ -172,6 +182,9 @@ TEST_F(ProgramTest, SaysInOneLineWhatFails) {
     expect("convert @in.png @out.png --adapter 99", "there is no adapter 99");
     expect("convert @in.png @out.png --adapter 99 --api d3d11", "there is no adapter 99");
     expect("convert @empty @out.png", "is a folder");
+    WriteBytes(m_folder.GetPath("bad.cube"), std::string("LUT_1D_SIZE 2\n1 2\n"));
+    expect("convert @in.png @out.png --lut @bad.cube", "bad.cube: Wrong color LUT, line 2: three");
+    expect("convert @in.png @out.png --lut @none.cube", "there is no file");
     expect("sheet @out.png @in.png --cell 16384x16384", "larger than the device takes");
     expect("view @in.png --frames 1 --screenshot @missing/out.png", "there is no folder");
     expect(encode + "-", "need --size", "raw", 2);

@@ -60,6 +60,22 @@ static const float GAMUT_KNEE = 0.8;
 static const float GAMUT_FARTHEST = 2.228;
 static const float GAMUT_SQUEEZE = 1.0 / ( 1.0 - GAMUT_KNEE ) - 1.0 / ( GAMUT_FARTHEST - GAMUT_KNEE );
 
+// The same upwards: 1 is where the largest channel is the brightest that there is, and the farthest
+// is infinitely far.
+static const float BRIGHT_KNEE = 0.9;
+static const float LEAST_ROOM = 1e-6;
+static const float FARTHEST_BRIGHT = 1e6;
+
+float3 ReduceBrightness( float3 color, float y )
+{
+    float room = toneBrightest - y;
+    float distance = min( ( Largest( color ) - y ) / max( room, LEAST_ROOM ), FARTHEST_BRIGHT );
+    float beyond = max( distance - BRIGHT_KNEE, 0.0 );
+    float squeezed = BRIGHT_KNEE + beyond / ( 1.0 + beyond / ( 1.0 - BRIGHT_KNEE ) );
+    float share = beyond > 0.0 ? squeezed / max( distance, BRIGHT_KNEE ) : 1.0;
+    return y + ( color - y ) * ( room > 0.0 ? share : 0.0 );
+}
+
 // Linear light of BT.709, 1.0 is white.
 float3 ReduceGamut( float3 color )
 {
@@ -71,9 +87,7 @@ float3 ReduceGamut( float3 color )
     if ( y > LEAST_LIGHT )
     {
         color = y + ( color - y ) * ( beyond > 0.0 ? squeezed / max( distance, GAMUT_KNEE ) : 1.0 );
-        float most = Largest( color );
-        if ( most > toneBrightest )
-            color = y + ( color - y ) * saturate( ( toneBrightest - y ) / max( most - y, LEAST_LIGHT ) );
+        color = ReduceBrightness( color, y );
     }
     return color;
 }

@@ -203,9 +203,13 @@ PictureReport Batch::Convert(const ConvertJob& job, ClipFrame frame, double deco
     if (options.scaler) {
         source = ScaleFor(graphics, *source, GetArea(options, *canvas), options, view);
     }
-    const auto drawn =
-        graphics.Draw(*source, *canvas,
-                      {view, m_plan.conversion, options.rect, m_plan.background, m_plan.blends});
+    auto conversion = m_plan.conversion;
+    if (!m_plan.stages.IsNone()) {
+        source = graphics.ConvertColors(*source, *conversion, m_plan.stages);
+        conversion.reset();
+    }
+    const auto drawn = graphics.Draw(
+        *source, *canvas, {view, conversion, options.rect, m_plan.background, m_plan.blends});
     report.times.draw = drawn.drawMs;
     report.transform = drawn.transform;
     WriteCanvas(*canvas, job.output, outputSpace, report);

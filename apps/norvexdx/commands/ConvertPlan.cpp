@@ -145,7 +145,8 @@ ConvertPlan MakeConvertPlan(const ConvertOptions& options) {
         .options = options, .jobs = {}, .conversion = {}, .view = {}, .background = {}};
     const bool changesAlpha =
         options.sourceAlpha != options.targetAlpha || options.targetAlpha == AlphaType::AlphaIsOne;
-    if (options.from || changesAlpha) {
+    plan.stages = LoadColorStages(options.stages, options.from.has_value());
+    if (options.from || changesAlpha || !plan.stages.IsNone()) {
         plan.conversion = MakeConversion(options);
     }
     PlanBackground(options, plan);

@@ -11,6 +11,7 @@
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/console/Arguments.h"
+#include "apps/norvexdx/graphics/ColorStages.h"
 #include "apps/norvexdx/graphics/Graphics.h"
 
 namespace Norvex::App {
@@ -38,8 +39,9 @@ struct ConvertOptions {
     std::optional<Proc::ColorF> background;
     std::optional<unsigned> depth;
     std::optional<DX::ScaleKernel> scaler; // empty: drawn in their size
-    std::optional<unsigned> frame;         // of clips, from 1
-    ClipInput input;                       // of clips
+    ColorStageOptions stages;
+    std::optional<unsigned> frame; // of clips, from 1
+    ClipInput input;               // of clips
     bool json = false;
 };
 
@@ -52,6 +54,7 @@ struct ConvertPlan {
     ConvertOptions options;
     std::vector<ConvertJob> jobs;
     std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: pixels are drawn as they are
+    ColorStages stages = {};                                  // if any, there is a conversion
     View view;
     Proc::ColorF background; // as the canvas is filled
     bool blends = false;     // pictures go over the background instead of replacing it
@@ -61,7 +64,8 @@ struct ConvertPlan {
 // say.
 Proc::ColorAlphaConversionInfo MakeConversion(const ConvertOptions& options);
 
-// Reads the file system for the output only: inputs are looked at when their turn comes.
+// Reads the look-up table, and the file system for the output: inputs are looked at when their turn
+// comes.
 ConvertPlan MakeConvertPlan(const ConvertOptions& options);
 
 } // namespace Norvex::App

@@ -46,7 +46,8 @@ void RunEncode(const EncodeOptions& options) {
     if (isOnePass) {
         params.onePass = {.target = desc,
                           .dither = options.dither.value_or(DX::FrameDither::None),
-                          .kernel = options.scaler.value_or(DX::ScaleKernel::Bilinear)};
+                          .kernel = options.scaler.value_or(DX::ScaleKernel::Bilinear),
+                          .stages = plan.stages};
     }
     const auto encoder = FrameEncoder::Open(*graphics, params);
     report.isOnePass = isOnePass;

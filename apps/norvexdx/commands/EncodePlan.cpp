@@ -39,6 +39,9 @@ void CheckTwoPass(const EncodeOptions& options) {
         {options.siting.has_value(), "--siting"},
         {options.dither.has_value(), "--dither"},
         {options.scaler.has_value(), "--scaler"},
+        {options.stages.toneMap.has_value(), "--tone-map"},
+        {options.stages.gamut.has_value(), "--gamut"},
+        {!options.stages.lut.empty(), "--lut"},
         {options.input.format && options.input.format->video, "--input-format in Y'CbCr"},
         {options.input.matrix.has_value(), "--input-matrix"},
         {options.input.range.has_value(), "--input-range"},
@@ -181,7 +184,8 @@ EncodePlan MakeEncodePlan(const EncodeOptions& options) {
     }
     const EncodePlan plan = {
         options, PlanConversion(options),
-        options.container.value_or(IsY4mName(options.output) ? Container::Y4m : Container::Raw)};
+        options.container.value_or(IsY4mName(options.output) ? Container::Y4m : Container::Raw),
+        LoadColorStages(options.stages, options.from.has_value())};
     if (plan.container == Container::Y4m) {
         plan.GetY4mColors(); // or why there are none
     }

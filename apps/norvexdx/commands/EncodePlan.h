@@ -54,6 +54,7 @@ struct EncodeOptions {
     std::optional<DX::ChromaLocation> siting;
     std::optional<DX::FrameDither> dither;
     std::optional<DX::ScaleKernel> scaler;
+    ColorStageOptions stages;
     std::optional<FrameRate> rate;
     std::optional<Container> container;
     bool json = false;
@@ -65,6 +66,7 @@ struct EncodePlan {
     EncodeOptions options;
     std::optional<Proc::ColorAlphaConversionInfo> conversion; // empty: colours stay
     Container container = Container::Raw;
+    ColorStages stages = {};
 
     // As the user says; else the one that belongs to the clip's colours, which are --to's or,
     // without, the input's where that says them.

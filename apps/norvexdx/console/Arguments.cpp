@@ -121,6 +121,12 @@ std::optional<float> ParseNits(std::string_view text) {
     return value && *value >= kMinNits && *value <= kMaxNits ? value : std::nullopt;
 }
 
+std::optional<float> ParseBlack(std::string_view text) {
+    constexpr float kMaxBlack = 10.0F;
+    const auto value = ParseFloat(text);
+    return value && *value >= 0.0F && *value <= kMaxBlack ? value : std::nullopt;
+}
+
 std::optional<Proc::ColorF> ParseColor(std::string_view text) {
     if (text.starts_with('#')) {
         text.remove_prefix(1);

@@ -22,6 +22,8 @@ std::optional<double> ParseNumber(std::string_view text);
 std::optional<float> ParsePositive(std::string_view text);
 // Luminance in cd/m2, from 1 to 10000 (the most that PQ can say).
 std::optional<float> ParseNits(std::string_view text);
+// Luminance of black in cd/m2, from 0 to 10.
+std::optional<float> ParseBlack(std::string_view text);
 // RRGGBBAA or RRGGBB (opaque), hexadecimal, with or without '#'; as floats from 0 to 1.
 std::optional<Proc::ColorF> ParseColor(std::string_view text);
 // WIDTHxHEIGHT in pixels, each from 1 to kMaxDimension.

@@ -36,6 +36,7 @@ Examples:
   norvexdx convert clip.y4m frame.png --frame 100 --scaler lanczos --size 960x540
   norvexdx convert photo.jpg hdr.png --from srgb --to rec2020-pq --depth 16
   norvexdx convert hdr.png photo.png --from rec2020-pq --to srgb --source-peak 203 --depth 8
+  norvexdx convert hdr.png photo.png --from rec2020-pq --to srgb --tone-map bt2390 --gamut soft
   norvexdx convert photo.jpg turned.png --rotate 30 --size 1280x720 --background 202020FF
   norvexdx convert one.jpg two.jpg three.tif thumbnails --size 320x240 --json)";
 
@@ -176,6 +177,25 @@ void AddGeometryOptions(CLI::App& app, ConvertOptions& options) {
                  "the part of the output to draw into (all of it)"));
 }
 
+void AddColorStages(CLI::App& app, ColorStageOptions& options) {
+    const auto add = [&](CLI::Option* option) { option->group("Colour"); };
+    add(AddValue(app, "--tone-map", options.toneMap, &ParseToneCurve,
+                 "rational, bt2390 or bt2390-per-channel", "CURVE",
+                 "how PQ brighter than the output is made darker: rational, bt2390 (ITU-R BT.2390, "
+                 "of the largest channel) or bt2390-per-channel (rational)"));
+    add(AddValue(app, "--gamut", options.gamut, &ParseGamutReduction, "clip or soft", "KIND",
+                 "what becomes of BT.2020's colours that BT.709 lacks: clip, or soft, which keeps "
+                 "their hue (clip)"));
+    const std::string nits = "a luminance from 0 to 10 cd/m2";
+    add(AddValue(app, "--source-black", options.sourceBlack, &ParseBlack, nits, "NITS",
+                 "black of the display that a PQ input was mastered on, for bt2390 (0)"));
+    add(AddValue(app, "--target-black", options.targetBlack, &ParseBlack, nits, "NITS",
+                 "black of the display that the output is for, for bt2390 (0)"));
+    add(app.add_option("--lut", options.lut,
+                       "a look-up table (.cube, 1D or 3D) that the output's colours go through")
+            ->type_name("FILE"));
+}
+
 // What is said of clips that are read.
 void AddClipInput(CLI::App& app, ClipInput& input) {
     AddValue(app, "--input-format", input.format, &ParseRawFormat,
@@ -199,6 +219,7 @@ void AddConvert(CLI::App& parent, ConvertOptions& options) {
         ->expected(1, -1) // that it takes two is said in clearer words
         ->type_name("IN... OUT");
     AddColorOptions(app, options);
+    AddColorStages(app, options.stages);
     AddGeometryOptions(app, options);
     AddValue(app, "--background", options.background, &ParseColor,
              "a colour RRGGBBAA or RRGGBB in hexadecimal", "RRGGBBAA",
@@ -313,6 +334,7 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "peak of the display that the clip, or an HLG input, is for (1000)");
     AddValue(app, "--reference-white", options.referenceWhite, &ParseNits, nits, "NITS",
              "luminance of SDR white in PQ and HLG (203)");
+    AddColorStages(app, options.stages);
     AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
              "size of the frames (the input's); of raw frames it must be said");
     AddValue(app, "--input-depth", options.inputDepth, &ParseDepth, "8 or 16", "BITS",

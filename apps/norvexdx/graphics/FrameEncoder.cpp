@@ -264,6 +264,7 @@ DX::FrameConvertParams FrameEncoder::GetConversion() const {
         params.conversion = colors;
     }
     params.dither = m_params.onePass->dither;
+    params.toneMapping = m_params.onePass->stages.tones;
     return params;
 }
 

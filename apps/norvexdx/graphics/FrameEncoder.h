@@ -16,6 +16,7 @@
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/clips/VideoFormat.h"
+#include "apps/norvexdx/graphics/ColorStages.h"
 #include "apps/norvexdx/graphics/Graphics.h"
 
 namespace Norvex::App {
@@ -25,6 +26,7 @@ struct OnePassParams {
     DX::D3FrameDesc target; // all but its colour space
     DX::FrameDither dither = DX::FrameDither::None;
     DX::ScaleKernel kernel = DX::ScaleKernel::Bilinear; // for frames of another size
+    ColorStages stages = {};
 };
 
 // What the frames become.

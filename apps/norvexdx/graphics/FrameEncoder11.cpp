@@ -74,6 +74,9 @@ public:
           m_device(device) {
         if (params.onePass) {
             m_onePass.reset(new DX::D11FrameConverter(device));
+            if (const auto& lut = params.onePass->stages.lut) {
+                m_onePass->SetColorLut(boost::intrusive_ptr(new DX::D11ColorLut(device, *lut)));
+            }
             return;
         }
         m_draw.reset(new DX::D11ImageDraw(device));

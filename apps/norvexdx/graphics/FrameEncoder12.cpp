@@ -75,6 +75,9 @@ private:
         const EncoderParams& params = GetParams();
         if (params.onePass) {
             m_onePass.reset(new DX::D12FrameConverter(m_device));
+            if (const auto& lut = params.onePass->stages.lut) {
+                m_onePass->SetColorLut(boost::intrusive_ptr(new DX::D12ColorLut(m_queue, *lut)));
+            }
             return;
         }
         m_draw.reset(new DX::D12ImageDraw(m_device));

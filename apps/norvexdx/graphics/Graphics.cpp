@@ -140,6 +140,16 @@ std::unique_ptr<Picture> Graphics::Scale(const Picture& source, const DX::Size2D
     return picture;
 }
 
+std::unique_ptr<Picture> Graphics::ConvertColors(const Picture& source,
+                                                 const Proc::ColorAlphaConversionInfo& conversion,
+                                                 const ColorStages& stages) {
+    const auto canvas = MakeCanvasOf(source.GetSize(), ChooseTargetFormat(16));
+    DrawColors(source, *canvas, conversion, stages);
+    std::unique_ptr<Picture> picture;
+    Run([&](Recorder& recorder) { picture = recorder.TakePicture(*canvas); });
+    return picture;
+}
+
 std::unique_ptr<Canvas> Graphics::MakeCanvas(const DX::Size2DT<long>& size,
                                              unsigned bitsPerChannel) {
     return MakeCanvasOf(size, ChooseTargetFormat(bitsPerChannel));

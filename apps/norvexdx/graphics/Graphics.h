@@ -23,6 +23,7 @@ namespace Norvex::App {
 
 class FrameEncoder;
 class Screen;
+struct ColorStages;
 struct EncoderParams;
 struct EncoderTextures;
 
@@ -95,6 +96,10 @@ public:
     // channel. Compiles shaders.
     std::unique_ptr<Picture> Scale(const Picture& source, const DX::Size2DT<long>& size,
                                    DX::ScaleKernel kernel, Proc::AlphaType alpha);
+    // In other colours, with at least 16 bits a channel. Compiles shaders.
+    std::unique_ptr<Picture> ConvertColors(const Picture& source,
+                                           const Proc::ColorAlphaConversionInfo& conversion,
+                                           const ColorStages& stages);
 
     // R8G8B8A8_UNORM for 8 bits; for 16 R16G16B16A16_UNORM where the device draws and blends on it,
     // else R16G16B16A16_FLOAT. Failure when the device has neither.
@@ -139,6 +144,9 @@ private:
     virtual std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) = 0;
     virtual void RunScaler(const Picture& source, const Canvas& canvas,
                            const DX::ScaleParams& params) = 0;
+    virtual void DrawColors(const Picture& source, const Canvas& canvas,
+                            const Proc::ColorAlphaConversionInfo& conversion,
+                            const ColorStages& stages) = 0;
     virtual void CompileShaders(DrawKind kind) = 0;
     virtual std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                                  DXGI_FORMAT format) = 0;

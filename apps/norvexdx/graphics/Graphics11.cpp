@@ -11,6 +11,7 @@
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/ColorStages.h"
 #include "apps/norvexdx/graphics/FrameEncoder11.h"
 #include "apps/norvexdx/graphics/Pieces11.h"
 #include "apps/norvexdx/graphics/Screen.h"
@@ -296,6 +297,24 @@ private:
         m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
             const boost::intrusive_ptr<DX::D11Scaler> scaler(new DX::D11Scaler(m_device));
             scaler->Encode(context, TextureOf(source), TargetOf11(canvas), params);
+        });
+    }
+
+    void DrawColors(const Picture& source, const Canvas& canvas,
+                    const Proc::ColorAlphaConversionInfo& conversion,
+                    const ColorStages& stages) override {
+        DX::D11Frame frame;
+        frame.desc = DX::D3FrameDesc::MakeRGB(source.GetSize(), conversion.sourceAlpha);
+        frame.desc.colorSpace = conversion.source;
+        frame.textures[0] = TextureOf(source)->GetTexture();
+        const boost::intrusive_ptr<DX::D11FrameDraw> draw(new DX::D11FrameDraw(m_device));
+        draw->SetToneMapping(stages.tones);
+        if (stages.lut != nullptr) {
+            draw->SetColorLut(boost::intrusive_ptr(new DX::D11ColorLut(m_device, *stages.lut)));
+        }
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            draw->Encode(context, frame, TargetOf11(canvas),
+                         {.transform = DX::AffineTransform(), .conversion = conversion});
         });
     }
 

@@ -11,6 +11,7 @@
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
+#include "apps/norvexdx/graphics/ColorStages.h"
 #include "apps/norvexdx/graphics/FrameEncoder12.h"
 #include "apps/norvexdx/graphics/Pieces12.h"
 #include "apps/norvexdx/graphics/Screen.h"
@@ -322,6 +323,25 @@ private:
         const boost::intrusive_ptr<DX::D12Scaler> scaler(new DX::D12Scaler(m_device));
         const auto allocator = m_queue->CreateCommandAllocator();
         scaler->Encode(allocator, ViewOf(source), TargetOf12(canvas), params);
+        allocator->Execute();
+        allocator->WaitComplete();
+    }
+
+    void DrawColors(const Picture& source, const Canvas& canvas,
+                    const Proc::ColorAlphaConversionInfo& conversion,
+                    const ColorStages& stages) override {
+        DX::D12Frame frame;
+        frame.desc = DX::D3FrameDesc::MakeRGB(source.GetSize(), conversion.sourceAlpha);
+        frame.desc.colorSpace = conversion.source;
+        frame.textures[0] = ViewOf(source)->GetFirstResource();
+        const boost::intrusive_ptr<DX::D12FrameDraw> draw(new DX::D12FrameDraw(m_device));
+        draw->SetToneMapping(stages.tones);
+        if (stages.lut != nullptr) {
+            draw->SetColorLut(boost::intrusive_ptr(new DX::D12ColorLut(m_queue, *stages.lut)));
+        }
+        const auto allocator = m_queue->CreateCommandAllocator();
+        draw->Encode(allocator, frame, TargetOf12(canvas),
+                     {.transform = DX::AffineTransform(), .conversion = conversion});
         allocator->Execute();
         allocator->WaitComplete();
     }

@@ -146,7 +146,7 @@ RGB ToneMapped(const RGB& color, const Info& info, const DX::D3ToneMapping& tone
 }
 
 // Mixed with grey of the same luminance: saturations from 0.8 to that of BT.2020's blue become 0.8
-// to 1, which is the edge.
+// to 1, which is the edge; in SDR then heights from 0.9 to infinity become 0.9 to 1, white's.
 RGB GamutReduced(const RGB& light, bool hasWhite) {
     const double y = 0.2126 * light[0] + 0.7152 * light[1] + 0.0722 * light[2];
     if (!(y > 0.0)) {
@@ -162,8 +162,12 @@ RGB GamutReduced(const RGB& light, bool hasWhite) {
     const double squeezed =
         kKnee + beyond / (1.0 + beyond * (1.0 / (1.0 - kKnee) - 1.0 / (kFarthest - kKnee)));
     const RGB reduced = beyond > 0.0 ? mix(light, squeezed / saturation) : light;
-    const double most = *std::ranges::max_element(reduced);
-    return hasWhite && most > 1.0 ? mix(reduced, y < 1.0 ? (1.0 - y) / (most - y) : 0.0) : reduced;
+    if (!hasWhite || y >= 1.0) {
+        return hasWhite ? RGB{y, y, y} : reduced;
+    }
+    const double height = (*std::ranges::max_element(reduced) - y) / (1.0 - y);
+    const double above = height - 0.9;
+    return above > 0.0 ? mix(reduced, (0.9 + above / (1.0 + above / 0.1)) / height) : reduced;
 }
 
 RGB DecodePQ(const RGB& color, const Info& info, const DX::D3ToneMapping& tones) {
