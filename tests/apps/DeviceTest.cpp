@@ -15,6 +15,7 @@
 #include "apps/norvexdx/commands/EncodeCommand.h"
 #include "apps/norvexdx/console/CommandLine.h"
 #include "apps/norvexdx/doctor/ConversionCheck.h"
+#include "apps/norvexdx/doctor/FrameCheck.h"
 #include "apps/norvexdx/doctor/StressCheck.h"
 #include "apps/norvexdx/graphics/Graphics.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
@@ -217,6 +218,8 @@ TEST(DoctorTest, FindsWhatIsWrong) {
         const StressResult wrong = RunStress(*graphics, 0.1);
         EXPECT_EQ(wrong.wrong, wrong.pictures);
         EXPECT_FALSE(std::ranges::all_of(CheckYCbCr(*graphics), &YCbCrError::IsRight));
+        EXPECT_TRUE(std::ranges::none_of(CheckFrames(*graphics), &FrameError::IsRight));
+        EXPECT_TRUE(std::ranges::none_of(CheckScaler(*graphics), &FrameError::IsRight));
     }
     const FailingMethod<&ID3D11Device::CreateTexture2D> noTextures(raw, E_OUTOFMEMORY);
     EXPECT_EQ(RunDoctor(options), ExitCode::Failure);

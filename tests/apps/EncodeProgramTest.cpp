@@ -72,29 +72,6 @@ TEST_P(EncodeProgramTest, TurnsPicturesIntoClips) {
     expect("p010", YCbCrMatrix::BT2020NonConstant, 32, 18, " --from srgb --to rec2020-pq");
 }
 
-// A frame as a file has it; each sample is the code times its unit.
-Bytes PackCodes(const Reference::Frame& frame) {
-    Bytes bytes;
-    const unsigned unit = frame.desc.layout == DX::FrameLayout::P010 ? 64 : 1;
-    const auto put = [&](double code) {
-        const unsigned sample = static_cast<unsigned>(std::lround(code)) * unit;
-        bytes.push_back(static_cast<std::uint8_t>(sample));
-        if (frame.desc.bitDepth > 8) {
-            bytes.push_back(static_cast<std::uint8_t>(sample >> 8));
-        }
-    };
-    std::ranges::for_each(frame.channels[0], put);
-    const bool isPair = frame.desc.GetPlaneCount() == 2;
-    for (std::size_t i = 0; isPair && i < frame.channels[1].size(); ++i) {
-        put(frame.channels[1][i]);
-        put(frame.channels[2][i]);
-    }
-    for (unsigned channel = 1; !isPair && channel < 3; ++channel) {
-        std::ranges::for_each(frame.channels.at(channel), put);
-    }
-    return bytes;
-}
-
 TEST_P(EncodeProgramTest, ConvertsFramesOfVideoInEveryLayout) {
     struct Row {
         const char* source; // a format, or a Y4M header's tags
@@ -133,13 +110,13 @@ TEST_P(EncodeProgramTest, ConvertsFramesOfVideoInEveryLayout) {
         const auto frame = Reference::MakeFrame(source, [&](unsigned, long, long) {
             return static_cast<double>(random() % (1U << source.bitDepth));
         });
-        const Bytes codes = PackCodes(frame);
+        const Bytes codes = PackFrame(frame);
         const std::string header = "YUV4MPEG2 W7 H5 " + std::string(row.source) + "\nFRAME\n";
         Run(arguments, {}, 0, (isY4m ? header : "") + std::string(codes.begin(), codes.end()));
         const auto expected = Reference::ConvertFrame(
             frame, target, plan.conversion.value_or(Proc::ColorAlphaConversionInfo()), false,
             plan.stages.tones);
-        const Bytes best = PackCodes(expected);
+        const Bytes best = PackFrame(expected);
         const Bytes clip = ReadInputFile(m_folder.GetPath("clip"));
         ASSERT_EQ(clip.size(), best.size());
         // Half a code and a little: the nearest, or where two are almost as near the other.

@@ -156,6 +156,8 @@ TEST_F(ProgramTest, TheDoctorExaminesAllThereIs) {
             EXPECT_EQ(check.at("details").size(), 30U); // from five spaces to six
         } else if (check.at("name").get<std::string>().ends_with("Y'CbCr")) {
             EXPECT_EQ(check.at("details").size(), 27U); // formats, matrices, alpha types
+        } else if (check.at("name").get<std::string>().ends_with("frames")) {
+            EXPECT_EQ(check.at("details").size(), 59U); // layouts, and 7 pairs of spaces
         }
     }
     EXPECT_THAT(names, testing::IsSupersetOf({"adapters", "Direct3D 12, conversions",

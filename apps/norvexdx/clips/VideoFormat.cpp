@@ -109,6 +109,10 @@ std::span<const VideoFormat> GetPairFormats() {
     return std::span(kFormats).first(kPairFormats);
 }
 
+std::span<const VideoFormat> GetVideoFormats() {
+    return kFormats;
+}
+
 std::string GetVideoFormatNames() {
     std::string names;
     for (const VideoFormat& format : kFormats) {

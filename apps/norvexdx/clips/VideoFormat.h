@@ -67,7 +67,9 @@ struct FrameRate {
 
 // Those with pairs: nv12, p010, p016.
 std::span<const VideoFormat> GetPairFormats();
-// "nv12, p010, p016, yuv420p, ...": all that there are.
+// All that there are.
+std::span<const VideoFormat> GetVideoFormats();
+// "nv12, p010, p016, yuv420p, ...".
 std::string GetVideoFormatNames();
 // A name as ffmpeg has it; those of more than 8 bits also end in "le".
 std::optional<VideoFormat> ParseVideoFormat(std::string_view name);

@@ -14,6 +14,7 @@
 #include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/doctor/ConversionCheck.h"
+#include "apps/norvexdx/doctor/FrameCheck.h"
 #include "apps/norvexdx/doctor/MissingParts.h"
 #include "apps/norvexdx/doctor/StressCheck.h"
 #include "apps/norvexdx/doctor/SystemReport.h"
@@ -107,6 +108,32 @@ Finding ExamineYCbCr(const Graphics& graphics) {
             std::move(rows)};
 }
 
+Finding ExamineFrames(const std::function<std::vector<FrameError>()>& check) {
+    std::vector<FrameError> errors;
+    try {
+        errors = check();
+    } catch (const Failure& failure) { // what the adapter cannot do is not wrong
+        return {true, std::string("not examined: ") + failure.what()};
+    }
+    Json rows = Json::array();
+    for (const FrameError& error : errors) {
+        rows.push_back({{"from", error.from},
+                        {"to", error.to},
+                        {"largestError", error.largest},
+                        {"allowed", error.allowed},
+                        {"psnr", error.psnr},
+                        {"right", error.IsRight()}});
+    }
+    const auto right = std::ranges::count_if(errors, &FrameError::IsRight);
+    const auto worst = std::ranges::max_element(
+        errors, {}, [](const FrameError& error) { return error.largest / error.allowed; });
+    return {right == std::ssize(errors),
+            fmt::format("{} of {} are right; the worst, {} to {}, is off by {:.3f}, allowed {:.2f}",
+                        right, errors.size(), worst->from, worst->to, worst->largest,
+                        worst->allowed),
+            std::move(rows)};
+}
+
 Finding ExamineStress(Graphics& graphics, unsigned seconds) {
     const StressResult result = RunStress(graphics, seconds);
     return {result.wrong == 0, fmt::format("{} pictures on {} threads, {} wrong", result.pictures,
@@ -172,6 +199,10 @@ void ExamineGeneration(Json& report, ApiChoice api, const DoctorOptions& options
     }
     Examine(report, name + ", conversions", [&] { return ExamineConversions(*graphics); });
     Examine(report, name + ", Y'CbCr", [&] { return ExamineYCbCr(*graphics); });
+    Examine(report, name + ", frames",
+            [&] { return ExamineFrames([&] { return CheckFrames(*graphics); }); });
+    Examine(report, name + ", scaler",
+            [&] { return ExamineFrames([&] { return CheckScaler(*graphics); }); });
     if (options.stressSeconds != 0) {
         Examine(report, name + ", stress",
                 [&] { return ExamineStress(*graphics, options.stressSeconds); });
@@ -267,14 +298,21 @@ std::string MakeDetailsText(const Json& check) {
         return details.is_null() ? std::string() : DumpJson(details);
     }
     std::string text;
+    std::size_t width = 0;
+    for (const Json& row : details) {
+        width = std::max(width, row.value("from", std::string("premultiplied")).size());
+    }
     for (const Json& row : details) {
         const bool isYCbCr = row.contains("matrix");
         const auto from = row[isYCbCr ? "alpha" : "from"].get<std::string>();
         const auto to =
             isYCbCr ? row["format"].get<std::string>() + " " + row["matrix"].get<std::string>()
                     : row["to"].get<std::string>();
-        text += fmt::format("    {:<13} to {:<13} {:>8.2f} of {:>5.1f}{}\n", from, to,
-                            row["largestError"].get<double>(), row["allowed"].get<double>(),
+        text += fmt::format("    {:<{}} to {:<{}} {:>8.2f} of {:>5.2f}{}{}\n", from, width, to,
+                            width, row["largestError"].get<double>(), row["allowed"].get<double>(),
+                            row.contains("psnr")
+                                ? fmt::format(", PSNR {:.1f} dB", row["psnr"].get<double>())
+                                : std::string(),
                             row["right"].get<bool>() ? "" : "  WRONG");
     }
     return text;

@@ -110,6 +110,27 @@ std::vector<std::pair<long, double>> PixelsAbout(const D3FrameDesc& desc, unsign
     return {{2 * at - 1, 0.25}, {2 * at, 0.5}, {2 * at + 1, 0.25}};
 }
 
+// take(code) of each sample, as files have them.
+template <class Take>
+void ForEachSample(const Frame& frame, const Take& take) {
+    std::ranges::for_each(frame.channels[0], take);
+    const auto& [luma, blue, red, alpha] = frame.channels;
+    const bool isPair = frame.desc.layout <= FrameLayout::P016;
+    for (std::size_t i = 0; i < blue.size(); ++i) {
+        take(blue[i]);
+        if (isPair) {
+            take(red[i]);
+        }
+    }
+    if (!isPair) {
+        std::ranges::for_each(red, take);
+    }
+}
+
+unsigned UnitOf(const D3FrameDesc& desc) {
+    return desc.layout == FrameLayout::P010 ? 64 : 1;
+}
+
 } // namespace
 
 DX::Size2DT<long> SizeOfChannel(const D3FrameDesc& desc, unsigned channel) {
@@ -190,6 +211,39 @@ Frame ConvertFrame(const Frame& source, const D3FrameDesc& target,
         }
         return channel == 3 ? mean[3] : CodeOf(target, channel, mean);
     });
+}
+
+std::vector<std::uint8_t> PackFrame(const Frame& frame) {
+    std::vector<std::uint8_t> bytes;
+    ForEachSample(frame, [&](double code) {
+        const unsigned sample = static_cast<unsigned>(std::lround(code)) * UnitOf(frame.desc);
+        bytes.push_back(static_cast<std::uint8_t>(sample));
+        if (frame.desc.bitDepth > 8) {
+            bytes.push_back(static_cast<std::uint8_t>(sample >> 8));
+        }
+    });
+    return bytes;
+}
+
+FrameDifference CompareFrame(std::span<const std::uint8_t> packed, const Frame& expected) {
+    const double peak = LargestCode(expected.desc);
+    const std::size_t size = expected.desc.bitDepth > 8 ? 2 : 1;
+    FrameDifference difference;
+    double squares = 0.0;
+    std::size_t at = 0;
+    ForEachSample(expected, [&](double code) {
+        double error = peak;
+        if (at + size <= packed.size()) {
+            const unsigned sample = packed[at] + (size == 2 ? packed[at + 1] * 256U : 0U);
+            error = std::fabs(static_cast<double>(sample) / UnitOf(expected.desc) - code);
+        }
+        difference.largest = std::max(difference.largest, error);
+        squares += error * error;
+        at += size;
+    });
+    const double count = static_cast<double>(at / size);
+    difference.psnr = 10.0 * std::log10(peak * peak * count / std::max(squares, 1e-9));
+    return difference;
 }
 
 } // namespace Norvex::Reference

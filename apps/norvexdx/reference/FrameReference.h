@@ -5,7 +5,9 @@
 // description the members alone are read. Pure functions.
 
 #include <array>
+#include <cstdint>
 #include <functional>
+#include <span>
 #include <vector>
 
 #include "Host/ColorConversionInfo.h"
@@ -38,5 +40,16 @@ Pixel ColorOf(const Frame& frame, long x, long y, bool hasCubicChroma);
 Frame ConvertFrame(const Frame& source, const DX::D3FrameDesc& target,
                    const Proc::ColorConversionInfo& conversion, bool hasCubicChroma,
                    const DX::D3ToneMapping& tones = {});
+
+// As a file has it, in Y'CbCr: planes one behind the other, codes rounded, in the low bits but of
+// P010.
+std::vector<std::uint8_t> PackFrame(const Frame& frame);
+
+struct FrameDifference {
+    double largest = 0.0; // codes
+    double psnr = 0.0;    // dB, of all samples; the peak is the largest code
+};
+// Of a packed frame from codes that need not be whole. Of another size all is different.
+FrameDifference CompareFrame(std::span<const std::uint8_t> packed, const Frame& expected);
 
 } // namespace Norvex::Reference
