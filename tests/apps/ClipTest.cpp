@@ -4,10 +4,12 @@
 
 #include <gmock/gmock.h>
 
+#include "apps/norvexdx/clips/FrameSource.h"
 #include "apps/norvexdx/clips/PlanePacking.h"
 #include "apps/norvexdx/clips/Y4m.h"
 #include "apps/norvexdx/graphics/FrameEncoder.h"
 #include "tests/apps/Expectations.h"
+#include "tests/apps/Pictures.h"
 
 namespace Norvex::Test {
 
@@ -120,6 +122,48 @@ TEST(ClipTest, TexturesAreChosenFromWhatAnAdapterDraws) {
     expectFailure({4, 4}, DXGI_FORMAT_R8_UNORM, "NV12: neither on such textures nor on R8_UNORM");
     expectFailure({5, 3}, DXGI_FORMAT_NV12, "neither on such textures of odd size");
     expectFailure({8193, 2}, DXGI_FORMAT_NV12, "8192 x 8192");
+}
+
+TEST(ClipTest, FramesAreFoundWhereTheyLie) {
+    const TemporaryFolder folder;
+    // Frames of one colour each; `line` is what stands behind FRAME.
+    const auto find = [&](const char* header, std::vector<std::string> lines, std::size_t missing,
+                          const std::vector<std::uint64_t>& wanted) {
+        std::string clip = header;
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            clip += lines[i] + std::string(12, static_cast<char>('0' + i));
+        }
+        clip.resize(clip.size() - missing);
+        WriteBytes(folder.GetPath("clip"), clip);
+        ClipInput input;
+        if (*header == '\0') {
+            input.format = ParseRawFormat("yuv444p");
+            input.size = {2, 2};
+        }
+        const auto source = OpenClip(folder.Split("@clip").front(), input, {});
+        std::string found;
+        ClipFrame frame;
+        for (const std::uint64_t number : wanted) {
+            const std::uint64_t place = source->Seek(number);
+            EXPECT_TRUE(source->Read(frame));
+            EXPECT_EQ(frame.pixels[0], '0' + place);
+            found += static_cast<char>(frame.pixels[11]);
+        }
+        return found + (FailureOf([&] { source->Read(frame); }) == "(nothing)" ? "" : "!");
+    };
+    constexpr const char* kY4m = "YUV4MPEG2 W2 H2 F25:1 C444\n";
+    const std::string bare = "FRAME\n";
+    const std::string marked = "FRAME Ip XNOTE=FRAME\n";
+    const auto raw = std::vector<std::string>(5);
+    EXPECT_EQ(find("", raw, 0, {4, 0, 3, 99}), "4034");
+    EXPECT_EQ(find("", raw, 1, {4, 2, 99}), "323!");
+    const std::vector equal(5, bare);
+    EXPECT_EQ(find(kY4m, equal, 0, {4, 0, 3, 99, 1}), "40341");
+    EXPECT_EQ(find(kY4m, equal, 1, {99}), "3!"); // the next one is cut short
+    const std::vector mixed = {bare, marked, bare, marked, bare};
+    EXPECT_EQ(find(kY4m, mixed, 0, {4, 1, 99, 0, 3}), "41403");
+    EXPECT_EQ(find(kY4m, mixed, 1, {99, 2}), "32");
+    EXPECT_THAT(FailureOf([&] { find(kY4m, {bare}, 1, {0}); }), HasSubstr("has no whole frame"));
 }
 
 } // namespace

@@ -50,9 +50,10 @@ protected:
     static bool IsDirect3D12() { return GetParam() == Generation::Direct3D12; }
 
     // Shows the picture. What fails.
-    std::string Run(const std::string& options = "--frames 6") {
+    std::string Run(const std::string& options = "--frames 6", const char* file = "@in.png ") {
         const std::string api = IsDirect3D12() ? "d3d12 " : "d3d11 ";
-        const auto arguments = m_folder.Split("view @in.png --size 320x200 --api " + api + options);
+        const auto arguments =
+            m_folder.Split("view --size 320x200 " + (file + options) + " --api " + api);
         const auto view = std::get<ViewOptions>(ParseCommandLine(arguments).command);
         return FailureOf([&] {
             ViewSession session(view);
@@ -109,6 +110,20 @@ TEST_P(ViewerDeviceTest, BeginsAnewWhereverTheDeviceIsLost) {
         EXPECT_EQ(Run("--frames 3 --hdr off"), "(nothing)");
         EXPECT_LE(m_report.at("deviceLosses"), isLost ? 1 : 0);
         EXPECT_TRUE(m_shot.pixels == m_picture.pixels);
+    });
+}
+
+TEST_P(ViewerDeviceTest, AClipGoesOnWhereTheDeviceWasLost) {
+    std::string clip = "YUV4MPEG2 W8 H8 C420 XCOLORRANGE=FULL\n";
+    for (const char grey : {'\x10', '\x30', '\x70'}) {
+        clip += "FRAME\n" + std::string(64, grey) + std::string(32, '\x80');
+    }
+    WriteBytes(m_folder.GetPath("in.y4m"), clip);
+    LoseAtEachCall([this](bool isLost) {
+        EXPECT_EQ(Run("--frames 3 --hdr off", "@in.y4m "), "(nothing)");
+        EXPECT_LE(m_report.at("deviceLosses"), isLost ? 1 : 0);
+        EXPECT_EQ(m_report.at("clip").at("frame"), 3);
+        ExpectPixel(m_shot, 160, 100, {0x70, 0x70, 0x70, 255});
     });
 }
 

@@ -183,7 +183,7 @@ TEST_P(EncodeProgramTest, AFrameOfAClipBecomesAPicture) {
     Run("convert @a.y4m @b.png --frame 3", {"has 2 frames, not 3"}, 1);
     Run("convert @a.y4m @b.png --input-format p010 --input-size 7x3 --frame 2",
         {"ends in the middle of frame 2"}, 1);
-    Run("convert @a.y4m @b.png --input-format p010", {"raw frames need --size"}, 1);
+    Run("convert @a.y4m @b.png --input-format p010", {"raw frames need --input-size"}, 1);
     Run("convert @a.png @b.png --frame 1", {"is no clip"}, 1);
 }
 

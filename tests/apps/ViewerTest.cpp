@@ -75,12 +75,12 @@ public:
     }
     void Show(int command) const { ShowWindow(m_window, command); } // SW_...
 
-    // With Esc. It must succeed. What it said on standard error.
-    std::string Close() const {
+    // With Esc. It must succeed.
+    ProcessResult Close() const {
         PostMessageW(m_window, WM_KEYDOWN, VK_ESCAPE, 0);
         const ProcessResult result = m_program.Wait();
         EXPECT_EQ(result.exitCode, 0U);
-        return result.err;
+        return result;
     }
 
     double GetProcessorMs() const {
@@ -121,6 +121,22 @@ protected:
     ViewerTest() {
         Write("noise.png", MakeNoise(320, 200, 8, false));
         Write("plain.png", MakePlain(64, 64, kPlain));
+    }
+
+    static constexpr unsigned kLastGrey = 250;
+    static unsigned GetGrey(unsigned frame) { return frame * 20 % 256; } // never kLastGrey
+
+    // A Y4M file of frames without colour, each of another grey than its neighbours.
+    void WriteGreys(const std::string& name, const char* rate, unsigned count) const {
+        std::string clip = fmt::format("YUV4MPEG2 W8 H8 F{} Cmono XCOLORRANGE=FULL\n", rate);
+        for (unsigned i = 0; i < count; ++i) {
+            const unsigned grey = i + 1 < count ? GetGrey(i) : kLastGrey;
+            clip += "FRAME\n" + std::string(64, static_cast<char>(grey));
+        }
+        WriteBytes(m_folder.GetPath(name), clip);
+    }
+    static nlohmann::json ReportOf(const ViewerProgram& viewer) {
+        return nlohmann::json::parse(viewer.Close().out).at("clip");
     }
 
     ViewerProgram View(const std::string& files) const {
@@ -183,8 +199,9 @@ TEST_P(ViewerTest, ShowsWhatTheUserAsksFor) {
     viewer.Expect(3, 3, kPlain);
     viewer.Press(VK_END);
     viewer.Expect(320, 479, {0x20, 0x20, 0x20, 255});
-    EXPECT_THAT(viewer.Close(), testing::ContainsRegex(
-                                    "^norvexdx: there is no file .*\n.*text.png: not a picture"));
+    EXPECT_THAT(
+        viewer.Close().err,
+        testing::ContainsRegex("^norvexdx: there is no file .*\n.*text.png: not a picture"));
     Run("view @missing.png @text.png", {"missing.png", "not a picture"}, 1);
 }
 
@@ -201,6 +218,41 @@ TEST_P(ViewerTest, SavesAndReportsWhatItShowedUnattended) {
     EXPECT_EQ(report.at("frames"), 60);
     EXPECT_GT(report.at("frameTimeMs").at("median"), 0.0);
     EXPECT_LE(report.at("peakFramesInFlight"), 3);
+}
+
+TEST_P(ViewerTest, PlaysClipsAtTheirRate) {
+    WriteGreys("slow.y4m", "1:10", 12);
+    WriteGreys("fast.y4m", "1000:1", 1500);
+    const ViewerProgram viewer = View("@slow.y4m @fast.y4m @plain.png --at 4 --json");
+    const auto expectGrey = [&](unsigned grey) {
+        viewer.Expect(160, 100, {grey, grey, grey, 255});
+    };
+    expectGrey(GetGrey(3));
+    const std::pair<unsigned, unsigned> kSteps[] = {{VK_OEM_PERIOD, GetGrey(4)},
+                                                    {VK_OEM_COMMA, GetGrey(3)},
+                                                    {VK_END, kLastGrey},
+                                                    {VK_HOME, GetGrey(0)},
+                                                    {VK_RIGHT, GetGrey(1)}};
+    for (const auto& [key, grey] : kSteps) {
+        viewer.Press(key);
+        expectGrey(grey);
+    }
+    viewer.Show(SW_MINIMIZE);
+    viewer.Show(SW_RESTORE);
+    expectGrey(GetGrey(1));
+    viewer.Press(VK_NEXT); // the file after it, to its end
+    expectGrey(kLastGrey);
+    viewer.Press(VK_NEXT);
+    viewer.Expect(160, 100, kPlain);
+    viewer.Press(VK_PRIOR);
+    expectGrey(kLastGrey);
+    const auto report = ReportOf(viewer);
+    EXPECT_EQ(report.at("frame"), 1500);
+    EXPECT_EQ(report.at("playing"), false);
+    EXPECT_GT(report.at("dropped"), 0);
+    const unsigned shown = report.at("shown");
+    EXPECT_EQ(report.at("dropped").get<unsigned>() + shown, 1497U);
+    Run("view @slow.y4m --at 13 --frames 1", {"has 12 frames, not 13"}, 1);
 }
 
 TEST_P(ViewerTest, RestsWhileNothingChanges) {
@@ -246,7 +298,7 @@ TEST_P(ViewerTest, RandomActionsLeaveNothingBehind) {
         memory += growth;
     }
     EXPECT_LE(growth, 16.0) << "a leak grows in every round";
-    EXPECT_EQ(viewer.Close(), "");
+    EXPECT_EQ(viewer.Close().err, "");
 }
 
 } // namespace

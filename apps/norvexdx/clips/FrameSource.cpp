@@ -1,6 +1,8 @@
 #include "apps/norvexdx/clips/FrameSource.h"
 
+#include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -22,6 +24,10 @@ constexpr std::size_t kMaxY4mLine = 1024; // bytes
                                 std::size_t size) {
     throw Failure(fmt::format("{} ends in the middle of frame {}: {} of its {} bytes are missing",
                               stream.GetName(), frame, missing, size));
+}
+
+[[noreturn]] void ThrowNoFrames(const ByteStream& stream) {
+    throw Failure(stream.GetName() + " has no whole frame");
 }
 
 class RawSource : public FrameSource {
@@ -53,6 +59,18 @@ public:
         return count != 0;
     }
 
+    bool CanSeek() const override { return m_stream->GetSize().has_value(); }
+
+    std::uint64_t Seek(std::uint64_t frame) override {
+        const std::uint64_t count = m_stream->GetSize().value_or(0) / CountFrameBytes();
+        if (count == 0) {
+            ThrowNoFrames(*m_stream);
+        }
+        m_number = std::min(frame, count - 1);
+        m_stream->Seek(m_number * CountFrameBytes());
+        return m_number;
+    }
+
 private:
     std::size_t CountFrameBytes() const {
         return m_desc
@@ -71,6 +89,9 @@ private:
 class Y4mSource : public FrameSource {
 public:
     bool Read(ClipFrame& frame) override {
+        if (m_number == m_begins.size() && CanSeek()) {
+            m_begins.push_back(m_stream->GetPosition());
+        }
         const auto line = m_stream->ReadLine(kMaxY4mLine);
         if (!line) {
             return false;
@@ -84,11 +105,29 @@ public:
         return true;
     }
 
+    bool CanSeek() const override { return m_stream->GetSize().has_value(); }
+
+    // The lines before frames may have parameters. Where a frame begins is known once those before
+    // it were passed; else it is tried where it would be without.
+    std::uint64_t Seek(std::uint64_t frame) override {
+        frame = std::min(frame, std::max<std::uint64_t>(m_count.value_or(0), 1) - 1);
+        const std::uint64_t last = m_begins.size() - 1;
+        if (frame > last) {
+            const std::uint64_t begin = m_begins.back() + (frame - last) * CountLeastBytes();
+            if (FindEnd(begin)) {
+                return GoTo(frame, begin);
+            }
+        }
+        frame = Pass(std::min(frame, last), frame);
+        return GoTo(frame, m_begins[frame]);
+    }
+
 protected:
     explicit Y4mSource(std::unique_ptr<ByteStream> stream) : m_stream(std::move(stream)) {
         const std::string line = m_stream->ReadLine(kMaxY4mLine).value_or("");
         Examine([&] { m_header = ParseY4mHeader(line); });
         m_headerBytes = line.size();
+        m_begins = {m_stream->GetPosition()};
         m_size = m_header.size;
         m_rate = m_header.rate;
         m_pixelAspect = m_header.aspect;
@@ -107,8 +146,9 @@ protected:
     }
 
     void Count(std::size_t frameBytes) {
+        m_frameBytes = frameBytes;
         if (const auto total = m_stream->GetSize()) {
-            m_count = (*total - m_headerBytes) / (frameBytes + kY4mFrame.size() + 1);
+            m_count = (*total - m_headerBytes) / CountLeastBytes();
         }
     }
 
@@ -122,10 +162,46 @@ protected:
 private:
     virtual void ReadSamples(ClipFrame& frame) = 0;
 
+    // Of a frame with its line.
+    std::size_t CountLeastBytes() const { return m_frameBytes + kY4mFrame.size() + 1; }
+
+    std::uint64_t GoTo(std::uint64_t frame, std::uint64_t begin) {
+        m_stream->Seek(begin);
+        m_number = frame;
+        return frame;
+    }
+
+    // Where the frame that begins there ends; nothing when none does, or not all of it is there.
+    std::optional<std::uint64_t> FindEnd(std::uint64_t begin) const {
+        m_stream->Seek(begin);
+        if (!m_stream->Peek(kY4mFrame.size()).starts_with(kY4mFrame)) {
+            return std::nullopt;
+        }
+        m_stream->ReadLine(kMaxY4mLine);
+        const std::uint64_t end = m_stream->GetPosition() + m_frameBytes;
+        return end <= m_stream->GetSize().value_or(0) ? std::optional(end) : std::nullopt;
+    }
+
+    // From a frame whose beginning is known to the wanted one, or the last whole one before it.
+    std::uint64_t Pass(std::uint64_t frame, std::uint64_t wanted) {
+        auto end = FindEnd(m_begins[frame]);
+        for (; end && frame < wanted; end = FindEnd(m_begins[frame])) {
+            if (++frame == m_begins.size()) {
+                m_begins.push_back(*end);
+            }
+        }
+        if (!end && frame == 0) {
+            ThrowNoFrames(*m_stream);
+        }
+        return end ? frame : frame - 1;
+    }
+
     std::unique_ptr<ByteStream> m_stream;
     Y4mHeader m_header;
     std::size_t m_headerBytes = 0;
-    std::uint64_t m_number = 0; // of frames begun
+    std::size_t m_frameBytes = 0;        // without the line
+    std::vector<std::uint64_t> m_begins; // of the first frames, as far as they were passed
+    std::uint64_t m_number = 0;          // of frames begun
 };
 
 // Frames as RGBA, for conversion in two passes.
@@ -260,6 +336,10 @@ private:
 
 } // namespace
 
+std::uint64_t FrameSource::Seek(std::uint64_t /*frame*/) {
+    throw std::logic_error("there is no way back");
+}
+
 bool IsY4m(const std::string& file) {
     const auto path = PathFromUtf8(file);
     std::error_code error;
@@ -296,6 +376,29 @@ std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan) {
         return MakeY4mSource(ByteStream::OpenFile(PathFromUtf8(first)), plan);
     }
     return std::make_unique<PictureSource>(plan.options);
+}
+
+bool IsClip(const std::string& file, const ClipInput& input) {
+    return input.format || file == kStandardStream || IsY4m(file);
+}
+
+std::unique_ptr<FrameSource> OpenClip(const std::string& file, const ClipInput& input,
+                                      const std::optional<Conf::RGBColorSpace>& from) {
+    EncodePlan plan;
+    plan.options.inputs = {file};
+    plan.options.from = from;
+    plan.options.input = input;
+    if (input.format && !input.size) {
+        throw Failure("raw frames need --input-size", ExitCode::WrongUsage);
+    }
+    if (file != kStandardStream) {
+        return OpenFrameSource(plan);
+    }
+    auto stream = ByteStream::OpenStandardInput();
+    if (!input.size && !stream->Peek(kY4mMagic.size()).starts_with(kY4mMagic)) {
+        throw Failure("raw frames on standard input need --input-size", ExitCode::WrongUsage);
+    }
+    return MakeStreamSource(std::move(stream), plan);
 }
 
 } // namespace Norvex::App

@@ -22,6 +22,12 @@ public:
     // in the middle of a frame.
     virtual bool Read(ClipFrame& frame) = 0;
 
+    // Whether Seek works: with files, not with pipes.
+    virtual bool CanSeek() const { return false; }
+    // The next Read gives this frame, counted from 0, or the last whole one where there are fewer.
+    // Answers which. Failure when there is none.
+    virtual std::uint64_t Seek(std::uint64_t frame);
+
     // Of the first frame.
     const DX::Size2DT<long>& GetSize() const { return m_size; }
     // How many frames there will be, where that is known.
@@ -46,6 +52,11 @@ protected:
 std::unique_ptr<FrameSource> OpenFrameSource(const EncodePlan& plan);
 // Whether the file is one in Y4M, by its name or its beginning.
 bool IsY4m(const std::string& file);
+// A clip whose frames are looked at: a Y4M file, raw frames, or kStandardStream, as the user says
+// it is. Failures: as OpenFrameSource's.
+bool IsClip(const std::string& file, const ClipInput& input);
+std::unique_ptr<FrameSource> OpenClip(const std::string& file, const ClipInput& input,
+                                      const std::optional<Conf::RGBColorSpace>& from);
 // Raw frames, or the Y4M stream that it turns out to be.
 std::unique_ptr<FrameSource> MakeStreamSource(std::unique_ptr<ByteStream> stream,
                                               const EncodePlan& plan);

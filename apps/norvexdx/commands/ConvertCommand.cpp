@@ -85,11 +85,7 @@ ClipFrame ReadInput(const std::filesystem::path& path, const ConvertOptions& opt
         }
         return ReadImage(path, options.from);
     }
-    EncodePlan plan;
-    plan.options.inputs = {name};
-    plan.options.from = options.from;
-    plan.options.input = options.input;
-    const auto source = OpenFrameSource(plan);
+    const auto source = OpenClip(name, options.input, options.from);
     ClipFrame frame;
     const unsigned wanted = options.frame.value_or(1);
     for (unsigned i = 1; i <= wanted; ++i) {

@@ -1,5 +1,8 @@
 #include "apps/norvexdx/commands/ViewCommand.h"
 
+#include <algorithm>
+
+#include "apps/norvexdx/commands/EncodePlan.h"
 #include "apps/norvexdx/console/Arguments.h"
 #include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
@@ -13,6 +16,13 @@ namespace Norvex::App {
 namespace {
 
 void Check(const ViewOptions& options) {
+    const bool readsStandardInput = std::ranges::count(options.files, kStandardStream) != 0;
+    if (readsStandardInput && options.files.size() > 1) {
+        throw Failure("standard input (-) goes alone", ExitCode::WrongUsage);
+    }
+    if (options.clips.input.format && !options.clips.input.size) {
+        throw Failure("raw frames need --input-size", ExitCode::WrongUsage);
+    }
     if (options.from && options.from->transfer == Conf::TransferCharacteristics::Linear) {
         throw Failure(GetColorSpaceName(*options.from) + " cannot be converted from",
                       ExitCode::WrongUsage);

@@ -63,6 +63,17 @@ Examples:
   ffmpeg -i in.mp4 -f rawvideo -pix_fmt rgba - | norvexdx encode - --size 1920x1080 --format nv12
     -o - | ffmpeg -f rawvideo -pix_fmt nv12 -s 1920x1080 -r 25 -i - out.mp4)";
 
+constexpr const char* kViewNotes = R"(
+
+A clip plays at its rate: a frame that is late is passed over, and counted in the statistics. At the
+end the last one stays. Standard input is a Y4M stream, or raw frames with --input-size; in a stream
+there is no way back. A frame looks as `convert --frame` makes it with the same options.
+
+Examples:
+  norvexdx view photo.jpg hdr.png
+  norvexdx view clip.y4m --at 250 --loop
+  ffmpeg -i hdr.mkv -f yuv4mpegpipe -strict -1 - | norvexdx view - --from rec2020-pq)";
+
 constexpr const char* kScalers = "bilinear, catmull-rom, mitchell, lanczos or area";
 
 template <class Value>
@@ -202,13 +213,18 @@ void AddClipInput(CLI::App& app, ClipInput& input) {
              "a format of raw frames (rgba, rgba64le, " + GetVideoFormatNames() + ")", "FORMAT",
              "the input is raw frames of this format (rgba)");
     AddValue(app, "--input-size", input.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
-             "size of raw frames (--size)");
+             "size of raw frames (in encode that of --size)");
     AddValue(app, "--input-matrix", input.matrix, &ParseMatrix, "bt601, bt709 or bt2020", "MATRIX",
              "of frames in Y'C'bC'r (that of --from, else --matrix)");
     AddValue(app, "--input-range", input.range, &ParseRange, "narrow or full", "RANGE",
              "of frames in Y'C'bC'r (what the input says, else narrow)");
     AddValue(app, "--input-siting", input.siting, &ParseSiting, "left, centre or top-left", "PLACE",
              "of chroma samples (what the input says, else left)");
+}
+
+void AddRate(CLI::App& app, std::optional<FrameRate>& rate, const std::string& use) {
+    AddValue(app, "--fps", rate, &ParseFrameRate, "a frame rate such as 25, 30000/1001 or 29.97",
+             "R", "frames per second, " + use);
 }
 
 void AddConvert(CLI::App& parent, ConvertOptions& options) {
@@ -283,13 +299,19 @@ void AddSheet(CLI::App& parent, SheetOptions& options) {
 }
 
 void AddView(CLI::App& parent, ViewOptions& options) {
-    CLI::App& app = *parent.add_subcommand("view", "show pictures in a window");
-    app.add_option("files", options.files, "the pictures, in the order of the keys")
+    CLI::App& app = *parent.add_subcommand("view", "show pictures and clips in a window");
+    app.add_option("files", options.files,
+                   "pictures and clips (Y4M, raw), in the order of the keys; - for standard input")
         ->required()
         ->type_name("FILE...");
     AddValue(app, "--from", options.from, &ParseColorSpace,
              "a colour space (" + GetColorSpaceNames() + ")", "SPACE",
-             "the colour space of the pictures (what each file says, else srgb)");
+             "the colour space of the pictures and clips (what each file says, else srgb)");
+    AddClipInput(app, options.clips.input);
+    AddRate(app, options.clips.rate, "of clips (what the file says, else 25)");
+    AddValue(app, "--at", options.clips.first, &ParseFrames, "a number from 1 to 1000000", "N",
+             "the frame that clips begin with, counted from 1 (1)");
+    app.add_flag("--loop", options.clips.isLoop, "clips begin again after their end");
     AddValue(app, "--hdr", options.hdr, &ParseHDRChoice, "auto, on or off", "CHOICE",
              "auto: where the display is in HDR; on: and tell where it is not; off (auto)");
     app.add_flag("--fullscreen", options.isFullScreen, "begin in full screen");
@@ -297,14 +319,14 @@ void AddView(CLI::App& parent, ViewOptions& options) {
     AddValue(app, "--size", options.size, &ParseSize, "WIDTHxHEIGHT from 1 to 16384", "WxH",
              "size of the window's inside (the first picture's, as far as it fits)");
     AddValue(app, "--frames", options.frames, &ParseFrames, "a number from 1 to 1000000", "N",
-             "draw so many frames as fast as they can be shown, print statistics, and end");
+             "draw so many frames as fast as they can be shown, of a clip one after another, "
+             "print statistics, and end");
     app.add_option("--screenshot", options.screenshot,
                    "with --frames: save the last one as PNG, 16 bits PQ when it is in HDR")
         ->type_name("FILE");
     AddDeviceOptions(app, options);
     app.add_flag("--json", options.json, "print the statistics as JSON in the end");
-    app.footer("\nKeys and mouse:\n" + GetViewerHelp() +
-               "\n\nExample:\n  norvexdx view photo.jpg hdr.png");
+    app.footer("\nKeys and mouse:\n" + GetViewerHelp() + kViewNotes);
 }
 
 void AddEncode(CLI::App& parent, EncodeOptions& options) {
@@ -350,9 +372,7 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
              "none, ordered or blue-noise (none)");
     AddValue(app, "--scaler", options.scaler, &ParseScaler, kScalers, "KERNEL",
              "for frames of another size: " + std::string(kScalers) + " (bilinear)");
-    AddValue(app, "--fps", options.rate, &ParseFrameRate,
-             "a frame rate such as 25, 30000/1001 or 29.97", "R",
-             "frames per second, for Y4M's header (the input's, else 25)");
+    AddRate(app, options.rate, "for Y4M's header (the input's, else 25)");
     AddValue(app, "--container", options.container, &ParseContainer, "raw or y4m", "KIND",
              "raw or y4m (y4m when OUT ends in .y4m, else raw)");
     AddDeviceOptions(app, options);

@@ -14,13 +14,13 @@
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/Graphics11.h"
 #include "apps/norvexdx/graphics/Graphics12.h"
+#include "apps/norvexdx/graphics/MovingPicture.h"
 
 namespace Norvex::App {
 
 namespace {
 
 constexpr const char* kNoDirect3D12 = "this system has no Direct3D 12";
-constexpr unsigned kBitsOfReducedPictures = 16; // so that several steps do not add up errors
 
 void CheckSystem(ApiChoice api) {
     if (api == ApiChoice::Direct3D12 && !DX::D12Device::IsAvailable()) {
@@ -128,7 +128,16 @@ std::unique_ptr<Graphics> Graphics::Open(const GraphicsChoice& choice, DrawKind 
 }
 
 std::unique_ptr<Picture> Graphics::UploadFrame(const ClipFrame& frame) {
-    return frame.desc ? DrawPlanes(frame, ChooseTargetFormat(16)) : Upload(frame);
+    if (!frame.desc) {
+        return Upload(frame);
+    }
+    MovingPicture picture(*this, frame);
+    Run([&](Recorder& recorder) { picture.Show(recorder, frame); });
+    return picture.Take();
+}
+
+PaintedPicture Graphics::MakePaintedPicture(const DX::Size2DT<long>& size) {
+    return MakePainted(size, ChooseTargetFormat(16));
 }
 
 std::unique_ptr<Picture> Graphics::Scale(const Picture& source, const DX::Size2DT<long>& size,
@@ -180,13 +189,13 @@ Graphics::DrawResult Graphics::Draw(const Picture& source, const Canvas& canvas,
         rect ? DX::Size2DT<long>{rect->right - rect->left, rect->bottom - rect->top}
              : canvas.GetSize();
     const Placement placement = PlacePicture(options.view, source.GetSize(), targetSize);
+    const auto halves =
+        MakeHalves(source.GetSize(), CountHalvings(source.GetSize(), placement.scale));
     const double drawMs = Run([&](Recorder& recorder) {
         if (options.background) {
             recorder.Clear(canvas, *options.background);
         }
-        const unsigned halvings = CountHalvings(source.GetSize(), placement.scale);
-        const auto reduced = halvings > 0 ? Halve(recorder, source, halvings) : nullptr;
-        recorder.Draw(reduced != nullptr ? *reduced : source, canvas,
+        recorder.Draw(Halve(recorder, source, halves), canvas,
                       {placement.transform, options.conversion, rect, options.blends});
     });
     return {placement.transform, drawMs};
@@ -213,21 +222,24 @@ unsigned Graphics::CountHalvings(const DX::Size2DT<long>& size, float scale) {
     return count;
 }
 
-std::unique_ptr<Picture> Graphics::Halve(Recorder& recorder, const Picture& source,
-                                         unsigned times) {
-    auto result = HalveOnce(recorder, source);
-    while (--times > 0) {
-        result = HalveOnce(recorder, *result);
+// With 16 bits a channel, so that several steps do not add up errors.
+std::vector<PaintedPicture> Graphics::MakeHalves(DX::Size2DT<long> size, unsigned times) {
+    std::vector<PaintedPicture> halves;
+    for (; times > 0; --times) {
+        size = {GetHalf(size.width), GetHalf(size.height)};
+        halves.push_back(MakePaintedPicture(size));
     }
-    return result;
+    return halves;
 }
 
-std::unique_ptr<Picture> Graphics::HalveOnce(Recorder& recorder, const Picture& source) {
-    const DX::Size2DT<long>& size = source.GetSize();
-    const auto half =
-        MakeCanvas({GetHalf(size.width), GetHalf(size.height)}, kBitsOfReducedPictures);
-    recorder.Draw(source, *half, {});
-    return recorder.TakePicture(*half);
+const Picture& Graphics::Halve(Recorder& recorder, const Picture& source,
+                               const std::vector<PaintedPicture>& halves) {
+    const Picture* result = &source;
+    for (const PaintedPicture& half : halves) {
+        recorder.Paint(half, [&] { recorder.Draw(*result, *half.canvas, {}); });
+        result = half.picture.get();
+    }
+    return *result;
 }
 
 } // namespace Norvex::App

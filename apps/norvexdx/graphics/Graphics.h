@@ -64,6 +64,13 @@ public:
     virtual void Draw(const Picture& source, const Canvas& canvas, const DrawParams& params) = 0;
     // What has been drawn, as a picture; the canvas is not drawn on any more.
     virtual std::unique_ptr<Picture> TakePicture(const Canvas& canvas) = 0;
+    // What `draw` draws on its canvas, the picture shows from then on.
+    virtual void Paint(const PaintedPicture& picture, const std::function<void()>& draw) = 0;
+    // A picture of MakePicture gets these pixels, which are read before the call returns.
+    virtual void Update(const Picture& picture, const PlaneRows& rows) = 0;
+    // A frame, a picture for each plane, over all of the canvas: R'G'B' as its matrix gives it.
+    virtual void DrawFrame(const std::vector<std::unique_ptr<Picture>>& planes,
+                           const DX::D3FrameDesc& desc, const Canvas& canvas) = 0;
 };
 
 class Graphics {
@@ -92,6 +99,11 @@ public:
     // A picture as above; planes are drawn as a picture of at least 16 bits a channel, R'G'B' as
     // the matrix gives it.
     std::unique_ptr<Picture> UploadFrame(const ClipFrame& frame);
+    // Of undefined contents, for Recorder::Update.
+    virtual std::unique_ptr<Picture> MakePicture(const DX::Size2DT<long>& size,
+                                                 DXGI_FORMAT format) = 0;
+    // Of undefined contents, with 16 bits a channel as of MakeCanvas.
+    PaintedPicture MakePaintedPicture(const DX::Size2DT<long>& size);
     // In another size, by the library's scaler, of values as they are encoded; at least 16 bits a
     // channel. Compiles shaders.
     std::unique_ptr<Picture> Scale(const Picture& source, const DX::Size2DT<long>& size,
@@ -116,8 +128,11 @@ public:
     // How often a picture of this size is to be halved before it is drawn at this scale (target
     // pixels per source pixel), so that every source pixel counts.
     static unsigned CountHalvings(const DX::Size2DT<long>& size, float scale);
-    // The picture, halved so many times, at least once.
-    std::unique_ptr<Picture> Halve(Recorder& recorder, const Picture& source, unsigned times);
+    // What a picture of this size is halved onto, so many times.
+    std::vector<PaintedPicture> MakeHalves(DX::Size2DT<long> size, unsigned times);
+    // The picture, or the last of its halves where there are any.
+    static const Picture& Halve(Recorder& recorder, const Picture& source,
+                                const std::vector<PaintedPicture>& halves);
 
     struct DrawOptions {
         View view;
@@ -141,7 +156,7 @@ protected:
     Graphics() = default;
 
 private:
-    virtual std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) = 0;
+    virtual PaintedPicture MakePainted(const DX::Size2DT<long>& size, DXGI_FORMAT format) = 0;
     virtual void RunScaler(const Picture& source, const Canvas& canvas,
                            const DX::ScaleParams& params) = 0;
     virtual void DrawColors(const Picture& source, const Canvas& canvas,
@@ -154,7 +169,6 @@ private:
     virtual double Run(const std::function<void(Recorder&)>& record) = 0;
 
     DXGI_FORMAT ChooseTargetFormat(unsigned bitsPerChannel) const;
-    std::unique_ptr<Picture> HalveOnce(Recorder& recorder, const Picture& source);
 
     unsigned m_adapterIndex = 0;
     double m_creationMs = 0.0;

@@ -99,11 +99,12 @@ const boost::intrusive_ptr<DX::D11RenderTexture2D>& TargetOf11(const Canvas& can
     return static_cast<const Canvas11&>(canvas).GetTarget();
 }
 
-// The library's one drawer, for one thread at a time: inside Encode.
+// The library's drawers, for one thread at a time: inside Encode.
 class Drawer {
 public:
     explicit Drawer(const boost::intrusive_ptr<DX::D11Device>& device)
-        : m_draw(new DX::D11ImageDraw(device)),
+        : m_device(device),
+          m_draw(new DX::D11ImageDraw(device)),
           m_overBlend(device->CreateBlendState(MakeOverBlend11())) {}
 
     const boost::intrusive_ptr<DX::D11ImageDraw>& GetImageDraw(bool blends) {
@@ -111,8 +112,17 @@ public:
         return m_draw;
     }
 
+    const boost::intrusive_ptr<DX::D11FrameDraw>& GetFrameDraw() {
+        if (!m_frameDraw) {
+            m_frameDraw.reset(new DX::D11FrameDraw(m_device));
+        }
+        return m_frameDraw;
+    }
+
 private:
+    boost::intrusive_ptr<DX::D11Device> m_device;
     boost::intrusive_ptr<DX::D11ImageDraw> m_draw;
+    boost::intrusive_ptr<DX::D11FrameDraw> m_frameDraw; // null before it is needed
     CComPtr<ID3D11BlendState> m_overBlend;
 };
 
@@ -150,6 +160,26 @@ public:
         const boost::intrusive_ptr<DX::D11ShaderTexture2D> texture(
             new DX::D11ShaderTexture2D(TargetOf11(canvas)->GetTexture(), std::nullopt));
         return std::make_unique<Picture11>(texture, canvas.GetFormat());
+    }
+
+    void Paint(const PaintedPicture& /*picture*/, const std::function<void()>& draw) override {
+        draw();
+    }
+
+    void Update(const Picture& picture, const PlaneRows& rows) override {
+        m_context->UpdateSubresource(TextureOf(picture)->GetTexture(), 0, nullptr, rows.data,
+                                     static_cast<UINT>(rows.rowBytes), 0);
+    }
+
+    void DrawFrame(const std::vector<std::unique_ptr<Picture>>& planes, const DX::D3FrameDesc& desc,
+                   const Canvas& canvas) override {
+        DX::D11Frame frame;
+        frame.desc = desc;
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            frame.textures.at(i) = TextureOf(*planes[i])->GetTexture();
+        }
+        m_drawer.GetFrameDraw()->Encode(m_context, frame, TargetOf11(canvas),
+                                        {.transform = DX::AffineTransform()});
     }
 
 private:
@@ -257,6 +287,13 @@ public:
                                            desc.Format);
     }
 
+    std::unique_ptr<Picture> MakePicture(const DX::Size2DT<long>& size,
+                                         DXGI_FORMAT format) override {
+        return std::make_unique<Picture11>(
+            DX::D11ShaderTexture2D::Create(m_device, MakeTextureDesc11(size, format), nullptr),
+            format);
+    }
+
     std::unique_ptr<Screen> OpenScreen(HWND window) override {
         return std::make_unique<Screen11>(m_device, m_drawer.value(), window);
     }
@@ -271,25 +308,13 @@ public:
     }
 
 private:
-    std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) override {
-        const auto canvas = MakeCanvasOf(frame.GetSize(), format);
-        std::vector<boost::intrusive_ptr<DX::D11ShaderTexture2D>> textures;
-        DX::D11Frame source;
-        source.desc = *frame.desc;
-        for (const PlaneRows& plane : GetPlaneRows(frame)) {
-            const D3D11_SUBRESOURCE_DATA data = {plane.data, static_cast<UINT>(plane.rowBytes), 0};
-            textures.push_back(DX::D11ShaderTexture2D::Create(
-                m_device, MakeTextureDesc11(plane.size, plane.format), &data));
-            source.textures.at(textures.size() - 1) = textures.back()->GetTexture();
-        }
-        std::unique_ptr<Picture> picture;
-        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
-            const boost::intrusive_ptr<DX::D11FrameDraw> draw(new DX::D11FrameDraw(m_device));
-            draw->Encode(context, source, TargetOf11(*canvas),
-                         {.transform = DX::AffineTransform()});
-            picture = Recorder11(m_drawer.value(), context).TakePicture(*canvas);
-        });
-        return picture;
+    PaintedPicture MakePainted(const DX::Size2DT<long>& size, DXGI_FORMAT format) override {
+        auto canvas = MakeCanvasOf(size, format);
+        auto picture = std::make_unique<Picture11>(
+            boost::intrusive_ptr<DX::D11ShaderTexture2D>(
+                new DX::D11ShaderTexture2D(TargetOf11(*canvas)->GetTexture(), std::nullopt)),
+            format);
+        return {std::move(canvas), std::move(picture)};
     }
 
     void RunScaler(const Picture& source, const Canvas& canvas,

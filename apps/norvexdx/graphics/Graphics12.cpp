@@ -22,6 +22,9 @@ namespace {
 
 using List = boost::intrusive_ptr<DX::D12GraphicsCommandList>;
 
+// Of pictures, whenever nothing is done with them.
+constexpr D3D12_RESOURCE_STATES kPictureState = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+
 // Premultiplied colour over what is there.
 DX::D12BlendState MakeOverBlend12() {
     DX::D12RenderTargetBlend blend;
@@ -129,12 +132,23 @@ public:
         return m_fill;
     }
 
+    // Into an open list. Its drawer is for one thread at a time.
+    void EncodeFrame(const List& list, const DX::D12Frame& frame,
+                     const boost::intrusive_ptr<DX::D12Descriptor>& target) {
+        const std::lock_guard lock(m_mutex);
+        if (!m_frameDraw) {
+            m_frameDraw.reset(new DX::D12FrameDraw(m_device));
+        }
+        m_frameDraw->Encode(list, frame, target, {.transform = DX::AffineTransform()});
+    }
+
 private:
     boost::intrusive_ptr<DX::D12Device> m_device;
     std::mutex m_mutex;
     boost::intrusive_ptr<DX::D12ImageDraw> m_draw;
     boost::intrusive_ptr<DX::D12ImageDraw> m_blendingDraw;
     boost::intrusive_ptr<DX::D12FillDraw> m_fill;
+    boost::intrusive_ptr<DX::D12FrameDraw> m_frameDraw;
 };
 
 // Everything into one list, which the draws share.
@@ -162,10 +176,39 @@ public:
 
     std::unique_ptr<Picture> TakePicture(const Canvas& canvas) override {
         const auto& target = TargetOf12(canvas);
-        m_list->ResourceBarrier({Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET,
-                                            D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE)});
+        m_list->ResourceBarrier(
+            {Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET, kPictureState)});
         return std::make_unique<Picture12>(
             m_drawers.GetDevice()->CreateTextureShaderResourceView(target->GetFirstResource()));
+    }
+
+    void Paint(const PaintedPicture& picture, const std::function<void()>& draw) override {
+        const auto& target = TargetOf12(*picture.canvas);
+        m_list->ResourceBarrier(
+            {Transition(*target, kPictureState, D3D12_RESOURCE_STATE_RENDER_TARGET)});
+        draw();
+        m_list->ResourceBarrier(
+            {Transition(*target, D3D12_RESOURCE_STATE_RENDER_TARGET, kPictureState)});
+    }
+
+    void Update(const Picture& picture, const PlaneRows& rows) override {
+        DX::D12UploadResourceParams params;
+        params.destination = ViewOf(picture)->GetFirstResource();
+        params.stateBefore = kPictureState;
+        params.stateAfter = kPictureState;
+        params.subresources = {
+            {rows.data, rows.rowBytes, rows.rowBytes * static_cast<std::size_t>(rows.size.height)}};
+        m_list->UploadResource(params);
+    }
+
+    void DrawFrame(const std::vector<std::unique_ptr<Picture>>& planes, const DX::D3FrameDesc& desc,
+                   const Canvas& canvas) override {
+        DX::D12Frame frame;
+        frame.desc = desc;
+        for (std::size_t i = 0; i < planes.size(); ++i) {
+            frame.textures.at(i) = ViewOf(*planes[i])->GetFirstResource();
+        }
+        m_drawers.EncodeFrame(m_list, frame, TargetOf12(canvas));
     }
 
 private:
@@ -271,6 +314,12 @@ public:
             m_device->CreateTextureShaderResourceView(params.destination));
     }
 
+    std::unique_ptr<Picture> MakePicture(const DX::Size2DT<long>& size,
+                                         DXGI_FORMAT format) override {
+        return std::make_unique<Picture12>(m_device->CreateTextureShaderResourceView(
+            m_device->CreateTexture2D(MakeTextureDesc12(size, format, kPictureState, false))));
+    }
+
     std::unique_ptr<Screen> OpenScreen(HWND window) override {
         return std::make_unique<Screen12>(m_queue, m_drawers, window);
     }
@@ -285,37 +334,11 @@ public:
     }
 
 private:
-    std::unique_ptr<Picture> DrawPlanes(const ClipFrame& frame, DXGI_FORMAT format) override {
-        const boost::intrusive_ptr<DX::D12FrameDraw> draw(new DX::D12FrameDraw(m_device));
-        const auto canvas = MakeCanvasOf(frame.GetSize(), format);
-        DX::D12Frame source;
-        source.desc = *frame.desc;
-        std::unique_ptr<Picture> picture;
-        const auto allocator = m_queue->CreateCommandAllocator();
-        allocator->RecordList(nullptr, [&](const List& list) {
-            const std::vector<PlaneRows> planes = GetPlaneRows(frame);
-            for (std::size_t i = 0; i < planes.size(); ++i) {
-                source.textures.at(i) = UploadPlane(*list, planes[i]);
-            }
-            draw->Encode(list, source, TargetOf12(*canvas), {.transform = DX::AffineTransform()});
-            picture = Recorder12(m_drawers, list).TakePicture(*canvas);
-        });
-        allocator->Execute();
-        allocator->WaitComplete();
-        return picture;
-    }
-
-    CComPtr<ID3D12Resource> UploadPlane(DX::D12GraphicsCommandList& list, const PlaneRows& plane) {
-        const auto desc =
-            MakeTextureDesc12(plane.size, plane.format, D3D12_RESOURCE_STATE_COPY_DEST, false);
-        DX::D12UploadResourceParams params;
-        params.destination = m_device->CreateTexture2D(desc);
-        params.stateBefore = D3D12_RESOURCE_STATE_COPY_DEST;
-        params.stateAfter = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
-        params.subresources = {{plane.data, plane.rowBytes,
-                                plane.rowBytes * static_cast<std::size_t>(plane.size.height)}};
-        list.UploadResource(params);
-        return params.destination;
+    PaintedPicture MakePainted(const DX::Size2DT<long>& size, DXGI_FORMAT format) override {
+        auto desc = MakeTextureDesc12(size, format, kPictureState, true);
+        const auto texture = m_device->CreateTexture2D(desc);
+        return {std::make_unique<Canvas12>(m_queue, m_device->CreateRenderTargetView(texture)),
+                std::make_unique<Picture12>(m_device->CreateTextureShaderResourceView(texture))};
     }
 
     void RunScaler(const Picture& source, const Canvas& canvas,

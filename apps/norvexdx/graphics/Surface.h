@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "apps/norvexdx/graphics/Formats.h"
@@ -57,6 +58,12 @@ protected:
 
 private:
     std::size_t GetRowSize() const; // bytes, without padding
+};
+
+// The same pixels as both, a picture whenever nothing is drawn on them (Recorder::Paint).
+struct PaintedPicture {
+    std::unique_ptr<Canvas> canvas;
+    std::unique_ptr<Picture> picture;
 };
 
 } // namespace Norvex::App

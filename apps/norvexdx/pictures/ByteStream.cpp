@@ -11,10 +11,18 @@ namespace Norvex::App {
 
 namespace {
 
+// Standard input may be a file that somebody has read from.
+std::uint64_t GetPlace(HANDLE handle) {
+    LARGE_INTEGER place = {};
+    const bool isKnown = GetFileType(handle) == FILE_TYPE_DISK &&
+                         SetFilePointerEx(handle, {}, &place, FILE_CURRENT) != FALSE;
+    return isKnown ? static_cast<std::uint64_t>(place.QuadPart) : 0;
+}
+
 class HandleStream : public ByteStream {
 public:
     HandleStream(const std::string& name, HANDLE handle, bool isOwned)
-        : ByteStream(name),
+        : ByteStream(name, GetPlace(handle)),
           m_handle(handle),
           m_isOwned(isOwned) {}
     ~HandleStream() override {
@@ -44,6 +52,12 @@ protected:
             return 0;
         }
         throw Failure("cannot read " + GetName());
+    }
+
+    bool GoTo(std::uint64_t position) override {
+        LARGE_INTEGER place = {};
+        place.QuadPart = static_cast<LONGLONG>(position);
+        return SetFilePointerEx(m_handle, place, nullptr, FILE_BEGIN) != FALSE;
     }
 
 private:
@@ -79,8 +93,17 @@ std::size_t ByteStream::Read(std::uint8_t* data, std::size_t sizeInBytes) {
             break;
         }
         done += count;
+        m_fetched += count;
     }
     return done;
+}
+
+void ByteStream::Seek(std::uint64_t position) {
+    if (!GoTo(position)) {
+        throw Failure("cannot read " + m_name);
+    }
+    m_ahead.clear();
+    m_fetched = position;
 }
 
 const std::string& ByteStream::Peek(std::size_t sizeInBytes) {

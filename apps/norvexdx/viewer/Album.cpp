@@ -4,6 +4,7 @@
 #include <chrono>
 #include <utility>
 
+#include "apps/norvexdx/clips/FrameSource.h"
 #include "apps/norvexdx/console/Failure.h"
 #include "apps/norvexdx/pictures/ImageFile.h"
 #include "apps/norvexdx/pictures/InputFile.h"
@@ -14,14 +15,6 @@ namespace {
 
 constexpr std::ptrdiff_t kMaxDecoding = 2; // at the same time
 
-DecodedPicture Decode(const std::string& file, const std::optional<Conf::RGBColorSpace>& from) {
-    try {
-        return {ReadImage(PathFromUtf8(file), from), {}};
-    } catch (...) {
-        return {{}, DescribeFailureOf(file, std::current_exception())};
-    }
-}
-
 bool IsDecoding(const std::future<DecodedPicture>& future) {
     return future.valid() && future.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
 }
@@ -29,10 +22,11 @@ bool IsDecoding(const std::future<DecodedPicture>& future) {
 } // namespace
 
 Album::Album(std::vector<std::string> files, std::function<void()> onDecoded,
-             const std::optional<Conf::RGBColorSpace>& from)
+             const std::optional<Conf::RGBColorSpace>& from, ClipOptions clips)
     : m_files(std::move(files)),
       m_onDecoded(std::move(onDecoded)),
-      m_from(from) {}
+      m_from(from),
+      m_clips(std::move(clips)) {}
 
 void Album::Select(std::size_t index) {
     Forget(index);
@@ -93,6 +87,22 @@ void Album::Forget(std::size_t selected) {
     });
 }
 
+DecodedPicture Album::Decode(const std::string& file) const {
+    try {
+        if (!IsClip(file, m_clips.input)) {
+            return {ReadImage(PathFromUtf8(file), m_from), {}};
+        }
+        auto source = OpenClip(file, m_clips.input, m_from);
+        const auto rate = m_clips.rate ? m_clips.rate : source->GetRate();
+        const ClipSetting setting = {rate.value_or(FrameRate()), m_clips.isLoop,
+                                     m_clips.first.value_or(1) - 1};
+        return {
+            {}, {}, std::make_shared<ClipPlayer>(std::move(source), file, setting, m_onDecoded)};
+    } catch (...) {
+        return {{}, DescribeFailureOf(file, std::current_exception())};
+    }
+}
+
 void Album::Begin(std::size_t index) {
     const auto decoding = std::count_if(m_entries.begin(), m_entries.end(), [](const auto& item) {
         return IsDecoding(item.second.future);
@@ -105,7 +115,7 @@ void Album::Begin(std::size_t index) {
     entry.future = decoded.get_future();
     // Not std::async: the picture is there before it is told.
     entry.thread = std::jthread([this, index, promise = std::move(decoded)]() mutable {
-        promise.set_value(Decode(m_files[index], m_from));
+        promise.set_value(Decode(m_files[index]));
         m_onDecoded();
     });
 }

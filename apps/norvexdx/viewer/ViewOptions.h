@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/graphics/Graphics.h"
 
 namespace Norvex::App {
@@ -16,8 +17,17 @@ enum class HDRChoice {
     Off,
 };
 
+// Of clips.
+struct ClipOptions {
+    ClipInput input;               // with a format all files are clips
+    std::optional<FrameRate> rate; // else what the file says, else FrameRate's own
+    bool isLoop = false;
+    std::optional<unsigned> first; // frame, from 1
+};
+
 struct ViewOptions {
     std::vector<std::string> files; // at least one
+    ClipOptions clips;
     GraphicsChoice graphics;
     std::optional<Conf::RGBColorSpace> from; // of all pictures; else what the file says, else sRGB
     HDRChoice hdr = HDRChoice::Auto;

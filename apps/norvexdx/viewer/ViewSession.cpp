@@ -65,7 +65,7 @@ ViewSession::ViewSession(const ViewOptions& options)
     : m_options(options),
       m_viewer(options.files.size()),
       m_window(*this),
-      m_album(options.files, [this] { m_window.Wake(); }, options.from) {
+      m_album(options.files, [this] { m_window.Wake(); }, options.from, options.clips) {
     m_viewer.SetWantsHDR(options.hdr != HDRChoice::Off);
     m_viewer.SetShowsStatistics(options.showsStatistics);
     m_viewer.SetFullScreen(options.isFullScreen);
@@ -77,7 +77,7 @@ bool ViewSession::Open() {
     if (!SelectFirst()) {
         return false;
     }
-    const DX::Size2DT<long> picture = m_album.Get(m_viewer.GetIndex()).image.GetSize();
+    const DX::Size2DT<long> picture = m_album.Get(m_viewer.GetIndex()).GetSize();
     m_window.SetClientSize(
         m_options.size.value_or(ChooseWindowSize(picture, m_window.GetWorkSize())));
     ShowPicture();
@@ -107,7 +107,10 @@ void ViewSession::RunFrames(unsigned count, ScreenPixels* pixels) {
     m_statistics.ForgetTimes();
     m_framesAskedFor = 0;
     while (*m_framesAskedFor < count && m_window.HandlePending()) {
-        ++*m_framesAskedFor;
+        if (++*m_framesAskedFor > 1 && m_clip != nullptr) {
+            m_clip->ShowNext();
+            TellClipFailure();
+        }
         Draw(m_framesAskedFor == count ? pixels : nullptr);
     }
 }
@@ -122,6 +125,9 @@ std::string ViewSession::MakeText() const {
 }
 
 void ViewSession::OnKey(const Key& key) {
+    if (m_clip != nullptr && ActOnClip(key)) {
+        return;
+    }
     const auto action = FindAction(key);
     if (!action) {
         return;
@@ -136,6 +142,16 @@ void ViewSession::OnKey(const Key& key) {
     m_statisticsText.clear(); // anew
     ShowPicture();
     m_window.Redraw();
+}
+
+bool ViewSession::ActOnClip(const Key& key) {
+    const auto action = FindClipAction(key);
+    if (action) {
+        m_notice = m_clip->Apply(*action);
+        m_statisticsText.clear(); // anew
+        m_window.Redraw();
+    }
+    return action.has_value();
 }
 
 void ViewSession::OnWheel(const std::array<float, 2>& point, float steps) {
@@ -174,6 +190,38 @@ void ViewSession::OnWake() {
 
 void ViewSession::OnClose() {
     m_window.Close();
+}
+
+std::optional<ClipPlayer::Clock::time_point> ViewSession::OnIdle() {
+    if (m_clip == nullptr || m_framesAskedFor || m_isBusy) {
+        return std::nullopt;
+    }
+    PlayClip();
+    return m_clip->GetNextTime(ClipPlayer::Clock::now());
+}
+
+void ViewSession::PlayClip() {
+    TellClipFailure();
+    const bool wasPlaying = m_clip->GetState().isPlaying;
+    if (!m_clip->Advance(ClipPlayer::Clock::now())) {
+        return;
+    }
+    if (!m_window.IsShown()) {
+        m_clip->CountUnseen();
+    }
+    if (wasPlaying != m_clip->GetState().isPlaying) {
+        m_statisticsText.clear(); // anew
+    }
+    Draw(nullptr);
+}
+
+void ViewSession::TellClipFailure() {
+    const std::string failure = m_clip->TakeFailure();
+    if (!failure.empty()) {
+        m_notice = failure;
+        Console::PrintMessage(failure);
+        m_window.Redraw();
+    }
 }
 
 void ViewSession::OnDevice(const Work& work) {
@@ -231,6 +279,10 @@ void ViewSession::MakeScene() {
     m_screenSize = m_window.GetClientSize();
     m_hasMoved = true;
     m_overlayText.clear();
+    m_frameInScene.reset();
+    if (m_clip != nullptr) {
+        m_clip->Rest(); // it goes on where it was
+    }
     if (const DecodedPicture* picture = m_shown ? m_album.Find(*m_shown) : nullptr) {
         SetPicture(*m_scene, *picture);
     }
@@ -262,17 +314,27 @@ void ViewSession::ShowPicture() {
     if (!m_notice.empty() && m_told.insert(index).second) {
         Console::PrintMessage(m_notice);
     }
-    m_viewer.SetPictureSize(picture->image.GetSize());
+    m_viewer.SetPictureSize(picture->GetSize());
     m_shown = index;
+    m_clip = picture->clip;
+    m_frameInScene.reset();
+    if (m_clip != nullptr) {
+        m_clip->Rest();
+        m_clip->CountUnseen();
+    }
     OnDevice([&](ViewerScene& scene) { SetPicture(scene, *picture); });
 }
 
+// Of a clip nothing: Draw gives the scene its frames.
 void ViewSession::SetPicture(ViewerScene& scene, const DecodedPicture& picture) const {
-    auto space = m_options.from.value_or(picture.image.colorSpace.value_or(Conf::RGBColorSpace()));
-    if (space.transfer == Conf::TransferCharacteristics::Linear) {
-        space = {}; // it cannot be converted
-    }
-    scene.SetPicture(picture.failure.empty() ? &picture.image : nullptr, space);
+    const bool isImage = picture.failure.empty() && picture.clip == nullptr;
+    scene.SetPicture(isImage ? &picture.image : nullptr, GetColorSpace(picture.image));
+}
+
+Conf::RGBColorSpace ViewSession::GetColorSpace(const Image& image) const {
+    const auto space = m_options.from.value_or(image.colorSpace.value_or(Conf::RGBColorSpace()));
+    const bool isLinear = space.transfer == Conf::TransferCharacteristics::Linear;
+    return isLinear ? Conf::RGBColorSpace() : space; // it cannot be converted
 }
 
 void ViewSession::FollowWindow(ViewerScene& scene) {
@@ -337,12 +399,19 @@ void ViewSession::Draw(ScreenPixels* pixels) {
     OnDevice([&](ViewerScene& scene) {
         FollowWindow(scene);
         UpdateOverlay(scene);
+        if (m_clip != nullptr && m_frameInScene != m_clip->GetSerial()) {
+            scene.SetFrame(m_clip->GetFrame(), GetColorSpace(m_clip->GetFrame()));
+        }
         const Stopwatch stopwatch;
         if (const auto recording = scene.Draw(m_viewer.GetView(), pixels)) {
             times = {stopwatch.GetMilliseconds(), *recording,
                      scene.GetScreen().CountFramesInFlight()};
         }
     });
+    if (times && m_clip != nullptr) {
+        m_frameInScene = m_clip->GetSerial();
+        m_clip->CountShown();
+    }
     if (times && pixels == nullptr) {
         m_statistics.Add(*times, m_framesAskedFor.has_value());
     } else if (times) {
@@ -353,7 +422,8 @@ void ViewSession::Draw(ScreenPixels* pixels) {
 ViewStatistics::Setting ViewSession::GetSetting() const {
     const Screen& screen = m_scene->GetScreen();
     return {m_scene->GetGraphics(), GetFormatName(screen.GetFormat()), screen.IsHDR(),
-            screen.GetSDRWhite()};
+            screen.GetSDRWhite(),
+            m_clip != nullptr ? std::optional(m_clip->GetState()) : std::nullopt};
 }
 
 } // namespace Norvex::App

@@ -63,6 +63,7 @@ private:
     void OnPaint() override;
     void OnWake() override;
     void OnClose() override;
+    std::optional<ClipPlayer::Clock::time_point> OnIdle() override;
 
     using Work = std::function<void(ViewerScene&)>;
     // Works on the scene, and again on a new one when the device was lost.
@@ -77,6 +78,11 @@ private:
     bool SelectFirst();
     void ShowPicture();
     void SetPicture(ViewerScene& scene, const DecodedPicture& picture) const;
+    Conf::RGBColorSpace GetColorSpace(const Image& image) const;
+    // A key of the clip's; answers whether it is one.
+    bool ActOnClip(const Key& key);
+    void PlayClip();
+    void TellClipFailure();
     void FollowWindow(ViewerScene& scene);
     void UpdateHDR(ViewerScene& scene);
     void UpdateOverlay(ViewerScene& scene);
@@ -88,10 +94,12 @@ private:
     Viewer m_viewer;
     ViewerWindow m_window;
     Album m_album;
-    std::set<std::size_t> m_told;       // pictures that could not be read
-    std::optional<std::size_t> m_shown; // the picture in the scene
-    std::string m_notice;               // about the picture
-    std::string m_statisticsText;       // as of m_sinceStatistics
+    std::set<std::size_t> m_told;                // pictures that could not be read
+    std::optional<std::size_t> m_shown;          // the picture in the scene
+    std::string m_notice;                        // about the picture
+    std::shared_ptr<ClipPlayer> m_clip;          // in the scene; null: a picture is
+    std::optional<std::uint64_t> m_frameInScene; // its serial number
+    std::string m_statisticsText;                // as of m_sinceStatistics
     Stopwatch m_sinceStatistics;
     std::string m_overlayText; // of the overlay in the scene
     ViewStatistics m_statistics;

@@ -45,6 +45,29 @@ Json MakePoolJson(const DX::D3Device& device) {
             {"bufferBytes", sizes.bufferBytes}};
 }
 
+std::string MakeClipText(const std::optional<ClipState>& clip) {
+    if (!clip) {
+        return {};
+    }
+    return fmt::format("\nframe {}{}, {} at {:.5g} frames/s; shown {}, dropped {}", clip->frame,
+                       clip->count ? fmt::format(" of {}", *clip->count) : std::string(),
+                       clip->isPlaying ? "playing" : "paused",
+                       static_cast<double>(clip->rate.numerator) / clip->rate.denominator,
+                       clip->shown, clip->dropped);
+}
+
+Json MakeClipJson(const std::optional<ClipState>& clip) {
+    if (!clip) {
+        return nullptr;
+    }
+    return {{"frame", clip->frame},
+            {"count", clip->count ? Json(*clip->count) : Json(nullptr)},
+            {"rate", fmt::format("{}/{}", clip->rate.numerator, clip->rate.denominator)},
+            {"playing", clip->isPlaying},
+            {"shown", clip->shown},
+            {"dropped", clip->dropped}};
+}
+
 } // namespace
 
 void Samples::Add(double value) {
@@ -96,7 +119,7 @@ std::string ViewStatistics::MakeText(const Setting& setting) const {
                m_frameTimes.GetQuantile(kMedian), m_frameTimes.GetQuantile(kMost),
                m_recordingTimes.GetQuantile(kMedian), m_intervals.GetQuantile(kMedian),
                m_peakInFlight, m_frames, m_losses) +
-           MakePoolText(setting.graphics.GetDevice());
+           MakeClipText(setting.clip) + MakePoolText(setting.graphics.GetDevice());
 }
 
 std::string ViewStatistics::MakeJson(const Setting& setting, std::size_t frames) const {
@@ -115,6 +138,7 @@ std::string ViewStatistics::MakeJson(const Setting& setting, std::size_t frames)
         {"peakFramesInFlight", m_peakInFlight},
         {"redraws", m_frames},
         {"deviceLosses", m_losses},
+        {"clip", MakeClipJson(setting.clip)},
         {"idlePools", MakePoolJson(device)}};
     return DumpJson(json);
 }

@@ -4,11 +4,13 @@
 // in milliseconds. One thread.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/Graphics.h"
+#include "apps/norvexdx/viewer/ClipPlayer.h"
 
 namespace Norvex::App {
 
@@ -43,12 +45,13 @@ public:
 
     std::size_t GetFrameCount() const { return m_frames; }
 
-    // What does not change from frame to frame.
+    // What is shown, and with what.
     struct Setting {
         const Graphics& graphics;
         const char* format; // of the back buffer
         bool isHDR;
         float sdrWhite; // cd/m2, where it is in HDR
+        std::optional<ClipState> clip = {};
     };
     // Lines for the overlay, of the newest frames.
     std::string MakeText(const Setting& setting) const;

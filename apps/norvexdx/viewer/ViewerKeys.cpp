@@ -11,7 +11,7 @@ namespace {
 constexpr bool kShift = true;
 constexpr bool kControl = true;
 
-constexpr Binding kBindings[] = {
+constexpr Binding<Action> kBindings[] = {
     {Action::Next,
      {{{"Right", {VK_RIGHT}}, {"Space", {VK_SPACE}}, {"PageDown", {VK_NEXT}}}},
      "next picture"},
@@ -31,12 +31,23 @@ constexpr Binding kBindings[] = {
     {Action::Close, {{{"Esc", {VK_ESCAPE}}}}, "close"},
 };
 
+constexpr Binding<ClipAction> kClipBindings[] = {
+    {ClipAction::TogglePlaying, {{{"Space", {VK_SPACE}}}}, "pause, and go on"},
+    {ClipAction::StepForward, {{{".", {VK_OEM_PERIOD}}}}, "next frame"},
+    {ClipAction::StepBack, {{{",", {VK_OEM_COMMA}}}}, "previous frame"},
+    {ClipAction::JumpForward, {{{"Right", {VK_RIGHT}}}}, "a second on"},
+    {ClipAction::JumpBack, {{{"Left", {VK_LEFT}}}}, "a second back"},
+    {ClipAction::JumpFarForward, {{{"Shift+Right", {VK_RIGHT, kShift}}}}, "ten seconds on"},
+    {ClipAction::JumpFarBack, {{{"Shift+Left", {VK_LEFT, kShift}}}}, "ten seconds back"},
+    {ClipAction::First, {{{"Home", {VK_HOME}}}}, "first frame"},
+    {ClipAction::Last, {{{"End", {VK_END}}}}, "last frame"},
+};
+
 constexpr int kKeysWidth = 24; // characters
 
-} // namespace
-
-std::optional<Action> FindAction(const Key& key) {
-    for (const Binding& binding : kBindings) {
+template <class Action, std::size_t N>
+std::optional<Action> FindIn(const Binding<Action> (&bindings)[N], const Key& key) {
+    for (const auto& binding : bindings) {
         for (const NamedKey& named : binding.keys) {
             if (named.name != nullptr && named.key == key) {
                 return binding.action;
@@ -46,10 +57,10 @@ std::optional<Action> FindAction(const Key& key) {
     return std::nullopt;
 }
 
-std::string GetViewerHelp() {
-    std::string text = fmt::format("{:{}}zoom about the pointer\n{:{}}move the picture", "wheel",
-                                   kKeysWidth, "left drag", kKeysWidth);
-    for (const Binding& binding : kBindings) {
+template <class Action, std::size_t N>
+std::string DescribeBindings(const Binding<Action> (&bindings)[N]) {
+    std::string text;
+    for (const auto& binding : bindings) {
         std::string keys;
         for (const NamedKey& named : binding.keys) {
             if (named.name != nullptr) {
@@ -59,6 +70,22 @@ std::string GetViewerHelp() {
         text += fmt::format("\n{:{}}{}", keys, kKeysWidth, binding.help);
     }
     return text;
+}
+
+} // namespace
+
+std::optional<Action> FindAction(const Key& key) {
+    return FindIn(kBindings, key);
+}
+
+std::optional<ClipAction> FindClipAction(const Key& key) {
+    return FindIn(kClipBindings, key);
+}
+
+std::string GetViewerHelp() {
+    return fmt::format("{:{}}zoom about the pointer\n{:{}}move the picture", "wheel", kKeysWidth,
+                       "left drag", kKeysWidth) +
+           DescribeBindings(kBindings) + "\nIn a clip:" + DescribeBindings(kClipBindings);
 }
 
 } // namespace Norvex::App

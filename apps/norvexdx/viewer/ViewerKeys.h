@@ -28,6 +28,19 @@ enum class Action {
 };
 constexpr std::size_t kActionCount = static_cast<std::size_t>(Action::Close) + 1;
 
+// Of clips, whose keys go before those of pictures while one is seen.
+enum class ClipAction {
+    TogglePlaying,
+    StepForward, // these two pause
+    StepBack,
+    JumpForward,
+    JumpBack,
+    JumpFarForward,
+    JumpFarBack,
+    First,
+    Last,
+};
+
 struct Key {
     unsigned code = 0; // VK_...
     bool withShift = false;
@@ -41,14 +54,17 @@ struct NamedKey {
     Key key;
 };
 
+template <class Action>
 struct Binding {
-    Action action = Action::Close;
+    Action action = {};
     std::array<NamedKey, 3> keys; // at least one
     const char* help = nullptr;
 };
 
 std::optional<Action> FindAction(const Key& key);
-// A line for each action and for what the mouse does; no line break at the end.
+std::optional<ClipAction> FindClipAction(const Key& key);
+// A line for each action and for what the mouse does, then those of clips; no line break at the
+// end.
 std::string GetViewerHelp();
 
 } // namespace Norvex::App

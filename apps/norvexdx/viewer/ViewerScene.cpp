@@ -27,8 +27,18 @@ ViewerScene::ViewerScene(std::unique_ptr<Graphics> graphics, HWND window)
       m_background(m_graphics->Upload(MakeBackground())) {}
 
 void ViewerScene::SetPicture(const Image* image, const Conf::RGBColorSpace& space) {
-    m_reduced.reset();
+    m_halves.clear();
+    m_moving.reset();
     m_picture = image != nullptr ? m_graphics->Upload(*image) : nullptr;
+    m_space = space;
+}
+
+void ViewerScene::SetFrame(const ClipFrame& frame, const Conf::RGBColorSpace& space) {
+    if (m_moving == nullptr) {
+        m_halves.clear();
+        m_moving = std::make_unique<MovingPicture>(*m_graphics, frame);
+    }
+    m_frame = &frame;
     m_space = space;
 }
 
@@ -37,17 +47,24 @@ void ViewerScene::SetOverlay(const Image* image) {
 }
 
 std::optional<double> ViewerScene::Draw(const View& view, ScreenPixels* pixels) {
-    return m_screen->Present(
-        [&](Recorder& recorder, const Canvas& canvas) {
-            DrawBackground(recorder, canvas);
-            if (m_picture != nullptr) {
-                DrawPicture(recorder, canvas, view);
-            }
-            if (m_overlay != nullptr) {
-                DrawOverlay(recorder, canvas);
-            }
-        },
-        pixels);
+    const auto milliseconds = m_screen->Present(
+        [&](Recorder& recorder, const Canvas& canvas) { Record(recorder, canvas, view); }, pixels);
+    m_frame = nullptr;
+    return milliseconds;
+}
+
+void ViewerScene::Record(Recorder& recorder, const Canvas& canvas, const View& view) {
+    if (m_frame != nullptr) {
+        m_moving->Show(recorder, *m_frame);
+        m_isHalved = false;
+    }
+    DrawBackground(recorder, canvas);
+    if (GetPicture() != nullptr) {
+        DrawPicture(recorder, canvas, view);
+    }
+    if (m_overlay != nullptr) {
+        DrawOverlay(recorder, canvas);
+    }
 }
 
 // Only a draw converts its colour; where there is nothing to convert, clearing is cheaper.
@@ -65,7 +82,7 @@ void ViewerScene::DrawBackground(Recorder& recorder, const Canvas& canvas) const
 }
 
 void ViewerScene::DrawPicture(Recorder& recorder, const Canvas& canvas, const View& view) {
-    const Placement placement = PlacePicture(view, m_picture->GetSize(), canvas.GetSize());
+    const Placement placement = PlacePicture(view, GetPicture()->GetSize(), canvas.GetSize());
     recorder.Draw(GetReduced(recorder, placement.scale), canvas,
                   {.transform = placement.transform,
                    .conversion = m_screen->GetConversionInfo(m_space, AlphaType::NonPremultiplied),
@@ -83,16 +100,22 @@ void ViewerScene::DrawOverlay(Recorder& recorder, const Canvas& canvas) const {
                    .blends = true});
 }
 
+const Picture* ViewerScene::GetPicture() const {
+    return m_moving != nullptr ? &m_moving->Get() : m_picture.get();
+}
+
 const Picture& ViewerScene::GetReduced(Recorder& recorder, float scale) {
-    const unsigned halvings = Graphics::CountHalvings(m_picture->GetSize(), scale);
-    if (halvings == 0) {
-        return *m_picture;
+    const Picture& picture = *GetPicture();
+    const unsigned halvings = Graphics::CountHalvings(picture.GetSize(), scale);
+    if (halvings != m_halves.size()) {
+        m_halves = m_graphics->MakeHalves(picture.GetSize(), halvings);
+        m_isHalved = false;
     }
-    if (m_reduced == nullptr || halvings != m_halvings) {
-        m_reduced = m_graphics->Halve(recorder, *m_picture, halvings);
-        m_halvings = halvings;
+    if (m_halves.empty()) {
+        return picture;
     }
-    return *m_reduced;
+    return std::exchange(m_isHalved, true) ? *m_halves.back().picture
+                                           : Graphics::Halve(recorder, picture, m_halves);
 }
 
 } // namespace Norvex::App

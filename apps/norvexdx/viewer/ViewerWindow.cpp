@@ -14,6 +14,15 @@ namespace {
 
 constexpr DWORD kStyle = WS_OVERLAPPEDWINDOW;
 constexpr UINT kWake = WM_APP;
+constexpr UINT_PTR kSizeMoveTimer = 1;
+constexpr UINT kSizeMovePeriod = 15; // ms
+
+// A system's timer is late by up to 16 ms, but for one of Windows 10 since 2018.
+HANDLE MakeTimer() {
+    constexpr DWORD kHighResolution = 0x00000002; // CREATE_WAITABLE_TIMER_HIGH_RESOLUTION
+    HANDLE timer = CreateWaitableTimerExW(nullptr, nullptr, kHighResolution, TIMER_ALL_ACCESS);
+    return timer != nullptr ? timer : CreateWaitableTimerExW(nullptr, nullptr, 0, TIMER_ALL_ACCESS);
+}
 
 // Null before the Windows that has it.
 template <class Function>
@@ -63,12 +72,16 @@ ViewerWindow::ViewerWindow(WindowEvents& events) : m_events(events) {
     if (m_window == nullptr) {
         throw Failure("the system makes no window");
     }
+    m_timer = MakeTimer();
     SetWindowLongPtrW(m_window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
 }
 
 ViewerWindow::~ViewerWindow() {
     SetWindowLongPtrW(m_window, GWLP_USERDATA, 0);
     DestroyWindow(m_window);
+    if (m_timer != nullptr) {
+        CloseHandle(m_timer);
+    }
 }
 
 DX::Size2DT<long> ViewerWindow::GetClientSize() const {
@@ -143,10 +156,27 @@ void ViewerWindow::Wake() {
 }
 
 void ViewerWindow::Run() {
-    MSG message = {};
-    while (!m_isClosed && GetMessageW(&message, nullptr, 0, 0) > 0) {
-        Dispatch(message);
+    while (HandlePending()) {
+        Wait(m_events.OnIdle());
     }
+}
+
+void ViewerWindow::Wait(const std::optional<std::chrono::steady_clock::time_point>& time) const {
+    using Ticks = std::chrono::duration<LONGLONG, std::ratio<1, 10000000>>;
+    LARGE_INTEGER due = {};
+    if (time) {
+        const auto rest = *time - std::chrono::steady_clock::now();
+        due.QuadPart = -std::chrono::ceil<Ticks>(rest).count(); // from now
+    }
+    if (time && due.QuadPart >= 0) {
+        return;
+    }
+    const bool isTimed = time && m_timer != nullptr &&
+                         SetWaitableTimer(m_timer, &due, 0, nullptr, nullptr, FALSE) != FALSE;
+    constexpr DWORD kWithoutTimer = 10; // ms
+    MsgWaitForMultipleObjectsEx(isTimed ? 1 : 0, &m_timer,
+                                time && !isTimed ? kWithoutTimer : INFINITE, QS_ALLINPUT,
+                                MWMO_INPUTAVAILABLE);
 }
 
 bool ViewerWindow::HandlePending() {
@@ -240,9 +270,14 @@ bool ViewerWindow::HandlePlace(UINT message, WPARAM wparam, LPARAM lparam) {
         return true;
     case WM_ENTERSIZEMOVE:
         m_isInSizeMove = true;
+        SetTimer(m_window, kSizeMoveTimer, kSizeMovePeriod, nullptr);
+        return true;
+    case WM_TIMER:
+        m_events.OnIdle();
         return true;
     case WM_EXITSIZEMOVE:
         m_isInSizeMove = false;
+        KillTimer(m_window, kSizeMoveTimer);
         m_events.OnMove();
         return true;
     case WM_MOVE:

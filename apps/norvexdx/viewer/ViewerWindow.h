@@ -5,7 +5,9 @@
 // Throws Failure when the system makes no window. Next: ViewSession.h.
 
 #include <array>
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "Proc/DirectX/Manager/CommonTypes.h"
@@ -27,6 +29,9 @@ public:
     virtual void OnPaint() = 0;
     virtual void OnWake() = 0;
     virtual void OnClose() = 0;
+    // No message is waiting. When it is to be called again, also without one; inside Windows' own
+    // loop it is called now and then.
+    virtual std::optional<std::chrono::steady_clock::time_point> OnIdle() = 0;
 
 protected:
     ~WindowEvents() = default;
@@ -74,9 +79,12 @@ private:
     bool HandleMouse(UINT message, WPARAM wparam, LPARAM lparam);
     bool HandlePlace(UINT message, WPARAM wparam, LPARAM lparam);
     void Dispatch(const MSG& message);
+    // For a message, or until then.
+    void Wait(const std::optional<std::chrono::steady_clock::time_point>& time) const;
 
     WindowEvents& m_events;
     HWND m_window = nullptr;
+    HANDLE m_timer = nullptr;
     WINDOWPLACEMENT m_placement = {}; // before full screen
     POINT m_dragged = {};             // where the pointer was
     bool m_isDragging = false;
