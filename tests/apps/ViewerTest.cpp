@@ -127,11 +127,13 @@ protected:
     static unsigned GetGrey(unsigned frame) { return frame * 20 % 256; } // never kLastGrey
 
     // A Y4M file of frames without colour, each of another grey than its neighbours.
-    void WriteGreys(const std::string& name, const char* rate, unsigned count) const {
-        std::string clip = fmt::format("YUV4MPEG2 W8 H8 F{} Cmono XCOLORRANGE=FULL\n", rate);
+    void WriteGreys(const std::string& name, const char* rate, unsigned count,
+                    unsigned side = 8) const {
+        std::string clip =
+            fmt::format("YUV4MPEG2 W{0} H{0} F{1} Cmono XCOLORRANGE=FULL\n", side, rate);
         for (unsigned i = 0; i < count; ++i) {
             const unsigned grey = i + 1 < count ? GetGrey(i) : kLastGrey;
-            clip += "FRAME\n" + std::string(64, static_cast<char>(grey));
+            clip += "FRAME\n" + std::string(std::size_t{side} * side, static_cast<char>(grey));
         }
         WriteBytes(m_folder.GetPath(name), clip);
     }
@@ -221,7 +223,7 @@ TEST_P(ViewerTest, SavesAndReportsWhatItShowedUnattended) {
 }
 
 TEST_P(ViewerTest, PlaysClipsAtTheirRate) {
-    WriteGreys("slow.y4m", "1:10", 12);
+    WriteGreys("slow.y4m", "1:10", 12, 512); // which is halved before it is drawn
     WriteGreys("fast.y4m", "1000:1", 1500);
     const ViewerProgram viewer = View("@slow.y4m @fast.y4m @plain.png --at 4 --json");
     const auto expectGrey = [&](unsigned grey) {
@@ -268,12 +270,14 @@ TEST_P(ViewerTest, RestsWhileNothingChanges) {
 }
 
 TEST_P(ViewerTest, RandomActionsLeaveNothingBehind) {
-    const ViewerProgram viewer = View("@noise.png @plain.png");
+    WriteGreys("clip.y4m", "50:1", 80);
+    const ViewerProgram viewer = View("@noise.png @clip.y4m @plain.png --loop");
     std::mt19937 random(4711);
     const auto below = [&](unsigned end) { return static_cast<long>(random() % end); };
     const auto point = [&] { return Point{below(300), below(200)}; };
-    constexpr unsigned kKeys[] = {'R',    'F',      'D',     'S',      'H',    '0',     VK_HOME,
-                                  VK_END, VK_RIGHT, VK_LEFT, VK_SPACE, VK_F11, VK_PRIOR};
+    constexpr unsigned kKeys[] = {'R',      'F',     'D',      'S',      'H',
+                                  '0',      VK_HOME, VK_END,   VK_RIGHT, VK_LEFT,
+                                  VK_SPACE, VK_F11,  VK_PRIOR, VK_NEXT,  VK_OEM_COMMA};
     const std::function<void()> kActions[] = {
         [&] { viewer.Place(point(), {120 + below(500), 40 + below(400)}); },
         [&] {

@@ -413,7 +413,8 @@ void ViewSession::Draw(ScreenPixels* pixels) {
         m_clip->CountShown();
     }
     if (times && pixels == nullptr) {
-        m_statistics.Add(*times, m_framesAskedFor.has_value());
+        const bool isPlaying = m_clip != nullptr && m_clip->GetState().isPlaying;
+        m_statistics.Add(*times, m_framesAskedFor.has_value() || isPlaying);
     } else if (times) {
         m_statistics.AddUntimed(); // reading takes most of it
     }

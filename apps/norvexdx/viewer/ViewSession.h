@@ -3,7 +3,7 @@
 // A run of the viewer: joins the logic, the window, the pictures and what is drawn; redraws when
 // something has changed, and begins anew when the graphics device is lost. One thread, that of the
 // window. Throws Failure and what the library throws. Next: Viewer.h, ViewerWindow.h, Album.h,
-// ViewerScene.h, ViewStatistics.h.
+// ClipPlayer.h, ViewerScene.h, ViewStatistics.h.
 
 #include <chrono>
 #include <deque>

@@ -49,11 +49,10 @@ std::string MakeClipText(const std::optional<ClipState>& clip) {
     if (!clip) {
         return {};
     }
-    return fmt::format("\nframe {}{}, {} at {:.5g} frames/s; shown {}, dropped {}", clip->frame,
+    return fmt::format("\nframe {}{} at {:.5g} frames/s{}; shown {}, dropped {}", clip->frame,
                        clip->count ? fmt::format(" of {}", *clip->count) : std::string(),
-                       clip->isPlaying ? "playing" : "paused",
                        static_cast<double>(clip->rate.numerator) / clip->rate.denominator,
-                       clip->shown, clip->dropped);
+                       clip->isPlaying ? "" : ", paused", clip->shown, clip->dropped);
 }
 
 Json MakeClipJson(const std::optional<ClipState>& clip) {

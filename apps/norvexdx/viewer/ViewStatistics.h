@@ -36,7 +36,7 @@ private:
 
 class ViewStatistics {
 public:
-    // follows: nothing was waited for since the frame before.
+    // follows: the user was not waited for since the frame before.
     void Add(const FrameTimes& times, bool follows);
     void AddUntimed() { ++m_frames; }
     void AddLoss() { ++m_losses; }
