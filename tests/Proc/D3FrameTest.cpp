@@ -364,6 +364,18 @@ TYPED_TEST(D3FrameTest, TonesAreMappedOnTheWay) {
     params.conversion.sourcePeakLuminance = 4000.0F;
     this->Note("PQ to BT.709, tones mapped, of 10",
                this->ConvertAndCompare(MakeNoise(source), target, params), 0.52, target);
+    const auto dim = Reference::MakeFrame(source, [](unsigned channel, long x, long y) {
+        return channel == 0 ? 64.0 + static_cast<double>((x * 13 + y * 7) % 400)
+                            : 482.0 + static_cast<double>((x * 5 + y * 3) % 60);
+    });
+    double brightest = 0.0;
+    for (long i = 0; i < 35L * 18; ++i) {
+        const auto color = Reference::ColorOf(dim, i % 35, i / 35, false);
+        brightest = std::max({brightest, color[0], color[1], color[2]});
+    }
+    const boost::intrusive_ptr peak(new typename TypeParam::FramePeak(this->m_canvas.GetDevice()));
+    EXPECT_NEAR(Reference::PQFromLight(this->m_canvas.Measure(*peak, this->Upload(dim)) / 100.0),
+                brightest, 1e-5);
     params.toneMapping.channels = DX::ToneChannels::PerChannel;
     params.toneMapping.targetBlack = 0.1F;
     target.colorSpace = kPQ; // which would be left alone

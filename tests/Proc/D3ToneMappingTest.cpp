@@ -31,15 +31,19 @@ double PQOf(double luminance) {
 template <class AnyCanvas>
 class D3ToneMappingTest : public testing::Test {
 protected:
-    // Of single precision, as the target has it.
-    Pixels Draw(const Pixels& pixels, const ColorAlphaConversionInfo& conversion,
-                const D3ToneMapping& tones) {
+    typename AnyCanvas::Frame MakeFrame(const Pixels& pixels, const RGBColorSpace& space) {
         typename AnyCanvas::Frame frame;
         frame.desc = DX::D3FrameDesc::MakeRGB(
             {static_cast<long>(pixels.width), static_cast<long>(pixels.height)});
-        frame.desc.colorSpace = conversion.source;
+        frame.desc.colorSpace = space;
         frame.textures[0] =
             m_canvas.TextureOf(m_canvas.MakeSource(pixels, DXGI_FORMAT_R32G32B32A32_FLOAT));
+        return frame;
+    }
+    // Of single precision, as the target has it.
+    Pixels Draw(const Pixels& pixels, const ColorAlphaConversionInfo& conversion,
+                const D3ToneMapping& tones) {
+        const auto frame = MakeFrame(pixels, conversion.source);
         const auto target =
             m_canvas.MakeTarget(pixels.width, pixels.height, DXGI_FORMAT_R32G32B32A32_FLOAT);
         m_draw->SetToneMapping(tones);
@@ -177,6 +181,26 @@ TYPED_TEST(D3ToneMappingTest, ReducedColorsAreInsideAndKeepHueAndLuminance) {
     }
     EXPECT_GT(changed, full.colors.size() / 8);
     EXPECT_LT(changed, full.colors.size() / 2); // greys, and what was well inside
+}
+
+TYPED_TEST(D3ToneMappingTest, ThePeakIsThatOfTheBrightestPixel) {
+    const boost::intrusive_ptr peak(new typename TypeParam::FramePeak(this->m_canvas.GetDevice()));
+    for (const auto& [width, height] :
+         {std::pair(1U, 1U), {16U, 16U}, {17U, 33U}, {300U, 20U}, {300U, 20U}}) {
+        for (const bool isLast : {false, true}) {
+            std::mt19937 random(width);
+            std::uniform_real_distribution<float> any(-0.5F, 0.7F);
+            Pixels pixels = MakePixels(width, height, [&](unsigned, unsigned) {
+                return Color{any(random), any(random), any(random), 1};
+            });
+            (isLast ? pixels.colors.back()[2] : pixels.colors.front()[0]) = PQOf(1234.0);
+            EXPECT_NEAR(this->m_canvas.Measure(*peak, this->MakeFrame(pixels, kPQ)), 1234.0, 0.1)
+                << width << " x " << height;
+        }
+    }
+    EXPECT_EQ(
+        SentenceOf([&] { this->m_canvas.Measure(*peak, this->MakeFrame(MakeNoise(), kSRGB)); }),
+        "The frame is not in PQ");
 }
 
 TYPED_TEST(D3ToneMappingTest, RefusesLuminancesOutOfRange) {

@@ -10,6 +10,7 @@
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3FramePeak.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "tests/support/Pixels.h"
 
@@ -23,6 +24,7 @@ public:
     using Converter = DX::D12YUVConverter;
     using Frame = DX::D12Frame;
     using FrameDraw = DX::D12FrameDraw;
+    using FramePeak = DX::D12FramePeak;
     using Texture = CComPtr<ID3D12Resource>;
     using View = boost::intrusive_ptr<DX::D12Descriptor>;
 
@@ -90,6 +92,11 @@ public:
         const auto allocator = m_queue->CreateCommandAllocator();
         call(allocator);
         allocator->Execute();
+    }
+
+    float Measure(FramePeak& peak, const Frame& frame) {
+        Record([&](const auto& allocator) { peak.Encode(allocator, frame); });
+        return peak.Read(m_queue);
     }
 
 private:

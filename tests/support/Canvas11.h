@@ -35,6 +35,7 @@ public:
     using Converter = DX::D11YUVConverter;
     using Frame = DX::D11Frame;
     using FrameDraw = DX::D11FrameDraw;
+    using FramePeak = DX::D11FramePeak;
     using Texture = CComPtr<ID3D11Texture2D>;
     using View = boost::intrusive_ptr<DX::D11RenderTexture2D>;
 
@@ -87,6 +88,15 @@ public:
     template <class Call>
     void Record(const Call& call) {
         m_device->Encode(call);
+    }
+
+    float Measure(FramePeak& peak, const Frame& frame) {
+        float luminance = 0.0F;
+        Record([&](const auto& context) {
+            peak.Encode(context, frame);
+            luminance = peak.Read(context);
+        });
+        return luminance;
     }
 
 private:

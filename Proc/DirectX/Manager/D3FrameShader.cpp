@@ -221,6 +221,26 @@ FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilt
     return drawing;
 }
 
+FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source) {
+    FrameShaderKey key;
+    key.sourcePlanes = source.GetPlaneCount();
+    if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
+        key.chroma = FrameChroma::Bilinear;
+    }
+    key.measuresPeak = true;
+    return key;
+}
+
+std::vector<Size2DT<long>> GetPeakSizes(Size2DT<long> source) {
+    constexpr long kBlock = 16; // PEAK_BLOCK
+    std::vector<Size2DT<long>> sizes;
+    do {
+        source = {(source.width + kBlock - 1) / kBlock, (source.height + kBlock - 1) / kBlock};
+        sizes.push_back(source);
+    } while (source != Size2DT<long>{1, 1});
+    return sizes;
+}
+
 FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
                                     const FrameConvertParams& params, unsigned lutDimensions) {
     Proc::ColorAlphaConversionInfo info{params.conversion, source.alpha, target.alpha};
@@ -317,7 +337,9 @@ std::string GetFrameShader(const FrameShaderKey& key) {
     if (key.lutDimensions != 0) {
         text += Shaders::kColorLut;
     }
-    text += key.targets != 0 ? Shaders::kFrameCodes : Shaders::kFramePixel;
+    text += key.measuresPeak   ? Shaders::kFramePeak
+            : key.targets != 0 ? Shaders::kFrameCodes
+                               : Shaders::kFramePixel;
     return text;
 }
 

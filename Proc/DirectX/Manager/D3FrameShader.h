@@ -65,6 +65,7 @@ struct FrameShaderKey {
     bool isOpaque = false;                  // alpha becomes one, where it is not converted
     unsigned lutDimensions = 0;             // of the table that colours go through; 0: none
     D3ToneStages tones = {};
+    bool measuresPeak = false; // in place of all that
 
     bool operator==(const FrameShaderKey&) const = default;
 };
@@ -85,6 +86,9 @@ unsigned GetLutDimensions(const boost::intrusive_ptr<Lut>& lut) {
     return lut != nullptr ? lut->GetDimensions() : 0;
 }
 
+// Of who reads the frame.
+D3FrameParams MakeFrameParams(const D3FrameDesc& source);
+
 // What the shader of a drawer is told besides the image's parameters.
 struct FrameDrawing {
     D3FrameParams frame;
@@ -94,6 +98,10 @@ FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilt
                               const D3ImageParams& image, unsigned lutDimensions,
                               const D3ToneMapping& tones,
                               const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
+
+// Of who measures the peak of a frame: a shader, and the sizes that it leaves, pass by pass.
+FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source);
+std::vector<Size2DT<long>> GetPeakSizes(Size2DT<long> source);
 
 // What the shaders of a converter are told.
 struct FrameConversion {
@@ -142,6 +150,15 @@ void CheckFrame(const D3FrameDesc& frame, const FrameTextures& textures, unsigne
                 const std::source_location& location) {
     const char* const mistake = FindFrameMistake(frame, textures, slice);
     ThrowUnless<E>(mistake == nullptr, mistake, location);
+}
+
+// CheckFrame's, and "The frame is not in PQ".
+template <class E>
+void CheckPeakFrame(const D3FrameDesc& frame, const FrameTextures& textures, unsigned slice,
+                    const std::source_location& location) {
+    CheckFrame<E>(frame, textures, slice, location);
+    ThrowUnless<E>(frame.colorSpace.transfer == Conf::TransferCharacteristics::PQ,
+                   "The frame is not in PQ", location);
 }
 
 // Of both frames of a conversion; "The frames have different sizes", and CheckFrameConversion's.

@@ -13,16 +13,12 @@ namespace {
 
 constexpr double kMostLuminance = 10000.0; // of PQ, cd/m2
 
-// SMPTE ST 2084, equation 5.2.
-double GetPQOfLuminance(double luminance) {
-    constexpr double kM1 = 2610.0 / 16384.0;
-    constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
-    constexpr double kC1 = 3424.0 / 4096.0;
-    constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
-    constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
-    const double power = std::pow(std::clamp(luminance / kMostLuminance, 0.0, 1.0), kM1);
-    return std::pow((kC1 + kC2 * power) / (1.0 + kC3 * power), kM2);
-}
+// Of SMPTE ST 2084.
+constexpr double kM1 = 2610.0 / 16384.0;
+constexpr double kM2 = 2523.0 / 4096.0 * 128.0;
+constexpr double kC1 = 3424.0 / 4096.0;
+constexpr double kC2 = 2413.0 / 4096.0 * 32.0;
+constexpr double kC3 = 2392.0 / 4096.0 * 32.0;
 
 // cd/m2.
 struct TonePeaks {
@@ -45,6 +41,16 @@ bool IsBlackOf(double black, double peak) {
 }
 
 } // namespace
+
+double GetPQOfLuminance(double luminance) {
+    const double power = std::pow(std::clamp(luminance / kMostLuminance, 0.0, 1.0), kM1);
+    return std::pow((kC1 + kC2 * power) / (1.0 + kC3 * power), kM2);
+}
+
+double GetLuminanceOfPQ(double value) {
+    const double power = std::pow(std::clamp(value, 0.0, 1.0), 1.0 / kM2);
+    return kMostLuminance * std::pow(std::max(power - kC1, 0.0) / (kC2 - kC3 * power), 1.0 / kM1);
+}
 
 bool IsInRange(const D3ToneMapping& tones, const Proc::ColorConversionInfo& conversion) {
     const TonePeaks peaks = GetTonePeaks(conversion);

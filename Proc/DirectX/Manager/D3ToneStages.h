@@ -37,6 +37,9 @@ struct D3ToneStages {
     bool operator==(const D3ToneStages&) const = default;
 };
 
+// SMPTE ST 2084, equations 5.2 and 4.1; cd/m2, cut to what it can say.
+double GetPQOfLuminance(double luminance);
+double GetLuminanceOfPQ(double value);
 // Whether the luminances are numbers, and black is darker than the peaks.
 bool IsInRange(const D3ToneMapping& tones, const Proc::ColorConversionInfo& conversion);
 // What of it the conversion needs; none of it if the source does not exceed the target.
