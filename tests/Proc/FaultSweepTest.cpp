@@ -113,9 +113,12 @@ void DrawFrames(Leaving& leaving) {
     const boost::intrusive_ptr draw(new FrameDraw(device));
     const boost::intrusive_ptr converter(new Converter(device));
     const boost::intrusive_ptr scaler(new Scaler(device));
+    const boost::intrusive_ptr peak(new typename AnyCanvas::FramePeak(device));
     AnyFrame from;
     from.desc = DX::D3FrameDesc::MakeRGB({8, 4});
     from.textures[0] = AnyCanvas::TextureOf(drawing.source);
+    AnyFrame bright = from;
+    bright.desc.colorSpace = kPQ;
     AnyFrame to;
     to.desc.size = from.desc.size;
     to.textures = {AnyCanvas::TextureOf(drawing.luma), AnyCanvas::TextureOf(drawing.chroma)};
@@ -123,6 +126,9 @@ void DrawFrames(Leaving& leaving) {
         draw->Encode(on, from, drawing.target);
         scaler->Encode(on, drawing.source, drawing.target, {.rect = DX::Rect2DT<long>{1, 1, 5, 3}});
         ConvertFrame(*converter, on, from, to);
+        if constexpr (requires { peak->Encode(on, bright); }) {
+            peak->Encode(on, bright);
+        }
     });
 }
 

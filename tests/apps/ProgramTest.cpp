@@ -122,6 +122,21 @@ TEST_F(ProgramTest, DrawsWhatTheOptionsSay) {
     expect(kToneMapped, {{1, 1, {34779, 34779, 34779, 65535}}}, 40);
     Run("fill @out.png --size 2x2 --color C0C0C0FF");
     expect(kToneMapped, {{1, 1, {255, 255, 255, 255}}}, 0);
+    // A quarter of the way from 100 to 101 of 255.
+    Image grey = Image::Make({64, 64}, 16);
+    std::ranges::fill(std::span(reinterpret_cast<std::uint16_t*>(grey.pixels.data()), 64 * 64 * 4),
+                      std::uint16_t{25764});
+    Write("grey.png", grey);
+    for (const char* pattern : {"ordered", "blue-noise"}) {
+        Run(std::string("convert @grey.png @out.png --depth 8 --dither ") + pattern);
+        std::map<unsigned, int> counts;
+        const Image dithered = Read("out.png");
+        for (std::size_t i = 0; i < dithered.pixels.size(); i += 4) {
+            ++counts[dithered.pixels[i]];
+        }
+        EXPECT_EQ(counts[100] + counts[101], 64 * 64) << pattern;
+        EXPECT_NEAR(counts[101], 1021, 8) << pattern;
+    }
     WriteBytes(m_folder.GetPath("inverse.cube"), std::string("LUT_1D_SIZE 2\n1 1 1\n0 0 0\n"));
     expect(kHalf + "--lut @inverse.cube --size 4x4 --target-alpha premultiplied",
            {{1, 1, {28, 78, 103, 128}}});

@@ -194,7 +194,9 @@ PictureReport Batch::Convert(const ConvertJob& job, ClipFrame frame, double deco
     const auto outputSpace = options.to ? options.to : frame.colorSpace;
     frame = {};
 
-    const auto canvas = graphics.MakeCanvas(options.size.value_or(source->GetSize()), depth);
+    const bool isDithered = depth == 8 && options.dither != DX::FrameDither::None;
+    auto canvas =
+        graphics.MakeCanvas(options.size.value_or(source->GetSize()), isDithered ? 16 : depth);
     View view = m_plan.view;
     if (options.scaler) {
         source = ScaleFor(graphics, *source, GetArea(options, *canvas), options, view);
@@ -206,6 +208,9 @@ PictureReport Batch::Convert(const ConvertJob& job, ClipFrame frame, double deco
     }
     const auto drawn = graphics.Draw(
         *source, *canvas, {view, conversion, options.rect, m_plan.background, m_plan.blends});
+    if (isDithered) {
+        canvas = graphics.Dither(*canvas, options.dither);
+    }
     report.times.draw = drawn.drawMs;
     report.transform = drawn.transform;
     WriteCanvas(*canvas, job.output, outputSpace, report);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/clips/VideoFormat.h"
 #include "apps/norvexdx/console/Arguments.h"
@@ -38,7 +39,8 @@ struct ConvertOptions {
     std::optional<DX::Rect2DT<long>> rect;
     std::optional<Proc::ColorF> background;
     std::optional<unsigned> depth;
-    std::optional<DX::ScaleKernel> scaler; // empty: drawn in their size
+    std::optional<DX::ScaleKernel> scaler;          // empty: drawn in their size
+    DX::FrameDither dither = DX::FrameDither::None; // of 8 bits
     ColorStageOptions stages;
     std::optional<unsigned> frame; // of clips, from 1
     ClipInput input;               // of clips

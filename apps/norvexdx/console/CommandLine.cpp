@@ -242,6 +242,8 @@ void AddConvert(CLI::App& parent, ConvertOptions& options) {
              "what the picture is drawn over, in the output's colour space");
     AddValue(app, "--depth", options.depth, &ParseDepth, "8 or 16", "BITS",
              "bits a channel of the output (the input's)");
+    AddValue(app, "--dither", options.dither, &ParseDither, "none, ordered or blue-noise", "KIND",
+             "how 8 bits are rounded: none, ordered or blue-noise (none)");
     AddValue(app, "--scaler", options.scaler, &ParseScaler, kScalers, "KERNEL",
              "for pictures that change their size, before they are placed: " +
                  std::string(kScalers) + " (as the drawing does it, bilinear)");

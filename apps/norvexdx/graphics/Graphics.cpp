@@ -164,6 +164,12 @@ std::unique_ptr<Canvas> Graphics::MakeCanvas(const DX::Size2DT<long>& size,
     return MakeCanvasOf(size, ChooseTargetFormat(bitsPerChannel));
 }
 
+std::unique_ptr<Canvas> Graphics::Dither(const Canvas& canvas, DX::FrameDither dither) {
+    auto dithered = MakeCanvas(canvas.GetSize(), 8);
+    DrawDithered(canvas, *dithered, dither);
+    return dithered;
+}
+
 DXGI_FORMAT Graphics::ChooseTargetFormat(unsigned bitsPerChannel) const {
     const auto isDrawable = [this](DXGI_FORMAT format) {
         const FormatUses uses = GetUses(format);

@@ -14,6 +14,7 @@
 
 #include "Host/ColorConversionInfo.h"
 #include "Proc/DirectX/Manager/D3Device.h"
+#include "Proc/DirectX/Manager/D3FrameConverter.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/clips/ClipFrame.h"
 #include "apps/norvexdx/graphics/Surface.h"
@@ -117,6 +118,9 @@ public:
     // else R16G16B16A16_FLOAT. Failure when the device has neither.
     std::unique_ptr<Canvas> MakeCanvas(const DX::Size2DT<long>& size, unsigned bitsPerChannel);
 
+    // The same pixels with 8 bits a channel, rounded by that pattern. Compiles shaders.
+    std::unique_ptr<Canvas> Dither(const Canvas& canvas, DX::FrameDither dither);
+
     // For the client area of a window, which has no other Screen.
     virtual std::unique_ptr<Screen> OpenScreen(HWND window) = 0;
 
@@ -162,6 +166,8 @@ private:
     virtual void DrawColors(const Picture& source, const Canvas& canvas,
                             const Proc::ColorAlphaConversionInfo& conversion,
                             const ColorStages& stages) = 0;
+    virtual void DrawDithered(const Canvas& source, const Canvas& canvas,
+                              DX::FrameDither dither) = 0;
     virtual void CompileShaders(DrawKind kind) = 0;
     virtual std::unique_ptr<Canvas> MakeCanvasOf(const DX::Size2DT<long>& size,
                                                  DXGI_FORMAT format) = 0;

@@ -343,6 +343,21 @@ private:
         });
     }
 
+    void DrawDithered(const Canvas& source, const Canvas& canvas, DX::FrameDither dither) override {
+        const auto frameOf = [](const Canvas& drawn) {
+            DX::D11Frame frame;
+            frame.desc =
+                DX::D3FrameDesc::MakeRGB(drawn.GetSize(), Proc::AlphaType::NonPremultiplied);
+            frame.textures[0] = TargetOf11(drawn)->GetTexture();
+            return frame;
+        };
+        const boost::intrusive_ptr<DX::D11FrameConverter> converter(
+            new DX::D11FrameConverter(m_device));
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            converter->Encode(context, frameOf(source), frameOf(canvas), {.dither = dither});
+        });
+    }
+
     // One drawer serves all kinds.
     void CompileShaders(DrawKind /*kind*/) override { m_drawer.emplace(m_device); }
 

@@ -369,6 +369,25 @@ private:
         allocator->WaitComplete();
     }
 
+    void DrawDithered(const Canvas& source, const Canvas& canvas, DX::FrameDither dither) override {
+        const auto frameOf = [](const Canvas& drawn) {
+            DX::D12Frame frame;
+            frame.desc =
+                DX::D3FrameDesc::MakeRGB(drawn.GetSize(), Proc::AlphaType::NonPremultiplied);
+            frame.textures[0] = TargetOf12(drawn)->GetFirstResource();
+            return frame;
+        };
+        constexpr DX::D12ResourceStates kDrawn = {D3D12_RESOURCE_STATE_RENDER_TARGET,
+                                                  D3D12_RESOURCE_STATE_RENDER_TARGET};
+        const boost::intrusive_ptr<DX::D12FrameConverter> converter(
+            new DX::D12FrameConverter(m_device));
+        const auto allocator = m_queue->CreateCommandAllocator();
+        converter->Encode(allocator, frameOf(source), frameOf(canvas), {{kDrawn, kDrawn}},
+                          {.dither = dither});
+        allocator->Execute();
+        allocator->WaitComplete();
+    }
+
     void CompileShaders(DrawKind kind) override {
         if (kind == DrawKind::Fill) {
             m_drawers.GetFillDraw();
