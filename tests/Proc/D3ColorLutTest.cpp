@@ -107,7 +107,9 @@ TEST(D3ColorLutTest, FilesAreReadOrRefusedWithTheLine) {
         {{.size = 1}, "The size of the color LUT is out of range"},
         {{.size = 2, .entries = {{}, {}}}, "The color LUT has too few or too many entries"},
         {{.dimensions = 1, .size = 2, .domainMax = {0, 1, 1}, .entries = {{}, {}}},
-         "The domain of the color LUT is empty"}};
+         "The domain of the color LUT is empty"},
+        {{.dimensions = 1, .size = 2, .entries = {{}, {0, NAN, 0}}},
+         "The color LUT has an entry that is not finite"}};
     for (const auto& [table, words] : contradictions) {
         EXPECT_EQ(SentenceOf([&] { table.Validate(); }), words);
     }

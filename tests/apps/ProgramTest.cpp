@@ -140,6 +140,8 @@ TEST_F(ProgramTest, DrawsWhatTheOptionsSay) {
     WriteBytes(m_folder.GetPath("inverse.cube"), std::string("LUT_1D_SIZE 2\n1 1 1\n0 0 0\n"));
     expect(kHalf + "--lut @inverse.cube --size 4x4 --target-alpha premultiplied",
            {{1, 1, {28, 78, 103, 128}}});
+    Run("encode @grey.png -o @clip --format yuv444p --lut @inverse.cube");
+    EXPECT_EQ(ReadText(m_folder.GetPath("clip")).substr(0, 64 * 64), std::string(64 * 64, '\x95'));
 }
 
 TEST_P(PictureTest, ReportsAsJson) {

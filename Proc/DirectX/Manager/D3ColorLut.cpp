@@ -196,6 +196,11 @@ void D3ColorLut::Validate() const {
     ThrowUnless<DirectXException>(entries.size() == CountLutEntries(dimensions, size),
                                   "The color LUT has too few or too many entries");
     ThrowUnless<DirectXException>(HasLutDomain(*this), "The domain of the color LUT is empty");
+    const auto isFinite = [](const Color& entry) {
+        return std::ranges::all_of(entry, [](float channel) { return std::isfinite(channel); });
+    };
+    ThrowUnless<DirectXException>(std::ranges::all_of(entries, isFinite),
+                                  "The color LUT has an entry that is not finite");
 }
 
 std::vector<LutQuad> MakeLutQuads(const D3ColorLut& lut) {

@@ -44,7 +44,7 @@ struct NORVEX_DX_API D3ColorLut {
 
     // Throws what is wrong in itself: "A color LUT has one dimension or three", "The size of the
     // color LUT is out of range", "The color LUT has too few or too many entries", "The domain of
-    // the color LUT is empty".
+    // the color LUT is empty", "The color LUT has an entry that is not finite".
     void Validate() const;
 };
 
