@@ -313,7 +313,7 @@ void AddView(CLI::App& parent, ViewOptions& options) {
     AddRate(app, options.clips.rate, "of clips (what the file says, else 25)");
     AddValue(app, "--at", options.clips.first, &ParseFrames, "a number from 1 to 1000000", "N",
              "the frame that clips begin with, counted from 1 (1)");
-    app.add_flag("--loop", options.clips.isLoop, "clips begin again after their end");
+    app.add_flag("--loop", options.clips.isLoop, "clips in files begin again after their end");
     AddValue(app, "--hdr", options.hdr, &ParseHDRChoice, "auto, on or off", "CHOICE",
              "auto: where the display is in HDR; on: and tell where it is not; off (auto)");
     app.add_flag("--fullscreen", options.isFullScreen, "begin in full screen");

@@ -217,10 +217,13 @@ void ViewSession::PlayClip() {
 
 void ViewSession::TellClipFailure() {
     const std::string failure = m_clip->TakeFailure();
-    if (!failure.empty()) {
-        m_notice = failure;
+    if (failure.empty()) {
+        return;
+    }
+    m_notice = failure;
+    m_window.Redraw();
+    if (std::exchange(m_toldClipFailure, failure) != failure) { // a loop meets it again and again
         Console::PrintMessage(failure);
-        m_window.Redraw();
     }
 }
 

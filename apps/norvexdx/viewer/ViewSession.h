@@ -94,8 +94,9 @@ private:
     Viewer m_viewer;
     ViewerWindow m_window;
     Album m_album;
-    std::set<std::size_t> m_told;                // pictures that could not be read
-    std::optional<std::size_t> m_shown;          // the picture in the scene
+    std::set<std::size_t> m_told;       // pictures that could not be read
+    std::optional<std::size_t> m_shown; // the picture in the scene
+    std::string m_toldClipFailure;
     std::string m_notice;                        // about the picture
     std::shared_ptr<ClipPlayer> m_clip;          // in the scene; null: a picture is
     std::optional<std::uint64_t> m_frameInScene; // its serial number
