@@ -1,5 +1,5 @@
 #!/bin/bash
-# Tests `norvexdx encode` in pipes: clips of ffmpeg's go in, what comes out is compared with ffmpeg's
+# Tests `norvexdx encode`, and `view`, in pipes: clips of ffmpeg's go in, what comes out is compared with ffmpeg's
 # own conversion; and what ends it before its time. ctest calls this, inside the root.
 #   encode-test.sh NORVEXDX.exe RESULT.xml
 set -euo pipefail
@@ -44,6 +44,14 @@ agrees() {
     mapfile -t theirs < <(raw nv12 theirs.nv12)
     psnr=$(ffmpeg -hide_banner "${ours[@]}" "${theirs[@]}" -lavfi psnr -f null - 2>&1 | sed -n 's/.*PSNR y:\([0-9.inf]*\).*/\1/p')
     expect "PSNR of luma" "${psnr/inf/1000}" '>' "$kMinPsnr"
+}
+
+# The viewer takes a stream as it comes, from the frame that is asked for to its end.
+plays() {
+    local frame
+    frame=$(ffmpeg -v error -f lavfi -i "testsrc2=size=$size:rate=$rate" -frames:v "$frames" -f yuv4mpegpipe - |
+        timeout 60 "$here/wine-run" "$program" view - --at 11 --frames "$frames" --json | sed -n 's/.*"frame": \([0-9]*\),.*/\1/p')
+    expect "last frame that is shown" "$frame" == "$frames"
 }
 
 # What comes out of our Y4M file, and of the pipe into an encoder, decodes frame by frame.
@@ -171,6 +179,7 @@ agrees_with_itself() {
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D11 agrees d3d11
 run_case EncodePipeTest AgreesWithFfmpegOnDirect3D12 agrees d3d12
 run_case EncodePipeTest WhatComesOutDecodes decodes
+run_case EncodePipeTest TheViewerPlaysAStream plays
 run_case EncodePipeTest TurnsHdrIntoSdr turns_hdr_into_sdr
 run_case EncodePipeTest EndsWithItsReader ends_with_reader
 run_case EncodePipeTest EndsWhenTheDiskIsFull ends_with_full_disk
