@@ -22,11 +22,11 @@ bool IsDecoding(const std::future<DecodedPicture>& future) {
 } // namespace
 
 Album::Album(std::vector<std::string> files, std::function<void()> onDecoded,
-             const std::optional<Conf::RGBColorSpace>& from, ClipOptions clips)
+             const std::optional<Conf::RGBColorSpace>& from, const ClipOptions& clips)
     : m_files(std::move(files)),
       m_onDecoded(std::move(onDecoded)),
       m_from(from),
-      m_clips(std::move(clips)) {}
+      m_clips(clips) {}
 
 void Album::Select(std::size_t index) {
     Forget(index);

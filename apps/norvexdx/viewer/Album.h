@@ -36,7 +36,7 @@ public:
     // onDecoded is called on another thread whenever a picture is there, or a frame of a clip
     // (ClipPlayer). from: as ReadImage's.
     Album(std::vector<std::string> files, std::function<void()> onDecoded,
-          const std::optional<Conf::RGBColorSpace>& from = {}, ClipOptions clips = {});
+          const std::optional<Conf::RGBColorSpace>& from = {}, const ClipOptions& clips = {});
 
     std::size_t GetCount() const { return m_files.size(); }
     const std::string& GetName(std::size_t index) const { return m_files[index]; }
