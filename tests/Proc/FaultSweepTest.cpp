@@ -126,9 +126,7 @@ void DrawFrames(Leaving& leaving) {
         draw->Encode(on, from, drawing.target);
         scaler->Encode(on, drawing.source, drawing.target, {.rect = DX::Rect2DT<long>{1, 1, 5, 3}});
         ConvertFrame(*converter, on, from, to);
-        if constexpr (requires { peak->Encode(on, bright); }) {
-            peak->Encode(on, bright);
-        }
+        peak->Encode(on, bright);
     });
 }
 

@@ -95,7 +95,10 @@ public:
     }
 
     float Measure(FramePeak& peak, const Frame& frame) {
-        Record([&](const auto& allocator) { peak.Encode(allocator, frame); });
+        Record([&](const auto& allocator) {
+            allocator->RecordList(nullptr, [&](const auto& list) { peak.Encode(list, frame); });
+            peak.Encode(allocator, frame);
+        });
         return peak.Read(m_queue);
     }
 

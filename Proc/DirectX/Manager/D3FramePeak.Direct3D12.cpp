@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12DrawState.h"
 #include "Proc/DirectX/Manager/D3FramePass.h"
 #include "Proc/DirectX/Manager/D3FramePeak.h"
 #include "Proc/DirectX/Manager/D3FrameShader.h"
@@ -43,7 +44,13 @@ struct D12FramePeak::Passes : FrameVariants<D12FramePass> {
     void SetSize(D12Device& device, const Size2DT<long>& wanted);
     Step MakeStep(const boost::intrusive_ptr<D12Device>& device, const D12Frame& from,
                   Level& level);
-    static void Draw(const D12QuadPipeline::List& list, const Step& step);
+    // All that may fail, before anything is recorded. The frame has been checked.
+    std::vector<Step> Prepare(const boost::intrusive_ptr<D12Device>& device,
+                              const D12Frame& source);
+    // draw(step) of each, when the one before may be read.
+    template <class Draw>
+    static void Record(D12GraphicsCommandList& list, const std::vector<Step>& steps,
+                       const Draw& draw);
 
     Size2DT<long> size; // of the frames
     std::vector<Level> levels;
@@ -90,15 +97,37 @@ D12FramePeak::Passes::MakeStep(const boost::intrusive_ptr<D12Device>& device, co
             level.constants.Get(BytesOf(params), make), level};
 }
 
-void D12FramePeak::Passes::Draw(const D12QuadPipeline::List& list, const Step& step) {
-    D12FramePass& pass = step.pass;
-    const D12PlanesOfOneDraw planes(*pass.planes, step.views);
-    pass.image->SetBuffer(step.constants); // which it does not read
-    pass.frame->SetBuffer(step.constants);
-    list->SetPipelineState(step.state);
-    const Size2DT<long> size = step.level.frame.desc.size;
-    pass.pipeline.Draw(list, {&step.level.target, 1}, {0, 0, size.width, size.height}, size,
-                       pass.pipeline.GetQuad(*list));
+std::vector<D12FramePeak::Passes::Step>
+D12FramePeak::Passes::Prepare(const boost::intrusive_ptr<D12Device>& device,
+                              const D12Frame& source) {
+    SetSize(*device, source.desc.size);
+    std::vector<Step> steps;
+    const D12Frame* from = &source;
+    for (Level& level : levels) {
+        steps.push_back(MakeStep(device, *from, level));
+        from = &level.frame;
+    }
+    return steps;
+}
+
+template <class Draw>
+void D12FramePeak::Passes::Record(D12GraphicsCommandList& list, const std::vector<Step>& steps,
+                                  const Draw& draw) {
+    for (const Step& step : steps) {
+        step.pass.pipeline.GetQuad(list); // before anything is recorded: it may fail
+    }
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        std::vector<D3D12_RESOURCE_BARRIER> before;
+        std::vector<D3D12_RESOURCE_BARRIER> after;
+        if (i > 0) {
+            const D12Frame& read = steps[i - 1].level.frame;
+            AddFrameTransitions(before, read, kPeakDrawn, kPeakRead);
+            AddFrameTransitions(after, read, kPeakRead, kPeakDrawn);
+        }
+        list.ResourceBarrier(before);
+        draw(steps[i]);
+        list.ResourceBarrier(after);
+    }
 }
 
 D12FramePeak::D12FramePeak(const boost::intrusive_ptr<D12Device>& device)
@@ -112,30 +141,46 @@ void D12FramePeak::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     CheckPeakFrame<DirectX12Exception>(source.desc, DescribeTextures(source), source.slice,
                                        std::source_location::current());
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
-    m_passes->SetSize(*m_device, source.desc.size);
-    std::vector<Passes::Step> steps;
-    const D12Frame* from = &source;
-    for (Passes::Level& level : m_passes->levels) {
-        steps.push_back(m_passes->MakeStep(m_device, *from, level));
-        from = &level.frame;
-    }
+    const auto steps = m_passes->Prepare(m_device, source);
     allocator->RecordList(steps.front().state, [&](const D12QuadPipeline::List& list) {
-        for (const auto& step : steps) {
-            step.pass.pipeline.GetQuad(*list); // before anything is recorded: it may fail
-        }
         const D12DrawEvent event(list->GetGraphics(), kPeakEvent);
-        for (std::size_t i = 0; i < steps.size(); ++i) {
-            std::vector<D3D12_RESOURCE_BARRIER> before;
-            std::vector<D3D12_RESOURCE_BARRIER> after;
-            if (i > 0) {
-                const D12Frame& read = steps[i - 1].level.frame;
-                AddFrameTransitions(before, read, kPeakDrawn, kPeakRead);
-                AddFrameTransitions(after, read, kPeakRead, kPeakDrawn);
-            }
-            list->ResourceBarrier(before);
-            Passes::Draw(list, steps[i]);
-            list->ResourceBarrier(after);
-        }
+        Passes::Record(*list, steps, [&](const Passes::Step& step) {
+            D12FramePass& pass = step.pass;
+            const D12PlanesOfOneDraw planes(*pass.planes, step.views);
+            pass.image->SetBuffer(step.constants); // which it does not read
+            pass.frame->SetBuffer(step.constants);
+            list->SetPipelineState(step.state);
+            const Size2DT<long> size = step.level.frame.desc.size;
+            pass.pipeline.Draw(list, {&step.level.target, 1}, {0, 0, size.width, size.height}, size,
+                               pass.pipeline.GetQuad(*list));
+        });
+    });
+}
+
+void D12FramePeak::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                          const D12Frame& source) {
+    const auto location = std::source_location::current();
+    D12DrawState& state = D12DrawState::Of(list, location);
+    CheckPeakFrame<DirectX12Exception>(source.desc, DescribeTextures(source), source.slice,
+                                       location);
+    const auto steps = m_passes->Prepare(m_device, source);
+    const D12DrawEvent event = state.BeginEvent(kPeakEvent);
+    std::vector<D3D12_GPU_DESCRIPTOR_HANDLE> tables;
+    state.ReserveViews(steps.size() * std::tuple_size_v<D12PlaneViews>);
+    for (const Passes::Step& step : steps) { // before anything is recorded
+        tables.push_back(state.AddViews(step.views));
+        list->TrackObject(step.constants.p);
+    }
+    auto textures = tables.begin();
+    Passes::Record(*list, steps, [&](const Passes::Step& step) {
+        const Size2DT<long> size = step.level.frame.desc.size;
+        const auto constants = step.constants->GetGPUVirtualAddress();
+        step.pass.pipeline.Draw(state, {&step.level.target, 1}, {0, 0, size.width, size.height},
+                                step.pass.pipeline.GetQuad(*list), [&] {
+                                    state.SetConstants(kFrameImageIndex, constants);
+                                    state.SetConstants(kFrameConstantsIndex, constants);
+                                    state.SetTable(kFramePlanesIndex, *textures++);
+                                });
     });
 }
 

@@ -7,7 +7,6 @@
 // on Direct3D 11 inside D11Device::Encode. Throws DirectX11Exception, DirectX12Exception. Next:
 // D3ToneMapping.h.
 
-#include <cstddef>
 #include <memory>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
@@ -39,6 +38,9 @@ public:
     // that size, so that lists follow each other on one queue. What is wrong with a frame: as of
     // D12FrameDraw; "The frame is not in PQ", "There is no command allocator".
     void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source);
+    // Into an open list, or throws and draws nothing; what it replaces there: D3D12Renderer.h.
+    // "There is no command list", "The command list is closed".
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const D12Frame& source);
 
     // Of the last list that was executed, cd/m2, 0 to 10,000. Blocks until the queue, the same as
     // the list's, has come to it. "No frame was measured", "Command queue is null", and what
