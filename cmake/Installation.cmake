@@ -49,6 +49,10 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples"
     FILES_MATCHING PATTERN "*.cpp" PATTERN host_sdk EXCLUDE)
 install(FILES "${PROJECT_SOURCE_DIR}/cmake/ExamplesOfArchive.cmake" RENAME CMakeLists.txt
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX/examples" COMPONENT Development)
+file(RELATIVE_PATH docToExamples "/${CMAKE_INSTALL_DATADIR}/doc/NorvexDX" "/${CMAKE_INSTALL_DATADIR}/NorvexDX/examples")
+install(CODE "execute_process(COMMAND \"\${CMAKE_COMMAND}\" \"-DSOURCE=${PROJECT_SOURCE_DIR}\"
+    \"-DTARGET=\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/doc/NorvexDX\" \"-DEXAMPLES=${docToExamples}\"
+    -P \"${PROJECT_SOURCE_DIR}/cmake/DocumentationOfArchive.cmake\" COMMAND_ERROR_IS_FATAL ANY)" COMPONENT Development)
 install(FILES "${PROJECT_SOURCE_DIR}/LICENSE"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/NorvexDX" COMPONENT Runtime)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/licenses"

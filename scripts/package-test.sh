@@ -42,7 +42,15 @@ installs() {
     # Public headers alone, and nothing that is not the library's.
     [ ! -e sdk/include/NorvexDX/Proc/DirectX/Manager/Throw.h ]
     [ -e sdk/share/NorvexDX/LICENSE ]
-    local name
+    # The guide, with the examples' lines in it, and its links.
+    [ -e sdk/share/doc/NorvexDX/CHANGELOG.md ]
+    ! grep -rF '\snippet' sdk/share/doc/NorvexDX/guide || return 1
+    local name page link
+    for page in sdk/share/doc/NorvexDX/*.md sdk/share/doc/NorvexDX/guide/*.md; do
+        for link in $(grep -oE '\]\([^): #]+\)' "$page" | sed 's/^](//; s/)$//'); do
+            [ -e "$(dirname "$page")/$link" ] || { echo "$page: no $link"; return 1; }
+        done
+    done
     for name in NorvexDX NorvexHost; do
         x86_64-w64-mingw32-strings -el "sdk/bin/$name.dll" | grep -qx "$version" # its version resource
     done
