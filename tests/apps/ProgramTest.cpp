@@ -315,6 +315,7 @@ TEST(ExamplesTest, SayAndShowWhatTheyDo) {
         expect(L"share.exe", "not share", {}, 1);
     }
     expect(L"device_loss.exe", "\nFrame 10 is 255 128 0.", {"5"});
+    expect(L"statistics.exe", "live objects, made at", {"debug"});
     expect(L"window.exe", "", {}, 0, std::array{192, 128, 128});
     expect(L"host.exe", "", {}, 0, std::array{128, 255, 128});
     const auto relay = StartedProgram::GetPath(L"relay.exe").string();
