@@ -1,5 +1,5 @@
 // The scalers of both generations against the formulas in double precision: every kernel, up and
-// down, of parts of pictures, as encoded and in light, with every type of alpha.
+// down, of parts of pictures, as encoded and in light, with every type of alpha; and of frames.
 
 #include <cmath>
 #include <random>
@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "Proc/DirectX/Manager/D3Scaler.h"
+#include "apps/norvexdx/reference/FrameReference.h"
 #include "apps/norvexdx/reference/ScaleReference.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
@@ -241,6 +242,16 @@ TYPED_TEST(D3ScalerTest, WrongArgumentsAreRefused) {
         refuses("Unknown kernel", source, target, {.kernel = static_cast<ScaleKernel>(5)});
         refuses("Unsupported transfer function", source, target,
                 {.transfer = static_cast<TransferCharacteristics>(4)});
+        typename TypeParam::Frame frame;
+        frame.desc = DX::D3FrameDesc::MakeRGB({8, 8});
+        refuses("A texture of the frame is missing", frame, target, {});
+        frame.textures[0] = TypeParam::TextureOf(target);
+        refuses("The source and the target are the same texture", frame, target, {});
+        frame.textures[0] = TypeParam::TextureOf(source);
+        refuses("The texture is expected to be the render target view", frame, decltype(target)(),
+                {});
+        refuses("The source rectangle does not lie in the texture", frame, target,
+                {.sourceRect = Part{0, 0, 8, 8.1}});
         if constexpr (TestFixture::kIs12) {
             refuses("The texture is expected to be the shader resource view", target, target, {});
             const auto own =
@@ -256,6 +267,85 @@ TYPED_TEST(D3ScalerTest, WrongArgumentsAreRefused) {
     });
     EXPECT_EQ(SentenceOf([&] { typename TestFixture::Scaler scaler(nullptr); }),
               "There is no device");
+}
+
+template <class AnyCanvas>
+auto UploadFrame(AnyCanvas& canvas, const Reference::Frame& frame) {
+    typename AnyCanvas::Frame result;
+    result.desc = frame.desc;
+    const unsigned planes = frame.desc.GetPlaneCount();
+    for (unsigned plane = 0; plane < planes; ++plane) {
+        const auto [format, size] = frame.desc.GetPlane(plane);
+        const unsigned channels = planes == 1 ? 4 : planes == 2 ? plane + 1 : 1;
+        const auto width = static_cast<unsigned>(size.width);
+        const auto colorAt = [&, first = plane](unsigned x, unsigned y) {
+            Color color = {};
+            for (unsigned i = first; i < first + channels; ++i) {
+                const double unit = i == 3 ? 1.0 : frame.desc.GetCodes().unit;
+                color.at(i - first) = frame.channels.at(i)[std::size_t{y} * width + x] * unit;
+            }
+            return color;
+        };
+        result.textures.at(plane) = canvas.TextureOf(
+            canvas.MakeSource(MakePixels(width, static_cast<unsigned>(size.height), colorAt),
+                              planes == 1 ? kFloats : format));
+    }
+    return result;
+}
+
+TYPED_TEST(D3ScalerTest, FramesAreScaledAsTheirColors) {
+    using enum DX::FrameLayout;
+    struct Row {
+        DX::D3FrameDesc frame;
+        ScaleParams params;
+    };
+    Row rows[] = {
+        {{.layout = NV12, .bitDepth = 8, .size = {23, 13}}, {}},
+        {{.layout = Planar420, .bitDepth = 10, .size = {23, 13}, .range = DX::FrameRange::Full},
+         {.sourceRect = Part{2.25, 1.5, 20.75, 11.125}}},
+        {{.layout = Planar444, .bitDepth = 16, .size = {23, 13}}, {.kernel = ScaleKernel::Area}},
+        {{.layout = P010, .bitDepth = 10, .size = {23, 13}},
+         {.antiRinging = 1, .chromaFilter = DX::ChromaFilter::CatmullRom}},
+        {{.layout = RGB, .bitDepth = 8, .size = {23, 13}, .alpha = AlphaType::NonPremultiplied},
+         {.alphaType = AlphaType::AlphaIsOne}}, // which does not count
+    };
+    rows[1].frame.chromaLocation = DX::ChromaLocation::Centre;
+    std::mt19937 random(420);
+    std::uniform_real_distribution<float> any;
+    double largest = 0.0;
+    for (const auto& [desc, params] : rows) {
+        const double white = std::pow(2.0, desc.bitDepth) - 1.0;
+        const auto frame = Reference::MakeFrame(desc, [&](unsigned channel, long, long) {
+            const double value = any(random);
+            return channel == 3 ? 0.75 + value / 4.0 : std::round(value * white);
+        });
+        const Pixels colors = MakePixels(23, 13, [&, filter = params.chromaFilter](auto x, auto y) {
+            return Reference::ColorOf(frame, static_cast<long>(x), static_cast<long>(y),
+                                      filter == DX::ChromaFilter::CatmullRom);
+        });
+        ScaleParams ofColors = params;
+        ofColors.alphaType = desc.alpha;
+        const auto source = UploadFrame(this->m_canvas, frame);
+        for (const unsigned width : {9U, 40U}) {
+            const Rect rect = {0, 0, static_cast<long>(width), 21};
+            const auto target = this->m_canvas.MakeTarget(width, 21, kFloats);
+            this->m_canvas.Record([&, &scaling = params](const auto& on) {
+                const auto encode = [&](const auto& to) {
+                    this->m_scaler->Encode(to, source, target, scaling);
+                };
+                if constexpr (TestFixture::kIs12) { // and into an open list
+                    width == 40 ? on->RecordList(nullptr, encode) : encode(on);
+                } else {
+                    encode(on);
+                }
+            });
+            const double difference = LargestDifference(this->m_canvas.Read(target),
+                                                        Expect(colors, ofColors, rect), rect);
+            largest = std::max(largest, difference);
+            EXPECT_LE(difference, 2e-5) << "layout " << static_cast<int>(desc.layout);
+        }
+    }
+    this->RecordProperty("frames", fmt::format("{:.2g}", largest));
 }
 
 // Drawn again, whatever a list holds before, a picture is the same and nothing is made for it.

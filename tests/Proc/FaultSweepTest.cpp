@@ -125,6 +125,7 @@ void DrawFrames(Leaving& leaving) {
     drawing.Record(leaving, [&](const auto& on) {
         draw->Encode(on, from, drawing.target);
         scaler->Encode(on, drawing.source, drawing.target, {.rect = DX::Rect2DT<long>{1, 1, 5, 3}});
+        scaler->Encode(on, from, drawing.target, {.rect = DX::Rect2DT<long>{5, 1, 8, 4}});
         ConvertFrame(*converter, on, from, to);
         peak->Encode(on, bright);
     });

@@ -42,6 +42,12 @@ enum class ChromaLocation : std::uint32_t {
     TopLeft = 2, // on every other luma column and row; BT.2020, BT.2100
 };
 
+// How chroma of fewer samples than luma is interpolated. Luma, and RGB, always bilinearly.
+enum class ChromaFilter : std::uint32_t {
+    Bilinear = 0,
+    CatmullRom = 1, // 4 x 4 samples: sharper, overshoots a little
+};
+
 // One plane. A format of DXGI_FORMAT_UNKNOWN: any that holds red, green and blue.
 struct FramePlane {
     DXGI_FORMAT format = DXGI_FORMAT_UNKNOWN; // of its texture, or of its view

@@ -5,7 +5,6 @@
 // thread at a time; on Direct3D 11 inside D11Device::Encode. Throws DirectX11Exception,
 // DirectX12Exception, and has recorded nothing then. Next: D3ImageRenderer.h, D3FrameConverter.h.
 
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <source_location>
@@ -32,12 +31,6 @@ namespace Norvex::DX {
 class D11QuadPipeline;
 struct D12FramePass;
 struct FrameShaderKey;
-
-// How chroma of fewer samples than luma is interpolated. Luma, and RGB, always bilinearly.
-enum class ChromaFilter : std::uint32_t {
-    Bilinear = 0,
-    CatmullRom = 1, // 4 x 4 samples: sharper, overshoots a little
-};
 
 // What the drawers of both generations share. The picture that the view state places is the frame,
 // or the part of it that is drawn.

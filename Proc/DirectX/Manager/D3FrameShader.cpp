@@ -155,11 +155,7 @@ bool IsPlain(const Proc::ColorAlphaConversionInfo& conversion) {
 // Of a pass.
 FrameShaderKey MakeFrameCodesKey(const D3FrameDesc& source, const D3FrameDesc& target,
                                  const FramePass& pass, const FrameConvertParams& params) {
-    FrameShaderKey key;
-    key.sourcePlanes = source.GetPlaneCount();
-    if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
-        key.chroma = GetFrameChroma(source, params.chromaFilter);
-    }
+    FrameShaderKey key = MakeFrameSourceKey(source, params.chromaFilter);
     key.targets = pass.planeCount;
     key.channels = pass.firstPlane != 0 ? 2 : target.GetChromaStep() == Size2DT<long>{1, 1} ? 3 : 1;
     if (pass.firstPlane != 0) {
@@ -184,6 +180,15 @@ void SetToneMapping(FrameShaderKey& key, D3FrameParams& params, const D3ToneMapp
 }
 
 } // namespace
+
+FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, ChromaFilter filter) {
+    FrameShaderKey key;
+    key.sourcePlanes = source.GetPlaneCount();
+    if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
+        key.chroma = GetFrameChroma(source, filter);
+    }
+    return key;
+}
 
 D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
     const Affine colors = MakeColorsOfSamples(source);
@@ -308,10 +313,13 @@ const char* FindFrameMistake(const D3FrameDesc& frame, const FrameTextures& text
     return nullptr;
 }
 
+std::string GetFrameSourceMacros(const FrameShaderKey& key) {
+    return fmt::format("#define SOURCE_PLANES {}\n#define CHROMA_PLACES {}\n", key.sourcePlanes,
+                       static_cast<unsigned>(key.chroma));
+}
+
 std::string GetFrameShader(const FrameShaderKey& key) {
-    std::string text = fmt::format("#define FRAME_SHADER\n#define SOURCE_PLANES {}\n"
-                                   "#define CHROMA_PLACES {}\n",
-                                   key.sourcePlanes, static_cast<unsigned>(key.chroma));
+    std::string text = "#define FRAME_SHADER\n" + GetFrameSourceMacros(key);
     if (key.targets != 0) {
         text += fmt::format("#define TARGET_COUNT {}\n#define CHANNEL_COUNT {}\n"
                             "#define TAPS_ACROSS {}\n#define TAPS_DOWN {}\n#define DITHER {}\n",

@@ -70,6 +70,12 @@ struct FrameShaderKey {
     bool operator==(const FrameShaderKey&) const = default;
 };
 
+// Of a shader that reads a frame at its own pixels.
+FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, ChromaFilter filter);
+// What FrameSource.hlsl is told of it, and before that the macros which it needs.
+D3FrameParams MakeFrameParams(const D3FrameDesc& source);
+std::string GetFrameSourceMacros(const FrameShaderKey& key);
+
 // The text of it, entry "PSMain". Parameters b0 and b1, planes t0 to t2; dither by blue noise has
 // its ranks in t3. A drawer's draws a frame as D3ImageRenderer's draws an image.
 std::string GetFrameShader(const FrameShaderKey& key);

@@ -1,8 +1,12 @@
 #include <array>
 #include <string>
+#include <vector>
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
+#include "Proc/DirectX/Manager/D3FrameViews.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3ScalerPlan.h"
@@ -12,6 +16,12 @@
 namespace Norvex::DX {
 
 namespace {
+
+DXGI_FORMAT GetViewFormat(const D11RenderTexture2D& target) {
+    D3D11_RENDER_TARGET_VIEW_DESC desc = {};
+    target.GetViewDesc(&desc);
+    return desc.Format;
+}
 
 CComPtr<ID3D11ShaderResourceView> CreateWeightsView(D11Device& device, ID3D11Buffer* weights,
                                                     const std::array<std::uint32_t, 2>& quads) {
@@ -24,8 +34,40 @@ CComPtr<ID3D11ShaderResourceView> CreateWeightsView(D11Device& device, ID3D11Buf
 }
 
 std::shared_ptr<D11PixelShader> MakeScalerShader(const boost::intrusive_ptr<D11Device>& device,
-                                                 ScalerPass pass) {
-    return std::make_shared<D11PixelShader>(device, "PSMain", GetScalerPixelShader(pass));
+                                                 ScalerPass pass,
+                                                 const FrameShaderKey* frame = nullptr) {
+    return std::make_shared<D11PixelShader>(device, "PSMain", GetScalerPixelShader(pass, frame));
+}
+
+std::optional<D3ScalerJob> CheckScaling(const boost::intrusive_ptr<D11ShaderTexture2D>& source,
+                                        const D11RenderTexture2D* target, const ScaleParams& params,
+                                        const std::source_location& location) {
+    const auto check = [&](bool holds, const char* sentence) {
+        ThrowUnless<DirectX11Exception>(holds, sentence, location);
+    };
+    check(source != nullptr, "The texture is expected to be the shader resource view");
+    check(target != nullptr, "The texture is expected to be the render target view");
+    D3D11_TEXTURE2D_DESC desc = {};
+    source->GetDesc(&desc);
+    check(desc.SampleDesc.Count == 1, "The source is expected to be a 2-D texture of one sample");
+    check(source->GetTexture() != target->GetTexture(),
+          "The source and the target are the same texture");
+    return MakeScalerJob<DirectX11Exception>(params, source->GetSize(), target->GetSize(),
+                                             GetViewFormat(*target), location);
+}
+
+std::optional<D3ScalerJob> CheckScaling(const D11Frame& source, const D11RenderTexture2D* target,
+                                        const ScaleParams& params,
+                                        const std::source_location& location) {
+    CheckFrame<DirectX11Exception>(source.desc, DescribeTextures(source), source.slice, location);
+    ThrowUnless<DirectX11Exception>(
+        target != nullptr, "The texture is expected to be the render target view", location);
+    for (const auto& texture : source.textures) {
+        ThrowUnless<DirectX11Exception>(texture.p != target->GetTexture(),
+                                        "The source and the target are the same texture", location);
+    }
+    return MakeScalerJob<DirectX11Exception>(params, source.desc, target->GetSize(),
+                                             GetViewFormat(*target), location);
 }
 
 } // namespace
@@ -42,11 +84,26 @@ struct D11Scaler::Plan {
     boost::intrusive_ptr<D11RenderTexture2D> intermediateTarget;
 };
 
+// For one kind of frame.
+struct D11ScalerFramePass {
+    std::shared_ptr<D11PixelShader> shader;
+    KeptConstants<ID3D11Buffer> constants;
+};
+
+struct D11Scaler::Frames : FrameVariants<D11ScalerFramePass> {};
+
+struct D11Scaler::Source {
+    std::shared_ptr<D11PixelShader> shader;
+    std::vector<CComPtr<ID3D11ShaderResourceView>> views; // from t0 on; the weights follow
+    CComPtr<ID3D11Buffer> frameConstants = {};            // or null
+};
+
 D11Scaler::D11Scaler(const boost::intrusive_ptr<D11Device>& device)
     : m_device(CheckDevice<DirectX11Exception>(device)),
       m_pipeline(std::make_unique<D11QuadPipeline>(device, std::string(Shaders::kQuadVertex))),
       m_rowShader(MakeScalerShader(device, ScalerPass::Rows)),
       m_columnShader(MakeScalerShader(device, ScalerPass::Columns)),
+      m_frames(std::make_unique<Frames>()),
       m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
 
 D11Scaler::~D11Scaler() = default;
@@ -55,52 +112,65 @@ void D11Scaler::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                        const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                        const boost::intrusive_ptr<D11RenderTexture2D>& target,
                        const ScaleParams& params) {
-    const auto location = std::source_location::current();
     ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
-    const auto job = Check(source.get(), target.get(), params, location);
-    if (!job) {
-        return;
+    const auto job = CheckScaling(source, target.get(), params, std::source_location::current());
+    if (job) {
+        Draw(*context, {m_rowShader, {source->GetView()}}, *target, *job);
     }
-    const auto event = D11QuadPipeline::BeginEvent(*context, "scaling");
-    const Plan& plan = m_plans->Get(*job, [&] { return MakePlan(*job); });
-    const auto pass = [&](ID3D11RenderTargetView* to, const Rect2DT<long>& area, const auto& shader,
-                          ID3D11ShaderResourceView* from, ID3D11ShaderResourceView* weights,
-                          ID3D11Buffer* constants) {
-        context->Get()->PSSetShaderResources(1, 1, &weights);
-        m_pipeline->Draw(*context, {.targets = {&to, 1},
-                                    .viewport = area,
-                                    .shader = shader,
-                                    .texture = from,
-                                    .constants = constants});
-    };
-    const auto& [width, height] = plan.passes.intermediate;
-    pass(plan.intermediateTarget->GetView(), {0, 0, width, height}, m_rowShader, source->GetView(),
-         plan.rowWeights, plan.rowConstants);
-    pass(target->GetView(), job->visible, m_columnShader, plan.intermediateSource->GetView(),
-         plan.columnWeights, plan.columnConstants);
-    constexpr std::array<ID3D11ShaderResourceView*, 2> kNone = {};
-    context->Get()->PSSetShaderResources(0, 2, kNone.data()); // the next call draws to one of them
-    D11QuadPipeline::Unbind(*context);
 }
 
-std::optional<D3ScalerJob> D11Scaler::Check(const D11ShaderTexture2D* source,
-                                            const D11RenderTexture2D* target,
-                                            const ScaleParams& params,
-                                            const std::source_location& location) const {
-    const auto check = [&](bool holds, const char* sentence) {
-        ThrowUnless<DirectX11Exception>(holds, sentence, location);
+void D11Scaler::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
+                       const D11Frame& source,
+                       const boost::intrusive_ptr<D11RenderTexture2D>& target,
+                       const ScaleParams& params) {
+    ThrowUnless<DirectX11Exception>(context != nullptr, "There is no device context");
+    const auto job = CheckScaling(source, target.get(), params, std::source_location::current());
+    if (job) {
+        Draw(*context, MakeSource(source, params.chromaFilter), *target, *job);
+    }
+}
+
+D11Scaler::Source D11Scaler::MakeSource(const D11Frame& source, ChromaFilter filter) {
+    const FrameShaderKey key = MakeFrameSourceKey(source.desc, filter);
+    auto& [shader, constants] = m_frames->Get(key, [&] {
+        auto made = std::make_unique<D11ScalerFramePass>();
+        made->shader = MakeScalerShader(m_device, ScalerPass::Rows, &key);
+        return made;
+    });
+    const auto planes = MakePlaneViews(*m_device, source, nullptr);
+    const D3FrameParams params = MakeFrameParams(source.desc);
+    const auto make = [this](std::span<const std::uint8_t> bytes) {
+        return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
-    check(source != nullptr, "The texture is expected to be the shader resource view");
-    check(target != nullptr, "The texture is expected to be the render target view");
-    D3D11_TEXTURE2D_DESC desc = {};
-    source->GetDesc(&desc);
-    check(desc.SampleDesc.Count == 1, "The source is expected to be a 2-D texture of one sample");
-    check(source->GetTexture() != target->GetTexture(),
-          "The source and the target are the same texture");
-    D3D11_RENDER_TARGET_VIEW_DESC view = {};
-    target->GetViewDesc(&view);
-    return MakeScalerJob<DirectX11Exception>(params, source->GetSize(), target->GetSize(),
-                                             view.Format, location);
+    return {shader, {planes.begin(), planes.end() - 1}, constants.Get(BytesOf(params), make)};
+}
+
+void D11Scaler::Draw(D11DeviceContext& context, const Source& source,
+                     const D11RenderTexture2D& target, const D3ScalerJob& job) {
+    const Plan& plan = m_plans->Get(job, [&] { return MakePlan(job); });
+    const auto event = D11QuadPipeline::BeginEvent(context, "scaling");
+    const auto pass = [&](ID3D11RenderTargetView* to, const Rect2DT<long>& area, const Source& from,
+                          ID3D11ShaderResourceView* weights, ID3D11Buffer* constants) {
+        std::vector<ID3D11ShaderResourceView*> views(from.views.begin(), from.views.end());
+        views.push_back(weights);
+        m_pipeline->Draw(context, {.targets = {&to, 1},
+                                   .viewport = area,
+                                   .shader = from.shader,
+                                   .texture = views.front(),
+                                   .constants = constants,
+                                   .moreTextures = std::span(views).subspan(1),
+                                   .moreConstants = from.frameConstants});
+    };
+    const auto& [width, height] = plan.passes.intermediate;
+    pass(plan.intermediateTarget->GetView(), {0, 0, width, height}, source, plan.rowWeights,
+         plan.rowConstants);
+    pass(target.GetView(), job.visible, {m_columnShader, {plan.intermediateSource->GetView()}},
+         plan.columnWeights, plan.columnConstants);
+    // The next call draws to one of them.
+    constexpr std::array<ID3D11ShaderResourceView*, 4> kNone = {};
+    context.Get()->PSSetShaderResources(0, static_cast<UINT>(source.views.size() + 1),
+                                        kNone.data());
+    D11QuadPipeline::Unbind(context);
 }
 
 std::unique_ptr<D11Scaler::Plan> D11Scaler::MakePlan(const D3ScalerJob& job) const {

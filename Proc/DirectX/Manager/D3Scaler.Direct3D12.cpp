@@ -1,13 +1,19 @@
 #include <array>
 #include <cstddef>
 #include <mutex>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
 #include "Proc/DirectX/Manager/D3D12DrawState.h"
+#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
+#include "Proc/DirectX/Manager/D3FramePass.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
+#include "Proc/DirectX/Manager/D3FrameViews.h"
 #include "Proc/DirectX/Manager/D3QuadPipeline.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3ScalerPlan.h"
@@ -19,20 +25,14 @@ namespace {
 
 // Root parameters, in the order in which they are added.
 constexpr unsigned kScalerConstantsIndex = 0;
-constexpr unsigned kScalerTexturesIndex = 1;
-constexpr std::size_t kScalerTextureCount = 2; // of a pass: texture and weights
+constexpr unsigned kScalerViewsIndex = 1;
+constexpr unsigned kScalerFrameIndex = 2; // where a pass reads one
+
+// What a pass reads, the weights last.
+constexpr unsigned kTextureViewCount = 2;
+constexpr unsigned kFrameViewCount = 4;
 
 constexpr auto kScalerEvent = "scaling"; // what debuggers show
-
-std::unique_ptr<D12QuadPipeline> MakeScalerPass(const boost::intrusive_ptr<D12Device>& device,
-                                                ScalerPass pass) {
-    auto pipeline = std::make_unique<D12QuadPipeline>(
-        device, kScalerEvent, std::string(Shaders::kQuadVertex), GetScalerPixelShader(pass));
-    pipeline->SetBlendState({}); // not every system blends in every format
-    pipeline->GetParameters().AddConstantBufferView(0, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
-                                                    D3D12_SHADER_VISIBILITY_PIXEL);
-    return pipeline;
-}
 
 boost::intrusive_ptr<D12Descriptor> CreateWeightsView(D12DescriptorCPUHeap& heap,
                                                       const CComPtr<ID3D12Resource>& weights,
@@ -46,70 +46,9 @@ boost::intrusive_ptr<D12Descriptor> CreateWeightsView(D12DescriptorCPUHeap& heap
     return heap.CreateShaderResourceView(weights, desc);
 }
 
-} // namespace
-
-struct D12Scaler::Plan {
-    explicit Plan(const D3ScalerJob& job) : passes(job) {}
-
-    D3ScalerPasses passes;
-    boost::intrusive_ptr<D12Descriptor> rowWeights;
-    boost::intrusive_ptr<D12Descriptor> columnWeights;
-    boost::intrusive_ptr<D12Texture2DPool> pool;
-};
-
-struct D12Scaler::Draw {
-    const D3ScalerPasses& passes;
-    Rect2DT<long> visible;
-    boost::intrusive_ptr<D12Descriptor> target;
-    std::array<boost::intrusive_ptr<D12Descriptor>, 2 * kScalerTextureCount> views;
-    boost::intrusive_ptr<D12Texture2D> texture;
-    boost::intrusive_ptr<D12Descriptor> textureTarget;
-};
-
-D12Scaler::D12Scaler(const boost::intrusive_ptr<D12Device>& device)
-    : m_device(CheckDevice<DirectX12Exception>(device)),
-      m_rowPass(MakeScalerPass(device, ScalerPass::Rows)),
-      m_columnPass(MakeScalerPass(device, ScalerPass::Columns)),
-      m_rowTextures(m_rowPass->GetParameters().AddViewTable(kScalerTextureCount,
-                                                            D3D12_SHADER_VISIBILITY_PIXEL)),
-      m_columnTextures(m_columnPass->GetParameters().AddViewTable(kScalerTextureCount,
-                                                                  D3D12_SHADER_VISIBILITY_PIXEL)),
-      m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
-
-D12Scaler::~D12Scaler() = default;
-
-void D12Scaler::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
-                       const boost::intrusive_ptr<D12Descriptor>& source,
-                       const boost::intrusive_ptr<D12Descriptor>& target,
-                       const ScaleParams& params) {
-    const auto location = std::source_location::current();
-    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
-    const auto job = Check(source.get(), target.get(), params, location);
-    const std::lock_guard guard(m_mutex);
-    const auto draw = job ? std::optional(Prepare(source, target, *job)) : std::nullopt;
-    allocator->RecordList(nullptr, [&](const D12QuadPipeline::List& list) {
-        if (draw) {
-            Record(D12DrawState::Of(list, location), *draw);
-        }
-    });
-}
-
-void D12Scaler::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
-                       const boost::intrusive_ptr<D12Descriptor>& source,
-                       const boost::intrusive_ptr<D12Descriptor>& target,
-                       const ScaleParams& params) {
-    const auto location = std::source_location::current();
-    D12DrawState& state = D12DrawState::Of(list, location);
-    const auto job = Check(source.get(), target.get(), params, location);
-    const std::lock_guard guard(m_mutex);
-    if (job) {
-        Record(state, Prepare(source, target, *job));
-    }
-}
-
-std::optional<D3ScalerJob> D12Scaler::Check(const D12Descriptor* source,
-                                            const D12Descriptor* target, const ScaleParams& params,
-                                            const std::source_location& location) const {
+std::optional<D3ScalerJob> CheckScaling(const boost::intrusive_ptr<D12Descriptor>& source,
+                                        const D12Descriptor* target, const ScaleParams& params,
+                                        const std::source_location& location) {
     const auto check = [&](bool holds, const char* sentence) {
         ThrowUnless<DirectX12Exception>(holds, sentence, location);
     };
@@ -124,6 +63,159 @@ std::optional<D3ScalerJob> D12Scaler::Check(const D12Descriptor* source,
     check(from != target->GetFirstResource(), "The source and the target are the same texture");
     return MakeScalerJob<DirectX12Exception>(params, source->GetSize(), target->GetSize(),
                                              target->GetFormat(), location);
+}
+
+std::optional<D3ScalerJob> CheckScaling(const D12Frame& source, const D12Descriptor* target,
+                                        const ScaleParams& params,
+                                        const std::source_location& location) {
+    CheckFrame<DirectX12Exception>(source.desc, DescribeTextures(source), source.slice, location);
+    ThrowUnless<DirectX12Exception>(
+        target != nullptr && target->GetType() == D12Descriptor::RenderTarget,
+        "The texture is expected to be the render target view", location);
+    for (const auto& texture : source.textures) {
+        ThrowUnless<DirectX12Exception>(texture.p != target->GetFirstResource(),
+                                        "The source and the target are the same texture", location);
+    }
+    return MakeScalerJob<DirectX12Exception>(params, source.desc, target->GetSize(),
+                                             target->GetFormat(), location);
+}
+
+} // namespace
+
+struct D12Scaler::Plan {
+    explicit Plan(const D3ScalerJob& job) : passes(job) {}
+
+    D3ScalerPasses passes;
+    boost::intrusive_ptr<D12Descriptor> rowWeights;
+    boost::intrusive_ptr<D12Descriptor> columnWeights;
+    boost::intrusive_ptr<D12Texture2DPool> pool;
+};
+
+struct D12Scaler::Pass {
+    // frame: of rows of one, or null.
+    Pass(const boost::intrusive_ptr<D12Device>& device, ScalerPass which,
+         const FrameShaderKey* frame = nullptr)
+        : pipeline(device, kScalerEvent, std::string(Shaders::kQuadVertex),
+                   GetScalerPixelShader(which, frame)) {
+        pipeline.SetBlendState({}); // not every system blends in every format
+        D12ShaderParameters& parameters = pipeline.GetParameters();
+        const auto addConstants = [&](unsigned shaderRegister) {
+            parameters.AddConstantBufferView(shaderRegister, 0, D3D12_ROOT_DESCRIPTOR_FLAG_NONE,
+                                             D3D12_SHADER_VISIBILITY_PIXEL);
+        };
+        addConstants(0);
+        table = parameters.AddViewTable(frame != nullptr ? kFrameViewCount : kTextureViewCount,
+                                        D3D12_SHADER_VISIBILITY_PIXEL);
+        if (frame != nullptr) {
+            addConstants(1);
+        }
+    }
+
+    D12QuadPipeline pipeline;
+    boost::intrusive_ptr<D12ViewTable> table;
+};
+
+struct D12Scaler::Passes {
+    explicit Passes(const boost::intrusive_ptr<D12Device>& device)
+        : rows(device, ScalerPass::Rows),
+          columns(device, ScalerPass::Columns) {}
+
+    Pass rows;
+    Pass columns;
+    FrameVariants<Pass> rowsOfFrames;
+};
+
+struct D12Scaler::Source {
+    Pass& pass;
+    std::vector<boost::intrusive_ptr<D12Descriptor>> views; // from t0 on; the weights follow
+    std::optional<D3FrameParams> frame = std::nullopt;
+};
+
+struct D12Scaler::Draw {
+    const D3ScalerPasses& passes;
+    Rect2DT<long> visible;
+    Source source; // with the weights
+    std::array<boost::intrusive_ptr<D12Descriptor>, kTextureViewCount> columnViews;
+    boost::intrusive_ptr<D12Descriptor> target;
+    boost::intrusive_ptr<D12Texture2D> texture;
+    boost::intrusive_ptr<D12Descriptor> textureTarget;
+};
+
+D12Scaler::D12Scaler(const boost::intrusive_ptr<D12Device>& device)
+    : m_device(CheckDevice<DirectX12Exception>(device)),
+      m_passes(std::make_unique<Passes>(device)),
+      m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
+
+D12Scaler::~D12Scaler() = default;
+
+template <class AnySource>
+void D12Scaler::EncodeAny(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                          const AnySource& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const ScaleParams& params, const std::source_location& location) {
+    ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator",
+                                    location);
+    const auto job = CheckScaling(source, target.get(), params, location);
+    const std::lock_guard guard(m_mutex);
+    const auto draw =
+        job ? std::optional(Prepare(MakeSource(source, params), target, *job)) : std::nullopt;
+    allocator->RecordList(nullptr, [&](const D12QuadPipeline::List& list) {
+        if (draw) {
+            Record(D12DrawState::Of(list, location), *draw);
+        }
+    });
+}
+
+template <class AnySource>
+void D12Scaler::EncodeAny(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                          const AnySource& source,
+                          const boost::intrusive_ptr<D12Descriptor>& target,
+                          const ScaleParams& params, const std::source_location& location) {
+    D12DrawState& state = D12DrawState::Of(list, location);
+    const auto job = CheckScaling(source, target.get(), params, location);
+    const std::lock_guard guard(m_mutex);
+    if (job) {
+        Record(state, Prepare(MakeSource(source, params), target, *job));
+    }
+}
+
+void D12Scaler::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                       const boost::intrusive_ptr<D12Descriptor>& source,
+                       const boost::intrusive_ptr<D12Descriptor>& target,
+                       const ScaleParams& params) {
+    EncodeAny(allocator, source, target, params, std::source_location::current());
+}
+
+void D12Scaler::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                       const boost::intrusive_ptr<D12Descriptor>& source,
+                       const boost::intrusive_ptr<D12Descriptor>& target,
+                       const ScaleParams& params) {
+    EncodeAny(list, source, target, params, std::source_location::current());
+}
+
+void D12Scaler::Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                       const D12Frame& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                       const ScaleParams& params) {
+    EncodeAny(allocator, source, target, params, std::source_location::current());
+}
+
+void D12Scaler::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                       const D12Frame& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                       const ScaleParams& params) {
+    EncodeAny(list, source, target, params, std::source_location::current());
+}
+
+D12Scaler::Source D12Scaler::MakeSource(const boost::intrusive_ptr<D12Descriptor>& source,
+                                        const ScaleParams& /*params*/) {
+    return {m_passes->rows, {source}};
+}
+
+D12Scaler::Source D12Scaler::MakeSource(const D12Frame& source, const ScaleParams& params) {
+    const FrameShaderKey key = MakeFrameSourceKey(source.desc, params.chromaFilter);
+    Pass& pass = m_passes->rowsOfFrames.Get(
+        key, [&] { return std::make_unique<Pass>(m_device, ScalerPass::Rows, &key); });
+    const D12PlaneViews planes = MakePlaneViews(*m_device, source, nullptr);
+    return {pass, {planes.begin(), planes.end() - 1}, MakeFrameParams(source.desc)};
 }
 
 std::unique_ptr<D12Scaler::Plan> D12Scaler::MakePlan(const D3ScalerJob& job) const {
@@ -142,7 +234,7 @@ std::unique_ptr<D12Scaler::Plan> D12Scaler::MakePlan(const D3ScalerJob& job) con
     return plan;
 }
 
-D12Scaler::Draw D12Scaler::Prepare(const boost::intrusive_ptr<D12Descriptor>& source,
+D12Scaler::Draw D12Scaler::Prepare(const Source& source,
                                    const boost::intrusive_ptr<D12Descriptor>& target,
                                    const D3ScalerJob& job) {
     const Plan& plan = m_plans->Get(job, [&] { return MakePlan(job); });
@@ -150,54 +242,55 @@ D12Scaler::Draw D12Scaler::Prepare(const boost::intrusive_ptr<D12Descriptor>& so
     const auto view = m_device->CreateTextureShaderResourceView(texture->GetResource());
     Draw draw = {.passes = plan.passes,
                  .visible = job.visible,
+                 .source = source,
+                 .columnViews = {view, plan.columnWeights},
                  .target = target,
-                 .views = {source, plan.rowWeights, view, plan.columnWeights},
                  .texture = texture,
                  .textureTarget = m_device->CreateRenderTargetView(texture->GetResource())};
-    SetViews(*m_rowTextures, draw.views[0], draw.views[1]);
-    SetViews(*m_columnTextures, draw.views[2], draw.views[3]);
-    m_rowPass->MakePipelineState({&draw.textureTarget, 1});
-    m_columnPass->MakePipelineState({&draw.target, 1});
-    m_rowTextures->Clear(); // they ask for the kind of the views alone
-    m_columnTextures->Clear();
+    draw.source.views.push_back(plan.rowWeights);
+    const auto prepare = [](Pass& pass, D12DrawState::Views views, const auto& to) {
+        const D12PlanesOfOneDraw reads(*pass.table, views); // asks for the kind of the views alone
+        pass.pipeline.MakePipelineState({&to, 1});
+    };
+    prepare(draw.source.pass, draw.source.views, draw.textureTarget);
+    prepare(m_passes->columns, draw.columnViews, draw.target);
     return draw;
-}
-
-void D12Scaler::SetViews(D12ViewTable& table, const boost::intrusive_ptr<D12Descriptor>& texture,
-                         const boost::intrusive_ptr<D12Descriptor>& weights) {
-    table.SetView(0, 0, texture, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
-    table.SetView(1, 1, weights, 0, D3D12_DESCRIPTOR_RANGE_FLAG_NONE);
 }
 
 void D12Scaler::Record(D12DrawState& state, const Draw& draw) {
     D12GraphicsCommandList& list = state.GetList();
-    const auto& rowQuad = m_rowPass->GetQuad(list);
-    const auto& columnQuad = m_columnPass->GetQuad(list);
+    const Source& source = draw.source;
+    D12QuadPipeline& rowPipeline = source.pass.pipeline;
+    D12QuadPipeline& columnPipeline = m_passes->columns.pipeline;
+    const auto& rowQuad = rowPipeline.GetQuad(list);
+    const auto& columnQuad = columnPipeline.GetQuad(list);
     const auto& [intermediate, rowValues, columnValues, weights, rows, columns] = draw.passes;
     const auto rowConstants = state.AddConstants(&rowValues, sizeof(rowValues));
     const auto columnConstants = state.AddConstants(&columnValues, sizeof(columnValues));
+    const auto frameConstants =
+        source.frame ? state.AddConstants(&*source.frame, sizeof(*source.frame)) : 0;
     const D12DrawEvent event = state.BeginEvent(kScalerEvent);
-    const D12DrawState::Views views = draw.views;
-    state.ReserveViews(views.size());
-    const auto rowTextures = state.AddViews(views.first(kScalerTextureCount));
-    const auto columnTextures = state.AddViews(views.last(kScalerTextureCount));
+    state.ReserveViews(source.views.size() + draw.columnViews.size());
+    const auto rowViews = state.AddViews(source.views);
+    const auto columnViews = state.AddViews(draw.columnViews);
     list.TrackObject(boost::intrusive_ptr<IRefCountable>(draw.texture));
-    const auto pass = [&](D12QuadPipeline& pipeline, const auto& target, const auto& area,
-                          const auto& quad, auto constants, auto textures) {
-        pipeline.Draw(state, {&target, 1}, area, quad, [&] {
-            state.SetConstants(kScalerConstantsIndex, constants);
-            state.SetTable(kScalerTexturesIndex, textures);
-        });
-    };
     const auto turn = [&](D3D12_RESOURCE_STATES before, D3D12_RESOURCE_STATES after) {
         list.ResourceBarrier(
             {CD3DX12_RESOURCE_BARRIER::Transition(draw.texture->GetResource(), before, after)});
     };
-    pass(*m_rowPass, draw.textureTarget,
-         Rect2DT<long>{0, 0, intermediate.width, intermediate.height}, rowQuad, rowConstants,
-         rowTextures);
+    rowPipeline.Draw(state, {&draw.textureTarget, 1},
+                     {0, 0, intermediate.width, intermediate.height}, rowQuad, [&] {
+                         state.SetConstants(kScalerConstantsIndex, rowConstants);
+                         state.SetTable(kScalerViewsIndex, rowViews);
+                         if (source.frame) {
+                             state.SetConstants(kScalerFrameIndex, frameConstants);
+                         }
+                     });
     turn(D3D12_RESOURCE_STATE_RENDER_TARGET, D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE);
-    pass(*m_columnPass, draw.target, draw.visible, columnQuad, columnConstants, columnTextures);
+    columnPipeline.Draw(state, {&draw.target, 1}, draw.visible, columnQuad, [&] {
+        state.SetConstants(kScalerConstantsIndex, columnConstants);
+        state.SetTable(kScalerViewsIndex, columnViews);
+    });
     turn(D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE, D3D12_RESOURCE_STATE_RENDER_TARGET);
 }
 

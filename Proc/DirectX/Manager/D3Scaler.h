@@ -1,11 +1,12 @@
 #pragma once
 
-// Scales a picture, or a part of it that may begin and end between pixels, to another size: two
-// passes, along rows into an intermediate texture, then along its columns into the target. A kernel
-// widens as the picture shrinks, so that every pixel of the source counts and nothing aliases. What
-// the results are, and how exact: docs/colour.md. Tables of weights are kept for the sizes of the
-// last draws, so that drawing them again makes no Direct3D object; others take some 100 kB and a
-// millisecond. Throws DirectX11Exception, DirectX12Exception, before anything is recorded.
+// Scales a picture or a frame of video, or a part that may begin and end between pixels, to another
+// size: two passes, along rows into an intermediate texture, then along its columns into the
+// target. A kernel widens as the picture shrinks, so that every pixel of the source counts and
+// nothing aliases. What the results are, and how exact: docs/colour.md. Tables of weights are kept
+// for the sizes of the last draws, so that drawing them again makes no Direct3D object; others take
+// some 100 kB and a millisecond. Throws DirectX11Exception, DirectX12Exception, before anything is
+// recorded.
 
 #include <cstdint>
 #include <memory>
@@ -23,7 +24,7 @@
 #include "Proc/DirectX/Manager/D3D11DeviceContext.h"
 #include "Proc/DirectX/Manager/D3D11Resource.h"
 #include "Proc/DirectX/Manager/D3D12Command.h"
-#include "Proc/DirectX/Manager/D3D12ShaderParameters.h"
+#include "Proc/DirectX/Manager/D3Frame.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "Proc/DirectX/Manager/LiveObject.h"
 
@@ -31,7 +32,6 @@ namespace Norvex::DX {
 
 class D11QuadPipeline;
 class D12DrawState;
-class D12QuadPipeline;
 struct D3ScalerJob;
 template <class Plan>
 class D3ScalerPlans;
@@ -49,9 +49,10 @@ enum class ScaleKernel : std::uint32_t {
 struct ScaleParams {
     // How pixels are weighed.
     ScaleKernel kernel = ScaleKernel::Lanczos3;
-    // The part of the source that becomes the rectangle, in pixels and their fractions, at least
-    // something and inside the source. Pixels that it does not touch do not count: those at its
-    // edges go on beyond them. Without: all of it.
+    // The part of the source that becomes the rectangle, in pixels (of a frame: luma samples) and
+    // their fractions, at least something and inside the source. Pixels that it does not touch do
+    // not count: those at its edges go on beyond them; chroma is as of the whole frame. Without:
+    // all of it.
     std::optional<Rect2DT<double>> sourceRect = std::nullopt;
     // Where on the target, pixels, at least one; any, parts outside the target are cut off.
     // Without: all of it.
@@ -59,19 +60,22 @@ struct ScaleParams {
     // Filters light, which this function encodes: BT709 and sRGB light of the display, PQ too, HLG
     // that of the scene, Linear what there is. Without: filters values as they are encoded.
     std::optional<Conf::TransferCharacteristics> transfer = std::nullopt;
-    // Of the source, and of the target. Colours count by their alpha whatever it is, so that what
-    // is transparent does not shine through.
+    // Of the source, and of the target; a frame's own instead, whatever this is. Colours count by
+    // their alpha whatever it is, so that what is transparent does not shine through.
     Proc::AlphaType alphaType = Proc::AlphaType::NonPremultiplied;
     // 0 to 1, what is beyond counts as these: how far a result is taken back into the range of the
     // pixels around it, those within 1 of the kernel's distances, in either pass.
     float antiRinging = 0.0F;
+    // Of frames with less chroma than luma.
+    ChromaFilter chromaFilter = ChromaFilter::Bilinear;
 };
 
 // Any thread. Each draw takes its intermediate texture from a pool, so that draws may run at the
 // same time.
 class NORVEX_DX_API D12Scaler : public LiveObject {
 public:
-    // Compiles the shaders. "There is no device".
+    // Compiles the shaders; those for frames when a number of planes or a chroma filter first needs
+    // them. "There is no device".
     explicit D12Scaler(const boost::intrusive_ptr<D12Device>& device);
     ~D12Scaler() override;
     D12Scaler(const D12Scaler&) = delete;
@@ -94,36 +98,50 @@ public:
                 const boost::intrusive_ptr<D12Descriptor>& source,
                 const boost::intrusive_ptr<D12Descriptor>& target, const ScaleParams& params);
 
+    // A frame as source, its textures readable by the pixel shader: as if D12FrameDraw drew it at
+    // its size without a conversion, in single precision, and that picture were scaled. Makes no
+    // Direct3D object again but views of the planes. What is wrong: of the frame as of
+    // D12FrameDraw, else as above; no plane is the target's texture.
+    void Encode(const boost::intrusive_ptr<D12CommandAllocator>& allocator, const D12Frame& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const ScaleParams& params);
+    void Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& list, const D12Frame& source,
+                const boost::intrusive_ptr<D12Descriptor>& target, const ScaleParams& params);
+
     // What it was made on.
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
 
 private:
-    struct Plan; // of one job
+    struct Plan;   // of one job
+    struct Pass;   // what draws one
+    struct Passes; // all
+    struct Source; // what the first pass reads, and by which
     struct Draw;
 
-    std::optional<D3ScalerJob> Check(const D12Descriptor* source, const D12Descriptor* target,
-                                     const ScaleParams& params,
-                                     const std::source_location& location) const;
+    template <class AnySource>
+    void EncodeAny(const boost::intrusive_ptr<D12CommandAllocator>& allocator,
+                   const AnySource& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                   const ScaleParams& params, const std::source_location& location);
+    template <class AnySource>
+    void EncodeAny(const boost::intrusive_ptr<D12GraphicsCommandList>& list,
+                   const AnySource& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                   const ScaleParams& params, const std::source_location& location);
+    Source MakeSource(const boost::intrusive_ptr<D12Descriptor>& source, const ScaleParams& params);
+    Source MakeSource(const D12Frame& source, const ScaleParams& params);
     std::unique_ptr<Plan> MakePlan(const D3ScalerJob& job) const;
-    Draw Prepare(const boost::intrusive_ptr<D12Descriptor>& source,
-                 const boost::intrusive_ptr<D12Descriptor>& target, const D3ScalerJob& job);
-    static void SetViews(D12ViewTable& table, const boost::intrusive_ptr<D12Descriptor>& texture,
-                         const boost::intrusive_ptr<D12Descriptor>& weights);
+    Draw Prepare(const Source& source, const boost::intrusive_ptr<D12Descriptor>& target,
+                 const D3ScalerJob& job);
     void Record(D12DrawState& state, const Draw& draw);
 
     boost::intrusive_ptr<D12Device> m_device;
     Platform::Mutex m_mutex; // guards everything below and one Encode
-    std::unique_ptr<D12QuadPipeline> m_rowPass;
-    std::unique_ptr<D12QuadPipeline> m_columnPass;
-    boost::intrusive_ptr<D12ViewTable> m_rowTextures;
-    boost::intrusive_ptr<D12ViewTable> m_columnTextures;
+    std::unique_ptr<Passes> m_passes;
     std::unique_ptr<D3ScalerPlans<Plan>> m_plans;
 };
 
 // Inside D11Device::Encode, as D11ImageDraw; one thread at a time.
 class NORVEX_DX_API D11Scaler : public LiveObject {
 public:
-    // Compiles the shaders; makes the states. "There is no device".
+    // Compiles the shaders, those for frames as D12Scaler; makes the states. "There is no device".
     explicit D11Scaler(const boost::intrusive_ptr<D11Device>& device);
     ~D11Scaler() override;
     D11Scaler(const D11Scaler&) = delete;
@@ -135,22 +153,29 @@ public:
     void Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
                 const boost::intrusive_ptr<D11ShaderTexture2D>& source,
                 const boost::intrusive_ptr<D11RenderTexture2D>& target, const ScaleParams& params);
+    // A frame as source, as of D12Scaler; its textures need D3D11_BIND_SHADER_RESOURCE. Replaced
+    // besides: constant buffer 1 of the pixel shader; no shader resource stays bound, of four.
+    void Encode(const boost::intrusive_ptr<D11DeviceContext>& context, const D11Frame& source,
+                const boost::intrusive_ptr<D11RenderTexture2D>& target, const ScaleParams& params);
 
     // What it was made on.
     const boost::intrusive_ptr<D11Device>& GetDevice() const { return m_device; }
 
 private:
-    struct Plan; // of one job
+    struct Plan;   // of one job
+    struct Frames; // what draws the first pass of frames
+    struct Source; // what the first pass reads, and by which shader
 
-    std::optional<D3ScalerJob> Check(const D11ShaderTexture2D* source,
-                                     const D11RenderTexture2D* target, const ScaleParams& params,
-                                     const std::source_location& location) const;
+    Source MakeSource(const D11Frame& source, ChromaFilter filter);
     std::unique_ptr<Plan> MakePlan(const D3ScalerJob& job) const;
+    void Draw(D11DeviceContext& context, const Source& source, const D11RenderTexture2D& target,
+              const D3ScalerJob& job);
 
     boost::intrusive_ptr<D11Device> m_device;
     std::unique_ptr<D11QuadPipeline> m_pipeline;
     std::shared_ptr<D11PixelShader> m_rowShader;
     std::shared_ptr<D11PixelShader> m_columnShader;
+    std::unique_ptr<Frames> m_frames;
     std::unique_ptr<D3ScalerPlans<Plan>> m_plans;
 };
 

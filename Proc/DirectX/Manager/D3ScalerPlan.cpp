@@ -7,7 +7,9 @@
 
 #include <fmt/format.h>
 
+#include "FrameShaders.h"
 #include "ImageShaders.h"
+#include "Proc/DirectX/Manager/D3FrameShader.h"
 #include "QuadShaders.h"
 
 namespace Norvex::DX {
@@ -212,8 +214,12 @@ D3ScalerPasses::D3ScalerPasses(const D3ScalerJob& job) {
     std::memcpy(weights.data() + rowBytes, columnTable.rows.data(), columnBytes);
 }
 
-std::string GetScalerPixelShader(ScalerPass pass) {
+std::string GetScalerPixelShader(ScalerPass pass, const FrameShaderKey* frame) {
     std::string text = pass == ScalerPass::Rows ? "#define FIRST_PASS\n" : "";
+    if (frame != nullptr) {
+        text += "#define FRAME_SOURCE\n" + GetFrameSourceMacros(*frame);
+        text += Shaders::kFrameSource;
+    }
     const auto declare = [&text](const char* name, auto value) {
         text += fmt::format("static const uint {} = {};\n", name, static_cast<unsigned>(value));
     };

@@ -23,6 +23,8 @@
 
 namespace Norvex::DX {
 
+struct FrameShaderKey;
+
 // One draw: what of its arguments counts.
 struct D3ScalerJob {
     ScaleKernel kernel = ScaleKernel::Lanczos3;
@@ -82,8 +84,9 @@ struct D3ScalerPasses {
 
 enum class ScalerPass { Rows, Columns };
 
-// Entry "PSMain". The vertex shader is the quad's.
-std::string GetScalerPixelShader(ScalerPass pass);
+// Entry "PSMain". The vertex shader is the quad's. Parameters b0, a texture t0, its weights t1; of
+// rows of a frame (MakeFrameSourceKey): also b1, planes t0 to t2, and the weights in t3.
+std::string GetScalerPixelShader(ScalerPass pass, const FrameShaderKey* frame = nullptr);
 
 // Sixteen bits a channel hold what targets of up to ten do, and of floats of sixteen.
 DXGI_FORMAT GetScalerFormat(DXGI_FORMAT target);
@@ -123,6 +126,15 @@ std::optional<D3ScalerJob> MakeScalerJob(const ScaleParams& params, const Size2D
                        .transfer = isLinear ? 0 : static_cast<std::uint32_t>(*params.transfer),
                        .alphaType = static_cast<std::uint32_t>(params.alphaType),
                        .antiRinging = std::clamp(params.antiRinging, 0.0F, 1.0F)};
+}
+
+// Of a frame that CheckFrame found right.
+template <class E>
+std::optional<D3ScalerJob> MakeScalerJob(ScaleParams params, const D3FrameDesc& source,
+                                         const Size2DT<long>& target, DXGI_FORMAT targetFormat,
+                                         const std::source_location& location) {
+    params.alphaType = source.alpha;
+    return MakeScalerJob<E>(params, source.size, target, targetFormat, location);
 }
 
 // The plans of the last few jobs, the latest first.

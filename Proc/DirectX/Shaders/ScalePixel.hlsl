@@ -1,6 +1,7 @@
 // One of the two passes that scale a picture: along rows into an intermediate texture (FIRST_PASS),
 // or along its columns into the target. Weights come from a table; the first pass takes the source
 // to premultiplied colours, of light where a transfer function is named, the second goes back.
+// FRAME_SOURCE: the first reads a frame of video, by FrameSource.hlsl, which stands before.
 
 cbuffer ParamsBuffer: register( b0 )
 {
@@ -13,10 +14,17 @@ cbuffer ParamsBuffer: register( b0 )
     float antiRinging;
 };
 
+#ifndef FRAME_SOURCE
 Texture2D shaderTexture: register( t0 );
+#endif
+
 // For each pixel along the filter: its first tap and the ends of the range that its neighbours
 // make, then the weights.
+#ifdef FRAME_SOURCE
+Buffer<float4> weights: register( t3 );
+#else
 Buffer<float4> weights: register( t1 );
+#endif
 
 struct PSInput
 {
@@ -48,10 +56,19 @@ float3 Decode( float3 color )
     return color;
 }
 
+float4 LoadPixel( int2 at )
+{
+#ifdef FRAME_SOURCE
+    return ColorOfSamples( LoadFrame( at ) );
+#else
+    return shaderTexture.Load( int3( at, 0 ) );
+#endif
+}
+
 float4 LoadTap( int tap, int across )
 {
     int2 at = firstTexel + int2( min( tap, lastTap ), across );
-    float4 color = shaderTexture.Load( int3( at, 0 ) );
+    float4 color = LoadPixel( at );
     if ( alphaType == AlphaTypeAlphaIsOne )
         color.a = 1.0;
     if ( alphaType == AlphaTypePremultiplied && transfer != 0 )
@@ -131,11 +148,12 @@ float4 PSMain( PSInput input ): SV_TARGET
     }
     if ( antiRinging > 0.0 )
     {
+        // From what no tap exceeds, so that a tap stands here once.
+        float4 low = MAX_RESULT;
+        float4 high = -MAX_RESULT;
         int last = int( header.z );
-        float4 low = LoadTap( last, across );
-        float4 high = low;
         [loop]
-        for ( int neighbour = int( header.y ); neighbour < last; ++neighbour )
+        for ( int neighbour = int( header.y ); neighbour <= last; ++neighbour )
         {
             float4 color = LoadTap( neighbour, across );
             low = min( low, color );
