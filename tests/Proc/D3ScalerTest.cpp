@@ -12,6 +12,7 @@
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
 #include "tests/support/MethodPatch.h"
+#include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
 
 namespace Norvex::Test {
@@ -357,12 +358,19 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
     const auto source = canvas.MakeSource(noise, kFloats);
     const auto target = canvas.MakeTarget(9, 30, kFloats);
     int made = 0;
-    const MethodPatch<&ID3D12Device::CreateCommittedResource> count(
-        canvas.GetDevice()->Get(), [&](auto original, auto... all) {
-            ++made;
+    int others = 0;
+    const auto countIn = [](int& counter) {
+        return [&counter](auto original, auto... all) {
+            ++counter;
             return original(all...);
-        });
-    for (int frame = 0; frame < 3; ++frame) {
+        };
+    };
+    ID3D12Device* const device = canvas.GetDevice()->Get();
+    const MethodPatch<&ID3D12Device::CreateCommittedResource> resources(device, countIn(made));
+    const MethodPatch<&ID3D12Device::CreateDescriptorHeap> heaps(device, countIn(others));
+    const MethodPatch<&ID3D12Device::CreateGraphicsPipelineState> states(device, countIn(others));
+    const MethodPatch<&ID3D12Device::CreateRootSignature> signatures(device, countIn(others));
+    for (int frame = 0; frame < 6; ++frame) {
         const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
         allocator->RecordList(nullptr, [&](const auto& list) {
             draw->Encode(list, source, target, {}, {});
@@ -373,8 +381,32 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
         allocator->Execute();
         allocator->WaitComplete();
         EXPECT_EQ(made > 0, frame == 0) << made;
+        // The second frame's slots begin in the heap that the first has left half full.
+        EXPECT_TRUE(others == 0 || frame < 2) << others << " in frame " << frame;
         made = 0;
+        others = 0;
     }
+    EXPECT_LE(
+        LargestDifference(canvas.Read(target), Expect(noise, {}, {0, 0, 9, 30}), {0, 0, 9, 30}),
+        1e-5);
+}
+
+TEST(D11ScalerTest, DrawnAgainItTakesNoMemoryAndMakesNothing) {
+    Canvas11 canvas;
+    const boost::intrusive_ptr scaler(new DX::D11Scaler(canvas.GetDevice()));
+    const Pixels noise = MakeNoise(24, 16, {});
+    const auto source = canvas.MakeSource(noise, kFloats);
+    const auto target = canvas.MakeTarget(9, 30, kFloats);
+    const auto other = canvas.MakeTarget(9, 30, kFloats);
+    canvas.Record([&](const auto& context) {
+        scaler->Encode(context, source, other, {});
+        const FailingMethod<&ID3D11Device::CreateBuffer, &ID3D11Device::CreateTexture2D,
+                            &ID3D11Device::CreateShaderResourceView,
+                            &ID3D11Device::CreateRenderTargetView, &ID3D11Device::CreatePixelShader>
+            noObject(canvas.GetDevice()->Get(), E_FAIL);
+        const OutOfMemory noMemory;
+        scaler->Encode(context, source, target, {});
+    });
     EXPECT_LE(
         LargestDifference(canvas.Read(target), Expect(noise, {}, {0, 0, 9, 30}), {0, 0, 9, 30}),
         1e-5);
