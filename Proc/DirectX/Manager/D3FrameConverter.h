@@ -83,6 +83,7 @@ public:
 
     // Null, the default: none. Of the next Encode on.
     const boost::intrusive_ptr<D12ColorLut>& GetColorLut() const { return m_colorLut; }
+    // As said there.
     void SetColorLut(const boost::intrusive_ptr<D12ColorLut>& lut) { m_colorLut = lut; }
 
 private:
@@ -122,6 +123,7 @@ public:
 
     // Null, the default: none. Of the next Encode on.
     const boost::intrusive_ptr<D11ColorLut>& GetColorLut() const { return m_colorLut; }
+    // As said there.
     void SetColorLut(const boost::intrusive_ptr<D11ColorLut>& lut) { m_colorLut = lut; }
 
 private:

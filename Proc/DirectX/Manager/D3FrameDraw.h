@@ -114,6 +114,7 @@ public:
     // Null, the default: none. Of the next Encode on. Without a conversion it is applied to the
     // frame's own colours.
     const boost::intrusive_ptr<D12ColorLut>& GetColorLut() const { return m_colorLut; }
+    // As said there.
     void SetColorLut(const boost::intrusive_ptr<D12ColorLut>& lut) { m_colorLut = lut; }
 
 private:
@@ -156,6 +157,7 @@ public:
     // Null, the default: none. Of the next Encode on. Without a conversion it is applied to the
     // frame's own colours.
     const boost::intrusive_ptr<D11ColorLut>& GetColorLut() const { return m_colorLut; }
+    // As said there.
     void SetColorLut(const boost::intrusive_ptr<D11ColorLut>& lut) { m_colorLut = lut; }
 
 private:

@@ -36,9 +36,9 @@ enum class GamutReduction : std::uint32_t {
 
 // Members may be added: name those that are meant, `{.curve = ToneCurve::BT2390}`.
 struct D3ToneMapping {
-    ToneCurve curve = ToneCurve::Rational;
-    ToneChannels channels = ToneChannels::MaxRGB;
-    GamutReduction gamut = GamutReduction::Clip;
+    ToneCurve curve = ToneCurve::Rational;        // of light
+    ToneChannels channels = ToneChannels::MaxRGB; // of ToneCurve::BT2390
+    GamutReduction gamut = GamutReduction::Clip;  // of colours, after the curve
     // Of ToneCurve::BT2390: the darkest light that the source was made on, and that the target
     // shows, cd/m2, from 0 to less than the peaks. The one becomes the other, channel by channel.
     float sourceBlack = 0.0F;
