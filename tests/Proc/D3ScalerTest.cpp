@@ -357,6 +357,7 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
     const Pixels noise = MakeNoise(24, 16, {});
     const auto source = canvas.MakeSource(noise, kFloats);
     const auto target = canvas.MakeTarget(9, 30, kFloats);
+    const DX::D12Frame whole = {DX::D3FrameDesc::MakeRGB({24, 16}), {Canvas::TextureOf(source)}};
     int made = 0;
     int others = 0;
     const auto countIn = [](int& counter) {
@@ -374,6 +375,7 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
         const auto allocator = canvas.GetQueue()->CreateCommandAllocator();
         allocator->RecordList(nullptr, [&](const auto& list) {
             draw->Encode(list, source, target, {}, {});
+            scaler->Encode(list, whole, target, {});
             for (int i = 0; i < 70; ++i) { // more views than a heap holds
                 scaler->Encode(list, source, target, {});
             }

@@ -1,4 +1,7 @@
+#include <algorithm>
 #include <array>
+#include <cstddef>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -148,24 +151,26 @@ D11Scaler::Source D11Scaler::MakeSource(const D11Frame& source, ChromaFilter fil
 void D11Scaler::Draw(D11DeviceContext& context, const Source& source,
                      const D11RenderTexture2D& target, const D3ScalerJob& job) {
     const Plan& plan = m_plans->Get(job, [&] { return MakePlan(job); });
+    const Source between = {m_columnShader, {plan.intermediateSource->GetView()}};
     const auto event = D11QuadPipeline::BeginEvent(context, "scaling");
     const auto pass = [&](ID3D11RenderTargetView* to, const Rect2DT<long>& area, const Source& from,
                           ID3D11ShaderResourceView* weights, ID3D11Buffer* constants) {
-        std::vector<ID3D11ShaderResourceView*> views(from.views.begin(), from.views.end());
-        views.push_back(weights);
+        const std::size_t count = from.views.size();
+        std::array<ID3D11ShaderResourceView*, 4> views = {};
+        std::ranges::copy(from.views, views.begin());
+        views.at(count) = weights;
         m_pipeline->Draw(context, {.targets = {&to, 1},
                                    .viewport = area,
                                    .shader = from.shader,
                                    .texture = views.front(),
                                    .constants = constants,
-                                   .moreTextures = std::span(views).subspan(1),
+                                   .moreTextures = std::span(views).subspan(1, count),
                                    .moreConstants = from.frameConstants});
     };
     const auto& [width, height] = plan.passes.intermediate;
     pass(plan.intermediateTarget->GetView(), {0, 0, width, height}, source, plan.rowWeights,
          plan.rowConstants);
-    pass(target.GetView(), job.visible, {m_columnShader, {plan.intermediateSource->GetView()}},
-         plan.columnWeights, plan.columnConstants);
+    pass(target.GetView(), job.visible, between, plan.columnWeights, plan.columnConstants);
     // The next call draws to one of them.
     constexpr std::array<ID3D11ShaderResourceView*, 4> kNone = {};
     context.Get()->PSSetShaderResources(0, static_cast<UINT>(source.views.size() + 1),
