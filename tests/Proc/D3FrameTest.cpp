@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <map>
 #include <random>
 #include <span>
@@ -14,9 +13,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "Proc/DirectX/Manager/D3FrameConverter.h"
-#include "apps/norvexdx/reference/FrameReference.h"
-#include "tests/support/Canvas11.h"
+#include "tests/support/FrameTest.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/Thrown.h"
 
@@ -91,13 +88,6 @@ void ForEachDescription(const Call& call) {
     }
 }
 
-// What each sample of codes is in its texture.
-double UnitOf(const D3FrameDesc& desc) {
-    return desc.IsRGB() ? 1.0 / (std::pow(2.0, desc.bitDepth) - 1.0)
-                        : (desc.layout == FrameLayout::P010 ? 64.0 : 1.0) /
-                              (desc.bitDepth == 8 ? 255.0 : 65535.0);
-}
-
 // Colours from 0 to 1 of single precision, or whole codes.
 Reference::Frame MakeNoise(const D3FrameDesc& desc) {
     std::mt19937 random(709);
@@ -109,181 +99,26 @@ Reference::Frame MakeNoise(const D3FrameDesc& desc) {
     });
 }
 
-// A frame on a device, and views of its planes to read them by.
-template <class AnyCanvas>
-struct OnDevice;
-template <>
-struct OnDevice<Canvas> {
-    using Frame = DX::D12Frame;
-    using Draw = DX::D12FrameDraw;
-    using Converter = DX::D12FrameConverter;
-    // Of a target that stays one; or, of one that is new, to be read then.
-    static void Encode(Converter& converter, const auto& on, const Frame& from, const Frame& to,
-                       const FrameConvertParams& params, bool isNew = false) {
-        constexpr auto kRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
-        constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
-        using States = DX::D12ResourceStates;
-        const States ofTarget =
-            isNew ? States{D3D12_RESOURCE_STATE_COMMON, kRead} : States{kDrawn, kDrawn};
-        converter.Encode(on, from, to, std::array{States{kRead, kRead}, ofTarget}, params);
-    }
-    // Three slices, of which nothing is known.
-    static CComPtr<ID3D12Resource> MakeArray(const Canvas& canvas, const Size& size) {
-        DX::D12Texture2DDesc desc;
-        desc.width = static_cast<std::uint64_t>(size.width);
-        desc.height = static_cast<std::uint32_t>(size.height);
-        desc.arraySize = 3;
-        desc.format = DXGI_FORMAT_R8_UNORM;
-        desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
-        return canvas.GetDevice()->CreateTexture2D(desc);
-    }
-};
-template <>
-struct OnDevice<Canvas11> {
-    using Frame = DX::D11Frame;
-    using Draw = DX::D11FrameDraw;
-    using Converter = DX::D11FrameConverter;
-    static void Encode(Converter& converter, const auto& on, const Frame& from, const Frame& to,
-                       const FrameConvertParams& params, bool /*isNew*/ = false) {
-        converter.Encode(on, from, to, params);
-    }
-    static CComPtr<ID3D11Texture2D> MakeArray(const Canvas11& canvas, const Size& size) {
-        auto desc = MakeTextureDesc11(static_cast<unsigned>(size.width),
-                                      static_cast<unsigned>(size.height), DXGI_FORMAT_R8_UNORM);
-        desc.ArraySize = 3;
-        desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
-        return canvas.GetDevice()->CreateTexture2D(desc, nullptr);
-    }
-};
-
-// The channels that a plane's texture holds.
-std::vector<unsigned> ChannelsOf(const D3FrameDesc& desc, unsigned plane) {
-    return desc.IsRGB()                              ? std::vector{0U, 1U, 2U, 3U}
-           : plane == 1 && desc.GetPlaneCount() == 2 ? std::vector{1U, 2U}
-                                                     : std::vector{plane};
+// Three slices, of which nothing is known.
+CComPtr<ID3D12Resource> MakeArray(const Canvas& canvas, const DX::Size2DT<long>& size) {
+    DX::D12Texture2DDesc desc;
+    desc.width = static_cast<std::uint64_t>(size.width);
+    desc.height = static_cast<std::uint32_t>(size.height);
+    desc.arraySize = 3;
+    desc.format = DXGI_FORMAT_R8_UNORM;
+    desc.resourceFlags = D3D12_RESOURCE_FLAG_ALLOW_RENDER_TARGET;
+    return canvas.GetDevice()->CreateTexture2D(desc);
+}
+CComPtr<ID3D11Texture2D> MakeArray(const Canvas11& canvas, const DX::Size2DT<long>& size) {
+    auto desc = MakeTextureDesc11(static_cast<unsigned>(size.width),
+                                  static_cast<unsigned>(size.height), DXGI_FORMAT_R8_UNORM);
+    desc.ArraySize = 3;
+    desc.BindFlags = D3D11_BIND_RENDER_TARGET | D3D11_BIND_SHADER_RESOURCE;
+    return canvas.GetDevice()->CreateTexture2D(desc, nullptr);
 }
 
 template <class AnyCanvas>
-class D3FrameTest : public testing::Test {
-protected:
-    using Traits = OnDevice<AnyCanvas>;
-    using DeviceFrame = typename Traits::Frame;
-    using View = typename AnyCanvas::View;
-
-    static DXGI_FORMAT FormatOf(const D3FrameDesc& desc, unsigned plane) {
-        return desc.IsRGB() ? kFloat : desc.GetPlane(plane).format;
-    }
-
-    DeviceFrame Upload(const Reference::Frame& frame) {
-        DeviceFrame result;
-        result.desc = frame.desc;
-        for (unsigned plane = 0; plane < frame.desc.GetPlaneCount(); ++plane) {
-            const auto channels = ChannelsOf(frame.desc, plane);
-            const auto [width, height] = Reference::SizeOfChannel(frame.desc, channels[0]);
-            const Pixels pixels =
-                MakePixels(static_cast<unsigned>(width), static_cast<unsigned>(height),
-                           [&, columns = static_cast<unsigned>(width)](unsigned x, unsigned y) {
-                               Color color = {};
-                               const auto at = std::size_t{y} * columns + x;
-                               for (std::size_t i = 0; i < channels.size(); ++i) {
-                                   const double sample = frame.channels.at(channels[i])[at];
-                                   color.at(i) =
-                                       channels[i] == 3 ? sample : sample * UnitOf(frame.desc);
-                               }
-                               return color;
-                           });
-            result.textures.at(plane) =
-                m_canvas.TextureOf(m_canvas.MakeSource(pixels, FormatOf(frame.desc, plane)));
-        }
-        return result;
-    }
-    // Empty planes to draw on; the views are theirs.
-    DeviceFrame MakeTarget(const D3FrameDesc& desc, std::vector<View>& views) {
-        DeviceFrame result;
-        result.desc = desc;
-        for (unsigned plane = 0; plane < desc.GetPlaneCount(); ++plane) {
-            const auto [width, height] = desc.GetPlane(plane).size;
-            views.push_back(m_canvas.MakeTarget(static_cast<unsigned>(width),
-                                                static_cast<unsigned>(height),
-                                                FormatOf(desc, plane)));
-            result.textures.at(plane) = m_canvas.TextureOf(views.back());
-        }
-        return result;
-    }
-    // compare(code, channel, index) of all that the planes hold.
-    template <class Compare>
-    void ForEachCode(const D3FrameDesc& desc, const std::vector<View>& views,
-                     const Compare& compare) {
-        for (unsigned plane = 0; plane < desc.GetPlaneCount(); ++plane) {
-            const Pixels pixels = m_canvas.Read(views[plane]);
-            const auto channels = ChannelsOf(desc, plane);
-            for (std::size_t at = 0; at < pixels.colors.size(); ++at) {
-                for (std::size_t i = 0; i < channels.size() && i < 3; ++i) {
-                    compare(pixels.colors[at].at(i) / UnitOf(desc), channels[i], at);
-                }
-            }
-        }
-    }
-    // The largest difference of codes that are all whole.
-    double FindError(const Reference::Frame& expected, const std::vector<View>& views) {
-        double error = 0.0;
-        ForEachCode(expected.desc, views, [&](double code, unsigned channel, std::size_t at) {
-            const double whole = std::fabs(code - std::round(code)) < 0.01 ? 0.0 : 1e9;
-            error = std::max(error, whole + std::fabs(code - expected.channels.at(channel)[at]));
-        });
-        return error;
-    }
-    void Convert(const DeviceFrame& from, const DeviceFrame& to,
-                 const FrameConvertParams& params = {}) {
-        m_canvas.Record([&](const auto& on) {
-            const auto encode = [&](const auto& target) {
-                Traits::Encode(*m_converter, target, from, to, params);
-            };
-            if constexpr (std::is_same_v<AnyCanvas, Canvas>) {
-                m_isOpenList = !m_isOpenList;
-                m_isOpenList ? on->RecordList(nullptr, encode) : encode(on);
-            } else {
-                encode(on);
-            }
-        });
-    }
-    void Show(const DeviceFrame& frame, const View& target) {
-        m_canvas.Record([&](const auto& on) { m_draw->Encode(on, frame, target); });
-    }
-    double ConvertAndCompare(const Reference::Frame& source, const D3FrameDesc& target,
-                             const FrameConvertParams& params = {}) {
-        std::vector<View> views;
-        const DeviceFrame to = MakeTarget(target, views);
-        Convert(Upload(source), to, params);
-        return FindError(Reference::ConvertFrame(source, target, params.conversion,
-                                                 params.chromaFilter == ChromaFilter::CatmullRom,
-                                                 params.toneMapping),
-                         views);
-    }
-
-    // Prints and bounds the largest error under each name.
-    void Note(const std::string& name, double error, double bound, const D3FrameDesc& desc) {
-        double& largest = m_errors[name];
-        largest = std::max(largest, error);
-        EXPECT_LE(error, bound) << name << ", " << desc.size.width << " x " << desc.size.height
-                                << ", range " << static_cast<int>(desc.range) << ", chroma "
-                                << static_cast<int>(desc.chromaLocation) << ", matrix "
-                                << static_cast<int>(desc.matrix);
-    }
-    void TearDown() override {
-        for (const auto& [name, error] : m_errors) {
-            std::printf("  %s %-44s %.4f\n", AnyCanvas::kName, name.c_str(), error);
-        }
-    }
-
-    AnyCanvas m_canvas;
-    boost::intrusive_ptr<typename Traits::Converter> m_converter{
-        new typename Traits::Converter(m_canvas.GetDevice())};
-    boost::intrusive_ptr<typename Traits::Draw> m_draw{new
-                                                       typename Traits::Draw(m_canvas.GetDevice())};
-    std::map<std::string, double> m_errors;
-    bool m_isOpenList = false; // every other conversion on Direct3D 12 is drawn into one
-};
+class D3FrameTest : public FrameTest<AnyCanvas> {};
 
 TYPED_TEST_SUITE(D3FrameTest, BothCanvases, CanvasName);
 
@@ -558,7 +393,7 @@ TYPED_TEST(D3FrameTest, FramesLieInSlicesOfArrays) {
     const auto frame = this->Upload(source);
     typename TestFixture::DeviceFrame slice{desc, {}, 2};
     for (auto& texture : slice.textures) {
-        texture = TestFixture::Traits::MakeArray(this->m_canvas, desc.size);
+        texture = MakeArray(this->m_canvas, desc.size);
     }
     this->m_canvas.Record([&](const auto& on) {
         TestFixture::Traits::Encode(*this->m_converter, on, frame, slice, {}, true);

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "Proc/DirectX/Manager/D3D11Device.h"
 #include "Proc/DirectX/Manager/D3D11FilledBuffer.h"
@@ -97,8 +96,9 @@ struct D11Scaler::Frames : FrameVariants<D11ScalerFramePass> {};
 
 struct D11Scaler::Source {
     std::shared_ptr<D11PixelShader> shader;
-    std::vector<CComPtr<ID3D11ShaderResourceView>> views; // from t0 on; the weights follow
-    CComPtr<ID3D11Buffer> frameConstants = {};            // or null
+    std::array<CComPtr<ID3D11ShaderResourceView>, 3> views; // from t0 on
+    std::size_t viewCount = 1;                              // of them; the weights follow
+    CComPtr<ID3D11Buffer> frameConstants = {};              // or null
 };
 
 D11Scaler::D11Scaler(const boost::intrusive_ptr<D11Device>& device)
@@ -145,7 +145,7 @@ D11Scaler::Source D11Scaler::MakeSource(const D11Frame& source, ChromaFilter fil
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
-    return {shader, {planes.begin(), planes.end() - 1}, constants.Get(BytesOf(params), make)};
+    return {shader, {planes[0], planes[1], planes[2]}, 3, constants.Get(BytesOf(params), make)};
 }
 
 void D11Scaler::Draw(D11DeviceContext& context, const Source& source,
@@ -155,16 +155,15 @@ void D11Scaler::Draw(D11DeviceContext& context, const Source& source,
     const auto event = D11QuadPipeline::BeginEvent(context, "scaling");
     const auto pass = [&](ID3D11RenderTargetView* to, const Rect2DT<long>& area, const Source& from,
                           ID3D11ShaderResourceView* weights, ID3D11Buffer* constants) {
-        const std::size_t count = from.views.size();
         std::array<ID3D11ShaderResourceView*, 4> views = {};
         std::ranges::copy(from.views, views.begin());
-        views.at(count) = weights;
+        views.at(from.viewCount) = weights;
         m_pipeline->Draw(context, {.targets = {&to, 1},
                                    .viewport = area,
                                    .shader = from.shader,
                                    .texture = views.front(),
                                    .constants = constants,
-                                   .moreTextures = std::span(views).subspan(1, count),
+                                   .moreTextures = std::span(views).subspan(1, from.viewCount),
                                    .moreConstants = from.frameConstants});
     };
     const auto& [width, height] = plan.passes.intermediate;
@@ -173,8 +172,7 @@ void D11Scaler::Draw(D11DeviceContext& context, const Source& source,
     pass(target.GetView(), job.visible, between, plan.columnWeights, plan.columnConstants);
     // The next call draws to one of them.
     constexpr std::array<ID3D11ShaderResourceView*, 4> kNone = {};
-    context.Get()->PSSetShaderResources(0, static_cast<UINT>(source.views.size() + 1),
-                                        kNone.data());
+    context.Get()->PSSetShaderResources(0, static_cast<UINT>(source.viewCount + 1), kNone.data());
     D11QuadPipeline::Unbind(context);
 }
 

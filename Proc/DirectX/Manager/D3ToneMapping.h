@@ -29,8 +29,8 @@ enum class ToneChannels : std::uint32_t {
 // What becomes of colours of BT.2020 that BT.709 has not.
 enum class GamutReduction : std::uint32_t {
     Clip = 0, // they stay what they are, and end where the target's codes do
-    // They are mixed with grey of their luminance, in linear light, until no channel is negative, and
-    // in SDR none is brighter than white; colours near the edge make room for those beyond.
+    // They are mixed with grey of their luminance, in linear light, until no channel is negative,
+    // and in SDR none is brighter than white; colours near the edge make room for those beyond.
     Soft = 1,
 };
 
