@@ -373,6 +373,8 @@ TEST_F(D3D12CommandTest, RefusesWhatCannotBe) {
     const auto allocator = Queue()->CreateCommandAllocator();
     const auto list = allocator->CreateCommandList(nullptr);
     NORVEX_REFUSED("Found command list that was not closed", allocator->Execute());
+    NORVEX_REFUSED("Invalid query type",
+                   allocator->EndQuery(Device()->CreateQuery(D3D12_QUERY_TYPE_OCCLUSION)));
     const auto target = s_canvas->MakeTarget(4, 2, kColor);
     list->OMSetRenderTargets(std::vector(8, target), nullptr);
     NORVEX_REFUSED("Invalid render target count",

@@ -4,6 +4,7 @@
 
 #include "Proc/DirectX/Manager/Annotation.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
+#include "Proc/DirectX/Manager/D3D12Query.h"
 #include "Proc/DirectX/Manager/DispatchThreads.h"
 #include "Proc/DirectX/Manager/Throw.h"
 
@@ -302,6 +303,9 @@ void D12CommandAllocator::UploadResource(const D12UploadResourceParams& params) 
 }
 
 void D12CommandAllocator::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
+    ThrowUnless<DirectX12Exception>(query == nullptr ||
+                                        query->GetType() == D3D12_QUERY_TYPE_TIMESTAMP,
+                                    "Invalid query type");
     RecordList(nullptr, [&](const auto& list) { list->EndQuery(query); });
 }
 

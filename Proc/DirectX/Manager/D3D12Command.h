@@ -158,7 +158,7 @@ public:
     // Into a texture; what is wrong: D12CommandQueue.
     void UploadResource(const D12UploadResourceParams& params);
     // For time stamps: when the GPU comes here, after what was recorded before. (Other queries are
-    // of one list: RecordList.) "Query is null".
+    // of one list: RecordList.) "Query is null", "Invalid query type".
     void EndQuery(const boost::intrusive_ptr<D12Query>& query);
 
     // Blocks until the background threads have released what all finished submissions used, and
