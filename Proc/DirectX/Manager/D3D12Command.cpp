@@ -303,9 +303,8 @@ void D12CommandAllocator::UploadResource(const D12UploadResourceParams& params) 
 }
 
 void D12CommandAllocator::EndQuery(const boost::intrusive_ptr<D12Query>& query) {
-    ThrowUnless<DirectX12Exception>(query == nullptr ||
-                                        query->GetType() == D3D12_QUERY_TYPE_TIMESTAMP,
-                                    "Invalid query type");
+    ThrowUnless<DirectX12Exception>(
+        query == nullptr || query->GetType() == D3D12_QUERY_TYPE_TIMESTAMP, "Invalid query type");
     RecordList(nullptr, [&](const auto& list) { list->EndQuery(query); });
 }
 
