@@ -123,8 +123,9 @@ bool CanConvert(const Conf::RGBColorSpace& source, const Conf::RGBColorSpace& ta
 // "The frame's colors cannot be converted to these", "The luminances of the tone mapping are out of
 // range".
 template <class E>
-void CheckFrameConversion(const D3FrameDesc& source, Proc::ColorConversionInfo conversion,
+void CheckFrameConversion(const D3FrameDesc& source, const Proc::ColorConversionInfo& wanted,
                           const D3ToneMapping& tones, const std::source_location& location) {
+    Proc::ColorConversionInfo conversion = wanted;
     conversion.source = source.colorSpace;
     ThrowUnless<E>(CanConvert(conversion.source, conversion.target),
                    "The frame's colors cannot be converted to these", location);

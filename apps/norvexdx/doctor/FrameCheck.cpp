@@ -17,7 +17,6 @@ namespace Norvex::App {
 
 namespace {
 
-using Conf::TransferCharacteristics;
 using Conf::YCbCrMatrix;
 using DX::ChromaLocation;
 using DX::D3FrameDesc;

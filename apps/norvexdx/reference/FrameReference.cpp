@@ -241,8 +241,9 @@ FrameDifference CompareFrame(std::span<const std::uint8_t> packed, const Frame& 
         squares += error * error;
         at += size;
     });
-    const double count = static_cast<double>(at / size);
-    difference.psnr = 10.0 * std::log10(peak * peak * count / std::max(squares, 1e-9));
+    const std::size_t count = at / size;
+    difference.psnr =
+        10.0 * std::log10(peak * peak * static_cast<double>(count) / std::max(squares, 1e-9));
     return difference;
 }
 
