@@ -56,7 +56,7 @@ void Run() {
     DX::D12UploadResourceParams upload;
     upload.destination = picture->GetResource();
     upload.stateBefore = upload.stateAfter = D3D12_RESOURCE_STATE_COMMON;
-    upload.subresources = {{pixels.data(), 256 * 4, pixels.size()}};
+    upload.subresources = {{pixels.data(), pixels.size() / 256, pixels.size()}};
     uploads->UploadResource(upload);
     const auto uploaded = device->CreateCompletionEvent(D3D12_FENCE_FLAG_NONE);
     uploads->Signal(uploaded);
