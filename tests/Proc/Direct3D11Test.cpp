@@ -331,8 +331,9 @@ TEST_F(D3D11ResourceTest, QueriesCountAndTime) {
         const auto numberOf = [&](const auto& query) {
             return await([&] { return context->GetUint64Stats(query); });
         };
-        EXPECT_EQ(numberOf(samples), 25u) << "the rest is cut off";
+        // First, because a Vulkan driver under DXVK tells 0 of a query that it has not begun yet.
         EXPECT_EQ(numberOf(isDone), 1u);
+        EXPECT_EQ(numberOf(samples), 25u) << "the rest is cut off";
         EXPECT_LE(numberOf(before), numberOf(after));
         EXPECT_EQ(await([&] { return context->GetPipelineStats(statistics); }).IAVertices, 4u);
         EXPECT_GT(await([&] { return context->GetTimestampDisjoint(clock); }).Frequency, 0u);
