@@ -12,6 +12,7 @@ namespace Norvex::DX {
 
 namespace {
 
+using Proc::AlphaType;
 using Triple = std::array<double, 3>;
 using Matrix3 = std::array<Triple, 3>;
 
@@ -141,15 +142,13 @@ FrameChroma GetFrameChroma(const D3FrameDesc& source, ChromaFilter filter) {
                                                 : FrameChroma::Bilinear;
 }
 
-// Whether it changes nothing, or so little that the mean of pixels may be taken before it.
+// Whether it keeps colours, so that the mean of pixels may be taken before it; they are multiplied
+// with alpha at most.
 bool IsPlain(const Proc::ColorAlphaConversionInfo& conversion) {
-    using Proc::AlphaType;
-    const bool hasSameAlpha = conversion.sourceAlpha == conversion.targetAlpha ||
-                              conversion.sourceAlpha == AlphaType::AlphaIsOne;
-    const bool isOverBlack = conversion.sourceAlpha == AlphaType::Premultiplied &&
-                             conversion.targetAlpha == AlphaType::AlphaIsOne;
+    const bool isDivided = conversion.sourceAlpha == AlphaType::Premultiplied &&
+                           conversion.targetAlpha == AlphaType::NonPremultiplied;
     return conversion.source == conversion.target && conversion.GetLinearScale() == 1.0F &&
-           (hasSameAlpha || isOverBlack);
+           !isDivided;
 }
 
 // Of a pass.
@@ -268,7 +267,10 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
             key.lutDimensions = lutDimensions;
             SetToneMapping(key, conversion.frames.back(), params.toneMapping, info);
         } else { // alpha of no target is as good as one
-            key.isOpaque = !target.IsRGB() || source.alpha == Proc::AlphaType::AlphaIsOne;
+            key.isOpaque = !target.IsRGB() || info.sourceAlpha == AlphaType::AlphaIsOne ||
+                           info.targetAlpha == AlphaType::AlphaIsOne;
+            key.isPremultiplied = info.sourceAlpha == AlphaType::NonPremultiplied &&
+                                  info.targetAlpha != AlphaType::NonPremultiplied;
         }
     }
     return conversion;
@@ -328,6 +330,9 @@ std::string GetFrameShader(const FrameShaderKey& key) {
     }
     if (key.isOpaque) {
         text += "#define OPAQUE\n";
+    }
+    if (key.isPremultiplied) {
+        text += "#define PREMULTIPLIED\n";
     }
     if (key.lutDimensions != 0) {
         text += fmt::format("#define COLOR_STAGE\n#define LUT_DIMENSIONS {}\n", key.lutDimensions);

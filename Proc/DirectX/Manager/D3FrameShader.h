@@ -63,6 +63,7 @@ struct FrameShaderKey {
     Size2DT<long> taps = {1, 1};            // pixels of the source for a sample
     FrameDither dither = FrameDither::None; // of the codes
     bool isOpaque = false;                  // alpha becomes one, where it is not converted
+    bool isPremultiplied = false;           // colours become so, where they are not converted
     unsigned lutDimensions = 0;             // of the table that colours go through; 0: none
     D3ToneStages tones = {};
     bool measuresPeak = false; // in place of all that

@@ -4,7 +4,8 @@
 //
 // A shader is made for one kind of conversion: TARGET_COUNT; CHANNEL_COUNT, of codes; TAPS_ACROSS
 // and TAPS_DOWN, the source's pixels for one sample; DITHER; PLAIN, where the codes are sums of the
-// source's samples, because the colours stay; OPAQUE, where alpha is one then.
+// source's samples, because the colours stay; then OPAQUE, where alpha is one, and PREMULTIPLIED,
+// where colours are multiplied with alpha before.
 
 struct PSOutput
 {
@@ -28,6 +29,8 @@ float4 LoadTap( int2 at )
     float4 samples = LoadFrame( at );
 #ifndef PLAIN
     samples = ConvertColorSpace( ColorOfSamples( samples ) );
+#elif defined( PREMULTIPLIED )
+    samples.xyz = sampleZero.xyz + ( samples.xyz - sampleZero.xyz ) * samples.w;
 #endif
     return samples;
 }

@@ -71,6 +71,9 @@ float4 InterpolateFirst( float2 place )
     float2 before = SampleBefore( place );
     float2 way = WayFrom( before, place );
     int2 at = int2( before );
+    [branch]
+    if ( all( way == 0.0 ) ) // as everywhere where a frame keeps its size
+        return LoadFirst( at );
     float4 upper = lerp( LoadFirst( at ), LoadFirst( at + int2( 1, 0 ) ), way.x );
     float4 lower = lerp( LoadFirst( at + int2( 0, 1 ) ), LoadFirst( at + int2( 1, 1 ) ), way.x );
     return lerp( upper, lower, way.y );
