@@ -2,15 +2,19 @@
 // down, of parts of pictures, as encoded and in light, with every type of alpha; and of frames.
 
 #include <cmath>
+#include <optional>
 #include <random>
+#include <tuple>
 
 #include <fmt/format.h>
 
+#include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "apps/norvexdx/reference/FrameReference.h"
 #include "apps/norvexdx/reference/ScaleReference.h"
 #include "tests/support/Canvas11.h"
 #include "tests/support/Device11.h"
+#include "tests/support/LifeProbe.h"
 #include "tests/support/MethodPatch.h"
 #include "tests/support/OutOfMemory.h"
 #include "tests/support/Thrown.h"
@@ -358,8 +362,10 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
     const auto source = canvas.MakeSource(noise, kFloats);
     const auto target = canvas.MakeTarget(9, 30, kFloats);
     const DX::D12Frame whole = {DX::D3FrameDesc::MakeRGB({24, 16}), {Canvas::TextureOf(source)}};
+    constexpr int kEnough = 1 << 20;
     int made = 0;
     int others = 0;
+    int allocations = 0;
     const auto countIn = [](int& counter) {
         return [&counter](auto original, auto... all) {
             ++counter;
@@ -367,7 +373,18 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
         };
     };
     ID3D12Device* const device = canvas.GetDevice()->Get();
-    const MethodPatch<&ID3D12Device::CreateCommittedResource> resources(device, countIn(made));
+    std::optional<LifeProbe> probe;
+    const auto watch = [&](auto original, auto... all) {
+        const HRESULT result = original(all...);
+        void** const out = std::get<sizeof...(all) - 1>(std::tuple(all...));
+        auto* const resource = static_cast<ID3D12Resource*>(*out);
+        if (Platform::GetDesc(resource).Dimension == D3D12_RESOURCE_DIMENSION_TEXTURE2D) {
+            probe.emplace(resource);
+        }
+        ++made;
+        return result;
+    };
+    const MethodPatch<&ID3D12Device::CreateCommittedResource> resources(device, watch);
     const MethodPatch<&ID3D12Device::CreateDescriptorHeap> heaps(device, countIn(others));
     const MethodPatch<&ID3D12Device::CreateGraphicsPipelineState> states(device, countIn(others));
     const MethodPatch<&ID3D12Device::CreateRootSignature> signatures(device, countIn(others));
@@ -376,21 +393,29 @@ TEST(D12ScalerTest, DrawsShareAListAndMakeNothing) {
         allocator->RecordList(nullptr, [&](const auto& list) {
             draw->Encode(list, source, target, {}, {});
             scaler->Encode(list, whole, target, {});
+            const OutOfMemory counted(kEnough);
             for (int i = 0; i < 70; ++i) { // more views than a heap holds
                 scaler->Encode(list, source, target, {});
             }
+            allocations = OutOfMemory::CountAllocations();
         });
         allocator->Execute();
         allocator->WaitComplete();
         EXPECT_EQ(made > 0, frame == 0) << made;
         // The second frame's slots begin in the heap that the first has left half full.
         EXPECT_TRUE(others == 0 || frame < 2) << others << " in frame " << frame;
+        // No draw's own: what the list keeps grows.
+        EXPECT_TRUE(allocations < 30 || frame < 2) << allocations << " in frame " << frame;
         made = 0;
         others = 0;
     }
     EXPECT_LE(
         LargestDifference(canvas.Read(target), Expect(noise, {}, {0, 0, 9, 30}), {0, 0, 9, 30}),
         1e-5);
+    for (int i = 0; i < 100 && probe->IsAlive(); ++i) {
+        Sleep(100);
+    }
+    EXPECT_FALSE(probe->IsAlive()) << "intermediate textures are given back, unused";
 }
 
 TEST(D11ScalerTest, DrawnAgainItTakesNoMemoryAndMakesNothing) {

@@ -139,4 +139,11 @@ void D12DrawState::SetQuad(const boost::intrusive_ptr<D12VertexBuffer>& quad) {
         [&] { m_list.m_graphicsList->IASetPrimitiveTopology(kStrip); });
 }
 
+void D12DrawState::Transition(ID3D12Resource* resource, D3D12_RESOURCE_STATES before,
+                              D3D12_RESOURCE_STATES after) {
+    const D3D12_RESOURCE_BARRIER barrier =
+        CD3DX12_RESOURCE_BARRIER::Transition(resource, before, after);
+    m_list.RecordBarriers({&barrier, 1});
+}
+
 } // namespace Norvex::DX

@@ -62,6 +62,9 @@ public:
     // The scissor rectangle is the whole target.
     void SetViewport(const D3D12_VIEWPORT& viewport, const Size2DT<long>& target);
     void SetQuad(const boost::intrusive_ptr<D12VertexBuffer>& quad);
+    // All subresources.
+    void Transition(ID3D12Resource* resource, D3D12_RESOURCE_STATES before,
+                    D3D12_RESOURCE_STATES after);
 
     // The host has set it on the list, or may have.
     enum Item : unsigned {

@@ -1,10 +1,15 @@
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
+#include <iterator>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
-#include <vector>
+#include <tuple>
 
+#include "Host/WaitableTimer.h"
 #include "Platform/D3D12Abi.h"
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Device.h"
@@ -31,6 +36,10 @@ constexpr unsigned kScalerFrameIndex = 2; // where a pass reads one
 // What a pass reads, the weights last.
 constexpr unsigned kTextureViewCount = 2;
 constexpr unsigned kFrameViewCount = 4;
+static_assert(kFrameViewCount == std::tuple_size_v<D12PlaneViews>);
+
+using Clock = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds kIdlePeriod{2000}; // after which intermediates are freed
 
 constexpr auto kScalerEvent = "scaling"; // what debuggers show
 
@@ -82,6 +91,22 @@ std::optional<D3ScalerJob> CheckScaling(const D12Frame& source, const D12Descrip
 
 } // namespace
 
+// Between the passes: a pooled texture with its views, in the render-target state. Lists keep those
+// that they draw with.
+struct D12Scaler::Intermediate : LiveObject {
+    explicit Intermediate(D12Texture2DPool& pool)
+        : texture(pool.ObtainTexture()),
+          view(pool.GetDevice()->CreateTextureShaderResourceView(texture->GetResource())),
+          target(pool.GetDevice()->CreateRenderTargetView(texture->GetResource())) {}
+
+    bool IsIdle() const { return GetRefCount() == 1; } // nobody but its plan could add another
+
+    boost::intrusive_ptr<D12Texture2D> texture;
+    boost::intrusive_ptr<D12Descriptor> view;
+    boost::intrusive_ptr<D12Descriptor> target;
+    Clock::time_point taken;
+};
+
 struct D12Scaler::Plan {
     explicit Plan(const D3ScalerJob& job) : passes(job) {}
 
@@ -89,6 +114,7 @@ struct D12Scaler::Plan {
     boost::intrusive_ptr<D12Descriptor> rowWeights;
     boost::intrusive_ptr<D12Descriptor> columnWeights;
     boost::intrusive_ptr<D12Texture2DPool> pool;
+    Intermediates intermediates; // all that were taken from the pool
 };
 
 struct D12Scaler::Pass {
@@ -127,8 +153,11 @@ struct D12Scaler::Passes {
 
 struct D12Scaler::Source {
     Pass& pass;
-    std::vector<boost::intrusive_ptr<D12Descriptor>> views; // from t0 on; the weights follow
+    D12PlaneViews views; // from t0 on, the weights last
+    std::size_t viewCount = kTextureViewCount;
     std::optional<D3FrameParams> frame = std::nullopt;
+
+    D12DrawState::Views GetViews() const { return std::span(views).first(viewCount); }
 };
 
 struct D12Scaler::Draw {
@@ -137,14 +166,14 @@ struct D12Scaler::Draw {
     Source source; // with the weights
     std::array<boost::intrusive_ptr<D12Descriptor>, kTextureViewCount> columnViews;
     boost::intrusive_ptr<D12Descriptor> target;
-    boost::intrusive_ptr<D12Texture2D> texture;
-    boost::intrusive_ptr<D12Descriptor> textureTarget;
+    boost::intrusive_ptr<Intermediate> intermediate;
 };
 
 D12Scaler::D12Scaler(const boost::intrusive_ptr<D12Device>& device)
     : m_device(CheckDevice<DirectX12Exception>(device)),
       m_passes(std::make_unique<Passes>(device)),
-      m_plans(std::make_unique<D3ScalerPlans<Plan>>()) {}
+      m_plans(std::make_unique<D3ScalerPlans<Plan>>()),
+      m_timer(std::make_unique<Core::WaitableTimer>([this] { FreeIntermediates(); })) {}
 
 D12Scaler::~D12Scaler() = default;
 
@@ -215,7 +244,7 @@ D12Scaler::Source D12Scaler::MakeSource(const D12Frame& source, const ScaleParam
     Pass& pass = m_passes->rowsOfFrames.Get(
         key, [&] { return std::make_unique<Pass>(m_device, ScalerPass::Rows, &key); });
     const D12PlaneViews planes = MakePlaneViews(*m_device, source, nullptr);
-    return {pass, {planes.begin(), planes.end() - 1}, MakeFrameParams(source.desc)};
+    return {pass, planes, kFrameViewCount, MakeFrameParams(source.desc)};
 }
 
 std::unique_ptr<D12Scaler::Plan> D12Scaler::MakePlan(const D3ScalerJob& job) const {
@@ -234,25 +263,57 @@ std::unique_ptr<D12Scaler::Plan> D12Scaler::MakePlan(const D3ScalerJob& job) con
     return plan;
 }
 
+boost::intrusive_ptr<D12Scaler::Intermediate> D12Scaler::Take(Plan& plan) {
+    auto found =
+        std::ranges::find_if(plan.intermediates, [](const auto& each) { return each->IsIdle(); });
+    if (found == plan.intermediates.end()) {
+        const boost::intrusive_ptr made(new Intermediate(*plan.pool));
+        found = plan.intermediates.insert(found, made);
+    }
+    (*found)->taken = Clock::now();
+    if (!m_timer->IsRunning()) {
+        m_timer->StartPeriodic(kIdlePeriod);
+    }
+    return *found;
+}
+
+// Called by the timer. They are released after the lock.
+void D12Scaler::FreeIntermediates() {
+    Intermediates expired;
+    const std::lock_guard guard(m_mutex);
+    bool isEmpty = true;
+    m_plans->ForEach([&](Plan& plan) {
+        const auto kept = std::partition(
+            plan.intermediates.begin(), plan.intermediates.end(), [](const auto& each) {
+                return !each->IsIdle() || Clock::now() < each->taken + kIdlePeriod;
+            });
+        expired.insert(expired.end(), std::make_move_iterator(kept),
+                       std::make_move_iterator(plan.intermediates.end()));
+        plan.intermediates.erase(kept, plan.intermediates.end());
+        isEmpty = isEmpty && plan.intermediates.empty();
+    });
+    if (isEmpty) {
+        m_timer->Stop();
+    }
+}
+
 D12Scaler::Draw D12Scaler::Prepare(const Source& source,
                                    const boost::intrusive_ptr<D12Descriptor>& target,
                                    const D3ScalerJob& job) {
-    const Plan& plan = m_plans->Get(job, [&] { return MakePlan(job); });
-    const auto texture = plan.pool->ObtainTexture();
-    const auto view = m_device->CreateTextureShaderResourceView(texture->GetResource());
+    Plan& plan = m_plans->Get(job, [&] { return MakePlan(job); });
+    const auto intermediate = Take(plan);
     Draw draw = {.passes = plan.passes,
                  .visible = job.visible,
                  .source = source,
-                 .columnViews = {view, plan.columnWeights},
+                 .columnViews = {intermediate->view, plan.columnWeights},
                  .target = target,
-                 .texture = texture,
-                 .textureTarget = m_device->CreateRenderTargetView(texture->GetResource())};
-    draw.source.views.push_back(plan.rowWeights);
+                 .intermediate = intermediate};
+    draw.source.views.at(source.viewCount - 1) = plan.rowWeights;
     const auto prepare = [](Pass& pass, D12DrawState::Views views, const auto& to) {
         const D12PlanesOfOneDraw reads(*pass.table, views); // asks for the kind of the views alone
         pass.pipeline.MakePipelineState({&to, 1});
     };
-    prepare(draw.source.pass, draw.source.views, draw.textureTarget);
+    prepare(draw.source.pass, draw.source.GetViews(), intermediate->target);
     prepare(m_passes->columns, draw.columnViews, draw.target);
     return draw;
 }
@@ -260,38 +321,36 @@ D12Scaler::Draw D12Scaler::Prepare(const Source& source,
 void D12Scaler::Record(D12DrawState& state, const Draw& draw) {
     D12GraphicsCommandList& list = state.GetList();
     const Source& source = draw.source;
+    const Intermediate& between = *draw.intermediate;
     D12QuadPipeline& rowPipeline = source.pass.pipeline;
     D12QuadPipeline& columnPipeline = m_passes->columns.pipeline;
     const auto& rowQuad = rowPipeline.GetQuad(list);
     const auto& columnQuad = columnPipeline.GetQuad(list);
-    const auto& [intermediate, rowValues, columnValues, weights, rows, columns] = draw.passes;
+    const auto& [size, rowValues, columnValues, weights, rows, columns] = draw.passes;
     const auto rowConstants = state.AddConstants(&rowValues, sizeof(rowValues));
     const auto columnConstants = state.AddConstants(&columnValues, sizeof(columnValues));
     const auto frameConstants =
         source.frame ? state.AddConstants(&*source.frame, sizeof(*source.frame)) : 0;
     const D12DrawEvent event = state.BeginEvent(kScalerEvent);
-    state.ReserveViews(source.views.size() + draw.columnViews.size());
-    const auto rowViews = state.AddViews(source.views);
+    state.ReserveViews(source.viewCount + draw.columnViews.size());
+    const auto rowViews = state.AddViews(source.GetViews());
     const auto columnViews = state.AddViews(draw.columnViews);
-    list.TrackObject(boost::intrusive_ptr<IRefCountable>(draw.texture));
-    const auto turn = [&](D3D12_RESOURCE_STATES before, D3D12_RESOURCE_STATES after) {
-        list.ResourceBarrier(
-            {CD3DX12_RESOURCE_BARRIER::Transition(draw.texture->GetResource(), before, after)});
-    };
-    rowPipeline.Draw(state, {&draw.textureTarget, 1},
-                     {0, 0, intermediate.width, intermediate.height}, rowQuad, [&] {
-                         state.SetConstants(kScalerConstantsIndex, rowConstants);
-                         state.SetTable(kScalerViewsIndex, rowViews);
-                         if (source.frame) {
-                             state.SetConstants(kScalerFrameIndex, frameConstants);
-                         }
-                     });
-    turn(D3D12_RESOURCE_STATE_RENDER_TARGET, D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE);
+    list.TrackObject(boost::intrusive_ptr<IRefCountable>(draw.intermediate));
+    rowPipeline.Draw(state, {&between.target, 1}, {0, 0, size.width, size.height}, rowQuad, [&] {
+        state.SetConstants(kScalerConstantsIndex, rowConstants);
+        state.SetTable(kScalerViewsIndex, rowViews);
+        if (source.frame) {
+            state.SetConstants(kScalerFrameIndex, frameConstants);
+        }
+    });
+    constexpr auto kDrawn = D3D12_RESOURCE_STATE_RENDER_TARGET;
+    constexpr auto kRead = D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE;
+    state.Transition(between.texture->GetResource(), kDrawn, kRead);
     columnPipeline.Draw(state, {&draw.target, 1}, draw.visible, columnQuad, [&] {
         state.SetConstants(kScalerConstantsIndex, columnConstants);
         state.SetTable(kScalerViewsIndex, columnViews);
     });
-    turn(D3D12_RESOURCE_STATE_PIXEL_SHADER_RESOURCE, D3D12_RESOURCE_STATE_RENDER_TARGET);
+    state.Transition(between.texture->GetResource(), kRead, kDrawn);
 }
 
 } // namespace Norvex::DX

@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <source_location>
+#include <vector>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -27,6 +28,10 @@
 #include "Proc/DirectX/Manager/D3Frame.h"
 #include "Proc/DirectX/Manager/DirectXShader.h"
 #include "Proc/DirectX/Manager/LiveObject.h"
+
+namespace Norvex::Core {
+class WaitableTimer;
+}
 
 namespace Norvex::DX {
 
@@ -70,8 +75,9 @@ struct ScaleParams {
     ChromaFilter chromaFilter = ChromaFilter::Bilinear;
 };
 
-// Any thread. Each draw takes its intermediate texture from a pool, so that draws may run at the
-// same time.
+// Any thread. Each draw has an intermediate texture of its own, so that draws may run at the same
+// time; textures are used again when no list needs them, so that drawing again takes no memory, and
+// freed some seconds after their last use.
 class NORVEX_DX_API D12Scaler : public LiveObject {
 public:
     // Compiles the shaders; those for frames when a number of planes or a chroma filter first needs
@@ -111,6 +117,8 @@ public:
     const boost::intrusive_ptr<D12Device>& GetDevice() const { return m_device; }
 
 private:
+    struct Intermediate;
+    using Intermediates = std::vector<boost::intrusive_ptr<Intermediate>>;
     struct Plan;   // of one job
     struct Pass;   // what draws one
     struct Passes; // all
@@ -128,6 +136,8 @@ private:
     Source MakeSource(const boost::intrusive_ptr<D12Descriptor>& source, const ScaleParams& params);
     Source MakeSource(const D12Frame& source, const ScaleParams& params);
     std::unique_ptr<Plan> MakePlan(const D3ScalerJob& job) const;
+    boost::intrusive_ptr<Intermediate> Take(Plan& plan);
+    void FreeIntermediates();
     Draw Prepare(const Source& source, const boost::intrusive_ptr<D12Descriptor>& target,
                  const D3ScalerJob& job);
     void Record(D12DrawState& state, const Draw& draw);
@@ -136,6 +146,7 @@ private:
     Platform::Mutex m_mutex; // guards everything below and one Encode
     std::unique_ptr<Passes> m_passes;
     std::unique_ptr<D3ScalerPlans<Plan>> m_plans;
+    std::unique_ptr<Core::WaitableTimer> m_timer; // last: its callback uses all of the above
 };
 
 // Inside D11Device::Encode, as D11ImageDraw; one thread at a time.

@@ -154,6 +154,13 @@ public:
         }
         return *m_entries.front().plan;
     }
+    // visit(plan) of each.
+    template <class Visit>
+    void ForEach(const Visit& visit) {
+        for (Entry& entry : m_entries) {
+            visit(*entry.plan);
+        }
+    }
 
 private:
     static constexpr std::size_t kKept = 4;
