@@ -63,6 +63,9 @@ TEST(CommandLineTest, TellsWrongUsageInItsOwnWords) {
            {"--lut a.cube", "--gamut clip", "--tone-map rational"});
     expect("are for --tone-map bt2390", convert,
            {"--target-black 0.1", "--from srgb --to srgb --tone-map rational --source-black 0"});
+    expect("is for input in PQ", convert + "--from srgb --to srgb --source-peak measured");
+    expect("twice",
+           "encode - -o a --format nv12 --from rec2020-pq --to srgb --source-peak measured");
     expect("need --from and --to", convert, {"--tone-map bt2390", "--gamut soft"});
     expect("from 0 to 10 cd/m2", convert, {"--target-black -1", "--source-black 11"});
     expect("linear light", encode, {"--from srgb --to rec709-linear"});

@@ -122,6 +122,21 @@ TEST_F(ProgramTest, DrawsWhatTheOptionsSay) {
     expect(kToneMapped, {{1, 1, {34779, 34779, 34779, 65535}}}, 40);
     Run("fill @out.png --size 2x2 --color C0C0C0FF");
     expect(kToneMapped, {{1, 1, {255, 255, 255, 255}}}, 0);
+    // The brightest of a picture, or of a clip, becomes white. 173 of 255 are 509 cd/m2.
+    Run("fill @dark.png --size 2x2 --color 707070FF");
+    Run("fill @bright.png --size 2x2 --color ADADADFF");
+    const std::string kMeasured = " --from rec2020-pq --source-peak measured --json ";
+    auto report = json::parse(Run("convert @bright.png @out.png --to srgb" + kMeasured));
+    EXPECT_EQ(Read("out.png").pixels, Bytes(16, 255));
+    EXPECT_NEAR(report.at("pictures").at(0).at("sourcePeak").get<double>(), 508.6, 1.0);
+    report = json::parse(Run("encode @dark.png @bright.png @dark.png -o @clip --to rec709 --format "
+                             "yuv444p" +
+                             kMeasured));
+    EXPECT_NEAR(report.at("sourcePeak").get<double>(), 508.6, 1.0);
+    const std::string clip = ReadText(m_folder.GetPath("clip"));
+    EXPECT_EQ(clip.substr(12, 4), std::string(4, '\xEB'));
+    EXPECT_EQ(clip.substr(0, 12), clip.substr(24, 12));
+    EXPECT_NE(clip[0], clip[12]);
     // A quarter of the way from 100 to 101 of 255.
     Image grey = Image::Make({64, 64}, 16);
     std::ranges::fill(std::span(reinterpret_cast<std::uint16_t*>(grey.pixels.data()), 64 * 64 * 4),

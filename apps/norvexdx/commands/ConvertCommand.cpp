@@ -197,11 +197,15 @@ PictureReport Batch::Convert(const ConvertJob& job, ClipFrame frame, double deco
     const bool isDithered = depth == 8 && options.dither != DX::FrameDither::None;
     auto canvas =
         graphics.MakeCanvas(options.size.value_or(source->GetSize()), isDithered ? 16 : depth);
+    auto conversion = m_plan.conversion;
+    if (conversion && IsMeasured(options.sourcePeak)) {
+        report.sourcePeak = GetPeakOfMeasured(graphics.MeasurePeak(*source), *conversion);
+        conversion->sourcePeakLuminance = *report.sourcePeak;
+    }
     View view = m_plan.view;
     if (options.scaler) {
         source = ScaleFor(graphics, *source, GetArea(options, *canvas), options, view);
     }
-    auto conversion = m_plan.conversion;
     if (!m_plan.stages.IsNone()) {
         source = graphics.ConvertColors(*source, *conversion, m_plan.stages);
         conversion.reset();

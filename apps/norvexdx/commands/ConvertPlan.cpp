@@ -1,5 +1,6 @@
 #include "apps/norvexdx/commands/ConvertPlan.h"
 
+#include <algorithm>
 #include <set>
 #include <system_error>
 
@@ -69,14 +70,27 @@ Proc::ColorAlphaConversionInfo MakeConversion(const ConvertOptions& options) {
     info.target = options.to.value_or(kSRGB);
     info.mode = options.mode.value_or(GetDefaultMode(info.target));
     info.linearScale = options.linearScale.value_or(info.linearScale);
-    info.sourcePeakLuminance = options.sourcePeak.value_or(info.sourcePeakLuminance);
+    if (options.sourcePeak) {
+        info.sourcePeakLuminance = options.sourcePeak->nits.value_or(info.sourcePeakLuminance);
+    }
     info.targetPeakLuminance = options.targetPeak.value_or(info.targetPeakLuminance);
     info.referenceWhite = options.referenceWhite.value_or(info.referenceWhite);
     info.raw = options.raw;
     info.sourceAlpha = options.sourceAlpha;
     info.targetAlpha = options.targetAlpha;
     CheckSpaces(info);
+    if (IsMeasured(options.sourcePeak) && info.source.transfer != TransferCharacteristics::PQ) {
+        ThrowUsage("--source-peak measured is for input in PQ (--from rec2020-pq)");
+    }
     return info;
+}
+
+bool IsMeasured(const std::optional<SourcePeak>& peak) {
+    return peak && !peak->nits;
+}
+
+float GetPeakOfMeasured(float brightest, const Proc::ColorConversionInfo& conversion) {
+    return std::max(brightest, conversion.referenceWhite);
 }
 
 namespace {

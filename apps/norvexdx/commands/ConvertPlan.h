@@ -24,7 +24,7 @@ struct ConvertOptions {
     std::optional<Conf::RGBColorSpace> to;
     // How colours are converted; only with `from` and `to`.
     std::optional<Proc::LinearizationMode> mode;
-    std::optional<float> sourcePeak;
+    std::optional<SourcePeak> sourcePeak;
     std::optional<float> targetPeak;
     std::optional<float> referenceWhite;
     std::optional<float> linearScale;
@@ -61,6 +61,12 @@ struct ConvertPlan {
     Proc::ColorF background; // as the canvas is filled
     bool blends = false;     // pictures go over the background instead of replacing it
 };
+
+// Whether the user wants the peak to be that of the input.
+bool IsMeasured(const std::optional<SourcePeak>& peak);
+// What a conversion is told of an input whose brightest channel is this, in cd/m2: not less than
+// white, so that what is darker is not taken for highlights.
+float GetPeakOfMeasured(float brightest, const Proc::ColorConversionInfo& conversion);
 
 // From `from` to `to` (without them only alpha changes), as the other options of colour and alpha
 // say.

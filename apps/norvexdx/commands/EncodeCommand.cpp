@@ -1,10 +1,15 @@
 #include "apps/norvexdx/commands/EncodeCommand.h"
 
+#include <algorithm>
+
+#include <fmt/format.h>
+
 #include "Host/SystemInfo.h"
 #include "apps/norvexdx/clips/EncodePipeline.h"
 #include "apps/norvexdx/commands/EncodeReport.h"
 #include "apps/norvexdx/console/Console.h"
 #include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/console/Progress.h"
 
 namespace Norvex::App {
 
@@ -21,6 +26,17 @@ void Tell(const EncodePlan& plan, const std::string& text) {
     } else {
         Console::Print(text);
     }
+}
+
+// The brightest channel of all frames: one for the clip, since one that changes flickers.
+float MeasureClip(FrameSource& source, Graphics& graphics, Progress& progress) {
+    float brightest = 0.0F;
+    ClipFrame frame;
+    for (unsigned i = 1; source.Read(frame); ++i) {
+        progress.Show([&] { return fmt::format("measuring frame {}", i); });
+        brightest = std::max(brightest, graphics.MeasurePeak(*graphics.UploadFrame(frame)));
+    }
+    return brightest;
 }
 
 } // namespace
@@ -48,6 +64,13 @@ void RunEncode(const EncodeOptions& options) {
                           .dither = options.dither.value_or(DX::FrameDither::None),
                           .kernel = options.scaler.value_or(DX::ScaleKernel::Bilinear),
                           .stages = plan.stages};
+    }
+    if (IsMeasured(options.sourcePeak)) {
+        Progress progress(options.progress || Console::IsErrorTerminal());
+        report.sourcePeak =
+            GetPeakOfMeasured(MeasureClip(*source, *graphics, progress), *params.conversion);
+        params.conversion->sourcePeakLuminance = *report.sourcePeak;
+        source = OpenFrameSource(plan);
     }
     const auto encoder = FrameEncoder::Open(*graphics, params);
     report.isOnePass = isOnePass;

@@ -29,6 +29,11 @@ void CheckInputs(const EncodeOptions& options) {
         throw Failure("--input-depth and --input-format contradict each other",
                       ExitCode::WrongUsage);
     }
+    if (readsStandardInput && IsMeasured(options.sourcePeak)) {
+        throw Failure(
+            "--source-peak measured reads the input twice, which standard input (-) is not",
+            ExitCode::WrongUsage);
+    }
 }
 
 // What the prescribed converter cannot do.

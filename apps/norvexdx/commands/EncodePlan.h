@@ -43,7 +43,7 @@ struct EncodeOptions {
     std::optional<Conf::YCbCrMatrix> matrix;
     std::optional<Conf::RGBColorSpace> from;
     std::optional<Conf::RGBColorSpace> to;
-    std::optional<float> sourcePeak; // these three as ConvertOptions has them
+    std::optional<SourcePeak> sourcePeak; // these three as ConvertOptions has them
     std::optional<float> targetPeak;
     std::optional<float> referenceWhite;
     std::optional<DX::Size2DT<long>> size;

@@ -34,6 +34,7 @@ std::string MakeEncodeJson(const Graphics& graphics, const EncodeReport& report)
     json["matrix"] = GetMatrixName(report.matrix);
     json["colorSpace"] =
         report.colorSpace ? Json(GetColorSpaceName(*report.colorSpace)) : Json(nullptr);
+    json["sourcePeak"] = report.sourcePeak ? Json(*report.sourcePeak) : Json(nullptr);
     json["converter"] = report.isOnePass ? "one-pass" : "two-pass";
     json["planes"] = report.isPlanar ? "planar" : report.format.HasPairs() ? "pair" : "three";
     json["width"] = report.size.width;
@@ -65,6 +66,9 @@ std::string MakeEncodeText(const Graphics& graphics, const EncodeReport& report)
                                    : report.format.HasPairs() ? "luma and chroma in two textures"
                                                               : "a texture a plane",
                                    totals.GetFramesPerSecond());
+    if (report.sourcePeak) {
+        line += fmt::format(", peak {:.0f} cd/m2", *report.sourcePeak);
+    }
     if (const auto gpuMs = totals.GetGpuMsPerFrame()) {
         line += fmt::format(", GPU {:.2f} ms", *gpuMs);
     }

@@ -13,6 +13,7 @@ struct EncodeReport {
     VideoFormat format;
     Conf::YCbCrMatrix matrix = Conf::YCbCrMatrix::BT709;
     std::optional<Conf::RGBColorSpace> colorSpace; // of the frames, where that is known
+    std::optional<float> sourcePeak;               // cd/m2, where it was measured
     DX::Size2DT<long> size;
     bool isOnePass = false;
     bool isPlanar = false;

@@ -121,6 +121,14 @@ std::optional<float> ParseNits(std::string_view text) {
     return value && *value >= kMinNits && *value <= kMaxNits ? value : std::nullopt;
 }
 
+std::optional<SourcePeak> ParseSourcePeak(std::string_view text) {
+    if (text == "measured") {
+        return SourcePeak{};
+    }
+    const auto nits = ParseNits(text);
+    return nits ? std::optional(SourcePeak{nits}) : std::nullopt;
+}
+
 std::optional<float> ParseBlack(std::string_view text) {
     constexpr float kMaxBlack = 10.0F;
     const auto value = ParseFloat(text);

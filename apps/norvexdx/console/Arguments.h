@@ -22,6 +22,11 @@ std::optional<double> ParseNumber(std::string_view text);
 std::optional<float> ParsePositive(std::string_view text);
 // Luminance in cd/m2, from 1 to 10000 (the most that PQ can say).
 std::optional<float> ParseNits(std::string_view text);
+// The peak of a PQ input: as ParseNits, or "measured".
+struct SourcePeak {
+    std::optional<float> nits; // empty: to be measured
+};
+std::optional<SourcePeak> ParseSourcePeak(std::string_view text);
 // Luminance of black in cd/m2, from 0 to 10.
 std::optional<float> ParseBlack(std::string_view text);
 // RRGGBBAA or RRGGBB (opaque), hexadecimal, with or without '#'; as floats from 0 to 1.

@@ -139,6 +139,15 @@ void AddJsonFlag(CLI::App& app, Options& options) {
     app.add_flag("--json", options.json, "print a report as JSON");
 }
 
+CLI::Option* AddSourcePeak(CLI::App& app, std::optional<SourcePeak>& target,
+                           const std::string& ofWhat) {
+    return AddValue(app, "--source-peak", target, &ParseSourcePeak,
+                    "a luminance from 1 to 10000 cd/m2, or measured", "NITS",
+                    "peak of the display that a PQ input was mastered on, or measured: the "
+                    "brightest channel " +
+                        ofWhat + " (1000)");
+}
+
 void AddColorOptions(CLI::App& app, ConvertOptions& options) {
     constexpr const char* kGroup = "Colour";
     const std::string spaces = "a colour space (" + GetColorSpaceNames() + ")";
@@ -151,8 +160,7 @@ void AddColorOptions(CLI::App& app, ConvertOptions& options) {
                  "the light to convert in: scene, or that of an hdr or other display "
                  "(hdr for rec2020-pq and rec2020-hlg targets, else display)"));
     const std::string nits = "a luminance from 1 to 10000 cd/m2";
-    add(AddValue(app, "--source-peak", options.sourcePeak, &ParseNits, nits, "NITS",
-                 "peak of the display that a PQ input was mastered on (1000)"));
+    add(AddSourcePeak(app, options.sourcePeak, "of each picture"));
     add(AddValue(app, "--target-peak", options.targetPeak, &ParseNits, nits, "NITS",
                  "peak of the display that the output, or an HLG input, is for (1000)"));
     add(AddValue(app, "--reference-white", options.referenceWhite, &ParseNits, nits, "NITS",
@@ -352,8 +360,7 @@ void AddEncode(CLI::App& parent, EncodeOptions& options) {
     AddValue(app, "--to", options.to, &ParseColorSpace, spaces, "SPACE",
              "the colour space of the clip, converted to as by convert");
     const std::string nits = "a luminance from 1 to 10000 cd/m2";
-    AddValue(app, "--source-peak", options.sourcePeak, &ParseNits, nits, "NITS",
-             "peak of the display that a PQ input was mastered on (1000)");
+    AddSourcePeak(app, options.sourcePeak, "of all frames, which are read twice");
     AddValue(app, "--target-peak", options.targetPeak, &ParseNits, nits, "NITS",
              "peak of the display that the clip, or an HLG input, is for (1000)");
     AddValue(app, "--reference-white", options.referenceWhite, &ParseNits, nits, "NITS",

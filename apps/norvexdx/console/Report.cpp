@@ -65,7 +65,13 @@ std::string MakeConvertJson(const Graphics& graphics,
     json["parameters"] = MakeParametersJson(conversion);
     json["pictures"] = Json::array();
     for (const PictureReport& picture : pictures) {
-        json["pictures"].push_back(MakePictureJson(picture));
+        Json& last = json["pictures"].emplace_back(MakePictureJson(picture));
+        if (picture.sourcePeak && conversion) {
+            auto ofPicture = *conversion;
+            ofPicture.sourcePeakLuminance = *picture.sourcePeak;
+            last["sourcePeak"] = *picture.sourcePeak;
+            last["parameters"] = MakeParametersJson(ofPicture);
+        }
     }
     return DumpJson(json);
 }
@@ -85,10 +91,12 @@ std::string MakeConvertText(const Graphics& graphics, const std::vector<PictureR
                 : fmt::format("decode {:.1f}, upload {:.1f}, ", times.decode, times.upload);
         const std::string profile =
             picture.profile.empty() ? "" : fmt::format(", profile \"{}\"", picture.profile);
-        text += fmt::format("{}: {} x {}, {}{}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
-                            picture.output, picture.width, picture.height,
-                            GetFormatName(picture.targetFormat), profile, reading, times.draw,
-                            times.readback, times.encode);
+        const std::string peak =
+            picture.sourcePeak ? fmt::format(", peak {:.0f} cd/m2", *picture.sourcePeak) : "";
+        text += fmt::format(
+            "{}: {} x {}, {}{}{}; {}draw {:.1f}, readback {:.1f}, encode {:.1f} ms\n",
+            picture.output, picture.width, picture.height, GetFormatName(picture.targetFormat),
+            profile, peak, reading, times.draw, times.readback, times.encode);
     }
     return text;
 }

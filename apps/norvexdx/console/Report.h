@@ -31,12 +31,14 @@ struct PictureReport {
     DXGI_FORMAT sourceFormat = DXGI_FORMAT_UNKNOWN;
     DXGI_FORMAT targetFormat = DXGI_FORMAT_UNKNOWN;
     DX::AffineTransform transform;
+    std::optional<float> sourcePeak; // cd/m2, where it was measured
     PictureTimes times;
 };
 
 // {"adapter", "device", "parameters", "timesMs", "pictures": [...]}. The parameters are those of
 // the shader's block; the transform, which is each picture's own, stands with
-// the picture, its translation in pixels.
+// the picture, its translation in pixels. Pictures whose peak was measured have "sourcePeak" and
+// "parameters" of their own.
 std::string MakeConvertJson(const Graphics& graphics,
                             const std::optional<Proc::ColorAlphaConversionInfo>& conversion,
                             const std::vector<PictureReport>& pictures);

@@ -164,6 +164,11 @@ std::unique_ptr<Canvas> Graphics::MakeCanvas(const DX::Size2DT<long>& size,
     return MakeCanvasOf(size, ChooseTargetFormat(bitsPerChannel));
 }
 
+float Graphics::MeasurePeak(const Picture& source) {
+    const std::lock_guard lock(m_peakMutex);
+    return RunPeak(source, {Conf::ColorPrimaries::BT2020, Conf::TransferCharacteristics::PQ});
+}
+
 std::unique_ptr<Canvas> Graphics::Dither(const Canvas& canvas, DX::FrameDither dither) {
     auto dithered = MakeCanvas(canvas.GetSize(), 8);
     DrawDithered(canvas, *dithered, dither);

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -114,6 +115,9 @@ public:
                                            const Proc::ColorAlphaConversionInfo& conversion,
                                            const ColorStages& stages);
 
+    // The brightest channel of a picture in PQ, cd/m2, 0 to 10,000. Compiles shaders.
+    float MeasurePeak(const Picture& source);
+
     // R8G8B8A8_UNORM for 8 bits; for 16 R16G16B16A16_UNORM where the device draws and blends on it,
     // else R16G16B16A16_FLOAT. Failure when the device has neither.
     std::unique_ptr<Canvas> MakeCanvas(const DX::Size2DT<long>& size, unsigned bitsPerChannel);
@@ -166,6 +170,8 @@ private:
     virtual void DrawColors(const Picture& source, const Canvas& canvas,
                             const Proc::ColorAlphaConversionInfo& conversion,
                             const ColorStages& stages) = 0;
+    // Of one in BT.2100 PQ; one thread at a time.
+    virtual float RunPeak(const Picture& source, const Conf::RGBColorSpace& colorSpace) = 0;
     virtual void DrawDithered(const Canvas& source, const Canvas& canvas,
                               DX::FrameDither dither) = 0;
     virtual void CompileShaders(DrawKind kind) = 0;
@@ -176,6 +182,7 @@ private:
 
     DXGI_FORMAT ChooseTargetFormat(unsigned bitsPerChannel) const;
 
+    std::mutex m_peakMutex; // guards RunPeak
     unsigned m_adapterIndex = 0;
     double m_creationMs = 0.0;
     double m_shaderCompilationMs = 0.0;

@@ -9,6 +9,7 @@
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3FramePeak.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/ColorStages.h"
@@ -308,6 +309,15 @@ public:
     }
 
 private:
+    static DX::D11Frame FrameOf(const Picture& picture, const Conf::RGBColorSpace& colorSpace,
+                                Proc::AlphaType alpha) {
+        DX::D11Frame frame;
+        frame.desc = DX::D3FrameDesc::MakeRGB(picture.GetSize(), alpha);
+        frame.desc.colorSpace = colorSpace;
+        frame.textures[0] = TextureOf(picture)->GetTexture();
+        return frame;
+    }
+
     PaintedPicture MakePainted(const DX::Size2DT<long>& size, DXGI_FORMAT format) override {
         auto canvas = MakeCanvasOf(size, format);
         auto picture = std::make_unique<Picture11>(
@@ -328,10 +338,7 @@ private:
     void DrawColors(const Picture& source, const Canvas& canvas,
                     const Proc::ColorAlphaConversionInfo& conversion,
                     const ColorStages& stages) override {
-        DX::D11Frame frame;
-        frame.desc = DX::D3FrameDesc::MakeRGB(source.GetSize(), conversion.sourceAlpha);
-        frame.desc.colorSpace = conversion.source;
-        frame.textures[0] = TextureOf(source)->GetTexture();
+        const DX::D11Frame frame = FrameOf(source, conversion.source, conversion.sourceAlpha);
         const boost::intrusive_ptr<DX::D11FrameDraw> draw(new DX::D11FrameDraw(m_device));
         draw->SetToneMapping(stages.tones);
         if (stages.lut != nullptr) {
@@ -341,6 +348,19 @@ private:
             draw->Encode(context, frame, TargetOf11(canvas),
                          {.transform = DX::AffineTransform(), .conversion = conversion});
         });
+    }
+
+    float RunPeak(const Picture& source, const Conf::RGBColorSpace& colorSpace) override {
+        if (!m_peak) {
+            m_peak.reset(new DX::D11FramePeak(m_device));
+        }
+        const auto frame = FrameOf(source, colorSpace, Proc::AlphaType::AlphaIsOne);
+        float brightest = 0.0F;
+        m_device->Encode([&](const boost::intrusive_ptr<DX::D11DeviceContext>& context) {
+            m_peak->Encode(context, frame);
+            brightest = m_peak->Read(context);
+        });
+        return brightest;
     }
 
     void DrawDithered(const Canvas& source, const Canvas& canvas, DX::FrameDither dither) override {
@@ -384,7 +404,8 @@ private:
     }
 
     boost::intrusive_ptr<DX::D11Device> m_device;
-    std::optional<Drawer> m_drawer; // empty until the shaders are compiled
+    std::optional<Drawer> m_drawer;                // empty until the shaders are compiled
+    boost::intrusive_ptr<DX::D11FramePeak> m_peak; // null before it is needed
 };
 
 // A lost device supports nothing, which is not the adapter's fault.

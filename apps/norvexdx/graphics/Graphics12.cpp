@@ -9,6 +9,7 @@
 #include "Proc/DirectX/Manager/D3D12DescriptorHeap.h"
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3FrameDraw.h"
+#include "Proc/DirectX/Manager/D3FramePeak.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
 #include "apps/norvexdx/console/Stopwatch.h"
 #include "apps/norvexdx/graphics/ColorStages.h"
@@ -334,6 +335,15 @@ public:
     }
 
 private:
+    static DX::D12Frame FrameOf(const Picture& picture, const Conf::RGBColorSpace& colorSpace,
+                                Proc::AlphaType alpha) {
+        DX::D12Frame frame;
+        frame.desc = DX::D3FrameDesc::MakeRGB(picture.GetSize(), alpha);
+        frame.desc.colorSpace = colorSpace;
+        frame.textures[0] = ViewOf(picture)->GetFirstResource();
+        return frame;
+    }
+
     PaintedPicture MakePainted(const DX::Size2DT<long>& size, DXGI_FORMAT format) override {
         auto desc = MakeTextureDesc12(size, format, kPictureState, true);
         const auto texture = m_device->CreateTexture2D(desc);
@@ -353,10 +363,7 @@ private:
     void DrawColors(const Picture& source, const Canvas& canvas,
                     const Proc::ColorAlphaConversionInfo& conversion,
                     const ColorStages& stages) override {
-        DX::D12Frame frame;
-        frame.desc = DX::D3FrameDesc::MakeRGB(source.GetSize(), conversion.sourceAlpha);
-        frame.desc.colorSpace = conversion.source;
-        frame.textures[0] = ViewOf(source)->GetFirstResource();
+        const DX::D12Frame frame = FrameOf(source, conversion.source, conversion.sourceAlpha);
         const boost::intrusive_ptr<DX::D12FrameDraw> draw(new DX::D12FrameDraw(m_device));
         draw->SetToneMapping(stages.tones);
         if (stages.lut != nullptr) {
@@ -367,6 +374,17 @@ private:
                      {.transform = DX::AffineTransform(), .conversion = conversion});
         allocator->Execute();
         allocator->WaitComplete();
+    }
+
+    float RunPeak(const Picture& source, const Conf::RGBColorSpace& colorSpace) override {
+        if (!m_peak) {
+            m_peak.reset(new DX::D12FramePeak(m_device));
+        }
+        const auto frame = FrameOf(source, colorSpace, Proc::AlphaType::AlphaIsOne);
+        const auto allocator = m_queue->CreateCommandAllocator();
+        m_peak->Encode(allocator, frame);
+        allocator->Execute();
+        return m_peak->Read(m_queue);
     }
 
     void DrawDithered(const Canvas& source, const Canvas& canvas, DX::FrameDither dither) override {
@@ -419,6 +437,7 @@ private:
     boost::intrusive_ptr<DX::D12Device> m_device;
     boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
     Drawers m_drawers;
+    boost::intrusive_ptr<DX::D12FramePeak> m_peak; // null before it is needed
 };
 
 // A lost device supports nothing, which is not the adapter's fault.
