@@ -3,8 +3,8 @@
 // Drawing on Direct3D 11: fill a rectangle, draw an image through a transform and a colour
 // conversion, or fitted by view state. Encode records on the context inside D11Device::Encode. One
 // thread at a time; nothing here is locked but by that Encode. Throws DirectX11Exception, for a
-// null device "There is no device", for a null context "There is no device context". View state and
-// shaders: D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
+// null device "There is no device", for a null context "There is no device context". Parameters of
+// a draw, view state and shaders: D3ImageRenderer.h. The same on Direct3D 12: D3D12Renderer.h.
 
 #include <cstddef>
 #include <memory>

@@ -177,8 +177,8 @@ public:
     // Submit and return: wait on the allocator or drop it; what it uses lives until the GPU is
     // done. "Resource is null", "Destination resource is not a buffer", "Uploading data does not
     // fit in the destination" (an empty box or one beyond a subresource, too); "Invalid upload
-    // data" without data, and for resources when a row pitch is smaller than the row; "Subresource
-    // index out of range".
+    // data" without data, and for resources when a row pitch is smaller than the row; "Buffer size
+    // requested equal to zero" without a subresource; "Subresource index out of range".
     boost::intrusive_ptr<D12CommandAllocator> UploadRegion(const D12UploadRegionParams& params);
     // Into a texture.
     boost::intrusive_ptr<D12CommandAllocator> UploadResource(const D12UploadResourceParams& params);

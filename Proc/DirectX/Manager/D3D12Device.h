@@ -89,7 +89,10 @@ public:
     static boost::intrusive_ptr<D12Device> Create(const LUID& luid);
     // On adapter 0. Also throws what DXGIFactory throws.
     static boost::intrusive_ptr<D12Device> CreatePrimary();
-    // The live wrapper of a raw device, removed or not; null when the library did not make it.
+    // The live wrapper of a raw device, removed or not; null when there is none. There is no
+    // Attach: where a process has one ID3D12Device an adapter, as on Windows, Create answers a
+    // wrapper of the host's own for that one's LUID (GetAdapterLuid, Platform/D3D12Abi.h;
+    // docs/lifetime.md).
     static boost::intrusive_ptr<D12Device> Find(ID3D12Device* device);
 
     ~D12Device() override;

@@ -5,7 +5,7 @@
 // source readable by the pixel shader. D12FillDraw: one thread at a time; the others: any thread.
 // Throws DirectX12Exception, for a null device "There is no device", for a null allocator "There is
 // no command allocator", for a list "There is no command list" or "The command list is closed".
-// Next: D3ImageRenderer.h.
+// Next: D3ImageRenderer.h (parameters of a draw, view state).
 
 #include <memory>
 #include <optional>

@@ -12,7 +12,8 @@ namespace Norvex::DX {
 
 // Requests debug mode. Call before the first factory is created; later it throws DirectXException
 // "Debug mode must be enabled before creating the first DirectX object". Calling twice before is
-// fine.
+// fine. A system without the debug layer (on Windows the optional Graphics Tools) is a warning in
+// the log; what needs no layer, as DescribeLiveObjects, works all the same.
 NORVEX_DX_API void EnableDebugMode();
 
 // The library's objects that are alive and were made in debug mode, by class and by the place where
