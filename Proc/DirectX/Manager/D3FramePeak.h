@@ -20,6 +20,7 @@
 
 namespace Norvex::DX {
 
+class D11Device;
 class D11QuadPipeline;
 
 class NORVEX_DX_API D12FramePeak : public LiveObject {
