@@ -346,7 +346,7 @@ void AsNV12(const Canvas& canvas, ID3D12Resource* planar, ID3D12Resource* chroma
         canvas.GetDevice()->Get(),
         [&](auto original, auto* self, auto* resource, const auto* view, auto handle) {
             auto desc = *view;
-            const bool isChroma = std::exchange(desc.Texture2DArray.PlaneSlice, 0U) == 1;
+            const bool isChroma = std::exchange(desc.Texture2D.PlaneSlice, 0U) == 1;
             original(self, isChroma ? chroma : resource, &desc, handle);
         });
     call();

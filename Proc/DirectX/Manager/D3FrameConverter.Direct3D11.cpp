@@ -38,8 +38,8 @@ void D11FrameConverter::Encode(const boost::intrusive_ptr<D11DeviceContext>& con
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
-    const FrameConversion conversion =
-        MakeFrameConversion(source.desc, destination.desc, params, GetLutDimensions(m_colorLut));
+    const FrameConversion conversion = MakeFrameConversion(
+        source.desc, HasArrays(source), destination.desc, params, GetLutDimensions(m_colorLut));
     const auto& imageConstants =
         m_passes->imageConstants.Get(D3ImageRenderer::MakeParamsBytes(conversion.image), make);
     struct Step {

@@ -63,8 +63,8 @@ D12FrameConverter::Prepare(const D12Frame& source, const D12Frame& destination,
     const auto make = [this](std::span<const std::uint8_t> bytes) {
         return CreateConstants(*m_device, bytes, L"Frame params buffer");
     };
-    const FrameConversion wanted =
-        MakeFrameConversion(source.desc, destination.desc, params, GetLutDimensions(m_colorLut));
+    const FrameConversion wanted = MakeFrameConversion(
+        source.desc, HasArrays(source), destination.desc, params, GetLutDimensions(m_colorLut));
     const D12PlaneViews planeViews = MakePlaneViews(*m_device, source, m_colorLut);
     Conversion conversion = {{planeViews.begin(), planeViews.end()},
                              MakePlaneTargets(*m_device, destination)};

@@ -57,7 +57,7 @@ void D11FrameDraw::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
         return CreateFilledBuffer(m_device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());
     };
     const FrameDrawing wanted =
-        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+        MakeFrameDrawing(source.desc, HasArrays(source), GetChromaFilter(), drawing.image,
                          GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
     const FrameShaderKey& key = wanted.shader;
     D11FramePass& pass =

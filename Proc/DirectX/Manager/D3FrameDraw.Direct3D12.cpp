@@ -61,7 +61,7 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12CommandAllocator>& alloc
     const Drawing drawing = Check(source, target.get(), params, location);
     ThrowUnless<DirectX12Exception>(allocator != nullptr, "There is no command allocator");
     const auto [frame, key] =
-        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+        MakeFrameDrawing(source.desc, HasArrays(source), GetChromaFilter(), drawing.image,
                          GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
     D12FramePass& pass = GetPass(key);
     const D12PlanesOfOneDraw planes(*pass.planes, MakePlaneViews(*m_device, source, m_colorLut));
@@ -83,7 +83,7 @@ void D12FrameDraw::Encode(const boost::intrusive_ptr<D12GraphicsCommandList>& li
         return;
     }
     const auto [frame, key] =
-        MakeFrameDrawing(source.desc, GetChromaFilter(), drawing.image,
+        MakeFrameDrawing(source.desc, HasArrays(source), GetChromaFilter(), drawing.image,
                          GetLutDimensions(m_colorLut), GetToneMapping(), drawing.conversion);
     D12FramePass& pass = GetPass(key);
     const D12DrawEvent event = pass.pipeline.BeginEvent(state);

@@ -60,7 +60,7 @@ void D11FramePeak::Passes::SetSize(D11Device& device, const Size2DT<long>& wante
 D11FramePeak::Passes::Step
 D11FramePeak::Passes::MakeStep(const boost::intrusive_ptr<D11Device>& device, const D11Frame& from,
                                Level& level) {
-    const FrameShaderKey key = MakeFramePeakKey(from.desc);
+    const FrameShaderKey key = MakeFramePeakKey(from.desc, HasArrays(from));
     const D3FrameParams params = MakeFrameParams(from.desc);
     const auto make = [&](std::span<const std::uint8_t> bytes) {
         return CreateFilledBuffer(device, D3D11_BIND_CONSTANT_BUFFER, bytes.data(), bytes.size());

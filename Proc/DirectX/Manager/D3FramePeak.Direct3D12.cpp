@@ -79,7 +79,7 @@ void D12FramePeak::Passes::SetSize(D12Device& device, const Size2DT<long>& wante
 D12FramePeak::Passes::Step
 D12FramePeak::Passes::MakeStep(const boost::intrusive_ptr<D12Device>& device, const D12Frame& from,
                                Level& level) {
-    const FrameShaderKey key = MakeFramePeakKey(from.desc);
+    const FrameShaderKey key = MakeFramePeakKey(from.desc, HasArrays(from));
     D12FramePass& pass = Get(key, [&] {
         auto made =
             std::make_unique<D12FramePass>(device, kPeakEvent, std::string(Shaders::kQuadVertex),

@@ -151,10 +151,9 @@ bool IsPlain(const Proc::ColorAlphaConversionInfo& conversion) {
            !isDivided;
 }
 
-// Of a pass.
-FrameShaderKey MakeFrameCodesKey(const D3FrameDesc& source, const D3FrameDesc& target,
+// Of a pass, from the source's.
+FrameShaderKey MakeFrameCodesKey(FrameShaderKey key, const D3FrameDesc& target,
                                  const FramePass& pass, const FrameConvertParams& params) {
-    FrameShaderKey key = MakeFrameSourceKey(source, params.chromaFilter);
     key.targets = pass.planeCount;
     key.channels = pass.firstPlane != 0 ? 2 : target.GetChromaStep() == Size2DT<long>{1, 1} ? 3 : 1;
     if (pass.firstPlane != 0) {
@@ -180,8 +179,9 @@ void SetToneMapping(FrameShaderKey& key, D3FrameParams& params, const D3ToneMapp
 
 } // namespace
 
-FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, ChromaFilter filter) {
+FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, bool hasArrays, ChromaFilter filter) {
     FrameShaderKey key;
+    key.hasArrays = hasArrays;
     key.sourcePlanes = source.GetPlaneCount();
     if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
         key.chroma = GetFrameChroma(source, filter);
@@ -209,13 +209,14 @@ D3FrameParams MakeFrameParams(const D3FrameDesc& source) {
     return params;
 }
 
-FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilter,
+FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, bool hasArrays, ChromaFilter chromaFilter,
                               const D3ImageParams& image, unsigned lutDimensions,
                               const D3ToneMapping& tones,
                               const std::optional<Proc::ColorAlphaConversionInfo>& conversion) {
     FrameDrawing drawing{MakeFrameParams(source), {}};
     FrameShaderKey& key = drawing.shader;
     key.sourcePlanes = source.GetPlaneCount();
+    key.hasArrays = hasArrays;
     key.chroma = GetFrameChroma(source, chromaFilter);
     key.conversion.emplace(image);
     key.lutDimensions = lutDimensions;
@@ -225,12 +226,8 @@ FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilt
     return drawing;
 }
 
-FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source) {
-    FrameShaderKey key;
-    key.sourcePlanes = source.GetPlaneCount();
-    if (source.GetChromaStep() != Size2DT<long>{1, 1}) {
-        key.chroma = FrameChroma::Bilinear;
-    }
+FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source, bool hasArrays) {
+    FrameShaderKey key = MakeFrameSourceKey(source, hasArrays, ChromaFilter::Bilinear);
     key.measuresPeak = true;
     return key;
 }
@@ -245,8 +242,9 @@ std::vector<Size2DT<long>> GetPeakSizes(Size2DT<long> source) {
     return sizes;
 }
 
-FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
-                                    const FrameConvertParams& params, unsigned lutDimensions) {
+FrameConversion MakeFrameConversion(const D3FrameDesc& source, bool hasArrays,
+                                    const D3FrameDesc& target, const FrameConvertParams& params,
+                                    unsigned lutDimensions) {
     Proc::ColorAlphaConversionInfo info{params.conversion, source.alpha, target.alpha};
     info.source = source.colorSpace;
     info.target = target.colorSpace;
@@ -254,6 +252,7 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
                          GetToneStages(params.toneMapping, info).curve == FrameTone::Rational;
     const Affine ofColors = MakeCodesOfColors(target);
     const Affine codes = isPlain ? Compose(MakeColorsOfSamples(source), ofColors) : ofColors;
+    const FrameShaderKey sourceKey = MakeFrameSourceKey(source, hasArrays, params.chromaFilter);
     FrameConversion conversion;
     conversion.image = D3ImageRenderer::MakeParams({}, info);
     conversion.passes = GetFramePasses(target);
@@ -261,7 +260,7 @@ FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc
         SetFramePass(conversion.frames.emplace_back(MakeFrameParams(source)), codes,
                      target.GetCodes(), pass);
         FrameShaderKey& key =
-            conversion.shaders.emplace_back(MakeFrameCodesKey(source, target, pass, params));
+            conversion.shaders.emplace_back(MakeFrameCodesKey(sourceKey, target, pass, params));
         if (!isPlain) {
             key.conversion.emplace(conversion.image);
             key.lutDimensions = lutDimensions;
@@ -316,8 +315,9 @@ const char* FindFrameMistake(const D3FrameDesc& frame, const FrameTextures& text
 }
 
 std::string GetFrameSourceMacros(const FrameShaderKey& key) {
-    return fmt::format("#define SOURCE_PLANES {}\n#define CHROMA_PLACES {}\n", key.sourcePlanes,
-                       static_cast<unsigned>(key.chroma));
+    return fmt::format("#define SOURCE_PLANES {}\n#define CHROMA_PLACES {}\n{}", key.sourcePlanes,
+                       static_cast<unsigned>(key.chroma),
+                       key.hasArrays ? "#define SOURCE_ARRAY\n" : "");
 }
 
 std::string GetFrameShader(const FrameShaderKey& key) {

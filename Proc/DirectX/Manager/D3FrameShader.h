@@ -55,6 +55,7 @@ enum class FrameChroma : std::uint32_t { OnLuma = 0, Bilinear = 1, CatmullRom = 
 // GetFrameShader writes for it.
 struct FrameShaderKey {
     unsigned sourcePlanes = 1;
+    bool hasArrays = false; // the source's textures are viewed as arrays
     FrameChroma chroma = FrameChroma::OnLuma;
     std::optional<D3ConversionKey> conversion = {}; // none: the codes are sums of samples
     // Of a pass of a converter; without targets, of a drawer.
@@ -72,7 +73,7 @@ struct FrameShaderKey {
 };
 
 // Of a shader that reads a frame at its own pixels.
-FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, ChromaFilter filter);
+FrameShaderKey MakeFrameSourceKey(const D3FrameDesc& source, bool hasArrays, ChromaFilter filter);
 // What FrameSource.hlsl is told of it, and before that the macros which it needs.
 D3FrameParams MakeFrameParams(const D3FrameDesc& source);
 std::string GetFrameSourceMacros(const FrameShaderKey& key);
@@ -101,13 +102,13 @@ struct FrameDrawing {
     D3FrameParams frame;
     FrameShaderKey shader;
 };
-FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, ChromaFilter chromaFilter,
+FrameDrawing MakeFrameDrawing(const D3FrameDesc& source, bool hasArrays, ChromaFilter chromaFilter,
                               const D3ImageParams& image, unsigned lutDimensions,
                               const D3ToneMapping& tones,
                               const std::optional<Proc::ColorAlphaConversionInfo>& conversion);
 
 // Of who measures the peak of a frame: a shader, and the sizes that it leaves, pass by pass.
-FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source);
+FrameShaderKey MakeFramePeakKey(const D3FrameDesc& source, bool hasArrays);
 std::vector<Size2DT<long>> GetPeakSizes(Size2DT<long> source);
 
 // What the shaders of a converter are told.
@@ -117,8 +118,9 @@ struct FrameConversion {
     std::vector<D3FrameParams> frames;   // one a pass
     std::vector<FrameShaderKey> shaders; // one a pass
 };
-FrameConversion MakeFrameConversion(const D3FrameDesc& source, const D3FrameDesc& target,
-                                    const FrameConvertParams& params, unsigned lutDimensions);
+FrameConversion MakeFrameConversion(const D3FrameDesc& source, bool hasArrays,
+                                    const D3FrameDesc& target, const FrameConvertParams& params,
+                                    unsigned lutDimensions);
 // Whether the shaders have it: from no linear light, and to none with BT.2020's primaries.
 bool CanConvert(const Conf::RGBColorSpace& source, const Conf::RGBColorSpace& target);
 // "The frame's colors cannot be converted to these", "The luminances of the tone mapping are out of

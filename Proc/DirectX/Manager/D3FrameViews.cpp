@@ -39,14 +39,20 @@ ViewDesc MakePlaneDesc(const PlanePlace& place) {
     return desc;
 }
 
-D3D12_SHADER_RESOURCE_VIEW_DESC DescribeView12(const PlanePlace& place) {
+D3D12_SHADER_RESOURCE_VIEW_DESC DescribeView12(const PlanePlace& place, bool hasArrays) {
     auto desc = MakePlaneDesc<D3D12_SHADER_RESOURCE_VIEW_DESC>(place);
-    desc.ViewDimension = D3D12_SRV_DIMENSION_TEXTURE2DARRAY;
     desc.Shader4ComponentMapping = D3D12_DEFAULT_SHADER_4_COMPONENT_MAPPING;
-    desc.Texture2DArray.MipLevels = 1;
-    desc.Texture2DArray.FirstArraySlice = place.slice;
-    desc.Texture2DArray.ArraySize = 1;
-    desc.Texture2DArray.PlaneSlice = place.plane;
+    if (hasArrays) {
+        desc.ViewDimension = D3D12_SRV_DIMENSION_TEXTURE2DARRAY;
+        desc.Texture2DArray.MipLevels = 1;
+        desc.Texture2DArray.FirstArraySlice = place.slice;
+        desc.Texture2DArray.ArraySize = 1;
+        desc.Texture2DArray.PlaneSlice = place.plane;
+    } else {
+        desc.ViewDimension = D3D12_SRV_DIMENSION_TEXTURE2D;
+        desc.Texture2D.MipLevels = 1;
+        desc.Texture2D.PlaneSlice = place.plane;
+    }
     return desc;
 }
 
@@ -65,12 +71,17 @@ D3D12_RENDER_TARGET_VIEW_DESC DescribeTarget12(const PlanePlace& place) {
 }
 
 // On Direct3D 11 the format of a view chooses the plane.
-D3D11_SHADER_RESOURCE_VIEW_DESC DescribeView11(const PlanePlace& place) {
+D3D11_SHADER_RESOURCE_VIEW_DESC DescribeView11(const PlanePlace& place, bool hasArrays) {
     auto desc = MakePlaneDesc<D3D11_SHADER_RESOURCE_VIEW_DESC>(place);
-    desc.ViewDimension = D3D11_SRV_DIMENSION_TEXTURE2DARRAY;
-    desc.Texture2DArray.MipLevels = 1;
-    desc.Texture2DArray.FirstArraySlice = place.slice;
-    desc.Texture2DArray.ArraySize = 1;
+    if (hasArrays) {
+        desc.ViewDimension = D3D11_SRV_DIMENSION_TEXTURE2DARRAY;
+        desc.Texture2DArray.MipLevels = 1;
+        desc.Texture2DArray.FirstArraySlice = place.slice;
+        desc.Texture2DArray.ArraySize = 1;
+    } else {
+        desc.ViewDimension = D3D11_SRV_DIMENSION_TEXTURE2D;
+        desc.Texture2D.MipLevels = 1;
+    }
     return desc;
 }
 
@@ -158,9 +169,11 @@ D12PlanesOfOneDraw::D12PlanesOfOneDraw(D12ViewTable& table,
 
 D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame,
                              const boost::intrusive_ptr<D12ColorLut>& lut) {
+    const bool hasArrays = HasArrays(frame);
     D12PlaneViews views;
     ForEachPlane(frame, [&](unsigned index, const PlanePlace& place, const auto& texture) {
-        views.at(index) = device.CreateShaderResourceView(texture, DescribeView12(place));
+        views.at(index) =
+            device.CreateShaderResourceView(texture, DescribeView12(place, hasArrays));
     });
     for (std::size_t i = frame.desc.GetPlaneCount(); i < views.size(); ++i) {
         views.at(i) = views[0];
@@ -173,9 +186,11 @@ D12PlaneViews MakePlaneViews(D12Device& device, const D12Frame& frame,
 
 D11PlaneViews MakePlaneViews(D11Device& device, const D11Frame& frame,
                              const boost::intrusive_ptr<D11ColorLut>& lut) {
+    const bool hasArrays = HasArrays(frame);
     D11PlaneViews views;
     ForEachPlane(frame, [&](unsigned index, const PlanePlace& place, const auto& texture) {
-        views.at(index) = device.CreateShaderResourceView(texture, DescribeView11(place));
+        views.at(index) =
+            device.CreateShaderResourceView(texture, DescribeView11(place, hasArrays));
     });
     for (std::size_t i = frame.desc.GetPlaneCount(); i < views.size(); ++i) {
         views.at(i) = views[0];

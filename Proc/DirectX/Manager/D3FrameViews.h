@@ -4,6 +4,7 @@
 // description (CheckFrame in D3FrameShader.h). Any thread. Throws what the devices throw when they
 // make views.
 
+#include <algorithm>
 #include <array>
 #include <span>
 #include <vector>
@@ -20,6 +21,13 @@
 #include "Proc/DirectX/Manager/D3FrameShader.h"
 
 namespace Norvex::DX {
+
+// Whether a texture of the frame has slices: all are viewed as arrays then.
+template <class Frame>
+bool HasArrays(const Frame& frame) {
+    return std::ranges::any_of(DescribeTextures(frame),
+                               [](const FrameTexture& texture) { return texture.slices > 1; });
+}
 
 // t0 to t2, and t3 for a color LUT; where there are fewer the first plane stands for them.
 using D12PlaneViews = std::array<boost::intrusive_ptr<D12Descriptor>, 4>;

@@ -134,7 +134,7 @@ void D11Scaler::Encode(const boost::intrusive_ptr<D11DeviceContext>& context,
 }
 
 D11Scaler::Source D11Scaler::MakeSource(const D11Frame& source, ChromaFilter filter) {
-    const FrameShaderKey key = MakeFrameSourceKey(source.desc, filter);
+    const FrameShaderKey key = MakeFrameSourceKey(source.desc, HasArrays(source), filter);
     auto& [shader, constants] = m_frames->Get(key, [&] {
         auto made = std::make_unique<D11ScalerFramePass>();
         made->shader = MakeScalerShader(m_device, ScalerPass::Rows, &key);

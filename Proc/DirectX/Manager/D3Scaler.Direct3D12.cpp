@@ -240,7 +240,8 @@ D12Scaler::Source D12Scaler::MakeSource(const boost::intrusive_ptr<D12Descriptor
 }
 
 D12Scaler::Source D12Scaler::MakeSource(const D12Frame& source, const ScaleParams& params) {
-    const FrameShaderKey key = MakeFrameSourceKey(source.desc, params.chromaFilter);
+    const FrameShaderKey key =
+        MakeFrameSourceKey(source.desc, HasArrays(source), params.chromaFilter);
     Pass& pass = m_passes->rowsOfFrames.Get(
         key, [&] { return std::make_unique<Pass>(m_device, ScalerPass::Rows, &key); });
     const D12PlaneViews planes = MakePlaneViews(*m_device, source, nullptr);

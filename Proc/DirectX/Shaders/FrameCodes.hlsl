@@ -48,12 +48,12 @@ int2 FirstTap( int2 at )
 
 float4 MeanOfRow( int2 from )
 {
-    float4 mean = LoadTap( Inside( from, lastLuma ).xy );
+    float4 mean = LoadTap( Inside( from, lastLuma ) );
 #if TAPS_ACROSS == 2
-    mean = ( mean + LoadTap( Inside( from + int2( 1, 0 ), lastLuma ).xy ) ) * 0.5;
+    mean = ( mean + LoadTap( Inside( from + int2( 1, 0 ), lastLuma ) ) ) * 0.5;
 #elif TAPS_ACROSS == 3
-    mean = ( mean + LoadTap( Inside( from + int2( 2, 0 ), lastLuma ).xy ) ) * 0.25 +
-           LoadTap( Inside( from + int2( 1, 0 ), lastLuma ).xy ) * 0.5;
+    mean = ( mean + LoadTap( Inside( from + int2( 2, 0 ), lastLuma ) ) ) * 0.25 +
+           LoadTap( Inside( from + int2( 1, 0 ), lastLuma ) ) * 0.5;
 #endif
     return mean;
 }
@@ -91,7 +91,7 @@ float4 MeanOfTaps( int2 at )
     {
         [loop]
         for ( int x = 0; x < TAPS_ACROSS; ++x )
-            sum += LoadTap( Inside( from + int2( x, y ), lastLuma ).xy ) *
+            sum += LoadTap( Inside( from + int2( x, y ), lastLuma ) ) *
                    ( TapWeight( x, TAPS_ACROSS ) * TapWeight( y, TAPS_DOWN ) );
     }
     return sum;

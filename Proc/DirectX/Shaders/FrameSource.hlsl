@@ -2,7 +2,7 @@
 // at 0.5. All is computed in single precision from samples as they are, since a sampler weighs with
 // few bits.
 //
-// A shader is made for one kind of frame: SOURCE_PLANES, and CHROMA_PLACES, which says how chroma is
+// A shader is made for one kind of frame: SOURCE_PLANES, SOURCE_ARRAY, and CHROMA_PLACES, which says how chroma is
 // found at the place of a luma sample.
 
 #define CHROMA_ON_LUMA 0 // as many samples as luma has
@@ -36,22 +36,29 @@ cbuffer FrameBuffer: register( b1 )
     float toneBrightest;
 };
 
-// Texture arrays, of which the views have one slice. Planes that a frame lacks are its first.
-Texture2DArray plane0: register( t0 );
-Texture2DArray plane1: register( t1 );
-Texture2DArray plane2: register( t2 );
+// Of texture arrays the views have one slice. Planes that a frame lacks are its first.
+#ifdef SOURCE_ARRAY
+#define PLANE Texture2DArray
+#define TEXEL( at ) int4( at, 0, 0 )
+#else
+#define PLANE Texture2D
+#define TEXEL( at ) int3( at, 0 )
+#endif
+PLANE plane0: register( t0 );
+PLANE plane1: register( t1 );
+PLANE plane2: register( t2 );
 
 // Nearer to a sample than this is on it: coordinates are not exact.
 static const float ON_SAMPLE = 1.0 / 1024.0;
 
-int4 Inside( int2 at, int2 last )
+int2 Inside( int2 at, int2 last )
 {
-    return int4( min( max( at, int2( 0, 0 ) ), last ), 0, 0 );
+    return min( max( at, int2( 0, 0 ) ), last );
 }
 
 float4 LoadFirst( int2 at )
 {
-    return plane0.Load( Inside( at, lastLuma ) );
+    return plane0.Load( TEXEL( Inside( at, lastLuma ) ) );
 }
 
 // The sample before a place, as a float; and how far behind it the place is, 0 to 1.
@@ -83,9 +90,9 @@ float4 InterpolateFirst( float2 place )
 
 float2 LoadChroma( int2 at )
 {
-    float2 chroma = plane1.Load( Inside( at, lastChroma ) ).xy;
+    float2 chroma = plane1.Load( TEXEL( Inside( at, lastChroma ) ) ).xy;
 #if SOURCE_PLANES > 2
-    chroma.y = plane2.Load( Inside( at, lastChroma ) ).x;
+    chroma.y = plane2.Load( TEXEL( Inside( at, lastChroma ) ) ).x;
 #endif
     return chroma;
 }
@@ -165,7 +172,7 @@ float4 SampleFrame( float2 place )
 // Of a pixel inside the frame.
 float4 LoadFrame( int2 at )
 {
-    float4 samples = plane0.Load( int4( at, 0, 0 ) );
+    float4 samples = plane0.Load( TEXEL( at ) );
 #if SOURCE_PLANES > 1 && CHROMA_PLACES == CHROMA_ON_LUMA
     samples = float4( samples.x, LoadChroma( at ), 1.0 );
 #else

@@ -5,7 +5,6 @@
 
 #include "Proc/DirectX/Manager/D11ImageDraw.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
-#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "apps/norvexdx/graphics/Pieces11.h"
@@ -93,11 +92,10 @@ private:
     // What a frame in flight uses; kept for the next one.
     struct Slot {
         std::optional<Timer> timer;
-        std::array<Texture, 3> upload;                        // staging, of the source's size
-        std::array<Picture, 3> source;                        // a picture, or a plane each
-        boost::intrusive_ptr<DX::D11RenderTexture2D> picture; // of planes that are scaled, or null
-        boost::intrusive_ptr<DX::D11RenderTexture2D> canvas;  // null before a frame is drawn
-        std::array<Texture, 3> planes;                        // of a planar texture only the first
+        std::array<Texture, 3> upload;                       // staging, of the source's size
+        std::array<Picture, 3> source;                       // a picture, or a plane each
+        boost::intrusive_ptr<DX::D11RenderTexture2D> canvas; // null before a frame is drawn
+        std::array<Texture, 3> planes;                       // of a planar texture only the first
         std::array<Texture, 3> readback;
     };
 
@@ -142,8 +140,8 @@ private:
         if (IsDrawn(frame) && !slot.canvas) {
             slot.canvas = MakeCanvas(GetParams().size);
         }
-        if (IsDrawn(frame) && GetParams().onePass) {
-            PrepareScaling(slot, frame);
+        if (IsDrawn(frame) && GetParams().onePass && !m_scaler) {
+            m_scaler.reset(new DX::D11Scaler(m_device));
         }
     }
 
@@ -157,19 +155,6 @@ private:
                 MakeStagingDesc11(plane.size, plane.format, D3D11_CPU_ACCESS_WRITE), nullptr);
             source = DX::D11ShaderTexture2D::Create(
                 m_device, MakeTextureDesc11(plane.size, plane.format), nullptr);
-        }
-    }
-
-    // What scaling alone needs, made when a frame first does; all planes of a clip have one size.
-    void PrepareScaling(Slot& slot, const ClipFrame& frame) {
-        if (!m_scaler) {
-            m_scaler.reset(new DX::D11Scaler(m_device));
-        }
-        if (frame.desc && !m_frameDraw) {
-            m_frameDraw.reset(new DX::D11FrameDraw(m_device));
-        }
-        if (frame.desc && !slot.picture) {
-            slot.picture = MakeCanvas(frame.GetSize());
         }
     }
 
@@ -235,14 +220,8 @@ private:
 
     void Scale(const Context& context, const Slot& slot, const ClipFrame& frame,
                const DX::D11Frame& source) {
-        Picture picture = slot.source[0];
-        if (!source.desc.IsRGB()) {
-            m_frameDraw->Encode(context, source, slot.picture,
-                                {.transform = DX::AffineTransform()});
-            picture.reset(new DX::D11ShaderTexture2D(slot.picture->GetTexture(), std::nullopt));
-        }
         context->ClearRenderTargetView(slot.canvas->GetView(), kBlack);
-        m_scaler->Encode(context, picture, slot.canvas, GetScaling(frame));
+        m_scaler->Encode(context, source, slot.canvas, GetScaling(frame));
     }
 
     void ConvertInTwoPasses(const Context& context, const Slot& slot, bool isDrawn) {
@@ -323,7 +302,6 @@ private:
     boost::intrusive_ptr<DX::D11YUVConverter> m_converter; // null in one
     boost::intrusive_ptr<DX::D11FrameConverter> m_onePass; // null in two
     boost::intrusive_ptr<DX::D11Scaler> m_scaler;          // null before it is needed
-    boost::intrusive_ptr<DX::D11FrameDraw> m_frameDraw;    // null before it is needed
     std::array<Slot, kSlots> m_slots;
 };
 

@@ -10,7 +10,6 @@
 #include "Proc/DirectX/Manager/D3D12Renderer.h"
 #include "Proc/DirectX/Manager/D3D12TexturePool.h"
 #include "Proc/DirectX/Manager/D3FrameConverter.h"
-#include "Proc/DirectX/Manager/D3FrameDraw.h"
 #include "Proc/DirectX/Manager/D3Scaler.h"
 #include "Proc/DirectX/Manager/D3YUVConverter.h"
 #include "Proc/DirectX/Manager/Exceptions.h"
@@ -58,7 +57,6 @@ private:
     // alive.
     struct Work {
         std::array<Texture, 3> source; // a picture, or a plane each
-        Texture picture;               // null when the frame is not scaled, or is one
         Texture canvas;                // null when the frame is not drawn
         std::array<Texture, 3> planes; // of a planar texture only the first
         boost::intrusive_ptr<DX::D12Buffer> readback;
@@ -131,8 +129,8 @@ private:
         Work work;
         ObtainSource(frame, work);
         work.canvas = IsDrawn(frame) ? m_canvasPool->ObtainTexture() : nullptr;
-        if (work.canvas && GetParams().onePass) {
-            PrepareScaling(frame, work);
+        if (work.canvas && GetParams().onePass && !m_scaler) {
+            m_scaler.reset(new DX::D12Scaler(m_device));
         }
         for (std::size_t i = 0; i < work.planes.size(); ++i) {
             work.planes[i] = m_planePools[i] ? m_planePools[i]->ObtainTexture() : nullptr;
@@ -202,20 +200,6 @@ private:
         }
     }
 
-    // What scaling alone needs, made when a frame first does; all planes of a clip have one size.
-    void PrepareScaling(const ClipFrame& frame, Work& work) {
-        if (!m_scaler) {
-            m_scaler.reset(new DX::D12Scaler(m_device));
-        }
-        if (frame.desc && !m_frameDraw) {
-            m_frameDraw.reset(new DX::D12FrameDraw(m_device));
-            m_picturePool = DX::D12Texture2DPool::Create(
-                m_device,
-                MakeTextureDesc12(frame.GetSize(), GetTextures().canvasFormat, kCanvasState, true));
-        }
-        work.picture = frame.desc ? m_picturePool->ObtainTexture() : nullptr;
-    }
-
     static void RecordUpload(DX::D12GraphicsCommandList& list, const Work& work,
                              const ClipFrame& frame) {
         const std::vector<PlaneRows> planes = GetPlaneRows(frame);
@@ -259,23 +243,7 @@ private:
                        const DX::D12Frame& source) {
         const auto target = m_device->CreateRenderTargetView(work.canvas->GetResource());
         list->ClearRenderTargetView(target, kBlack, {});
-        if (work.picture) {
-            RecordPicture(list, source, work);
-        }
-        const auto& picture = work.picture ? work.picture : work.source[0];
-        m_scaler->Encode(list, m_device->CreateTextureShaderResourceView(picture->GetResource()),
-                         target, GetScaling(frame));
-        if (work.picture) {
-            list->ResourceBarrier({Transition(picture->GetResource(), kReadable, kCanvasState)});
-        }
-    }
-
-    // A frame in Y'CbCr as a picture, which scaling takes.
-    void RecordPicture(const List& list, const DX::D12Frame& source, const Work& work) {
-        const auto picture = work.picture->GetResource();
-        m_frameDraw->Encode(list, source, m_device->CreateRenderTargetView(picture),
-                            {.transform = DX::AffineTransform()});
-        list->ResourceBarrier({Transition(picture, kCanvasState, kReadable)});
+        m_scaler->Encode(list, source, target, GetScaling(frame));
     }
 
     void RecordTwoPasses(const List& list, const Work& work, const ClipFrame& frame) {
@@ -344,12 +312,10 @@ private:
 
     boost::intrusive_ptr<DX::D12Device> m_device;
     boost::intrusive_ptr<DX::D12CommandQueue> m_queue;
-    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;            // of two passes, as the next
-    boost::intrusive_ptr<DX::D12YUVConverter> m_converter;    // null in one
-    boost::intrusive_ptr<DX::D12FrameConverter> m_onePass;    // null in two
-    boost::intrusive_ptr<DX::D12Scaler> m_scaler;             // null before it is needed
-    boost::intrusive_ptr<DX::D12FrameDraw> m_frameDraw;       // null before it is needed
-    boost::intrusive_ptr<DX::D12Texture2DPool> m_picturePool; // null before it is needed
+    boost::intrusive_ptr<DX::D12ImageDraw> m_draw;         // of two passes, as the next
+    boost::intrusive_ptr<DX::D12YUVConverter> m_converter; // null in one
+    boost::intrusive_ptr<DX::D12FrameConverter> m_onePass; // null in two
+    boost::intrusive_ptr<DX::D12Scaler> m_scaler;          // null before it is needed
     std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 3> m_sourcePools; // of the last frame
     boost::intrusive_ptr<DX::D12Texture2DPool> m_canvasPool;
     std::array<boost::intrusive_ptr<DX::D12Texture2DPool>, 3> m_planePools;
