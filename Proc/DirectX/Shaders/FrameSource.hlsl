@@ -2,8 +2,8 @@
 // at 0.5. All is computed in single precision from samples as they are, since a sampler weighs with
 // few bits.
 //
-// A shader is made for one kind of frame: SOURCE_PLANES, SOURCE_ARRAY, and CHROMA_PLACES, which says how chroma is
-// found at the place of a luma sample.
+// A shader is made for one kind of frame: SOURCE_PLANES; SOURCE_ARRAY, where the textures are viewed
+// as arrays; and CHROMA_PLACES, which says how chroma is found at the place of a luma sample.
 
 #define CHROMA_ON_LUMA 0 // as many samples as luma has
 #define CHROMA_BILINEAR 1

@@ -253,8 +253,7 @@ DX::ScaleParams FrameEncoder::GetScaling(const ClipFrame& frame) const {
     const long left = (width - size.width) / 2;
     const long top = (height - size.height) / 2;
     return {.kernel = m_params.onePass->kernel,
-            .rect = DX::Rect2DT<long>{left, top, left + size.width, top + size.height},
-            .alphaType = DescribeSource(frame).alpha};
+            .rect = DX::Rect2DT<long>{left, top, left + size.width, top + size.height}};
 }
 
 DX::FrameConvertParams FrameEncoder::GetConversion() const {
