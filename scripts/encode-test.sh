@@ -91,28 +91,33 @@ turns_hdr_into_sdr() {
     expect "PSNR of luma against zscale" "${psnr%% *}" '>' "$kMinPsnr"
 }
 
+# encodes_to_the_end: writes the exit code that Windows' programs see; that of Wine's process is another one
+# now and then, where threads of the driver end at the same time.
+encodes_to_the_end() {
+    timeout 60 "$here/wine-run" cmd.exe /v:on /c \
+        "Z:${program//\//\\} encode - --size $size --format nv12 -o - 2>err & echo !errorlevel!>status"
+}
+
 # A reader that goes away ends it with one line, even while the input neither goes on nor ends.
 ends_with_reader() {
-    local status=0
     mkfifo stalled
     sleep 30 >stalled &
     local sleeper=$!
-    { clip && cat stalled; } | { encode - --size "$size" --format nv12 -o - 2>err || echo $? >status; } | head -c 1000 >part &
+    { clip && cat stalled; } | encodes_to_the_end | head -c 1000 >part &
     local began=$SECONDS
     until [ -s status ] || [ $((SECONDS - began)) -gt 20 ]; do sleep 0.1; done
     kill "$sleeper"
     wait || true
-    status=$(cat status)
-    expect "exit status" "$status" == 1
+    expect "exit status" "$(tr -d '\r' <status)" == 1
     expect "bytes that were read" "$(stat -c %s part)" == 1000
     [ "$(cat err)" = "norvexdx: whoever reads standard output has closed it" ] || { cat err; return 1; }
 }
 
 # A disk that is full behind standard output, where the system has one.
 ends_with_full_disk() {
-    local status=0
-    clip | encode - --size "$size" --format nv12 -o - >/dev/full 2>err || status=$?
-    expect "exit status" "$status" == 1
+    rm -f status
+    clip | encodes_to_the_end >/dev/full || true
+    expect "exit status" "$(tr -d '\r' <status)" == 1
     [ "$(cat err)" = "norvexdx: cannot write to standard output" ] || { cat err; return 1; }
 }
 
@@ -154,7 +159,6 @@ refuses_what_is_too_large() {
     for kind in jpg tiff; do
         ffmpeg -v error -f lavfi -i color=red:size=97x113 -vf "format=$([ $kind = tiff ] && echo rgb24 || echo yuvj420p)" \
             -frames:v 1 -update 1 "whole.$kind"
-        convert "whole.$kind" out.png >/dev/null
         LC_ALL=C sed -e 's/\x00\x71\x00\x61/\xff\xff\xff\xff/' -e 's/\x61\x00\x00\x00/\xff\xff\x00\x00/' \
             -e 's/\x71\x00\x00\x00/\xff\xff\x00\x00/' "whole.$kind" >"large.$kind"
         fails_with "65535 x 65535 pixels is larger than the device" convert "large.$kind" out.png

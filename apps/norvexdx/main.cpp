@@ -13,6 +13,7 @@
 #include "apps/norvexdx/commands/ViewCommand.h"
 #include "apps/norvexdx/console/CommandLine.h"
 #include "apps/norvexdx/console/Console.h"
+#include "apps/norvexdx/console/ProcessEnd.h"
 #include "apps/norvexdx/pictures/OutputFile.h"
 
 #include <shellapi.h>
@@ -81,10 +82,10 @@ ExitCode Run() {
 int main() {
     using namespace Norvex::App;
     try {
-        return static_cast<int>(Run());
+        return EndProcess(Run());
     } catch (...) {
         const FailureReport report = DescribeFailure(std::current_exception());
         Console::PrintMessage(report.line);
-        return static_cast<int>(report.exitCode);
+        return EndProcess(report.exitCode);
     }
 }

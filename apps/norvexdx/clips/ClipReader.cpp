@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "apps/norvexdx/console/Failure.h"
+#include "apps/norvexdx/console/ProcessEnd.h"
 
 namespace Norvex::App {
 
@@ -103,7 +104,7 @@ ClipReader::~ClipReader() {
     if (m_canSeek) {
         m_thread.join();
     } else {
-        m_thread.detach();
+        LeaveThread(std::move(m_thread));
     }
 }
 

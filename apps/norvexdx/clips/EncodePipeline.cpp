@@ -1,8 +1,10 @@
 #include "apps/norvexdx/clips/EncodePipeline.h"
 
 #include <thread>
+#include <utility>
 
 #include "apps/norvexdx/clips/BoundedQueue.h"
+#include "apps/norvexdx/console/ProcessEnd.h"
 
 namespace Norvex::App {
 
@@ -120,9 +122,8 @@ EncodeTotals RunPipeline(const std::shared_ptr<FrameSource>& source, FrameEncode
     }
     const auto failure = line->GetFailure();
     if (reader.joinable()) {
-        // A read from a pipe that nobody writes to cannot be called off: it ends with the process.
         if (failure) {
-            reader.detach();
+            LeaveThread(std::move(reader));
         } else {
             reader.join();
         }
