@@ -71,8 +71,11 @@ else()
     find_path(kDirectXHeaders directx/d3d12.h REQUIRED)
 endif()
 norvex_header_only_package(Microsoft::DirectX-Headers "${kDirectXHeaders}")
-# DirectX-Headers has more lines than GCC keeps columns of.
-target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
+if(NOT PROJECT_IS_TOP_LEVEL)
+    # The Direct3D headers have more lines than GCC keeps columns of, but for those that are read once
+    # (Platform.cmake).
+    target_compile_options(Microsoft::DirectX-Headers INTERFACE -flarge-source-files)
+endif()
 if(NOT TARGET Microsoft::DirectX-Guids)
     add_library(Microsoft::DirectX-Guids INTERFACE IMPORTED GLOBAL)
     target_link_libraries(Microsoft::DirectX-Guids INTERFACE dxguid uuid)

@@ -32,6 +32,20 @@ target_compile_definitions(norvex_platform INTERFACE
     GLOG_NO_ABBREVIATED_SEVERITIES) # the Windows headers have a macro ERROR of their own
 target_link_libraries(norvex_platform INTERFACE norvex_public fmt::fmt)
 
+if(MINGW)
+    # MinGW's headers of COM and Direct3D include each other before they look whether they were
+    # included already, so that GCC reads some of them a hundred times, and keeps a place for each
+    # line of each time. Then it has no room left for tokens' ends, and makes a table of millions of
+    # them, anew in each source: a second or more. These stand before them and are skipped by name.
+    set(once "${PROJECT_BINARY_DIR}/read-once")
+    foreach(header IN ITEMS _mingw d3d10 d3d11 d3dcommon dxgi oaidl objidl ocidl ole2 rpc rpcndr unknwn)
+        string(TOUPPER "NORVEX_READ_ONCE_${header}" guard)
+        file(CONFIGURE OUTPUT "${once}/${header}.h"
+            CONTENT "#ifndef ${guard}\n#define ${guard}\n#include_next <${header}.h>\n#endif\n" @ONLY)
+    endforeach()
+    target_include_directories(norvex_platform SYSTEM BEFORE INTERFACE "${once}")
+endif()
+
 if(NOT MSVC)
     # __FILE__ and std::source_location give paths relative to the project.
     target_compile_options(norvex_platform INTERFACE "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
