@@ -411,7 +411,7 @@ TEST_P(FaultTest, EachAllocationFailsOnce) {
         m_expected = Run(-1, {});
         count = OutOfMemory::CountAllocations();
     }
-    const double step = IsWhole() ? 1.0 : std::max(1.0, count / 10.0);
+    const double step = IsWhole() ? 1.0 : std::max(1.0, count / 6.0);
     for (double call = 0.0; call < count; call += step) {
         const int number = static_cast<int>(call + std::fmod(call * 0.618, step));
         SCOPED_TRACE(fmt::format("allocation {} of {}", number, count));

@@ -107,24 +107,21 @@ TEST_F(ProgramTest, DrawsWhatTheOptionsSay) {
     const std::size_t afterPictures = 95 * 22 * 4;
     EXPECT_GT(*std::max_element(pixels.begin() + afterPictures, pixels.end()), 96);
     // SMPTE ST 2084 of 203 cd/m2 is 0.580688881; and back.
-    Run("fill @out.png --size 2x2 --color FFFFFFFF");
-    expect("convert @out.png @out.png --from srgb --to rec2020-pq --depth 16",
+    Write("white.png", MakePlain(2, 2, {255, 255, 255, 255}));
+    expect("convert @white.png @out.png --from srgb --to rec2020-pq --depth 16",
            {{1, 1, {38055, 38055, 38055, 65535}}}, 8);
     Run("convert @out.png @out.png --source-alpha one");
     EXPECT_EQ(Read("out.png").colorSpace.value().transfer, Conf::TransferCharacteristics::PQ)
         << "what is not converted stays what it is";
     expect("convert @out.png @out.png --from rec2020-pq --to srgb --source-peak 203 --depth 8",
            {{1, 1, {255, 255, 255, 255}}}, 0);
-    // Of 49 cd/m2, which is below the knee, and just above the peak.
-    const std::string kToneMapped = "convert @out.png @out.png --from rec2020-pq --to srgb "
-                                    "--tone-map bt2390 --gamut soft";
-    Run("fill @out.png --size 2x2 --color 707070FF --depth 16");
-    expect(kToneMapped, {{1, 1, {34779, 34779, 34779, 65535}}}, 40);
-    Run("fill @out.png --size 2x2 --color C0C0C0FF");
-    expect(kToneMapped, {{1, 1, {255, 255, 255, 255}}}, 0);
+    // Of 49 cd/m2, which is below the knee.
+    Write("dark.png", MakePlain(2, 2, {112, 112, 112, 255}));
+    expect("convert @dark.png @out.png --from rec2020-pq --to srgb --tone-map bt2390 --gamut soft "
+           "--depth 16",
+           {{1, 1, {34779, 34779, 34779, 65535}}}, 40);
     // The brightest of a picture, or of a clip, becomes white. 173 of 255 are 509 cd/m2.
-    Run("fill @dark.png --size 2x2 --color 707070FF");
-    Run("fill @bright.png --size 2x2 --color ADADADFF");
+    Write("bright.png", MakePlain(2, 2, {173, 173, 173, 255}));
     const std::string kMeasured = " --from rec2020-pq --source-peak measured --json ";
     auto report = json::parse(Run("convert @bright.png @out.png --to srgb" + kMeasured));
     EXPECT_EQ(Read("out.png").pixels, Bytes(16, 255));

@@ -65,6 +65,17 @@ bool Faults::IsReasonDue() {
     return std::exchange(m_isReasonDue, false) || m_isLost;
 }
 
+Faults::Row::Row(Faults& owner, std::string call, void** place, void* function)
+    : faults(owner),
+      name(std::move(call)),
+      entry(place),
+      original(*place) {
+    StoreProtected(entry, function);
+}
+Faults::Row::~Row() {
+    StoreProtected(entry, original);
+}
+
 void Faults::Add(const std::string& name, HRESULT own, const Tellings& tellings) {
     Call& call = m_calls[name];
     call.own = own;

@@ -92,12 +92,12 @@ public:
             return original(arguments...);
         });
     }
-    // Of all objects of the class.
-    template <auto method, class Object>
-    void Interpose(Object* object, const std::string& name, const Tellings& tellings) {
-        using Signature = typename decltype(MakeSignature(method))::type;
-        Stand<MethodPatch<method, Signature, Faults>>(
-            object, name, S_OK, [](HRESULT result, auto...) { return result; }, tellings);
+    // Of all objects of the class. Most of the table: the compiler's work for each method is
+    // little.
+    template <auto method>
+    void Interpose(IUnknown* object, const std::string& name, const Tellings& tellings) {
+        Interpose<method>(*reinterpret_cast<void***>(object) + SlotOf(method), name, tellings,
+                          MakeSignature(method));
     }
     template <class Object>
     void InterposeQuery(Object* object, const std::string& name, const Tellings& tellings) {
@@ -148,6 +148,36 @@ private:
         Tellings tellings;
         HRESULT own = S_OK;
     };
+    struct Row : boost::noncopyable {
+        Row(Faults& owner, std::string call, void** place, void* function);
+        ~Row();
+
+        Faults& faults;
+        const std::string name;
+        void** const entry;
+        void* const original;
+    };
+
+    template <auto method, class Result, class... Args>
+    void Interpose(void** entry, const std::string& name, const Tellings& tellings,
+                   std::type_identity<Result(Args...)>) {
+        using Function = Result(WINAPI*)(Args...);
+        static Row* row = nullptr;
+        const Function function = [](Args... arguments) -> Result {
+            const auto original = reinterpret_cast<Function>(row->original);
+            if (t_isInCall) {
+                return original(arguments...);
+            }
+            const HRESULT result = row->faults.Take(row->name);
+            if (FAILED(result)) {
+                return result;
+            }
+            const InCall inCall;
+            return original(arguments...);
+        };
+        Add(name, S_OK, tellings);
+        row = &Keep<Row>(*this, name, entry, reinterpret_cast<void*>(function));
+    }
     void Add(const std::string& name, HRESULT own, const Tellings& tellings);
     // S_OK: the call is to be made.
     HRESULT Take(const std::string& name);
