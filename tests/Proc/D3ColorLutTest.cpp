@@ -105,6 +105,7 @@ TEST(D3ColorLutTest, FilesAreReadOrRefusedWithTheLine) {
     const std::pair<D3ColorLut, const char*> contradictions[] = {
         {{.dimensions = 2}, "A color LUT has one dimension or three"},
         {{.size = 1}, "The size of the color LUT is out of range"},
+        {{.dimensions = 1, .size = 65537}, "The size of the color LUT is out of range"},
         {{.size = 2, .entries = {{}, {}}}, "The color LUT has too few or too many entries"},
         {{.dimensions = 1, .size = 2, .domainMax = {0, 1, 1}, .entries = {{}, {}}},
          "The domain of the color LUT is empty"},
