@@ -163,7 +163,7 @@ private:
                    std::type_identity<Result(Args...)>) {
         using Function = Result(WINAPI*)(Args...);
         static Row* row = nullptr;
-        const Function function = [](Args... arguments) -> Result {
+        const auto call = [](Args... arguments) -> Result {
             const auto original = reinterpret_cast<Function>(row->original);
             if (t_isInCall) {
                 return original(arguments...);
@@ -176,7 +176,7 @@ private:
             return original(arguments...);
         };
         Add(name, S_OK, tellings);
-        row = &Keep<Row>(*this, name, entry, reinterpret_cast<void*>(function));
+        row = &Keep<Row>(*this, name, entry, reinterpret_cast<void*>(static_cast<Function>(call)));
     }
     void Add(const std::string& name, HRESULT own, const Tellings& tellings);
     // S_OK: the call is to be made.
